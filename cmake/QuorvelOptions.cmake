@@ -1,0 +1,54 @@
+# Options and the compile settings that every target of this tree shares.
+option(QUORVEL_BUILD_TESTS "Build the test programs" ${PROJECT_IS_TOP_LEVEL})
+option(QUORVEL_BUILD_EXAMPLES "Build the example host application" ${PROJECT_IS_TOP_LEVEL})
+option(QUORVEL_WARNINGS_AS_ERRORS "Treat compiler warnings as errors" OFF)
+option(QUORVEL_COVERAGE "Instrument for gcov" OFF)
+set(QUORVEL_SANITIZERS "" CACHE STRING "Value for -fsanitize=, empty for none")
+set(QUORVEL_HOST_LIBRARIES "" CACHE STRING
+    "The host's own utility libraries to build against (targets, or absolute library paths with \
+QUORVEL_HOST_INCLUDE_DIRS); empty uses the stand-ins under host/")
+set(QUORVEL_HOST_INCLUDE_DIRS "" CACHE STRING
+    "Include folders of the libraries in QUORVEL_HOST_LIBRARIES")
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+# All programs and libraries land in one folder, so that a program finds the DLL beside itself.
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+
+find_program(QUORVEL_CCACHE ccache)
+if(QUORVEL_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${QUORVEL_CCACHE})
+endif()
+
+# quorvel_build_settings: linked privately by everything that is written in this tree.
+add_library(quorvel_build_settings INTERFACE)
+if(MSVC)
+    target_compile_options(quorvel_build_settings INTERFACE
+        /W4 /permissive- $<$<BOOL:${QUORVEL_WARNINGS_AS_ERRORS}>:/WX>)
+    target_compile_definitions(quorvel_build_settings INTERFACE _CRT_SECURE_NO_WARNINGS)
+else()
+    target_compile_options(quorvel_build_settings INTERFACE
+        -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+        $<$<BOOL:${QUORVEL_WARNINGS_AS_ERRORS}>:-Werror>)
+endif()
+if(QUORVEL_SANITIZERS)
+    target_compile_options(quorvel_build_settings INTERFACE
+        -fsanitize=${QUORVEL_SANITIZERS} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(quorvel_build_settings INTERFACE -fsanitize=${QUORVEL_SANITIZERS})
+endif()
+if(QUORVEL_COVERAGE)
+    target_compile_options(quorvel_build_settings INTERFACE --coverage -fprofile-update=atomic)
+    target_link_options(quorvel_build_settings INTERFACE --coverage)
+endif()
+
+if(WIN32)
+    set(QUORVEL_PLATFORM win32)
+else()
+    set(QUORVEL_PLATFORM posix)
+endif()

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "vornutil/VornHeapOperators.h"
+
+namespace Util {
+
+// An object that counts its references. Virtual slots: destructor, AddRef, Release, DeleteThis.
+class IRefObject : public VornHeapOperators {
+public:
+    virtual ~IRefObject() = default;
+
+    // Adds a reference and returns the new count.
+    virtual std::uint32_t AddRef() = 0;
+
+    // Drops a reference and returns the new count; at zero the object deletes itself through
+    // DeleteThis and must not be touched again.
+    virtual std::uint32_t Release() = 0;
+
+protected:
+    // Called once, when the last reference has gone.
+    virtual void DeleteThis() = 0;
+};
+
+// The intrusive count itself. A new object has no references; the first RefPtr that takes it adds
+// one. AddRef and Release may be called from any thread.
+class ARefObject : public IRefObject {
+public:
+    ARefObject() = default;
+    ARefObject(const ARefObject&) = delete;
+    ARefObject& operator=(const ARefObject&) = delete;
+    ~ARefObject() override = default;
+
+    std::uint32_t AddRef() override {
+        return references_.fetch_add(1, std::memory_order_relaxed) + 1;
+    }
+
+    std::uint32_t Release() override {
+        const std::uint32_t left = references_.fetch_sub(1, std::memory_order_acq_rel) - 1;
+        if (left == 0) {
+            DeleteThis();
+        }
+        return left;
+    }
+
+protected:
+    void DeleteThis() override { delete this; }
+
+private:
+    std::atomic<std::uint32_t> references_{0};
+};
+
+}  // namespace Util

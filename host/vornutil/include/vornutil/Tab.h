@@ -1,0 +1,88 @@
+#pragma once
+
+#include <cassert>
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <type_traits>
+#include <utility>
+
+// A growable array with a count. The storage comes from the heap that both sides of the library's
+// border share. Elements must be movable without throwing.
+template <typename T>
+class Tab {
+public:
+    Tab() = default;
+    Tab(const Tab& other) {
+        Reserve(other.count_);
+        std::uninitialized_copy_n(other.items_, other.count_, items_);
+        count_ = other.count_;
+    }
+    Tab(Tab&& other) noexcept { Swap(other); }
+    ~Tab() {
+        std::destroy_n(items_, count_);
+        std::free(items_);
+    }
+
+    Tab& operator=(Tab other) noexcept {
+        Swap(other);
+        return *this;
+    }
+
+    int Count() const { return count_; }
+
+    // Changes the count. New elements of a trivial type keep whatever the memory holds; others are
+    // value-initialised. Throws std::bad_alloc, leaving the array as it was.
+    void SetCount(int count) {
+        if (count < count_) {
+            std::destroy_n(items_ + count, count_ - count);
+        } else if (count > count_) {
+            Reserve(count);
+            if constexpr (!std::is_trivial_v<T>) {
+                std::uninitialized_value_construct_n(items_ + count_, count - count_);
+            }
+        }
+        count_ = count;
+    }
+
+    T& operator[](int index) {
+        assert(index >= 0 && index < count_);
+        return items_[index];
+    }
+    const T& operator[](int index) const {
+        assert(index >= 0 && index < count_);
+        return items_[index];
+    }
+
+    // The address of an element; Addr(0) of an empty array is null or unspecified, never read.
+    T* Addr(int index) { return items_ + index; }
+    const T* Addr(int index) const { return items_ + index; }
+
+private:
+    void Swap(Tab& other) noexcept {
+        std::swap(items_, other.items_);
+        std::swap(count_, other.count_);
+        std::swap(capacity_, other.capacity_);
+    }
+
+    void Reserve(int capacity) {
+        static_assert(std::is_nothrow_move_constructible_v<T>);
+        if (capacity <= capacity_) {
+            return;
+        }
+        T* items = static_cast<T*>(std::malloc(static_cast<std::size_t>(capacity) * sizeof(T)));
+        if (!items) {
+            throw std::bad_alloc();
+        }
+        std::uninitialized_move_n(items_, count_, items);
+        std::destroy_n(items_, count_);
+        std::free(items_);
+        items_ = items;
+        capacity_ = capacity;
+    }
+
+    T* items_ = nullptr;
+    int count_ = 0;
+    int capacity_ = 0;
+};

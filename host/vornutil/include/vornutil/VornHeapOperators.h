@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+#include <new>
+
+// Routes the allocation of every class derived from it to the host's heap. Memory allocated on one
+// side of the library's border may be freed on the other, since both sides use this heap.
+class VornHeapOperators {
+public:
+    static void* operator new(std::size_t size) {
+        if (void* memory = std::malloc(size)) {
+            return memory;
+        }
+        throw std::bad_alloc();
+    }
+    static void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+        return std::malloc(size);
+    }
+    static void* operator new(std::size_t, void* place) noexcept { return place; }
+
+    static void operator delete(void* memory) noexcept { std::free(memory); }
+    static void operator delete(void* memory, const std::nothrow_t&) noexcept {
+        std::free(memory);
+    }
+    static void operator delete(void*, void*) noexcept {}
+};

@@ -1,0 +1,20 @@
+#pragma once
+
+// QUORVEL_API marks what the shared library exports. QUORVEL_BUILDING_LIBRARY is defined while the
+// library itself is compiled, QUORVEL_STATIC where its objects are linked without a DLL border.
+//
+// QUORVEL_ERROR marks the error classes: nothing of theirs needs exporting, but their type
+// information must be the same on both sides of the border for them to be caught.
+#if defined(_WIN32)
+#if defined(QUORVEL_STATIC)
+#define QUORVEL_API
+#elif defined(QUORVEL_BUILDING_LIBRARY)
+#define QUORVEL_API __declspec(dllexport)
+#else
+#define QUORVEL_API __declspec(dllimport)
+#endif
+#define QUORVEL_ERROR
+#else
+#define QUORVEL_API __attribute__((visibility("default")))
+#define QUORVEL_ERROR __attribute__((visibility("default")))
+#endif

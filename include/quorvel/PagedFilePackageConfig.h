@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstdint>
+
+namespace Quorvel {
+
+// How to create or open a package. The caller sets all three fields; the record and the string are
+// copied, so neither need outlive the call they are passed to.
+struct PagedFilePackageConfig {
+    // Path of the package file, NUL-terminated.
+    const char* fileName;
+
+    // Most pages of 8192 bytes that the package keeps in memory; 0 is taken as 1. An open stream
+    // keeps up to two pages pinned, and deleting a stream needs two more.
+    std::uint64_t pageCacheCapacity;
+
+    // Upper bound on the number of streams, and on the values of stream ids, that the package
+    // accepts.
+    std::uint64_t streamLimit;
+};
+
+}  // namespace Quorvel

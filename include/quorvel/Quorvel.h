@@ -1,0 +1,14 @@
+#pragma once
+
+// The whole exported interface.
+#include "quorvel/AutoMutex.h"
+#include "quorvel/EffectCacheSystem.h"
+#include "quorvel/Exceptions.h"
+#include "quorvel/FilePackage.h"
+#include "quorvel/IDataStream.h"
+#include "quorvel/IDataStreamSet.h"
+#include "quorvel/MultiProcessMemory.h"
+#include "quorvel/MultiProcessTimeStamp.h"
+#include "quorvel/MutexObject.h"
+#include "quorvel/PagedFilePackageConfig.h"
+#include "quorvel/VertexNormalsControl.h"

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "quorvel/Export.h"
+#include "vornutil/RefObject.h"
+#include "vornutil/RefPtr.h"
+
+namespace Quorvel {
+
+// A switch that hosts keep beside their effects: on, and referring to nothing, when it is made.
+class QUORVEL_API VertexNormalsControl {
+public:
+    VertexNormalsControl();
+
+    bool enabled;
+    Util::RefPtr<Util::IRefObject> reference;
+};
+
+}  // namespace Quorvel

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstdint>
+
+#include "pagestore/PagedFileStream.h"
+
+namespace Quorvel {
+
+class PagedFilePackage;
+
+// The stream that a package hands out for one stream of its set. It tells the package when it dies,
+// so that the package knows which streams are open.
+class ChildFileStream : public PagedFileStream {
+public:
+    ChildFileStream(PagedFilePackage* package, std::uint64_t streamId, FilePageCache* cache,
+                    const Util::RefPtr<IPagedFileSeeker>& seeker);
+
+    // Makes the stream one without bytes, which may outlive its package.
+    void LeavePackage();
+
+protected:
+    ~ChildFileStream() override;
+
+private:
+    PagedFilePackage* package_;
+    std::uint64_t streamId_;
+};
+
+}  // namespace Quorvel

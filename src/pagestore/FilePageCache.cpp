@@ -1,0 +1,239 @@
+#include "pagestore/FilePageCache.h"
+
+#include <cerrno>
+#include <exception>
+#include <memory>
+#include <new>
+
+#include "pagestore/StdioFile.h"
+#include "quorvel/Exceptions.h"
+
+namespace Quorvel {
+
+namespace {
+
+std::uint64_t OffsetOfIndex(std::uint64_t pageIndex) { return pageIndex << kPageShift; }
+
+}  // namespace
+
+FilePageCache::FilePageCache(const char* path, std::uint64_t capacity) {
+    ResetToEmpty();
+    Open(path, capacity);
+}
+
+FilePageCache::~FilePageCache() {
+    try {
+        Close();
+    } catch (const std::exception&) {
+        DiscardAll();
+        if (file_) {
+            std::fclose(file_);
+        }
+    }
+}
+
+bool FilePageCache::Open(const char* path, std::uint64_t capacity) {
+    Close();
+    StdioFile opened;
+    if (opened.Open(path, "r+b") != 0) {
+        if (const int error = opened.Open(path, "w+b"); error != 0) {
+            throw FileIOException(static_cast<std::uint32_t>(error));
+        }
+    }
+    file_ = opened.Detach();
+    fileSize_ = GetFileSize(file_);
+    capacity_ = capacity != 0 ? capacity : 1;
+    return true;
+}
+
+void FilePageCache::Close() {
+    for (CachedPage* page : pages_) {
+        if (page) {
+            WriteBackPage(page);
+        }
+    }
+    if (file_) {
+        std::fclose(file_);
+    }
+    ResetToEmpty();
+}
+
+void FilePageCache::DiscardAll() {
+    for (CachedPage* page = mostRecent_; page;) {
+        CachedPage* const older = page->older;
+        delete page;
+        page = older;
+    }
+    pages_.clear();
+    residentCount_ = 0;
+    mostRecent_ = nullptr;
+    leastRecent_ = nullptr;
+}
+
+void FilePageCache::EnsurePageInFile(std::uint64_t page) {
+    GrowTo(OffsetOfIndex(page - kHeadPageNumber) + kPageSize);
+}
+
+std::uint8_t* FilePageCache::GetPage(std::uint64_t page, Access access) {
+    if (!IsValidPageNumber(page)) {
+        return nullptr;
+    }
+    const std::uint64_t index = page - kHeadPageNumber;
+    if (index >= pages_.size()) {
+        pages_.resize(index + 1);
+    }
+    const bool forWrite = access == Access::Write;
+    if (CachedPage* const resident = pages_[index]) {
+        Unlink(resident);
+        PushMostRecent(resident);
+        ++resident->pinCount;
+        if (forWrite) {
+            resident->dirty = 1;
+        }
+        return resident->data;
+    }
+
+    if (capacity_ == 0) {
+        throw InvalidParameterException();
+    }
+    if (!EvictDownTo(capacity_ - 1)) {
+        return nullptr;
+    }
+    std::unique_ptr<CachedPage> loaded(new (std::nothrow) CachedPage);
+    if (!loaded) {
+        throw OutOfMemoryException();
+    }
+    loaded->pageIndex = index;
+    loaded->pinCount = 1;
+    loaded->dirty = forWrite ? 1 : 0;
+    loaded->older = nullptr;
+    loaded->newer = nullptr;
+    if (forWrite) {
+        GrowTo(OffsetOfIndex(index) + kPageSize);
+    }
+    ReadAt(loaded->data, OffsetOfIndex(index), kPageSize);
+    PushMostRecent(loaded.get());
+    return (pages_[index] = loaded.release())->data;
+}
+
+void FilePageCache::ReleasePage(std::uint64_t page) {
+    if (!IsValidPageNumber(page)) {
+        return;
+    }
+    const std::uint64_t index = page - kHeadPageNumber;
+    if (index < pages_.size() && pages_[index]) {
+        --pages_[index]->pinCount;
+    }
+}
+
+// Walks from the cold end, over pinned pages, until few enough are left. True when they are.
+bool FilePageCache::EvictDownTo(std::uint64_t limit) {
+    CachedPage* next = leastRecent_;
+    while (residentCount_ > limit && next) {
+        CachedPage* const page = next;
+        next = page->newer;
+        if (page->pinCount < 1) {
+            WriteBackPage(page);
+        }
+    }
+    return residentCount_ <= limit;
+}
+
+void FilePageCache::WriteBackPage(CachedPage* page) {
+    WriteAt(page->data, OffsetOfIndex(page->pageIndex), kPageSize);
+    pages_[page->pageIndex] = nullptr;
+    Unlink(page);
+    delete page;
+}
+
+void FilePageCache::GrowTo(std::uint64_t size) {
+    if (size > fileSize_) {
+        GrowFile(file_, size);
+        fileSize_ = size;
+    }
+}
+
+void FilePageCache::PushMostRecent(CachedPage* page) {
+    page->newer = nullptr;
+    page->older = mostRecent_;
+    if (mostRecent_) {
+        mostRecent_->newer = page;
+    } else {
+        leastRecent_ = page;
+    }
+    mostRecent_ = page;
+    ++residentCount_;
+}
+
+void FilePageCache::Unlink(CachedPage* page) {
+    if (mostRecent_ == leastRecent_) {
+        mostRecent_ = nullptr;
+        leastRecent_ = nullptr;
+    } else if (page == mostRecent_) {
+        mostRecent_ = page->older;
+        mostRecent_->newer = nullptr;
+    } else if (page == leastRecent_) {
+        leastRecent_ = page->newer;
+        leastRecent_->older = nullptr;
+    } else {
+        page->older->newer = page->newer;
+        page->newer->older = page->older;
+    }
+    --residentCount_;
+}
+
+void FilePageCache::WriteAt(const void* buffer, std::uint64_t offset, std::uint64_t size) {
+    SeekTo(offset);
+    if (std::fwrite(buffer, size, 1, file_) != 1) {
+        throw FileIOException(static_cast<std::uint32_t>(errno));
+    }
+}
+
+void FilePageCache::ReadAt(void* buffer, std::uint64_t offset, std::uint64_t size) {
+    SeekTo(offset);
+    errno = 0;  // the end of the file is not an error of the system's
+    if (std::fread(buffer, size, 1, file_) != 1) {
+        throw FileIOException(static_cast<std::uint32_t>(errno));
+    }
+}
+
+void FilePageCache::SeekTo(std::uint64_t offset) {
+    if (!file_) {
+        throw FileIOException();
+    }
+    if (std::fseek(file_, static_cast<long>(offset), SEEK_SET) != 0) {
+        throw FileIOException(static_cast<std::uint32_t>(errno));
+    }
+}
+
+void FilePageCache::ResetToEmpty() {
+    file_ = nullptr;
+    fileSize_ = 0;
+    capacity_ = 1;
+    pages_.clear();
+    residentCount_ = 0;
+    mostRecent_ = nullptr;
+    leastRecent_ = nullptr;
+}
+
+void PageRef::SetReadPage(std::uint64_t page) {
+    Release();
+    page_ = page;
+    data_ = cache_->GetPageForRead(page);
+}
+
+void PageRef::SetWritePage(std::uint64_t page) {
+    Release();
+    page_ = page;
+    data_ = cache_->GetPageForWrite(page);
+}
+
+void PageRef::Release() {
+    if (data_) {
+        cache_->ReleasePageForRead(page_);
+        data_ = nullptr;
+        page_ = 0;
+    }
+}
+
+}  // namespace Quorvel

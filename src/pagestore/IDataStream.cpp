@@ -1,0 +1,9 @@
+#include "quorvel/IDataStream.h"
+
+namespace Quorvel {
+
+IDataStream::IDataStream() = default;
+
+IDataStream::~IDataStream() = default;
+
+}  // namespace Quorvel

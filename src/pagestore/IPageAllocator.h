@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+
+#include "vornutil/RefObject.h"
+
+namespace Quorvel {
+
+// What GetNextPage says of a page without a successor: the last of its chain, and a free one.
+constexpr std::uint64_t kEndOfChain = 0;
+constexpr std::uint64_t kFreePage = 1;
+
+// Decides which pages of a package are in use, and which page follows which. A logical file is a
+// chain of pages: each page in use knows its successor. Page contents are not touched.
+//
+// FreePage, MarkPageAllocated, IsPageAllocated and GetNextPage throw InvalidParameterException for
+// a number that no page can have.
+class IPageAllocator : public Util::ARefObject {
+public:
+    // Takes a free page, or a new one behind all others, and makes it the successor of previous;
+    // an invalid previous (0) starts a new chain. Returns the page's number. Throws
+    // InvalidParameterException when previous is unknown, free or has a successor (the page taken
+    // is then lost until the next load), OutOfMemoryException when no number is left.
+    virtual std::uint64_t AllocatePage(std::uint64_t previous) = 0;
+
+    // Makes a page free. Chains are freed from their first page forwards: what comes before the
+    // page still names it as its successor.
+    virtual void FreePage(std::uint64_t page) = 0;
+
+    // Takes one given page. False if it was in use.
+    virtual bool MarkPageAllocated(std::uint64_t page) = 0;
+
+    virtual bool IsPageAllocated(std::uint64_t page) = 0;
+
+    // The page's successor, or kEndOfChain, or kFreePage.
+    virtual std::uint64_t GetNextPage(std::uint64_t page) = 0;
+};
+
+}  // namespace Quorvel

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+namespace Quorvel {
+
+// Owns an open file of the standard I/O library, or none. The file has no buffer: every transfer
+// goes to the system at once.
+class StdioFile {
+public:
+    StdioFile() = default;
+    StdioFile(const StdioFile&) = delete;
+    StdioFile& operator=(const StdioFile&) = delete;
+    ~StdioFile() { Close(); }
+
+    // Closes the open file, if any, and opens path. Returns 0, or the runtime's error number.
+    int Open(const char* path, const char* mode);
+
+    void Close();
+
+    // Gives the file away without closing it.
+    std::FILE* Detach();
+
+private:
+    std::FILE* file_ = nullptr;
+};
+
+// Length of a file in bytes; leaves the file position at the end. Throws InvalidParameterException
+// for a null file, FileIOException.
+std::uint64_t GetFileSize(std::FILE* file);
+
+// Lengthens a file with zeros until it is newSize bytes long; a longer one stays as it is. Returns
+// true. Throws FileIOException, InvalidParameterException for a null file.
+bool GrowFile(std::FILE* file, std::uint64_t newSize);
+
+}  // namespace Quorvel

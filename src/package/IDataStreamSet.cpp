@@ -1,0 +1,9 @@
+#include "quorvel/IDataStreamSet.h"
+
+namespace Quorvel {
+
+IDataStreamSet::IDataStreamSet() = default;
+
+IDataStreamSet::~IDataStreamSet() = default;
+
+}  // namespace Quorvel

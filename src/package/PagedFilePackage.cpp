@@ -1,0 +1,433 @@
+#include "package/PagedFilePackage.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "package/StreamTransfer.h"
+#include "quorvel/Exceptions.h"
+#include "seekers/ChildFileSeeker.h"
+#include "seekers/HeadFileSeeker.h"
+#include "seekers/HeadFileWriteOnlySeeker.h"
+
+namespace Quorvel {
+
+namespace {
+
+std::uint64_t HeaderDataStateSize(const std::vector<std::uint8_t>& headerData) {
+    return sizeof(std::uint64_t) + headerData.size();
+}
+
+}  // namespace
+
+PagedFilePackage::PagedFilePackage(const PagedFilePackageConfig& config)
+    : dirty_(false), config_(config), allocator_(new PageAllocator) {
+    if (!config.fileName) {
+        throw InvalidParameterException();
+    }
+    path_ = config.fileName;
+    config_.fileName = path_.c_str();
+}
+
+PagedFilePackage::~PagedFilePackage() {
+    try {
+        Commit();
+    } catch (...) {
+        // The file keeps what it holds; there is nobody left to tell.
+    }
+    for (const auto& [id, stream] : std::exchange(openStreams_, {})) {
+        stream->LeavePackage();
+    }
+    Close();
+}
+
+bool PagedFilePackage::Create() {
+    Close();
+    OpenCache();
+    directory_.Reset(config_.streamLimit);
+    dirty_ = true;
+    Commit();
+    return true;
+}
+
+void PagedFilePackage::Abandon() {
+    dirty_ = false;
+    ReleaseStreamPages();
+    if (cache_) {
+        cache_->DiscardAll();
+    }
+}
+
+void PagedFilePackage::Close() {
+    headFile_.Reset();
+    headerData_.clear();
+    cache_.reset();
+    Allocator().Clear();
+    directory_.Reset();
+    tailBlocks_.Reset();
+    dirty_ = false;
+}
+
+void PagedFilePackage::OpenCache() {
+    cache_ = std::make_unique<FilePageCache>(config_.fileName, config_.pageCacheCapacity);
+}
+
+PageAllocator& PagedFilePackage::Allocator() const {
+    return static_cast<PageAllocator&>(*allocator_);
+}
+
+// ---- Load ----------------------------------------------------------------------------------------
+
+bool PagedFilePackage::Load() {
+    if (!openStreams_.empty()) {
+        return false;
+    }
+    try {
+        const Util::RefPtr<PagedFilePackage> loaded(new PagedFilePackage(config_));
+        loaded->ReadState();
+        if (cache_) {
+            cache_->DiscardAll();
+        }
+        Swap(*loaded);
+        return true;
+    } catch (...) {
+        return false;
+    }
+}
+
+void PagedFilePackage::ReadState() {
+    OpenCache();
+    const Util::RefPtr<HeadFileSeeker> seeker(new HeadFileSeeker(cache_.get()));
+    headFile_ = seeker;
+    seeker->OpenHeadFile();
+    const Util::RefPtr<IDataStream> stream(new PagedFileStream(cache_.get(), headFile_));
+    Allocator().LoadState(stream);
+    directory_.Load(*stream, config_.streamLimit);
+    if (!tailBlocks_.Load(*stream, config_.streamLimit)) {
+        throw FileDataCorruptException();
+    }
+    const auto length = ReadRecord<std::uint64_t>(*stream);
+    if (length > BytesLeft(*stream)) {
+        throw FileIOException();
+    }
+    headerData_.resize(length);
+    ReadAll(*stream, headerData_.data(), length);
+}
+
+void PagedFilePackage::Swap(PagedFilePackage& other) noexcept {
+    std::swap(dirty_, other.dirty_);
+    std::swap(config_, other.config_);
+    path_.swap(other.path_);
+    config_.fileName = path_.c_str();
+    other.config_.fileName = other.path_.c_str();
+    cache_.swap(other.cache_);
+    std::swap(allocator_, other.allocator_);
+    directory_.Swap(other.directory_);
+    tailBlocks_.Swap(other.tailBlocks_);
+    headerData_.swap(other.headerData_);
+    std::swap(headFile_, other.headFile_);
+    openStreams_.swap(other.openStreams_);
+}
+
+// ---- Commit --------------------------------------------------------------------------------------
+
+bool PagedFilePackage::Commit() {
+    if (!dirty_) {
+        return true;
+    }
+    if (!cache_) {
+        return false;
+    }
+    FreeHeadFile();
+    if (!CreateHeadFile() || !WriteState()) {
+        return false;
+    }
+    ReleaseStreamPages();
+    cache_->Open(config_.fileName, config_.pageCacheCapacity);
+    dirty_ = false;
+    return true;
+}
+
+void PagedFilePackage::FreeHeadFile() {
+    if (!headFile_) {
+        return;
+    }
+    if (headFile_->pageCount > 0) {
+        // What was not read of the chain so far is not known yet.
+        headFile_->LoadPageInfo(headFile_->pageCount - 1);
+        for (std::uint64_t index = 0; index < headFile_->pageCount; ++index) {
+            allocator_->FreePage(headFile_->pageNumbers[index]);
+        }
+    }
+    headFile_.Reset();
+}
+
+// Makes a head file of the size that the state needs now.
+bool PagedFilePackage::CreateHeadFile() {
+    const Util::RefPtr<HeadFileWriteOnlySeeker> seeker(new HeadFileWriteOnlySeeker(cache_.get()));
+    std::vector<std::uint64_t> pages;
+    try {
+        const std::uint64_t stateSize = AllocateHeadPages(pages);
+        std::vector<std::uint64_t> nextPages(pages.begin() + 1, pages.end());
+        nextPages.push_back(kEndOfChain);
+        if (!seeker->CreateHeadFile(pages.data(), nextPages.data(), pages.size(), stateSize)) {
+            return false;
+        }
+    } catch (...) {
+        for (const std::uint64_t page : pages) {
+            allocator_->FreePage(page);
+        }
+        throw;
+    }
+    headFile_ = seeker;
+    return true;
+}
+
+// Takes the pages that the state needs and returns its size. Taking a page can make the allocator's
+// own state larger, and so the need.
+std::uint64_t PagedFilePackage::AllocateHeadPages(std::vector<std::uint64_t>& pages) {
+    const std::uint64_t otherSizes =
+        directory_.StateSize() + tailBlocks_.StateSize() + HeaderDataStateSize(headerData_);
+    for (;;) {
+        const std::uint64_t stateSize = Allocator().GetStateSize() + otherSizes;
+        const std::uint64_t needed = BaseHeadFileSeeker::PagesForSize(stateSize);
+        if (pages.size() >= needed) {
+            return stateSize;
+        }
+        pages.reserve(needed);
+        if (pages.empty()) {
+            if (!allocator_->MarkPageAllocated(kHeadPageNumber)) {
+                throw FileDataCorruptException();
+            }
+            pages.push_back(kHeadPageNumber);
+            cache_->EnsurePageInFile(kHeadPageNumber);
+        }
+        while (pages.size() < needed) {
+            pages.push_back(allocator_->AllocatePage(pages.back()));
+            cache_->EnsurePageInFile(pages.back());
+        }
+    }
+}
+
+void PagedFilePackage::ReleaseStreamPages() {
+    for (const auto& [id, stream] : openStreams_) {
+        stream->ReleasePages();
+    }
+}
+
+bool PagedFilePackage::WriteState() {
+    const Util::RefPtr<IDataStream> stream(new PagedFileStream(cache_.get(), headFile_));
+    if (!Allocator().SaveState(stream) || !directory_.Save(*stream) || !tailBlocks_.Save(*stream)) {
+        return false;
+    }
+    WriteRecord<std::uint64_t>(*stream, headerData_.size());
+    WriteAll(*stream, headerData_.data(), headerData_.size());
+    return true;
+}
+
+// ---- Header data and the list of streams -------------------------------------------------------
+
+std::uint64_t PagedFilePackage::GetTotalDataSize() { return directory_.TotalBytes(); }
+
+bool PagedFilePackage::SetHeaderDataSize(std::uint64_t size) {
+    headerData_.resize(size);
+    dirty_ = true;
+    return true;
+}
+
+std::uint64_t PagedFilePackage::GetHeaderDataSize() { return headerData_.size(); }
+
+const std::uint8_t* PagedFilePackage::GetHeaderData() const {
+    return headerData_.empty() ? nullptr : headerData_.data();
+}
+
+std::uint8_t* PagedFilePackage::GetHeaderData() {
+    dirty_ = true;
+    return headerData_.empty() ? nullptr : headerData_.data();
+}
+
+std::uint64_t PagedFilePackage::GetNumberOfDataStreams() { return directory_.Count(); }
+
+std::uint64_t PagedFilePackage::GetDataStreamId(std::uint64_t index) {
+    return directory_.IdAt(index);
+}
+
+// ---- Streams -----------------------------------------------------------------------------------
+
+Util::RefPtr<IDataStream> PagedFilePackage::OpenDataStream(std::uint64_t id) {
+    if (const auto open = openStreams_.find(id); open != openStreams_.end()) {
+        return Util::RefPtr<IDataStream>(open->second);
+    }
+    const ChildFileExtent* const extent = directory_.Find(id);
+    if (!extent) {
+        return {};
+    }
+    ChildFileTail tail;
+    if (!GetChildFileTail(tail, tailBlocks_, id)) {
+        return {};
+    }
+    const Util::RefPtr<ChildFileSeeker> seeker(new ChildFileSeeker);
+    if (!seeker->Attach(allocator_, *extent, tail)) {
+        return {};
+    }
+    const Util::RefPtr<ChildFileStream> stream(
+        new ChildFileStream(this, id, cache_.get(), seeker));
+    openStreams_.emplace(id, stream.Get());
+    return stream;
+}
+
+void PagedFilePackage::ForgetOpenStream(std::uint64_t id) { openStreams_.erase(id); }
+
+std::uint64_t PagedFilePackage::CreateDataStream(std::uint64_t size) {
+    if (directory_.Count() >= config_.streamLimit) {
+        return kInvalidStreamId;
+    }
+    dirty_ = true;
+    const std::uint64_t id = AllocateStream(size);
+    const std::uint64_t tail = size & (kPageSize - 1);
+    if (id == kInvalidStreamId || tail == 0) {
+        return id;
+    }
+    try {
+        PlaceTail(id, tail);
+    } catch (...) {
+        FreeChain(directory_.Find(id)->firstPage);
+        directory_.Remove(id);
+        throw;
+    }
+    return id;
+}
+
+// A stream's whole pages and its record.
+std::uint64_t PagedFilePackage::AllocateStream(std::uint64_t size) {
+    const std::uint64_t wholePages = size >> kPageShift;
+    if (wholePages > kPageCountLimit) {
+        throw InvalidParameterException();
+    }
+    const std::uint64_t firstPage = AllocateChain(wholePages);
+    try {
+        const std::uint64_t id = directory_.AllocateId();
+        if (id == kInvalidStreamId) {
+            FreeChain(firstPage);
+            return id;
+        }
+        try {
+            directory_.Store(id, {id, size, firstPage, wholePages});
+        } catch (...) {
+            directory_.FreeId(id);
+            throw;
+        }
+        return id;
+    } catch (...) {
+        FreeChain(firstPage);
+        throw;
+    }
+}
+
+void PagedFilePackage::PlaceTail(std::uint64_t id, std::uint64_t length) {
+    if (const auto block = tailBlocks_.FindBlockWithRoom(length)) {
+        if (!tailBlocks_.Place(id, *block, length)) {
+            throw FileDataCorruptException();
+        }
+        return;
+    }
+    TailBlockPageNumbers pages;
+    AllocateChain(kTailBlockPages, pages.data());
+    std::uint64_t block;
+    try {
+        block = tailBlocks_.AddBlock(pages);
+    } catch (...) {
+        FreeChain(pages.front());
+        throw;
+    }
+    if (!tailBlocks_.Place(id, block, length)) {
+        throw FileDataCorruptException();
+    }
+}
+
+// Allocates so many pages, each the successor of the one before, lists them if asked, and makes the
+// file cover them. Returns the first; 0 for none.
+std::uint64_t PagedFilePackage::AllocateChain(std::uint64_t count, std::uint64_t* pages) {
+    std::uint64_t first = 0;
+    try {
+        std::uint64_t last = 0;
+        for (std::uint64_t index = 0; index < count; ++index) {
+            last = allocator_->AllocatePage(last);
+            if (index == 0) {
+                first = last;
+            }
+            if (pages) {
+                pages[index] = last;
+            }
+            cache_->EnsurePageInFile(last);
+        }
+    } catch (...) {
+        FreeChain(first);
+        throw;
+    }
+    return first;
+}
+
+void PagedFilePackage::FreeChain(std::uint64_t firstPage) {
+    for (std::uint64_t page = firstPage; IsValidPageNumber(page);) {
+        const std::uint64_t next = allocator_->GetNextPage(page);
+        allocator_->FreePage(page);
+        page = next;
+    }
+}
+
+bool PagedFilePackage::DeleteDataStream(std::uint64_t id) {
+    if (openStreams_.count(id) != 0) {
+        return false;
+    }
+    const ChildFileExtent* const extent = directory_.Find(id);
+    if (!extent) {
+        return true;
+    }
+    dirty_ = true;
+    FreeChain(extent->firstPage);
+    if (!directory_.Remove(id)) {
+        return false;
+    }
+    const TailFragment* const fragment = tailBlocks_.FindFragment(id);
+    if (!fragment) {
+        return true;
+    }
+    const std::uint64_t blockId = fragment->blockId;
+    if (!CutTail(*fragment)) {
+        return false;
+    }
+    tailBlocks_.Remove(id);
+    ReattachStreamsOfBlock(blockId);
+    return true;
+}
+
+// Moves the bytes behind a fragment down over it, in its tail block.
+bool PagedFilePackage::CutTail(const TailFragment& fragment) {
+    const ChildFileExtent extent = {kInvalidStreamId, kTailBlockSize,
+                                    tailBlocks_.FindBlock(fragment.blockId)->pages.front(),
+                                    kTailBlockPages};
+    const Util::RefPtr<ChildFileSeeker> seeker(new ChildFileSeeker);
+    if (!seeker->Attach(allocator_, extent, {})) {
+        throw FileDataCorruptException();
+    }
+    const Util::RefPtr<PagedFileStream> block(new PagedFileStream(cache_.get(), seeker));
+    return block->RemoveRange(static_cast<std::int32_t>(fragment.offset),
+                              static_cast<std::int32_t>(fragment.length));
+}
+
+// The tails of streams that are open may have moved.
+void PagedFilePackage::ReattachStreamsOfBlock(std::uint64_t blockId) {
+    for (const auto& [id, stream] : openStreams_) {
+        const TailFragment* const fragment = tailBlocks_.FindFragment(id);
+        if (!fragment || fragment->blockId != blockId) {
+            continue;
+        }
+        ChildFileTail tail;
+        GetChildFileTail(tail, tailBlocks_, id);
+        const Util::RefPtr<ChildFileSeeker> seeker(new ChildFileSeeker);
+        seeker->Attach(allocator_, *directory_.Find(id), tail);
+        stream->MoveTo(seeker);
+    }
+}
+
+}  // namespace Quorvel

@@ -1,0 +1,98 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "package/StreamDirectory.h"
+#include "package/TailBlockTable.h"
+#include "pagestore/ChildFileStream.h"
+#include "pagestore/FilePageCache.h"
+#include "pagestore/PageAllocator.h"
+#include "quorvel/IDataStreamSet.h"
+#include "quorvel/PagedFilePackageConfig.h"
+#include "seekers/IPagedFileSeeker.h"
+#include "vornutil/RefPtr.h"
+
+namespace Quorvel {
+
+// A package over one file.
+//
+// A stream's bytes lie in whole pages, chained by the allocator, and in a fragment of a tail block.
+// The package's own state lies in the head file, in this order: the allocator's links, the stream
+// directory, the tail block table, the length of the header data (8 bytes) and the header data.
+//
+// Commit frees the pages of the head file and writes a new one, which begins at page 10 like every
+// head file. Load builds a second package from the file and exchanges all state with it.
+class PagedFilePackage : public IDataStreamSet {
+public:
+    // An empty package without a file. Throws InvalidParameterException when config has no path.
+    explicit PagedFilePackage(const PagedFilePackageConfig& config);
+
+    // Starts a new, empty package in the file and commits it. Returns true. Throws as the
+    // operations of IDataStreamSet do.
+    bool Create();
+
+    // Whether anything changed since the last Commit or Load.
+    bool HasChanges() const { return dirty_; }
+
+    // Forgets every change since the last Commit or Load without writing anything: what is in memory
+    // is then worth nothing until the next Load. For a package whose file somebody else has
+    // rewritten, or whose state is half done.
+    void Abandon();
+
+    bool Load() override;
+    bool Commit() override;
+    std::uint64_t GetTotalDataSize() override;
+    bool SetHeaderDataSize(std::uint64_t size) override;
+    std::uint64_t GetHeaderDataSize() override;
+    const std::uint8_t* GetHeaderData() const override;
+    std::uint8_t* GetHeaderData() override;
+    std::uint64_t GetNumberOfDataStreams() override;
+    std::uint64_t GetDataStreamId(std::uint64_t index) override;
+    Util::RefPtr<IDataStream> OpenDataStream(std::uint64_t id) override;
+    std::uint64_t CreateDataStream(std::uint64_t size) override;
+    bool DeleteDataStream(std::uint64_t id) override;
+
+    // Called by a stream that dies.
+    void ForgetOpenStream(std::uint64_t id);
+
+protected:
+    // Commits what was not committed, if it can, and closes the file.
+    ~PagedFilePackage() override;
+
+private:
+    void Close();
+    void OpenCache();
+    void ReadState();
+    void Swap(PagedFilePackage& other) noexcept;
+    PageAllocator& Allocator() const;
+
+    void FreeHeadFile();
+    bool CreateHeadFile();
+    std::uint64_t AllocateHeadPages(std::vector<std::uint64_t>& pages);
+    void ReleaseStreamPages();
+    bool WriteState();
+
+    std::uint64_t AllocateChain(std::uint64_t count, std::uint64_t* pages = nullptr);
+    void FreeChain(std::uint64_t firstPage);
+    std::uint64_t AllocateStream(std::uint64_t size);
+    void PlaceTail(std::uint64_t id, std::uint64_t length);
+    bool CutTail(const TailFragment& fragment);
+    void ReattachStreamsOfBlock(std::uint64_t blockId);
+
+    bool dirty_;
+    PagedFilePackageConfig config_;
+    std::string path_;
+    std::unique_ptr<FilePageCache> cache_;
+    Util::RefPtr<IPageAllocator> allocator_;
+    StreamDirectory directory_;
+    TailBlockTable tailBlocks_;
+    std::vector<std::uint8_t> headerData_;
+    Util::RefPtr<IPagedFileSeeker> headFile_;
+    std::map<std::uint64_t, ChildFileStream*> openStreams_;
+};
+
+}  // namespace Quorvel

@@ -1,0 +1,81 @@
+#include "package/StreamDirectory.h"
+
+#include <utility>
+
+#include "package/StreamTransfer.h"
+#include "pagestore/PageGeometry.h"
+#include "quorvel/Exceptions.h"
+
+namespace Quorvel {
+
+void StreamDirectory::Reset(std::uint64_t limit) {
+    limit_ = limit;
+    totalBytes_ = 0;
+    ids_.Clear();
+    records_.clear();
+}
+
+const ChildFileExtent* StreamDirectory::Find(std::uint64_t id) const {
+    return id < records_.size() ? records_[id].get() : nullptr;
+}
+
+void StreamDirectory::Store(std::uint64_t id, const ChildFileExtent& extent) {
+    if (id > limit_ || extent.wholePageCount > kPageCountLimit || !ids_.IsAllocated(id)) {
+        throw InvalidParameterException();
+    }
+    if (id >= records_.size()) {
+        records_.resize(id + 1);
+    }
+    std::unique_ptr<ChildFileExtent>& record = records_[id];
+    if (record) {
+        totalBytes_ -= record->byteSize;
+    } else {
+        record = std::make_unique<ChildFileExtent>();
+    }
+    *record = extent;
+    record->streamId = id;
+    totalBytes_ += record->byteSize;
+}
+
+bool StreamDirectory::Remove(std::uint64_t id) {
+    if (!Find(id)) {
+        return false;
+    }
+    totalBytes_ -= records_[id]->byteSize;
+    records_[id].reset();
+    return ids_.Free(id);
+}
+
+bool StreamDirectory::Save(IDataStream& stream) const {
+    const std::uint64_t count = Count();
+    WriteRecord(stream, count);
+    for (std::uint64_t index = 0; index < count; ++index) {
+        WriteRecord(stream, *records_[IdAt(index)]);
+    }
+    return true;
+}
+
+bool StreamDirectory::Load(IDataStream& stream, std::uint64_t limit) {
+    Reset(limit);
+    const auto count = ReadRecord<std::uint64_t>(stream);
+    if (count > limit_) {
+        throw FileDataCorruptException();
+    }
+    for (std::uint64_t index = 0; index < count; ++index) {
+        const auto extent = ReadRecord<ChildFileExtent>(stream);
+        if (!ids_.MarkAllocated(extent.streamId)) {
+            throw FileDataCorruptException();
+        }
+        Store(extent.streamId, extent);
+    }
+    return true;
+}
+
+void StreamDirectory::Swap(StreamDirectory& other) noexcept {
+    std::swap(limit_, other.limit_);
+    std::swap(totalBytes_, other.totalBytes_);
+    ids_.Swap(other.ids_);
+    records_.swap(other.records_);
+}
+
+}  // namespace Quorvel

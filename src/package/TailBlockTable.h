@@ -1,0 +1,125 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "corvaneutility/IdentifierAllocator.h"
+#include "package/StreamDirectory.h"
+#include "pagestore/PageGeometry.h"
+#include "quorvel/IDataStream.h"
+#include "seekers/ChildFileSeeker.h"
+
+namespace Quorvel {
+
+// A tail block is a chain of eight pages that the tails of several streams share.
+constexpr std::uint64_t kTailBlockPages = 8;
+constexpr std::uint64_t kTailBlockSize = kTailBlockPages * kPageSize;
+
+using TailBlockPageNumbers = std::array<std::uint64_t, kTailBlockPages>;
+
+// A tail block in the file: this record, then the number of streams in its list (8 bytes) and their
+// ids (8 bytes each).
+struct StoredTailBlock {
+    std::uint64_t blockId;
+    TailBlockPageNumbers pages;
+    std::uint64_t freeBytes;
+};
+
+// The tail of one stream. Also its record in the file.
+struct TailFragment {
+    std::uint64_t streamId;
+    std::uint64_t blockId;
+    std::uint64_t listIndex;  // of the stream in its block's list; all ones until placed
+    std::uint64_t offset;     // of the first byte in the block
+    std::uint64_t length;
+};
+static_assert(sizeof(StoredTailBlock) == 80);
+static_assert(offsetof(StoredTailBlock, pages) == 8);
+static_assert(offsetof(StoredTailBlock, freeBytes) == 72);
+static_assert(sizeof(TailFragment) == 40);
+
+constexpr std::uint64_t kNotPlaced = ~std::uint64_t{0};
+
+// A tail block in memory. Fragments are packed from offset 0 upwards in the order of the list, so
+// the next one always goes at kTailBlockSize - freeBytes.
+struct TailBlockRecord : StoredTailBlock {
+    std::vector<std::uint64_t> streamIds;
+    std::uint64_t fragmentCount;  // fragments that name this block
+};
+
+// Where the tails of a package's streams lie.
+//
+// In the file: the number of blocks (8 bytes), the blocks in ascending order of ids, each with its
+// list; the number of fragments (8 bytes), the fragments in ascending order of stream ids.
+class TailBlockTable {
+public:
+    // Forgets all blocks and sets the limit on stream ids, an eighth of which limits block ids.
+    void Reset(std::uint64_t limit = kDefaultStreamLimit);
+
+    // The tail of a stream, and a block; null when there is none.
+    const TailFragment* FindFragment(std::uint64_t streamId) const;
+    const TailBlockRecord* FindBlock(std::uint64_t blockId) const;
+
+    // Id of the first block, in ascending order of ids, that has room for so many bytes.
+    std::optional<std::uint64_t> FindBlockWithRoom(std::uint64_t bytes) const;
+
+    // Adds an empty block over eight pages and returns its id. Throws InvalidParameterException
+    // when a page number is not valid or no id is left.
+    std::uint64_t AddBlock(const TailBlockPageNumbers& pages);
+
+    // Removes a block that holds no fragment.
+    void RemoveBlock(std::uint64_t blockId);
+
+    // Puts a stream's tail behind the others of a block. False, with nothing changed, when there is
+    // no such block, when it has no room there, or when the stream has a tail. Throws
+    // InvalidParameterException when the stream id or the length is out of range.
+    bool Place(std::uint64_t streamId, std::uint64_t blockId, std::uint64_t length);
+
+    // Forgets a stream's tail, whose bytes have been cut out of its block, and moves those behind
+    // it down.
+    void Remove(std::uint64_t streamId);
+
+    std::uint64_t StateSize() const;
+
+    // Returns true. Throws FileIOException when the stream ends early.
+    bool Save(IDataStream& stream) const;
+
+    // Resets to a limit and reads what Save wrote. False when a fragment's list index is not below
+    // the limit. Throws FileIOException when the stream ends early; FileDataCorruptException for
+    // too many blocks or fragments, a block id or a stream's fragment that comes twice, or a list
+    // that can't be; InvalidParameterException for a block or a fragment out of range.
+    bool Load(IDataStream& stream, std::uint64_t limit);
+
+    void Swap(TailBlockTable& other) noexcept;
+
+private:
+    std::uint64_t BlockLimit() const { return limit_ < 8 ? 1 : limit_ / 8; }
+    bool IsValid(const StoredTailBlock& block) const;
+    bool IsValid(const TailFragment& fragment) const;
+    bool IsListInOrder(const TailBlockRecord& block) const;
+    template <typename Visitor>
+    void ForEachFragment(const TailBlockRecord& block, const Visitor& visit) const;
+    bool Overlaps(const TailBlockRecord& block, std::uint64_t offset, std::uint64_t length) const;
+    TailBlockRecord* Block(std::uint64_t blockId) const;
+    TailFragment* Fragment(std::uint64_t streamId) const;
+    void StoreBlock(const StoredTailBlock& block);
+    void StoreFragment(const TailFragment& fragment);
+    void LoadBlocks(IDataStream& stream);
+    bool LoadFragments(IDataStream& stream);
+    std::uint64_t CountFragments() const;
+
+    std::uint64_t limit_ = kDefaultStreamLimit;
+    Corvane::IdentifierAllocator blockIds_;
+    std::vector<std::unique_ptr<TailBlockRecord>> blocks_;    // by block id
+    std::vector<std::unique_ptr<TailFragment>> fragments_;    // by stream id; null without a tail
+};
+
+// Describes a stream's tail to a child file seeker; all zero when the stream has none. Returns true.
+// Throws FileDataCorruptException when the fragment does not fit its block.
+bool GetChildFileTail(ChildFileTail& tail, const TailBlockTable& table, std::uint64_t streamId);
+
+}  // namespace Quorvel

@@ -1,0 +1,7 @@
+#include "quorvel/VertexNormalsControl.h"
+
+namespace Quorvel {
+
+VertexNormalsControl::VertexNormalsControl() : enabled(true) {}
+
+}  // namespace Quorvel

@@ -1,0 +1,279 @@
+#include "platform/NamedMutex.h"
+
+#include <pthread.h>
+#include <sys/mman.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <ctime>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string>
+
+#include "platform/posix/NamedObject.h"
+
+namespace Quorvel::Platform {
+
+namespace {
+
+constexpr char kKind[] = "mutex";
+constexpr std::uint32_t kAcquired = 0;
+constexpr std::uint32_t kAbandoned = 128;
+constexpr std::uint32_t kTimedOut = 258;
+constexpr std::uint32_t kFailed = 0xFFFFFFFF;
+constexpr std::uint32_t kForever = 0xFFFFFFFF;
+
+bool InitialiseNativeMutex(pthread_mutex_t* mutex) {
+    pthread_mutexattr_t attributes;
+    ::pthread_mutexattr_init(&attributes);
+    ::pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+    ::pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+    ::pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+    const int error = ::pthread_mutex_init(mutex, &attributes);
+    ::pthread_mutexattr_destroy(&attributes);
+    errno = error;
+    return error == 0;
+}
+
+pthread_mutex_t* MapNativeMutex(int descriptor, int flags) {
+    void* view = ::mmap(nullptr, sizeof(pthread_mutex_t), PROT_READ | PROT_WRITE, flags, descriptor, 0);
+    return view == MAP_FAILED ? nullptr : static_cast<pthread_mutex_t*>(view);
+}
+
+void UnmapNativeMutex(pthread_mutex_t* mutex) { ::munmap(mutex, sizeof(pthread_mutex_t)); }
+
+bool InitialiseMutexFile(int descriptor) {
+    pthread_mutex_t* mutex = MapNativeMutex(descriptor, MAP_SHARED);
+    if (!mutex) {
+        return false;
+    }
+    const bool initialised = InitialiseNativeMutex(mutex);
+    UnmapNativeMutex(mutex);
+    return initialised;
+}
+
+// A mutex that this process has open, at one address however often it is open: the list of owned
+// robust mutexes that the C library keeps for each thread holds addresses.
+//
+// Who owns it, and how deep, is written by its owner alone. An owner that ended without releasing
+// the mutex leaves both behind; the next one of this process overwrites them.
+class NamedMutex {
+public:
+    NamedMutex() = default;
+    NamedMutex(const NamedMutex&) = delete;
+    NamedMutex& operator=(const NamedMutex&) = delete;
+    ~NamedMutex() {
+        if (native_) {
+            UnmapNativeMutex(native_);
+        }
+    }
+
+    // False, with errno set, when the system refuses.
+    bool OpenUnnamed() {
+        native_ = MapNativeMutex(-1, MAP_SHARED | MAP_ANONYMOUS);
+        return native_ && InitialiseNativeMutex(native_);
+    }
+    bool Open(const char* name) {
+        object_ = NamedObject::Open(kKind, name, NamedObject::IfAbsent::Create,
+                                    sizeof(pthread_mutex_t), InitialiseMutexFile);
+        native_ = object_ ? MapNativeMutex(object_->Descriptor(), MAP_SHARED) : nullptr;
+        return native_ != nullptr;
+    }
+
+    std::uint32_t Acquire(std::uint32_t timeout) {
+        switch (Wait(timeout)) {
+            case 0:
+                SetOwned(owner_.load(std::memory_order_relaxed) == ThisThread()
+                             ? depth_.load(std::memory_order_relaxed) + 1
+                             : 1);
+                return kAcquired;
+            case EOWNERDEAD:
+                ::pthread_mutex_consistent(native_);
+                SetOwned(1);
+                return kAbandoned;
+            case EBUSY:
+            case ETIMEDOUT:
+                return kTimedOut;
+            default:
+                return kFailed;
+        }
+    }
+
+    // False when the calling thread does not own the mutex.
+    bool Release() {
+        const std::uint32_t depth = depth_.load(std::memory_order_relaxed);
+        if (owner_.load(std::memory_order_relaxed) != ThisThread() || depth == 0) {
+            return false;
+        }
+        depth_.store(depth - 1, std::memory_order_relaxed);
+        return ::pthread_mutex_unlock(native_) == 0;
+    }
+
+    // Whether a thread of this process owns the mutex, or did when it ended.
+    bool IsOwned() const { return depth_ != 0; }
+    bool IsOnlyHolder() const { return !object_ || object_->IsOnlyHolder(); }
+
+    // Takes the mutex from an owner that has ended or is the calling thread. False when another
+    // thread owns it.
+    bool TakeFromOwner() {
+        while (Release()) {
+        }
+        if (Acquire(0) == kTimedOut) {
+            return false;
+        }
+        return Release();
+    }
+
+    // Lets go of what other processes can open; the mapping stays for the owner's sake.
+    void LeaveObject() { object_.reset(); }
+
+    // How often the mutex is open in this process, and the next one in the list of those that are
+    // not but have to stay; guarded by the table's lock.
+    int openCount = 1;
+    std::unique_ptr<NamedMutex> next;
+
+private:
+    // Tells the threads of this process apart; no two have the same number, not even in turn.
+    static std::uint64_t ThisThread() {
+        static std::atomic<std::uint64_t> threads{0};
+        static thread_local const std::uint64_t number = ++threads;
+        return number;
+    }
+
+    void SetOwned(std::uint32_t depth) {
+        owner_.store(ThisThread(), std::memory_order_relaxed);
+        depth_.store(depth, std::memory_order_relaxed);
+    }
+
+    int Wait(std::uint32_t timeout) {
+        if (timeout == kForever) {
+            return ::pthread_mutex_lock(native_);
+        }
+        if (timeout == 0) {
+            return ::pthread_mutex_trylock(native_);
+        }
+        timespec deadline{};
+        ::clock_gettime(CLOCK_MONOTONIC, &deadline);
+        const long nanoseconds = deadline.tv_nsec + static_cast<long>(timeout % 1000) * 1'000'000;
+        deadline.tv_sec += static_cast<time_t>(timeout / 1000) + nanoseconds / 1'000'000'000;
+        deadline.tv_nsec = nanoseconds % 1'000'000'000;
+        return ::pthread_mutex_clocklock(native_, CLOCK_MONOTONIC, &deadline);
+    }
+
+    pthread_mutex_t* native_ = nullptr;
+    std::unique_ptr<NamedObject> object_;  // null for a mutex without a name
+    std::atomic<std::uint64_t> owner_{0};
+    std::atomic<std::uint32_t> depth_{0};
+};
+
+// The named mutexes that this process has open, and those that have gone from the system while a
+// thread of this process owns them. Never destroyed: a mutex may be closed by a destructor that runs
+// at exit.
+struct OpenMutexes {
+    std::mutex lock;
+    std::map<std::string, std::unique_ptr<NamedMutex>> byName;
+    std::unique_ptr<NamedMutex> leftBehind;
+
+    // Takes a mutex out of the names, if it has one.
+    std::unique_ptr<NamedMutex> Remove(NamedMutex* mutex) {
+        for (auto entry = byName.begin(); entry != byName.end(); ++entry) {
+            if (entry->second.get() == mutex) {
+                return std::move(byName.extract(entry).mapped());
+            }
+        }
+        return std::unique_ptr<NamedMutex>(mutex);
+    }
+};
+
+OpenMutexes& Table() {
+    static OpenMutexes& table = *new OpenMutexes;
+    return table;
+}
+
+NamedMutex* OpenUnnamed() {
+    auto mutex = std::make_unique<NamedMutex>();
+    return mutex->OpenUnnamed() ? mutex.release() : nullptr;
+}
+
+NamedMutex* Open(const std::string& name) {
+    OpenMutexes& table = Table();
+    const std::lock_guard guard(table.lock);
+    if (const auto found = table.byName.find(name); found != table.byName.end()) {
+        ++found->second->openCount;
+        return found->second.get();
+    }
+    auto mutex = std::make_unique<NamedMutex>();
+    if (!mutex->Open(name.c_str())) {
+        return nullptr;
+    }
+    return table.byName.emplace(name, std::move(mutex)).first->second.get();
+}
+
+// The UTF-8 form of a wide name, so that both forms of a name denote one mutex.
+std::string ToUtf8(const wchar_t* name) {
+    std::string text;
+    for (; *name != L'\0'; ++name) {
+        const auto code = static_cast<std::uint32_t>(*name);
+        if (code < 0x80) {
+            text += static_cast<char>(code);
+            continue;
+        }
+        const int more = code < 0x800 ? 1 : code < 0x10000 ? 2 : 3;
+        const std::uint32_t lead = more == 1 ? 0xC0 : more == 2 ? 0xE0 : 0xF0;
+        text += static_cast<char>(lead | (code >> (6 * more) & 0x3F));
+        for (int shift = 6 * (more - 1); shift >= 0; shift -= 6) {
+            text += static_cast<char>(0x80 | (code >> shift & 0x3F));
+        }
+    }
+    return text;
+}
+
+template <typename Opener>
+void* OpenOrNull(const Opener& opener) noexcept {
+    try {
+        return opener();
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+}
+
+}  // namespace
+
+void* OpenNamedMutex(const char* name) noexcept {
+    return OpenOrNull([name] { return name ? Open(name) : OpenUnnamed(); });
+}
+
+void* OpenNamedMutex(const wchar_t* name) noexcept {
+    return OpenOrNull([name] { return name ? Open(ToUtf8(name)) : OpenUnnamed(); });
+}
+
+std::uint32_t AcquireNamedMutex(void* handle, std::uint32_t timeout) noexcept {
+    return static_cast<NamedMutex*>(handle)->Acquire(timeout);
+}
+
+void ReleaseNamedMutex(void* handle) noexcept { static_cast<NamedMutex*>(handle)->Release(); }
+
+// The last handle of this process closes the mutex. One that a thread of this process owns lives on
+// while other processes have it open: it stays under its name, where a later open finds it, until
+// this process ends and its owner with it. Otherwise it has gone, whoever owns it; but the list of
+// mutexes that a living owner has keeps pointing to it, so its memory stays.
+void CloseNamedMutex(void* handle) noexcept {
+    auto* const mutex = static_cast<NamedMutex*>(handle);
+    OpenMutexes& table = Table();
+    const std::lock_guard guard(table.lock);
+    if (--mutex->openCount > 0 || (mutex->IsOwned() && !mutex->IsOnlyHolder())) {
+        return;
+    }
+    std::unique_ptr<NamedMutex> closed = table.Remove(mutex);
+    if (closed->IsOwned() && !closed->TakeFromOwner()) {
+        closed->LeaveObject();
+        closed->next = std::move(table.leftBehind);
+        table.leftBehind = std::move(closed);
+    }
+}
+
+}  // namespace Quorvel::Platform

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace Quorvel::Platform {
+
+// A file that processes of one user share by name, alive exactly as long as somebody holds it: what
+// Windows gives its named kernel objects.
+//
+// The files stand in a folder of the user's own, "/dev/shm/quorvel-<user id>", mode 0700, so that no
+// other user can reach or plant anything. Every holder keeps a shared flock on the object's file;
+// the system drops it when the process ends, however it ends. Who can turn it into an exclusive one
+// is alone with the file: at opening that makes it the creator, whatever an earlier holder that was
+// killed may have left behind, and at closing it makes it the last, who removes the file. Both
+// decisions are taken under an exclusive flock on one more file of the folder, the gate, so that
+// nobody opens while another decides.
+class NamedObject {
+public:
+    enum class IfAbsent { Create, Fail };
+
+    // Opens the object of a kind and a name. A new one gets the given number of bytes, all zero,
+    // and is passed to initialise before anybody else can open it; initialise returns whether it
+    // succeeded. Returns null on failure, with errno set: ENOENT when there is no such object and
+    // none was to be made, EACCES when what is in its place belongs to somebody else.
+    static std::unique_ptr<NamedObject> Open(const char* kind, const char* name, IfAbsent ifAbsent,
+                                             std::size_t bytes,
+                                             const std::function<bool(int)>& initialise = {});
+
+    NamedObject(const NamedObject&) = delete;
+    NamedObject& operator=(const NamedObject&) = delete;
+
+    // Lets go of the object; the last holder removes it.
+    ~NamedObject();
+
+    // Whether no other process holds the object now. May be wrong a moment later.
+    bool IsOnlyHolder() const;
+
+    int Descriptor() const { return descriptor_; }
+    std::size_t Size() const { return size_; }
+
+    // The folder of the files, and the name in it of the file that stands for an object.
+    static std::string Folder();
+    static std::string FileName(const char* kind, const char* name);
+
+private:
+    NamedObject(std::string fileName, int descriptor, std::size_t size)
+        : fileName_(std::move(fileName)), descriptor_(descriptor), size_(size) {}
+
+    std::string fileName_;
+    int descriptor_;
+    std::size_t size_;
+};
+
+}  // namespace Quorvel::Platform

@@ -1,0 +1,7 @@
+#include "platform/Path.h"
+
+namespace Quorvel::Platform {
+
+const char kPathSeparator = '/';
+
+}  // namespace Quorvel::Platform

@@ -1,0 +1,361 @@
+// The effect cache's steps on its file.
+#include <algorithm>
+#include <cstring>
+
+#include "effectcache/EffectCacheImpl.h"
+#include "effectcache/StreamHelpers.h"
+#include "package/PagedFilePackage.h"
+#include "platform/DiskSpace.h"
+#include "quorvel/AutoMutex.h"
+#include "quorvel/Exceptions.h"
+#include "quorvel/FilePackage.h"
+
+namespace Quorvel {
+
+namespace {
+
+constexpr std::uint64_t kPageCacheCapacity = 64;
+constexpr std::uint64_t kStreamLimit = 65535;
+
+// The cache takes no more of a volume than this, however much is free.
+constexpr std::uint64_t kLargestSpaceBudget = 0x10000000;
+
+// Until the first effect is saved the index stream has one byte, since a stream without bytes can't
+// be opened.
+constexpr std::uint64_t kEmptyIndexSize = 1;
+
+PagedFilePackageConfig PackageConfig(const CStr& path) {
+    return {path.data(), kPageCacheCapacity, kStreamLimit};
+}
+
+// The package came from the entry points, which make no other kind.
+PagedFilePackage& Internals(const Util::RefPtr<IDataStreamSet>& package) {
+    return static_cast<PagedFilePackage&>(*package);
+}
+
+bool IsIndexed(const EffectKey& key, const EffectRecord& record) {
+    return !key.bytes.empty() && key.bytes.size() == record.nameLength;
+}
+
+}  // namespace
+
+// ---- Opening, creating, letting go -------------------------------------------------------------
+
+bool EffectCacheImpl::OpenFile() noexcept {
+    const AutoMutex guard(*fileMutex_, kWaitForever);
+    try {
+        package_ = OpenFilePackage(PackageConfig(filePath_));
+        if (package_ && ReadHeader() && LoadIndex()) {
+            return true;
+        }
+    } catch (...) {
+    }
+    LetPackageGo();
+    return false;
+}
+
+bool EffectCacheImpl::CreateFile() noexcept {
+    ClearState();
+    const AutoMutex guard(*fileMutex_, kWaitForever);
+    LetPackageGo();
+    try {
+        CreateEmptyCache();
+        return true;
+    } catch (...) {
+        LetPackageGo();
+        return false;
+    }
+}
+
+void EffectCacheImpl::CreateEmptyCache() {
+    package_ = CreateFilePackage(PackageConfig(filePath_));
+    if (!package_) {
+        throw FileIOException();
+    }
+    stamp_.UpdateTimeStamp();
+    header_ = {kCacheVersion, 0, package_->CreateDataStream(kEmptyIndexSize), 0};
+    if (!package_->OpenDataStream(header_.indexStreamId) || !WriteHeader() || !package_->Commit()) {
+        throw FileIOException();
+    }
+}
+
+// After a commit the file holds everything; without one, what is in memory must not reach it.
+void EffectCacheImpl::LetPackageGo() noexcept {
+    if (package_) {
+        Internals(package_).Abandon();
+        package_.Reset();
+    }
+}
+
+// A step that failed may have let some of its changes reach the file, where what was committed
+// before still describes the pages they overwrote. Nobody must read that.
+void EffectCacheImpl::GivePackageUp() noexcept {
+    const bool isFileSuspect = package_ && Internals(package_).HasChanges();
+    LetPackageGo();
+    if (isFileSuspect) {
+        CreateFile();
+        LetPackageGo();
+    }
+}
+
+// ---- Reading -----------------------------------------------------------------------------------
+
+bool EffectCacheImpl::SyncWithFile() noexcept {
+    if (!stamp_.IsChanged()) {
+        return true;
+    }
+    if (!package_) {
+        return false;
+    }
+    try {
+        // Changes that nobody committed are older than what the file holds now.
+        Internals(package_).Abandon();
+        if (package_->Load() && ReadHeader() && LoadIndex()) {
+            return true;
+        }
+    } catch (...) {
+    }
+    GivePackageUp();
+    return false;
+}
+
+// Offset of the payload of the cache's block in the header data. Blocks are looked at up to the
+// first one that does not lie inside the data.
+std::optional<std::uint64_t> EffectCacheImpl::FindHeaderPayload(std::uint32_t& payloadLength) const {
+    const IDataStreamSet& package = *package_;
+    const std::uint8_t* const data = package.GetHeaderData();
+    const std::uint64_t size = package_->GetHeaderDataSize();
+    std::uint64_t offset = 0;
+    while (size - offset >= sizeof(HeaderBlock)) {
+        HeaderBlock block;
+        std::memcpy(&block, data + offset, sizeof block);
+        offset += sizeof block;
+        if (block.payloadLength > size - offset) {
+            break;
+        }
+        if (block.tag == kCacheHeaderTag) {
+            payloadLength = block.payloadLength;
+            return offset;
+        }
+        offset += block.payloadLength;
+    }
+    return std::nullopt;
+}
+
+bool EffectCacheImpl::ReadHeader() {
+    if (!package_) {
+        return false;
+    }
+    std::uint32_t payloadLength = 0;
+    const auto payload = FindHeaderPayload(payloadLength);
+    if (!payload || payloadLength < sizeof(CacheHeader)) {
+        return false;
+    }
+    const IDataStreamSet& package = *package_;
+    CacheHeader header;
+    std::memcpy(&header, package.GetHeaderData() + *payload, sizeof header);
+    if (header.version != kCacheVersion || header.recordCount > kMostEffects) {
+        return false;
+    }
+    header_ = header;
+    return true;
+}
+
+bool EffectCacheImpl::LoadIndex() {
+    if (!package_) {
+        return false;
+    }
+    Util::RefPtr<IDataStream> stream = package_->OpenDataStream(header_.indexStreamId);
+    if (!stream) {
+        return false;
+    }
+    fileTable_.clear();
+    if (!ReadIndex(stream)) {
+        return false;
+    }
+    stream.Reset();
+    TrimTo(SpaceBudget());
+    // A trim deletes streams that the index in the file still names, and moves the tails of others:
+    // no page of that may reach the file without the index that goes with it.
+    return !Internals(package_).HasChanges() || CommitTables();
+}
+
+bool EffectCacheImpl::ReadIndex(Util::RefPtr<IDataStream>& stream) {
+    for (std::uint64_t index = 0; index < header_.recordCount; ++index) {
+        EffectRecord record;
+        std::vector<unsigned char> name;
+        if (!ReadExact(stream, &record, sizeof record) || record.nameLength < kShortestName ||
+            record.nameLength > kLongestName || record.effectSize < kSmallestEffect ||
+            record.effectSize > kLargestEffect || !ReadBytes(name, stream, kLongestName) ||
+            name.size() != record.nameLength) {
+            return false;
+        }
+        fileTable_.insert_or_assign(EffectKey(std::move(name)), record);
+    }
+    return true;
+}
+
+// ---- Saving ------------------------------------------------------------------------------------
+
+bool EffectCacheImpl::SaveToFile() noexcept {
+    if (!package_) {
+        return true;
+    }
+    const AutoMutex guard(*fileMutex_, kWaitForever);
+    if (pendingTable_.empty()) {
+        return true;
+    }
+    try {
+        if (!SyncWithFile() || !MovePendingIntoFile() || !CommitTables()) {
+            throw FileIOException();
+        }
+        return true;
+    } catch (...) {
+        GivePackageUp();
+        return false;
+    }
+}
+
+// Writes what the tables in memory say over what the file says, and tells the other processes.
+bool EffectCacheImpl::CommitTables() {
+    if (!WriteIndex() || !WriteHeader() || !package_->Commit()) {
+        return false;
+    }
+    stamp_.UpdateTimeStamp();
+    return true;
+}
+
+std::uint64_t EffectCacheImpl::SpaceBudget() const {
+    std::uint64_t available = 0;
+    if (!Platform::GetFreeDiskSpace(directoryPath_.data(), available)) {
+        return kLargestSpaceBudget;  // better a full volume than a lost cache
+    }
+    return std::min(available, kLargestSpaceBudget);
+}
+
+bool EffectCacheImpl::TrimTo(std::uint64_t limit) {
+    if (!package_) {
+        return false;
+    }
+    if (package_->GetTotalDataSize() < limit) {
+        return true;
+    }
+    std::vector<FileTable::iterator> entries;
+    for (auto entry = fileTable_.begin(); entry != fileTable_.end(); ++entry) {
+        if (entry->second.permanent == 0) {
+            entries.push_back(entry);
+        }
+    }
+    std::stable_sort(entries.begin(), entries.end(), [](const auto& left, const auto& right) {
+        return IsEarlier(left->second.entryTime, right->second.entryTime);
+    });
+    for (const FileTable::iterator& entry : entries) {
+        if (package_->GetTotalDataSize() < limit) {
+            break;
+        }
+        package_->DeleteDataStream(entry->second.streamId);
+        fileTable_.erase(entry);
+    }
+    return package_->GetTotalDataSize() < limit;
+}
+
+bool EffectCacheImpl::MovePendingIntoFile() {
+    if (!package_) {
+        return false;
+    }
+    const std::uint64_t budget = SpaceBudget();
+    if (budget >= pendingBytes_ && TrimTo(budget - pendingBytes_)) {
+        for (const auto& [key, effect] : pendingTable_) {
+            if (!MoveIntoFile(key, effect)) {
+                return false;
+            }
+        }
+    }
+    // Without room the pending effects are dropped: they can be compiled again.
+    pendingTable_.clear();
+    pendingBytes_ = 0;
+    return true;
+}
+
+bool EffectCacheImpl::MoveIntoFile(const EffectKey& key, const PendingEffect& effect) {
+    if (const auto replaced = fileTable_.find(key); replaced != fileTable_.end()) {
+        package_->DeleteDataStream(replaced->second.streamId);
+        fileTable_.erase(replaced);
+    }
+    const std::uint64_t streamId = package_->CreateDataStream(SerializedSize(effect.bytes));
+    Util::RefPtr<IDataStream> stream = package_->OpenDataStream(streamId);
+    if (!stream || !WriteBytes(effect.bytes, stream)) {
+        return false;
+    }
+    stream.Reset();
+    const EffectRecord record = {streamId,
+                                 static_cast<std::uint32_t>(key.bytes.size()),
+                                 static_cast<std::uint32_t>(effect.bytes.size()),
+                                 effect.permanent,
+                                 CurrentEntryTime(),
+                                 0};
+    fileTable_.emplace(key, record);
+    return true;
+}
+
+bool EffectCacheImpl::WriteIndex() {
+    if (!package_) {
+        return false;
+    }
+    std::uint64_t size = 0;
+    for (const auto& [key, record] : fileTable_) {
+        if (IsIndexed(key, record)) {
+            size += IndexEntrySize(key.bytes.size());
+        }
+    }
+    Util::RefPtr<IDataStream> stream = OpenIndexForWriting(std::max(size, kEmptyIndexSize));
+    if (!stream) {
+        return false;
+    }
+    for (const auto& [key, record] : fileTable_) {
+        if (IsIndexed(key, record) && !(WriteExact(stream, &record, sizeof record) &&
+                                        WriteBytes(key.bytes, stream))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The index stream of that size: the one there is, or a new one in its place.
+Util::RefPtr<IDataStream> EffectCacheImpl::OpenIndexForWriting(std::uint64_t size) {
+    if (header_.indexStreamId != kInvalidStreamId) {
+        Util::RefPtr<IDataStream> stream = package_->OpenDataStream(header_.indexStreamId);
+        if (stream && stream->GetSize() == size) {
+            return stream;
+        }
+        if (stream) {
+            stream.Reset();
+            package_->DeleteDataStream(header_.indexStreamId);
+        }
+    }
+    header_.indexStreamId = package_->CreateDataStream(size);
+    return package_->OpenDataStream(header_.indexStreamId);
+}
+
+bool EffectCacheImpl::WriteHeader() {
+    if (!package_) {
+        return false;
+    }
+    std::uint32_t payloadLength = sizeof(CacheHeader);
+    auto payload = FindHeaderPayload(payloadLength);
+    if (!payload) {
+        const std::uint64_t end = package_->GetHeaderDataSize();
+        const HeaderBlock block = {kCacheHeaderTag, sizeof(CacheHeader), 0};
+        package_->SetHeaderDataSize(end + sizeof block + sizeof(CacheHeader));
+        std::memcpy(package_->GetHeaderData() + end, &block, sizeof block);
+        payload = end + sizeof block;
+    }
+    if (payloadLength < sizeof(CacheHeader)) {
+        return false;
+    }
+    header_.recordCount = fileTable_.size();
+    std::memcpy(package_->GetHeaderData() + *payload, &header_, sizeof header_);
+    return true;
+}
+
+}  // namespace Quorvel

@@ -1,0 +1,101 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "effectcache/EffectKey.h"
+#include "effectcache/EffectRecord.h"
+#include "platform/CriticalSection.h"
+#include "quorvel/IDataStreamSet.h"
+#include "quorvel/MultiProcessTimeStamp.h"
+#include "quorvel/MutexObject.h"
+#include "vornutil/CStr.h"
+#include "vornutil/RefPtr.h"
+#include "vornutil/Tab.h"
+
+namespace Quorvel {
+
+// An effect that waits for the next save.
+struct PendingEffect {
+    std::vector<unsigned char> bytes;
+    std::uint32_t permanent = 0;
+};
+
+// The effect cache behind EffectCacheSystem, which documents the operations.
+//
+// Locks, in the order in which they are taken: the critical section (threads of this process), the
+// file mutex (processes), the time stamp's own mutex (inside its operations). The file is read and
+// written, and the package let go, with the file mutex held, never without.
+//
+// A package that is let go is abandoned first: after a commit the file holds everything, and
+// without one what is in memory must not reach it. What a step that failed half-way may have left
+// in the file is replaced by an empty cache. So the next to open the file finds the state of the
+// last commit or an empty cache, never a mixture.
+class EffectCacheImpl {
+public:
+    explicit EffectCacheImpl(const CStr& directory);
+    EffectCacheImpl(const EffectCacheImpl&) = delete;
+    EffectCacheImpl& operator=(const EffectCacheImpl&) = delete;
+    ~EffectCacheImpl();
+
+    void CacheCompiledEffect(const CStr& name, const unsigned char* data, std::uint64_t size,
+                             bool permanent);
+    bool SearchCachedEffects(const CStr& name, Tab<unsigned char>& data);
+    void ListCachedEffects(const char* fileName) const;
+    bool IsEnabled();
+    void SetEnabled(bool enabled);
+    std::uint64_t GetNumberOfEffectsInFile() const { return fileTable_.size(); }
+    std::uint64_t GetNumberOfEffectsInMemory() const { return pendingTable_.size(); }
+    const CStr& GetDirectory() const { return directory_; }
+
+    // Moves the pending effects into the file. True when there was nothing to do or it worked;
+    // otherwise the cache is inert.
+    bool SaveToFile() noexcept;
+
+private:
+    using FileTable = std::map<EffectKey, EffectRecord, EffectKeyOrder>;
+    using PendingTable = std::map<EffectKey, PendingEffect, EffectKeyOrder>;
+
+    void ClearState();
+    bool CopyPending(const EffectKeyView& key, Tab<unsigned char>& data, bool& found) const;
+    bool ReadEffect(EffectRecord& record, Tab<unsigned char>& data);
+
+    // The steps on the file (EffectCacheFile.cpp). Each wants the file mutex held, and says whether
+    // it succeeded.
+    bool OpenFile() noexcept;
+    bool CreateFile() noexcept;
+    void CreateEmptyCache();
+    bool SyncWithFile() noexcept;
+    bool ReadHeader();
+    bool WriteHeader();
+    bool ReadIndex(Util::RefPtr<IDataStream>& stream);
+    bool LoadIndex();
+    bool WriteIndex();
+    Util::RefPtr<IDataStream> OpenIndexForWriting(std::uint64_t size);
+    bool TrimTo(std::uint64_t limit);
+    bool MovePendingIntoFile();
+    bool MoveIntoFile(const EffectKey& key, const PendingEffect& effect);
+    bool CommitTables();
+    std::uint64_t SpaceBudget() const;
+    std::optional<std::uint64_t> FindHeaderPayload(std::uint32_t& payloadLength) const;
+    void LetPackageGo() noexcept;
+    void GivePackageUp() noexcept;
+
+    Platform::CriticalSection section_;
+    CStr directory_;      // as it was passed in
+    CStr directoryPath_;  // with a separator at its end
+    CStr filePath_;       // empty when the directory is
+    bool enabled_;
+    CacheHeader header_;
+    FileTable fileTable_;
+    PendingTable pendingTable_;
+    std::uint64_t pendingBytes_;
+    Util::RefPtr<IDataStreamSet> package_;  // null when the cache is inert
+    std::unique_ptr<MutexObject> fileMutex_;
+    MultiProcessTimeStamp stamp_;
+};
+
+}  // namespace Quorvel

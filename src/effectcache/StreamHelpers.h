@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "quorvel/IDataStream.h"
+#include "vornutil/RefPtr.h"
+#include "vornutil/Tab.h"
+
+// Whole transfers between buffers and streams. Nothing is thrown: what goes wrong makes the result
+// false. When a transfer was begun and failed, the caller's stream reference is null afterwards, so
+// that a chain of calls fails to its end.
+namespace Quorvel {
+
+// Moves exactly size bytes. False for a null stream, null data or a size of 0, which leave the
+// stream alone, and for a short transfer.
+bool WriteExact(Util::RefPtr<IDataStream>& stream, const void* data, std::uint64_t size) noexcept;
+bool ReadExact(Util::RefPtr<IDataStream>& stream, void* data, std::uint64_t size) noexcept;
+
+// Writes a byte array: its length in 8 bytes, then its bytes.
+bool WriteBytes(const std::vector<unsigned char>& buffer,
+                Util::RefPtr<IDataStream>& stream) noexcept;
+
+// Reads a byte array of at most limit bytes, and in any case below 2 GiB. The buffer's content is
+// unspecified after false.
+bool ReadBytes(std::vector<unsigned char>& buffer, Util::RefPtr<IDataStream>& stream,
+               std::uint64_t limit) noexcept;
+bool ReadBytes(Tab<unsigned char>& buffer, Util::RefPtr<IDataStream>& stream,
+               std::uint64_t limit) noexcept;
+
+// Bytes that a byte array takes in a stream.
+std::uint64_t SerializedSize(const std::vector<unsigned char>& buffer) noexcept;
+
+}  // namespace Quorvel

@@ -1,5 +1,6 @@
 # Options and the compile settings that every target of this tree shares.
 option(QUORVEL_BUILD_TESTS "Build the test programs" ${PROJECT_IS_TOP_LEVEL})
+option(QUORVEL_BUILD_TOOLS "Build the command line tools" ${PROJECT_IS_TOP_LEVEL})
 option(QUORVEL_BUILD_EXAMPLES "Build the example host application" ${PROJECT_IS_TOP_LEVEL})
 option(QUORVEL_WARNINGS_AS_ERRORS "Treat compiler warnings as errors" OFF)
 option(QUORVEL_COVERAGE "Instrument for gcov" OFF)
@@ -51,4 +52,13 @@ if(WIN32)
     set(QUORVEL_PLATFORM win32)
 else()
     set(QUORVEL_PLATFORM posix)
+endif()
+
+# The compiler's runtime stands beside the programs that need it, as on the host's machine.
+if(MINGW)
+    foreach(runtime libstdc++-6.dll libgcc_s_seh-1.dll libwinpthread-1.dll)
+        execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=${runtime}
+                        OUTPUT_VARIABLE path OUTPUT_STRIP_TRAILING_WHITESPACE)
+        configure_file(${path} ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/${runtime} COPYONLY)
+    endforeach()
 endif()

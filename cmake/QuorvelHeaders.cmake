@@ -1,0 +1,21 @@
+# Libraries of the distribution that are headers alone, for programs that are not the library itself.
+#
+# quorvel_header_library(NAME HEADER DEBIAN_PACKAGE): an interface library for a header such as
+# CLI/CLI.hpp. Only that header's own folder is made visible, through a link in the build tree, so
+# that a cross-build takes the build machine's headers and nothing else that stands beside them.
+function(quorvel_header_library name header package)
+    if(TARGET ${name})
+        return()
+    endif()
+    cmake_path(GET header PARENT_PATH folder)
+    find_path(${name}_INCLUDE_DIR ${header} NO_CMAKE_FIND_ROOT_PATH HINTS /usr/include)
+    mark_as_advanced(${name}_INCLUDE_DIR)
+    if(NOT ${name}_INCLUDE_DIR)
+        message(FATAL_ERROR "${header} is missing (Debian: ${package})")
+    endif()
+    set(links ${CMAKE_BINARY_DIR}/headers/${name})
+    file(MAKE_DIRECTORY ${links})
+    file(CREATE_LINK ${${name}_INCLUDE_DIR}/${folder} ${links}/${folder} COPY_ON_ERROR SYMBOLIC)
+    add_library(${name} INTERFACE IMPORTED GLOBAL)
+    target_include_directories(${name} SYSTEM INTERFACE ${links})
+endfunction()

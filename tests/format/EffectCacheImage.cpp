@@ -1,0 +1,206 @@
+#include "format/EffectCacheImage.h"
+
+#include <optional>
+#include <set>
+#include <sstream>
+
+#include "format/PackageCheck.h"
+
+namespace Quorvel::Format {
+namespace {
+
+void Require(bool holds, const std::string& otherwise) {
+    if (!holds) {
+        throw FormatError(otherwise);
+    }
+}
+
+// The payload of the first block with the cache's tag. Blocks count up to the first that does not
+// lie inside the header data.
+std::optional<Bytes> FindCacheBlock(const Bytes& headerData) {
+    ByteReader reader(headerData, "the header data");
+    while (reader.Left() >= kCacheBlockHeadSize) {
+        const std::uint64_t tag = reader.TakeInteger(4);
+        const std::uint64_t size = reader.TakeInteger(4);
+        reader.TakeInteger(4);
+        if (size > reader.Left()) {
+            break;
+        }
+        Bytes payload = reader.Take(size);
+        if (tag == kCacheHeaderTag) {
+            return payload;
+        }
+    }
+    return std::nullopt;
+}
+
+EffectRecord TakeRecord(ByteReader& reader) {
+    EffectRecord record;
+    record.streamId = reader.TakeInteger(8);
+    record.nameLength = static_cast<std::uint32_t>(reader.TakeInteger(4));
+    record.size = static_cast<std::uint32_t>(reader.TakeInteger(4));
+    record.permanent = static_cast<std::uint32_t>(reader.TakeInteger(4));
+    for (std::uint16_t* field : {&record.time.year, &record.time.month, &record.time.day,
+                                 &record.time.hour, &record.time.minute, &record.time.second}) {
+        *field = static_cast<std::uint16_t>(reader.TakeInteger(2));
+    }
+    record.time.millisecond = static_cast<std::uint32_t>(reader.TakeInteger(4));
+    record.reserved = reader.TakeInteger(8);
+    return record;
+}
+
+std::uint64_t IndexSize(const std::vector<IndexEntry>& entries) {
+    std::uint64_t size = 0;
+    for (const IndexEntry& entry : entries) {
+        size += kEffectRecordSize + kLengthPrefixSize + entry.name.size();
+    }
+    return size;
+}
+
+// The effect that a data stream holds.
+Bytes ReadEffect(const StreamReader& streams, const EffectRecord& record) {
+    const Bytes stream = streams.Read(record.streamId);
+    ByteReader reader(stream, "the data stream");
+    const std::uint64_t size = reader.TakeInteger(kLengthPrefixSize);
+    Require(size == record.size && size == reader.Left(),
+            "the data stream has " + std::to_string(stream.size()) + " bytes and states " +
+                std::to_string(size));
+    return reader.Take(size);
+}
+
+class EffectCacheChecker {
+public:
+    explicit EffectCacheChecker(const PackageImage& image) : image_(image) {}
+
+    std::vector<std::string> Run() {
+        problems_ = CheckPackage(image_);
+        try {
+            const CacheHeader header = ReadCacheHeader(image_.headerData);
+            CheckIndex(header);
+        } catch (const FormatError& error) {
+            problems_.push_back(std::string("no intact effect cache: ") + error.what());
+        }
+        return std::move(problems_);
+    }
+
+private:
+    template <typename... Words>
+    void Expect(bool holds, const Words&... otherwise) {
+        if (!holds) {
+            std::ostringstream line;
+            (line << ... << otherwise);
+            problems_.push_back(line.str());
+        }
+    }
+
+    void CheckIndex(const CacheHeader& header);
+    void CheckEffect(const StreamReader& streams, const IndexEntry& entry);
+    void CheckOrphans();
+
+    const PackageImage& image_;
+    std::set<std::uint64_t> used_;  // streams that the cache refers to
+    std::vector<std::string> problems_;
+};
+
+void EffectCacheChecker::CheckIndex(const CacheHeader& header) {
+    const StreamReader streams(image_);
+    const Bytes index = streams.Read(header.indexStream);
+    const std::vector<IndexEntry> entries = ReadIndex(index, header.effectCount);
+    used_.insert(header.indexStream);
+
+    // The index of an empty cache is a single byte without a meaning.
+    const std::uint64_t size = entries.empty() ? 1 : IndexSize(entries);
+    Expect(index.size() == size, "the index stream has ", index.size(), " bytes for ", size);
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        Expect(i == 0 || NameOrder()(entries[i - 1].name, entries[i].name), "the names of records ",
+               i - 1, " and ", i, " are not in order");
+        CheckEffect(streams, entries[i]);
+    }
+    CheckOrphans();
+}
+
+void EffectCacheChecker::CheckEffect(const StreamReader& streams, const IndexEntry& entry) {
+    const std::string name = "effect \"" + entry.name + "\"";
+    Expect(entry.record.permanent <= 1, name, " is permanent by ", entry.record.permanent);
+    Expect(used_.insert(entry.record.streamId).second, name, " shares stream ",
+           entry.record.streamId);
+    try {
+        ReadEffect(streams, entry.record);
+    } catch (const FormatError& error) {
+        Expect(false, name, " of ", entry.record.size, " bytes can't be read: ", error.what());
+    }
+}
+
+void EffectCacheChecker::CheckOrphans() {
+    for (const StreamRecord& stream : image_.streams) {
+        Expect(used_.count(stream.id) != 0, "stream ", stream.id, " belongs to no effect");
+    }
+}
+
+}  // namespace
+
+bool HoldsEffectCache(const Bytes& headerData) {
+    return FindCacheBlock(headerData).has_value();
+}
+
+CacheHeader ReadCacheHeader(const Bytes& headerData) {
+    const std::optional<Bytes> block = FindCacheBlock(headerData);
+    Require(block.has_value(), "the header data has no block of the cache");
+    ByteReader reader(*block, "the cache's header");
+    CacheHeader header;
+    header.version = static_cast<std::uint32_t>(reader.TakeInteger(4));
+    header.effectCount = reader.TakeInteger(8);
+    header.indexStream = reader.TakeInteger(8);
+    header.reserved = reader.TakeInteger(8);
+    Require(header.version == kCacheVersion,
+            "the cache's version is " + std::to_string(header.version));
+    Require(header.effectCount <= kEffectCountLimit,
+            "the cache has " + std::to_string(header.effectCount) + " effects");
+    return header;
+}
+
+std::vector<IndexEntry> ReadIndex(const Bytes& indexStream, std::uint64_t count) {
+    ByteReader reader(indexStream, "the index stream");
+    std::vector<IndexEntry> entries;
+    for (std::uint64_t i = 0; i < count; ++i) {
+        const std::string which = "record " + std::to_string(i);
+        IndexEntry entry;
+        entry.record = TakeRecord(reader);
+        Require(entry.record.nameLength >= 1 && entry.record.nameLength <= kNameLengthLimit,
+                which + "'s name length is " + std::to_string(entry.record.nameLength));
+        Require(entry.record.size >= 1 && entry.record.size <= kEffectSizeLimit,
+                which + "'s effect size is " + std::to_string(entry.record.size));
+        const std::uint64_t length = reader.TakeInteger(kLengthPrefixSize);
+        Require(length == entry.record.nameLength,
+                which + "'s name has " + std::to_string(length) + " bytes");
+        const Bytes name = reader.Take(length);
+        entry.name.assign(name.begin(), name.end());
+        entries.push_back(entry);
+    }
+    return entries;
+}
+
+Effects ReadEffectCache(const PackageImage& image) {
+    const CacheHeader header = ReadCacheHeader(image.headerData);
+    const StreamReader streams(image);
+    Effects effects;
+    for (const IndexEntry& entry :
+         ReadIndex(streams.Read(header.indexStream), header.effectCount)) {
+        effects[entry.name] = {entry.record, ReadEffect(streams, entry.record)};
+    }
+    return effects;
+}
+
+std::vector<std::string> CheckEffectCache(const Bytes& file) {
+    try {
+        return CheckEffectCache(ReadPackage(file, kCacheStreamLimit));
+    } catch (const FormatError& error) {
+        return {std::string("no intact package: ") + error.what()};
+    }
+}
+
+std::vector<std::string> CheckEffectCache(const PackageImage& image) {
+    return EffectCacheChecker(image).Run();
+}
+
+}  // namespace Quorvel::Format

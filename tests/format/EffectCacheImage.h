@@ -1,0 +1,87 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "format/PackageImage.h"
+
+namespace Quorvel::Format {
+
+constexpr std::uint32_t kCacheHeaderTag = 20091030;
+constexpr std::uint64_t kCacheBlockHeadSize = 12;
+constexpr std::uint64_t kCacheHeaderSize = 28;
+constexpr std::uint32_t kCacheVersion = 7;
+constexpr std::uint64_t kEffectCountLimit = 8388608;
+constexpr std::uint64_t kEffectRecordSize = 44;
+constexpr std::uint64_t kLengthPrefixSize = 8;
+constexpr std::uint64_t kNameLengthLimit = 65536;
+constexpr std::uint64_t kEffectSizeLimit = 1048576;
+constexpr std::uint64_t kCacheStreamLimit = 65535;
+constexpr std::uint64_t kNoStream = ~std::uint64_t{0};
+
+struct CacheHeader {
+    std::uint32_t version = kCacheVersion;
+    std::uint64_t effectCount = 0;
+    std::uint64_t indexStream = kNoStream;
+    std::uint64_t reserved = 0;
+};
+
+struct EntryTime {
+    std::uint16_t year = 0;
+    std::uint16_t month = 0;
+    std::uint16_t day = 0;
+    std::uint16_t hour = 0;
+    std::uint16_t minute = 0;
+    std::uint16_t second = 0;
+    std::uint32_t millisecond = 0;
+};
+
+struct EffectRecord {
+    std::uint64_t streamId = 0;
+    std::uint32_t nameLength = 0;
+    std::uint32_t size = 0;
+    std::uint32_t permanent = 0;
+    EntryTime time;
+    std::uint64_t reserved = 0;
+};
+
+struct IndexEntry {
+    std::string name;
+    EffectRecord record;
+};
+
+// The order of names in an index: the shorter first, then by unsigned bytes.
+struct NameOrder {
+    bool operator()(const std::string& left, const std::string& right) const {
+        return left.size() != right.size() ? left.size() < right.size() : left < right;
+    }
+};
+
+struct Effect {
+    EffectRecord record;
+    Bytes data;
+};
+using Effects = std::map<std::string, Effect, NameOrder>;
+
+// Whether a package's header data holds the block of an effect cache.
+bool HoldsEffectCache(const Bytes& headerData);
+
+// The cache's header out of a package's header data. Throws FormatError when a reader must refuse
+// it.
+CacheHeader ReadCacheHeader(const Bytes& headerData);
+
+// The entries of an index stream, in its order. Throws FormatError when a reader must refuse it.
+std::vector<IndexEntry> ReadIndex(const Bytes& indexStream, std::uint64_t count);
+
+// The effects of an effect cache's file. Of two entries of one name the later counts. Throws
+// FormatError when the cache or one of its effects can't be read.
+Effects ReadEffectCache(const PackageImage& image);
+
+// Checks everything that a writer keeps true of an effect cache's file, CheckPackage included, and
+// returns one line for each thing that is not so.
+std::vector<std::string> CheckEffectCache(const Bytes& file);
+std::vector<std::string> CheckEffectCache(const PackageImage& image);
+
+}  // namespace Quorvel::Format

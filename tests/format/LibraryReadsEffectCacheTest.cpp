@@ -1,0 +1,210 @@
+#include <gtest/gtest.h>
+
+#include "format/EffectCacheWriter.h"
+#include "format/LibraryCache.h"
+#include "format/TestData.h"
+
+namespace Quorvel::Format {
+namespace {
+
+struct NamedCacheLayout {
+    std::string name;
+    EffectCacheLayout layout;
+};
+
+void PrintTo(const NamedCacheLayout& named, std::ostream* out) {
+    *out << named.name;
+}
+
+std::vector<NamedCacheLayout> CacheLayouts() {
+    std::vector<NamedCacheLayout> all;
+    for (const NamedLayout& named : AllLayouts()) {
+        if (named.layout.tails != TailPlacement::kBlockEach) {
+            all.push_back({named.name, {}});
+            all.back().layout.package = named.layout;
+        }
+    }
+    const auto add = [&](const char* name) -> EffectCacheLayout& {
+        all.push_back({name, {}});
+        return all.back().layout;
+    };
+    add("ShuffledIndex").shuffleIndex = true;
+    add("ShuffledStreamIds").shuffleStreams = true;
+    add("OtherBlocksInTheHeaderData").moreBlocks = true;
+    add("LongerHeader").headerPayload = 40;
+    return all;
+}
+
+CachedEffects AsCached(const std::vector<NewEffect>& effects) {
+    CachedEffects cached;
+    for (const NewEffect& effect : effects) {
+        cached[effect.name] = {effect.data, effect.permanent};
+    }
+    return cached;
+}
+
+// Caches that the library did not write.
+class LibraryReadsEffectCache : public testing::TestWithParam<NamedCacheLayout> {
+protected:
+    std::vector<NewEffect> effects_ = ManyEffects(1000);
+    Testing::TemporaryDirectory directory_;
+};
+
+TEST_P(LibraryReadsEffectCache, OfAThousandEffectsWhole) {
+    WriteWholeFile(CacheFile(directory_), WriteEffectCache(effects_, GetParam().layout));
+
+    LibraryCache cache(directory_);
+
+    EXPECT_TRUE(cache->IsEnabled());
+    EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 1000u);
+    for (const NewEffect& effect : effects_) {
+        EXPECT_TRUE(cache.Search(effect.name) == effect.data) << effect.name;
+    }
+}
+
+TEST_P(LibraryReadsEffectCache, AndSavesItSoundlyWithWhatIsNew) {
+    WriteWholeFile(CacheFile(directory_), WriteEffectCache(effects_, GetParam().layout));
+    CachedEffects expected = AsCached(effects_);
+    {
+        LibraryCache cache(directory_);
+        for (std::size_t i = 0; i < effects_.size(); i += 9) {
+            const CachedEffect replacement = {Pattern(1 + i * 5, i), i % 2 == 0};
+            cache.Add(effects_[i].name, replacement);
+            expected[effects_[i].name] = replacement;
+        }
+        cache.Add("new", {Pattern(8184, 1), false});
+        expected["new"] = {Pattern(8184, 1), false};
+    }
+    ExpectCacheFile(CacheFile(directory_), expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, LibraryReadsEffectCache, testing::ValuesIn(CacheLayouts()),
+                         [](const auto& instance) { return instance.param.name; });
+
+class DamagedEffectCache : public testing::Test {
+protected:
+    // Opens a cache over a file; it must have become a new, empty one.
+    void ExpectNewCache(const Bytes& file) {
+        WriteWholeFile(CacheFile(directory_), file);
+        LibraryCache cache(directory_);
+        EXPECT_TRUE(cache->IsEnabled());
+        EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 0u);
+        ExpectCacheFile(CacheFile(directory_), {});
+    }
+
+    // The header data of a cache, its block replaced.
+    static Bytes WithHeader(const CacheHeader& header, std::uint32_t payload) {
+        PackageImage image = LayOutEffectCache({{"name", {1, 2, 3}}}, {});
+        image.headerData = EncodeHeaderBlock(header, payload);
+        return EncodePackage(image);
+    }
+
+    Testing::TemporaryDirectory directory_;
+};
+
+TEST_F(DamagedEffectCache, OfAnotherVersionIsReplaced) {
+    CacheHeader header;
+    header.version = 8;
+    header.effectCount = 1;
+    header.indexStream = 0;
+    ExpectNewCache(WithHeader(header, kCacheHeaderSize));
+}
+
+TEST_F(DamagedEffectCache, WithAHeaderOf27BytesIsReplaced) {
+    CacheHeader header;
+    header.effectCount = 1;
+    header.indexStream = 0;
+    ExpectNewCache(WithHeader(header, 27));
+}
+
+TEST_F(DamagedEffectCache, WithMoreRecordsCountedThanThereAreIsReplaced) {
+    CacheHeader header;
+    header.effectCount = 2;
+    header.indexStream = 0;
+    ExpectNewCache(WithHeader(header, kCacheHeaderSize));
+}
+
+TEST_F(DamagedEffectCache, WithoutItsIndexStreamIsReplaced) {
+    CacheHeader header;
+    header.indexStream = kNoStream;
+    ExpectNewCache(WithHeader(header, kCacheHeaderSize));
+}
+
+TEST_F(DamagedEffectCache, WithARecordOutOfRangeIsReplaced) {
+    IndexEntry entry{"name", {}};
+    entry.record.streamId = 1;
+    entry.record.nameLength = 4;
+    for (const std::uint32_t size : {0u, 1048577u}) {
+        entry.record.size = size;
+        CacheHeader header;
+        header.effectCount = 1;
+        header.indexStream = 0;
+        ExpectNewCache(WritePackage({{0, EncodeIndex({entry})}, {1, EncodeEffect({1})}},
+                                    EncodeHeaderBlock(header)));
+    }
+}
+
+TEST_F(DamagedEffectCache, WithoutTheCachesBlockIsReplaced) {
+    ExpectNewCache(WritePackage({{0, {1}}}, Pattern(100, 1)));
+}
+
+TEST_F(DamagedEffectCache, ThatIsNoPackageIsReplaced) {
+    ExpectNewCache({});
+    ExpectNewCache(Pattern(50000, 1));
+}
+
+TEST_F(DamagedEffectCache, KeepsAllEffectsButTheOneWhoseStreamIsDamaged) {
+    std::vector<IndexEntry> index;
+    std::map<std::uint64_t, Bytes> streams;
+    for (std::uint64_t id = 1; id <= 4; ++id) {
+        EffectRecord record;
+        record.streamId = id;
+        record.nameLength = 1;
+        record.size = 100;
+        index.push_back({std::string(1, static_cast<char>('a' + id)), record});
+        streams[id] = EncodeEffect(Pattern(100, id));
+    }
+    StoreInteger(streams[2], 0, 8, 99);  // another length than the record's
+    streams[3].push_back(0);             // a longer stream than the length says
+    streams.erase(4);
+    streams[0] = EncodeIndex(index);
+    CacheHeader header;
+    header.effectCount = 4;
+    header.indexStream = 0;
+    WriteWholeFile(CacheFile(directory_), WritePackage(streams, EncodeHeaderBlock(header)));
+
+    LibraryCache cache(directory_);
+
+    EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 4u);
+    EXPECT_TRUE(cache.Search("b") == Pattern(100, 1));
+    EXPECT_FALSE(cache.Search("c"));
+    EXPECT_FALSE(cache.Search("d"));
+    EXPECT_FALSE(cache.Search("e"));
+    EXPECT_TRUE(cache->IsEnabled());
+}
+
+TEST_F(DamagedEffectCache, WithANameTwiceHasTheLaterRecord) {
+    std::vector<IndexEntry> index;
+    std::map<std::uint64_t, Bytes> streams;
+    for (const std::uint64_t id : {1u, 2u}) {
+        EffectRecord record;
+        record.streamId = id;
+        record.nameLength = 4;
+        record.size = 10;
+        index.push_back({"name", record});
+        streams[id] = EncodeEffect(Pattern(10, id));
+    }
+    streams[0] = EncodeIndex(index);
+    CacheHeader header;
+    header.effectCount = 2;
+    header.indexStream = 0;
+    WriteWholeFile(CacheFile(directory_), WritePackage(streams, EncodeHeaderBlock(header)));
+
+    LibraryCache cache(directory_);
+
+    EXPECT_EQ(cache->GetNumberOfEffectsInFile(), 1u);
+    EXPECT_TRUE(cache.Search("name") == Pattern(10, 2));
+}
+
+}  // namespace
+}  // namespace Quorvel::Format

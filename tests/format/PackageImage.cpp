@@ -1,0 +1,294 @@
+#include "format/PackageImage.h"
+
+#include <algorithm>
+#include <set>
+#include <string>
+
+namespace Quorvel::Format {
+namespace {
+
+void Require(bool holds, const std::string& otherwise) {
+    if (!holds) {
+        throw FormatError(otherwise);
+    }
+}
+
+std::string Number(std::uint64_t value) {
+    return std::to_string(value);
+}
+
+// Positions are signed 32-bit numbers, and a size is compared with them as one.
+bool IsReachableSize(std::uint64_t size) {
+    return (size & 0x80000000) == 0;
+}
+
+// Reads the head file from front to back. A page is looked at when the bytes before it have been
+// read, not earlier, even if no byte of it is wanted then.
+class HeadFileReader {
+public:
+    HeadFileReader(const Bytes& file, PackageImage& image);
+
+    std::uint64_t ReadInteger() { return LoadInteger(Read(8), 0, 8); }
+
+    // Bytes that are left by the stated size.
+    std::uint64_t Left() const {
+        return image_.headSize > image_.stateSize ? image_.headSize - image_.stateSize : 0;
+    }
+    Bytes Read(std::uint64_t size);
+
+private:
+    void EnterPage(std::uint64_t number);
+
+    const Bytes& file_;
+    PackageImage& image_;
+    std::uint64_t offset_ = 0;  // in the last page entered
+};
+
+HeadFileReader::HeadFileReader(const Bytes& file, PackageImage& image)
+    : file_(file), image_(image) {
+    Require(file.size() >= kPageSize, "the file has no first page");
+    image.headPageCount = LoadInteger(file, 0, 8);
+    image.headSize = LoadInteger(file, 8, 8);
+    Require(image.headPageCount >= 1 && image.headPageCount <= kPageCountLimit,
+            "the head file has " + Number(image.headPageCount) + " pages");
+    Require(image.headSize <= image.headPageCount * kPageSize && IsReachableSize(image.headSize),
+            "the head file's size is " + Number(image.headSize) + " bytes");
+    EnterPage(kFirstPage);
+}
+
+void HeadFileReader::EnterPage(std::uint64_t number) {
+    const std::string name = "head page " + Number(number);
+    for (const HeadPage& page : image_.headPages) {
+        Require(page.number != number, name + " comes twice in the chain");
+    }
+    Require(IsPageNumber(number), name + " can't be");
+    Require(PageOffset(number) + kPageSize <= file_.size(), name + " lies beyond the file's end");
+
+    const bool first = image_.headPages.empty();
+    const std::size_t links = PageOffset(number) + (first ? 16 : 0);
+    const HeadPage page{number, LoadInteger(file_, links, 8), LoadInteger(file_, links + 8, 8)};
+    offset_ = first ? kFirstHeadPageHeader : kHeadPageHeader;
+    Require(page.dataEnd > offset_ && page.dataEnd <= kPageSize,
+            name + "'s data ends at " + Number(page.dataEnd));
+    Require(page.nextPage == 0 || page.dataEnd == kPageSize, name + " is neither full nor last");
+    image_.headPages.push_back(page);
+}
+
+Bytes HeadFileReader::Read(std::uint64_t size) {
+    Bytes result;
+    while (result.size() < size) {
+        const HeadPage page = image_.headPages.back();
+        const std::uint64_t count = std::min(size - result.size(), page.dataEnd - offset_);
+        const auto from =
+            file_.begin() + static_cast<std::ptrdiff_t>(PageOffset(page.number) + offset_);
+        result.insert(result.end(), from, from + static_cast<std::ptrdiff_t>(count));
+        offset_ += count;
+        if (offset_ < page.dataEnd) {
+            break;
+        }
+        if (image_.headPages.size() == image_.headPageCount) {
+            Require(result.size() == size, "the state ends early");
+            break;
+        }
+        EnterPage(page.nextPage);
+    }
+    image_.stateSize += size;
+    return result;
+}
+
+void ReadLinks(HeadFileReader& head, PackageImage& image) {
+    const std::uint64_t count = head.ReadInteger();
+    Require(count <= kPageCountLimit, "the link table has " + Number(count) + " entries");
+    const Bytes table = head.Read(8 * count);
+    std::vector<bool> follows(static_cast<std::size_t>(count));
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::uint64_t link = LoadInteger(table, 8 * i, 8);
+        image.links.push_back(link);
+        if (IsPageNumber(link)) {
+            const std::uint64_t index = link - kFirstPage;
+            Require(index < count, "page " + Number(link) + " follows, but is not in the table");
+            Require(!follows[index], "page " + Number(link) + " follows two pages");
+            follows[index] = true;
+        }
+    }
+}
+
+void ReadDirectory(HeadFileReader& head, std::uint64_t limit, PackageImage& image) {
+    const std::uint64_t count = head.ReadInteger();
+    Require(count <= limit, "there are " + Number(count) + " streams");
+    std::set<std::uint64_t> ids;
+    for (std::uint64_t i = 0; i < count; ++i) {
+        StreamRecord stream{};
+        stream.id = head.ReadInteger();
+        stream.size = head.ReadInteger();
+        stream.firstPage = head.ReadInteger();
+        stream.pageCount = head.ReadInteger();
+        const std::string name = "stream " + Number(stream.id);
+        Require(stream.id <= std::min(limit, kHighestId), name + "'s id is too high");
+        Require(ids.insert(stream.id).second, name + " is there twice");
+        Require(stream.pageCount <= kPageCountLimit,
+                name + " has " + Number(stream.pageCount) + " whole pages");
+        image.streams.push_back(stream);
+    }
+}
+
+void ReadTailBlocks(HeadFileReader& head, std::uint64_t limit, PackageImage& image) {
+    const std::uint64_t count = head.ReadInteger();
+    Require(count <= TailBlockLimit(limit), "there are " + Number(count) + " tail blocks");
+    std::set<std::uint64_t> ids;
+    for (std::uint64_t i = 0; i < count; ++i) {
+        TailBlock block{};
+        block.id = head.ReadInteger();
+        const std::string name = "tail block " + Number(block.id);
+        Require(block.id <= TailBlockLimit(limit), name + "'s id is too high");
+        Require(ids.insert(block.id).second, name + " is there twice");
+        for (std::uint64_t& page : block.pages) {
+            page = head.ReadInteger();
+            Require(IsPageNumber(page), name + " has a page " + Number(page));
+        }
+        block.freeBytes = head.ReadInteger();
+        Require(block.freeBytes <= kTailBlockSize,
+                name + " has " + Number(block.freeBytes) + " bytes free");
+        const std::uint64_t streams = head.ReadInteger();
+        Require(streams <= head.Left() / 8, name + " lists " + Number(streams) + " streams");
+        for (std::uint64_t k = 0; k < streams; ++k) {
+            block.streams.push_back(head.ReadInteger());
+        }
+        image.blocks.push_back(block);
+    }
+}
+
+void ReadFragments(HeadFileReader& head, std::uint64_t limit, PackageImage& image) {
+    std::set<std::uint64_t> blocks;
+    for (const TailBlock& block : image.blocks) {
+        blocks.insert(block.id);
+    }
+    const std::uint64_t count = head.ReadInteger();
+    Require(count <= limit, "there are " + Number(count) + " fragments");
+    std::set<std::uint64_t> ids;
+    for (std::uint64_t i = 0; i < count; ++i) {
+        Fragment fragment{};
+        fragment.streamId = head.ReadInteger();
+        fragment.blockId = head.ReadInteger();
+        fragment.index = head.ReadInteger();
+        fragment.offset = head.ReadInteger();
+        fragment.length = head.ReadInteger();
+        const std::string name = "stream " + Number(fragment.streamId) + "'s fragment ";
+        Require(fragment.streamId <= limit, name + "has too high an id");
+        Require(blocks.count(fragment.blockId) != 0,
+                name + "lies in tail block " + Number(fragment.blockId) + ", which is not there");
+        Require(fragment.index < limit, name + "has index " + Number(fragment.index));
+        Require(fragment.offset < kTailBlockSize, name + "begins at " + Number(fragment.offset));
+        Require(fragment.length < kPageSize, name + "has " + Number(fragment.length) + " bytes");
+        Require(ids.insert(fragment.streamId).second, name + "is there twice");
+        image.fragments.push_back(fragment);
+    }
+}
+
+}  // namespace
+
+std::uint64_t PackageImage::Link(std::uint64_t page) const {
+    return page - kFirstPage < links.size() ? links[page - kFirstPage] : kFreePage;
+}
+
+std::uint64_t TailBlockLimit(std::uint64_t streamLimit) {
+    return streamLimit < 8 ? 1 : streamLimit / 8;
+}
+
+PackageImage ReadPackage(Bytes file, std::uint64_t streamLimit) {
+    PackageImage image;
+    HeadFileReader head(file, image);
+    ReadLinks(head, image);
+    ReadDirectory(head, streamLimit, image);
+    ReadTailBlocks(head, streamLimit, image);
+    ReadFragments(head, streamLimit, image);
+    const std::uint64_t headerDataSize = head.ReadInteger();
+    Require(headerDataSize <= head.Left(),
+            "the header data has " + Number(headerDataSize) + " bytes");
+    image.headerData = head.Read(headerDataSize);
+    image.file = std::move(file);
+    return image;
+}
+
+// A byte range of one page.
+struct StreamReader::Piece {
+    std::uint64_t page;
+    std::uint64_t offset;
+    std::uint64_t size;
+};
+
+StreamReader::StreamReader(const PackageImage& image) : image_(image) {
+    for (const StreamRecord& stream : image.streams) {
+        streams_[stream.id] = &stream;
+    }
+    for (const Fragment& fragment : image.fragments) {
+        fragments_[fragment.streamId] = &fragment;
+    }
+    for (const TailBlock& block : image.blocks) {
+        blocks_[block.id] = &block;
+    }
+}
+
+Bytes StreamReader::Read(std::uint64_t id) const {
+    const std::string name = "stream " + Number(id);
+    const auto found = streams_.find(id);
+    Require(found != streams_.end(), name + " is not there");
+    const StreamRecord& stream = *found->second;
+    const auto fragment = fragments_.find(id);
+    const std::uint64_t tail = fragment == fragments_.end() ? 0 : fragment->second->length;
+    Require(stream.size == stream.pageCount * kPageSize + tail && IsReachableSize(stream.size),
+            name + "'s size is " + Number(stream.size) + " bytes");
+    Require(stream.size > 0, name + " is empty");
+    Require(stream.pageCount + 2 <= kPageCountLimit, name + " has too many pages");
+
+    std::vector<Piece> pieces;
+    std::uint64_t page = stream.firstPage;
+    for (std::uint64_t i = 0; i < stream.pageCount; ++i) {
+        Require(IsPageNumber(page), name + "'s chain of pages ends early");
+        pieces.push_back({page, 0, kPageSize});
+        page = image_.Link(page);
+    }
+    if (fragment != fragments_.end()) {
+        AppendTail(*fragment->second, pieces);
+    }
+
+    Bytes content;
+    for (const Piece& piece : pieces) {
+        Require(PageOffset(piece.page) + kPageSize <= image_.file.size(),
+                name + "'s page " + Number(piece.page) + " lies beyond the file's end");
+        const auto from = image_.file.begin() +
+                          static_cast<std::ptrdiff_t>(PageOffset(piece.page) + piece.offset);
+        content.insert(content.end(), from, from + static_cast<std::ptrdiff_t>(piece.size));
+    }
+    return content;
+}
+
+void StreamReader::AppendTail(const Fragment& fragment, std::vector<Piece>& pieces) const {
+    const std::string name = "stream " + Number(fragment.streamId) + "'s fragment ";
+    const TailBlock& block = *blocks_.at(fragment.blockId);
+    Require(fragment.offset + fragment.length <= kTailBlockSize - block.freeBytes,
+            name + "reaches into the free bytes");
+    if (fragment.length == 0) {
+        return;
+    }
+    const std::size_t slot = static_cast<std::size_t>(fragment.offset / kPageSize);
+    const std::uint64_t offset = fragment.offset % kPageSize;
+    const std::uint64_t here = std::min(fragment.length, kPageSize - offset);
+    pieces.push_back({block.pages[slot], offset, here});
+    if (here < fragment.length) {
+        Require(image_.Link(block.pages[slot]) == block.pages[slot + 1],
+                name + "crosses to a page that does not follow");
+        pieces.push_back({block.pages[slot + 1], 0, fragment.length - here});
+    }
+}
+
+std::map<std::uint64_t, Bytes> ReadAllStreams(const PackageImage& image) {
+    const StreamReader reader(image);
+    std::map<std::uint64_t, Bytes> streams;
+    for (const StreamRecord& stream : image.streams) {
+        streams[stream.id] = stream.size == 0 ? Bytes() : reader.Read(stream.id);
+    }
+    return streams;
+}
+
+}  // namespace Quorvel::Format

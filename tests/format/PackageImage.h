@@ -1,0 +1,110 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <vector>
+
+#include "format/Bytes.h"
+
+namespace Quorvel::Format {
+
+constexpr std::uint64_t kPageSize = 8192;
+constexpr std::uint64_t kFirstPage = 10;            // the number of the file's first page
+constexpr std::uint64_t kPageNumberEnd = 0x100000;  // one past the last valid page number
+constexpr std::uint64_t kPageCountLimit = kPageNumberEnd - kFirstPage;
+constexpr std::uint64_t kFirstHeadPageHeader = 32;
+constexpr std::uint64_t kHeadPageHeader = 16;
+constexpr std::uint64_t kTailBlockSize = 65536;
+constexpr std::size_t kTailBlockPages = 8;
+constexpr std::uint64_t kHighestId = 0xFFFFFF;  // the highest stream id and tail block id there is
+
+// Link values that name no page.
+constexpr std::uint64_t kChainEnd = 0;
+constexpr std::uint64_t kFreePage = 1;
+
+inline bool IsPageNumber(std::uint64_t number) {
+    return number >= kFirstPage && number < kPageNumberEnd;
+}
+// Where a page begins in the file.
+inline std::size_t PageOffset(std::uint64_t number) {
+    return static_cast<std::size_t>((number - kFirstPage) * kPageSize);
+}
+
+struct HeadPage {
+    std::uint64_t number;
+    std::uint64_t nextPage;
+    std::uint64_t dataEnd;
+};
+
+struct StreamRecord {
+    std::uint64_t id;
+    std::uint64_t size;
+    std::uint64_t firstPage;
+    std::uint64_t pageCount;
+};
+
+struct TailBlock {
+    std::uint64_t id;
+    std::array<std::uint64_t, kTailBlockPages> pages;
+    std::uint64_t freeBytes;
+    std::vector<std::uint64_t> streams;
+};
+
+struct Fragment {
+    std::uint64_t streamId;
+    std::uint64_t blockId;
+    std::uint64_t index;
+    std::uint64_t offset;
+    std::uint64_t length;
+};
+
+// A package file taken apart: its bytes, and what the head file says of them. Records stand in the
+// order in which the file holds them.
+struct PackageImage {
+    Bytes file;
+    std::uint64_t headPageCount = 0;  // as the header of the first page states them
+    std::uint64_t headSize = 0;
+    std::vector<HeadPage> headPages;  // those that a reader of the state comes by
+    std::uint64_t stateSize = 0;      // bytes that the state takes up
+    std::vector<std::uint64_t> links;
+    std::vector<StreamRecord> streams;
+    std::vector<TailBlock> blocks;
+    std::vector<Fragment> fragments;
+    Bytes headerData;
+
+    // The link value of a page; free when the table does not reach it.
+    std::uint64_t Link(std::uint64_t page) const;
+};
+
+// Most tail blocks, and the highest tail block id, in a package of a stream limit.
+std::uint64_t TailBlockLimit(std::uint64_t streamLimit);
+
+// Takes a package file apart. Throws FormatError when a reader with that stream limit must refuse
+// it. What is accepted here may still break what a writer keeps: CheckPackage tells.
+PackageImage ReadPackage(Bytes file, std::uint64_t streamLimit = kHighestId);
+
+// Reads the streams of an image, which must outlive it.
+class StreamReader {
+public:
+    explicit StreamReader(const PackageImage& image);
+
+    // The bytes of a stream. Throws FormatError when there is none of that id, or when a reader
+    // must refuse to open or to read it; an empty stream is refused.
+    Bytes Read(std::uint64_t id) const;
+
+private:
+    struct Piece;
+    void AppendTail(const Fragment& fragment, std::vector<Piece>& pieces) const;
+
+    const PackageImage& image_;
+    std::map<std::uint64_t, const StreamRecord*> streams_;
+    std::map<std::uint64_t, const Fragment*> fragments_;  // by stream
+    std::map<std::uint64_t, const TailBlock*> blocks_;
+};
+
+// The bytes of every stream by id, empty streams included. Throws as StreamReader::Read does.
+std::map<std::uint64_t, Bytes> ReadAllStreams(const PackageImage& image);
+
+}  // namespace Quorvel::Format

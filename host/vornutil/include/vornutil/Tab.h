@@ -14,7 +14,8 @@ template <typename T>
 class Tab {
 public:
     Tab() = default;
-    Tab(const Tab& other) {
+    // Delegates, so that the destructor runs when an element can't be copied.
+    Tab(const Tab& other) : Tab() {
         Reserve(other.count_);
         std::uninitialized_copy_n(other.items_, other.count_, items_);
         count_ = other.count_;
@@ -75,7 +76,7 @@ private:
         if (!items) {
             throw std::bad_alloc();
         }
-        std::uninitialized_move_n(items_, count_, items);
+        std::uninitialized_move(items_, items_ + count_, items);
         std::destroy_n(items_, count_);
         std::free(items_);
         items_ = items;

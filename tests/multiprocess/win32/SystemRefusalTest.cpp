@@ -1,0 +1,69 @@
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <string>
+
+#include "multiprocess/Block.h"
+#include "platform/NamedMemory.h"
+#include "quorvel/Exceptions.h"
+#include "quorvel/MutexObject.h"
+#include "support/TemporaryDirectory.h"
+
+// The system's error codes that come through when it refuses to make a mutex or a block.
+namespace Quorvel::Testing {
+
+namespace {
+
+constexpr std::uint64_t kBytes = 4096;
+
+template <typename Operation>
+DWORD ErrorOf(const Operation& operation) {
+    try {
+        operation();
+    } catch (const Win32APICallFailedException& exception) {
+        return exception.errorCode;
+    }
+    return ERROR_SUCCESS;
+}
+
+}  // namespace
+
+TEST(SystemRefusal, OfAMutexNameBeyondAPathsLength) {
+    const std::string name(MAX_PATH + 1, 'x');
+    EXPECT_EQ(ErrorOf([&] { MutexObject mutex(name.c_str()); }), DWORD{ERROR_FILENAME_EXCED_RANGE});
+}
+
+TEST(SystemRefusal, OfAMutexNameThatABlockHas) {
+    const std::string name = UniqueName();
+    Block block;
+    block.Initialize(name, kBytes);
+    EXPECT_EQ(ErrorOf([&] { MutexObject mutex(name.c_str()); }), DWORD{ERROR_INVALID_HANDLE});
+    const std::wstring wideName(name.begin(), name.end());
+    EXPECT_EQ(ErrorOf([&] { MutexObject mutex(wideName.c_str()); }), DWORD{ERROR_INVALID_HANDLE});
+}
+
+TEST(SystemRefusal, OfABlockWhoseMutexNameABlockHas) {
+    const std::string name = UniqueName();
+    Block taker;
+    taker.Initialize(name + "_mutex", kBytes);
+    EXPECT_EQ(ErrorOf([&] { Block().Initialize(name, kBytes); }), DWORD{ERROR_INVALID_HANDLE});
+}
+
+TEST(SystemRefusal, OfABlockNameThatAMutexHas) {
+    const std::string name = UniqueName();
+    const MutexObject taker(name.c_str());
+    EXPECT_EQ(ErrorOf([&] { Block().Initialize(name, kBytes); }), DWORD{ERROR_INVALID_HANDLE});
+}
+
+TEST(SystemRefusal, OfABlockOfNoBytes) {
+    EXPECT_EQ(ErrorOf([] { Block().Initialize(UniqueName(), 0); }), DWORD{ERROR_INVALID_PARAMETER});
+}
+
+TEST(SystemRefusal, OfAViewBeyondTheBlock) {
+    const std::string name = UniqueName();
+    Block existing;
+    existing.Initialize(name, kBytes);
+    EXPECT_EQ(ErrorOf([&] { Block().Initialize(name, 2 * kBytes); }), DWORD{ERROR_ACCESS_DENIED});
+}
+
+}  // namespace Quorvel::Testing

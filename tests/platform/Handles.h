@@ -1,0 +1,93 @@
+#pragma once
+
+#include <cstdint>
+#include <future>
+#include <string>
+#include <utility>
+
+#include "platform/NamedMemory.h"
+#include "platform/NamedMutex.h"
+
+namespace Quorvel::Testing {
+
+constexpr std::uint32_t kAcquired = 0;
+constexpr std::uint32_t kAbandoned = 128;
+constexpr std::uint32_t kTimedOut = 258;
+constexpr std::uint32_t kForever = 0xFFFFFFFF;
+
+// One handle of a named mutex, closed at the end of the scope.
+class MutexHandle {
+public:
+    explicit MutexHandle(void* handle) : handle_(handle) {}
+    explicit MutexHandle(const std::string& name)
+        : MutexHandle(Platform::OpenNamedMutex(name.c_str())) {}
+    MutexHandle(const MutexHandle&) = delete;
+    MutexHandle& operator=(const MutexHandle&) = delete;
+    ~MutexHandle() { Close(); }
+
+    bool IsOpen() const { return handle_ != nullptr; }
+    std::uint32_t Acquire(std::uint32_t timeout) const {
+        return Platform::AcquireNamedMutex(handle_, timeout);
+    }
+    void Release() const { Platform::ReleaseNamedMutex(handle_); }
+    void Close() {
+        if (handle_) {
+            Platform::CloseNamedMutex(std::exchange(handle_, nullptr));
+        }
+    }
+
+private:
+    void* handle_;
+};
+
+// One handle of a named block of memory with its view, undone at the end of the scope.
+class MemoryHandle {
+public:
+    MemoryHandle() = default;
+    MemoryHandle(const MemoryHandle&) = delete;
+    MemoryHandle& operator=(const MemoryHandle&) = delete;
+    ~MemoryHandle() { Close(); }
+
+    bool Open(const std::string& name) {
+        Close();
+        handle_ = Platform::OpenNamedMemory(name.c_str());
+        return handle_ != nullptr;
+    }
+    bool Create(const std::string& name, std::uint64_t bytes) {
+        Close();
+        handle_ = Platform::CreateNamedMemory(name.c_str(), bytes);
+        return handle_ != nullptr;
+    }
+    // Null when the block is smaller.
+    unsigned char* Map(std::uint64_t bytes) {
+        view_ = Platform::MapNamedMemory(handle_, bytes);
+        return static_cast<unsigned char*>(view_);
+    }
+    void Close() {
+        if (view_) {
+            Platform::UnmapNamedMemory(handle_, std::exchange(view_, nullptr));
+        }
+        if (handle_) {
+            Platform::CloseNamedMemory(std::exchange(handle_, nullptr));
+        }
+    }
+
+private:
+    void* handle_ = nullptr;
+    void* view_ = nullptr;
+};
+
+// Removes what killed holders of a name may have left behind: where objects are files, the next one
+// to open them does.
+inline void SweepUp(const std::string& name) {
+    MutexHandle{name};
+    MemoryHandle().Open(name);
+}
+
+// Runs a function on a thread of its own, to that thread's end, and returns its result.
+template <typename Function>
+auto OnAnotherThread(const Function& function) {
+    return std::async(std::launch::async, function).get();
+}
+
+}  // namespace Quorvel::Testing

@@ -1,0 +1,466 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/Handles.h"
+#include "support/Agent.h"
+#include "support/ChildProcess.h"
+#include "support/TemporaryDirectory.h"
+
+namespace Quorvel::Testing {
+
+namespace {
+
+// Uses the mutex of a name as it is told: "acquire MILLISECONDS", "release", "close", "open".
+QUORVEL_AGENT(MutexUser) {
+    MutexHandle mutex(arguments[0]);
+    auto other = std::make_unique<MutexHandle>(nullptr);
+    for (std::string command = AgentReceive(); !command.empty(); command = AgentReceive()) {
+        if (command.starts_with("acquire ")) {
+            const auto timeout = static_cast<std::uint32_t>(std::stoul(command.substr(8)));
+            AgentSend(
+                std::to_string(other->IsOpen() ? other->Acquire(timeout) : mutex.Acquire(timeout)));
+        } else if (command == "release") {
+            other->IsOpen() ? other->Release() : mutex.Release();
+            AgentSend("released");
+        } else if (command == "close") {
+            mutex.Close();
+            other->Close();
+            AgentSend("closed");
+        } else if (command == "open") {
+            other = std::make_unique<MutexHandle>(arguments[0]);
+            AgentSend(other->IsOpen() ? "open" : "refused");
+        }
+    }
+    return 0;
+}
+
+// Adds to an integer in shared memory, one reading and one writing access at a time, a number of
+// times: MUTEX MEMORY TIMES.
+QUORVEL_AGENT(Adder) {
+    const MutexHandle mutex(arguments[0]);
+    MemoryHandle memory;
+    auto* const sum = memory.Open(arguments[1])
+                          ? reinterpret_cast<volatile std::uint64_t*>(memory.Map(8))
+                          : nullptr;
+    AgentSend(sum ? "ready" : "refused");
+    AgentReceive();
+    for (int times = std::stoi(arguments[2]); times > 0; --times) {
+        mutex.Acquire(kForever);
+        const std::uint64_t before = *sum;
+        std::this_thread::yield();
+        *sum = before + 1;
+        mutex.Release();
+    }
+    return 0;
+}
+
+class NamedMutex : public ::testing::Test {
+protected:
+    void TearDown() override {
+        mutex_.Close();
+        SweepUp(name_);
+    }
+
+    const std::string name_ = UniqueName();
+    MutexHandle mutex_{name_};
+};
+
+}  // namespace
+
+TEST_F(NamedMutex, IsOwnedByNobodyAtFirst) {
+    ChildProcess child("MutexUser", {name_});
+    EXPECT_EQ(child.Ask("acquire 0"), "0");
+}
+
+TEST_F(NamedMutex, IsOneMutexInEveryProcessThatOpensTheName) {
+    ChildProcess child("MutexUser", {name_});
+    ASSERT_EQ(child.Ask("acquire 0"), "0");
+    EXPECT_EQ(mutex_.Acquire(0), kTimedOut);
+    child.Ask("release");
+    EXPECT_EQ(mutex_.Acquire(0), kAcquired);
+    EXPECT_EQ(child.Ask("acquire 0"), "258");
+    mutex_.Release();
+}
+
+TEST_F(NamedMutex, ExcludesTheOtherThreadsOfItsOwnersProcess) {
+    ASSERT_EQ(mutex_.Acquire(0), kAcquired);
+    EXPECT_EQ(OnAnotherThread([&] { return mutex_.Acquire(0); }), kTimedOut);
+    mutex_.Release();
+    EXPECT_EQ(OnAnotherThread([&] {
+                  const std::uint32_t result = mutex_.Acquire(0);
+                  mutex_.Release();
+                  return result;
+              }),
+              kAcquired);
+}
+
+TEST_F(NamedMutex, OfAnotherNameIsAnotherMutex) {
+    ChildProcess child("MutexUser", {name_ + "x"});
+    ASSERT_EQ(child.Ask("acquire 0"), "0");
+    EXPECT_EQ(mutex_.Acquire(0), kAcquired);
+    mutex_.Release();
+    child.Wait();
+}
+
+TEST_F(NamedMutex, OfANameInOtherLetterCaseIsAnotherMutex) {
+    const MutexHandle lower(name_ + "x");
+    const MutexHandle upper(name_ + "X");
+    ASSERT_EQ(lower.Acquire(0), kAcquired);
+    EXPECT_EQ(OnAnotherThread([&] {
+                  const std::uint32_t result = upper.Acquire(0);
+                  upper.Release();
+                  return result;
+              }),
+              kAcquired);
+    lower.Release();
+}
+
+TEST_F(NamedMutex, IsHeldUntilEachAcquisitionIsReleased) {
+    ChildProcess child("MutexUser", {name_});
+    for (int depth = 0; depth < 3; ++depth) {
+        ASSERT_EQ(mutex_.Acquire(0), kAcquired);
+    }
+    mutex_.Release();
+    mutex_.Release();
+    EXPECT_EQ(child.Ask("acquire 0"), "258");
+    mutex_.Release();
+    EXPECT_EQ(child.Ask("acquire 0"), "0");
+}
+
+TEST_F(NamedMutex, CountsAcquisitionsThroughAllHandlesOfOneProcessTogether) {
+    ChildProcess child("MutexUser", {name_});
+    const MutexHandle second(name_);
+    ASSERT_EQ(mutex_.Acquire(0), kAcquired);
+    ASSERT_EQ(second.Acquire(0), kAcquired);
+    second.Release();
+    EXPECT_EQ(child.Ask("acquire 0"), "258");
+    second.Release();
+    EXPECT_EQ(child.Ask("acquire 0"), "0");
+}
+
+TEST_F(NamedMutex, WaitThatRunsOutReportsATimeOutNoSooner) {
+    ChildProcess child("MutexUser", {name_});
+    ASSERT_EQ(child.Ask("acquire 0"), "0");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(mutex_.Acquire(60), kTimedOut);
+    // Some systems count in ticks of up to 16 ms.
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(40));
+}
+
+TEST_F(NamedMutex, WaitOfSecondsAndMillisecondsEndsWhenTheMutexIsReleased) {
+    std::atomic<bool> released{false};
+    ASSERT_EQ(mutex_.Acquire(0), kAcquired);
+    std::future<bool> waiter = std::async(std::launch::async, [&] {
+        const bool acquired = mutex_.Acquire(599'999) == kAcquired;
+        const bool afterRelease = released;
+        mutex_.Release();
+        return acquired && afterRelease;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    released = true;
+    mutex_.Release();
+    EXPECT_TRUE(waiter.get());
+}
+
+TEST_F(NamedMutex, WaitForEverEndsWhenTheMutexIsReleased) {
+    std::atomic<bool> released{false};
+    ASSERT_EQ(mutex_.Acquire(kForever), kAcquired);
+    std::future<bool> waiter = std::async(std::launch::async, [&] {
+        const bool acquired = mutex_.Acquire(kForever) == kAcquired;
+        const bool afterRelease = released;
+        mutex_.Release();
+        return acquired && afterRelease;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    released = true;
+    mutex_.Release();
+    EXPECT_TRUE(waiter.get());
+}
+
+TEST_F(NamedMutex, OfAKilledProcessIsHandedOnAsAbandoned) {
+    ChildProcess child("MutexUser", {name_});
+    ASSERT_EQ(child.Ask("acquire 0"), "0");
+    child.Kill();
+    EXPECT_EQ(mutex_.Acquire(0), kAbandoned);
+    mutex_.Release();
+}
+
+TEST_F(NamedMutex, OfAProcessThatEndedInOrderIsHandedOnAsAbandoned) {
+    ChildProcess child("MutexUser", {name_});
+    ASSERT_EQ(child.Ask("acquire 0"), "0");
+    EXPECT_EQ(child.Wait(), 0);
+    EXPECT_EQ(mutex_.Acquire(0), kAbandoned);
+    mutex_.Release();
+}
+
+TEST_F(NamedMutex, OfAThreadThatEndedIsHandedOnAsAbandoned) {
+    ASSERT_EQ(OnAnotherThread([&] { return mutex_.Acquire(0); }), kAcquired);
+    EXPECT_EQ(mutex_.Acquire(0), kAbandoned);
+    mutex_.Release();
+}
+
+TEST_F(NamedMutex, EndsAWaitAsAbandonedWhenTheOwnerIsKilled) {
+    ChildProcess child("MutexUser", {name_});
+    ASSERT_EQ(child.Ask("acquire 0"), "0");
+    std::future<std::uint32_t> waiter = std::async(std::launch::async, [&] {
+        const std::uint32_t result = mutex_.Acquire(kForever);
+        mutex_.Release();
+        return result;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    child.Kill();
+    EXPECT_EQ(waiter.get(), kAbandoned);
+}
+
+TEST_F(NamedMutex, BelongsToTheThreadThatGotItAsAbandoned) {
+    ChildProcess first("MutexUser", {name_});
+    ChildProcess second("MutexUser", {name_});
+    ASSERT_EQ(first.Ask("acquire 0"), "0");
+    first.Kill();
+    ASSERT_EQ(mutex_.Acquire(0), kAbandoned);
+    EXPECT_EQ(second.Ask("acquire 0"), "258");
+    mutex_.Release();
+    EXPECT_EQ(second.Ask("acquire 0"), "0");
+}
+
+TEST_F(NamedMutex, ForgetsTheAcquisitionsOfAnOwnerThatEnded) {
+    ChildProcess first("MutexUser", {name_});
+    ChildProcess second("MutexUser", {name_});
+    first.Ask("acquire 0");
+    first.Ask("acquire 0");
+    ASSERT_EQ(first.Ask("acquire 0"), "0");
+    first.Kill();
+    ASSERT_EQ(mutex_.Acquire(0), kAbandoned);
+    mutex_.Release();
+    EXPECT_EQ(second.Ask("acquire 0"), "0");
+}
+
+TEST_F(NamedMutex, IsReportedAbandonedOnce) {
+    ChildProcess child("MutexUser", {name_});
+    ASSERT_EQ(child.Ask("acquire 0"), "0");
+    child.Kill();
+    ASSERT_EQ(mutex_.Acquire(0), kAbandoned);
+    EXPECT_EQ(mutex_.Acquire(0), kAcquired);
+    mutex_.Release();
+    mutex_.Release();
+    EXPECT_EQ(mutex_.Acquire(0), kAcquired);
+    mutex_.Release();
+}
+
+TEST_F(NamedMutex, IsAbandonedAgainByTheOneThatGotItAsAbandoned) {
+    ChildProcess first("MutexUser", {name_});
+    ChildProcess second("MutexUser", {name_});
+    ASSERT_EQ(first.Ask("acquire 0"), "0");
+    first.Kill();
+    ASSERT_EQ(second.Ask("acquire 0"), "128");
+    second.Kill();
+    EXPECT_EQ(mutex_.Acquire(0), kAbandoned);
+    mutex_.Release();
+}
+
+TEST_F(NamedMutex, IsTheSameForAWideName) {
+    const std::wstring wideName(name_.begin(), name_.end());
+    const MutexHandle wide(Platform::OpenNamedMutex(wideName.c_str()));
+    ASSERT_TRUE(wide.IsOpen());
+    ChildProcess child("MutexUser", {name_});
+    ASSERT_EQ(child.Ask("acquire 0"), "0");
+    EXPECT_EQ(wide.Acquire(0), kTimedOut);
+    child.Ask("release");
+    EXPECT_EQ(wide.Acquire(0), kAcquired);
+    wide.Release();
+}
+
+TEST(UnnamedMutex, IsAMutexOfItsOwnForEachHandle) {
+    const char* const noName = nullptr;
+    const MutexHandle first(Platform::OpenNamedMutex(noName));
+    const MutexHandle second(Platform::OpenNamedMutex(noName));
+    ASSERT_TRUE(first.IsOpen());
+    ASSERT_TRUE(second.IsOpen());
+    ASSERT_EQ(first.Acquire(0), kAcquired);
+    EXPECT_EQ(OnAnotherThread([&] { return first.Acquire(0); }), kTimedOut);
+    EXPECT_EQ(OnAnotherThread([&] {
+                  const std::uint32_t result = second.Acquire(0);
+                  second.Release();
+                  return result;
+              }),
+              kAcquired);
+    first.Release();
+}
+
+TEST(UnnamedMutex, IsRecursiveAndReportsAnOwnerThatEnded) {
+    const wchar_t* const noName = nullptr;
+    const MutexHandle mutex(Platform::OpenNamedMutex(noName));
+    ASSERT_EQ(mutex.Acquire(0), kAcquired);
+    ASSERT_EQ(mutex.Acquire(0), kAcquired);
+    mutex.Release();
+    EXPECT_EQ(OnAnotherThread([&] { return mutex.Acquire(0); }), kTimedOut);
+    mutex.Release();
+    ASSERT_EQ(OnAnotherThread([&] { return mutex.Acquire(0); }), kAcquired);
+    EXPECT_EQ(mutex.Acquire(0), kAbandoned);
+    mutex.Release();
+}
+
+TEST_F(NamedMutex, RefusesToBeReleasedByAnotherThread) {
+    ASSERT_EQ(mutex_.Acquire(0), kAcquired);
+    EXPECT_EQ(OnAnotherThread([&] {
+                  mutex_.Release();
+                  return mutex_.Acquire(0);
+              }),
+              kTimedOut);
+    mutex_.Release();
+    EXPECT_EQ(OnAnotherThread([&] {
+                  const std::uint32_t result = mutex_.Acquire(0);
+                  mutex_.Release();
+                  return result;
+              }),
+              kAcquired);
+}
+
+TEST_F(NamedMutex, RefusesToBeReleasedByAnotherProcess) {
+    ChildProcess child("MutexUser", {name_});
+    ASSERT_EQ(mutex_.Acquire(0), kAcquired);
+    child.Ask("release");
+    EXPECT_EQ(child.Ask("acquire 0"), "258");
+    mutex_.Release();
+}
+
+TEST_F(NamedMutex, DoesNotCountAReleaseThatItRefused) {
+    ChildProcess child("MutexUser", {name_});
+    mutex_.Release();
+    mutex_.Release();
+    ASSERT_EQ(mutex_.Acquire(0), kAcquired);
+    EXPECT_EQ(child.Ask("acquire 0"), "258");
+    mutex_.Release();
+    EXPECT_EQ(child.Ask("acquire 0"), "0");
+}
+
+TEST_F(NamedMutex, StaysAbandonedWhenAThreadThatNeverHadItReleasesIt) {
+    ASSERT_EQ(OnAnotherThread([&] { return mutex_.Acquire(0); }), kAcquired);
+    OnAnotherThread([&] { return mutex_.Release(), 0; });
+    mutex_.Release();
+    EXPECT_EQ(mutex_.Acquire(0), kAbandoned);
+    mutex_.Release();
+}
+
+TEST_F(NamedMutex, ClosedThroughOneHandleStaysOwnedThroughAnother) {
+    ChildProcess child("MutexUser", {name_});
+    MutexHandle second(name_);
+    ASSERT_EQ(second.Acquire(0), kAcquired);
+    second.Close();
+    EXPECT_EQ(child.Ask("acquire 0"), "258");
+    mutex_.Release();
+    EXPECT_EQ(child.Ask("acquire 0"), "0");
+}
+
+TEST_F(NamedMutex, ClosedByItsOwnerStaysOwnedWhileAnotherProcessHasItOpen) {
+    ChildProcess child("MutexUser", {name_});
+    ASSERT_EQ(child.Ask("acquire 0"), "0");
+    child.Ask("close");
+    EXPECT_EQ(mutex_.Acquire(0), kTimedOut);
+    ASSERT_EQ(child.Ask("open"), "open");
+    child.Ask("release");
+    EXPECT_EQ(mutex_.Acquire(0), kAcquired);
+    mutex_.Release();
+}
+
+TEST_F(NamedMutex, ClosedByItsOwnerIsAbandonedWhenThatProcessEnds) {
+    ChildProcess child("MutexUser", {name_});
+    ASSERT_EQ(child.Ask("acquire 0"), "0");
+    child.Ask("close");
+    child.Wait();
+    EXPECT_EQ(mutex_.Acquire(0), kAbandoned);
+    mutex_.Release();
+}
+
+TEST_F(NamedMutex, VanishesWithItsLastHandleAlthoughItsOwnerHoldsIt) {
+    ChildProcess child("MutexUser", {name_});
+    child.Ask("close");
+    ASSERT_EQ(mutex_.Acquire(0), kAcquired);
+    ASSERT_EQ(mutex_.Acquire(0), kAcquired);
+    mutex_.Close();
+    ASSERT_EQ(child.Ask("open"), "open");
+    EXPECT_EQ(child.Ask("acquire 0"), "0");
+}
+
+TEST_F(NamedMutex, VanishesWithItsLastHandleAlthoughAnotherThreadHoldsIt) {
+    std::promise<void> owned;
+    std::promise<void> end;
+    std::thread owner([&] {
+        mutex_.Acquire(0);
+        owned.set_value();
+        end.get_future().wait();
+    });
+    owned.get_future().wait();
+    mutex_.Close();
+    {
+        const MutexHandle next(name_);
+        EXPECT_EQ(next.Acquire(0), kAcquired);
+        next.Release();
+    }
+    end.set_value();
+    owner.join();
+}
+
+TEST_F(NamedMutex, VanishesWithItsLastHandleAlthoughItIsAbandoned) {
+    ASSERT_EQ(OnAnotherThread([&] { return mutex_.Acquire(0); }), kAcquired);
+    mutex_.Close();
+    const MutexHandle next(name_);
+    EXPECT_EQ(next.Acquire(0), kAcquired);
+    next.Release();
+}
+
+TEST_F(NamedMutex, VanishesWithItsLastHolderWhenThatIsKilled) {
+    {
+        ChildProcess child("MutexUser", {name_});
+        ASSERT_EQ(child.Ask("acquire 0"), "0");
+        mutex_.Close();
+        child.Kill();
+    }
+    const MutexHandle next(name_);
+    EXPECT_EQ(next.Acquire(0), kAcquired);
+    next.Release();
+}
+
+TEST_F(NamedMutex, LetsOneThreadOfAllProcessesInAtATime) {
+    constexpr int kProcesses = 3;
+    constexpr int kTimes = 400;
+    const std::string memoryName = name_ + "_sum";
+    MemoryHandle memory;
+    ASSERT_TRUE(memory.Create(memoryName, 8));
+    auto* const sum = reinterpret_cast<volatile std::uint64_t*>(memory.Map(8));
+    ASSERT_NE(sum, nullptr);
+
+    std::vector<std::unique_ptr<ChildProcess>> children;
+    for (int index = 0; index < kProcesses; ++index) {
+        children.push_back(std::make_unique<ChildProcess>(
+            "Adder", std::vector<std::string>{name_, memoryName, std::to_string(kTimes)}));
+        ASSERT_EQ(children.back()->Receive(), "ready");
+    }
+    for (const auto& child : children) {
+        child->Send("go");
+    }
+    const auto add = [&] {
+        for (int times = 0; times < kTimes; ++times) {
+            mutex_.Acquire(kForever);
+            const std::uint64_t before = *sum;
+            std::this_thread::yield();
+            *sum = before + 1;
+            mutex_.Release();
+        }
+    };
+    std::thread neighbour(add);
+    add();
+    neighbour.join();
+    for (const auto& child : children) {
+        EXPECT_EQ(child->Wait(), 0);
+    }
+    EXPECT_EQ(*sum, std::uint64_t{kProcesses + 2} * kTimes);
+}
+
+}  // namespace Quorvel::Testing

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Quorvel::Testing {
+
+// A real process of its own: this same test program, started again to run one agent (Agent.h). Its
+// standard input and output are pipes to here; its standard error is ours.
+class ChildProcess {
+public:
+    // Starts an agent. Throws std::runtime_error when the system refuses.
+    ChildProcess(const std::string& agent, const std::vector<std::string>& arguments = {});
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    // Kills the process if it still runs, and waits for it.
+    ~ChildProcess();
+
+    // The system's number for the process.
+    std::uint32_t Id() const;
+
+    // Sends a line; false when the process no longer reads.
+    bool Send(const std::string& line);
+
+    // Waits for the process's next line and returns it without its line end; empty at the end of
+    // its output.
+    std::string Receive();
+
+    // Sends a line and waits for the answer.
+    std::string Ask(const std::string& line) {
+        Send(line);
+        return Receive();
+    }
+
+    // Ends the process at once, as kill -9 and TerminateProcess do, and waits for it.
+    void Kill();
+
+    // Whether the process has ended by now.
+    bool HasEnded();
+
+    // Closes the process's input, waits until it ends, and returns its exit code; -1 when it was
+    // killed by a signal.
+    int Wait();
+
+private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+}  // namespace Quorvel::Testing

@@ -1,0 +1,84 @@
+#include "EffectLibrary.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "Failure.h"
+
+namespace EffectHost {
+
+namespace {
+
+std::vector<std::string> FindSources(const std::filesystem::path& folder) {
+    std::error_code error;
+    std::vector<std::string> files;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+        if (entry.path().extension() == ".hlsl") {
+            files.push_back(entry.path().filename().string());
+        }
+    }
+    if (error) {
+        throw Failure(ExitCode::BadEffects, fmt::format("can't read the effects folder {}: {}",
+                                                        folder.string(), error.message()));
+    }
+    if (files.empty()) {
+        throw Failure(ExitCode::BadEffects,
+                      fmt::format("there is no .hlsl file in {}", folder.string()));
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+void AppendVariants(const std::filesystem::path& folder, const std::string& file,
+                    std::vector<EffectVariant>& variants) {
+    const auto source = std::make_shared<const SourceText>(ReadSourceText(folder, file));
+    const EffectDeclaration declaration = ParseEffectDeclaration(file, source->text);
+    for (const EffectProgram& program : declaration.programs) {
+        for (std::vector<MacroValue>& macros : ExpandAxes(program.axes)) {
+            variants.push_back(
+                {file, program.entryPoint, program.profile, std::move(macros), source});
+        }
+    }
+}
+
+}  // namespace
+
+std::string MacroText(const std::vector<MacroValue>& macros) {
+    std::string text;
+    for (const auto& [macro, value] : macros) {
+        text += fmt::format("{}{}={}", text.empty() ? "" : ",", macro, value);
+    }
+    return text;
+}
+
+std::string EffectName(const EffectVariant& variant, std::string_view compiler) {
+    return fmt::format("{}:{}:{}:{}:{}-{:016x}", variant.file, variant.entryPoint, variant.profile,
+                       MacroText(variant.macros), compiler, variant.source->checksum);
+}
+
+std::vector<std::vector<MacroValue>> ExpandAxes(const std::vector<MacroAxis>& axes) {
+    std::vector<std::vector<MacroValue>> combinations{{}};
+    for (const MacroAxis& axis : axes) {
+        std::vector<std::vector<MacroValue>> longer;
+        for (const std::vector<MacroValue>& combination : combinations) {
+            for (const std::string& value : axis.values) {
+                longer.push_back(combination);
+                longer.back().push_back({axis.macro, value});
+            }
+        }
+        combinations = std::move(longer);
+    }
+    return combinations;
+}
+
+EffectLibrary LoadEffectLibrary(const std::filesystem::path& folder) {
+    EffectLibrary library;
+    for (const std::string& file : FindSources(folder)) {
+        AppendVariants(folder, file, library.variants);
+        ++library.sourceCount;
+    }
+    return library;
+}
+
+}  // namespace EffectHost

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "EffectDeclaration.h"
+#include "SourceText.h"
+
+namespace EffectHost {
+
+struct MacroValue {
+    std::string macro;
+    std::string value;
+};
+
+// One thing to compile: a program of a source file with one choice of macro values.
+struct EffectVariant {
+    std::string file;  // relative to the effects folder
+    std::string entryPoint;
+    std::string profile;
+    std::vector<MacroValue> macros;
+    std::shared_ptr<const SourceText> source;
+};
+
+// "LIGHTS=2,FOG=1"; empty without macros.
+std::string MacroText(const std::vector<MacroValue>& macros);
+
+// The name under which a variant is cached:
+//
+//     lighting.hlsl:PixelMain:ps_4_0:LIGHTS=2,FOG=1:spirv-10300.7-91c3f7a20b5e4d68
+//
+// Everything that decides the compiled bytes is in it. The last part names the compiler and holds a
+// checksum of the source, includes and all: an edited source is a new effect, and the old one ages
+// out of the cache.
+std::string EffectName(const EffectVariant& variant, std::string_view compiler);
+
+// Every combination of a program's axes, the last axis changing fastest.
+std::vector<std::vector<MacroValue>> ExpandAxes(const std::vector<MacroAxis>& axes);
+
+// The effects of a folder: every variant of every .hlsl file in it, files in alphabetical order.
+struct EffectLibrary {
+    std::size_t sourceCount = 0;
+    std::vector<EffectVariant> variants;
+};
+
+// Throws Failure(BadEffects) when the folder is missing, holds no effect, or one is malformed.
+EffectLibrary LoadEffectLibrary(const std::filesystem::path& folder);
+
+}  // namespace EffectHost

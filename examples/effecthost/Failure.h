@@ -1,0 +1,33 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace EffectHost {
+
+// What the program's exit code says.
+enum class ExitCode : int {
+    Success = 0,
+    InternalError = 1,       // something that should not happen
+    BadUsage = 2,            // the command line
+    BadEffects = 3,          // the effects folder, or a declaration in it
+    NoCacheDirectory = 4,    // the cache directory does not exist
+    CompileError = 5,        // an effect does not compile
+    UnusableCache = 6,       // the cache can't be opened, or gave up
+    VerificationFailed = 7,  // the cache returned other bytes than the compiler
+    ProcessFailed = 8,       // a process of several could not be started, or was killed
+    NoCompiler = 9,          // the shader compiler can't be loaded
+};
+
+// Ends the run: a message for the user, and the exit code that goes with it.
+class Failure : public std::runtime_error {
+public:
+    Failure(ExitCode code, const std::string& message) : std::runtime_error(message), code_(code) {}
+
+    ExitCode Code() const { return code_; }
+
+private:
+    ExitCode code_;
+};
+
+}  // namespace EffectHost

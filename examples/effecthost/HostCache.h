@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <string>
+
+#include "CachedEffect.h"
+#include "Stopwatch.h"
+#include "quorvel/EffectCacheSystem.h"
+#include "vornutil/RefPtr.h"
+
+namespace EffectHost {
+
+// The effect cache as this host uses it: effects go in and come out as checked blocks, every call
+// is timed, and a cache that can't be used is an error, since caching is all this host is for.
+class HostCache {
+public:
+    // Opens the cache of a directory. Throws Failure(UnusableCache).
+    explicit HostCache(const std::filesystem::path& directory);
+    HostCache(const HostCache&) = delete;
+    HostCache& operator=(const HostCache&) = delete;
+
+    enum class Result { Found, Missing, Damaged };
+
+    // Fills effect when the result is Found.
+    Result Find(const std::string& name, CachedEffect& effect);
+
+    void Store(const std::string& name, const CachedEffect& effect, bool permanent);
+
+    // Saves what is not in the file yet. Throws Failure(UnusableCache) when the cache has given up,
+    // now or before.
+    void Save();
+
+    // Effects in the file.
+    std::size_t EffectsInFile() const;
+
+    // Writes the listing of the saved effects. Throws Failure(BadUsage) when the file can't be
+    // written.
+    void WriteListing(const std::filesystem::path& file);
+
+    const TimeAccount& OpenTime() const { return openTime_; }
+    const TimeAccount& SearchTime() const { return searchTime_; }
+    const TimeAccount& StoreTime() const { return storeTime_; }
+
+private:
+    void RequireUsable(const char* problem) const;
+
+    std::string directory_;
+    Util::RefPtr<Quorvel::EffectCacheSystem> cache_;
+    TimeAccount openTime_;
+    TimeAccount searchTime_;
+    TimeAccount storeTime_;
+};
+
+}  // namespace EffectHost

@@ -1,0 +1,124 @@
+#include "Options.h"
+
+#include <CLI/CLI.hpp>
+
+#include "Failure.h"
+
+namespace EffectHost {
+
+namespace {
+
+constexpr std::size_t kDefaultVerify = 20;
+constexpr std::size_t kDefaultGroupSaveEvery = 16;
+constexpr std::size_t kMaxProcesses = 64;
+constexpr std::size_t kMaxStart = 1000000;
+
+constexpr const char* kDescription =
+    "Compiles the shader effects of a folder, every variant once, and keeps the results in an "
+    "effect cache.\nA second run finds them there instead of compiling them.";
+
+constexpr const char* kExitCodes =
+    "Exit codes:\n"
+    "  0  all effects are there\n"
+    "  1  internal error\n"
+    "  2  bad command line\n"
+    "  3  the effects folder is missing, empty or holds a malformed effect\n"
+    "  4  the cache directory does not exist\n"
+    "  5  an effect does not compile\n"
+    "  6  the cache can't be used\n"
+    "  7  the cache returned other bytes than the compiler\n"
+    "  8  one of several processes could not be started, or was killed\n"
+    "  9  the shader compiler can't be loaded\n";
+
+void AddWhatToDo(CLI::App& app, Options& options) {
+    app.add_option("--cache", options.cacheDirectory,
+                   "Directory of the cache. It must exist; the cache file is made in it")
+        ->required()
+        ->type_name("DIR");
+    app.add_option("--effects", options.effectsFolder, "Folder with the .hlsl files")
+        ->capture_default_str()
+        ->type_name("DIR");
+    app.add_option("--processes", options.processes,
+                   "Do all the work in each of N processes at once, every one beginning elsewhere")
+        ->check(CLI::Range(std::size_t{1}, kMaxProcesses))
+        ->type_name("N");
+    app.add_option("--start", options.start, "Begin with the Nth variant and go round")
+        ->check(CLI::Range(std::size_t{0}, kMaxStart))
+        ->type_name("N");
+    app.add_option("--permanent", options.permanent,
+                   "Never evict effects whose name matches (* any run of characters, ? any one); "
+                   "may be given again")
+        ->take_all()
+        ->allow_extra_args(false)
+        ->type_name("PATTERN");
+}
+
+void AddWhatToReport(CLI::App& app, Options& options) {
+    app.add_option("--list", options.listing, "Write a listing of the saved effects at the end")
+        ->type_name("FILE");
+    app.add_flag("--quiet", options.quiet, "Print nothing but errors");
+    app.add_flag("--json", options.json, "Print the summary as one line of JSON and no progress");
+    app.footer(kExitCodes);
+}
+
+// An option whose number may be left out.
+CLI::Option* AddOptionalNumber(CLI::App& app, const std::string& name, const std::string& text) {
+    return app.add_option(name, text)
+        ->expected(0, 1)
+        ->check(CLI::NonNegativeNumber)
+        ->type_name("[N]");
+}
+
+std::size_t NumberOr(const CLI::Option& option, std::size_t notGiven, std::size_t withoutNumber) {
+    if (option.count() == 0) {
+        return notGiven;
+    }
+    const std::string text = option.as<std::string>();
+    return text.empty() || text == "true" ? withoutNumber : option.as<std::size_t>();
+}
+
+}  // namespace
+
+std::optional<Options> ParseOptions(int argc, const char* const* argv,
+                                    const std::filesystem::path& defaultEffects,
+                                    std::ostream& out) {
+    Options options;
+    options.effectsFolder = defaultEffects;
+    CLI::App app(kDescription, "effecthost");
+    AddWhatToDo(app, options);
+    const CLI::Option* forceSave = AddOptionalNumber(
+        app, "--force-save",
+        "Force a save after every N compiled effects, 1 if left out, so that other processes find "
+        "them soon; 0 saves in batches. Default: 0 for one process, 16 for several");
+    const CLI::Option* verify = AddOptionalNumber(
+        app, "--verify",
+        "At the end, recompile N effects, 20 if left out, and compare with what the cache returns");
+    AddWhatToReport(app, options);
+
+    try {
+        app.parse(argc, argv);
+        options.saveEvery =
+            NumberOr(*forceSave, options.processes > 1 ? kDefaultGroupSaveEvery : 0, 1);
+        options.verify = NumberOr(*verify, 0, kDefaultVerify);
+    } catch (const CLI::CallForHelp&) {
+        out << app.help();
+        return std::nullopt;
+    } catch (const CLI::ParseError& error) {
+        throw Failure(ExitCode::BadUsage, std::string(error.what()) + " (--help explains)");
+    }
+    return options;
+}
+
+std::vector<std::string> WorkerArguments(const Options& options, std::size_t start) {
+    std::vector<std::string> arguments{"--cache",      options.cacheDirectory.string(),
+                                       "--effects",    options.effectsFolder.string(),
+                                       "--start",      std::to_string(start),
+                                       "--force-save", std::to_string(options.saveEvery),
+                                       "--json"};
+    for (const std::string& pattern : options.permanent) {
+        arguments.insert(arguments.end(), {"--permanent", pattern});
+    }
+    return arguments;
+}
+
+}  // namespace EffectHost

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <iosfwd>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace EffectHost {
+
+// The command line, defaults filled in.
+struct Options {
+    std::filesystem::path cacheDirectory;
+    std::filesystem::path effectsFolder;
+    std::size_t processes = 1;
+    std::size_t start = 0;               // number of the variant to begin with
+    std::size_t saveEvery = 0;           // compiled effects between forced saves; 0 forces none
+    std::size_t verify = 0;              // effects to recompile and compare
+    std::vector<std::string> permanent;  // patterns of effect names
+    std::filesystem::path listing;       // empty for none
+    bool quiet = false;
+    bool json = false;
+};
+
+// Reads the command line. Prints to out and returns nothing when it asks for help. Throws
+// Failure(BadUsage).
+std::optional<Options> ParseOptions(int argc, const char* const* argv,
+                                    const std::filesystem::path& defaultEffects, std::ostream& out);
+
+// The arguments that make another process do the same work as these options ask for, beginning
+// with the start-th variant, and report it as JSON.
+std::vector<std::string> WorkerArguments(const Options& options, std::size_t start);
+
+}  // namespace EffectHost

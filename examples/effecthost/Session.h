@@ -1,0 +1,43 @@
+#pragma once
+
+#include "EffectLibrary.h"
+#include "HostCache.h"
+#include "Options.h"
+#include "Progress.h"
+#include "ShaderCompiler.h"
+#include "Summary.h"
+
+namespace EffectHost {
+
+// Gets every effect of a library out of the cache, or compiles it and puts it there.
+class Session {
+public:
+    Session(const Options& options, const EffectLibrary& library, const ShaderCompiler& compiler);
+
+    // Does all the work and saves. Throws Failure: CompileError, UnusableCache.
+    void GetAllEffects(Progress& progress);
+
+    // Recompiles a number of effects, spread evenly over the library, and compares the bytes with
+    // what the cache returns. Throws Failure(VerificationFailed) at the first difference; an effect
+    // that is not in the cache is not counted.
+    void Verify(std::size_t count);
+
+    HostCache& Cache() { return cache_; }
+
+    // What was done so far, but for wallTime.
+    Summary Result() const;
+
+private:
+    bool GetEffect(std::size_t index);
+    void CompileAndStore(const EffectVariant& variant, const std::string& name);
+    bool IsPermanent(const std::string& name) const;
+
+    const Options& options_;
+    const EffectLibrary& library_;
+    const ShaderCompiler& compiler_;
+    HostCache cache_;
+    Summary summary_;
+    TimeAccount compileTime_;
+};
+
+}  // namespace EffectHost

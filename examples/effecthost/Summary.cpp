@@ -1,0 +1,101 @@
+#include "Summary.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <map>
+#include <nlohmann/json.hpp>
+
+namespace EffectHost {
+
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Summary, sources, effects, processes, hits, misses, damaged,
+                                   verified, effectsInFile, mostCompilations, wallTime, compileTime,
+                                   openTime, searchTime, storeTime, sparedTime, compiledEffects)
+
+namespace {
+
+// How often the effect that was compiled most often was.
+std::size_t MostFrequent(const std::vector<std::size_t>& effects) {
+    std::map<std::size_t, std::size_t> counts;
+    std::size_t most = 0;
+    for (const std::size_t effect : effects) {
+        most = std::max(most, ++counts[effect]);
+    }
+    return most;
+}
+
+// What the hits spared, and how that compares with what the cache cost. Nothing for several
+// processes at once, whose times include waiting for each other.
+std::string SpeedText(const Summary& summary) {
+    if (summary.hits == 0 || summary.CacheTime() == 0 || summary.processes > 1) {
+        return {};
+    }
+    const double factor =
+        static_cast<double>(summary.sparedTime) / static_cast<double>(summary.CacheTime());
+    return fmt::format("spared     {} of compiling, {:.1f} times the time in the cache\n",
+                       FormatTime(summary.sparedTime), factor);
+}
+
+}  // namespace
+
+void AddProcess(Summary& sum, const Summary& process) {
+    sum.hits += process.hits;
+    sum.misses += process.misses;
+    sum.damaged += process.damaged;
+    sum.compileTime += process.compileTime;
+    sum.openTime += process.openTime;
+    sum.searchTime += process.searchTime;
+    sum.storeTime += process.storeTime;
+    sum.sparedTime += process.sparedTime;
+    sum.compiledEffects.insert(sum.compiledEffects.end(), process.compiledEffects.begin(),
+                               process.compiledEffects.end());
+    sum.mostCompilations = MostFrequent(sum.compiledEffects);
+}
+
+std::string ToJson(const Summary& summary) {
+    return nlohmann::json(summary).dump();
+}
+
+Summary FromJson(const std::string& line) {
+    return nlohmann::json::parse(line).get<Summary>();
+}
+
+std::string ToText(const Summary& summary) {
+    std::string text = fmt::format("effects    {} from {} sources, {} in the cache file\n",
+                                   summary.effects, summary.sources, summary.effectsInFile);
+    if (summary.processes > 1) {
+        text +=
+            fmt::format("processes  {}, each of which asked for every effect\n", summary.processes);
+    }
+    text += fmt::format("hits       {}\n", summary.hits);
+    text += fmt::format("misses     {}\n", summary.misses);
+    if (summary.processes > 1) {
+        text += fmt::format("compiled   no effect more than {} times\n", summary.mostCompilations);
+    }
+    if (summary.damaged > 0) {
+        text += fmt::format("damaged    {}, compiled again\n", summary.damaged);
+    }
+    if (summary.verified > 0) {
+        text += fmt::format("verified   {} recompiled to the same bytes\n", summary.verified);
+    }
+    text += fmt::format("compiling  {}\n", FormatTime(summary.compileTime));
+    text += fmt::format("cache      {} (opening {}, searching {}, storing {})\n",
+                        FormatTime(summary.CacheTime()), FormatTime(summary.openTime),
+                        FormatTime(summary.searchTime), FormatTime(summary.storeTime));
+    text += SpeedText(summary);
+    text += fmt::format("run        {}\n", FormatTime(summary.wallTime));
+    return text;
+}
+
+std::string FormatTime(std::uint64_t microseconds) {
+    const double time = static_cast<double>(microseconds);
+    if (microseconds < 1000) {
+        return fmt::format("{} us", microseconds);
+    }
+    if (microseconds < 1000000) {
+        return fmt::format("{:.1f} ms", time / 1e3);
+    }
+    return fmt::format("{:.2f} s", time / 1e6);
+}
+
+}  // namespace EffectHost

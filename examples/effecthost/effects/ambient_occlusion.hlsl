@@ -1,0 +1,147 @@
+// Ambient occlusion in screen space: how much of the half sphere above each pixel is hidden by what
+// the depth buffer knows, then a blur that stops at edges.
+//
+//@ axis SAMPLES 4 8 12 16
+//@ axis NORMALS 0 1
+//@ axis RANGE_CHECK 0 1
+//@ axis ROTATE 0 1
+//@ axis RADIUS 1 2 3 4
+//@ axis VERTICAL 0 1
+//@ axis BILATERAL 0 1
+//@ program VertexMain vs_4_0
+//@ program OcclusionPixelMain ps_4_0 SAMPLES NORMALS RANGE_CHECK ROTATE
+//@ program BlurPixelMain ps_4_0 RADIUS VERTICAL BILATERAL
+//
+// SAMPLES       points of the half sphere that are looked at
+// NORMALS       1 from a texture, 0 from the neighbours' depths
+// RANGE_CHECK   what lies far in front does not occlude
+// ROTATE        turns the points by another angle at every pixel, which trades bands for noise
+// RADIUS        taps of the blur to each side
+// VERTICAL      direction of the blur
+// BILATERAL     the blur leaves out taps at another depth
+#include "Portable.hlsli"
+#include "Camera.hlsli"
+#include "FullScreen.hlsli"
+
+cbuffer Occlusion : register(b2)
+{
+    float4 viewRay;     // size of the view at distance 1 in xy
+    float4 hemisphere;  // radius, bias, strength, depth difference that ends the blur
+};
+
+Texture2D<float> depthTexture : register(t0);
+Texture2D normalTexture : register(t1);
+Texture2D<float> occlusionTexture : register(t2);
+SamplerState nearestSampler : register(s0);
+
+// Points of the half sphere around +z, denser near its centre.
+static const float3 kPoints[16] = {
+    float3(0.024, -0.013, 0.049),  float3(-0.053, 0.061, 0.037), float3(0.083, 0.044, 0.081),
+    float3(-0.101, -0.068, 0.094), float3(0.020, -0.165, 0.073), float3(0.148, 0.121, 0.108),
+    float3(-0.211, 0.085, 0.131),  float3(0.093, -0.223, 0.185), float3(0.271, -0.042, 0.208),
+    float3(-0.134, 0.301, 0.197),  float3(-0.338, -0.166, 0.221), float3(0.207, 0.339, 0.284),
+    float3(0.412, 0.105, 0.301),   float3(-0.189, -0.471, 0.322), float3(-0.521, 0.238, 0.357),
+    float3(0.389, -0.512, 0.438)};
+
+#define DepthAt(uv) \
+    (depthRange.z / (depthRange.y - depthTexture.Sample(nearestSampler, uv) * depthRange.w))
+#define ViewPosition(uv, depth) \
+    float3(((uv) * float2(2.0, -2.0) + float2(-1.0, 1.0)) * viewRay.xy * (depth), depth)
+
+#if RANGE_CHECK
+#define CheckRange \
+    float near = saturate(hemisphere.x / (abs(origin.z - found) + 0.0001)); \
+    hidden *= Smooth(near);
+#else
+#define CheckRange
+#endif
+
+#define AddPoint(index) \
+    { \
+        float3 turned = kPoints[index].x * tangent + kPoints[index].y * bitangent + \
+                        kPoints[index].z * normal; \
+        float3 looked = origin + turned * hemisphere.x; \
+        float2 place = looked.xy / (looked.z * viewRay.xy) * float2(0.5, -0.5) + 0.5; \
+        float found = DepthAt(place); \
+        float hidden = AtLeast(looked.z - hemisphere.y, found); \
+        CheckRange \
+        occlusion += hidden; \
+    }
+
+float4 OcclusionPixelMain(ScreenPoint screen) : SV_Target
+{
+    float depth = DepthAt(screen.uv);
+    float3 origin = ViewPosition(screen.uv, depth);
+#if NORMALS
+    float3 normal = normalize(normalTexture.Sample(nearestSampler, screen.uv).xyz * 2.0 - 1.0);
+#else
+    float2 rightUv = screen.uv + float2(screenSize.z, 0.0);
+    float2 belowUv = screen.uv + float2(0.0, screenSize.w);
+    float3 toRight = ViewPosition(rightUv, DepthAt(rightUv)) - origin;
+    float3 toBelow = ViewPosition(belowUv, DepthAt(belowUv)) - origin;
+    float3 normal = normalize(cross(toRight, toBelow));
+#endif
+
+    float3 axis = float3(1.0, 0.0, 0.0);
+#if ROTATE
+    DeclareNoise(turn, screen.position.xy)
+    DeclareSine(sine, turn)
+    DeclareCosine(cosine, turn)
+    axis = float3(cosine, sine, 0.0);
+#endif
+    float3 tangent = normalize(axis - normal * dot(axis, normal));
+    float3 bitangent = cross(normal, tangent);
+
+    float occlusion = 0.0;
+    AddPoint(0) AddPoint(1) AddPoint(2) AddPoint(3)
+#if SAMPLES > 4
+    AddPoint(4) AddPoint(5) AddPoint(6) AddPoint(7)
+#endif
+#if SAMPLES > 8
+    AddPoint(8) AddPoint(9) AddPoint(10) AddPoint(11)
+#endif
+#if SAMPLES > 12
+    AddPoint(12) AddPoint(13) AddPoint(14) AddPoint(15)
+#endif
+    float open = saturate(1.0 - hemisphere.z * occlusion / (float(SAMPLES) + 0.0001));
+    return float4(open, open, open, 1.0);
+}
+
+#if BILATERAL
+#define CompareDepth weight *= Below(abs(DepthAt(place) - depth), hemisphere.w);
+#else
+#define CompareDepth
+#endif
+
+#define AddTap(offset, share) \
+    { \
+        float2 place = screen.uv + along * (offset); \
+        float weight = share; \
+        CompareDepth \
+        sum += occlusionTexture.Sample(nearestSampler, place) * weight; \
+        weights += weight; \
+    }
+
+float4 BlurPixelMain(ScreenPoint screen) : SV_Target
+{
+    float depth = DepthAt(screen.uv);
+#if VERTICAL
+    float2 along = float2(0.0, screenSize.w);
+#else
+    float2 along = float2(screenSize.z, 0.0);
+#endif
+    float sum = occlusionTexture.Sample(nearestSampler, screen.uv);
+    float weights = 1.0;
+    AddTap(-1.0, 0.78) AddTap(1.0, 0.78)
+#if RADIUS > 1
+    AddTap(-2.0, 0.37) AddTap(2.0, 0.37)
+#endif
+#if RADIUS > 2
+    AddTap(-3.0, 0.11) AddTap(3.0, 0.11)
+#endif
+#if RADIUS > 3
+    AddTap(-4.0, 0.02) AddTap(4.0, 0.02)
+#endif
+    float open = sum / weights;
+    return float4(open, open, open, 1.0);
+}

@@ -1,0 +1,106 @@
+// Leaves and grass: they sway, they let light through, and their edges are soft.
+//
+//@ axis WIND 0 1 2
+//@ axis INSTANCED 0 1
+//@ axis TRANSLUCENCY 0 1
+//@ axis SEASON 0 1
+//@ axis COVERAGE 0 1
+//@ axis FOG 0 1
+//@ program VertexMain vs_4_0 WIND INSTANCED
+//@ program PixelMain ps_4_0 TRANSLUCENCY SEASON COVERAGE FOG
+//
+// WIND           0 none, 1 the plant bends, 2 its leaves flutter as well
+// INSTANCED      place and size come with each instance
+// TRANSLUCENCY   light from behind shines through
+// SEASON         colours change with the year, not every leaf's at once
+// COVERAGE       alpha becomes coverage with a sharp edge
+// FOG            fog by distance
+#include "Portable.hlsli"
+#include "Camera.hlsli"
+
+cbuffer Foliage : register(b2)
+{
+    float4 wind;          // direction in xz of the world, strength, gusts per second
+    float4 sunDirection;
+    float4 sunColor;
+    float4 skyColor;
+    float4 autumnColor;   // rgb, and the time of the year in a
+    float4 leaf;          // translucency, threshold and width of the edge
+};
+
+Texture2D leafTexture : register(t0);
+SamplerState leafSampler : register(s0);
+
+struct Vertex
+{
+    float3 position : POSITION;
+    float3 normal : NORMAL;
+    float2 uv : TEXCOORD0;
+    float4 bend : COLOR;        // of the plant, of the leaf, phase
+    float4 place : TEXCOORD1;   // of the instance; its size in w
+};
+
+struct Fragment
+{
+    float4 position : SV_Position;
+    float3 world : TEXCOORD0;
+    float3 normal : TEXCOORD1;
+    float2 uv : TEXCOORD2;
+    float phase : TEXCOORD3;
+};
+
+Fragment VertexMain(Vertex vertex)
+{
+#if INSTANCED
+    float3 world = vertex.position * vertex.place.w + vertex.place.xyz;
+    float3 normal = vertex.normal;
+    float phase = vertex.bend.z + Frac(dot(vertex.place.xz, float2(0.37, 0.71)));
+#else
+    float3 world = mul(float4(vertex.position, 1.0), objectToWorld).xyz;
+    float3 normal = mul(vertex.normal, (float3x3)objectToWorld);
+    float phase = vertex.bend.z;
+#endif
+#if WIND > 0
+    DeclareSine(gust, time.x * wind.w + phase)
+    world.xz += wind.xy * (wind.z * vertex.bend.x * (0.6 + 0.4 * gust));
+#endif
+#if WIND > 1
+    DeclareSine(flutter, time.x * wind.w * 7.3 + phase * 5.0)
+    world += normal * (flutter * wind.z * vertex.bend.y * 0.2);
+#endif
+    Fragment result;
+    result.position = mul(float4(world, 1.0), worldToClip);
+    result.world = world;
+    result.normal = normal;
+    result.uv = vertex.uv;
+    result.phase = phase;
+    return result;
+}
+
+float4 PixelMain(Fragment fragment) : SV_Target
+{
+    float4 texel = leafTexture.Sample(leafSampler, fragment.uv);
+    float3 toCamera = cameraPosition.xyz - fragment.world;
+    float3 albedo = texel.rgb;
+#if SEASON
+    float turned = saturate(autumnColor.a * 2.0 - Frac(fragment.phase));
+    albedo = lerp(albedo, Luminance(albedo) * autumnColor.rgb, turned);
+#endif
+    float3 normal = normalize(fragment.normal);
+    normal *= AtLeast(dot(normal, toCamera), 0.0) * 2.0 - 1.0;
+    float facing = dot(normal, sunDirection.xyz);
+    float3 light = sunColor.rgb * saturate(facing) + skyColor.rgb;
+#if TRANSLUCENCY
+    float against = saturate(dot(normalize(-toCamera), sunDirection.xyz));
+    light += sunColor.rgb * leaf.x * (saturate(-facing) + Square(Square(against)));
+#endif
+    float3 color = albedo * light;
+#if FOG
+    ApplyFog(color, length(toCamera))
+#endif
+    float alpha = texel.a;
+#if COVERAGE
+    alpha = saturate((alpha - leaf.y) / leaf.z + 0.5);
+#endif
+    return float4(color, alpha);
+}

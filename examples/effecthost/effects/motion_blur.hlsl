@@ -1,0 +1,81 @@
+// Blurs each pixel along the way it moved while the shutter was open.
+//
+//@ axis SAMPLES 4 8 12 16
+//@ axis VELOCITY 0 1
+//@ axis DEPTH_AWARE 0 1
+//@ axis JITTER 0 1
+//@ program VertexMain vs_4_0
+//@ program PixelMain ps_4_0 SAMPLES VELOCITY DEPTH_AWARE JITTER
+//
+// SAMPLES       along the way
+// VELOCITY      0 the camera's movement alone, from the depth; 1 a texture of velocities
+// DEPTH_AWARE   what is behind this pixel does not smear over it
+// JITTER        begins at another point at every pixel, which trades copies for noise
+#include "Portable.hlsli"
+#include "Camera.hlsli"
+#include "FullScreen.hlsli"
+
+cbuffer MotionBlur : register(b2)
+{
+    float4x4 screenToWorld;
+    float4x4 lastWorldToClip;
+    float4 shutter;  // share of the frame that it is open, longest way in pixels, depth tolerance
+};
+
+Texture2D sceneTexture : register(t0);
+Texture2D<float> depthTexture : register(t1);
+Texture2D velocityTexture : register(t2);
+SamplerState smoothSampler : register(s0);
+
+#if DEPTH_AWARE
+#define CompareDepth \
+    float there = ViewDepth(depthTexture.Sample(smoothSampler, place)); \
+    weight = saturate(1.0 + (depth - there) / shutter.z);
+#else
+#define CompareDepth
+#endif
+
+#define AddSample(index) \
+    { \
+        float2 place = screen.uv + moved * ((float(index) + begin) / float(SAMPLES) - 0.5); \
+        float weight = 1.0; \
+        CompareDepth \
+        sum += sceneTexture.Sample(smoothSampler, place).rgb * weight; \
+        weights += weight; \
+    }
+
+float4 PixelMain(ScreenPoint screen) : SV_Target
+{
+    float buffered = depthTexture.Sample(smoothSampler, screen.uv);
+    float depth = ViewDepth(buffered);
+#if VELOCITY
+    float2 moved = velocityTexture.Sample(smoothSampler, screen.uv).zw * 2.0 - 1.0;
+#else
+    float2 now = screen.uv * float2(2.0, -2.0) + float2(-1.0, 1.0);
+    float4 world = mul(float4(now, buffered, 1.0), screenToWorld);
+    float4 last = mul(world / world.w, lastWorldToClip);
+    float2 moved = now - last.xy / last.w;
+#endif
+    moved *= float2(0.5, -0.5) * shutter.x;
+    float longest = shutter.y * screenSize.z;
+    moved *= min(1.0, longest / (length(moved) + 0.00001));
+
+    float begin = 0.5;
+#if JITTER
+    DeclareNoise(noise, screen.position.xy)
+    begin = noise;
+#endif
+    float3 sum = sceneTexture.Sample(smoothSampler, screen.uv).rgb * 0.001;
+    float weights = 0.001;
+    AddSample(0) AddSample(1) AddSample(2) AddSample(3)
+#if SAMPLES > 4
+    AddSample(4) AddSample(5) AddSample(6) AddSample(7)
+#endif
+#if SAMPLES > 8
+    AddSample(8) AddSample(9) AddSample(10) AddSample(11)
+#endif
+#if SAMPLES > 12
+    AddSample(12) AddSample(13) AddSample(14) AddSample(15)
+#endif
+    return float4(sum / weights, 1.0);
+}

@@ -1,0 +1,58 @@
+#include "CachedEffect.h"
+
+#include <gtest/gtest.h>
+
+namespace EffectHost {
+namespace {
+
+constexpr std::size_t kHeaderSize = 32;
+
+Bytes SomeBlock() {
+    return PackCachedEffect("name", {1234567, {1, 2, 3, 4, 5}});
+}
+
+TEST(CachedEffect, UnpackingReturnsTheBytesAndTheCompileTime) {
+    const Bytes block = SomeBlock();
+    ASSERT_EQ(block.size(), kHeaderSize + 5);
+    const auto effect = UnpackCachedEffect("name", block.data(), block.size());
+    ASSERT_TRUE(effect);
+    EXPECT_EQ(effect->compileMicroseconds, 1234567u);
+    EXPECT_EQ(effect->bytes, (Bytes{1, 2, 3, 4, 5}));
+}
+
+TEST(CachedEffect, AnEffectWithoutBytesSurvivesTheRoundTrip) {
+    const Bytes block = PackCachedEffect("name", {7, {}});
+    const auto effect = UnpackCachedEffect("name", block.data(), block.size());
+    ASSERT_TRUE(effect);
+    EXPECT_TRUE(effect->bytes.empty());
+}
+
+TEST(CachedEffect, ABlockOfAnotherNameIsRefused) {
+    const Bytes block = SomeBlock();
+    EXPECT_FALSE(UnpackCachedEffect("mane", block.data(), block.size()));
+}
+
+TEST(CachedEffect, EveryFlippedBitOfHeaderAndBytesIsNoticed) {
+    const Bytes intact = SomeBlock();
+    for (std::size_t bit = 0; bit < intact.size() * 8; ++bit) {
+        Bytes block = intact;
+        block[bit / 8] = static_cast<unsigned char>(block[bit / 8] ^ (1u << bit % 8));
+        EXPECT_FALSE(UnpackCachedEffect("name", block.data(), block.size())) << "bit " << bit;
+    }
+}
+
+TEST(CachedEffect, ABlockThatLostItsEndIsRefused) {
+    const Bytes block = SomeBlock();
+    for (std::size_t size = 0; size < block.size(); ++size) {
+        EXPECT_FALSE(UnpackCachedEffect("name", block.data(), size)) << size << " bytes";
+    }
+}
+
+TEST(CachedEffect, ABlockThatGrewIsRefused) {
+    Bytes block = SomeBlock();
+    block.push_back(0);
+    EXPECT_FALSE(UnpackCachedEffect("name", block.data(), block.size()));
+}
+
+}  // namespace
+}  // namespace EffectHost

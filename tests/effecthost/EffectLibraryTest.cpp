@@ -1,0 +1,119 @@
+#include "EffectLibrary.h"
+
+#include <gmock/gmock.h>
+
+#include <fstream>
+#include <set>
+
+#include "FailureOf.h"
+#include "Processes.h"
+#include "support/TemporaryDirectory.h"
+
+namespace EffectHost {
+namespace {
+
+using Quorvel::Testing::TemporaryDirectory;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+void Write(const TemporaryDirectory& folder, const char* name, const char* text) {
+    std::ofstream(folder.Path() / name, std::ios::binary) << text;
+}
+
+std::vector<std::string> MacroTexts(const std::vector<std::vector<MacroValue>>& combinations) {
+    std::vector<std::string> texts;
+    texts.reserve(combinations.size());
+    for (const auto& combination : combinations) {
+        texts.push_back(MacroText(combination));
+    }
+    return texts;
+}
+
+// The name of the only variant of a folder.
+std::string OnlyName(const TemporaryDirectory& folder) {
+    const EffectLibrary library = LoadEffectLibrary(folder.Path());
+    EXPECT_EQ(library.variants.size(), 1u);
+    return EffectName(library.variants.at(0), "compiler");
+}
+
+TEST(EffectLibrary, AxesExpandToEveryCombinationWithTheLastChangingFastest) {
+    EXPECT_THAT(MacroTexts(ExpandAxes({{"A", {"0", "1"}}, {"B", {"1", "2", "4"}}})),
+                ElementsAre("A=0,B=1", "A=0,B=2", "A=0,B=4", "A=1,B=1", "A=1,B=2", "A=1,B=4"));
+}
+
+TEST(EffectLibrary, NoAxesMeanOneVariantWithoutMacros) {
+    EXPECT_THAT(MacroTexts(ExpandAxes({})), ElementsAre(""));
+}
+
+TEST(EffectLibrary, VariantsComeFileByFileInAlphabeticalOrder) {
+    const TemporaryDirectory folder;
+    Write(folder, "b.hlsl", "//@ program P ps_4_0\n");
+    Write(folder, "a.hlsl", "//@ axis X 0 1\n//@ program Q vs_4_0 X\n");
+    Write(folder, "c.hlsli", "not an effect of its own");
+    const EffectLibrary library = LoadEffectLibrary(folder.Path());
+    EXPECT_EQ(library.sourceCount, 2u);
+    ASSERT_EQ(library.variants.size(), 3u);
+    EXPECT_EQ(library.variants[0].file, "a.hlsl");
+    EXPECT_EQ(MacroText(library.variants[1].macros), "X=1");
+    EXPECT_EQ(library.variants[2].file, "b.hlsl");
+}
+
+TEST(EffectLibrary, ANameSaysSourceEntryPointProfileMacrosAndCompiler) {
+    const TemporaryDirectory folder;
+    Write(folder, "a.hlsl", "//@ axis X 3\n//@ program Q vs_4_0 X\n");
+    EXPECT_THAT(OnlyName(folder), StartsWith("a.hlsl:Q:vs_4_0:X=3:compiler-"));
+}
+
+TEST(EffectLibrary, AnEditedSourceGetsAnotherName) {
+    const TemporaryDirectory folder;
+    Write(folder, "a.hlsl", "//@ program Q vs_4_0\n");
+    const std::string before = OnlyName(folder);
+    EXPECT_EQ(OnlyName(folder), before);
+    Write(folder, "a.hlsl", "//@ program Q vs_4_0\n// edited\n");
+    EXPECT_NE(OnlyName(folder), before);
+}
+
+TEST(EffectLibrary, AnEditedIncludeOfAnIncludeGetsAnotherName) {
+    const TemporaryDirectory folder;
+    Write(folder, "a.hlsl", "//@ program Q vs_4_0\n#include \"b.hlsli\"\n");
+    Write(folder, "b.hlsli", "  #include \"c.hlsli\"\n");
+    Write(folder, "c.hlsli", "#define C 1\n");
+    const std::string before = OnlyName(folder);
+    Write(folder, "c.hlsli", "#define C 2\n");
+    EXPECT_NE(OnlyName(folder), before);
+}
+
+TEST(EffectLibrary, FilesThatIncludeEachOtherAreReadOnce) {
+    const TemporaryDirectory folder;
+    Write(folder, "a.hlsl", "//@ program Q vs_4_0\n#include \"b.hlsli\"\n");
+    Write(folder, "b.hlsli", "#include \"b.hlsli\"\n");
+    EXPECT_EQ(LoadEffectLibrary(folder.Path()).variants.at(0).source->includes.size(), 1u);
+}
+
+TEST(EffectLibrary, MissingFoldersEmptyFoldersAndMissingIncludesAreRefused) {
+    const TemporaryDirectory folder;
+    const auto load = [](const std::filesystem::path& path) {
+        return FailureOf(ExitCode::BadEffects, [&] { LoadEffectLibrary(path); });
+    };
+    EXPECT_THAT(load(folder.Path() / "none"), HasSubstr("none"));
+    EXPECT_THAT(load(folder.Path()), HasSubstr("there is no .hlsl file in"));
+    Write(folder, "a.hlsl", "//@ program Q vs_4_0\n#include \"missing.hlsli\"\n");
+    EXPECT_THAT(load(folder.Path()), HasSubstr("missing.hlsli"));
+    Write(folder, "a.hlsl", "//@ program Q vs_4_0\n#include <angle.hlsli>\n");
+    EXPECT_THAT(load(folder.Path()), HasSubstr("a.hlsl:2"));
+}
+
+TEST(EffectLibrary, TheEffectsBesideTheProgramHaveDistinctNames) {
+    const EffectLibrary library = LoadEffectLibrary(ExecutablePath().parent_path() / "effects");
+    EXPECT_GE(library.sourceCount, 12u);
+    EXPECT_GE(library.variants.size(), 500u);
+    std::set<std::string> names;
+    for (const EffectVariant& variant : library.variants) {
+        names.insert(EffectName(variant, "compiler"));
+    }
+    EXPECT_EQ(names.size(), library.variants.size());
+}
+
+}  // namespace
+}  // namespace EffectHost

@@ -1,5 +1,6 @@
 // The effect cache's steps on its file.
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 
 #include "effectcache/EffectCacheImpl.h"
@@ -50,7 +51,7 @@ bool EffectCacheImpl::OpenFile() noexcept {
         }
     } catch (...) {
     }
-    LetPackageGo();
+    GivePackageUp();
     return false;
 }
 
@@ -88,13 +89,25 @@ void EffectCacheImpl::LetPackageGo() noexcept {
 }
 
 // A step that failed may have let some of its changes reach the file, where what was committed
-// before still describes the pages they overwrote. Nobody must read that.
+// before still describes the pages they overwrote. Nobody must read that, neither from the file nor
+// by what he remembers of it.
 void EffectCacheImpl::GivePackageUp() noexcept {
     const bool isFileSuspect = package_ && Internals(package_).HasChanges();
     LetPackageGo();
-    if (isFileSuspect) {
-        CreateFile();
-        LetPackageGo();
+    if (!isFileSuspect) {
+        return;
+    }
+    if (!CreateFile()) {
+        EmptyFile();
+        stamp_.UpdateTimeStamp();
+    }
+    LetPackageGo();
+}
+
+// Takes no space on the volume, so it mostly works where nothing can be written.
+void EffectCacheImpl::EmptyFile() noexcept {
+    if (std::FILE* const file = std::fopen(filePath_.data(), "wb")) {
+        std::fclose(file);
     }
 }
 

@@ -20,7 +20,7 @@ std::uint64_t HeaderDataStateSize(const std::vector<std::uint8_t>& headerData) {
 }  // namespace
 
 PagedFilePackage::PagedFilePackage(const PagedFilePackageConfig& config)
-    : dirty_(false), config_(config), allocator_(new PageAllocator) {
+    : dirty_(false), config_(config), allocator_(new PageAllocator), reopened_(true) {
     if (!config.fileName) {
         throw InvalidParameterException();
     }
@@ -69,6 +69,7 @@ void PagedFilePackage::Close() {
 
 void PagedFilePackage::OpenCache() {
     cache_ = std::make_unique<FilePageCache>(config_.fileName, config_.pageCacheCapacity);
+    reopened_ = true;
 }
 
 PageAllocator& PagedFilePackage::Allocator() const {
@@ -106,11 +107,9 @@ void PagedFilePackage::ReadState() {
         throw FileDataCorruptException();
     }
     const auto length = ReadRecord<std::uint64_t>(*stream);
-    if (length > BytesLeft(*stream)) {
+    if (!ReadItems(*stream, headerData_, length)) {
         throw FileIOException();
     }
-    headerData_.resize(length);
-    ReadAll(*stream, headerData_.data(), length);
 }
 
 void PagedFilePackage::Swap(PagedFilePackage& other) noexcept {
@@ -126,6 +125,7 @@ void PagedFilePackage::Swap(PagedFilePackage& other) noexcept {
     headerData_.swap(other.headerData_);
     std::swap(headFile_, other.headFile_);
     openStreams_.swap(other.openStreams_);
+    std::swap(reopened_, other.reopened_);
 }
 
 // ---- Commit --------------------------------------------------------------------------------------
@@ -137,14 +137,25 @@ bool PagedFilePackage::Commit() {
     if (!cache_) {
         return false;
     }
+    if (!reopened_) {
+        ReopenFile();
+    }
     FreeHeadFile();
     if (!CreateHeadFile() || !WriteState()) {
         return false;
     }
-    ReleaseStreamPages();
-    cache_->Open(config_.fileName, config_.pageCacheCapacity);
+    ReopenFile();
     dirty_ = false;
     return true;
+}
+
+// Writes every page back and opens the file anew. An attempt that fails may leave the cache without
+// a file; the next Commit begins with another.
+void PagedFilePackage::ReopenFile() {
+    ReleaseStreamPages();
+    reopened_ = false;
+    cache_->Open(config_.fileName, config_.pageCacheCapacity);
+    reopened_ = true;
 }
 
 void PagedFilePackage::FreeHeadFile() {
@@ -154,11 +165,20 @@ void PagedFilePackage::FreeHeadFile() {
     if (headFile_->pageCount > 0) {
         // What was not read of the chain so far is not known yet.
         headFile_->LoadPageInfo(headFile_->pageCount - 1);
-        for (std::uint64_t index = 0; index < headFile_->pageCount; ++index) {
-            allocator_->FreePage(headFile_->pageNumbers[index]);
+    }
+    // Dropped first: no page may be freed twice, also when one of them can't be.
+    const auto headFile = std::exchange(headFile_, {});
+    FreeHeadPages(headFile->pageNumbers, headFile->pageCount);
+}
+
+// Page 10 stays in use: until the next head file is there, no stream may get it.
+void PagedFilePackage::FreeHeadPages(const std::uint64_t* pages, std::uint64_t count) {
+    for (std::uint64_t index = 0; index < count; ++index) {
+        allocator_->FreePage(pages[index]);
+        if (pages[index] == kHeadPageNumber) {
+            allocator_->MarkPageAllocated(kHeadPageNumber);
         }
     }
-    headFile_.Reset();
 }
 
 // Makes a head file of the size that the state needs now.
@@ -173,9 +193,7 @@ bool PagedFilePackage::CreateHeadFile() {
             return false;
         }
     } catch (...) {
-        for (const std::uint64_t page : pages) {
-            allocator_->FreePage(page);
-        }
+        FreeHeadPages(pages.data(), pages.size());
         throw;
     }
     headFile_ = seeker;
@@ -195,9 +213,7 @@ std::uint64_t PagedFilePackage::AllocateHeadPages(std::vector<std::uint64_t>& pa
         }
         pages.reserve(needed);
         if (pages.empty()) {
-            if (!allocator_->MarkPageAllocated(kHeadPageNumber)) {
-                throw FileDataCorruptException();
-            }
+            allocator_->MarkPageAllocated(kHeadPageNumber);
             pages.push_back(kHeadPageNumber);
             cache_->EnsurePageInFile(kHeadPageNumber);
         }

@@ -25,7 +25,8 @@ namespace Quorvel {
 // directory, the tail block table, the length of the header data (8 bytes) and the header data.
 //
 // Commit frees the pages of the head file and writes a new one, which begins at page 10 like every
-// head file. Load builds a second package from the file and exchanges all state with it.
+// head file. Page 10 is never free: a Commit that fails leaves it to the next one. Load builds a
+// second package from the file and exchanges all state with it.
 class PagedFilePackage : public IDataStreamSet {
 public:
     // An empty package without a file. Throws InvalidParameterException when config has no path.
@@ -70,7 +71,9 @@ private:
     void Swap(PagedFilePackage& other) noexcept;
     PageAllocator& Allocator() const;
 
+    void ReopenFile();
     void FreeHeadFile();
+    void FreeHeadPages(const std::uint64_t* pages, std::uint64_t count);
     bool CreateHeadFile();
     std::uint64_t AllocateHeadPages(std::vector<std::uint64_t>& pages);
     void ReleaseStreamPages();
@@ -93,6 +96,7 @@ private:
     std::vector<std::uint8_t> headerData_;
     Util::RefPtr<IPagedFileSeeker> headFile_;
     std::map<std::uint64_t, ChildFileStream*> openStreams_;
+    bool reopened_;  // false when the last attempt to reopen the file failed
 };
 
 }  // namespace Quorvel

@@ -51,11 +51,6 @@ std::uint64_t TailBlockTable::AddBlock(const TailBlockPageNumbers& pages) {
     return blockId;
 }
 
-void TailBlockTable::RemoveBlock(std::uint64_t blockId) {
-    blocks_[blockId].reset();
-    blockIds_.Free(blockId);
-}
-
 bool TailBlockTable::Place(std::uint64_t streamId, std::uint64_t blockId, std::uint64_t length) {
     TailBlockRecord* const block = Block(blockId);
     if (!block || block->freeBytes < length) {
@@ -226,16 +221,9 @@ void TailBlockTable::LoadBlocks(IDataStream& stream) {
         }
         StoreBlock(block);
 
-        // The list has no limit of its own; it can't be longer than what is left of the stream.
         std::uint64_t listed = 0;
         if (stream.Read(&listed, sizeof listed) != sizeof listed ||
-            listed > BytesLeft(stream) / sizeof(std::uint64_t)) {
-            throw FileDataCorruptException();
-        }
-        std::vector<std::uint64_t>& streamIds = blocks_[block.blockId]->streamIds;
-        streamIds.resize(listed);
-        const std::uint64_t bytes = listed * sizeof(std::uint64_t);
-        if (stream.Read(streamIds.data(), bytes) != bytes) {
+            !ReadItems(stream, blocks_[block.blockId]->streamIds, listed)) {
             throw FileDataCorruptException();
         }
     }

@@ -33,7 +33,7 @@ struct StoredTailBlock {
 struct TailFragment {
     std::uint64_t streamId;
     std::uint64_t blockId;
-    std::uint64_t listIndex;  // of the stream in its block's list; all ones until placed
+    std::uint64_t listIndex;  // of the stream in its block's list
     std::uint64_t offset;     // of the first byte in the block
     std::uint64_t length;
 };
@@ -41,8 +41,6 @@ static_assert(sizeof(StoredTailBlock) == 80);
 static_assert(offsetof(StoredTailBlock, pages) == 8);
 static_assert(offsetof(StoredTailBlock, freeBytes) == 72);
 static_assert(sizeof(TailFragment) == 40);
-
-constexpr std::uint64_t kNotPlaced = ~std::uint64_t{0};
 
 // A tail block in memory. Fragments are packed from offset 0 upwards in the order of the list, so
 // the next one always goes at kTailBlockSize - freeBytes.
@@ -70,9 +68,6 @@ public:
     // Adds an empty block over eight pages and returns its id. Throws InvalidParameterException
     // when a page number is not valid or no id is left.
     std::uint64_t AddBlock(const TailBlockPageNumbers& pages);
-
-    // Removes a block that holds no fragment.
-    void RemoveBlock(std::uint64_t blockId);
 
     // Puts a stream's tail behind the others of a block. False, with nothing changed, when there is
     // no such block, when it has no room there, or when the stream has a tail. Throws

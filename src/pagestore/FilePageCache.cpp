@@ -40,8 +40,8 @@ bool FilePageCache::Open(const char* path, std::uint64_t capacity) {
             throw FileIOException(static_cast<std::uint32_t>(error));
         }
     }
+    fileSize_ = GetFileSize(opened.Get());
     file_ = opened.Detach();
-    fileSize_ = GetFileSize(file_);
     capacity_ = capacity != 0 ? capacity : 1;
     return true;
 }

@@ -131,13 +131,8 @@ void PageAllocator::ReadLinks(const Util::RefPtr<IDataStream>& stream) {
     if (stream->Read(&count, sizeof count) != sizeof count || count > kPageCountLimit) {
         throw FileDataCorruptException();
     }
-    const std::uint64_t bytes = count * sizeof(std::uint64_t);
-    const std::uint64_t position = stream->GetPosition();
-    const std::uint64_t size = stream->GetSize();
-    if (position > size || bytes > size - position) {
-        throw FileDataCorruptException();  // it would end early: don't reserve for what isn't there
-    }
     links_.resize(count);
+    const std::uint64_t bytes = count * sizeof(std::uint64_t);
     if (count > 0 && stream->Read(links_.data(), bytes) != bytes) {
         throw FileDataCorruptException();
     }

@@ -136,10 +136,12 @@ void PagedFileStream::ReleasePages() {
 
 void PagedFileStream::MoveTo(const Util::RefPtr<IPagedFileSeeker>& seeker) {
     ReleasePages();
-    if (!seeker->PositionToPage(position_.page.pageIndex, position_.page.pageOffset,
+    PagePosition page;
+    if (!seeker->PositionToPage(page.pageIndex, page.pageOffset,
                                 static_cast<std::int32_t>(position_.byte))) {
         throw FileDataCorruptException();
     }
+    position_.page = page;
     seeker_ = seeker;
 }
 

@@ -33,7 +33,8 @@ public:
     // Unpins both pages; the next access pins again.
     void ReleasePages();
 
-    // Goes on over a seeker that describes the same bytes in other places.
+    // Goes on over a seeker that describes the same bytes in other places. Throws
+    // FileDataCorruptException, and stays where it is, when these don't reach the position.
     void MoveTo(const Util::RefPtr<IPagedFileSeeker>& seeker);
 
     // Lets go of the pages and the seeker. The stream has no bytes then.

@@ -19,6 +19,9 @@ public:
 
     void Close();
 
+    // The open file; null when there is none.
+    std::FILE* Get() const { return file_; }
+
     // Gives the file away without closing it.
     std::FILE* Detach();
 

@@ -1,0 +1,12 @@
+#include <gtest/gtest.h>
+#include <quorvel/VertexNormalsControl.h>
+
+namespace Quorvel::Testing {
+
+TEST(VertexNormalsControlUse, IsOnAndRefersToNothing) {
+    const VertexNormalsControl control;
+    EXPECT_TRUE(control.enabled);
+    EXPECT_EQ(control.reference.Get(), nullptr);
+}
+
+}  // namespace Quorvel::Testing

@@ -1,0 +1,66 @@
+#include "effectcache/AllocationFault.h"
+
+#include <cstdlib>
+#include <new>
+
+namespace Quorvel::Testing {
+
+namespace {
+
+enum class State { Idle, Armed, Failed };
+
+// Trivial, so that an allocation may ask for them at any time.
+thread_local State state = State::Idle;
+thread_local std::uint64_t left = 0;
+
+bool Fails() {
+    if (state != State::Armed || left-- != 0) {
+        return false;
+    }
+    state = State::Failed;
+    return true;
+}
+
+void* Allocate(std::size_t size) {
+    return Fails() ? nullptr : std::malloc(size != 0 ? size : 1);
+}
+
+}  // namespace
+
+AllocationFault::AllocationFault(std::uint64_t skipped) {
+    left = skipped;
+    state = State::Armed;
+}
+
+AllocationFault::~AllocationFault() {
+    state = State::Idle;
+}
+
+bool AllocationFault::HasFailed() const {
+    return state == State::Failed;
+}
+
+}  // namespace Quorvel::Testing
+
+using Quorvel::Testing::Allocate;
+
+void* operator new(std::size_t size) {
+    if (void* const memory = Allocate(size)) {
+        return memory;
+    }
+    throw std::bad_alloc();
+}
+
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return Allocate(size);
+}
+
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
+    std::free(memory);
+}

@@ -1,0 +1,326 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <functional>
+#include <memory>
+#include <ostream>
+
+#include "effectcache/CacheClient.h"
+#include "effectcache/EqualSizes.h"
+#include "effectcache/PlatformStubs.h"
+#include "effectcache/StoredCache.h"
+#include "support/StdioFaults.h"
+
+// Every operation with every one of its calls of the file system failing in turn. Whatever fails,
+// nothing is thrown, no lock stays held, and nobody ever gets the bytes of another effect.
+namespace Quorvel::Testing {
+
+namespace {
+
+struct Fault {
+    const char* name;
+    StdioCall call;
+    std::uint64_t failures;
+    std::uint64_t bytesMoved;
+};
+
+void PrintTo(const Fault& fault, std::ostream* out) {
+    *out << fault.name;
+}
+
+class EffectCacheFaults : public ::testing::TestWithParam<Fault> {
+public:
+    EffectCacheFaults() {
+        WriteOldCache(path);
+        oldFile = ReadWholeFile(path);
+    }
+
+    // Prepares, then runs the operation with its first call of the kind failing, then checks;
+    // then all again with the second call failing, and so on until none does any more.
+    void ForEachCall(const std::function<void()>& prepare, const std::function<void()>& operation,
+                     const std::function<void(bool failed)>& check) {
+        const Fault& fault = GetParam();
+        bool failed = true;
+        for (std::uint64_t skipped = 0; failed; ++skipped) {
+            SCOPED_TRACE("calls that succeed: " + std::to_string(skipped));
+            WriteWholeFile(path, oldFile);
+            prepare();
+            {
+                const StdioFault armed(fault.call, EIO, skipped, fault.failures, fault.bytesMoved);
+                EXPECT_NO_THROW(operation());
+                failed = armed.Failures() != 0;
+            }
+            EXPECT_TRUE(IsFileMutexFree(directory));
+            check(failed);
+            a.reset();
+            b.reset();
+            ASSERT_FALSE(HasFailure());
+        }
+    }
+
+    void Open(std::unique_ptr<CacheClient>& cache) {
+        cache = std::make_unique<CacheClient>(directory);
+    }
+
+    State FreshState() {
+        CacheClient fresh(directory);
+        EXPECT_TRUE(fresh->IsEnabled());
+        return StateOf(fresh);
+    }
+
+    TemporaryDirectory directory;
+    std::string path = CacheFilePath(directory);
+    Bytes oldFile;
+    std::unique_ptr<CacheClient> a;
+    std::unique_ptr<CacheClient> b;
+};
+
+// What has failed in a save of `a`, beside `b`, which had read the old file.
+#define EXPECT_SAFE_AFTER_SAVE(failed)      \
+    do {                                    \
+        FindAll(*b);                        \
+        if (a) {                            \
+            FindAll(*a);                    \
+        }                                   \
+        const State state = FreshState();   \
+        if (failed) {                       \
+            EXPECT_NE(state, State::Other); \
+        } else {                            \
+            EXPECT_EQ(state, State::New);   \
+        }                                   \
+        FindAll(*b);                        \
+        a.reset();                          \
+        b.reset();                          \
+        EXPECT_EQ(FreshState(), state);     \
+    } while (false)
+
+TEST_P(EffectCacheFaults, SaveLeavesTheOldStateTheNewOneOrAnEmptyCache) {
+    ForEachCall(
+        [&] {
+            Open(a);
+            Open(b);
+            FindAll(*b);
+            AddNew(*a);
+        },
+        [&] { (*a)->ForceSaveToFile(); }, [&](bool failed) { EXPECT_SAFE_AFTER_SAVE(failed); });
+}
+
+TEST_P(EffectCacheFaults, SaveAtTheEndLeavesTheOldStateTheNewOneOrAnEmptyCache) {
+    ForEachCall(
+        [&] {
+            Open(a);
+            Open(b);
+            FindAll(*b);
+            FindAll(*a);
+            AddNew(*a);
+        },
+        [&] { a.reset(); }, [&](bool failed) { EXPECT_SAFE_AFTER_SAVE(failed); });
+}
+
+// The file holds the effects in another arrangement than the one that `a` knows of.
+TEST_P(EffectCacheFaults, SaveAfterAnothersSaveLeavesAWholeStateOrAnEmptyCache) {
+    ForEachCall(
+        [&] {
+            Open(a);
+            FindAll(*a);
+            Open(b);
+            b->Add("c", EffectBytes("other", kEqualSize));
+            b->Add("z", EffectBytes("z", kEqualSize));
+            (*b)->ForceSaveToFile();
+            b->Add("c", OldContents().at("c"));
+            (*b)->ForceSaveToFile();
+            AddNew(*a);
+        },
+        [&] { (*a)->ForceSaveToFile(); }, [&](bool failed) { EXPECT_SAFE_AFTER_SAVE(failed); });
+}
+
+TEST_P(EffectCacheFaults, FailedSaveMakesTheCacheInert) {
+    ForEachCall(
+        [&] {
+            Open(a);
+            AddNew(*a);
+        },
+        [&] { (*a)->ForceSaveToFile(); },
+        [&](bool failed) {
+            // A file that can't be closed in order loses nothing, and one that can't be opened may
+            // be created instead.
+            const StdioCall call = GetParam().call;
+            if (failed && (call == StdioCall::Write || call == StdioCall::Seek)) {
+                EXPECT_FALSE((*a)->IsEnabled());
+            }
+            if (!(*a)->IsEnabled()) {
+                EXPECT_EQ(FindAll(*a), Contents());
+                a->Add("ignored", {1});
+                EXPECT_EQ(a->Find("ignored"), std::nullopt);
+            } else if (!failed) {
+                EXPECT_EQ(StateOf(*a), State::New);
+            }
+        });
+}
+
+TEST_P(EffectCacheFaults, SearchFindsTheBytesOrNothingAndLeavesTheFileAlone) {
+    ForEachCall([&] { Open(a); }, [&] { FindAll(*a); },
+                [&](bool failed) {
+                    EXPECT_TRUE((*a)->IsEnabled());
+                    EXPECT_EQ(StateOf(*a), State::Old);
+                    a.reset();
+                    EXPECT_EQ(ReadWholeFile(path), oldFile) << failed;
+                });
+}
+
+TEST_P(EffectCacheFaults, FailedReloadMakesTheCacheInert) {
+    ForEachCall(
+        [&] {
+            Open(a);
+            Open(b);
+            FindAll(*b);
+            b->Add("pending", {1});
+            AddNew(*a);
+            (*a)->ForceSaveToFile();
+        },
+        [&] { b->Find("absent"); },
+        [&](bool failed) {
+            const StdioCall call = GetParam().call;
+            if (failed && call != StdioCall::Close && call != StdioCall::Open) {
+                EXPECT_FALSE((*b)->IsEnabled());
+                EXPECT_EQ(FindAll(*b), Contents());
+                EXPECT_EQ(b->Find("pending"), std::nullopt);
+            } else if (!failed) {
+                EXPECT_EQ(StateOf(*b), State::New);
+            }
+            b.reset();
+            // A file that can't be opened may be created instead, which makes it empty.
+            const State state = FreshState();
+            EXPECT_TRUE(state == State::New || (call == StdioCall::Open && state == State::Empty))
+                << state;
+        });
+}
+
+TEST_P(EffectCacheFaults, OpeningLeavesTheOldStateOrAnEmptyCache) {
+    ForEachCall(
+        [&] {
+            Open(b);
+            FindAll(*b);
+        },
+        [&] { Open(a); },
+        [&](bool failed) {
+            FindAll(*a);
+            FindAll(*b);
+            const State state = FreshState();
+            EXPECT_TRUE(state == State::Old || (failed && state == State::Empty)) << state;
+        });
+}
+
+TEST_P(EffectCacheFaults, CreatingMakesAnEmptyCacheOrAnInertOne) {
+    ForEachCall([&] { std::filesystem::remove(path); }, [&] { Open(a); },
+                [&](bool failed) {
+                    if (!failed) {
+                        EXPECT_TRUE((*a)->IsEnabled());
+                    }
+                    EXPECT_EQ(a->InFile(), 0u);
+                    a->Add("x", {1, 2});
+                    EXPECT_EQ(a->Find("x").has_value(), (*a)->IsEnabled());
+                    a.reset();
+                    CacheClient fresh(directory);
+                    EXPECT_TRUE(fresh->IsEnabled());
+                    EXPECT_LE(fresh.InFile(), 1u);
+                });
+}
+
+TEST_P(EffectCacheFaults, TrimWhileOpeningLeavesWholeEffects) {
+    const std::uint64_t total = StoredCache(path).TotalDataSize();
+    ForEachCall(
+        [&] {
+            Open(b);
+            FindAll(*b);
+        },
+        [&] {
+            const FreeSpaceStub space(total - 2 * kEqualSize);
+            Open(a);
+        },
+        [&](bool failed) {
+            FindAll(*a);
+            FindAll(*b);
+            CacheClient fresh(directory);
+            const Contents found = FindAll(fresh);
+            EXPECT_EQ(fresh.InFile(), found.size());
+            if (failed) {
+                EXPECT_TRUE(found.size() == 6 || found.size() == 4 || found.empty())
+                    << found.size();
+            } else {
+                EXPECT_EQ(found.size(), 4u);
+            }
+        });
+}
+
+// Effects that fill whole pages leave the tails to the index alone: an index of the old state is
+// then readable beside the streams of the new one.
+TEST_P(EffectCacheFaults, TrimOfWholePagesWhileOpeningLeavesWholeEffects) {
+    constexpr std::size_t kWholePage = 8192 - 8;
+    std::vector<StoredEffect> effects;
+    for (const char name : std::string("pqrstu")) {
+        effects.push_back({std::string(1, name), EffectBytes({name}, kWholePage)});
+    }
+    WriteCache(path, effects);
+    oldFile = ReadWholeFile(path);
+    const std::uint64_t total = StoredCache(path).TotalDataSize();
+    ForEachCall([] {},
+                [&] {
+                    const FreeSpaceStub space(total - kWholePage);
+                    Open(a);
+                },
+                [&](bool failed) {
+                    CacheClient fresh(directory);
+                    std::uint64_t found = 0;
+                    for (const StoredEffect& effect : effects) {
+                        const auto bytes = fresh.Find(effect.name);
+                        EXPECT_TRUE(!bytes || *bytes == effect.bytes) << effect.name;
+                        found += bytes ? 1 : 0;
+                    }
+                    EXPECT_EQ(fresh.InFile(), found);
+                    EXPECT_TRUE(found == 5 || (failed && (found == 6 || found == 0))) << found;
+                });
+}
+
+TEST_P(EffectCacheFaults, SaveWithoutRoomLeavesTheOldStateOrAnEmptyCache) {
+    ForEachCall(
+        [&] {
+            Open(a);
+            Open(b);
+            FindAll(*b);
+            AddNew(*a);
+        },
+        [&] {
+            const FreeSpaceStub space(1);
+            (*a)->ForceSaveToFile();
+        },
+        [&](bool failed) {
+            FindAll(*b);
+            FindAll(*a);
+            const State state = FreshState();
+            EXPECT_TRUE(state == State::Old || (failed && state == State::Empty)) << state;
+        });
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Calls, EffectCacheFaults,
+    ::testing::Values(
+        Fault{"OneOpen", StdioCall::Open, 1, 0}, Fault{"TwoOpens", StdioCall::Open, 2, 0},
+        Fault{"EveryOpen", StdioCall::Open, StdioFault::kEveryLaterCall, 0},
+        Fault{"OneClose", StdioCall::Close, 1, 0},
+        Fault{"EveryClose", StdioCall::Close, StdioFault::kEveryLaterCall, 0},
+        Fault{"OneSeek", StdioCall::Seek, 1, 0},
+        Fault{"EverySeek", StdioCall::Seek, StdioFault::kEveryLaterCall, 0},
+        Fault{"OneTell", StdioCall::Tell, 1, 0},
+        Fault{"EveryTell", StdioCall::Tell, StdioFault::kEveryLaterCall, 0},
+        Fault{"OneRead", StdioCall::Read, 1, 0}, Fault{"OneShortRead", StdioCall::Read, 1, 5000},
+        Fault{"EveryRead", StdioCall::Read, StdioFault::kEveryLaterCall, 0},
+        Fault{"OneWrite", StdioCall::Write, 1, 0},
+        Fault{"OneShortWrite", StdioCall::Write, 1, 5000},
+        Fault{"EveryWrite", StdioCall::Write, StdioFault::kEveryLaterCall, 0},
+        Fault{"EveryWriteShort", StdioCall::Write, StdioFault::kEveryLaterCall, 3000}),
+    [](const auto& test) { return std::string(test.param.name); });
+
+}  // namespace
+
+}  // namespace Quorvel::Testing

@@ -1,0 +1,346 @@
+#include "effectcache/StreamHelpers.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <stdexcept>
+
+#include "effectcache/AllocationFault.h"
+#include "effectcache/StoredCache.h"
+#include "quorvel/Exceptions.h"
+
+namespace Quorvel {
+
+namespace {
+
+using Testing::ByteArray;
+using Testing::ByteList;
+using Testing::Bytes;
+
+// A stream in memory. It moves no more than `room` bytes in all, or throws instead of moving any
+// once `throwAfter` calls have been made.
+class MemoryStream : public IDataStream {
+public:
+    explicit MemoryStream(Bytes content = {}) : bytes(std::move(content)) {}
+
+    std::uint64_t GetPosition() override { return position; }
+    std::uint64_t GetSize() override { return bytes.size(); }
+    bool Seek(std::uint32_t, std::int32_t) override { return false; }
+
+    std::uint64_t Read(void* buffer, std::uint64_t size) override {
+        CountCall();
+        const std::uint64_t count = std::min({size, room, bytes.size() - position});
+        std::memcpy(buffer, bytes.data() + position, count);
+        position += count;
+        room -= count;
+        return count;
+    }
+
+    std::uint64_t Write(const void* buffer, std::uint64_t size) override {
+        CountCall();
+        const std::uint64_t count = std::min(size, room);
+        const auto* const source = static_cast<const unsigned char*>(buffer);
+        bytes.insert(bytes.end(), source, source + count);
+        position += count;
+        room -= count;
+        return count;
+    }
+
+    Bytes bytes;
+    std::uint64_t position = 0;
+    std::uint64_t room = ~std::uint64_t{0};
+    int calls = 0;
+    int throwAfter = -1;
+    bool throwsNonStandard = false;
+
+private:
+    void CountCall() {
+        if (calls++ == throwAfter) {
+            if (throwsNonStandard) {
+                throw 17;
+            }
+            throw FileIOException(5);
+        }
+    }
+};
+
+// A stream and the caller's two references to it: the one that is handed to a helper, and one that
+// keeps it for the test.
+struct Subject {
+    explicit Subject(Bytes bytes = {})
+        : memory(new MemoryStream(std::move(bytes))), stream(memory) {}
+
+    Util::RefPtr<MemoryStream> memory;
+    Util::RefPtr<IDataStream> stream;
+};
+
+constexpr std::uint64_t kNoLimit = ~std::uint64_t{0};
+
+// ---- WriteExact
+// ----------------------------------------------------------------------------------
+
+TEST(WriteExact, WritesAllBytesInOneCall) {
+    Subject subject;
+    EXPECT_TRUE(WriteExact(subject.stream, "abc", 3));
+    EXPECT_EQ(subject.memory->bytes, (Bytes{'a', 'b', 'c'}));
+    EXPECT_EQ(subject.memory->calls, 1);
+    EXPECT_TRUE(subject.stream);
+}
+
+TEST(WriteExact, RefusesANullStream) {
+    Util::RefPtr<IDataStream> stream;
+    EXPECT_FALSE(WriteExact(stream, "abc", 3));
+}
+
+TEST(WriteExact, RefusesNullDataAndKeepsTheStream) {
+    Subject subject;
+    EXPECT_FALSE(WriteExact(subject.stream, nullptr, 3));
+    EXPECT_EQ(subject.memory->calls, 0);
+    EXPECT_TRUE(subject.stream);
+}
+
+TEST(WriteExact, RefusesNoBytesAndKeepsTheStream) {
+    Subject subject;
+    EXPECT_FALSE(WriteExact(subject.stream, "abc", 0));
+    EXPECT_EQ(subject.memory->calls, 0);
+    EXPECT_TRUE(subject.stream);
+}
+
+TEST(WriteExact, ShortWriteFailsAndCostsTheStream) {
+    Subject subject;
+    subject.memory->room = 2;
+    EXPECT_FALSE(WriteExact(subject.stream, "abc", 3));
+    EXPECT_FALSE(subject.stream);
+}
+
+TEST(WriteExact, WriteThatThrowsFailsAndCostsTheStream) {
+    Subject subject;
+    subject.memory->throwAfter = 0;
+    EXPECT_FALSE(WriteExact(subject.stream, "abc", 3));
+    EXPECT_FALSE(subject.stream);
+}
+
+TEST(WriteExact, WriteThatThrowsSomethingElseFailsAndCostsTheStream) {
+    Subject subject;
+    subject.memory->throwAfter = 0;
+    subject.memory->throwsNonStandard = true;
+    EXPECT_FALSE(WriteExact(subject.stream, "abc", 3));
+    EXPECT_FALSE(subject.stream);
+}
+
+// ---- ReadExact
+// -----------------------------------------------------------------------------------
+
+TEST(ReadExact, ReadsAllBytesInOneCall) {
+    Subject subject({1, 2, 3, 4});
+    Bytes bytes(3);
+    EXPECT_TRUE(ReadExact(subject.stream, bytes.data(), 3));
+    EXPECT_EQ(bytes, (Bytes{1, 2, 3}));
+    EXPECT_EQ(subject.memory->calls, 1);
+    EXPECT_TRUE(subject.stream);
+}
+
+TEST(ReadExact, RefusesANullStream) {
+    Util::RefPtr<IDataStream> stream;
+    Bytes bytes(3);
+    EXPECT_FALSE(ReadExact(stream, bytes.data(), 3));
+}
+
+TEST(ReadExact, RefusesNullDataAndKeepsTheStream) {
+    Subject subject({1, 2, 3, 4});
+    EXPECT_FALSE(ReadExact(subject.stream, nullptr, 3));
+    EXPECT_EQ(subject.memory->calls, 0);
+    EXPECT_TRUE(subject.stream);
+}
+
+TEST(ReadExact, RefusesNoBytesAndKeepsTheStream) {
+    Subject subject({1, 2, 3, 4});
+    Bytes bytes(3);
+    EXPECT_FALSE(ReadExact(subject.stream, bytes.data(), 0));
+    EXPECT_EQ(subject.memory->calls, 0);
+    EXPECT_TRUE(subject.stream);
+}
+
+TEST(ReadExact, ShortReadFailsAndCostsTheStream) {
+    Subject subject({1, 2});
+    Bytes bytes(3);
+    EXPECT_FALSE(ReadExact(subject.stream, bytes.data(), 3));
+    EXPECT_FALSE(subject.stream);
+}
+
+TEST(ReadExact, ReadThatThrowsFailsAndCostsTheStream) {
+    Subject subject({1, 2, 3});
+    subject.memory->throwAfter = 0;
+    Bytes bytes(3);
+    EXPECT_FALSE(ReadExact(subject.stream, bytes.data(), 3));
+    EXPECT_FALSE(subject.stream);
+}
+
+// ---- WriteBytes
+// ----------------------------------------------------------------------------------
+
+TEST(WriteBytes, WritesTheLengthAndTheBytes) {
+    Subject subject;
+    EXPECT_TRUE(WriteBytes({0xAA, 0xBB, 0xCC}, subject.stream));
+    EXPECT_EQ(subject.memory->bytes, (Bytes{3, 0, 0, 0, 0, 0, 0, 0, 0xAA, 0xBB, 0xCC}));
+    EXPECT_TRUE(subject.stream);
+}
+
+TEST(WriteBytes, WritesOnlyTheLengthOfNoBytes) {
+    Subject subject;
+    EXPECT_TRUE(WriteBytes({}, subject.stream));
+    EXPECT_EQ(subject.memory->bytes, (Bytes{0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(subject.memory->calls, 1);
+    EXPECT_TRUE(subject.stream);
+}
+
+TEST(WriteBytes, RefusesANullStream) {
+    Util::RefPtr<IDataStream> stream;
+    EXPECT_FALSE(WriteBytes({1}, stream));
+    EXPECT_FALSE(WriteBytes({}, stream));
+}
+
+TEST(WriteBytes, ShortLengthFailsAndCostsTheStream) {
+    Subject subject;
+    subject.memory->room = 7;
+    EXPECT_FALSE(WriteBytes({1, 2}, subject.stream));
+    EXPECT_FALSE(subject.stream);
+    EXPECT_EQ(subject.memory->calls, 1);
+}
+
+TEST(WriteBytes, ShortBytesFailAndCostTheStream) {
+    Subject subject;
+    subject.memory->room = 9;
+    EXPECT_FALSE(WriteBytes({1, 2}, subject.stream));
+    EXPECT_FALSE(subject.stream);
+    EXPECT_EQ(subject.memory->calls, 2);
+}
+
+// ---- ReadBytes
+// -----------------------------------------------------------------------------------
+
+// Both kinds of buffer that are read into, in one shape.
+struct VectorBuffer {
+    std::vector<unsigned char> buffer;
+    Bytes Get() const { return buffer; }
+};
+struct TabBuffer {
+    Tab<unsigned char> buffer;
+    Bytes Get() const { return Bytes(buffer.Addr(0), buffer.Addr(0) + buffer.Count()); }
+};
+
+template <typename Buffer>
+class ReadBytesInto : public ::testing::Test {
+public:
+    Buffer into;
+};
+using Buffers = ::testing::Types<VectorBuffer, TabBuffer>;
+TYPED_TEST_SUITE(ReadBytesInto, Buffers);
+
+TYPED_TEST(ReadBytesInto, ReadsWhatItsLengthSays) {
+    Subject subject(ByteList().Append(ByteArray("abc")).Text("more"));
+    EXPECT_TRUE(ReadBytes(this->into.buffer, subject.stream, 100));
+    EXPECT_EQ(this->into.Get(), (Bytes{'a', 'b', 'c'}));
+    EXPECT_EQ(subject.memory->position, 11u);
+    EXPECT_TRUE(subject.stream);
+}
+
+TYPED_TEST(ReadBytesInto, MakesTheBufferEmptyForNoBytes) {
+    Subject subject(ByteArray("old"));
+    ASSERT_TRUE(ReadBytes(this->into.buffer, subject.stream, 100));
+    Subject empty(ByteArray(""));
+    EXPECT_TRUE(ReadBytes(this->into.buffer, empty.stream, 100));
+    EXPECT_EQ(this->into.Get(), Bytes());
+    EXPECT_EQ(empty.memory->calls, 1);
+    EXPECT_TRUE(empty.stream);
+}
+
+TYPED_TEST(ReadBytesInto, TakesAsManyBytesAsTheLimit) {
+    Subject subject(ByteArray("abcd"));
+    EXPECT_TRUE(ReadBytes(this->into.buffer, subject.stream, 4));
+    EXPECT_EQ(this->into.Get(), (Bytes{'a', 'b', 'c', 'd'}));
+}
+
+TYPED_TEST(ReadBytesInto, RefusesOneByteMoreThanTheLimitAndKeepsTheStream) {
+    Subject subject(ByteArray("abcde"));
+    EXPECT_FALSE(ReadBytes(this->into.buffer, subject.stream, 4));
+    EXPECT_TRUE(subject.stream);
+    EXPECT_EQ(subject.memory->calls, 1);
+}
+
+TYPED_TEST(ReadBytesInto, RefusesTwoGigabytesWhateverTheLimit) {
+    Subject subject(ByteList().U64(0x80000000));
+    EXPECT_FALSE(ReadBytes(this->into.buffer, subject.stream, kNoLimit));
+    EXPECT_TRUE(subject.stream);
+    EXPECT_EQ(subject.memory->calls, 1);
+
+    Subject largest(ByteList().U64(kNoLimit));
+    EXPECT_FALSE(ReadBytes(this->into.buffer, largest.stream, kNoLimit));
+    EXPECT_TRUE(largest.stream);
+}
+
+TYPED_TEST(ReadBytesInto, RefusesANullStream) {
+    Util::RefPtr<IDataStream> stream;
+    EXPECT_FALSE(ReadBytes(this->into.buffer, stream, 100));
+}
+
+TYPED_TEST(ReadBytesInto, ShortLengthFailsAndCostsTheStream) {
+    Subject subject({1, 0, 0, 0, 0, 0, 0});
+    EXPECT_FALSE(ReadBytes(this->into.buffer, subject.stream, 100));
+    EXPECT_FALSE(subject.stream);
+}
+
+TYPED_TEST(ReadBytesInto, ShortBytesFailAndCostTheStream) {
+    Subject subject(ByteList().U64(3).Text("ab"));
+    EXPECT_FALSE(ReadBytes(this->into.buffer, subject.stream, 100));
+    EXPECT_FALSE(subject.stream);
+}
+
+TYPED_TEST(ReadBytesInto, ReadThatThrowsFailsAndCostsTheStream) {
+    Subject subject(ByteArray("abc"));
+    subject.memory->throwAfter = 1;
+    EXPECT_FALSE(ReadBytes(this->into.buffer, subject.stream, 100));
+    EXPECT_FALSE(subject.stream);
+}
+
+// Claims to have filled any buffer, so that the largest one costs no time.
+class EndlessStream : public MemoryStream {
+public:
+    explicit EndlessStream(Bytes length) : MemoryStream(std::move(length)) {}
+
+    std::uint64_t Read(void* buffer, std::uint64_t size) override {
+        return position < bytes.size() ? MemoryStream::Read(buffer, size) : size;
+    }
+};
+
+TEST(ReadBytes, TakesOneByteLessThanTwoGigabytes) {
+    Util::RefPtr<IDataStream> stream(new EndlessStream(ByteList().U64(0x7FFFFFFF)));
+    Tab<unsigned char> buffer;
+    EXPECT_TRUE(ReadBytes(buffer, stream, kNoLimit));
+    EXPECT_EQ(buffer.Count(), 0x7FFFFFFF);
+    EXPECT_TRUE(stream);
+}
+
+TEST(ReadBytes, LackOfMemoryFailsAndCostsTheStream) {
+    Subject subject(ByteArray("abc"));
+    std::vector<unsigned char> buffer;
+    bool read = true;
+    {
+        const Testing::AllocationFault fault(0);
+        read = ReadBytes(buffer, subject.stream, 100);
+        EXPECT_TRUE(fault.HasFailed());
+    }
+    EXPECT_FALSE(read);
+    EXPECT_FALSE(subject.stream);
+}
+
+TEST(SerializedSize, CountsTheLengthPrefix) {
+    EXPECT_EQ(SerializedSize({}), 8u);
+    EXPECT_EQ(SerializedSize({1, 2, 3}), 11u);
+}
+
+}  // namespace
+
+}  // namespace Quorvel

@@ -1,0 +1,230 @@
+#include <cerrno>
+
+#include "package/PackageTest.h"
+#include "support/StdioFaults.h"
+
+namespace Quorvel::Testing {
+
+namespace {
+
+using Format::Bytes;
+using Format::PackageImage;
+using ::testing::IsEmpty;
+
+using Words = std::vector<std::uint64_t>;
+
+using DeleteDataStreamTest = PackageTest;
+
+// What a stream reads from where it stands to its end.
+Bytes Rest(IDataStream& stream) {
+    Bytes bytes(static_cast<std::size_t>(stream.GetSize() - stream.GetPosition()));
+    EXPECT_EQ(stream.Read(bytes.data(), bytes.size()), bytes.size());
+    return bytes;
+}
+
+Bytes From(const Bytes& bytes, std::size_t position) {
+    return Bytes(bytes.begin() + static_cast<std::ptrdiff_t>(position), bytes.end());
+}
+
+}  // namespace
+
+TEST_F(DeleteDataStreamTest, OfAnOpenStreamIsRefusedAndChangesNothing) {
+    const std::uint64_t id = Add(8193);
+    ASSERT_TRUE(package_->Commit());
+    auto stream = package_->OpenDataStream(id);
+    EXPECT_FALSE(package_->DeleteDataStream(id));
+    EXPECT_FALSE(package_->HasChanges());
+    ExpectPackage();
+    stream.Reset();
+    EXPECT_TRUE(package_->DeleteDataStream(id));
+    EXPECT_EQ(package_->GetNumberOfDataStreams(), 0U);
+}
+
+TEST_F(DeleteDataStreamTest, OfAnUnknownStreamSucceedsAndChangesNothing) {
+    Add(100);
+    ASSERT_TRUE(package_->Commit());
+    EXPECT_TRUE(package_->DeleteDataStream(1));
+    EXPECT_TRUE(package_->DeleteDataStream(kInvalidStreamId));
+    EXPECT_FALSE(package_->HasChanges());
+    ExpectPackage();
+}
+
+TEST_F(DeleteDataStreamTest, OfTheSameStreamTwiceSucceedsTwice) {
+    const std::uint64_t id = Add(100);
+    EXPECT_TRUE(package_->DeleteDataStream(id));
+    EXPECT_TRUE(package_->DeleteDataStream(id));
+}
+
+TEST_F(DeleteDataStreamTest, IsAChange) {
+    const std::uint64_t id = Add(0);
+    ASSERT_TRUE(package_->Commit());
+    EXPECT_TRUE(package_->DeleteDataStream(id));
+    EXPECT_TRUE(package_->HasChanges());
+}
+
+TEST_F(DeleteDataStreamTest, ForgetsTheStream) {
+    const std::uint64_t id = Add(100);
+    Delete(id);
+    EXPECT_FALSE(package_->OpenDataStream(id));
+    EXPECT_EQ(package_->GetTotalDataSize(), 0U);
+    CommitAndExpectFile();
+    EXPECT_THAT(Image().fragments, IsEmpty());
+}
+
+TEST_F(DeleteDataStreamTest, FreesTheWholePagesForTheNextStream) {
+    const std::uint64_t id = Add(5 * 8192);
+    Add(8192);
+    CommitAndExpectFile();
+    const std::size_t size = File().size();
+    Delete(id);
+    CommitAndExpectFile();
+    EXPECT_EQ(Image().links, Words({0, 1, 1, 1, 1, 1, 0}));
+    Add(3 * 8192);
+    Add(2 * 8192);
+    CommitAndExpectFile();
+    EXPECT_EQ(File().size(), size);
+}
+
+TEST_F(DeleteDataStreamTest, KeepsABlockThatBecameEmptyForTheNextTail) {
+    Delete(Add(100));
+    CommitAndExpectFile();
+    ASSERT_EQ(Image().blocks.size(), 1U);
+    EXPECT_EQ(Image().blocks[0].freeBytes, 65536U);
+    EXPECT_THAT(Image().blocks[0].streams, IsEmpty());
+    Add(200);
+    CommitAndExpectFile();
+    EXPECT_EQ(Image().blocks.size(), 1U);
+    EXPECT_EQ(Image().fragments[0].offset, 0U);
+}
+
+TEST_F(DeleteDataStreamTest, OfTheFirstOfTwoTailsMovesTheOtherDown) {
+    const std::uint64_t first = Add(3000);
+    const std::uint64_t second = Add(2000);
+    Delete(first);
+    ExpectPackage();
+    CommitAndExpectFile();
+    const PackageImage image = Image();
+    ASSERT_EQ(image.fragments.size(), 1U);
+    EXPECT_EQ(image.fragments[0].streamId, second);
+    EXPECT_EQ(image.fragments[0].offset, 0U);
+    EXPECT_EQ(image.fragments[0].index, 0U);
+    EXPECT_EQ(image.blocks[0].freeBytes, 63536U);
+}
+
+TEST_F(DeleteDataStreamTest, MovesTailsDownAcrossThePageEndsOfTheirBlock) {
+    for (const std::size_t size : {8000U, 500U, 7000U, 8191U, 1U, 8190U, 8189U, 8188U}) {
+        Add(size);
+    }
+    for (const std::uint64_t id : {1U, 4U, 0U, 7U, 3U}) {
+        Delete(id);
+        ExpectPackage();
+        CommitAndExpectFile();
+    }
+}
+
+TEST_F(DeleteDataStreamTest, LeavesTheBytesOfOtherBlocksAlone) {
+    for (int count = 0; count < 17; ++count) {
+        Add(7500);
+    }
+    for (const std::uint64_t id : {8U, 0U, 16U, 3U}) {
+        Delete(id);
+        ExpectPackage();
+    }
+    CommitAndExpectFile();
+}
+
+// ---- Streams that are open meanwhile -----------------------------------------------------------
+
+// The tail is 6000 bytes long and lies across a page end of its block before, and within a page
+// afterwards.
+TEST_F(DeleteDataStreamTest, MovesATailUnderAStreamThatReadsIt) {
+    for (const std::int32_t position : {0, 1, 8191, 8192, 8193, 8383, 8384, 8385, 14191, 14192}) {
+        StartOver();
+        const std::uint64_t first = Add(8000);
+        const std::uint64_t second = Add(8192 + 6000);
+        const auto stream = package_->OpenDataStream(second);
+        ASSERT_TRUE(stream->Seek(kSeekFromStart, position));
+        std::uint8_t byte = 0;
+        stream->Read(&byte, 1);  // pins a page
+        ASSERT_TRUE(stream->Seek(kSeekFromStart, position));
+
+        Delete(first);
+        EXPECT_EQ(stream->GetPosition(), static_cast<std::uint64_t>(position));
+        EXPECT_TRUE(Rest(*stream) == From(streams_[second], static_cast<std::size_t>(position)))
+            << position;
+        ExpectPackage();
+    }
+}
+
+TEST_F(DeleteDataStreamTest, MovesATailUnderAStreamThatWritesIt) {
+    const std::uint64_t first = Add(8000);
+    const std::uint64_t second = Add(5000);
+    const std::uint64_t third = Add(700);
+    const auto stream = package_->OpenDataStream(second);
+    const Bytes half = Format::Pattern(2500, 98);
+    ASSERT_EQ(stream->Write(half.data(), half.size()), half.size());
+    Delete(first);
+    ASSERT_EQ(stream->Write(half.data(), half.size()), half.size());
+    streams_[second] = half;
+    Format::Append(streams_[second], half);
+    ExpectPackage();
+    CommitAndExpectFile();
+    EXPECT_EQ(Image().fragments[1].streamId, third);
+    EXPECT_EQ(Image().fragments[1].offset, 5000U);
+}
+
+TEST_F(DeleteDataStreamTest, LeavesOpenStreamsOfOtherBlocksAlone) {
+    for (int count = 0; count < 9; ++count) {
+        Add(7500);
+    }
+    const auto stream = package_->OpenDataStream(8);
+    ASSERT_TRUE(stream->Seek(kSeekFromStart, 100));
+    Delete(0);
+    EXPECT_EQ(stream->GetPosition(), 100U);
+    EXPECT_TRUE(Rest(*stream) == From(streams_[8], 100));
+}
+
+// ---- When it fails -----------------------------------------------------------------------------
+
+// A fragment that reaches beyond its block, as no package writes it.
+TEST_F(DeleteDataStreamTest, ReturnsFalseAndLeavesTheTailWhenItCanNotBeCutOut) {
+    Add(8191);
+    Edit([](PackageImage& image) { image.fragments[0].offset = 65000; });
+    EXPECT_FALSE(package_->DeleteDataStream(0));
+    EXPECT_EQ(package_->GetNumberOfDataStreams(), 0U);
+    ASSERT_TRUE(package_->Commit());
+    const PackageImage image = Image();
+    EXPECT_THAT(image.streams, IsEmpty());
+    ASSERT_EQ(image.fragments.size(), 1U);
+    EXPECT_EQ(image.fragments[0].offset, 65000U);
+    EXPECT_EQ(image.blocks[0].freeBytes, 65536U - 8191);
+    EXPECT_EQ(image.blocks[0].streams, Words({0}));
+}
+
+TEST_F(DeleteDataStreamTest, RefusesABlockWhoseChainIsBroken) {
+    Add(100);
+    Edit([](PackageImage& image) { image.links[4] = Format::kChainEnd; });  // in the block's middle
+    EXPECT_THROW(package_->DeleteDataStream(0), FileDataCorruptException);
+}
+
+TEST_F(DeleteDataStreamTest, LetsTheFilesErrorsThrough) {
+    Add(100);
+    package_.Reset();
+    package_ = NewPackage();
+    ASSERT_TRUE(package_->Load());
+    const StdioFault fault(StdioCall::Read, EIO);
+    EXPECT_EQ(FileErrorOf([&] { package_->DeleteDataStream(0); }), EIO);
+}
+
+class OnePageTest : public PackageTest {
+protected:
+    OnePageTest() : PackageTest({1, 100}) {}
+};
+
+TEST_F(OnePageTest, CanNotMoveATailFromOnePageToAnother) {
+    Add(100);
+    Add(100);
+    EXPECT_THROW(package_->DeleteDataStream(0), FileDataCorruptException);
+}
+
+}  // namespace Quorvel::Testing

@@ -1,0 +1,186 @@
+#include <cerrno>
+#include <vector>
+
+#include "package/PackageTest.h"
+#include "support/StdioFaults.h"
+
+namespace Quorvel::Testing {
+
+namespace {
+
+using Format::Bytes;
+using Format::PackageImage;
+
+using OpenDataStreamTest = PackageTest;
+
+}  // namespace
+
+TEST_F(OpenDataStreamTest, StartsAtTheStart) {
+    const std::uint64_t id = Add(10000);
+    const auto stream = package_->OpenDataStream(id);
+    ASSERT_TRUE(stream);
+    EXPECT_EQ(stream->GetPosition(), 0U);
+    EXPECT_EQ(stream->GetSize(), 10000U);
+}
+
+TEST_F(OpenDataStreamTest, OfAnUnknownIdIsEmpty) {
+    EXPECT_FALSE(package_->OpenDataStream(0));
+    EXPECT_FALSE(package_->OpenDataStream(kInvalidStreamId));
+    Add(10);
+    EXPECT_FALSE(package_->OpenDataStream(1));
+}
+
+TEST_F(OpenDataStreamTest, TwiceYieldsTheSameStreamWithItsPosition) {
+    const std::uint64_t id = Add(10000);
+    const auto stream = package_->OpenDataStream(id);
+    ASSERT_TRUE(stream->Seek(kSeekFromStart, 9000));
+    const auto again = package_->OpenDataStream(id);
+    EXPECT_EQ(again.Get(), stream.Get());
+    EXPECT_EQ(again->GetPosition(), 9000U);
+}
+
+TEST_F(OpenDataStreamTest, StaysOpenUntilTheLastReferenceGoes) {
+    const std::uint64_t id = Add(10000);
+    auto stream = package_->OpenDataStream(id);
+    auto again = package_->OpenDataStream(id);
+    stream.Reset();
+    EXPECT_FALSE(package_->DeleteDataStream(id));
+    EXPECT_FALSE(package_->Load());
+    ASSERT_TRUE(again->Seek(kSeekFromStart, 9000));
+    again.Reset();
+    EXPECT_EQ(package_->OpenDataStream(id)->GetPosition(), 0U);
+    EXPECT_TRUE(package_->Load());
+}
+
+TEST_F(OpenDataStreamTest, OfAnEmptyStreamIsRefused) {
+    const std::uint64_t id = Add(0);
+    EXPECT_THROW(package_->OpenDataStream(id), FileDataCorruptException);
+    EXPECT_TRUE(package_->DeleteDataStream(id));
+}
+
+TEST_F(OpenDataStreamTest, KeepsStreamsApart) {
+    const std::uint64_t first = Add(10000);
+    const std::uint64_t second = Add(10000);
+    const auto one = package_->OpenDataStream(first);
+    const auto other = package_->OpenDataStream(second);
+    EXPECT_NE(one.Get(), other.Get());
+    Bytes firstRead(10000);
+    Bytes secondRead(10000);
+    for (std::size_t position = 0; position < 10000; position += 625) {
+        EXPECT_EQ(one->Read(firstRead.data() + position, 625), 625U);
+        EXPECT_EQ(other->Read(secondRead.data() + position, 625), 625U);
+    }
+    EXPECT_TRUE(firstRead == streams_[first]);
+    EXPECT_TRUE(secondRead == streams_[second]);
+}
+
+TEST_F(OpenDataStreamTest, NeverMakesAStreamLonger) {
+    const std::uint64_t id = Add(8200);
+    const std::uint64_t neighbour = Add(100);
+    const auto stream = package_->OpenDataStream(id);
+    const Bytes content = Format::Pattern(9000, 99);
+    EXPECT_EQ(stream->Write(content.data(), content.size()), 8200U);
+    EXPECT_EQ(stream->GetPosition(), 8200U);
+    EXPECT_EQ(stream->Write(content.data(), 1), 0U);
+    EXPECT_FALSE(stream->Seek(kSeekFromEnd, 1));
+    streams_[id] = Bytes(content.begin(), content.begin() + 8200);
+    EXPECT_TRUE(Format::ReadStream(*package_, neighbour) == streams_[neighbour]);
+    ExpectPackage();
+}
+
+TEST_F(OpenDataStreamTest, RefusesATailThatDoesNotFitItsBlock) {
+    Add(100);
+    Edit([](PackageImage& image) { image.blocks[0].freeBytes = 65536; });
+    EXPECT_THROW(package_->OpenDataStream(0), FileDataCorruptException);
+}
+
+TEST_F(OpenDataStreamTest, RefusesASizeThatPagesAndTailDoNotAddUpTo) {
+    Add(8192 + 100);
+    Edit([](PackageImage& image) { image.streams[0].size += 1; });
+    EXPECT_THROW(package_->OpenDataStream(0), FileDataCorruptException);
+    EXPECT_FALSE(package_->HasChanges());
+}
+
+TEST_F(OpenDataStreamTest, RefusesAChainThatIsTooShort) {
+    Add(3 * 8192);
+    Edit([](PackageImage& image) { image.links[2] = Format::kChainEnd; });
+    EXPECT_THROW(package_->OpenDataStream(0), FileDataCorruptException);
+    EXPECT_TRUE(package_->DeleteDataStream(0));  // it is not open
+}
+
+TEST_F(OpenDataStreamTest, LetsTheFilesErrorsThroughWhenAStreamIsRead) {
+    Add(8192);
+    package_.Reset();
+    package_ = NewPackage();
+    ASSERT_TRUE(package_->Load());
+    const auto stream = package_->OpenDataStream(0);
+    Bytes content(8192);
+    {
+        const StdioFault fault(StdioCall::Read, EIO);
+        EXPECT_EQ(FileErrorOf([&] { stream->Read(content.data(), content.size()); }), EIO);
+    }
+    EXPECT_EQ(stream->Read(content.data(), content.size()), 8192U);
+    EXPECT_TRUE(content == streams_[0]);
+}
+
+// ---- A package that goes before its streams ----------------------------------------------------
+
+TEST_F(OpenDataStreamTest, LeavesAnEmptyStreamBehindWhenThePackageGoesFirst) {
+    const std::uint64_t id = Add(10000);
+    const auto stream = package_->OpenDataStream(id);
+    std::uint8_t byte = 7;
+    ASSERT_EQ(stream->Write(&byte, 1), 1U);
+    streams_[id][0] = byte;
+    package_.Reset();
+
+    EXPECT_EQ(stream->GetSize(), 0U);
+    EXPECT_EQ(stream->GetPosition(), 0U);
+    EXPECT_FALSE(stream->Seek(kSeekFromStart, 0));
+    EXPECT_FALSE(stream->Seek(kSeekFromCurrent, 1));
+    EXPECT_FALSE(stream->Seek(kSeekFromEnd, 0));
+    EXPECT_EQ(stream->Read(&byte, 1), 0U);
+    EXPECT_EQ(stream->Write(&byte, 1), 0U);
+    Format::ExpectFile(path_, streams_, headerData_);
+}
+
+TEST_F(OpenDataStreamTest, LeavesEveryStreamEmptyAlsoWhenTheLastCommitFails) {
+    std::vector<Util::RefPtr<IDataStream>> streams;
+    for (int count = 0; count < 5; ++count) {
+        streams.push_back(package_->OpenDataStream(Add(9000)));
+    }
+    {
+        const StdioFault fault(StdioCall::Write, ENOSPC);
+        package_.Reset();
+        EXPECT_GT(fault.Failures(), 0U);
+    }
+    for (const auto& stream : streams) {
+        std::uint8_t byte = 0;
+        EXPECT_EQ(stream->Read(&byte, 1), 0U);
+        EXPECT_EQ(stream->GetSize(), 0U);
+    }
+}
+
+// ---- Pinned pages ------------------------------------------------------------------------------
+
+class TwoPagesTest : public PackageTest {
+protected:
+    TwoPagesTest() : PackageTest({2, 100}) {}
+};
+
+TEST_F(TwoPagesTest, ReadNothingWhenTheCacheHoldsNothingButPinnedPages) {
+    const std::uint64_t first = Add(8192);
+    const std::uint64_t second = Add(8192);
+    const std::uint64_t third = Add(8192);
+    auto one = package_->OpenDataStream(first);
+    const auto other = package_->OpenDataStream(second);
+    const auto last = package_->OpenDataStream(third);
+    std::uint8_t byte = 0;
+    EXPECT_EQ(one->Read(&byte, 1), 1U);
+    EXPECT_EQ(other->Read(&byte, 1), 1U);
+    EXPECT_EQ(last->Read(&byte, 1), 0U);
+    one.Reset();
+    EXPECT_EQ(last->Read(&byte, 1), 1U);
+    EXPECT_EQ(byte, streams_[third][0]);
+}
+
+}  // namespace Quorvel::Testing

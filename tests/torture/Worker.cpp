@@ -1,0 +1,213 @@
+// One process of a torture run: a random mix of everything that a host does with its cache.
+#include <chrono>
+#include <cstdlib>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "quorvel/EffectCacheSystem.h"
+#include "support/Agent.h"
+#include "torture/Board.h"
+#include "torture/EffectBytes.h"
+#include "vornutil/CStr.h"
+#include "vornutil/RefPtr.h"
+#include "vornutil/Tab.h"
+
+namespace Quorvel::Torture {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::uint64_t kSharedNames = 40;
+
+// Most effects are alike in size, so that one in another's place would not be noticed by its length.
+constexpr std::size_t kUsualSize = 3000;
+constexpr std::size_t kLargestSize = 60000;
+
+class Worker {
+public:
+    Worker(std::string directory, const std::string& board, std::uint64_t slot, std::uint64_t slots,
+           std::uint64_t seed)
+        : directory_(std::move(directory)), board_(board), slot_(slot), slots_(slots), random_(seed) {
+        Open();
+    }
+
+    void RunUntil(Clock::time_point end) {
+        while (Clock::now() < end) {
+            Act();
+            if (!cache_->IsEnabled()) {
+                ++board_[Count::BecameInert];
+                Open();
+            }
+        }
+    }
+
+    // Saves by the end of the cache object, as a host does that ends.
+    void Leave() {
+        if (Roll(2) == 0) {
+            Save();
+        }
+        cache_.Reset();
+        PublishSaved();
+    }
+
+private:
+    std::uint64_t Roll(std::uint64_t sides) {
+        return std::uniform_int_distribution<std::uint64_t>(0, sides - 1)(random_);
+    }
+
+    void Act() {
+        const std::uint64_t roll = Roll(1000);
+        if (roll < 350) {
+            SearchOwned(Roll(slots_), Roll(kNamesOfSlot));
+        } else if (roll < 450) {
+            SearchShared();
+        } else if (roll < 500) {
+            SearchAbsent();
+        } else if (roll < 800) {
+            CacheOwned();
+        } else if (roll < 940) {
+            CacheShared();
+        } else if (roll < 985) {
+            Save();
+        } else if (roll < 992) {
+            cache_->ListCachedEffects((directory_ + "/list" + std::to_string(slot_)).c_str());
+        } else {
+            cache_.Reset();
+            PublishSaved();
+            Open();
+        }
+    }
+
+    void Open() {
+        cache_ = Util::RefPtr<EffectCacheSystem>(new EffectCacheSystem(directory_.c_str()));
+        pending_.clear();
+        ++board_[Count::Objects];
+        if (!cache_->IsEnabled()) {
+            ++board_[Count::Unusable];
+        }
+    }
+
+    static std::string OwnedName(std::uint64_t slot, std::uint64_t name) {
+        return "slot " + std::to_string(slot) + " effect " + std::to_string(name);
+    }
+    static std::string SharedName(std::uint64_t name) { return "shared effect " + std::to_string(name); }
+
+    std::size_t RandomSize(const std::string& name) {
+        const std::size_t smallest = SmallestEffect(name);
+        const std::uint64_t roll = Roll(10);
+        if (roll < 7) {
+            return kUsualSize;
+        }
+        return smallest + Roll(roll < 9 ? kUsualSize : kLargestSize);
+    }
+
+    void Cache(const std::string& name, std::uint64_t version) {
+        const std::vector<unsigned char> bytes = MakeEffect(name, version, RandomSize(name));
+        const bool permanent = Roll(20) == 0;
+        cache_->CacheCompiledEffect(name.c_str(), bytes.data(), bytes.size(), permanent);
+        ++board_[Count::Cached];
+    }
+
+    void CacheOwned() {
+        const std::uint64_t name = Roll(kNamesOfSlot);
+        const std::uint64_t version = ++board_.Issued(slot_, name);
+        pending_.emplace_back(name, version);
+        Cache(OwnedName(slot_, name), version);
+        if (cache_->IsEnabled() && cache_->GetNumberOfEffectsInMemory() == 0) {
+            PublishSaved();  // it was the one too many that waited
+        }
+    }
+
+    void CacheShared() {
+        Cache(SharedName(Roll(kSharedNames)), random_());
+        if (cache_->IsEnabled() && cache_->GetNumberOfEffectsInMemory() == 0) {
+            PublishSaved();
+        }
+    }
+
+    void Save() {
+        cache_->ForceSaveToFile();
+        if (cache_->IsEnabled()) {
+            ++board_[Count::Saves];
+            PublishSaved();
+        }
+    }
+
+    void PublishSaved() {
+        for (const auto& [name, version] : pending_) {
+            board_.Saved(slot_, name) = version;
+        }
+        pending_.clear();
+    }
+
+    bool Search(const std::string& name, std::uint64_t& version) {
+        Tab<unsigned char> found;
+        ++board_[Count::Searches];
+        if (!cache_->SearchCachedEffects(name.c_str(), found)) {
+            return false;
+        }
+        ++board_[Count::Hits];
+        const auto size = static_cast<std::size_t>(found.Count());
+        switch (CheckEffect(name, {found.Addr(0), size}, version)) {
+            case Verdict::Intact:
+                return true;
+            case Verdict::SomebodyElses:
+                ++board_[Count::OthersBytes];
+                break;
+            case Verdict::Damaged:
+                ++board_[Count::DamagedBytes];
+                break;
+        }
+        version = ~std::uint64_t{0};  // counted once is enough
+        return true;
+    }
+
+    void SearchOwned(std::uint64_t slot, std::uint64_t name) {
+        const std::uint64_t saved = board_.Saved(slot, name);
+        std::uint64_t version = 0;
+        if (!Search(OwnedName(slot, name), version)) {
+            if (saved != 0 && cache_->IsEnabled()) {
+                ++board_[Count::Missing];
+            }
+        } else if (version < saved) {
+            ++board_[Count::Stale];
+        }
+    }
+
+    void SearchShared() {
+        std::uint64_t version = 0;
+        Search(SharedName(Roll(kSharedNames)), version);
+    }
+
+    void SearchAbsent() {
+        std::uint64_t version = 0;
+        if (Search("nobody caches " + std::to_string(Roll(1000)), version)) {
+            ++board_[Count::Invented];
+        }
+    }
+
+    std::string directory_;
+    Board board_;
+    std::uint64_t slot_;
+    std::uint64_t slots_;
+    std::mt19937_64 random_;
+    Util::RefPtr<EffectCacheSystem> cache_;
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> pending_;  // own names and their versions
+};
+
+// Arguments: directory, board, slot, slots, seed, milliseconds to live.
+QUORVEL_AGENT(TortureWorker) {
+    const auto number = [&](std::size_t index) { return std::stoull(arguments[index]); };
+    Worker worker(arguments[0], arguments[1], number(2), number(3), number(4));
+    worker.RunUntil(Clock::now() + std::chrono::milliseconds(number(5)));
+    worker.Leave();
+    Testing::AgentSend("done");
+    return 0;
+}
+
+}  // namespace
+
+}  // namespace Quorvel::Torture

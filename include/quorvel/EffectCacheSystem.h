@@ -15,8 +15,8 @@ class EffectCacheImpl;
 // "vornFxoCache.dat" in a cache directory, and shared with every process that opens the same
 // directory. Made with new and held through a Util::RefPtr.
 //
-// A cache whose file can't be used is inert: it ignores new effects and finds none. IsEnabled tells.
-// Nothing but a new EffectCacheSystem brings it back. No operation throws.
+// A cache whose file can't be used is inert: it ignores new effects and finds none. IsEnabled
+// tells. Nothing but a new EffectCacheSystem brings it back. No operation throws.
 //
 // Any thread may call CacheCompiledEffect, SearchCachedEffects, IsEnabled and SetEnabled at any
 // time. The others want a quiet moment: no other call on the same object may run beside them.

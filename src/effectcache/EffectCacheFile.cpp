@@ -134,7 +134,8 @@ bool EffectCacheImpl::SyncWithFile() noexcept {
 
 // Offset of the payload of the cache's block in the header data. Blocks are looked at up to the
 // first one that does not lie inside the data.
-std::optional<std::uint64_t> EffectCacheImpl::FindHeaderPayload(std::uint32_t& payloadLength) const {
+std::optional<std::uint64_t> EffectCacheImpl::FindHeaderPayload(
+    std::uint32_t& payloadLength) const {
     const IDataStreamSet& package = *package_;
     const std::uint8_t* const data = package.GetHeaderData();
     const std::uint64_t size = package_->GetHeaderDataSize();
@@ -326,8 +327,8 @@ bool EffectCacheImpl::WriteIndex() {
         return false;
     }
     for (const auto& [key, record] : fileTable_) {
-        if (IsIndexed(key, record) && !(WriteExact(stream, &record, sizeof record) &&
-                                        WriteBytes(key.bytes, stream))) {
+        if (IsIndexed(key, record) &&
+            !(WriteExact(stream, &record, sizeof record) && WriteBytes(key.bytes, stream))) {
             return false;
         }
     }

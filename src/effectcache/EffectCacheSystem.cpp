@@ -21,7 +21,9 @@ Result Absorb(Result failure, const Operation& operation) noexcept {
 EffectCacheSystem::EffectCacheSystem(const CStr& directory)
     : impl_(new EffectCacheImpl(directory)) {}
 
-EffectCacheSystem::~EffectCacheSystem() { delete impl_; }
+EffectCacheSystem::~EffectCacheSystem() {
+    delete impl_;
+}
 
 void EffectCacheSystem::CacheCompiledEffect(const CStr& name, const unsigned char* data,
                                             std::uint64_t size, bool permanent) {
@@ -35,15 +37,21 @@ bool EffectCacheSystem::SearchCachedEffects(const CStr& name, Tab<unsigned char>
     return Absorb(false, [&] { return impl_->SearchCachedEffects(name, data); });
 }
 
-void EffectCacheSystem::ForceSaveToFile() { impl_->SaveToFile(); }
+void EffectCacheSystem::ForceSaveToFile() {
+    impl_->SaveToFile();
+}
 
 void EffectCacheSystem::ListCachedEffects(const char* fileName) {
     impl_->ListCachedEffects(fileName);
 }
 
-bool EffectCacheSystem::IsEnabled() const { return impl_->IsEnabled(); }
+bool EffectCacheSystem::IsEnabled() const {
+    return impl_->IsEnabled();
+}
 
-void EffectCacheSystem::SetEnabled(bool enabled) { impl_->SetEnabled(enabled); }
+void EffectCacheSystem::SetEnabled(bool enabled) {
+    impl_->SetEnabled(enabled);
+}
 
 std::uint64_t EffectCacheSystem::GetNumberOfEffectsInFile() const {
     return impl_->GetNumberOfEffectsInFile();
@@ -53,6 +61,8 @@ std::uint64_t EffectCacheSystem::GetNumberOfEffectsInMemory() const {
     return impl_->GetNumberOfEffectsInMemory();
 }
 
-const CStr& EffectCacheSystem::GetCacheFilePath() const { return impl_->GetDirectory(); }
+const CStr& EffectCacheSystem::GetCacheFilePath() const {
+    return impl_->GetDirectory();
+}
 
 }  // namespace Quorvel

@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstdint>
 
-
 // What the effect cache keeps in its package file: in the header data a block that holds a
 // CacheHeader; an index stream with an EffectRecord and a name for each effect; and for each effect
 // a stream of its own with its bytes.

@@ -13,7 +13,9 @@ namespace Quorvel {
 MultiProcessMemory::MultiProcessMemory() noexcept
     : mutex_(nullptr), bytes_(0), mapping_(nullptr), view_(nullptr) {}
 
-MultiProcessMemory::~MultiProcessMemory() { Close(); }
+MultiProcessMemory::~MultiProcessMemory() {
+    Close();
+}
 
 void MultiProcessMemory::Close() noexcept {
     if (view_) {
@@ -74,7 +76,9 @@ void MultiProcessMemory::Unlock() {
     }
 }
 
-std::uint64_t MultiProcessMemory::GetBytes() const { return bytes_; }
+std::uint64_t MultiProcessMemory::GetBytes() const {
+    return bytes_;
+}
 
 void MultiProcessMemory::OnMemoryCreated(void* /*block*/) {}
 

@@ -22,7 +22,8 @@ void* RequireHandle(void* handle) {
 
 MutexObject::MutexObject() noexcept : handle_(nullptr) {}
 
-MutexObject::MutexObject(const char* name) : handle_(RequireHandle(Platform::OpenNamedMutex(name))) {}
+MutexObject::MutexObject(const char* name)
+    : handle_(RequireHandle(Platform::OpenNamedMutex(name))) {}
 
 MutexObject::MutexObject(const wchar_t* name)
     : handle_(RequireHandle(Platform::OpenNamedMutex(name))) {}

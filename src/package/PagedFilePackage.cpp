@@ -76,7 +76,8 @@ PageAllocator& PagedFilePackage::Allocator() const {
     return static_cast<PageAllocator&>(*allocator_);
 }
 
-// ---- Load ----------------------------------------------------------------------------------------
+// ---- Load
+// ----------------------------------------------------------------------------------------
 
 bool PagedFilePackage::Load() {
     if (!openStreams_.empty()) {
@@ -128,7 +129,8 @@ void PagedFilePackage::Swap(PagedFilePackage& other) noexcept {
     std::swap(reopened_, other.reopened_);
 }
 
-// ---- Commit --------------------------------------------------------------------------------------
+// ---- Commit
+// --------------------------------------------------------------------------------------
 
 bool PagedFilePackage::Commit() {
     if (!dirty_) {
@@ -242,7 +244,9 @@ bool PagedFilePackage::WriteState() {
 
 // ---- Header data and the list of streams -------------------------------------------------------
 
-std::uint64_t PagedFilePackage::GetTotalDataSize() { return directory_.TotalBytes(); }
+std::uint64_t PagedFilePackage::GetTotalDataSize() {
+    return directory_.TotalBytes();
+}
 
 bool PagedFilePackage::SetHeaderDataSize(std::uint64_t size) {
     headerData_.resize(size);
@@ -250,7 +254,9 @@ bool PagedFilePackage::SetHeaderDataSize(std::uint64_t size) {
     return true;
 }
 
-std::uint64_t PagedFilePackage::GetHeaderDataSize() { return headerData_.size(); }
+std::uint64_t PagedFilePackage::GetHeaderDataSize() {
+    return headerData_.size();
+}
 
 const std::uint8_t* PagedFilePackage::GetHeaderData() const {
     return headerData_.empty() ? nullptr : headerData_.data();
@@ -261,7 +267,9 @@ std::uint8_t* PagedFilePackage::GetHeaderData() {
     return headerData_.empty() ? nullptr : headerData_.data();
 }
 
-std::uint64_t PagedFilePackage::GetNumberOfDataStreams() { return directory_.Count(); }
+std::uint64_t PagedFilePackage::GetNumberOfDataStreams() {
+    return directory_.Count();
+}
 
 std::uint64_t PagedFilePackage::GetDataStreamId(std::uint64_t index) {
     return directory_.IdAt(index);
@@ -285,13 +293,14 @@ Util::RefPtr<IDataStream> PagedFilePackage::OpenDataStream(std::uint64_t id) {
     if (!seeker->Attach(allocator_, *extent, tail)) {
         return {};
     }
-    const Util::RefPtr<ChildFileStream> stream(
-        new ChildFileStream(this, id, cache_.get(), seeker));
+    const Util::RefPtr<ChildFileStream> stream(new ChildFileStream(this, id, cache_.get(), seeker));
     openStreams_.emplace(id, stream.Get());
     return stream;
 }
 
-void PagedFilePackage::ForgetOpenStream(std::uint64_t id) { openStreams_.erase(id); }
+void PagedFilePackage::ForgetOpenStream(std::uint64_t id) {
+    openStreams_.erase(id);
+}
 
 std::uint64_t PagedFilePackage::CreateDataStream(std::uint64_t size) {
     if (directory_.Count() >= config_.streamLimit) {

@@ -39,8 +39,8 @@ public:
     // Whether anything changed since the last Commit or Load.
     bool HasChanges() const { return dirty_; }
 
-    // Forgets every change since the last Commit or Load without writing anything: what is in memory
-    // is then worth nothing until the next Load. For a package whose file somebody else has
+    // Forgets every change since the last Commit or Load without writing anything: what is in
+    // memory is then worth nothing until the next Load. For a package whose file somebody else has
     // rewritten, or whose state is half done.
     void Abandon();
 

@@ -45,7 +45,9 @@ public:
     // Removes a stream's record and frees its id; false when there is none.
     bool Remove(std::uint64_t id);
 
-    std::uint64_t StateSize() const { return sizeof(std::uint64_t) + sizeof(ChildFileExtent) * Count(); }
+    std::uint64_t StateSize() const {
+        return sizeof(std::uint64_t) + sizeof(ChildFileExtent) * Count();
+    }
 
     // Returns true. Throws FileIOException when the stream ends early.
     bool Save(IDataStream& stream) const;

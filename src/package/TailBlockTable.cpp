@@ -71,8 +71,8 @@ bool TailBlockTable::Place(std::uint64_t streamId, std::uint64_t blockId, std::u
     return true;
 }
 
-// Whether the list names exactly the fragments of the block, each where its list index says. It does
-// unless it was read from a damaged file.
+// Whether the list names exactly the fragments of the block, each where its list index says. It
+// does unless it was read from a damaged file.
 bool TailBlockTable::IsListInOrder(const TailBlockRecord& block) const {
     if (block.streamIds.size() != block.fragmentCount) {
         return false;
@@ -166,9 +166,9 @@ void TailBlockTable::StoreFragment(const TailFragment& fragment) {
 }
 
 std::uint64_t TailBlockTable::CountFragments() const {
-    return static_cast<std::uint64_t>(
-        std::count_if(fragments_.begin(), fragments_.end(),
-                      [](const std::unique_ptr<TailFragment>& fragment) { return fragment != nullptr; }));
+    return static_cast<std::uint64_t>(std::count_if(
+        fragments_.begin(), fragments_.end(),
+        [](const std::unique_ptr<TailFragment>& fragment) { return fragment != nullptr; }));
 }
 
 std::uint64_t TailBlockTable::StateSize() const {
@@ -272,8 +272,7 @@ bool GetChildFileTail(ChildFileTail& tail, const TailBlockTable& table, std::uin
     const std::uint64_t offset = fragment->offset & (kPageSize - 1);
     const bool crossesPageEnd = offset + fragment->length > kPageSize;
     tail.tailPage = block->pages[slot];
-    tail.followingPage =
-        crossesPageEnd && slot + 1 < kTailBlockPages ? block->pages[slot + 1] : 0;
+    tail.followingPage = crossesPageEnd && slot + 1 < kTailBlockPages ? block->pages[slot + 1] : 0;
     tail.tailOffset = offset;
     tail.tailLength = fragment->length;
     return true;

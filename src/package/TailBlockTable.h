@@ -109,12 +109,12 @@ private:
 
     std::uint64_t limit_ = kDefaultStreamLimit;
     Corvane::IdentifierAllocator blockIds_;
-    std::vector<std::unique_ptr<TailBlockRecord>> blocks_;    // by block id
-    std::vector<std::unique_ptr<TailFragment>> fragments_;    // by stream id; null without a tail
+    std::vector<std::unique_ptr<TailBlockRecord>> blocks_;  // by block id
+    std::vector<std::unique_ptr<TailFragment>> fragments_;  // by stream id; null without a tail
 };
 
-// Describes a stream's tail to a child file seeker; all zero when the stream has none. Returns true.
-// Throws FileDataCorruptException when the fragment does not fit its block.
+// Describes a stream's tail to a child file seeker; all zero when the stream has none. Returns
+// true. Throws FileDataCorruptException when the fragment does not fit its block.
 bool GetChildFileTail(ChildFileTail& tail, const TailBlockTable& table, std::uint64_t streamId);
 
 }  // namespace Quorvel

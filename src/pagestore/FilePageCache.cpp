@@ -12,7 +12,9 @@ namespace Quorvel {
 
 namespace {
 
-std::uint64_t OffsetOfIndex(std::uint64_t pageIndex) { return pageIndex << kPageShift; }
+std::uint64_t OffsetOfIndex(std::uint64_t pageIndex) {
+    return pageIndex << kPageShift;
+}
 
 }  // namespace
 

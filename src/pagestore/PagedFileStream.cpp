@@ -7,8 +7,7 @@
 
 namespace Quorvel {
 
-PagedFileStream::PagedFileStream(FilePageCache* cache,
-                                 const Util::RefPtr<IPagedFileSeeker>& seeker)
+PagedFileStream::PagedFileStream(FilePageCache* cache, const Util::RefPtr<IPagedFileSeeker>& seeker)
     : cache_(cache), seeker_(seeker), position_{}, readPage_(cache), writePage_(cache) {
     if (!seeker_) {
         throw InvalidParameterException();
@@ -18,11 +17,17 @@ PagedFileStream::PagedFileStream(FilePageCache* cache,
     }
 }
 
-PagedFileStream::~PagedFileStream() { Detach(); }
+PagedFileStream::~PagedFileStream() {
+    Detach();
+}
 
-std::uint64_t PagedFileStream::GetPosition() { return position_.byte; }
+std::uint64_t PagedFileStream::GetPosition() {
+    return position_.byte;
+}
 
-std::uint64_t PagedFileStream::GetSize() { return seeker_ ? seeker_->byteSize : 0; }
+std::uint64_t PagedFileStream::GetSize() {
+    return seeker_ ? seeker_->byteSize : 0;
+}
 
 bool PagedFileStream::Seek(std::uint32_t origin, std::int32_t offset) {
     Position target;
@@ -41,8 +46,7 @@ std::uint64_t PagedFileStream::Read(void* buffer, std::uint64_t size) {
 }
 
 std::uint64_t PagedFileStream::Write(const void* buffer, std::uint64_t size) {
-    return Transfer<Direction::Write>(
-        static_cast<std::uint8_t*>(const_cast<void*>(buffer)), size);
+    return Transfer<Direction::Write>(static_cast<std::uint8_t*>(const_cast<void*>(buffer)), size);
 }
 
 // One loop for both directions. Reaching the end of a page's data steps to the next page at once,
@@ -201,8 +205,7 @@ std::uint64_t PagedFileStream::BytesLeftInPage(const Position& position) {
 }
 
 bool PagedFileStream::IsAtEnd(const Position& position) {
-    return position.page.pageIndex + 1 >= seeker_->pageCount &&
-           BytesLeftInPage(position) == 0;
+    return position.page.pageIndex + 1 >= seeker_->pageCount && BytesLeftInPage(position) == 0;
 }
 
 }  // namespace Quorvel

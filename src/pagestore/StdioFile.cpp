@@ -10,7 +10,9 @@ namespace Quorvel {
 
 namespace {
 
-[[noreturn]] void ThrowLastError() { throw FileIOException(static_cast<std::uint32_t>(errno)); }
+[[noreturn]] void ThrowLastError() {
+    throw FileIOException(static_cast<std::uint32_t>(errno));
+}
 
 }  // namespace
 
@@ -31,7 +33,9 @@ void StdioFile::Close() {
     }
 }
 
-std::FILE* StdioFile::Detach() { return std::exchange(file_, nullptr); }
+std::FILE* StdioFile::Detach() {
+    return std::exchange(file_, nullptr);
+}
 
 std::uint64_t GetFileSize(std::FILE* file) {
     if (!file) {

@@ -14,8 +14,9 @@ void* OpenNamedMemory(const char* name) noexcept;
 // Returns a handle, or null when the system refuses.
 void* CreateNamedMemory(const char* name, std::uint64_t bytes) noexcept;
 
-// Makes the first bytes of the block addressable, the whole block when bytes is 0. Returns null when
-// the block, in whole pages, is smaller or the system refuses. A block is mapped once a handle.
+// Makes the first bytes of the block addressable, the whole block when bytes is 0. Returns null
+// when the block, in whole pages, is smaller or the system refuses. A block is mapped once a
+// handle.
 void* MapNamedMemory(void* handle, std::uint64_t bytes) noexcept;
 
 // Undoes MapNamedMemory; the handle must still be open.

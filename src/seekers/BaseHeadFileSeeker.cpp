@@ -9,13 +9,16 @@ namespace Quorvel {
 
 BaseHeadFileSeeker::BaseHeadFileSeeker(FilePageCache* cache) : cache_(cache), loadedThrough(0) {}
 
-BaseHeadFileSeeker::~BaseHeadFileSeeker() { Clear(); }
+BaseHeadFileSeeker::~BaseHeadFileSeeker() {
+    Clear();
+}
 
 bool BaseHeadFileSeeker::PositionToPage(std::uint64_t& pageIndex, std::uint64_t& pageOffset,
                                         std::int32_t position) {
     pageIndex = 0;
     pageOffset = 0;
-    if (pageNumberTable_.empty() || position < 0 || position > static_cast<std::int32_t>(byteSize)) {
+    if (pageNumberTable_.empty() || position < 0 ||
+        position > static_cast<std::int32_t>(byteSize)) {
         return false;
     }
     const auto logical = static_cast<std::uint64_t>(position);
@@ -54,8 +57,9 @@ bool BaseHeadFileSeeker::MovePosition(std::uint64_t& pageIndex, std::uint64_t& p
     const std::uint64_t base =
         from.pageIndex == 0 ? 0 : kFirstPageCapacity + (from.pageIndex - 1) * kPageCapacity;
     const std::uint64_t logical = base + (from.pageOffset - rangeTable_[from.pageIndex].start);
-    return PositionToPage(pageIndex, pageOffset,
-                          static_cast<std::int32_t>(static_cast<std::uint32_t>(logical + distance)));
+    return PositionToPage(
+        pageIndex, pageOffset,
+        static_cast<std::int32_t>(static_cast<std::uint32_t>(logical + distance)));
 }
 
 bool BaseHeadFileSeeker::ValidatePageInfo(std::uint64_t pageIndex) {

@@ -7,7 +7,9 @@
 
 namespace Quorvel {
 
-ChildFileSeeker::~ChildFileSeeker() { Clear(); }
+ChildFileSeeker::~ChildFileSeeker() {
+    Clear();
+}
 
 bool ChildFileSeeker::PositionToPage(std::uint64_t& pageIndex, std::uint64_t& pageOffset,
                                      std::int32_t position) {
@@ -48,8 +50,9 @@ bool ChildFileSeeker::MovePosition(std::uint64_t& pageIndex, std::uint64_t& page
         return false;
     }
     const std::uint64_t logical = PageToPosition(from.pageIndex, from.pageOffset);
-    return PositionToPage(pageIndex, pageOffset,
-                          static_cast<std::int32_t>(static_cast<std::uint32_t>(logical + distance)));
+    return PositionToPage(
+        pageIndex, pageOffset,
+        static_cast<std::int32_t>(static_cast<std::uint32_t>(logical + distance)));
 }
 
 void ChildFileSeeker::LoadPageInfo(std::uint64_t /*pageIndex*/) {}
@@ -106,7 +109,8 @@ void ChildFileSeeker::AttachTail() {
         }
         const std::uint64_t room = kPageSize - tail_.tailOffset;
         pageNumberTable_.push_back(tail_.tailPage);
-        rangeTable_.push_back({tail_.tailOffset, tail_.tailOffset + std::min(room, tail_.tailLength)});
+        rangeTable_.push_back(
+            {tail_.tailOffset, tail_.tailOffset + std::min(room, tail_.tailLength)});
         tailEntryCount_ = 1;
         if (room <= tail_.tailLength) {
             if (tail_.followingPage != 0) {

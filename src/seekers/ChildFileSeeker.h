@@ -43,11 +43,11 @@ public:
     // Nothing to do: every page is known once the seeker is attached.
     void LoadPageInfo(std::uint64_t pageIndex) override;
 
-    // Builds the page table; the chain of whole pages comes from the allocator. Returns true. Throws
-    // FileDataCorruptException when extent, tail and chain don't fit each other, or when the file
-    // is empty.
-    virtual bool Attach(const Util::RefPtr<IPageAllocator>& allocator, const ChildFileExtent& extent,
-                        const ChildFileTail& tail);
+    // Builds the page table; the chain of whole pages comes from the allocator. Returns true.
+    // Throws FileDataCorruptException when extent, tail and chain don't fit each other, or when the
+    // file is empty.
+    virtual bool Attach(const Util::RefPtr<IPageAllocator>& allocator,
+                        const ChildFileExtent& extent, const ChildFileTail& tail);
 
     // The logical position of a page position. Throws InvalidParameterException when the page index
     // lies beyond pageCount.

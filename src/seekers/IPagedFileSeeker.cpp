@@ -2,7 +2,9 @@
 
 namespace Quorvel {
 
-IPagedFileSeeker::~IPagedFileSeeker() { ResetTables(); }
+IPagedFileSeeker::~IPagedFileSeeker() {
+    ResetTables();
+}
 
 void IPagedFileSeeker::ResetTables() {
     byteSize = 0;

@@ -33,8 +33,9 @@ public:
     virtual bool PositionToPage(std::uint64_t& pageIndex, std::uint64_t& pageOffset,
                                 std::int32_t position) = 0;
 
-    // The page position that lies distance bytes behind from, modulo 2^32: a distance taken as two's
-    // complement moves backwards. False as for PositionToPage, or when from lies outside the file.
+    // The page position that lies distance bytes behind from, modulo 2^32: a distance taken as
+    // two's complement moves backwards. False as for PositionToPage, or when from lies outside the
+    // file.
     virtual bool MovePosition(std::uint64_t& pageIndex, std::uint64_t& pageOffset,
                               const PagePosition& from, std::uint32_t distance) = 0;
 

@@ -2,7 +2,9 @@
 
 namespace Quorvel::Torture {
 
-Board::Board(const std::string& name) { Initialize(name.c_str(), sizeof(Content)); }
+Board::Board(const std::string& name) {
+    Initialize(name.c_str(), sizeof(Content));
+}
 
 std::atomic<std::uint64_t>& Board::Issued(std::uint64_t slot, std::uint64_t name) {
     return content_->issued[slot][name];
@@ -17,8 +19,12 @@ std::atomic<std::uint64_t>& Board::operator[](Count count) {
 }
 
 // A fresh block is all zero, which is what every number starts from.
-void Board::OnMemoryCreated(void* block) { content_ = static_cast<Content*>(block); }
+void Board::OnMemoryCreated(void* block) {
+    content_ = static_cast<Content*>(block);
+}
 
-void Board::OnMemoryAttached(void* block) { content_ = static_cast<Content*>(block); }
+void Board::OnMemoryAttached(void* block) {
+    content_ = static_cast<Content*>(block);
+}
 
 }  // namespace Quorvel::Torture

@@ -24,7 +24,9 @@ std::uint64_t Checksum(std::span<const unsigned char> bytes) {
 
 }  // namespace
 
-std::size_t SmallestEffect(const std::string& name) { return sizeof(Head) + name.size(); }
+std::size_t SmallestEffect(const std::string& name) {
+    return sizeof(Head) + name.size();
+}
 
 std::vector<unsigned char> MakeEffect(const std::string& name, std::uint64_t version,
                                       std::size_t size) {

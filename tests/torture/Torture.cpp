@@ -25,10 +25,19 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr std::array<std::string_view, static_cast<std::size_t>(Count::CountOfCounts)> kCountNames = {
-    "searches",          "hits",           "effects cached",     "saves forced",
-    "cache objects",     "others' bytes",  "damaged bytes",      "missing after their save",
-    "older than their save", "never cached, yet found", "caches that became inert", "caches inert from the start"};
+constexpr std::array<std::string_view, static_cast<std::size_t>(Count::CountOfCounts)> kCountNames =
+    {"searches",
+     "hits",
+     "effects cached",
+     "saves forced",
+     "cache objects",
+     "others' bytes",
+     "damaged bytes",
+     "missing after their save",
+     "older than their save",
+     "never cached, yet found",
+     "caches that became inert",
+     "caches inert from the start"};
 
 // A process that is not done so long after its time hangs.
 constexpr auto kPatience = std::chrono::seconds(120);
@@ -57,8 +66,11 @@ Format::Bytes ReadFile(const std::string& path) {
 class Orchestra {
 public:
     explicit Orchestra(const Options& options)
-        : options_(options), random_(options.seed), boardName_(Testing::UniqueName()),
-          board_(boardName_), workers_(options.processes) {
+        : options_(options),
+          random_(options.seed),
+          boardName_(Testing::UniqueName()),
+          board_(boardName_),
+          workers_(options.processes) {
         report_.orderly = options.kills == 0;
     }
 
@@ -192,7 +204,8 @@ private:
         }
     }
 
-    static constexpr char kSeparator = static_cast<char>(std::filesystem::path::preferred_separator);
+    static constexpr char kSeparator =
+        static_cast<char>(std::filesystem::path::preferred_separator);
 
     Options options_;
     std::mt19937_64 random_;
@@ -215,7 +228,9 @@ bool Report::IsGood() const {
            At(*this, Count::Stale) == 0 && At(*this, Count::BecameInert) == 0;
 }
 
-Report RunTorture(const Options& options) { return Orchestra(options).Play(); }
+Report RunTorture(const Options& options) {
+    return Orchestra(options).Play();
+}
 
 std::ostream& operator<<(std::ostream& stream, const Report& report) {
     stream << (report.orderly ? "orderly run" : "run with deaths") << '\n';

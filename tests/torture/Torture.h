@@ -8,21 +8,21 @@
 namespace Quorvel::Torture {
 
 struct Options {
-    std::string directory;          // an empty one; the run leaves its file there
+    std::string directory;  // an empty one; the run leaves its file there
     std::uint64_t seed = 1;
     std::uint64_t seconds = 5;
-    std::uint64_t processes = 4;    // 2 to 8
-    std::uint64_t kills = 0;        // 0 for an orderly run; else the run ends after so many
+    std::uint64_t processes = 4;  // 2 to 8
+    std::uint64_t kills = 0;      // 0 for an orderly run; else the run ends after so many
 };
 
 // What came of a run.
 struct Report {
     bool orderly = true;
-    std::uint64_t processes = 0;    // that were started
+    std::uint64_t processes = 0;  // that were started
     std::uint64_t killed = 0;
-    std::uint64_t crashed = 0;      // ended badly by themselves
-    std::uint64_t hung = 0;         // had to be ended long after their time
-    std::uint64_t checks = 0;       // of the file's structure
+    std::uint64_t crashed = 0;  // ended badly by themselves
+    std::uint64_t hung = 0;     // had to be ended long after their time
+    std::uint64_t checks = 0;   // of the file's structure
     std::vector<std::string> structureProblems;
     std::vector<std::uint64_t> counts;  // by Count
     std::uint64_t effectsAtEnd = 0;

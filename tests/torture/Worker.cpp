@@ -22,7 +22,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::uint64_t kSharedNames = 40;
 
-// Most effects are alike in size, so that one in another's place would not be noticed by its length.
+// Most effects are alike in size, so that one in another's place would not be noticed by its
+// length.
 constexpr std::size_t kUsualSize = 3000;
 constexpr std::size_t kLargestSize = 60000;
 
@@ -30,7 +31,11 @@ class Worker {
 public:
     Worker(std::string directory, const std::string& board, std::uint64_t slot, std::uint64_t slots,
            std::uint64_t seed)
-        : directory_(std::move(directory)), board_(board), slot_(slot), slots_(slots), random_(seed) {
+        : directory_(std::move(directory)),
+          board_(board),
+          slot_(slot),
+          slots_(slots),
+          random_(seed) {
         Open();
     }
 
@@ -93,7 +98,9 @@ private:
     static std::string OwnedName(std::uint64_t slot, std::uint64_t name) {
         return "slot " + std::to_string(slot) + " effect " + std::to_string(name);
     }
-    static std::string SharedName(std::uint64_t name) { return "shared effect " + std::to_string(name); }
+    static std::string SharedName(std::uint64_t name) {
+        return "shared effect " + std::to_string(name);
+    }
 
     std::size_t RandomSize(const std::string& name) {
         const std::size_t smallest = SmallestEffect(name);

@@ -12,11 +12,13 @@ int main(int argc, char** argv) {
         return exitCode;
     }
     Quorvel::Torture::Options options;
-    CLI::App app("Lets several processes work on one effect cache at random, and checks every byte "
-                 "that they find and the file that they leave.");
+    CLI::App app(
+        "Lets several processes work on one effect cache at random, and checks every byte "
+        "that they find and the file that they leave.");
     app.add_option("--directory", options.directory,
                    "an empty directory for the cache, which is kept; otherwise one of its own");
-    app.add_option("--seed", options.seed, "start value of all random choices")->capture_default_str();
+    app.add_option("--seed", options.seed, "start value of all random choices")
+        ->capture_default_str();
     app.add_option("--seconds", options.seconds, "length of an orderly run")->capture_default_str();
     app.add_option("--processes", options.processes, "processes at a time")
         ->check(CLI::Range(2, 8))

@@ -19,10 +19,16 @@ CriticalSection::CriticalSection() {
     ::new (storage_) std::recursive_mutex;
 }
 
-CriticalSection::~CriticalSection() { std::destroy_at(Native(storage_)); }
+CriticalSection::~CriticalSection() {
+    std::destroy_at(Native(storage_));
+}
 
-void CriticalSection::Enter() noexcept { Native(storage_)->lock(); }
+void CriticalSection::Enter() noexcept {
+    Native(storage_)->lock();
+}
 
-void CriticalSection::Leave() noexcept { Native(storage_)->unlock(); }
+void CriticalSection::Leave() noexcept {
+    Native(storage_)->unlock();
+}
 
 }  // namespace Quorvel::Platform

@@ -60,8 +60,8 @@ void* MapNamedMemory(void* handle, std::uint64_t bytes) noexcept {
         errno = EACCES;
         return nullptr;
     }
-    void* view = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED,
-                        memory->object->Descriptor(), 0);
+    void* view =
+        ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, memory->object->Descriptor(), 0);
     if (view == MAP_FAILED) {
         return nullptr;
     }
@@ -73,6 +73,8 @@ void UnmapNamedMemory(void* handle, void* view) noexcept {
     ::munmap(view, static_cast<NamedMemory*>(handle)->mappedBytes);
 }
 
-void CloseNamedMemory(void* handle) noexcept { delete static_cast<NamedMemory*>(handle); }
+void CloseNamedMemory(void* handle) noexcept {
+    delete static_cast<NamedMemory*>(handle);
+}
 
 }  // namespace Quorvel::Platform

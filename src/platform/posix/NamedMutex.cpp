@@ -39,11 +39,14 @@ bool InitialiseNativeMutex(pthread_mutex_t* mutex) {
 }
 
 pthread_mutex_t* MapNativeMutex(int descriptor, int flags) {
-    void* view = ::mmap(nullptr, sizeof(pthread_mutex_t), PROT_READ | PROT_WRITE, flags, descriptor, 0);
+    void* view =
+        ::mmap(nullptr, sizeof(pthread_mutex_t), PROT_READ | PROT_WRITE, flags, descriptor, 0);
     return view == MAP_FAILED ? nullptr : static_cast<pthread_mutex_t*>(view);
 }
 
-void UnmapNativeMutex(pthread_mutex_t* mutex) { ::munmap(mutex, sizeof(pthread_mutex_t)); }
+void UnmapNativeMutex(pthread_mutex_t* mutex) {
+    ::munmap(mutex, sizeof(pthread_mutex_t));
+}
 
 bool InitialiseMutexFile(int descriptor) {
     pthread_mutex_t* mutex = MapNativeMutex(descriptor, MAP_SHARED);
@@ -170,8 +173,8 @@ private:
 };
 
 // The named mutexes that this process has open, and those that have gone from the system while a
-// thread of this process owns them. Never destroyed: a mutex may be closed by a destructor that runs
-// at exit.
+// thread of this process owns them. Never destroyed: a mutex may be closed by a destructor that
+// runs at exit.
 struct OpenMutexes {
     std::mutex lock;
     std::map<std::string, std::unique_ptr<NamedMutex>> byName;
@@ -255,7 +258,9 @@ std::uint32_t AcquireNamedMutex(void* handle, std::uint32_t timeout) noexcept {
     return static_cast<NamedMutex*>(handle)->Acquire(timeout);
 }
 
-void ReleaseNamedMutex(void* handle) noexcept { static_cast<NamedMutex*>(handle)->Release(); }
+void ReleaseNamedMutex(void* handle) noexcept {
+    static_cast<NamedMutex*>(handle)->Release();
+}
 
 // The last handle of this process closes the mutex. One that a thread of this process owns lives on
 // while other processes have it open: it stays under its name, where a later open finds it, until

@@ -159,7 +159,7 @@ std::unique_ptr<NamedObject> NamedObject::Open(const char* kind, const char* nam
     }
     const int create = ifAbsent == IfAbsent::Create ? O_CREAT : 0;
     FileDescriptor file(::openat(folder.Get(), fileName.c_str(),
-                             O_RDWR | O_CLOEXEC | O_NOFOLLOW | create, S_IRUSR | S_IWUSR));
+                                 O_RDWR | O_CLOEXEC | O_NOFOLLOW | create, S_IRUSR | S_IWUSR));
     if (!file.IsOpen() || !BelongsToUs(file.Get(), S_IFREG)) {
         return nullptr;
     }
@@ -188,7 +188,8 @@ std::unique_ptr<NamedObject> NamedObject::Open(const char* kind, const char* nam
 NamedObject::~NamedObject() {
     const FileDescriptor folder(OpenFolder());
     const FileDescriptor gate(folder.IsOpen() ? EnterGate(folder.Get()) : -1);
-    // Closed before the gate, so that of two holders who leave together one sees that it is the last.
+    // Closed before the gate, so that of two holders who leave together one sees that it is the
+    // last.
     const FileDescriptor file(descriptor_);
     // Without the gate the file stays behind, and the next opener starts it from zeroes.
     if (gate.IsOpen() && Flock(file.Get(), LOCK_EX | LOCK_NB)) {

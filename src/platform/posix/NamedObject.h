@@ -10,13 +10,13 @@ namespace Quorvel::Platform {
 // A file that processes of one user share by name, alive exactly as long as somebody holds it: what
 // Windows gives its named kernel objects.
 //
-// The files stand in a folder of the user's own, "/dev/shm/quorvel-<user id>", mode 0700, so that no
-// other user can reach or plant anything. Every holder keeps a shared flock on the object's file;
-// the system drops it when the process ends, however it ends. Who can turn it into an exclusive one
-// is alone with the file: at opening that makes it the creator, whatever an earlier holder that was
-// killed may have left behind, and at closing it makes it the last, who removes the file. Both
-// decisions are taken under an exclusive flock on one more file of the folder, the gate, so that
-// nobody opens while another decides.
+// The files stand in a folder of the user's own, "/dev/shm/quorvel-<user id>", mode 0700, so that
+// no other user can reach or plant anything. Every holder keeps a shared flock on the object's
+// file; the system drops it when the process ends, however it ends. Who can turn it into an
+// exclusive one is alone with the file: at opening that makes it the creator, whatever an earlier
+// holder that was killed may have left behind, and at closing it makes it the last, who removes the
+// file. Both decisions are taken under an exclusive flock on one more file of the folder, the gate,
+// so that nobody opens while another decides.
 class NamedObject {
 public:
     enum class IfAbsent { Create, Fail };

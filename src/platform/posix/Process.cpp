@@ -4,6 +4,8 @@
 
 namespace Quorvel::Platform {
 
-std::uint32_t CurrentProcessId() noexcept { return static_cast<std::uint32_t>(::getpid()); }
+std::uint32_t CurrentProcessId() noexcept {
+    return static_cast<std::uint32_t>(::getpid());
+}
 
 }  // namespace Quorvel::Platform

@@ -4,6 +4,8 @@
 
 namespace Quorvel::Platform {
 
-std::uint32_t LastSystemError() noexcept { return static_cast<std::uint32_t>(errno); }
+std::uint32_t LastSystemError() noexcept {
+    return static_cast<std::uint32_t>(errno);
+}
 
 }  // namespace Quorvel::Platform

@@ -13,7 +13,7 @@ std::int64_t PerformanceCounter() noexcept {
 LocalTime CurrentLocalTime() noexcept {
     SYSTEMTIME now;
     ::GetLocalTime(&now);
-    return {now.wYear, now.wMonth,  now.wDay,         now.wHour,
+    return {now.wYear,   now.wMonth,  now.wDay,         now.wHour,
             now.wMinute, now.wSecond, now.wMilliseconds};
 }
 

@@ -17,10 +17,16 @@ CriticalSection::CriticalSection() {
     ::InitializeCriticalSection(Native(storage_));
 }
 
-CriticalSection::~CriticalSection() { ::DeleteCriticalSection(Native(storage_)); }
+CriticalSection::~CriticalSection() {
+    ::DeleteCriticalSection(Native(storage_));
+}
 
-void CriticalSection::Enter() noexcept { ::EnterCriticalSection(Native(storage_)); }
+void CriticalSection::Enter() noexcept {
+    ::EnterCriticalSection(Native(storage_));
+}
 
-void CriticalSection::Leave() noexcept { ::LeaveCriticalSection(Native(storage_)); }
+void CriticalSection::Leave() noexcept {
+    ::LeaveCriticalSection(Native(storage_));
+}
 
 }  // namespace Quorvel::Platform

@@ -17,8 +17,12 @@ void* MapNamedMemory(void* handle, std::uint64_t bytes) noexcept {
     return ::MapViewOfFile(handle, FILE_MAP_ALL_ACCESS, 0, 0, static_cast<SIZE_T>(bytes));
 }
 
-void UnmapNamedMemory(void* /*handle*/, void* view) noexcept { ::UnmapViewOfFile(view); }
+void UnmapNamedMemory(void* /*handle*/, void* view) noexcept {
+    ::UnmapViewOfFile(view);
+}
 
-void CloseNamedMemory(void* handle) noexcept { ::CloseHandle(handle); }
+void CloseNamedMemory(void* handle) noexcept {
+    ::CloseHandle(handle);
+}
 
 }  // namespace Quorvel::Platform

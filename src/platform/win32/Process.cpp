@@ -4,6 +4,8 @@
 
 namespace Quorvel::Platform {
 
-std::uint32_t CurrentProcessId() noexcept { return ::GetCurrentProcessId(); }
+std::uint32_t CurrentProcessId() noexcept {
+    return ::GetCurrentProcessId();
+}
 
 }  // namespace Quorvel::Platform

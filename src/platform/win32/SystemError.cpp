@@ -4,6 +4,8 @@
 
 namespace Quorvel::Platform {
 
-std::uint32_t LastSystemError() noexcept { return ::GetLastError(); }
+std::uint32_t LastSystemError() noexcept {
+    return ::GetLastError();
+}
 
 }  // namespace Quorvel::Platform

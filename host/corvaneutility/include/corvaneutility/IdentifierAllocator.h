@@ -128,7 +128,8 @@ private:
 
     // Makes room for the given identifier; the number of words stays a power of two.
     void Grow(std::uint64_t identifier) {
-        const std::size_t words = std::bit_ceil(static_cast<std::size_t>(identifier / kWordBits + 1));
+        const std::size_t words =
+            std::bit_ceil(static_cast<std::size_t>(identifier / kWordBits + 1));
         std::vector<std::uint32_t> counts(2 * words);
         words_.resize(words);
         for (std::size_t word = 0; word < words; ++word) {

@@ -23,8 +23,12 @@ public:
     }
 
     friend CStr operator+(CStr head, const CStr& tail) { return head += tail; }
-    friend bool operator==(const CStr& left, const CStr& right) { return left.text_ == right.text_; }
-    friend bool operator!=(const CStr& left, const CStr& right) { return left.text_ != right.text_; }
+    friend bool operator==(const CStr& left, const CStr& right) {
+        return left.text_ == right.text_;
+    }
+    friend bool operator!=(const CStr& left, const CStr& right) {
+        return left.text_ != right.text_;
+    }
 
 private:
     std::string text_;

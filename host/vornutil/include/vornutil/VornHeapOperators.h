@@ -20,8 +20,6 @@ public:
     static void* operator new(std::size_t, void* place) noexcept { return place; }
 
     static void operator delete(void* memory) noexcept { std::free(memory); }
-    static void operator delete(void* memory, const std::nothrow_t&) noexcept {
-        std::free(memory);
-    }
+    static void operator delete(void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
     static void operator delete(void*, void*) noexcept {}
 };

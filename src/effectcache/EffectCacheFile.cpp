@@ -40,7 +40,7 @@ bool IsIndexed(const EffectKey& key, const EffectRecord& record) {
 
 }  // namespace
 
-// ---- Opening, creating, letting go -------------------------------------------------------------
+// ---- Opening, creating, letting go --------------------------------------------------------------
 
 bool EffectCacheImpl::OpenFile() noexcept {
     const AutoMutex guard(*fileMutex_, kWaitForever);
@@ -111,7 +111,7 @@ void EffectCacheImpl::EmptyFile() noexcept {
     }
 }
 
-// ---- Reading -----------------------------------------------------------------------------------
+// ---- Reading ------------------------------------------------------------------------------------
 
 bool EffectCacheImpl::SyncWithFile() noexcept {
     if (!stamp_.IsChanged()) {
@@ -209,7 +209,7 @@ bool EffectCacheImpl::ReadIndex(Util::RefPtr<IDataStream>& stream) {
     return true;
 }
 
-// ---- Saving ------------------------------------------------------------------------------------
+// ---- Saving -------------------------------------------------------------------------------------
 
 bool EffectCacheImpl::SaveToFile() noexcept {
     if (!package_) {

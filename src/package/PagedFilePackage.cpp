@@ -76,8 +76,7 @@ PageAllocator& PagedFilePackage::Allocator() const {
     return static_cast<PageAllocator&>(*allocator_);
 }
 
-// ---- Load
-// ----------------------------------------------------------------------------------------
+// ---- Load ---------------------------------------------------------------------------------------
 
 bool PagedFilePackage::Load() {
     if (!openStreams_.empty()) {
@@ -129,8 +128,7 @@ void PagedFilePackage::Swap(PagedFilePackage& other) noexcept {
     std::swap(reopened_, other.reopened_);
 }
 
-// ---- Commit
-// --------------------------------------------------------------------------------------
+// ---- Commit -------------------------------------------------------------------------------------
 
 bool PagedFilePackage::Commit() {
     if (!dirty_) {
@@ -242,7 +240,7 @@ bool PagedFilePackage::WriteState() {
     return true;
 }
 
-// ---- Header data and the list of streams -------------------------------------------------------
+// ---- Header data and the list of streams --------------------------------------------------------
 
 std::uint64_t PagedFilePackage::GetTotalDataSize() {
     return directory_.TotalBytes();
@@ -275,7 +273,7 @@ std::uint64_t PagedFilePackage::GetDataStreamId(std::uint64_t index) {
     return directory_.IdAt(index);
 }
 
-// ---- Streams -----------------------------------------------------------------------------------
+// ---- Streams ------------------------------------------------------------------------------------
 
 Util::RefPtr<IDataStream> PagedFilePackage::OpenDataStream(std::uint64_t id) {
     if (const auto open = openStreams_.find(id); open != openStreams_.end()) {

@@ -22,8 +22,7 @@ public:
     std::string path = CacheFilePath(directory);
 };
 
-// ---- Effects come back
-// ---------------------------------------------------------------------------
+// ---- Effects come back --------------------------------------------------------------------------
 
 TEST_F(EffectCacheFile, SavedEffectsComeBackByteForByte) {
     CacheClient cache(directory);
@@ -109,8 +108,7 @@ TEST_F(EffectCacheFile, ReplacingOverAndOverDoesNotGrowTheFile) {
     EXPECT_EQ(cache.Find("x"), EffectBytes("round 19", 20000));
 }
 
-// ---- The header data
-// -----------------------------------------------------------------------------
+// ---- The header data ----------------------------------------------------------------------------
 
 TEST_F(EffectCacheFile, SaveLeavesTheOtherBlocksOfTheHeaderData) {
     const Bytes before = Block(1, Bytes(5, 0xAA));
@@ -152,8 +150,7 @@ TEST_F(EffectCacheFile, SaveKeepsWhatTheReservedFieldsOfRecordsHold) {
     EXPECT_EQ(NumberAt(StoredCache(directory).RecordOf("y"), 36, 8), 0u);
 }
 
-// ---- The index stream
-// ----------------------------------------------------------------------------
+// ---- The index stream ---------------------------------------------------------------------------
 
 // A cache whose index is stream 2 and whose stream 1 is gone: a new stream gets a lower id than the
 // index has.
@@ -222,8 +219,7 @@ TEST_F(EffectCacheIndexStream, TakesThePlaceOfTheSingleByteOfANewCache) {
     EXPECT_EQ(StoredCache(directory).StreamIds().size(), 2u);
 }
 
-// ---- Telling others
-// ------------------------------------------------------------------------------
+// ---- Telling others -----------------------------------------------------------------------------
 
 TEST_F(EffectCacheFile, SaveAnnouncesOneChange) {
     CacheClient cache(directory);
@@ -240,8 +236,7 @@ TEST_F(EffectCacheFile, SaveAnnouncesOneChange) {
     EXPECT_FALSE(stamp.IsChanged());
 }
 
-// ---- More streams than a package may have
-// --------------------------------------------------------
+// ---- More streams than a package may have -------------------------------------------------------
 
 // A file with so many streams beside an empty index; they have no bytes.
 void WriteCacheWithStreams(const std::string& path, std::uint64_t streams) {

@@ -271,8 +271,7 @@ TEST_F(EffectCacheProcesses, ThatReplaceTheSameNamesAtOnceLeaveWholeEffects) {
     }
 }
 
-// ---- Pages that are older than the file
-// ----------------------------------------------------------
+// ---- Pages that are older than the file ---------------------------------------------------------
 
 TEST_F(EffectCacheProcesses, ProcessThatClosesLateLeavesTheNewerFileAlone) {
     WriteCache(path, {{"x", EffectBytes("old-x", 9000)}, {"y", EffectBytes("old-y", 9000)}});
@@ -322,8 +321,7 @@ TEST_F(EffectCacheProcesses, ProcessThatSearchesLateLeavesTheNewerFileAlone) {
     EXPECT_EQ(ReadWholeFile(path), saved);
 }
 
-// ---- Processes that are killed
-// -------------------------------------------------------------------
+// ---- Processes that are killed ------------------------------------------------------------------
 
 TEST_F(EffectCacheProcesses, KilledProcessLeavesTheOthersWorking) {
     const auto a = Start();

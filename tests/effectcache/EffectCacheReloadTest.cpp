@@ -202,8 +202,7 @@ TEST(EffectCacheOpening, CountsWhatWasSavedBeforeAsSeen) {
     EXPECT_EQ(CountStdioCalls().opens, opens);
 }
 
-// ---- Reloads that fail
-// ---------------------------------------------------------------------------
+// ---- Reloads that fail --------------------------------------------------------------------------
 
 // What somebody has made of the file; what is there then stays as it is.
 struct Damage {

@@ -47,8 +47,7 @@ void ExpectInert(CacheClient& cache) {
     EXPECT_FALSE(cache->IsEnabled());
 }
 
-// ---- Where the cache is
-// --------------------------------------------------------------------------
+// ---- Where the cache is -------------------------------------------------------------------------
 
 TEST(EffectCacheSystem, EmptyDirectoryMakesAnInertCache) {
     CacheClient cache("");
@@ -156,8 +155,7 @@ TEST(EffectCacheSystem, ConstructorThrowsWhenTheTimeStampCannotBeMade) {
     EXPECT_FALSE(std::filesystem::exists(CacheFilePath(directory)));
 }
 
-// ---- Queuing
-// -------------------------------------------------------------------------------------
+// ---- Queuing ------------------------------------------------------------------------------------
 
 TEST(EffectCacheSystem, NewCacheIsEnabledAndEmpty) {
     const TemporaryDirectory directory;
@@ -297,8 +295,7 @@ TEST(EffectCacheSystem, NamesOfEqualBytesAreOneEffect) {
     EXPECT_EQ(cache.Find("X"), (Bytes{3}));
 }
 
-// ---- The size at which a cache saves by itself
-// ----------------------------------------------------
+// ---- The size at which a cache saves by itself --------------------------------------------------
 
 TEST(EffectCacheSystem, SavesWhenTheCountReachesTwoMebibytes) {
     const TemporaryDirectory directory;
@@ -370,8 +367,7 @@ TEST(EffectCacheSystem, IgnoredEffectsDoNotCount) {
     EXPECT_EQ(cache.InFile(), 0u);
 }
 
-// ---- Searching
-// -----------------------------------------------------------------------------------
+// ---- Searching ----------------------------------------------------------------------------------
 
 TEST(EffectCacheSystem, UnknownNameIsNotFound) {
     const TemporaryDirectory directory;
@@ -424,8 +420,7 @@ TEST(EffectCacheSystem, WhatNeedsNoFileDoesNotWaitForTheFileMutex) {
     EXPECT_EQ(after.seeks, before.seeks);
 }
 
-// ---- The switch
-// ----------------------------------------------------------------------------------
+// ---- The switch ---------------------------------------------------------------------------------
 
 TEST(EffectCacheSystem, SwitchIsReported) {
     const TemporaryDirectory directory;
@@ -460,8 +455,7 @@ TEST(EffectCacheSystem, SwitchSurvivesAReload) {
     EXPECT_FALSE(cache->IsEnabled());
 }
 
-// ---- The end
-// -------------------------------------------------------------------------------------
+// ---- The end ------------------------------------------------------------------------------------
 
 TEST(EffectCacheSystem, ReleasingTheCacheSaves) {
     const TemporaryDirectory directory;
@@ -499,8 +493,7 @@ TEST(EffectCacheSystem, SaveOfAnInertCacheSucceeds) {
     EXPECT_TRUE(cache.SaveToFile());
 }
 
-// ---- The listing
-// ---------------------------------------------------------------------------------
+// ---- The listing --------------------------------------------------------------------------------
 
 // A text as the platform writes it to a text file.
 Bytes AsTextFile(const TemporaryDirectory& directory, const std::string& text) {

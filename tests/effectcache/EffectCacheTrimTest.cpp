@@ -54,8 +54,7 @@ public:
     std::string path = CacheFilePath(directory);
 };
 
-// ---- While the index is loaded
-// -------------------------------------------------------------------
+// ---- While the index is loaded ------------------------------------------------------------------
 
 TEST_F(EffectCacheTrim, BudgetIsAskedForTheDirectoryWithItsSeparator) {
     FreeSpaceStub space(kPlenty);
@@ -180,8 +179,7 @@ TEST_F(EffectCacheTrim, ManyEffectsGoOldestFirst) {
     }
 }
 
-// ---- Before pending effects are moved into the file
-// ----------------------------------------------
+// ---- Before pending effects are moved into the file ---------------------------------------------
 
 // Saves "new" in a cache of the effects; the space is free only after the file was opened.
 class EffectCacheTrimOnSave : public EffectCacheTrim {
@@ -354,8 +352,7 @@ TEST_F(EffectCacheTrimOnSave, FoundEffectIsTheLastToGo) {
     EXPECT_EQ(StoredCache(directory).Names(), (Names{"b", "new"}));
 }
 
-// ---- The cap of the budget
-// -----------------------------------------------------------------------
+// ---- The cap of the budget ----------------------------------------------------------------------
 
 // Beside the effects, the file holds a stream that takes as many bytes of the total as a test
 // wants, and nearly none of the disk: its size in the stream directory is made up.

@@ -78,8 +78,7 @@ struct Subject {
 
 constexpr std::uint64_t kNoLimit = ~std::uint64_t{0};
 
-// ---- WriteExact
-// ----------------------------------------------------------------------------------
+// ---- WriteExact ---------------------------------------------------------------------------------
 
 TEST(WriteExact, WritesAllBytesInOneCall) {
     Subject subject;
@@ -130,8 +129,7 @@ TEST(WriteExact, WriteThatThrowsSomethingElseFailsAndCostsTheStream) {
     EXPECT_FALSE(subject.stream);
 }
 
-// ---- ReadExact
-// -----------------------------------------------------------------------------------
+// ---- ReadExact ----------------------------------------------------------------------------------
 
 TEST(ReadExact, ReadsAllBytesInOneCall) {
     Subject subject({1, 2, 3, 4});
@@ -178,8 +176,7 @@ TEST(ReadExact, ReadThatThrowsFailsAndCostsTheStream) {
     EXPECT_FALSE(subject.stream);
 }
 
-// ---- WriteBytes
-// ----------------------------------------------------------------------------------
+// ---- WriteBytes ---------------------------------------------------------------------------------
 
 TEST(WriteBytes, WritesTheLengthAndTheBytes) {
     Subject subject;
@@ -218,8 +215,7 @@ TEST(WriteBytes, ShortBytesFailAndCostTheStream) {
     EXPECT_EQ(subject.memory->calls, 2);
 }
 
-// ---- ReadBytes
-// -----------------------------------------------------------------------------------
+// ---- ReadBytes ----------------------------------------------------------------------------------
 
 // Both kinds of buffer that are read into, in one shape.
 struct VectorBuffer {

@@ -65,7 +65,7 @@ TEST_F(CommitTest, IsMadeByTheReleaseOfTheLastReference) {
     Format::ExpectFile(path_, streams_, headerData_);
 }
 
-// ---- What it writes ----------------------------------------------------------------------------
+// ---- What it writes -----------------------------------------------------------------------------
 
 TEST_F(CommitTest, WritesLinksThenStreamsThenTailsThenHeaderData) {
     Add(8192 + 5);
@@ -195,7 +195,7 @@ TEST_F(CommitTest, GrowsTheHeadFileStepByStep) {
     ExpectPackage();
 }
 
-// ---- Open streams ------------------------------------------------------------------------------
+// ---- Open streams -------------------------------------------------------------------------------
 
 TEST_F(CommitTest, LeavesOpenStreamsWhereTheyAre) {
     const std::uint64_t id = Add(20000);
@@ -246,7 +246,7 @@ TEST_F(OnePageCommitTest, FailsWhileAStreamHasTheOnlyPagePinned) {
     CommitAndExpectFile();
 }
 
-// ---- Failures ----------------------------------------------------------------------------------
+// ---- Failures -----------------------------------------------------------------------------------
 
 // A package with a stream open, and changes that make the head file grow by pages that the file
 // does not have yet.

@@ -31,7 +31,7 @@ Words Numbers(const Format::StreamRecord& record) {
 
 }  // namespace
 
-// ---- Pages and tails ---------------------------------------------------------------------------
+// ---- Pages and tails ----------------------------------------------------------------------------
 
 TEST_F(CreateDataStreamTest, OfNoBytesTakesNoPageAndNoTail) {
     const Bytes empty = File();
@@ -135,7 +135,7 @@ TEST_F(CreateDataStreamTest, ManyTimesKeepsEveryStreamApart) {
     CommitAndExpectFile();
 }
 
-// ---- Ids and counts ----------------------------------------------------------------------------
+// ---- Ids and counts -----------------------------------------------------------------------------
 
 TEST_F(CreateDataStreamTest, HandsOutTheLowestFreeIdFirst) {
     for (std::uint64_t id = 0; id < 5; ++id) {
@@ -177,7 +177,7 @@ TEST_F(CreateDataStreamTest, IsAChange) {
     EXPECT_TRUE(package_->HasChanges());
 }
 
-// ---- Limits ------------------------------------------------------------------------------------
+// ---- Limits -------------------------------------------------------------------------------------
 
 class StreamLimitTest : public PackageTest {
 protected:
@@ -251,7 +251,7 @@ TEST_F(CreateDataStreamTest, RefusesMoreWholePagesThanThereCanBe) {
     EXPECT_EQ(Image().streams[0].firstPage, 11U);
 }
 
-// ---- What is left when it fails ----------------------------------------------------------------
+// ---- What is left when it fails -----------------------------------------------------------------
 
 // A package that has three pages left.
 class FullPackageTest : public PackageTest {

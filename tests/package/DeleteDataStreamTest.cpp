@@ -133,7 +133,7 @@ TEST_F(DeleteDataStreamTest, LeavesTheBytesOfOtherBlocksAlone) {
     CommitAndExpectFile();
 }
 
-// ---- Streams that are open meanwhile -----------------------------------------------------------
+// ---- Streams that are open meanwhile ------------------------------------------------------------
 
 // The tail is 6000 bytes long and lies across a page end of its block before, and within a page
 // afterwards.
@@ -184,7 +184,7 @@ TEST_F(DeleteDataStreamTest, LeavesOpenStreamsOfOtherBlocksAlone) {
     EXPECT_TRUE(Rest(*stream) == From(streams_[8], 100));
 }
 
-// ---- When it fails -----------------------------------------------------------------------------
+// ---- When it fails ------------------------------------------------------------------------------
 
 // A fragment that reaches beyond its block, as no package writes it.
 TEST_F(DeleteDataStreamTest, ReturnsFalseAndLeavesTheTailWhenItCanNotBeCutOut) {

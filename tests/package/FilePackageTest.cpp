@@ -39,7 +39,7 @@ protected:
     Bytes headerData_;
 };
 
-// ---- CreateFilePackage -------------------------------------------------------------------------
+// ---- CreateFilePackage --------------------------------------------------------------------------
 
 TEST_F(FilePackageTest, CreateMakesAFileOfOnePageWithNothingInIt) {
     const auto package = Create(path_);
@@ -134,7 +134,7 @@ TEST_F(FilePackageTest, CreateTakesACapacityOfZeroAsOne) {
     EXPECT_TRUE(Format::OpenPackage(path_, {0, 100}));
 }
 
-// ---- OpenFilePackage ---------------------------------------------------------------------------
+// ---- OpenFilePackage ----------------------------------------------------------------------------
 
 TEST_F(FilePackageTest, OpenOfAMissingFileIsEmptyAndLeavesAnEmptyFile) {
     EXPECT_FALSE(Open(path_));

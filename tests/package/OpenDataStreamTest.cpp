@@ -123,7 +123,7 @@ TEST_F(OpenDataStreamTest, LetsTheFilesErrorsThroughWhenAStreamIsRead) {
     EXPECT_TRUE(content == streams_[0]);
 }
 
-// ---- A package that goes before its streams ----------------------------------------------------
+// ---- A package that goes before its streams -----------------------------------------------------
 
 TEST_F(OpenDataStreamTest, LeavesAnEmptyStreamBehindWhenThePackageGoesFirst) {
     const std::uint64_t id = Add(10000);
@@ -160,7 +160,7 @@ TEST_F(OpenDataStreamTest, LeavesEveryStreamEmptyAlsoWhenTheLastCommitFails) {
     }
 }
 
-// ---- Pinned pages ------------------------------------------------------------------------------
+// ---- Pinned pages -------------------------------------------------------------------------------
 
 class TwoPagesTest : public PackageTest {
 protected:

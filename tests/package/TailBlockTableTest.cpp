@@ -56,7 +56,7 @@ TailBlockTable WithFragment(std::uint64_t freeBytes, std::uint64_t offset, std::
 
 }  // namespace
 
-// ---- Blocks ------------------------------------------------------------------------------------
+// ---- Blocks -------------------------------------------------------------------------------------
 
 TEST(TailBlockTable, IsEmptyAtFirst) {
     const TailBlockTable table;
@@ -128,7 +128,7 @@ TEST_F(TailBlockTableTest, ForgetsEverythingAtReset) {
     EXPECT_THROW(table_.Place(9, 0, 100), InvalidParameterException);
 }
 
-// ---- Placing -----------------------------------------------------------------------------------
+// ---- Placing ------------------------------------------------------------------------------------
 
 TEST_F(TailBlockTableTest, PacksTailsFromTheStartOfABlockUpwards) {
     EXPECT_TRUE(table_.Place(7, block_, 8000));
@@ -187,7 +187,7 @@ TEST(TailBlockTable, MindsOverlapsOnlyWithTailsOfTheSameBlock) {
     EXPECT_TRUE(table.Place(2, table.AddBlock(kOtherPages), 50));
 }
 
-// ---- Removing ----------------------------------------------------------------------------------
+// ---- Removing -----------------------------------------------------------------------------------
 
 TEST_F(TailBlockTableTest, MovesWhatLiesBehindARemovedTailDown) {
     EXPECT_TRUE(table_.Place(1, block_, 100));
@@ -246,7 +246,7 @@ TEST(TailBlockTable, MovesTailsDownThatItsListDoesNotName) {
     EXPECT_EQ(table.FindBlock(0)->freeBytes, 65100U);
 }
 
-// ---- Saving ------------------------------------------------------------------------------------
+// ---- Saving -------------------------------------------------------------------------------------
 
 TEST(TailBlockTable, IsSavedAsTwoCountsOfZeroWhenItIsEmpty) {
     EXPECT_THAT(Saved(TailBlockTable()), ElementsAreArray(Bytes(16, 0)));
@@ -338,7 +338,7 @@ TEST_F(TailBlockTableTest, ExchangesEverythingWithAnother) {
     EXPECT_EQ(other.AddBlock(kPages), 1U);
 }
 
-// ---- The tail as a seeker takes it -------------------------------------------------------------
+// ---- The tail as a seeker takes it --------------------------------------------------------------
 
 TEST_F(TailBlockTableTest, DescribesNoTailAsAllZero) {
     ChildFileTail tail = {1, 2, 3, 4};

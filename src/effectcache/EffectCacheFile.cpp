@@ -7,7 +7,6 @@
 #include "effectcache/StreamHelpers.h"
 #include "package/PagedFilePackage.h"
 #include "platform/DiskSpace.h"
-#include "quorvel/AutoMutex.h"
 #include "quorvel/Exceptions.h"
 #include "quorvel/FilePackage.h"
 
@@ -113,8 +112,11 @@ void EffectCacheImpl::EmptyFile() noexcept {
 
 // ---- Reading ------------------------------------------------------------------------------------
 
-bool EffectCacheImpl::SyncWithFile() noexcept {
-    if (!stamp_.IsChanged()) {
+// The guard is the one under which the caller has the file. When its wait ended in an abandoned
+// mutex, the last holder may have died in the middle of a save, before it wrote a stamp.
+bool EffectCacheImpl::SyncWithFile(const AutoMutex& guard) noexcept {
+    const bool isAbandoned = guard.WaitResult() == kWaitAbandoned;
+    if (!stamp_.IsChanged() && !isAbandoned) {
         return true;
     }
     if (!package_) {
@@ -220,7 +222,11 @@ bool EffectCacheImpl::SaveToFile() noexcept {
         return true;
     }
     try {
-        if (!SyncWithFile() || !MovePendingIntoFile() || !CommitTables()) {
+        if (!SyncWithFile(guard)) {
+            throw FileIOException();
+        }
+        Internals(package_).MarkUnfinished();
+        if (!MovePendingIntoFile() || !CommitTables()) {
             throw FileIOException();
         }
         return true;
@@ -263,6 +269,9 @@ bool EffectCacheImpl::TrimTo(std::uint64_t limit) {
     std::stable_sort(entries.begin(), entries.end(), [](const auto& left, const auto& right) {
         return IsEarlier(left->second.entryTime, right->second.entryTime);
     });
+    if (!entries.empty()) {
+        Internals(package_).MarkUnfinished();
+    }
     for (const FileTable::iterator& entry : entries) {
         if (package_->GetTotalDataSize() < limit) {
             break;

@@ -7,7 +7,6 @@
 
 #include "effectcache/StreamHelpers.h"
 #include "platform/Path.h"
-#include "quorvel/AutoMutex.h"
 
 namespace Quorvel {
 
@@ -117,7 +116,7 @@ bool EffectCacheImpl::SearchCachedEffects(const CStr& name, Tab<unsigned char>& 
     }
 
     const AutoMutex fileGuard(*fileMutex_, kWaitForever);
-    SyncWithFile();
+    SyncWithFile(fileGuard);
     const auto found = fileTable_.find(key);
     return found != fileTable_.end() && ReadEffect(found->second, data);
 }

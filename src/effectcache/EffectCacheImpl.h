@@ -9,6 +9,7 @@
 #include "effectcache/EffectKey.h"
 #include "effectcache/EffectRecord.h"
 #include "platform/CriticalSection.h"
+#include "quorvel/AutoMutex.h"
 #include "quorvel/IDataStreamSet.h"
 #include "quorvel/MultiProcessTimeStamp.h"
 #include "quorvel/MutexObject.h"
@@ -68,7 +69,7 @@ private:
     bool OpenFile() noexcept;
     bool CreateFile() noexcept;
     void CreateEmptyCache();
-    bool SyncWithFile() noexcept;
+    bool SyncWithFile(const AutoMutex& guard) noexcept;
     bool ReadHeader();
     bool WriteHeader();
     bool ReadIndex(Util::RefPtr<IDataStream>& stream);

@@ -1,6 +1,8 @@
 #include "package/PagedFilePackage.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstring>
 #include <utility>
 
 #include "package/StreamTransfer.h"
@@ -20,7 +22,11 @@ std::uint64_t HeaderDataStateSize(const std::vector<std::uint8_t>& headerData) {
 }  // namespace
 
 PagedFilePackage::PagedFilePackage(const PagedFilePackageConfig& config)
-    : dirty_(false), config_(config), allocator_(new PageAllocator), reopened_(true) {
+    : dirty_(false),
+      config_(config),
+      allocator_(new PageAllocator),
+      isMarkedUnfinished_(false),
+      reopened_(true) {
     if (!config.fileName) {
         throw InvalidParameterException();
     }
@@ -57,6 +63,15 @@ void PagedFilePackage::Abandon() {
     }
 }
 
+void PagedFilePackage::MarkUnfinished() {
+    dirty_ = true;
+    if (!isMarkedUnfinished_) {
+        SetStoredPageCount(0);
+        cache_->WritePage(kHeadPageNumber);
+        isMarkedUnfinished_ = true;
+    }
+}
+
 void PagedFilePackage::Close() {
     headFile_.Reset();
     headerData_.clear();
@@ -65,6 +80,7 @@ void PagedFilePackage::Close() {
     directory_.Reset();
     tailBlocks_.Reset();
     dirty_ = false;
+    isMarkedUnfinished_ = false;
 }
 
 void PagedFilePackage::OpenCache() {
@@ -125,6 +141,7 @@ void PagedFilePackage::Swap(PagedFilePackage& other) noexcept {
     headerData_.swap(other.headerData_);
     std::swap(headFile_, other.headFile_);
     openStreams_.swap(other.openStreams_);
+    std::swap(isMarkedUnfinished_, other.isMarkedUnfinished_);
     std::swap(reopened_, other.reopened_);
 }
 
@@ -141,12 +158,34 @@ bool PagedFilePackage::Commit() {
         ReopenFile();
     }
     FreeHeadFile();
-    if (!CreateHeadFile() || !WriteState()) {
+    if (!CreateHeadFile()) {
+        return false;
+    }
+    if (isMarkedUnfinished_) {
+        SetStoredPageCount(0);
+    }
+    if (!WriteState()) {
         return false;
     }
     ReopenFile();
+    if (isMarkedUnfinished_) {
+        // Everything else is in the file: from here on it holds the new state.
+        SetStoredPageCount(headFile_->pageCount);
+        cache_->WritePage(kHeadPageNumber);
+        isMarkedUnfinished_ = false;
+    }
     dirty_ = false;
     return true;
+}
+
+// Changes the head page in the cache alone.
+void PagedFilePackage::SetStoredPageCount(std::uint64_t pageCount) {
+    PageRef page(cache_.get());
+    page.SetWritePage(kHeadPageNumber);
+    if (!page.Data()) {
+        throw FileDataCorruptException();
+    }
+    std::memcpy(page.Data() + offsetof(HeadFileHeader, pageCount), &pageCount, sizeof pageCount);
 }
 
 // Writes every page back and opens the file anew. An attempt that fails may leave the cache without

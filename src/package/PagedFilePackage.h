@@ -44,6 +44,11 @@ public:
     // rewritten, or whose state is half done.
     void Abandon();
 
+    // Marks the file as unfinished until the next Commit has written everything: its head page says
+    // that it has no pages. Who dies on the way leaves a file that can't be opened, not one that
+    // mixes two states. Counts as a change. Throws as the operations of IDataStreamSet do.
+    void MarkUnfinished();
+
     bool Load() override;
     bool Commit() override;
     std::uint64_t GetTotalDataSize() override;
@@ -75,6 +80,7 @@ private:
     void FreeHeadFile();
     void FreeHeadPages(const std::uint64_t* pages, std::uint64_t count);
     bool CreateHeadFile();
+    void SetStoredPageCount(std::uint64_t pageCount);
     std::uint64_t AllocateHeadPages(std::vector<std::uint64_t>& pages);
     void ReleaseStreamPages();
     bool WriteState();
@@ -96,6 +102,7 @@ private:
     std::vector<std::uint8_t> headerData_;
     Util::RefPtr<IPagedFileSeeker> headFile_;
     std::map<std::uint64_t, ChildFileStream*> openStreams_;
+    bool isMarkedUnfinished_;
     bool reopened_;  // false when the last attempt to reopen the file failed
 };
 

@@ -72,6 +72,11 @@ void FilePageCache::DiscardAll() {
     leastRecent_ = nullptr;
 }
 
+void FilePageCache::WritePage(std::uint64_t page) {
+    const std::uint64_t index = page - kHeadPageNumber;
+    WriteAt(pages_[index]->data, OffsetOfIndex(index), kPageSize);
+}
+
 void FilePageCache::EnsurePageInFile(std::uint64_t page) {
     GrowTo(OffsetOfIndex(page - kHeadPageNumber) + kPageSize);
 }

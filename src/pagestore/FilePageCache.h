@@ -64,6 +64,9 @@ public:
     void ReleasePageForRead(std::uint64_t page) { ReleasePage(page); }
     void ReleasePageForWrite(std::uint64_t page) { ReleasePage(page); }
 
+    // Writes a page that is resident to the file now; it stays resident. Throws FileIOException.
+    void WritePage(std::uint64_t page);
+
     // Grows the file to cover a page, which must be valid. Throws FileIOException.
     void EnsurePageInFile(std::uint64_t page);
 

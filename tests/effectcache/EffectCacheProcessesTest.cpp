@@ -5,6 +5,7 @@
 
 #include "effectcache/CacheClient.h"
 #include "effectcache/StoredCache.h"
+#include "package/PagedFilePackage.h"
 #include "platform/Path.h"
 #include "quorvel/Exceptions.h"
 #include "quorvel/MutexObject.h"
@@ -367,6 +368,36 @@ TEST_F(EffectCacheProcesses, KilledHolderOfTheFileMutexLeavesTheNextOneWorking) 
     EXPECT_EQ(c->End(), 0);
     EXPECT_EQ(mutex.Acquire(kWaitForever), kWaitAbandoned);
     mutex.Release();
+}
+
+// Who was killed while he saved wrote no stamp: that the mutex is abandoned is all there is to
+// tell.
+TEST_F(EffectCacheProcesses, KilledHolderOfTheFileMutexMakesTheNextOneReadTheFileAgain) {
+    const std::string mutexName = SharedObjectName(directory) + "_mutex";
+    WriteCache(path, {{"x", EffectBytes("old-x", 9000)}});
+    const auto b = Start();
+    ChildProcess holder("MutexHolder", {mutexName});
+    EXPECT_EQ(holder.Receive(), "0");
+    WriteCache(path, {{"x", EffectBytes("new-x", 9000)}, {"y", EffectBytes("new-y", 9000)}});
+    holder.Kill();
+    EXPECT_EQ(b->Find("x"), Expected("new-x", 9000));
+    EXPECT_EQ(b->Find("y"), Expected("new-y", 9000));
+}
+
+TEST_F(EffectCacheProcesses, FileThatAKilledProcessLeftUnfinishedIsReplacedByAnEmptyCache) {
+    WriteCache(path, {{"x", EffectBytes("old-x", 9000)}});
+    {
+        const PagedFilePackageConfig config = {path.c_str(), 64, 65535};
+        const Util::RefPtr<PagedFilePackage> package(new PagedFilePackage(config));
+        ASSERT_TRUE(package->Load());
+        package->MarkUnfinished();
+        package->Abandon();
+    }
+    const auto a = Start();
+    EXPECT_EQ(a->Find("x"), "absent");
+    a->Add("y", "by-a", 9000);
+    EXPECT_TRUE(a->Save());
+    EXPECT_EQ(Start()->Find("y"), Expected("by-a", 9000));
 }
 
 TEST_F(EffectCacheProcesses, KilledHolderOfTheFileMutexDoesNotKeepOthersFromOpening) {

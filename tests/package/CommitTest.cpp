@@ -374,4 +374,63 @@ TEST_F(CommitTest, OfADamagedHeadFileFailsOnceAndFreesNoPageTwice) {
     ExpectPackage();
 }
 
+// ---- Packages that are marked as unfinished ---------------------------------------------------
+
+TEST_F(CommitTest, MarkedPackageCanNotBeOpenedUntilItIsCommitted) {
+    const std::uint64_t old = Add(10000);
+    ASSERT_TRUE(package_->Commit());
+    package_->MarkUnfinished();
+    EXPECT_TRUE(package_->HasChanges());
+    EXPECT_EQ(WordsOfPage(File(), 10, 1), Words{0});
+    EXPECT_FALSE(NewPackage()->Load());
+
+    Delete(old);
+    Add(20000);
+    EXPECT_FALSE(NewPackage()->Load());
+    CommitAndExpectFile();
+}
+
+TEST_F(CommitTest, MarkingAgainWritesNothing) {
+    package_->MarkUnfinished();
+    const StdioCounts before = CountStdioCalls();
+    package_->MarkUnfinished();
+    EXPECT_TRUE(CountStdioCalls() == before);
+    CommitAndExpectFile();
+}
+
+TEST_F(CommitTest, NextCommitAfterAMarkedOneIsAnOrdinaryOne) {
+    package_->MarkUnfinished();
+    ASSERT_TRUE(package_->Commit());
+    Add(10000);
+    EXPECT_TRUE(NewPackage()->Load());
+    CommitAndExpectFile();
+}
+
+// A process that dies leaves the file as its last write left it. Whichever write that is, the file
+// can be opened only when nothing is missing from it.
+TEST_F(CommitTest, OfAMarkedPackageMakesTheFileReadableByItsLastWrite) {
+    std::uint64_t writesDone = 0;
+    for (bool isCommitted = false; !isCommitted; ++writesDone) {
+        StartOver();
+        for (int stream = 0; stream < 30; ++stream) {
+            Add(7500);
+        }
+        ASSERT_TRUE(package_->Commit());
+        package_->MarkUnfinished();
+        Delete(0);
+        Add(7500);
+        {
+            const StdioFault fault(StdioCall::Write, EIO, writesDone);
+            try {
+                isCommitted = package_->Commit();
+            } catch (const FileIOException&) {
+            }
+        }
+        EXPECT_EQ(NewPackage()->Load(), isCommitted) << "after " << writesDone << " writes";
+        package_->Abandon();
+    }
+    EXPECT_GT(writesDone, 10U);
+    Format::ExpectFile(path_, streams_, headerData_);
+}
+
 }  // namespace Quorvel::Testing

@@ -759,6 +759,27 @@ TEST_F(FilePageCacheTest, DiscardAllOfAnEmptyCacheDoesNothing) {
 
 // ---- Making the file cover a page ---------------------------------------------------------------
 
+TEST_F(FilePageCacheTest, WritePagePutsAResidentPageIntoTheFileAndKeepsIt) {
+    FilePageCache cache(path_.c_str(), 4);
+    Fill(cache, 10);
+    Fill(cache, 11);
+    const StdioCounts before = CountStdioCalls();
+    cache.WritePage(11);
+    EXPECT_EQ(CountStdioCalls().writes, before.writes + 1);
+    EXPECT_EQ(CountStdioCalls().bytesWritten, before.bytesWritten + kPageSize);
+    EXPECT_EQ(FilledPagesOfFile(), (Numbers{11}));
+
+    Touch(cache, 11);
+    EXPECT_EQ(CountStdioCalls().reads, before.reads);
+}
+
+TEST_F(FilePageCacheTest, WritePageThrowsWhenThePageCanNotBeWritten) {
+    FilePageCache cache(path_.c_str(), 4);
+    Fill(cache, 10);
+    const StdioFault fault(StdioCall::Write, ENOSPC);
+    EXPECT_THROW(cache.WritePage(10), FileIOException);
+}
+
 TEST_F(FilePageCacheTest, EnsurePageInFileGrowsTheFileToTheEndOfThePageWithoutLoadingIt) {
     FilePageCache cache(path_.c_str(), 1);
     const StdioCounts before = CountStdioCalls();

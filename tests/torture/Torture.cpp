@@ -219,13 +219,14 @@ private:
 
 bool Report::IsGood() const {
     const bool nobodyFailed = crashed == 0 && hung == 0 && structureProblems.empty() &&
+                              At(*this, Count::OthersBytes) == 0 &&
+                              At(*this, Count::DamagedBytes) == 0 &&
                               At(*this, Count::Invented) == 0 && At(*this, Count::Unusable) == 0;
     if (!orderly) {
         return nobodyFailed;
     }
-    return nobodyFailed && At(*this, Count::OthersBytes) == 0 &&
-           At(*this, Count::DamagedBytes) == 0 && At(*this, Count::Missing) == 0 &&
-           At(*this, Count::Stale) == 0 && At(*this, Count::BecameInert) == 0;
+    return nobodyFailed && At(*this, Count::Missing) == 0 && At(*this, Count::Stale) == 0 &&
+           At(*this, Count::BecameInert) == 0;
 }
 
 Report RunTorture(const Options& options) {

@@ -27,8 +27,8 @@ struct Report {
     std::vector<std::uint64_t> counts;  // by Count
     std::uint64_t effectsAtEnd = 0;
 
-    // Whether every figure is as it must be: in a run with deaths effects may be lost, bytes may
-    // be damaged and caches may become inert; nothing else may happen.
+    // Whether every figure is as it must be. Where processes are killed, effects may be lost and
+    // caches may become inert; wrong bytes must not be served there either.
     bool IsGood() const;
 };
 

@@ -33,8 +33,10 @@ struct PendingEffect {
 //
 // A package that is let go is abandoned first: after a commit the file holds everything, and
 // without one what is in memory must not reach it. What a step that failed half-way may have left
-// in the file is replaced by an empty cache or, where that can't be written, by nothing. So the
-// next to open the file finds the state of the last commit or an empty cache, never a mixture.
+// in the file is replaced by an empty cache or, where that can't be written, by nothing. For the
+// case that the process dies half-way, the file is marked as unfinished from the first change of a
+// save to its commit. So the next to open the file finds the state of the last commit or an empty
+// cache, never a mixture.
 class EffectCacheImpl {
 public:
     explicit EffectCacheImpl(const CStr& directory);

@@ -1,5 +1,7 @@
 #include "torture/Board.h"
 
+#include "quorvel/AutoMutex.h"
+
 namespace Quorvel::Torture {
 
 Board::Board(const std::string& name) {
@@ -14,13 +16,24 @@ std::atomic<std::uint64_t>& Board::Saved(std::uint64_t slot, std::uint64_t name)
     return content_->saved[slot][name];
 }
 
+std::atomic<std::uint64_t>& Board::Room() {
+    return content_->room;
+}
+
 std::atomic<std::uint64_t>& Board::operator[](Count count) {
     return content_->counts[static_cast<std::uint64_t>(count)];
 }
 
-// A fresh block is all zero, which is what every number starts from.
+// An abandoned mutex is owned after the wait, although no block comes with it.
+void Board::Repair() {
+    Lock(kWaitForever);
+    Unlock();
+}
+
+// A fresh block is all zero, which is what most numbers start from.
 void Board::OnMemoryCreated(void* block) {
     content_ = static_cast<Content*>(block);
+    content_->room = kRealRoom;
 }
 
 void Board::OnMemoryAttached(void* block) {

@@ -24,7 +24,7 @@ enum class Count : std::uint64_t {
     // What a search did not find although its save had returned, or found in an older version.
     Missing,
     Stale,
-    // A name that nobody ever cached was found.
+    // A name, or a version of it, that nobody ever cached was found.
     Invented,
     // A cache object that was usable became inert; a new one was inert from the start.
     BecameInert,
@@ -32,8 +32,11 @@ enum class Count : std::uint64_t {
     CountOfCounts
 };
 
+// As many bytes as the volume really has.
+constexpr std::uint64_t kRealRoom = ~std::uint64_t{0};
+
 // What all processes of a run see: the versions of the names that belong to one process slot each,
-// and the counts.
+// the room that their volume seems to have, and the counts.
 class Board : public MultiProcessMemory {
 public:
     explicit Board(const std::string& name);
@@ -43,7 +46,13 @@ public:
     std::atomic<std::uint64_t>& Issued(std::uint64_t slot, std::uint64_t name);
     std::atomic<std::uint64_t>& Saved(std::uint64_t slot, std::uint64_t name);
 
+    // What the system tells the cache of the free bytes of its volume, or kRealRoom.
+    std::atomic<std::uint64_t>& Room();
+
     std::atomic<std::uint64_t>& operator[](Count count);
+
+    // Takes the block's mutex from a process that was killed while it held it.
+    void Repair();
 
 protected:
     void OnMemoryCreated(void* block) override;
@@ -53,6 +62,7 @@ private:
     struct Content {
         std::atomic<std::uint64_t> issued[kMostSlots][kNamesOfSlot];
         std::atomic<std::uint64_t> saved[kMostSlots][kNamesOfSlot];
+        std::atomic<std::uint64_t> room;
         std::atomic<std::uint64_t> counts[static_cast<std::uint64_t>(Count::CountOfCounts)];
     };
     static_assert(std::atomic<std::uint64_t>::is_always_lock_free);

@@ -71,11 +71,11 @@ public:
           boardName_(Testing::UniqueName()),
           board_(boardName_),
           workers_(options.processes) {
-        report_.orderly = options.kills == 0;
+        report_.options = options;
     }
 
     Report Play() {
-        if (report_.orderly) {
+        if (options_.IsOrderly()) {
             PlayOrderly();
         } else {
             PlayWithDeaths();
@@ -99,7 +99,8 @@ private:
             "TortureWorker",
             std::vector<std::string>{options_.directory, boardName_, std::to_string(slot),
                                      std::to_string(options_.processes), std::to_string(random_()),
-                                     std::to_string(life.count())});
+                                     std::to_string(life.count()),
+                                     std::to_string(options_.MayEvict() ? 1 : 0)});
         ++report_.processes;
     }
 
@@ -120,8 +121,15 @@ private:
             }
             std::this_thread::sleep_for(milliseconds(1));
         }
-        if (worker.process->Wait() != 0) {
-            ++report_.crashed;
+        switch (worker.process->Wait()) {
+            case 0:
+                break;
+            case kRefused:
+                ++report_.refused;
+                board_.Repair();
+                break;
+            default:
+                ++report_.crashed;
         }
         worker.process.reset();
     }
@@ -139,7 +147,10 @@ private:
                     next = slot;
                 }
             }
-            std::this_thread::sleep_until(workers_[next].end);
+            while (Clock::now() < workers_[next].end) {
+                std::this_thread::sleep_for(milliseconds(20));
+                ChangeVolume();
+            }
             Finish(next);
             CheckStructure();
             Start(next, RandomLife());
@@ -156,6 +167,7 @@ private:
         while (report_.killed < options_.kills) {
             std::this_thread::sleep_for(
                 milliseconds(std::uniform_int_distribution<int>(0, 60)(random_)));
+            ChangeVolume();
             for (std::uint64_t slot = 0; slot < workers_.size(); ++slot) {
                 Worker& worker = workers_[slot];
                 if (worker.process && worker.process->HasEnded()) {
@@ -187,6 +199,37 @@ private:
         CheckStructure();
     }
 
+    // Lets the volume seem to have, or have, another number of free bytes. A quarter of the time
+    // there are none at all.
+    void ChangeVolume() {
+        if (std::uniform_int_distribution<int>(0, 4)(random_) != 0) {
+            return;
+        }
+        const bool isFull = std::uniform_int_distribution<int>(0, 3)(random_) == 0;
+        if (options_.room != 0) {
+            board_.Room() =
+                isFull ? 0
+                       : std::uniform_int_distribution<std::uint64_t>(0, options_.room)(random_);
+        }
+        if (options_.fillsVolume) {
+            FillVolume(isFull);
+        }
+    }
+
+    void FillVolume(bool wholly) {
+        const std::string path = options_.directory + kSeparator + "filler";
+        std::filesystem::remove(path);
+        std::uint64_t bytes = std::filesystem::space(options_.directory).available;
+        if (!wholly) {
+            bytes = std::uniform_int_distribution<std::uint64_t>(0, bytes)(random_);
+        }
+        std::ofstream filler(path, std::ios::binary);
+        const std::string block(4096, 'f');
+        for (std::uint64_t written = 0; written <= bytes && filler; written += block.size()) {
+            filler.write(block.data(), static_cast<std::streamsize>(block.size()));
+        }
+    }
+
     void CheckStructure() {
         const std::string path = options_.directory + kSeparator + "vornFxoCache.dat";
         MutexObject mutex((ObjectName(path) + "_mutex").c_str());
@@ -195,10 +238,13 @@ private:
             const AutoMutex guard(mutex, kWaitForever);
             file = ReadFile(path);
         }
+        ++report_.checks;
+        if (options_.fillsVolume && file.empty()) {
+            return;  // what is left of a file when its volume doesn't even hold an empty cache
+        }
         for (const std::string& problem : Format::CheckEffectCache(file)) {
             report_.structureProblems.push_back(problem);
         }
-        ++report_.checks;
         if (report_.structureProblems.empty()) {
             report_.effectsAtEnd = Format::ReadEffectCache(Format::ReadPackage(file)).size();
         }
@@ -221,12 +267,13 @@ bool Report::IsGood() const {
     const bool nobodyFailed = crashed == 0 && hung == 0 && structureProblems.empty() &&
                               At(*this, Count::OthersBytes) == 0 &&
                               At(*this, Count::DamagedBytes) == 0 &&
-                              At(*this, Count::Invented) == 0 && At(*this, Count::Unusable) == 0;
-    if (!orderly) {
-        return nobodyFailed;
-    }
-    return nobodyFailed && At(*this, Count::Missing) == 0 && At(*this, Count::Stale) == 0 &&
-           At(*this, Count::BecameInert) == 0;
+                              At(*this, Count::Invented) == 0;
+    const bool nothingIsOld = refused == 0 && At(*this, Count::Stale) == 0;
+    const bool nothingIsLost = At(*this, Count::Missing) == 0 && At(*this, Count::BecameInert) == 0;
+    const bool everyCacheOpened = At(*this, Count::Unusable) == 0;
+    return nobodyFailed && (everyCacheOpened || options.fillsVolume) &&
+           (nothingIsOld || !options.IsOrderly()) &&
+           (nothingIsLost || !options.IsOrderly() || options.fillsVolume);
 }
 
 Report RunTorture(const Options& options) {
@@ -234,7 +281,7 @@ Report RunTorture(const Options& options) {
 }
 
 std::ostream& operator<<(std::ostream& stream, const Report& report) {
-    stream << (report.orderly ? "orderly run" : "run with deaths") << '\n';
+    stream << (report.options.IsOrderly() ? "orderly run" : "run with deaths") << '\n';
     const auto line = [&stream](std::string_view name, std::uint64_t value) {
         stream << "  " << name << ": " << value << '\n';
     };
@@ -242,6 +289,7 @@ std::ostream& operator<<(std::ostream& stream, const Report& report) {
     line("killed", report.killed);
     line("crashed", report.crashed);
     line("hung", report.hung);
+    line("refused a dead process's lock", report.refused);
     for (std::size_t count = 0; count < report.counts.size(); ++count) {
         line(kCountNames[count], report.counts[count]);
     }

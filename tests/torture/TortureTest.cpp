@@ -1,4 +1,4 @@
-// A short run of what quorvel-torture does for as long as one likes.
+// Short runs of what quorvel-torture does for as long as one likes.
 #include <gtest/gtest.h>
 
 #include "support/TemporaryDirectory.h"
@@ -8,16 +8,30 @@ namespace Quorvel::Torture {
 
 namespace {
 
+constexpr std::uint64_t kMebibyte = 0x100000;
+
 TEST(Torture, OrderlyProcessesLoseNothingAndServeNothingWrong) {
     const Testing::TemporaryDirectory directory;
-    const Report report = RunTorture({directory.Path().string(), 20091030, 6, 4, 0});
+    const Report report = RunTorture(
+        {.directory = directory.Path().string(), .seed = 20091030, .seconds = 6, .processes = 4});
     EXPECT_TRUE(report.IsGood()) << report;
     EXPECT_GT(report.effectsAtEnd, 0U) << report;
 }
 
+TEST(Torture, ProcessesThatAreToldOfLessAndLessRoomServeNothingWrongAndKeepWhatIsPermanent) {
+    const Testing::TemporaryDirectory directory;
+    const Report report = RunTorture({.directory = directory.Path().string(),
+                                      .seed = 11,
+                                      .seconds = 4,
+                                      .processes = 4,
+                                      .room = 3 * kMebibyte});
+    EXPECT_TRUE(report.IsGood()) << report;
+}
+
 TEST(Torture, DeathsServeNothingWrongAndLeaveAFileThatTheNextProcessCanUse) {
     const Testing::TemporaryDirectory directory;
-    const Report report = RunTorture({directory.Path().string(), 7, 0, 2, 60});
+    const Report report = RunTorture(
+        {.directory = directory.Path().string(), .seed = 7, .processes = 2, .kills = 60});
     EXPECT_TRUE(report.IsGood()) << report;
     EXPECT_EQ(report.killed, 60U) << report;
 }

@@ -7,9 +7,12 @@
 #include <vector>
 
 #include "quorvel/EffectCacheSystem.h"
+#include "quorvel/Exceptions.h"
 #include "support/Agent.h"
 #include "torture/Board.h"
 #include "torture/EffectBytes.h"
+#include "torture/FreeSpace.h"
+#include "torture/Torture.h"
 #include "vornutil/CStr.h"
 #include "vornutil/RefPtr.h"
 #include "vornutil/Tab.h"
@@ -22,6 +25,9 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::uint64_t kSharedNames = 40;
 
+// Every so many-th of a slot's names is always permanent, so that it is never evicted.
+constexpr std::uint64_t kPermanentStep = 8;
+
 // Most effects are alike in size, so that one in another's place would not be noticed by its
 // length.
 constexpr std::size_t kUsualSize = 3000;
@@ -30,12 +36,14 @@ constexpr std::size_t kLargestSize = 60000;
 class Worker {
 public:
     Worker(std::string directory, const std::string& board, std::uint64_t slot, std::uint64_t slots,
-           std::uint64_t seed)
+           std::uint64_t seed, bool mayEvict)
         : directory_(std::move(directory)),
           board_(board),
           slot_(slot),
           slots_(slots),
-          random_(seed) {
+          random_(seed),
+          mayEvict_(mayEvict) {
+        ReportFreeSpace(board_.Room());
         Open();
     }
 
@@ -54,8 +62,7 @@ public:
         if (Roll(2) == 0) {
             Save();
         }
-        cache_.Reset();
-        PublishSaved();
+        Close();
     }
 
 private:
@@ -80,9 +87,15 @@ private:
         } else if (roll < 992) {
             cache_->ListCachedEffects((directory_ + "/list" + std::to_string(slot_)).c_str());
         } else {
-            cache_.Reset();
-            PublishSaved();
+            Close();
             Open();
+        }
+    }
+
+    void Close() {
+        cache_.Reset();
+        if (!mayEvict_) {
+            PublishSaved();
         }
     }
 
@@ -111,9 +124,8 @@ private:
         return smallest + Roll(roll < 9 ? kUsualSize : kLargestSize);
     }
 
-    void Cache(const std::string& name, std::uint64_t version) {
+    void Cache(const std::string& name, std::uint64_t version, bool permanent) {
         const std::vector<unsigned char> bytes = MakeEffect(name, version, RandomSize(name));
-        const bool permanent = Roll(20) == 0;
         cache_->CacheCompiledEffect(name.c_str(), bytes.data(), bytes.size(), permanent);
         ++board_[Count::Cached];
     }
@@ -122,14 +134,14 @@ private:
         const std::uint64_t name = Roll(kNamesOfSlot);
         const std::uint64_t version = ++board_.Issued(slot_, name);
         pending_.emplace_back(name, version);
-        Cache(OwnedName(slot_, name), version);
+        Cache(OwnedName(slot_, name), version, name % kPermanentStep == 0);
         if (cache_->IsEnabled() && cache_->GetNumberOfEffectsInMemory() == 0) {
             PublishSaved();  // it was the one too many that waited
         }
     }
 
     void CacheShared() {
-        Cache(SharedName(Roll(kSharedNames)), random_());
+        Cache(SharedName(Roll(kSharedNames)), random_(), Roll(20) == 0);
         if (cache_->IsEnabled() && cache_->GetNumberOfEffectsInMemory() == 0) {
             PublishSaved();
         }
@@ -143,9 +155,14 @@ private:
         }
     }
 
+    // Where effects may be evicted, or dropped by a save that found no room for them, those count
+    // as saved that are found in the file.
     void PublishSaved() {
         for (const auto& [name, version] : pending_) {
-            board_.Saved(slot_, name) = version;
+            std::uint64_t found = 0;
+            if (!mayEvict_ || (Search(OwnedName(slot_, name), found) && found == version)) {
+                board_.Saved(slot_, name) = version;
+            }
         }
         pending_.clear();
     }
@@ -168,7 +185,7 @@ private:
                 ++board_[Count::DamagedBytes];
                 break;
         }
-        version = ~std::uint64_t{0};  // counted once is enough
+        version = kWrongBytes;  // counted once is enough
         return true;
     }
 
@@ -176,11 +193,14 @@ private:
         const std::uint64_t saved = board_.Saved(slot, name);
         std::uint64_t version = 0;
         if (!Search(OwnedName(slot, name), version)) {
-            if (saved != 0 && cache_->IsEnabled()) {
+            const bool mustBeThere = !mayEvict_ || name % kPermanentStep == 0;
+            if (saved != 0 && mustBeThere && cache_->IsEnabled()) {
                 ++board_[Count::Missing];
             }
         } else if (version < saved) {
             ++board_[Count::Stale];
+        } else if (version != kWrongBytes && version > board_.Issued(slot, name)) {
+            ++board_[Count::Invented];
         }
     }
 
@@ -196,22 +216,32 @@ private:
         }
     }
 
+    static constexpr std::uint64_t kWrongBytes = ~std::uint64_t{0};
+
     std::string directory_;
     Board board_;
     std::uint64_t slot_;
     std::uint64_t slots_;
     std::mt19937_64 random_;
+    bool mayEvict_;
     Util::RefPtr<EffectCacheSystem> cache_;
     std::vector<std::pair<std::uint64_t, std::uint64_t>> pending_;  // own names and their versions
 };
 
-// Arguments: directory, board, slot, slots, seed, milliseconds to live.
+// Arguments: directory, board, slot, slots, seed, milliseconds to live, whether effects may be
+// evicted.
+//
+// An object that is made while its mutex is abandoned refuses, and the mutex stays with the thread
+// until that ends. So the process ends, as a host's thread should.
 QUORVEL_AGENT(TortureWorker) {
     const auto number = [&](std::size_t index) { return std::stoull(arguments[index]); };
-    Worker worker(arguments[0], arguments[1], number(2), number(3), number(4));
-    worker.RunUntil(Clock::now() + std::chrono::milliseconds(number(5)));
-    worker.Leave();
-    Testing::AgentSend("done");
+    try {
+        Worker worker(arguments[0], arguments[1], number(2), number(3), number(4), number(6) != 0);
+        worker.RunUntil(Clock::now() + std::chrono::milliseconds(number(5)));
+        worker.Leave();
+    } catch (const Win32APICallFailedException&) {
+        return kRefused;
+    }
     return 0;
 }
 

@@ -26,7 +26,17 @@ int main(int argc, char** argv) {
     app.add_option("--kills", options.kills,
                    "kill processes at random moments, so many in all; 0 is an orderly run")
         ->capture_default_str();
+    app.add_option("--room", options.room,
+                   "tell the cache that its volume has at most so many free bytes, and at times "
+                   "fewer; 0 tells the truth")
+        ->capture_default_str();
+    app.add_flag("--fill-volume", options.fillsVolume,
+                 "fill the directory's volume at random; it should be a small one of its own");
     CLI11_PARSE(app, argc, argv);
+    if (options.fillsVolume && options.directory.empty()) {
+        std::cerr << "--fill-volume needs a --directory on a small volume of its own\n";
+        return 2;
+    }
 
     const Quorvel::Testing::TemporaryDirectory own;
     if (options.directory.empty()) {

@@ -48,16 +48,6 @@ void UnmapNativeMutex(pthread_mutex_t* mutex) {
     ::munmap(mutex, sizeof(pthread_mutex_t));
 }
 
-bool InitialiseMutexFile(int descriptor) {
-    pthread_mutex_t* mutex = MapNativeMutex(descriptor, MAP_SHARED);
-    if (!mutex) {
-        return false;
-    }
-    const bool initialised = InitialiseNativeMutex(mutex);
-    UnmapNativeMutex(mutex);
-    return initialised;
-}
-
 // A mutex that this process has open, at one address however often it is open: the list of owned
 // robust mutexes that the C library keeps for each thread holds addresses.
 //
@@ -81,9 +71,14 @@ public:
     }
     bool Open(const char* name) {
         object_ = NamedObject::Open(kKind, name, NamedObject::IfAbsent::Create,
-                                    sizeof(pthread_mutex_t), InitialiseMutexFile);
-        native_ = object_ ? MapNativeMutex(object_->Descriptor(), MAP_SHARED) : nullptr;
-        return native_ != nullptr;
+                                    sizeof(pthread_mutex_t), [this](int descriptor) {
+                                        native_ = MapNativeMutex(descriptor, MAP_SHARED);
+                                        return native_ && InitialiseNativeMutex(native_);
+                                    });
+        if (object_ && !native_) {
+            native_ = MapNativeMutex(object_->Descriptor(), MAP_SHARED);
+        }
+        return object_ && native_;
     }
 
     std::uint32_t Acquire(std::uint32_t timeout) {

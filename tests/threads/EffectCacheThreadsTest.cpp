@@ -11,7 +11,7 @@ namespace Quorvel::Testing {
 
 namespace {
 
-constexpr int kThreads = 4;
+constexpr int kThreads = 8;
 constexpr int kNames = 12;
 constexpr int kRounds = 60;
 constexpr std::size_t kSize = 60000;

@@ -6,6 +6,7 @@
 #include "effectcache/EffectCacheImpl.h"
 #include "effectcache/StreamHelpers.h"
 #include "package/PagedFilePackage.h"
+#include "package/StreamTransfer.h"
 #include "platform/DiskSpace.h"
 #include "quorvel/Exceptions.h"
 #include "quorvel/FilePackage.h"
@@ -33,9 +34,8 @@ PagedFilePackage& Internals(const Util::RefPtr<IDataStreamSet>& package) {
     return static_cast<PagedFilePackage&>(*package);
 }
 
-bool IsIndexed(const EffectKey& key, const EffectRecord& record) {
-    return !key.bytes.empty() && key.bytes.size() == record.nameLength;
-}
+// Pieces in which the index stream is written.
+constexpr std::size_t kIndexPieceSize = 16384;
 
 }  // namespace
 
@@ -185,28 +185,38 @@ bool EffectCacheImpl::LoadIndex() {
     if (!stream) {
         return false;
     }
-    fileTable_.clear();
-    if (!ReadIndex(stream)) {
+    fileTable_.Clear();
+    const bool isComplete = ReadIndex(*stream);
+    fileTable_.Settle();
+    if (!isComplete) {
         return false;
     }
     stream.Reset();
     TrimTo(SpaceBudget());
+    fileTable_.Settle();
     // A trim deletes streams that the index in the file still names, and moves the tails of others:
     // no page of that may reach the file without the index that goes with it.
     return !Internals(package_).HasChanges() || CommitTables();
 }
 
-bool EffectCacheImpl::ReadIndex(Util::RefPtr<IDataStream>& stream) {
+bool EffectCacheImpl::ReadIndex(IDataStream& stream) {
+    constexpr std::uint64_t kSmallestEntry = IndexEntrySize(kShortestName);
+    StateReader reader(stream);
+    std::vector<unsigned char> name;
     for (std::uint64_t index = 0; index < header_.recordCount; ++index) {
-        EffectRecord record;
-        std::vector<unsigned char> name;
-        if (!ReadExact(stream, &record, sizeof record) || record.nameLength < kShortestName ||
-            record.nameLength > kLongestName || record.effectSize < kSmallestEffect ||
-            record.effectSize > kLargestEffect || !ReadBytes(name, stream, kLongestName) ||
-            name.size() != record.nameLength) {
+        reader.Expect((header_.recordCount - index) * kSmallestEntry);
+        const auto entry = reader.Read<IndexEntry>();
+        const EffectRecord& record = entry.record;
+        if (record.nameLength < kShortestName || record.nameLength > kLongestName ||
+            record.effectSize < kSmallestEffect || record.effectSize > kLargestEffect ||
+            entry.nameLength != record.nameLength) {
             return false;
         }
-        fileTable_.insert_or_assign(EffectKey(std::move(name)), record);
+        name.resize(entry.nameLength);
+        if (!reader.TryRead(name.data(), name.size())) {
+            return false;
+        }
+        fileTable_.Put(EffectKeyView(name), record);
     }
     return true;
 }
@@ -260,24 +270,25 @@ bool EffectCacheImpl::TrimTo(std::uint64_t limit) {
     if (package_->GetTotalDataSize() < limit) {
         return true;
     }
-    std::vector<FileTable::iterator> entries;
-    for (auto entry = fileTable_.begin(); entry != fileTable_.end(); ++entry) {
-        if (entry->second.permanent == 0) {
+    fileTable_.Settle();
+    std::vector<IndexEntry*> entries;
+    for (IndexEntry* const entry : fileTable_.Entries()) {
+        if (entry->record.permanent == 0) {
             entries.push_back(entry);
         }
     }
     std::stable_sort(entries.begin(), entries.end(), [](const auto& left, const auto& right) {
-        return IsEarlier(left->second.entryTime, right->second.entryTime);
+        return IsEarlier(left->record.entryTime, right->record.entryTime);
     });
     if (!entries.empty()) {
         Internals(package_).MarkUnfinished();
     }
-    for (const FileTable::iterator& entry : entries) {
+    for (IndexEntry* const entry : entries) {
         if (package_->GetTotalDataSize() < limit) {
             break;
         }
-        package_->DeleteDataStream(entry->second.streamId);
-        fileTable_.erase(entry);
+        package_->DeleteDataStream(entry->record.streamId);
+        fileTable_.Remove(entry);
     }
     return package_->GetTotalDataSize() < limit;
 }
@@ -301,9 +312,10 @@ bool EffectCacheImpl::MovePendingIntoFile() {
 }
 
 bool EffectCacheImpl::MoveIntoFile(const EffectKey& key, const PendingEffect& effect) {
-    if (const auto replaced = fileTable_.find(key); replaced != fileTable_.end()) {
-        package_->DeleteDataStream(replaced->second.streamId);
-        fileTable_.erase(replaced);
+    const EffectKeyView name(key.bytes);
+    if (IndexEntry* const replaced = fileTable_.Find(name)) {
+        package_->DeleteDataStream(replaced->record.streamId);
+        fileTable_.Remove(replaced);
     }
     const std::uint64_t streamId = package_->CreateDataStream(SerializedSize(effect.bytes));
     Util::RefPtr<IDataStream> stream = package_->OpenDataStream(streamId);
@@ -317,7 +329,7 @@ bool EffectCacheImpl::MoveIntoFile(const EffectKey& key, const PendingEffect& ef
                                  effect.permanent,
                                  CurrentEntryTime(),
                                  0};
-    fileTable_.emplace(key, record);
+    fileTable_.Put(name, record);
     return true;
 }
 
@@ -325,23 +337,28 @@ bool EffectCacheImpl::WriteIndex() {
     if (!package_) {
         return false;
     }
+    fileTable_.Settle();
     std::uint64_t size = 0;
-    for (const auto& [key, record] : fileTable_) {
-        if (IsIndexed(key, record)) {
-            size += IndexEntrySize(key.bytes.size());
-        }
+    for (const IndexEntry* const entry : fileTable_.Entries()) {
+        size += entry->Size();
     }
     Util::RefPtr<IDataStream> stream = OpenIndexForWriting(std::max(size, kEmptyIndexSize));
     if (!stream) {
         return false;
     }
-    for (const auto& [key, record] : fileTable_) {
-        if (IsIndexed(key, record) &&
-            !(WriteExact(stream, &record, sizeof record) && WriteBytes(key.bytes, stream))) {
-            return false;
+    std::vector<unsigned char> piece;
+    piece.reserve(kIndexPieceSize);
+    for (const IndexEntry* const entry : fileTable_.Entries()) {
+        if (piece.size() + entry->Size() > kIndexPieceSize && !piece.empty()) {
+            if (!WriteExact(stream, piece.data(), piece.size())) {
+                return false;
+            }
+            piece.clear();
         }
+        const auto* const bytes = reinterpret_cast<const unsigned char*>(entry);
+        piece.insert(piece.end(), bytes, bytes + entry->Size());
     }
-    return true;
+    return piece.empty() || WriteExact(stream, piece.data(), piece.size());
 }
 
 // The index stream of that size: the one there is, or a new one in its place.
@@ -376,7 +393,7 @@ bool EffectCacheImpl::WriteHeader() {
     if (payloadLength < sizeof(CacheHeader)) {
         return false;
     }
-    header_.recordCount = fileTable_.size();
+    header_.recordCount = fileTable_.Size();
     std::memcpy(package_->GetHeaderData() + *payload, &header_, sizeof header_);
     return true;
 }

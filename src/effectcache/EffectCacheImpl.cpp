@@ -68,7 +68,7 @@ EffectCacheImpl::~EffectCacheImpl() {
 }
 
 void EffectCacheImpl::ClearState() {
-    fileTable_.clear();
+    fileTable_.Clear();
     pendingTable_.clear();
     pendingBytes_ = 0;
     enabled_ = true;
@@ -117,8 +117,8 @@ bool EffectCacheImpl::SearchCachedEffects(const CStr& name, Tab<unsigned char>& 
 
     const AutoMutex fileGuard(*fileMutex_, kWaitForever);
     SyncWithFile(fileGuard);
-    const auto found = fileTable_.find(key);
-    return found != fileTable_.end() && ReadEffect(found->second, data);
+    IndexEntry* const found = fileTable_.Find(key);
+    return found && ReadEffect(found->record, data);
 }
 
 bool EffectCacheImpl::CopyPending(const EffectKeyView& key, Tab<unsigned char>& data,
@@ -165,11 +165,11 @@ void EffectCacheImpl::ListCachedEffects(const char* fileName) const {
     if (!file) {
         return;
     }
-    for (const auto& [key, record] : fileTable_) {
+    for (const IndexEntry* const entry : fileTable_.Entries()) {
         std::fputs("Name: ", file);
-        std::fwrite(key.bytes.data(), 1, key.bytes.size(), file);
-        const std::uint32_t size = record.effectSize;
-        const std::uint32_t permanent = record.permanent;
+        std::fwrite(entry->Name(), 1, entry->nameLength, file);
+        const std::uint32_t size = entry->record.effectSize;
+        const std::uint32_t permanent = entry->record.permanent;
         std::fprintf(file, " Size: %lu Permanent: %lu\n", static_cast<unsigned long>(size),
                      static_cast<unsigned long>(permanent));
     }

@@ -8,6 +8,7 @@
 
 #include "effectcache/EffectKey.h"
 #include "effectcache/EffectRecord.h"
+#include "effectcache/EffectTable.h"
 #include "platform/CriticalSection.h"
 #include "quorvel/AutoMutex.h"
 #include "quorvel/IDataStreamSet.h"
@@ -50,7 +51,7 @@ public:
     void ListCachedEffects(const char* fileName) const;
     bool IsEnabled();
     void SetEnabled(bool enabled);
-    std::uint64_t GetNumberOfEffectsInFile() const { return fileTable_.size(); }
+    std::uint64_t GetNumberOfEffectsInFile() const { return fileTable_.Size(); }
     std::uint64_t GetNumberOfEffectsInMemory() const { return pendingTable_.size(); }
     const CStr& GetDirectory() const { return directory_; }
 
@@ -59,7 +60,6 @@ public:
     bool SaveToFile() noexcept;
 
 private:
-    using FileTable = std::map<EffectKey, EffectRecord, EffectKeyOrder>;
     using PendingTable = std::map<EffectKey, PendingEffect, EffectKeyOrder>;
 
     void ClearState();
@@ -74,7 +74,7 @@ private:
     bool SyncWithFile(const AutoMutex& guard) noexcept;
     bool ReadHeader();
     bool WriteHeader();
-    bool ReadIndex(Util::RefPtr<IDataStream>& stream);
+    bool ReadIndex(IDataStream& stream);
     bool LoadIndex();
     bool WriteIndex();
     Util::RefPtr<IDataStream> OpenIndexForWriting(std::uint64_t size);
@@ -94,7 +94,7 @@ private:
     CStr filePath_;       // empty when the directory is
     bool enabled_;
     CacheHeader header_;
-    FileTable fileTable_;
+    EffectTable fileTable_;
     PendingTable pendingTable_;
     std::uint64_t pendingBytes_;
     Util::RefPtr<IDataStreamSet> package_;  // null when the cache is inert

@@ -11,6 +11,7 @@ namespace Quorvel {
 
 // The bytes of an effect's name, owned by somebody else.
 struct EffectKeyView {
+    EffectKeyView(const unsigned char* name, std::size_t size) : bytes(name), length(size) {}
     explicit EffectKeyView(const CStr& name)
         : bytes(reinterpret_cast<const unsigned char*>(name.data())), length(name.Length()) {}
     explicit EffectKeyView(const std::vector<unsigned char>& name)

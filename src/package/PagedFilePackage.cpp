@@ -118,12 +118,13 @@ void PagedFilePackage::ReadState() {
     seeker->OpenHeadFile();
     const Util::RefPtr<IDataStream> stream(new PagedFileStream(cache_.get(), headFile_));
     Allocator().LoadState(stream);
-    directory_.Load(*stream, config_.streamLimit);
-    if (!tailBlocks_.Load(*stream, config_.streamLimit)) {
+    StateReader reader(*stream);
+    directory_.Load(reader, config_.streamLimit);
+    if (!tailBlocks_.Load(reader, config_.streamLimit)) {
         throw FileDataCorruptException();
     }
-    const auto length = ReadRecord<std::uint64_t>(*stream);
-    if (!ReadItems(*stream, headerData_, length)) {
+    const auto length = reader.Read<std::uint64_t>();
+    if (!reader.ReadItems(headerData_, length)) {
         throw FileIOException();
     }
 }
@@ -254,12 +255,11 @@ std::uint64_t PagedFilePackage::AllocateHeadPages(std::vector<std::uint64_t>& pa
         if (pages.empty()) {
             allocator_->MarkPageAllocated(kHeadPageNumber);
             pages.push_back(kHeadPageNumber);
-            cache_->EnsurePageInFile(kHeadPageNumber);
         }
         while (pages.size() < needed) {
             pages.push_back(allocator_->AllocatePage(pages.back()));
-            cache_->EnsurePageInFile(pages.back());
         }
+        cache_->EnsurePageInFile(*std::max_element(pages.begin(), pages.end()));
     }
 }
 
@@ -274,8 +274,10 @@ bool PagedFilePackage::WriteState() {
     if (!Allocator().SaveState(stream) || !directory_.Save(*stream) || !tailBlocks_.Save(*stream)) {
         return false;
     }
-    WriteRecord<std::uint64_t>(*stream, headerData_.size());
-    WriteAll(*stream, headerData_.data(), headerData_.size());
+    StateWriter writer(*stream);
+    writer.Write<std::uint64_t>(headerData_.size());
+    writer.Write(headerData_.data(), headerData_.size());
+    writer.Flush();
     return true;
 }
 
@@ -326,17 +328,38 @@ Util::RefPtr<IDataStream> PagedFilePackage::OpenDataStream(std::uint64_t id) {
     if (!GetChildFileTail(tail, tailBlocks_, id)) {
         return {};
     }
-    const Util::RefPtr<ChildFileSeeker> seeker(new ChildFileSeeker);
+    Util::RefPtr<ChildFileSeeker> seeker = std::exchange(spareSeeker_, {});
+    if (!seeker) {
+        seeker = Util::RefPtr<ChildFileSeeker>(new ChildFileSeeker);
+    }
     if (!seeker->Attach(allocator_, *extent, tail)) {
         return {};
     }
     const Util::RefPtr<ChildFileStream> stream(new ChildFileStream(this, id, cache_.get(), seeker));
-    openStreams_.emplace(id, stream.Get());
+    EnterOpenStream(id, stream.Get());
     return stream;
 }
 
-void PagedFilePackage::ForgetOpenStream(std::uint64_t id) {
-    openStreams_.erase(id);
+void PagedFilePackage::EnterOpenStream(std::uint64_t id, ChildFileStream* stream) {
+    if (spareEntry_.empty()) {
+        openStreams_.emplace(id, stream);
+        return;
+    }
+    spareEntry_.key() = id;
+    spareEntry_.mapped() = stream;
+    openStreams_.insert(std::move(spareEntry_));
+}
+
+void PagedFilePackage::ForgetOpenStream(std::uint64_t id,
+                                        const Util::RefPtr<IPagedFileSeeker>& seeker) noexcept {
+    constexpr std::uint64_t kMostSparePages = 256;
+    if (seeker && seeker->pageCount <= kMostSparePages) {
+        spareSeeker_ = Util::RefPtr<ChildFileSeeker>(static_cast<ChildFileSeeker*>(seeker.Get()));
+        spareSeeker_->Clear();
+    }
+    if (const auto entry = openStreams_.find(id); entry != openStreams_.end()) {
+        spareEntry_ = openStreams_.extract(entry);
+    }
 }
 
 std::uint64_t PagedFilePackage::CreateDataStream(std::uint64_t size) {
@@ -412,15 +435,19 @@ std::uint64_t PagedFilePackage::AllocateChain(std::uint64_t count, std::uint64_t
     std::uint64_t first = 0;
     try {
         std::uint64_t last = 0;
+        std::uint64_t highest = 0;
         for (std::uint64_t index = 0; index < count; ++index) {
             last = allocator_->AllocatePage(last);
             if (index == 0) {
                 first = last;
             }
+            highest = std::max(highest, last);
             if (pages) {
                 pages[index] = last;
             }
-            cache_->EnsurePageInFile(last);
+        }
+        if (highest != 0) {
+            cache_->EnsurePageInFile(highest);
         }
     } catch (...) {
         FreeChain(first);

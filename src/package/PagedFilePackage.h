@@ -62,8 +62,8 @@ public:
     std::uint64_t CreateDataStream(std::uint64_t size) override;
     bool DeleteDataStream(std::uint64_t id) override;
 
-    // Called by a stream that dies.
-    void ForgetOpenStream(std::uint64_t id);
+    // Called by a stream that dies, with the seeker that it had; null when it had none any more.
+    void ForgetOpenStream(std::uint64_t id, const Util::RefPtr<IPagedFileSeeker>& seeker) noexcept;
 
 protected:
     // Commits what was not committed, if it can, and closes the file.
@@ -85,6 +85,7 @@ private:
     void ReleaseStreamPages();
     bool WriteState();
 
+    void EnterOpenStream(std::uint64_t id, ChildFileStream* stream);
     std::uint64_t AllocateChain(std::uint64_t count, std::uint64_t* pages = nullptr);
     void FreeChain(std::uint64_t firstPage);
     std::uint64_t AllocateStream(std::uint64_t size);
@@ -104,6 +105,11 @@ private:
     std::map<std::uint64_t, ChildFileStream*> openStreams_;
     bool isMarkedUnfinished_;
     bool reopened_;  // false when the last attempt to reopen the file failed
+
+    // What the last stream that died leaves to the next one: streams come and go by the thousand,
+    // mostly one at a time.
+    Util::RefPtr<ChildFileSeeker> spareSeeker_;
+    std::map<std::uint64_t, ChildFileStream*>::node_type spareEntry_;
 };
 
 }  // namespace Quorvel

@@ -103,10 +103,13 @@ std::uint8_t* FilePageCache::GetPage(std::uint64_t page, Access access) {
     if (capacity_ == 0) {
         throw InvalidParameterException();
     }
-    if (!EvictDownTo(capacity_ - 1)) {
+    std::unique_ptr<CachedPage> loaded;
+    if (!EvictDownTo(capacity_ - 1, loaded)) {
         return nullptr;
     }
-    std::unique_ptr<CachedPage> loaded(new (std::nothrow) CachedPage);
+    if (!loaded) {
+        loaded.reset(new (std::nothrow) CachedPage);
+    }
     if (!loaded) {
         throw OutOfMemoryException();
     }
@@ -133,24 +136,26 @@ void FilePageCache::ReleasePage(std::uint64_t page) {
     }
 }
 
-// Walks from the cold end, over pinned pages, until few enough are left. True when they are.
-bool FilePageCache::EvictDownTo(std::uint64_t limit) {
+// Walks from the cold end, over pinned pages, until few enough are left. True when they are. One
+// frame that this frees is handed over: the next page goes into it.
+bool FilePageCache::EvictDownTo(std::uint64_t limit, std::unique_ptr<CachedPage>& frame) {
     CachedPage* next = leastRecent_;
     while (residentCount_ > limit && next) {
         CachedPage* const page = next;
         next = page->newer;
         if (page->pinCount < 1) {
-            WriteBackPage(page);
+            frame = WriteBackPage(page);
         }
     }
     return residentCount_ <= limit;
 }
 
-void FilePageCache::WriteBackPage(CachedPage* page) {
+// Writes a page and takes it out of the cache.
+std::unique_ptr<CachedPage> FilePageCache::WriteBackPage(CachedPage* page) {
     WriteAt(page->data, OffsetOfIndex(page->pageIndex), kPageSize);
     pages_[page->pageIndex] = nullptr;
     Unlink(page);
-    delete page;
+    return std::unique_ptr<CachedPage>(page);
 }
 
 void FilePageCache::GrowTo(std::uint64_t size) {

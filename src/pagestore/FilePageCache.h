@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <vector>
 
 #include "pagestore/PageGeometry.h"
@@ -75,8 +76,8 @@ private:
 
     std::uint8_t* GetPage(std::uint64_t page, Access access);
     void ReleasePage(std::uint64_t page);
-    bool EvictDownTo(std::uint64_t limit);
-    void WriteBackPage(CachedPage* page);
+    bool EvictDownTo(std::uint64_t limit, std::unique_ptr<CachedPage>& frame);
+    std::unique_ptr<CachedPage> WriteBackPage(CachedPage* page);
     void GrowTo(std::uint64_t size);
     void PushMostRecent(CachedPage* page);
     void Unlink(CachedPage* page);

@@ -2,6 +2,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <span>
+#include <vector>
 
 #include "effectcache/EffectCacheImpl.h"
 #include "effectcache/StreamHelpers.h"
@@ -216,7 +218,7 @@ bool EffectCacheImpl::ReadIndex(IDataStream& stream) {
         if (!reader.TryRead(name.data(), name.size())) {
             return false;
         }
-        fileTable_.Put(EffectKeyView(name), record);
+        fileTable_.Put(IndexEntry::Make({name.data(), name.size()}, record));
     }
     return true;
 }
@@ -228,7 +230,7 @@ bool EffectCacheImpl::SaveToFile() noexcept {
         return true;
     }
     const AutoMutex guard(*fileMutex_, kWaitForever);
-    if (pendingTable_.empty()) {
+    if (pendingTable_.Size() == 0) {
         return true;
     }
     try {
@@ -299,37 +301,39 @@ bool EffectCacheImpl::MovePendingIntoFile() {
     }
     const std::uint64_t budget = SpaceBudget();
     if (budget >= pendingBytes_ && TrimTo(budget - pendingBytes_)) {
-        for (const auto& [key, effect] : pendingTable_) {
-            if (!MoveIntoFile(key, effect)) {
+        pendingTable_.Settle();
+        for (const PendingEffect* const effect : pendingTable_.Entries()) {
+            if (!MoveIntoFile(*effect)) {
                 return false;
             }
         }
     }
     // Without room the pending effects are dropped: they can be compiled again.
-    pendingTable_.clear();
+    pendingTable_.Clear();
     pendingBytes_ = 0;
     return true;
 }
 
-bool EffectCacheImpl::MoveIntoFile(const EffectKey& key, const PendingEffect& effect) {
-    const EffectKeyView name(key.bytes);
+bool EffectCacheImpl::MoveIntoFile(const PendingEffect& effect) {
+    const EffectKey name = effect.Key();
+    const std::span<const unsigned char> bytes = effect.Bytes();
     if (IndexEntry* const replaced = fileTable_.Find(name)) {
         package_->DeleteDataStream(replaced->record.streamId);
         fileTable_.Remove(replaced);
     }
-    const std::uint64_t streamId = package_->CreateDataStream(SerializedSize(effect.bytes));
+    const std::uint64_t streamId = package_->CreateDataStream(SerializedSize(bytes));
     Util::RefPtr<IDataStream> stream = package_->OpenDataStream(streamId);
-    if (!stream || !WriteBytes(effect.bytes, stream)) {
+    if (!stream || !WriteBytes(bytes, stream)) {
         return false;
     }
     stream.Reset();
     const EffectRecord record = {streamId,
-                                 static_cast<std::uint32_t>(key.bytes.size()),
-                                 static_cast<std::uint32_t>(effect.bytes.size()),
-                                 effect.permanent,
+                                 static_cast<std::uint32_t>(name.length),
+                                 static_cast<std::uint32_t>(bytes.size()),
+                                 effect.Permanent(),
                                  CurrentEntryTime(),
                                  0};
-    fileTable_.Put(name, record);
+    fileTable_.Put(IndexEntry::Make(name, record));
     return true;
 }
 
@@ -340,7 +344,7 @@ bool EffectCacheImpl::WriteIndex() {
     fileTable_.Settle();
     std::uint64_t size = 0;
     for (const IndexEntry* const entry : fileTable_.Entries()) {
-        size += entry->Size();
+        size += entry->Bytes().size();
     }
     Util::RefPtr<IDataStream> stream = OpenIndexForWriting(std::max(size, kEmptyIndexSize));
     if (!stream) {
@@ -349,14 +353,14 @@ bool EffectCacheImpl::WriteIndex() {
     std::vector<unsigned char> piece;
     piece.reserve(kIndexPieceSize);
     for (const IndexEntry* const entry : fileTable_.Entries()) {
-        if (piece.size() + entry->Size() > kIndexPieceSize && !piece.empty()) {
+        const std::span<const unsigned char> bytes = entry->Bytes();
+        if (piece.size() + bytes.size() > kIndexPieceSize && !piece.empty()) {
             if (!WriteExact(stream, piece.data(), piece.size())) {
                 return false;
             }
             piece.clear();
         }
-        const auto* const bytes = reinterpret_cast<const unsigned char*>(entry);
-        piece.insert(piece.end(), bytes, bytes + entry->Size());
+        piece.insert(piece.end(), bytes.begin(), bytes.end());
     }
     return piece.empty() || WriteExact(stream, piece.data(), piece.size());
 }

@@ -1,14 +1,14 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
-#include <vector>
 
 #include "effectcache/EffectKey.h"
 #include "effectcache/EffectRecord.h"
 #include "effectcache/EffectTable.h"
+#include "effectcache/IndexEntry.h"
+#include "effectcache/PendingEffect.h"
 #include "platform/CriticalSection.h"
 #include "quorvel/AutoMutex.h"
 #include "quorvel/IDataStreamSet.h"
@@ -19,12 +19,6 @@
 #include "vornutil/Tab.h"
 
 namespace Quorvel {
-
-// An effect that waits for the next save.
-struct PendingEffect {
-    std::vector<unsigned char> bytes;
-    std::uint32_t permanent = 0;
-};
 
 // The effect cache behind EffectCacheSystem, which documents the operations.
 //
@@ -52,7 +46,7 @@ public:
     bool IsEnabled();
     void SetEnabled(bool enabled);
     std::uint64_t GetNumberOfEffectsInFile() const { return fileTable_.Size(); }
-    std::uint64_t GetNumberOfEffectsInMemory() const { return pendingTable_.size(); }
+    std::uint64_t GetNumberOfEffectsInMemory() const { return pendingTable_.Size(); }
     const CStr& GetDirectory() const { return directory_; }
 
     // Moves the pending effects into the file. True when there was nothing to do or it worked;
@@ -60,10 +54,7 @@ public:
     bool SaveToFile() noexcept;
 
 private:
-    using PendingTable = std::map<EffectKey, PendingEffect, EffectKeyOrder>;
-
     void ClearState();
-    bool CopyPending(const EffectKeyView& key, Tab<unsigned char>& data, bool& found) const;
     bool ReadEffect(EffectRecord& record, Tab<unsigned char>& data);
 
     // The steps on the file (EffectCacheFile.cpp). Each wants the file mutex held, and says whether
@@ -80,7 +71,7 @@ private:
     Util::RefPtr<IDataStream> OpenIndexForWriting(std::uint64_t size);
     bool TrimTo(std::uint64_t limit);
     bool MovePendingIntoFile();
-    bool MoveIntoFile(const EffectKey& key, const PendingEffect& effect);
+    bool MoveIntoFile(const PendingEffect& effect);
     bool CommitTables();
     std::uint64_t SpaceBudget() const;
     std::optional<std::uint64_t> FindHeaderPayload(std::uint32_t& payloadLength) const;
@@ -94,8 +85,8 @@ private:
     CStr filePath_;       // empty when the directory is
     bool enabled_;
     CacheHeader header_;
-    EffectTable fileTable_;
-    PendingTable pendingTable_;
+    EffectTable<IndexEntry> fileTable_;
+    EffectTable<PendingEffect> pendingTable_;
     std::uint64_t pendingBytes_;
     Util::RefPtr<IDataStreamSet> package_;  // null when the cache is inert
     std::unique_ptr<MutexObject> fileMutex_;

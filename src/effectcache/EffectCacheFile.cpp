@@ -204,6 +204,8 @@ bool EffectCacheImpl::LoadIndex() {
 bool EffectCacheImpl::ReadIndex(IDataStream& stream) {
     constexpr std::uint64_t kSmallestEntry = IndexEntrySize(kShortestName);
     StateReader reader(stream);
+    // A damaged file may count more effects than it can hold.
+    fileTable_.Reserve(std::min(header_.recordCount, kStreamLimit));
     std::vector<unsigned char> name;
     for (std::uint64_t index = 0; index < header_.recordCount; ++index) {
         reader.Expect((header_.recordCount - index) * kSmallestEntry);

@@ -36,9 +36,10 @@ endforeach()
 list(JOIN libraries " " libraries)
 set(CMAKE_CXX_STANDARD_LIBRARIES "${libraries}" CACHE STRING "Linked to everything")
 
-# The program and the library name their symbols' file without its folder, and carry a hash of their
-# content in place of the time.
-set(CMAKE_SHARED_LINKER_FLAGS_INIT "-Xlinker /pdbaltpath:%_PDB% -Xlinker /Brepro")
+# Programs and libraries name the file of their symbols without its folder, and carry a hash of their
+# content in place of the time. mingw-w64's objects bring sections of another kind of symbols.
+set(CMAKE_SHARED_LINKER_FLAGS_INIT
+    "-Xlinker /opt:ref -Xlinker /pdbaltpath:%_PDB% -Xlinker /Brepro -Xlinker /ignore:longsections")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "${CMAKE_SHARED_LINKER_FLAGS_INIT}")
 
 # A linked program takes the runtime, which is compiled with the project.

@@ -45,8 +45,8 @@ public:
 
     // The header data to read or to write; null when it is empty. The pointer holds until the
     // header data is resized or loaded. Asking for the writable one counts as a change.
-    virtual const std::uint8_t* GetHeaderData() const = 0;
-    virtual std::uint8_t* GetHeaderData() = 0;
+    QUORVEL_OVERLOADS(virtual const std::uint8_t* GetHeaderData() const = 0,
+                      virtual std::uint8_t* GetHeaderData() = 0);
 
     // Number of streams.
     virtual std::uint64_t GetNumberOfDataStreams() = 0;

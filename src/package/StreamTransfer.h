@@ -16,7 +16,9 @@
 // the stream ends early, except where stated.
 namespace Quorvel {
 
-constexpr std::size_t kTransferBufferSize = 8192;
+// Small enough for the stack of any thread; a stream takes far longer for the bytes than for the
+// call.
+constexpr std::size_t kTransferBufferSize = 2048;
 
 // Writes to a stream. What was written arrives at the latest with Flush.
 class StateWriter {

@@ -154,9 +154,7 @@ bool PagedFilePackage::Commit() {
     if (!cache_) {
         return false;
     }
-    if (!reopened_) {
-        ReopenFile();
-    }
+    EnsureFileIsOpen();
     FreeHeadFile();
     if (!CreateHeadFile()) {
         return false;
@@ -189,12 +187,18 @@ void PagedFilePackage::SetStoredPageCount(std::uint64_t pageCount) {
 }
 
 // Writes every page back and opens the file anew. An attempt that fails may leave the cache without
-// a file; the next Commit begins with another.
+// a file; the next change or Commit begins with another.
 void PagedFilePackage::ReopenFile() {
     ReleaseStreamPages();
     reopened_ = false;
     cache_->Open(config_.fileName, config_.pageCacheCapacity);
     reopened_ = true;
+}
+
+void PagedFilePackage::EnsureFileIsOpen() {
+    if (!reopened_) {
+        ReopenFile();
+    }
 }
 
 void PagedFilePackage::FreeHeadFile() {
@@ -344,6 +348,7 @@ std::uint64_t PagedFilePackage::CreateDataStream(std::uint64_t size) {
         return kInvalidStreamId;
     }
     dirty_ = true;
+    EnsureFileIsOpen();
     const std::uint64_t id = AllocateStream(size);
     const std::uint64_t tail = size & (kPageSize - 1);
     if (id == kInvalidStreamId || tail == 0) {
@@ -437,6 +442,7 @@ void PagedFilePackage::FreeChain(std::uint64_t firstPage) {
     }
 }
 
+// What can fail comes first, and the rest is done from memory: so a failure changes nothing.
 bool PagedFilePackage::DeleteDataStream(std::uint64_t id) {
     if (openStreams_.count(id) != 0) {
         return false;
@@ -446,16 +452,25 @@ bool PagedFilePackage::DeleteDataStream(std::uint64_t id) {
         return true;
     }
     dirty_ = true;
+    EnsureFileIsOpen();
+    const TailFragment* const fragment = tailBlocks_.FindFragment(id);
+    Util::RefPtr<PagedFileStream> block;
+    TailBlockPins pins;
+    if (fragment) {
+        block = OpenTailBlock(fragment->blockId);
+        PinTailBlock(pins, *fragment);
+    }
     FreeChain(extent->firstPage);
     if (!directory_.Remove(id)) {
         return false;
     }
-    const TailFragment* const fragment = tailBlocks_.FindFragment(id);
     if (!fragment) {
         return true;
     }
     const std::uint64_t blockId = fragment->blockId;
-    if (!CutTail(*fragment)) {
+    // The bytes behind the fragment move down over it.
+    if (!block->RemoveRange(static_cast<std::int32_t>(fragment->offset),
+                            static_cast<std::int32_t>(fragment->length))) {
         return false;
     }
     tailBlocks_.Remove(id);
@@ -463,32 +478,51 @@ bool PagedFilePackage::DeleteDataStream(std::uint64_t id) {
     return true;
 }
 
-// Moves the bytes behind a fragment down over it, in its tail block.
-bool PagedFilePackage::CutTail(const TailFragment& fragment) {
+Util::RefPtr<PagedFileStream> PagedFilePackage::OpenTailBlock(std::uint64_t blockId) {
     const ChildFileExtent extent = {kInvalidStreamId, kTailBlockSize,
-                                    tailBlocks_.FindBlock(fragment.blockId)->pages.front(),
-                                    kTailBlockPages};
+                                    tailBlocks_.FindBlock(blockId)->pages.front(), kTailBlockPages};
     const Util::RefPtr<ChildFileSeeker> seeker(new ChildFileSeeker);
     if (!seeker->Attach(allocator_, extent, {})) {
         throw FileDataCorruptException();
     }
-    const Util::RefPtr<PagedFileStream> block(new PagedFileStream(cache_.get(), seeker));
-    return block->RemoveRange(static_cast<std::int32_t>(fragment.offset),
-                              static_cast<std::int32_t>(fragment.length));
+    return Util::RefPtr<PagedFileStream>(new PagedFileStream(cache_.get(), seeker));
 }
 
-// The tails of streams that are open may have moved.
+// Pins the pages of a block from the one in which a fragment begins. A cache that has no room for
+// them all is left to load them one by one.
+void PagedFilePackage::PinTailBlock(TailBlockPins& pins, const TailFragment& fragment) {
+    std::uint64_t page = tailBlocks_.FindBlock(fragment.blockId)->pages.front();
+    for (std::uint64_t slot = 0; slot < kTailBlockPages; ++slot) {
+        if (slot >= fragment.offset >> kPageShift) {
+            pins[slot].emplace(cache_.get()).SetWritePage(page);
+            if (!pins[slot]->Data()) {
+                for (std::optional<PageRef>& pin : pins) {
+                    pin.reset();
+                }
+                return;
+            }
+        }
+        page = allocator_->GetNextPage(page);
+    }
+}
+
+// The tails of streams that are open may have moved. A stream that can't follow has no bytes from
+// then on.
 void PagedFilePackage::ReattachStreamsOfBlock(std::uint64_t blockId) {
     for (const auto& [id, stream] : openStreams_) {
         const TailFragment* const fragment = tailBlocks_.FindFragment(id);
         if (!fragment || fragment->blockId != blockId) {
             continue;
         }
-        ChildFileTail tail;
-        GetChildFileTail(tail, tailBlocks_, id);
-        const Util::RefPtr<ChildFileSeeker> seeker(new ChildFileSeeker);
-        seeker->Attach(allocator_, *directory_.Find(id), tail);
-        stream->MoveTo(seeker);
+        try {
+            ChildFileTail tail;
+            GetChildFileTail(tail, tailBlocks_, id);
+            const Util::RefPtr<ChildFileSeeker> seeker(new ChildFileSeeker);
+            seeker->Attach(allocator_, *directory_.Find(id), tail);
+            stream->MoveTo(seeker);
+        } catch (...) {
+            stream->Detach();
+        }
     }
 }
 

@@ -1,8 +1,10 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -70,6 +72,9 @@ protected:
     ~PagedFilePackage() override;
 
 private:
+    // Pins on the pages of a tail block.
+    using TailBlockPins = std::array<std::optional<PageRef>, kTailBlockPages>;
+
     void Close();
     void OpenCache();
     void ReadState();
@@ -77,6 +82,7 @@ private:
     PageAllocator& Allocator() const;
 
     void ReopenFile();
+    void EnsureFileIsOpen();
     void FreeHeadFile();
     void FreeHeadPages(const std::uint64_t* pages, std::uint64_t count);
     bool CreateHeadFile();
@@ -89,7 +95,8 @@ private:
     void FreeChain(std::uint64_t firstPage);
     std::uint64_t AllocateStream(std::uint64_t size);
     void PlaceTail(std::uint64_t id, std::uint64_t length);
-    bool CutTail(const TailFragment& fragment);
+    Util::RefPtr<PagedFileStream> OpenTailBlock(std::uint64_t blockId);
+    void PinTailBlock(TailBlockPins& pins, const TailFragment& fragment);
     void ReattachStreamsOfBlock(std::uint64_t blockId);
 
     bool dirty_;

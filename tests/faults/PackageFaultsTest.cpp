@@ -86,6 +86,9 @@ private:
     void ReadWhileAnotherIsDeleted();
     void Close();
 
+    // Whether there is a package to go on with. One whose file was emptied is not worth it.
+    bool IsUsable() const { return package_ && !MayBeGone(); }
+
     void ExpectCounts() const;
     void ExpectContents(IDataStreamSet& package) const;
     std::optional<Bytes> Read(IDataStreamSet& package, std::uint64_t id) const;
@@ -178,7 +181,7 @@ void PackageScript::Open() {
         EXPECT_TRUE(Attempt([&] { package_ = Format::OpenPackage(path_, kSettings); }));
     }
     EXPECT_TRUE(package_ || hasFailed_);
-    if (package_ && inFile_) {
+    if (IsUsable() && inFile_) {
         model_ = *inFile_;
         ExpectContents(*package_);
     } else {
@@ -187,7 +190,7 @@ void PackageScript::Open() {
 }
 
 void PackageScript::Reload() {
-    if (!package_ || !inFile_) {
+    if (!IsUsable() || !inFile_) {
         return;  // what was not committed would be written over what was read
     }
     bool loaded = false;
@@ -197,7 +200,7 @@ void PackageScript::Reload() {
 }
 
 void PackageScript::Commit() {
-    if (!package_) {
+    if (!IsUsable()) {
         return;
     }
     inFile_.reset();
@@ -211,7 +214,7 @@ void PackageScript::Commit() {
 }
 
 void PackageScript::Add(std::size_t size) {
-    if (!package_) {
+    if (!IsUsable()) {
         return;
     }
     const Bytes bytes = Format::Pattern(size, ++seed_);
@@ -235,7 +238,7 @@ void PackageScript::Add(std::size_t size) {
 
 // Deletes the stream that comes at that place among those that there are.
 void PackageScript::Delete(std::size_t place) {
-    if (!package_ || model_.streams.size() <= place) {
+    if (!IsUsable() || model_.streams.size() <= place) {
         return;
     }
     const auto deleted = std::next(model_.streams.begin(), static_cast<std::ptrdiff_t>(place));
@@ -250,7 +253,7 @@ void PackageScript::Delete(std::size_t place) {
 }
 
 void PackageScript::SetHeaderData(std::size_t size) {
-    if (!package_) {
+    if (!IsUsable()) {
         return;
     }
     const Bytes data = Format::Pattern(size, ++seed_);
@@ -262,7 +265,7 @@ void PackageScript::SetHeaderData(std::size_t size) {
 }
 
 void PackageScript::ReadAll() {
-    if (!package_) {
+    if (!IsUsable()) {
         return;
     }
     for (const auto& [id, content] : model_.streams) {
@@ -275,7 +278,7 @@ void PackageScript::ReadAll() {
         if (!returned) {
             continue;
         }
-        if (!MayBeGone()) {
+        if (IsUsable()) {
             EXPECT_EQ(count, bytes.size()) << "stream " << id;
             EXPECT_TRUE(!content.isKnown || bytes == content.bytes) << "stream " << id;
         }
@@ -284,7 +287,7 @@ void PackageScript::ReadAll() {
 
 // The tail of the last stream moves while the stream is open.
 void PackageScript::ReadWhileAnotherIsDeleted() {
-    if (!package_ || model_.streams.size() < 2) {
+    if (!IsUsable() || model_.streams.size() < 2) {
         return;
     }
     const std::uint64_t id = model_.streams.rbegin()->first;
@@ -313,6 +316,9 @@ void PackageScript::Close() {
 }
 
 void PackageScript::ExpectCounts() const {
+    if (!IsUsable()) {
+        return;
+    }
     std::uint64_t total = 0;
     std::uint64_t index = 0;
     for (const auto& [id, content] : model_.streams) {
@@ -349,7 +355,7 @@ void PackageScript::ExpectContents(IDataStreamSet& package) const {
 }
 
 void PackageScript::ExpectRecovery() {
-    if (!package_ || MayBeGone()) {
+    if (!IsUsable()) {
         return;
     }
     package_->GetHeaderData();

@@ -33,11 +33,15 @@ std::set<std::uint64_t> ValuesFor(const Field& field, const Place& place,
                                       value ^ 0x80,
                                       0x7FFFFFFF,
                                       0x80000000,
+                                      0xFFFFFF,
                                       std::uint64_t{1} << 63,
                                       ~std::uint64_t{0} - 7,
                                       ~std::uint64_t{0}};
-    for (const Place& other : places) {
-        values.insert(Format::LoadInteger(file, other.offset, other.width));
+    // What the field holds elsewhere: in its neighbours, and far away.
+    const std::size_t here = static_cast<std::size_t>(&place - places.data());
+    for (const std::size_t other : {here + 1, here + 2, here + places.size() / 2}) {
+        const Place& there = places[other % places.size()];
+        values.insert(Format::LoadInteger(file, there.offset, there.width));
     }
     std::set<std::uint64_t> fitting;
     for (const std::uint64_t one : values) {
@@ -47,6 +51,9 @@ std::set<std::uint64_t> ValuesFor(const Field& field, const Place& place,
     }
     return fitting;
 }
+
+// Fields that are in the file more often than that are damaged in some places only.
+constexpr std::size_t kMostPlaces = 5;
 
 std::string NameOf(const Field& field, std::size_t place, std::uint64_t value) {
     return RowOf(field) + " [" + std::to_string(place) + "] = " + std::to_string(value);
@@ -98,7 +105,8 @@ TEST_P(DamagedFields, CostWhatTheyDescribeOrTheWholeCacheAndNothingElse) {
             continue;
         }
         const std::vector<Place> places = field.places(examiner.Map());
-        for (std::size_t index = 0; index < places.size(); ++index) {
+        const std::size_t step = std::max<std::size_t>(places.size() / kMostPlaces, 1);
+        for (std::size_t index = 0; index < places.size(); index += step) {
             for (const std::uint64_t value :
                  ValuesFor(field, places[index], places, examiner.Sound())) {
                 Bytes damaged = examiner.Sound();
@@ -107,9 +115,8 @@ TEST_P(DamagedFields, CostWhatTheyDescribeOrTheWholeCacheAndNothingElse) {
             }
         }
     }
-    EXPECT_GT(examiner.Result().files, 20U);
+    EXPECT_GT(examiner.Result().files, 8U);
     EXPECT_TRUE(examiner.Result().IsGood()) << examiner.Result();
-    RecordProperty("figures", testing::PrintToString(examiner.Result().files));
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, DamagedFields,

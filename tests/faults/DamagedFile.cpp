@@ -1,6 +1,7 @@
 #include "faults/DamagedFile.h"
 
 #include <algorithm>
+#include <cstring>
 #include <exception>
 #include <optional>
 #include <ostream>
@@ -69,13 +70,26 @@ std::ostream& operator<<(std::ostream& stream, const Findings& findings) {
     return stream;
 }
 
-Examiner::Examiner(const Bytes& sound) : map_(sound) {}
+Examiner::Examiner(const Bytes& sound) : map_(sound) {
+    for (const FileMap::Entry& entry : map_.Entries()) {
+        Named named;
+        for (std::size_t index = 0; index < entry.name.size(); ++index) {
+            named.name.push_back(
+                map_.StreamOffset(map_.IndexStream(), entry.position + 52 + index));
+        }
+        named_.push_back(named);
+    }
+}
 
 void Examiner::Examine(const Bytes& damaged, const std::string& name) {
     name_ = name;
     ++findings_.files;
+    const std::uint64_t openFiles = CountStdioCalls().openFiles;
     ExaminePackage(damaged);
     ExamineCache(damaged);
+    if (CountStdioCalls().openFiles != openFiles) {
+        Problem("leaves a file open");
+    }
 }
 
 void Examiner::Problem(const std::string& text) {
@@ -85,7 +99,6 @@ void Examiner::Problem(const std::string& text) {
 // Runs something with an eye on the memory that it takes and the calls that it makes.
 template <typename Operation>
 void Examiner::Watch(const char* what, const Operation& operation) {
-    const Testing::StdioCounts before = CountStdioCalls();
     const std::uint64_t callsBefore = Calls();
     std::uint64_t memory;
     {
@@ -101,9 +114,6 @@ void Examiner::Watch(const char* what, const Operation& operation) {
     }
     if (calls > kMostCalls) {
         Problem(std::string(what) + " takes " + std::to_string(calls) + " calls");
-    }
-    if (CountStdioCalls().openFiles != before.openFiles) {
-        Problem(std::string(what) + " leaves a file open");
     }
 }
 
@@ -177,103 +187,105 @@ void Examiner::ExamineCache(const Bytes& damaged) {
     SearchAll(damaged, true, "after a save");
 }
 
-// Opens the cache, searches it, saves something, and searches it again.
+// Opens the cache and searches it; the first time it then saves something, and searches it again.
 void Examiner::SearchAll(const Bytes& damaged, bool isSaved, const std::string& when) {
     const CStr text = ToCStr(directory_.Path().string());
-    std::vector<std::string> names = kSavedNames;
-    for (const FileMap::Entry& entry : map_.Entries()) {
-        names.push_back(entry.name);
-    }
-    std::uint64_t found = 0;
-    Watch("a cache", [&] {
-        Util::RefPtr<EffectCacheSystem> cache;
-        {
-            const LibraryCall call;
-            cache = new EffectCacheSystem(text);
-        }
-        if (!cache->IsEnabled()) {
-            Problem("makes no cache, " + when);
-            return;
-        }
-        for (int round = 0; round < 2; ++round) {
-            const bool hasNew = isSaved || round > 0;
-            for (const std::string& name : names) {
-                const CStr key = ToCStr(name);
-                Tab<unsigned char> data;
-                bool isFound;
-                {
-                    const LibraryCall call;
-                    isFound = cache->SearchCachedEffects(key, data);
-                }
-                const auto entry = std::find_if(map_.Entries().begin(), map_.Entries().end(),
-                                                [&](const auto& one) { return one.name == name; });
-                const bool isNew = hasNew && std::count(kSavedNames.begin(), kSavedNames.end(),
-                                                        name) != 0;
-                const bool mustBeRight =
-                    isNew || (entry != map_.Entries().end() && IsUntouched(*entry, damaged));
-                std::uint64_t version = 0;
-                const bool isRight =
-                    isFound &&
-                    Torture::CheckEffect(
-                        name, {data.Addr(0), static_cast<std::size_t>(data.Count())}, version) ==
-                        Torture::Verdict::Intact &&
-                    version == (isNew ? kNewVersion : kOldVersion);
-                if (isFound && mustBeRight && !isRight) {
-                    Problem("wrong bytes for " + name + ", " + when + ", round " +
-                            std::to_string(round));
-                }
-                if (round == 0 && !isSaved && entry != map_.Entries().end()) {
-                    std::uint64_t& count = isRight                       ? findings_.found
-                                           : !mustBeRight                ? findings_.damaged
-                                                                         : findings_.missed;
-                    ++count;
-                }
-                found += isFound ? 1 : 0;
-            }
-            if (round == 0 && !isSaved) {
-                for (const std::string& name : kSavedNames) {
-                    const Bytes bytes = Torture::MakeEffect(name, kNewVersion, kUsualSize);
-                    const CStr key = ToCStr(name);
-                    const LibraryCall call;
-                    cache->CacheCompiledEffect(key, bytes.data(), bytes.size(), false);
-                }
-                const LibraryCall call;
-                cache->ForceSaveToFile();
-            } else if (round == 0) {
-                break;
-            }
-        }
+    Util::RefPtr<EffectCacheSystem> cache;
+    Watch("opening a cache", [&] {
         const LibraryCall call;
-        cache.Reset();
+        cache = new EffectCacheSystem(text);
     });
-    findings_.emptied += !isSaved && found <= kSavedNames.size() ? 1 : 0;
+    if (!cache->IsEnabled()) {
+        Problem("makes no cache, " + when);
+    }
+    const std::uint64_t foundBefore = findings_.found;
+    SearchAll(*cache, damaged, isSaved, when);
+    if (!isSaved) {
+        findings_.emptied += findings_.found == foundBefore ? 1 : 0;
+        Watch("a save", [&] {
+            for (const std::string& name : kSavedNames) {
+                const Bytes bytes = Torture::MakeEffect(name, kNewVersion, kUsualSize);
+                const CStr key = ToCStr(name);
+                const LibraryCall call;
+                cache->CacheCompiledEffect(key, bytes.data(), bytes.size(), false);
+            }
+            const LibraryCall call;
+            cache->ForceSaveToFile();
+        });
+        SearchAll(*cache, damaged, true, when + ", before it was closed");
+    }
+    const LibraryCall call;
+    cache.Reset();
+}
+
+void Examiner::SearchAll(EffectCacheSystem& cache, const Bytes& damaged, bool isSaved,
+                         const std::string& when) {
+    for (const FileMap::Entry& entry : map_.Entries()) {
+        const bool mustBeRight = IsUntouched(entry, damaged);
+        const bool isReplaced =
+            isSaved && std::count(kSavedNames.begin(), kSavedNames.end(), entry.name) != 0;
+        const Verdict verdict = Search(cache, entry.name, isReplaced);
+        if (verdict == Verdict::Wrong && mustBeRight) {
+            Problem("wrong bytes for " + entry.name + ", " + when);
+        }
+        if (!isSaved) {
+            ++(verdict == Verdict::Right ? findings_.found
+               : mustBeRight             ? findings_.missed
+                                         : findings_.damaged);
+        }
+    }
+    for (const std::string& name : kSavedNames) {
+        if (isSaved && Search(cache, name, true) == Verdict::Wrong &&
+            std::none_of(map_.Entries().begin(), map_.Entries().end(),
+                         [&](const auto& entry) { return entry.name == name; })) {
+            Problem("wrong bytes for " + name + ", " + when);
+        }
+    }
+}
+
+// A save may have dropped what was to be saved: then the effect is the one it was to replace.
+Examiner::Verdict Examiner::Search(EffectCacheSystem& cache, const std::string& name,
+                                   bool isReplaced) {
+    const CStr key = ToCStr(name);
+    Tab<unsigned char> data;
+    bool isFound = false;
+    Watch("a search", [&] {
+        const LibraryCall call;
+        isFound = cache.SearchCachedEffects(key, data);
+    });
+    if (!isFound) {
+        return Verdict::Missed;
+    }
+    std::uint64_t version = 0;
+    const auto bytes = Torture::CheckEffect(
+        name, {data.Addr(0), static_cast<std::size_t>(data.Count())}, version);
+    return bytes == Torture::Verdict::Intact &&
+                   (version == kOldVersion || (isReplaced && version == kNewVersion))
+               ? Verdict::Right
+               : Verdict::Wrong;
 }
 
 // Whether nothing was done to the bytes of an effect nor to its name, and no other entry of the
 // index has taken the name: of two entries of one name the later counts.
 bool Examiner::IsUntouched(const FileMap::Entry& entry, const Bytes& damaged) const {
-    const Bytes& sound = Sound();
-    const auto isSame = [&](std::uint64_t stream, std::uint64_t position, std::uint64_t size) {
-        for (std::uint64_t index = 0; index < size; ++index) {
-            const std::size_t offset = map_.StreamOffset(stream, position + index);
-            if (offset >= damaged.size() || damaged[offset] != sound[offset]) {
-                return false;
-            }
-        }
-        return true;
-    };
-    for (const FileMap::Entry& other : map_.Entries()) {
+    const auto nameIn = [](const Bytes& file, const Named& named) {
         std::string name;
-        for (std::size_t index = 0; index < other.name.size(); ++index) {
-            const std::size_t offset =
-                map_.StreamOffset(map_.IndexStream(), other.position + 52 + index);
-            name += offset < damaged.size() ? static_cast<char>(damaged[offset]) : '\0';
+        for (const std::size_t offset : named.name) {
+            name += offset < file.size() ? static_cast<char>(file[offset]) : '\0';
         }
-        if ((other.name == entry.name) != (name == entry.name)) {
+        return name;
+    };
+    for (const Named& named : named_) {
+        if ((nameIn(Sound(), named) == entry.name) != (nameIn(damaged, named) == entry.name)) {
             return false;
         }
     }
-    return isSame(entry.stream, 0, entry.size + Format::kLengthPrefixSize);
+    const std::vector<FileMap::Piece> pieces = map_.StreamPieces(entry.stream);
+    return std::all_of(pieces.begin(), pieces.end(), [&](const FileMap::Piece& piece) {
+        return piece.offset + piece.size <= damaged.size() &&
+               std::memcmp(damaged.data() + piece.offset, Sound().data() + piece.offset,
+                           piece.size) == 0;
+    });
 }
 
 }  // namespace Quorvel::Faults

@@ -7,6 +7,7 @@
 
 #include "faults/FormatFields.h"
 #include "format/Bytes.h"
+#include "quorvel/EffectCacheSystem.h"
 #include "support/TemporaryDirectory.h"
 
 // What the library makes of a damaged file.
@@ -54,7 +55,12 @@ public:
 private:
     void ExaminePackage(const Format::Bytes& damaged);
     void ExamineCache(const Format::Bytes& damaged);
+    enum class Verdict { Right, Missed, Wrong };
+
     void SearchAll(const Format::Bytes& damaged, bool isSaved, const std::string& when);
+    void SearchAll(EffectCacheSystem& cache, const Format::Bytes& damaged, bool isSaved,
+                   const std::string& when);
+    Verdict Search(EffectCacheSystem& cache, const std::string& name, bool isReplaced);
     bool IsUntouched(const FileMap::Entry& entry, const Format::Bytes& damaged) const;
     void Problem(const std::string& text);
 
@@ -63,6 +69,10 @@ private:
 
     const Testing::TemporaryDirectory directory_;
     const FileMap map_;
+    struct Named {
+        std::vector<std::size_t> name;  // where each byte of an effect's name stands
+    };
+    std::vector<Named> named_;
     Findings findings_;
     std::string name_;
 };

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <sstream>
+#include <stdexcept>
 #include <string_view>
 
 #include "faults/FormatText.h"
@@ -171,23 +172,42 @@ std::size_t FileMap::StateOffset(std::uint64_t position) const {
 }
 
 std::size_t FileMap::StreamOffset(std::uint64_t id, std::uint64_t position) const {
+    for (const Piece& piece : StreamPieces(id)) {
+        if (position < piece.size) {
+            return piece.offset + position;
+        }
+        position -= piece.size;
+    }
+    throw std::out_of_range("a stream ends before that position");
+}
+
+std::vector<FileMap::Piece> FileMap::StreamPieces(std::uint64_t id) const {
+    std::vector<Piece> pieces;
     const auto stream = std::find_if(image_.streams.begin(), image_.streams.end(),
                                      [=](const auto& record) { return record.id == id; });
     std::uint64_t page = stream->firstPage;
     for (std::uint64_t index = 0; index < stream->pageCount; ++index) {
-        if (position < Format::kPageSize) {
-            return Format::PageOffset(page) + position;
-        }
-        position -= Format::kPageSize;
+        pieces.push_back({Format::PageOffset(page), Format::kPageSize});
         page = image_.Link(page);
     }
     const auto fragment = std::find_if(image_.fragments.begin(), image_.fragments.end(),
                                        [=](const auto& tail) { return tail.streamId == id; });
-    const auto block = std::find_if(image_.blocks.begin(), image_.blocks.end(),
-                                    [=](const auto& tails) { return tails.id == fragment->blockId; });
-    position += fragment->offset;
-    return Format::PageOffset(block->pages[position / Format::kPageSize]) +
-           position % Format::kPageSize;
+    if (fragment == image_.fragments.end()) {
+        return pieces;
+    }
+    const auto block =
+        std::find_if(image_.blocks.begin(), image_.blocks.end(),
+                     [=](const auto& tails) { return tails.id == fragment->blockId; });
+    std::uint64_t offset = fragment->offset;
+    for (std::uint64_t left = fragment->length; left > 0;) {
+        const std::uint64_t inPage = offset % Format::kPageSize;
+        const std::uint64_t size = std::min(left, Format::kPageSize - inPage);
+        pieces.push_back(
+            {Format::PageOffset(block->pages[offset / Format::kPageSize]) + inPage, size});
+        offset += size;
+        left -= size;
+    }
+    return pieces;
 }
 
 std::uint64_t FileMap::BlockStart(std::size_t index) const {

@@ -47,6 +47,13 @@ public:
 
     std::size_t StateOffset(std::uint64_t position) const;
     std::size_t StreamOffset(std::uint64_t id, std::uint64_t position) const;
+
+    // Where the bytes of a stream stand, piece by piece.
+    struct Piece {
+        std::size_t offset;
+        std::size_t size;
+    };
+    std::vector<Piece> StreamPieces(std::uint64_t id) const;
     Place InState(std::uint64_t position, std::size_t width = 8) const {
         return {StateOffset(position), width};
     }

@@ -16,41 +16,35 @@ void StreamDirectory::Reset(std::uint64_t limit) {
 }
 
 const ChildFileExtent* StreamDirectory::Find(std::uint64_t id) const {
-    return id < records_.size() ? records_[id].get() : nullptr;
+    const auto found = records_.find(id);
+    return found != records_.end() ? &found->second : nullptr;
 }
 
 void StreamDirectory::Store(std::uint64_t id, const ChildFileExtent& extent) {
     if (id > limit_ || extent.wholePageCount > kPageCountLimit || !ids_.IsAllocated(id)) {
         throw InvalidParameterException();
     }
-    if (id >= records_.size()) {
-        records_.resize(id + 1);
-    }
-    std::unique_ptr<ChildFileExtent>& record = records_[id];
-    if (record) {
-        totalBytes_ -= record->byteSize;
-    } else {
-        record = std::make_unique<ChildFileExtent>();
-    }
-    *record = extent;
-    record->streamId = id;
-    totalBytes_ += record->byteSize;
+    ChildFileExtent& record = records_[id];  // all zero when it is new
+    totalBytes_ -= record.byteSize;
+    record = extent;
+    record.streamId = id;
+    totalBytes_ += record.byteSize;
 }
 
 bool StreamDirectory::Remove(std::uint64_t id) {
-    if (!Find(id)) {
+    const auto found = records_.find(id);
+    if (found == records_.end()) {
         return false;
     }
-    totalBytes_ -= records_[id]->byteSize;
-    records_[id].reset();
+    totalBytes_ -= found->second.byteSize;
+    records_.erase(found);
     return ids_.Free(id);
 }
 
 bool StreamDirectory::Save(IDataStream& stream) const {
-    const std::uint64_t count = Count();
-    WriteRecord(stream, count);
-    for (std::uint64_t index = 0; index < count; ++index) {
-        WriteRecord(stream, *records_[IdAt(index)]);
+    WriteRecord(stream, Count());
+    for (const auto& [id, record] : records_) {
+        WriteRecord(stream, record);
     }
     return true;
 }

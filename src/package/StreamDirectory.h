@@ -1,8 +1,7 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
-#include <vector>
+#include <map>
 
 #include "corvaneutility/IdentifierAllocator.h"
 #include "quorvel/IDataStream.h"
@@ -63,7 +62,9 @@ private:
     std::uint64_t limit_ = kDefaultStreamLimit;
     std::uint64_t totalBytes_ = 0;
     Corvane::IdentifierAllocator ids_;
-    std::vector<std::unique_ptr<ChildFileExtent>> records_;  // by id; null where the id is free
+    // By id. A table with a place for every id would let a small file with a high id in it take
+    // more memory than a hundred files of its size.
+    std::map<std::uint64_t, ChildFileExtent> records_;
 };
 
 }  // namespace Quorvel

@@ -145,6 +145,120 @@ void PagedFilePackage::Swap(PagedFilePackage& other) noexcept {
     std::swap(reopened_, other.reopened_);
 }
 
+// ---- Soundness ----------------------------------------------------------------------------------
+
+// Which pages have been found to belong to something.
+class PagedFilePackage::PageClaims {
+public:
+    explicit PageClaims(IPageAllocator& allocator) : allocator_(allocator) {}
+
+    // False for a page that is free, or claimed already.
+    bool Claim(std::uint64_t page) {
+        if (!IsValidPageNumber(page) || !allocator_.IsPageAllocated(page)) {
+            return false;
+        }
+        const std::uint64_t index = page - kHeadPageNumber;
+        if (index >= claimed_.size()) {
+            claimed_.resize(index + 1);
+        }
+        if (claimed_[index]) {
+            return false;
+        }
+        claimed_[index] = true;
+        return true;
+    }
+
+    // Claims a page and all that follow it. A chain that returns to itself is refused as well.
+    bool ClaimChain(std::uint64_t page) {
+        while (IsValidPageNumber(page)) {
+            if (!Claim(page)) {
+                return false;
+            }
+            page = allocator_.GetNextPage(page);
+        }
+        return true;
+    }
+
+private:
+    IPageAllocator& allocator_;
+    std::vector<bool> claimed_;
+};
+
+bool PagedFilePackage::IsSound() noexcept {
+    try {
+        PageClaims claims(*allocator_);
+        if (!headFile_ || !ClaimHeadFile(claims) || !ClaimStreams(claims) || !ClaimTailBlocks(claims)) {
+            return false;
+        }
+        PageRef last(cache_.get());
+        last.SetReadPage(Allocator().HighestPage());
+        return last.Data() != nullptr;
+    } catch (...) {
+        return false;
+    }
+}
+
+bool PagedFilePackage::ClaimHeadFile(PageClaims& claims) {
+    headFile_->LoadPageInfo(headFile_->pageCount - 1);
+    const std::uint64_t* const pages = headFile_->pageNumbers;
+    return std::all_of(pages, pages + headFile_->pageCount,
+                       [&](std::uint64_t page) { return claims.Claim(page); });
+}
+
+bool PagedFilePackage::ClaimStreams(PageClaims& claims) const {
+    for (std::uint64_t index = 0; index < directory_.Count(); ++index) {
+        const std::uint64_t id = directory_.IdAt(index);
+        if (!claims.ClaimChain(directory_.Find(id)->firstPage) || !IsFragmentListed(id)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool PagedFilePackage::ClaimTailBlocks(PageClaims& claims) const {
+    for (std::uint64_t id = 0; id <= std::max<std::uint64_t>(config_.streamLimit / 8, 1); ++id) {
+        const TailBlockRecord* const block = tailBlocks_.FindBlock(id);
+        if (!block) {
+            continue;
+        }
+        for (std::uint64_t slot = 0; slot < kTailBlockPages; ++slot) {
+            const std::uint64_t next = allocator_->GetNextPage(block->pages[slot]);
+            const bool isLast = slot + 1 == kTailBlockPages;
+            if (!claims.Claim(block->pages[slot]) ||
+                (isLast ? IsValidPageNumber(next) : next != block->pages[slot + 1])) {
+                return false;
+            }
+        }
+        if (!AreFragmentsInOrder(*block)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool PagedFilePackage::AreFragmentsInOrder(const TailBlockRecord& block) const {
+    std::uint64_t end = 0;
+    for (std::uint64_t index = 0; index < block.streamIds.size(); ++index) {
+        const TailFragment* const fragment = tailBlocks_.FindFragment(block.streamIds[index]);
+        if (!fragment || fragment->blockId != block.blockId || fragment->listIndex != index ||
+            fragment->offset != end) {
+            return false;
+        }
+        end += fragment->length;
+    }
+    return end == kTailBlockSize - block.freeBytes;
+}
+
+// Whether a stream's fragment, if it has one, is the one that its block's list says.
+bool PagedFilePackage::IsFragmentListed(std::uint64_t streamId) const {
+    const TailFragment* const fragment = tailBlocks_.FindFragment(streamId);
+    if (!fragment) {
+        return true;
+    }
+    const std::vector<std::uint64_t>& list = tailBlocks_.FindBlock(fragment->blockId)->streamIds;
+    return fragment->listIndex < list.size() && list[fragment->listIndex] == streamId;
+}
+
 // ---- Commit -------------------------------------------------------------------------------------
 
 bool PagedFilePackage::Commit() {
@@ -326,6 +440,9 @@ Util::RefPtr<IDataStream> PagedFilePackage::OpenDataStream(std::uint64_t id) {
     if (!extent) {
         return {};
     }
+    if (IsEndless(*extent)) {
+        throw FileDataCorruptException();
+    }
     ChildFileTail tail;
     if (!GetChildFileTail(tail, tailBlocks_, id)) {
         return {};
@@ -337,6 +454,20 @@ Util::RefPtr<IDataStream> PagedFilePackage::OpenDataStream(std::uint64_t id) {
     const Util::RefPtr<ChildFileStream> stream(new ChildFileStream(this, id, cache_.get(), seeker));
     openStreams_.emplace(id, stream.Get());
     return stream;
+}
+
+// Whether a stream's chain returns to itself, so that a small file seems to hold a stream of any
+// size. No page follows two others: a chain can only return to where it began.
+bool PagedFilePackage::IsEndless(const ChildFileExtent& extent) const {
+    std::uint64_t page = extent.firstPage;
+    for (std::uint64_t index = 1; index < extent.wholePageCount && IsValidPageNumber(page);
+         ++index) {
+        page = allocator_->GetNextPage(page);
+        if (page == extent.firstPage) {
+            return true;
+        }
+    }
+    return false;
 }
 
 void PagedFilePackage::ForgetOpenStream(std::uint64_t id) {

@@ -51,6 +51,13 @@ public:
     // mixes two states. Counts as a change. Throws as the operations of IDataStreamSet do.
     void MarkUnfinished();
 
+    // Whether what was loaded is as a writer leaves it, where a damage could let one stream have the
+    // bytes of another, now or after a change: each page of the head file, of a stream and of a
+    // tail block is in use, lies in the file and belongs to nothing else; each tail block is a chain
+    // of its pages, and the fragments stand in it one behind the other, in the order of its list.
+    // False also for a package that can't be examined for lack of memory or of a file.
+    bool IsSound() noexcept;
+
     bool Load() override;
     bool Commit() override;
     std::uint64_t GetTotalDataSize() override;
@@ -93,11 +100,20 @@ private:
 
     std::uint64_t AllocateChain(std::uint64_t count, std::uint64_t* pages = nullptr);
     void FreeChain(std::uint64_t firstPage);
+    bool IsEndless(const ChildFileExtent& extent) const;
     std::uint64_t AllocateStream(std::uint64_t size);
     void PlaceTail(std::uint64_t id, std::uint64_t length);
     Util::RefPtr<PagedFileStream> OpenTailBlock(std::uint64_t blockId);
     void PinTailBlock(TailBlockPins& pins, const TailFragment& fragment);
     void ReattachStreamsOfBlock(std::uint64_t blockId);
+
+    // The steps of IsSound.
+    class PageClaims;
+    bool ClaimHeadFile(PageClaims& claims);
+    bool ClaimStreams(PageClaims& claims) const;
+    bool ClaimTailBlocks(PageClaims& claims) const;
+    bool AreFragmentsInOrder(const TailBlockRecord& block) const;
+    bool IsFragmentListed(std::uint64_t streamId) const;
 
     bool dirty_;
     PagedFilePackageConfig config_;

@@ -245,6 +245,7 @@ Bytes StreamReader::Read(std::uint64_t id) const {
     std::uint64_t page = stream.firstPage;
     for (std::uint64_t i = 0; i < stream.pageCount; ++i) {
         Require(IsPageNumber(page), name + "'s chain of pages ends early");
+        Require(i == 0 || page != stream.firstPage, name + "'s chain of pages has no end");
         pieces.push_back({page, 0, kPageSize});
         page = image_.Link(page);
     }

@@ -36,6 +36,7 @@ struct Findings {
     std::vector<std::string> problems;  // what must not be
 
     bool IsGood() const { return problems.empty(); }
+    void Add(const Findings& other);
 };
 std::ostream& operator<<(std::ostream& stream, const Findings& findings);
 

@@ -440,13 +440,11 @@ Util::RefPtr<IDataStream> PagedFilePackage::OpenDataStream(std::uint64_t id) {
     if (!extent) {
         return {};
     }
-    if (IsEndless(*extent)) {
-        throw FileDataCorruptException();
-    }
     ChildFileTail tail;
     if (!GetChildFileTail(tail, tailBlocks_, id)) {
         return {};
     }
+    CheckPagesOfStream(*extent, tail);
     const Util::RefPtr<ChildFileSeeker> seeker(new ChildFileSeeker);
     if (!seeker->Attach(allocator_, *extent, tail)) {
         return {};
@@ -456,18 +454,27 @@ Util::RefPtr<IDataStream> PagedFilePackage::OpenDataStream(std::uint64_t id) {
     return stream;
 }
 
-// Whether a stream's chain returns to itself, so that a small file seems to hold a stream of any
-// size. No page follows two others: a chain can only return to where it began.
-bool PagedFilePackage::IsEndless(const ChildFileExtent& extent) const {
-    std::uint64_t page = extent.firstPage;
-    for (std::uint64_t index = 1; index < extent.wholePageCount && IsValidPageNumber(page);
-         ++index) {
-        page = allocator_->GetNextPage(page);
-        if (page == extent.firstPage) {
-            return true;
+// Refuses a stream whose chain returns to itself, so that a small file seems to hold a stream of any
+// size, or takes a free page: what is written to one behind the file's end makes the file as long. No
+// page follows two others, so a chain can only return to where it began.
+void PagedFilePackage::CheckPagesOfStream(const ChildFileExtent& extent,
+                                          const ChildFileTail& tail) const {
+    const auto require = [&](std::uint64_t page) {
+        if (IsValidPageNumber(page) && !allocator_->IsPageAllocated(page)) {
+            throw FileDataCorruptException();
         }
+    };
+    std::uint64_t page = extent.firstPage;
+    for (std::uint64_t index = 0; index < extent.wholePageCount && IsValidPageNumber(page);
+         ++index) {
+        if (index > 0 && page == extent.firstPage) {
+            throw FileDataCorruptException();
+        }
+        require(page);
+        page = allocator_->GetNextPage(page);
     }
-    return false;
+    require(tail.tailPage);
+    require(tail.followingPage);
 }
 
 void PagedFilePackage::ForgetOpenStream(std::uint64_t id) {

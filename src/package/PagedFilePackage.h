@@ -100,7 +100,7 @@ private:
 
     std::uint64_t AllocateChain(std::uint64_t count, std::uint64_t* pages = nullptr);
     void FreeChain(std::uint64_t firstPage);
-    bool IsEndless(const ChildFileExtent& extent) const;
+    void CheckPagesOfStream(const ChildFileExtent& extent, const ChildFileTail& tail) const;
     std::uint64_t AllocateStream(std::uint64_t size);
     void PlaceTail(std::uint64_t id, std::uint64_t length);
     Util::RefPtr<PagedFileStream> OpenTailBlock(std::uint64_t blockId);

@@ -149,7 +149,7 @@ TEST_F(DamagedChains, WhosePagesBelongToTwo) {
             EffectRecord(image, effect).firstPage = page;
         });
     }
-    for (const std::size_t slot : {0, 3, 7}) {
+    for (const std::size_t slot : {0U, 3U, 7U}) {
         Examine("a tail block and a stream", [&](PackageImage& image) {
             image.blocks[0].pages[slot] = EffectRecord(image, 0).firstPage;
         });

@@ -187,7 +187,8 @@ private:
 bool PagedFilePackage::IsSound() noexcept {
     try {
         PageClaims claims(*allocator_);
-        if (!headFile_ || !ClaimHeadFile(claims) || !ClaimStreams(claims) || !ClaimTailBlocks(claims)) {
+        if (!headFile_ || !ClaimHeadFile(claims) || !ClaimStreams(claims) ||
+            !ClaimTailBlocks(claims)) {
             return false;
         }
         PageRef last(cache_.get());
@@ -454,9 +455,9 @@ Util::RefPtr<IDataStream> PagedFilePackage::OpenDataStream(std::uint64_t id) {
     return stream;
 }
 
-// Refuses a stream whose chain returns to itself, so that a small file seems to hold a stream of any
-// size, or takes a free page: what is written to one behind the file's end makes the file as long. No
-// page follows two others, so a chain can only return to where it began.
+// Refuses a stream whose chain returns to itself, so that a small file seems to hold a stream of
+// any size, or takes a free page: what is written to one behind the file's end makes the file as
+// long. No page follows two others, so a chain can only return to where it began.
 void PagedFilePackage::CheckPagesOfStream(const ChildFileExtent& extent,
                                           const ChildFileTail& tail) const {
     const auto require = [&](std::uint64_t page) {

@@ -51,11 +51,11 @@ public:
     // mixes two states. Counts as a change. Throws as the operations of IDataStreamSet do.
     void MarkUnfinished();
 
-    // Whether what was loaded is as a writer leaves it, where a damage could let one stream have the
-    // bytes of another, now or after a change: each page of the head file, of a stream and of a
-    // tail block is in use, lies in the file and belongs to nothing else; each tail block is a chain
-    // of its pages, and the fragments stand in it one behind the other, in the order of its list.
-    // False also for a package that can't be examined for lack of memory or of a file.
+    // Whether what was loaded is as a writer leaves it, where a damage could let one stream have
+    // the bytes of another, now or after a change: each page of the head file, of a stream and of a
+    // tail block is in use, lies in the file and belongs to nothing else; each tail block is a
+    // chain of its pages, and the fragments stand in it one behind the other, in the order of its
+    // list. False also for a package that can't be examined for lack of memory or of a file.
     bool IsSound() noexcept;
 
     bool Load() override;

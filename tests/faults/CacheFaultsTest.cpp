@@ -1,7 +1,7 @@
-// Two objects on one effect cache, from the opening to the end, with each of their calls of the file
-// system and each of their allocations failing in turn. Whatever fails: nothing is thrown but by a
-// constructor that gets no memory, every lock is free at once, an object finds whole effects of
-// their own name only, and the file holds one of the states that the saves led to, or none.
+// Two objects on one effect cache, from the opening to the end, with each of their calls of the
+// file system and each of their allocations failing in turn. Whatever fails: nothing is thrown but
+// by a constructor that gets no memory, every lock is free at once, an object finds whole effects
+// of their own name only, and the file holds one of the states that the saves led to, or none.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -232,7 +232,8 @@ bool CacheScript::IsAllowed(const State& found, const State& pending) const {
     return std::any_of(states_.begin(), states_.end(), [&](const State& state) {
         const State whole = With(state, pending);
         return found == whole || (mayBeTrimmed_ && IsTrimmedFrom(found, whole)) ||
-               (hasFailed_ && std::includes(whole.begin(), whole.end(), found.begin(), found.end()));
+               (hasFailed_ &&
+                std::includes(whole.begin(), whole.end(), found.begin(), found.end()));
     });
 }
 

@@ -108,9 +108,8 @@ TEST_F(DamagedChains, ThatCrossEndEarlyAndGoOn) {
         Link(image, EffectRecord(image, 0).firstPage) =
             Link(image, EffectRecord(image, 9).firstPage);
     });
-    Examine("end early", [&](PackageImage& image) {
-        Link(image, EffectRecord(image, 9).firstPage) = 0;
-    });
+    Examine("end early",
+            [&](PackageImage& image) { Link(image, EffectRecord(image, 9).firstPage) = 0; });
     Examine("go on in the head file", [&](PackageImage& image) {
         Link(image, EffectRecord(image, 0).firstPage) = Format::kFirstPage;
     });
@@ -126,8 +125,7 @@ TEST_F(DamagedChains, ThatCrossEndEarlyAndGoOn) {
         std::fill(image.links.begin(), image.links.end(), Format::kFreePage);
     });
     Examine("all in use", [](PackageImage& image) {
-        std::replace(image.links.begin(), image.links.end(), Format::kFreePage,
-                     Format::kChainEnd);
+        std::replace(image.links.begin(), image.links.end(), Format::kFreePage, Format::kChainEnd);
     });
 }
 
@@ -287,13 +285,13 @@ TEST_F(GreedyFiles, OfManyStreamsWithHighIds) {
 }
 
 TEST_F(GreedyFiles, OfManyFragmentsWithHighIds) {
-    ExamineFile("fragments", Package([](PackageImage& image) {
-                    image.blocks.push_back({0, {11, 12, 13, 14, 15, 16, 17, 18}, 0, {}});
-                    for (std::uint64_t index = 0; index < 24000; ++index) {
-                        image.fragments.push_back(
-                            {Format::kHighestId - 690 * index, 0, 0, index, 1});
-                    }
-                }));
+    ExamineFile(
+        "fragments", Package([](PackageImage& image) {
+            image.blocks.push_back({0, {11, 12, 13, 14, 15, 16, 17, 18}, 0, {}});
+            for (std::uint64_t index = 0; index < 24000; ++index) {
+                image.fragments.push_back({Format::kHighestId - 690 * index, 0, 0, index, 1});
+            }
+        }));
 }
 
 TEST_F(GreedyFiles, OfManyBlocksWithHighIds) {

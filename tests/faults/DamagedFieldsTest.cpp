@@ -123,16 +123,13 @@ TEST_P(DamagedFields, CostWhatTheyDescribeOrTheWholeCacheAndNothingElse) {
     EXPECT_TRUE(examiner.Result().IsGood()) << examiner.Result();
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, DamagedFields,
-                         ::testing::Values(Table::FirstHeadPage, Table::LaterHeadPage,
-                                           Table::LinkTable, Table::StreamDirectory,
-                                           Table::StreamRecord, Table::TailBlocks,
-                                           Table::BlockRecord, Table::FragmentRecord,
-                                           Table::HeaderData, Table::HeaderBlock,
-                                           Table::CacheHeader, Table::IndexRecord,
-                                           Table::EntryTime, Table::DataStream),
-                         [](const auto& test) {
-                             return std::to_string(static_cast<int>(test.param));
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    Table, DamagedFields,
+    ::testing::Values(Table::FirstHeadPage, Table::LaterHeadPage, Table::LinkTable,
+                      Table::StreamDirectory, Table::StreamRecord, Table::TailBlocks,
+                      Table::BlockRecord, Table::FragmentRecord, Table::HeaderData,
+                      Table::HeaderBlock, Table::CacheHeader, Table::IndexRecord, Table::EntryTime,
+                      Table::DataStream),
+    [](const auto& test) { return std::to_string(static_cast<int>(test.param)); });
 
 }  // namespace Quorvel::Faults

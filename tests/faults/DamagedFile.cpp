@@ -273,8 +273,8 @@ Examiner::Verdict Examiner::Search(EffectCacheSystem& cache, const std::string& 
         return Verdict::Missed;
     }
     std::uint64_t version = 0;
-    const auto bytes = Torture::CheckEffect(
-        name, {data.Addr(0), static_cast<std::size_t>(data.Count())}, version);
+    const auto bytes =
+        Torture::CheckEffect(name, {data.Addr(0), static_cast<std::size_t>(data.Count())}, version);
     return bytes == Torture::Verdict::Intact &&
                    (version == kOldVersion || (isReplaced && version == kNewVersion))
                ? Verdict::Right

@@ -34,8 +34,7 @@ Locate InLaterHeadPages(std::size_t offset) {
     return [=](const FileMap& map) {
         Places places;
         for (std::size_t index = 1; index < map.Image().headPages.size(); ++index) {
-            places.push_back(
-                {Format::PageOffset(map.Image().headPages[index].number) + offset, 8});
+            places.push_back({Format::PageOffset(map.Image().headPages[index].number) + offset, 8});
         }
         return places;
     };
@@ -103,8 +102,7 @@ Locate InIndex(std::uint64_t offset, std::size_t width) {
     return [=](const FileMap& map) {
         Places places;
         for (const FileMap::Entry& entry : map.Entries()) {
-            places.push_back(
-                {map.StreamOffset(map.IndexStream(), entry.position + offset), width});
+            places.push_back({map.StreamOffset(map.IndexStream(), entry.position + offset), width});
         }
         return places;
     };
@@ -148,8 +146,7 @@ std::vector<std::string> Cells(const std::string& line) {
 
 }  // namespace
 
-FileMap::FileMap(const Bytes& file)
-    : image_(Format::ReadPackage(file, Format::kCacheStreamLimit)) {
+FileMap::FileMap(const Bytes& file) : image_(Format::ReadPackage(file, Format::kCacheStreamLimit)) {
     indexStream_ = Format::ReadCacheHeader(image_.headerData).indexStream;
     const Format::CacheHeader header = Format::ReadCacheHeader(image_.headerData);
     std::uint64_t position = 0;
@@ -230,7 +227,8 @@ const std::vector<Field>& Fields() {
         {Table::LaterHeadPage, "data", kNoLimit, Nowhere},
         {Table::LinkTable, "N, number of links", kMostPages, LinkCount},
         {Table::LinkTable, "links of pages 10, 11, ..., 10 + N - 1, u64 each", kHighestPage, Links},
-        {Table::StreamDirectory, "S, number of streams", kStreamLimit, At(&FileMap::DirectoryStart)},
+        {Table::StreamDirectory, "S, number of streams", kStreamLimit,
+         At(&FileMap::DirectoryStart)},
         {Table::StreamDirectory, "one record a stream", kNoLimit, Nowhere},
         {Table::StreamRecord, "id", kStreamLimit, InStreamRecords(0)},
         {Table::StreamRecord, "byte size", kNoLimit, InStreamRecords(8)},

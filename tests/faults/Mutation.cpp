@@ -36,13 +36,16 @@ private:
     // A number that means something somewhere, or nothing.
     std::uint64_t AnyValue() {
         static constexpr std::uint64_t kValues[] = {
-            0,      1,      2,        9,        10,         11,         16,         32,
-            8160,   8176,   8191,     8192,     8193,       65535,      65536,      65537,
-            0xFFFF6, 0xFFFF7, 0xFFFFF, 0x100000, 0xFFFFFF,  0x7FFFFFFF, 0x80000000, ~0ull};
+            0,       1,       2,       9,        10,       11,         16,         32,
+            8160,    8176,    8191,    8192,     8193,     65535,      65536,      65537,
+            0xFFFF6, 0xFFFF7, 0xFFFFF, 0x100000, 0xFFFFFF, 0x7FFFFFFF, 0x80000000, ~0ull};
         switch (Below(3)) {
-            case 0: return kValues[Below(std::size(kValues))];
-            case 1: return Below(100);
-            default: return random_() >> Below(64);
+            case 0:
+                return kValues[Below(std::size(kValues))];
+            case 1:
+                return Below(100);
+            default:
+                return random_() >> Below(64);
         }
     }
 
@@ -54,16 +57,24 @@ private:
 
     void Mutate() {
         switch (Below(10)) {
-            case 0: return FlipBit(AnyOffset());
-            case 1: return FlipBit(AnyHeadOffset());
-            case 2: return Scribble();
-            case 3: return Store(AnyHeadOffset() / 8 * 8, 8, AnyValue());
+            case 0:
+                return FlipBit(AnyOffset());
+            case 1:
+                return FlipBit(AnyHeadOffset());
+            case 2:
+                return Scribble();
+            case 3:
+                return Store(AnyHeadOffset() / 8 * 8, 8, AnyValue());
             case 4:
             case 5:
-            case 6: return SetField();
-            case 7: return MovePage();
-            case 8: return Below(4) == 0 ? ChangeLength() : FlipBit(AnyHeadOffset());
-            default: return CopyField();
+            case 6:
+                return SetField();
+            case 7:
+                return MovePage();
+            case 8:
+                return Below(4) == 0 ? ChangeLength() : FlipBit(AnyHeadOffset());
+            default:
+                return CopyField();
         }
     }
 
@@ -101,8 +112,7 @@ private:
         std::vector<Place> places;
         const Field& field = AnyField(places);
         const Place place = places[Below(places.size())];
-        Store(place.offset, place.width,
-              Below(4) == 0 ? field.limit + Below(3) - 1 : AnyValue());
+        Store(place.offset, place.width, Below(4) == 0 ? field.limit + Below(3) - 1 : AnyValue());
     }
 
     void CopyField() {
@@ -128,13 +138,16 @@ private:
         const auto first = page();
         const auto second = page();
         switch (Below(3)) {
-            case 0: std::copy_n(first, first == second ? 0 : kSize, second); break;
+            case 0:
+                std::copy_n(first, first == second ? 0 : kSize, second);
+                break;
             case 1:
                 if (first != second) {
                     std::swap_ranges(first, first + kSize, second);
                 }
                 break;
-            default: std::fill_n(first, kSize, std::uint8_t{0});
+            default:
+                std::fill_n(first, kSize, std::uint8_t{0});
         }
     }
 

@@ -137,8 +137,7 @@ INSTANTIATE_TEST_SUITE_P(
              image.blocks[0].streams.pop_back();
              image.blocks[0].freeBytes += image.fragments[3].length;
          }},
-        {"ListOfAStreamWithoutATail",
-         [](PackageImage& image) { image.blocks[0].streams[0] = 20; }},
+        {"ListOfAStreamWithoutATail", [](PackageImage& image) { image.blocks[0].streams[0] = 20; }},
         {"MoreFreeBytesThanThereAre", [](PackageImage& image) { image.blocks[0].freeBytes -= 1; }},
         {"PageInUseBehindTheFile", [](PackageImage& image) { image.links.push_back(0); }},
     }),

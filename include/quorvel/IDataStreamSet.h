@@ -65,7 +65,8 @@ public:
     virtual std::uint64_t CreateDataStream(std::uint64_t size) = 0;
 
     // Deletes a stream; its space is used again. False, with nothing changed, while it is open.
-    // True when no stream has the id.
+    // True when no stream has the id. When it throws, nothing has changed either, provided that
+    // the page cache had room for eight pages more than the open streams use.
     virtual bool DeleteDataStream(std::uint64_t id) = 0;
 };
 

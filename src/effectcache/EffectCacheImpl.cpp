@@ -48,7 +48,8 @@ EffectCacheImpl::EffectCacheImpl(const CStr& directory)
       filePath_(directory.Length() != 0 ? directoryPath_ + CStr(kFileName) : CStr()),
       enabled_(true),
       header_{},
-      pendingBytes_(0) {
+      pendingBytes_(0),
+      lacksStreams_(false) {
     const std::string name = ObjectName(filePath_);
     fileMutex_ = std::make_unique<MutexObject>((name + "_mutex").c_str());
     // Seen from here on: a save between now and the opening of the file makes for one reload too

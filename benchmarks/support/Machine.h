@@ -1,0 +1,10 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+namespace Quorvel::Benchmarks {
+
+// What a result depends on besides the program: processor, number of cores, kernel, compiler, date.
+nlohmann::ordered_json DescribeMachine();
+
+}  // namespace Quorvel::Benchmarks

@@ -69,6 +69,7 @@ public:
             return;
         }
         SystemCall& call = calls_[thread];
+        call.thread = thread;
         if (info.op == PTRACE_SYSCALL_INFO_ENTRY) {
             call.number = static_cast<long>(info.entry.nr);
             for (int index = 0; index < 6; ++index) {

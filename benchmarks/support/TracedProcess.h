@@ -9,6 +9,7 @@ namespace Quorvel::Benchmarks {
 
 // A system call that has returned. Arguments that the call does not have are unspecified.
 struct SystemCall {
+    int thread;  // the system's number for it
     long number;
     std::uint64_t arguments[6];
     std::int64_t result;

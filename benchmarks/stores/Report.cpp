@@ -3,10 +3,8 @@
 #include <cstdio>
 #include <fstream>
 #include <initializer_list>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
 
-#include "support/Machine.h"
 #include "support/Statistics.h"
 
 namespace Quorvel::Benchmarks {
@@ -70,8 +68,9 @@ void PrintTable(const WorkloadResults& results, const char* title,
 }  // namespace
 
 void PrintTables(const WorkloadResults& results) {
-    std::printf("\n%zu effects, %.1f MiB\n", results.count,
-                static_cast<double>(results.effectBytes) / 0x100000);
+    std::printf("\n%zu effects, %.1f MiB, names of %.0f bytes\n", results.count,
+                static_cast<double>(results.effectBytes) / 0x100000,
+                static_cast<double>(results.nameBytes) / static_cast<double>(results.count));
     PrintTable(results, "Nanoseconds an effect (median, half the quartiles' distance)",
                {Figure::Save, Figure::Open, Figure::AllOnce, Figure::Hot20, Figure::Hot200,
                 Figure::Absent, Figure::AbsentOnce});
@@ -86,14 +85,15 @@ void PrintTables(const WorkloadResults& results) {
 }
 
 void WriteJson(const std::string& path, const std::vector<WorkloadResults>& results,
-               const std::string& effects) {
+               const std::string& effects, const nlohmann::ordered_json& machine) {
     nlohmann::ordered_json document;
-    document["machine"] = DescribeMachine();
+    document["machine"] = machine;
     document["effects"] = effects;
     for (const WorkloadResults& result : results) {
         nlohmann::ordered_json entry;
         entry["count"] = result.count;
         entry["effect_bytes"] = result.effectBytes;
+        entry["name_bytes"] = result.nameBytes;
         for (const StoreKind& kind : StoreKinds()) {
             const auto samples = result.byStore.find(kind.name);
             if (samples == result.byStore.end()) {

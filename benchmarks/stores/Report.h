@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,7 @@ namespace Quorvel::Benchmarks {
 struct WorkloadResults {
     std::size_t count;
     std::uint64_t effectBytes;
+    std::uint64_t nameBytes;
     std::map<std::string, Samples> byStore;  // by StoreKind::name
 };
 
@@ -22,6 +24,6 @@ void PrintTables(const WorkloadResults& results);
 // Writes every sample to a JSON file, with what was measured and on what. Throws
 // std::runtime_error when it can't be written.
 void WriteJson(const std::string& path, const std::vector<WorkloadResults>& results,
-               const std::string& effects);
+               const std::string& effects, const nlohmann::ordered_json& machine);
 
 }  // namespace Quorvel::Benchmarks

@@ -96,6 +96,14 @@ Workload::Workload(const WorkloadOptions& options, std::size_t count)
     }
 }
 
+std::uint64_t Workload::NameBytes() const {
+    std::uint64_t bytes = 0;
+    for (const Effect& effect : effects_) {
+        bytes += effect.name.Length();
+    }
+    return bytes;
+}
+
 // ---- The steps ----------------------------------------------------------------------------------
 
 void Workload::SaveAll(Store& store) const {

@@ -60,7 +60,9 @@ class Workload {
 public:
     Workload(const WorkloadOptions& options, std::size_t count);
 
+    // Sums over all effects.
     std::uint64_t EffectBytes() const { return bytes_; }
+    std::uint64_t NameBytes() const;
 
     // One round of one store: all that is timed. Throws std::runtime_error when the store does not
     // find what it was given.

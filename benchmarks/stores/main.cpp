@@ -12,6 +12,7 @@
 #include "stores/Store.h"
 #include "stores/Workload.h"
 #include "support/Agent.h"
+#include "support/Machine.h"
 
 namespace {
 
@@ -36,7 +37,7 @@ void ShowProgress(const std::string& text) {
 // begins with another store.
 WorkloadResults Measure(const Options& options, std::size_t count) {
     const Workload workload(options.workload, count);
-    WorkloadResults results{count, workload.EffectBytes(), {}};
+    WorkloadResults results{count, workload.EffectBytes(), workload.NameBytes(), {}};
     for (int round = 0; round < options.rounds; ++round) {
         for (std::size_t turn = 0; turn < options.stores.size(); ++turn) {
             const std::size_t index =
@@ -67,13 +68,14 @@ void Run(Options& options) {
             options.stores.push_back(kind.name);
         }
     }
+    const nlohmann::ordered_json machine = DescribeMachine();
     std::vector<WorkloadResults> results;
     for (const std::size_t count : options.counts) {
         results.push_back(Measure(options, count));
         PrintTables(results.back());
     }
     if (!options.json.empty()) {
-        WriteJson(options.json, results, source.Description());
+        WriteJson(options.json, results, source.Description(), machine);
     }
 }
 

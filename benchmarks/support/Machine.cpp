@@ -1,5 +1,6 @@
 #include "support/Machine.h"
 
+#include <stdlib.h>
 #include <sys/utsname.h>
 
 #include <ctime>
@@ -29,11 +30,14 @@ nlohmann::ordered_json DescribeMachine() {
     const std::time_t now = std::time(nullptr);
     char date[16];
     std::strftime(date, sizeof date, "%Y-%m-%d", std::gmtime(&now));
+    double load = 0;
+    ::getloadavg(&load, 1);
     return {{"processor", ProcessorName()},
             {"cores", std::thread::hardware_concurrency()},
             {"system", std::string(system.sysname) + ' ' + system.release},
             {"compiler", __VERSION__},
-            {"date", date}};
+            {"date", date},
+            {"load", load}};
 }
 
 }  // namespace Quorvel::Benchmarks

@@ -9,8 +9,6 @@
 #include <map>
 #include <stdexcept>
 
-#include "support/Statistics.h"
-
 namespace Quorvel::Benchmarks {
 
 namespace {
@@ -68,8 +66,9 @@ private:
     std::uint32_t last_ = 0;
 };
 
-Replay::Replay(const FloorTask& task, const RecordedTransfers& recorded)
+Replay::Replay(const FloorTask& task, const RecordedTransfers& recorded, Clock clock)
     : task_(task),
+      clock_(clock),
       firstSize_(recorded.save.fileSizeBefore),
       save_(PlanSave(recorded.save)),
       open_(PlanFind(recorded.open)),
@@ -165,7 +164,7 @@ void Replay::Create(const std::string& path) const {
 }
 
 double Replay::Run(const Steps& steps, const std::string& path) {
-    const Stopwatch watch;
+    const Stopwatch watch(clock_);
     const int file = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
     std::size_t queued = 0;
     std::size_t taken = 0;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "floor/Transfers.h"
+#include "support/Statistics.h"
 
 namespace Quorvel::Benchmarks {
 
@@ -16,7 +17,7 @@ namespace Quorvel::Benchmarks {
 // are found. What is to be done is laid out beforehand; the three steps only walk over it.
 class Replay {
 public:
-    Replay(const FloorTask& task, const RecordedTransfers& recorded);
+    Replay(const FloorTask& task, const RecordedTransfers& recorded, Clock clock);
 
     // Makes the file as long as the new cache's was. Throws std::runtime_error.
     void Create(const std::string& path) const;
@@ -47,6 +48,7 @@ private:
     double Run(const Steps& steps, const std::string& path);
 
     const FloorTask& task_;
+    Clock clock_;
     std::uint64_t firstSize_;
     Steps save_;
     Steps open_;

@@ -29,6 +29,7 @@ struct Options {
     std::string directory = std::filesystem::temp_directory_path().string();
     std::string json;
     std::string transfers;
+    Clock clock = Clock::Wall;
 };
 
 // Times of one phase, nanoseconds an effect, a sample for each round.
@@ -48,18 +49,19 @@ struct PhaseTimes {
     }
 };
 
-void RunCache(const FloorTask& task, const std::string& directory, std::vector<PhaseTimes>& times) {
+void RunCache(const FloorTask& task, const std::string& directory, Clock clock,
+              std::vector<PhaseTimes>& times) {
     const ScratchDirectory scratch(directory);
     const auto count = static_cast<double>(task.effects.size());
     const auto nothing = [] {};
     CacheSteps steps(task, scratch.Path());
-    const Stopwatch saving;
+    const Stopwatch saving(clock);
     steps.SaveAll(nothing);
     times[0].cache.push_back(saving.Nanoseconds() / count);
-    const Stopwatch opening;
+    const Stopwatch opening(clock);
     steps.Open();
     times[1].cache.push_back(opening.Nanoseconds() / count);
-    const Stopwatch searching;
+    const Stopwatch searching(clock);
     steps.FindAll(nothing);
     times[2].cache.push_back(searching.Nanoseconds() / count);
 }
@@ -118,14 +120,14 @@ nlohmann::ordered_json Measure(const Options& options, std::size_t count) {
     }
     std::vector<PhaseTimes> times = {
         {"save", recorded.save}, {"open", recorded.open}, {"all once", recorded.allOnce}};
-    Replay replay(task, recorded);
+    Replay replay(task, recorded, options.clock);
     for (int round = 0; round < options.rounds; ++round) {
         if (round % 2 == 0) {
-            RunCache(task, options.directory, times);
+            RunCache(task, options.directory, options.clock, times);
         }
         RunFloor(replay, count, options.directory, times);
         if (round % 2 != 0) {
-            RunCache(task, options.directory, times);
+            RunCache(task, options.directory, options.clock, times);
         }
     }
     Print(count, times);
@@ -141,6 +143,7 @@ void Run(Options& options) {
     }
     nlohmann::ordered_json document = {{"machine", DescribeMachine()},
                                        {"effects", source.Description()}};
+    document["machine"]["clock"] = ClockName(options.clock);
     for (const std::size_t count : options.counts) {
         document["results"].push_back(Measure(options, count));
     }
@@ -171,12 +174,16 @@ int main(int argc, char** argv) {
     app.add_option("--json", options.json, "File to write every sample to");
     app.add_option("--transfers", options.transfers,
                    "File to write the transfers to, those of the last number of effects");
+    bool byProcessor = false;
+    app.add_flag("--processor-time", byProcessor,
+                 "Take the processor's time, not the clock's: for a machine that is busy");
     try {
         int exitCode = 0;
         if (Quorvel::Testing::RunRequestedAgent(argc, argv, exitCode)) {
             return exitCode;
         }
         CLI11_PARSE(app, argc, argv);
+        options.clock = byProcessor ? Clock::Processor : Clock::Wall;
         Run(options);
         return 0;
     } catch (const std::exception& failure) {

@@ -122,7 +122,10 @@ def machine(results):
     return (
         f"{told['processor']}, {told['cores']} cores, {told['system']}, GCC {told['compiler']}, "
         f"{told['date']}; load average at the start {told['load']:.1f}; effects: "
-        f"{results['effects']}; {rounds} rounds.\n"
+        f"{results['effects']}; {rounds} rounds. "
+        + ("Times are the clock's.\n" if told["clock"] == "wall" else
+           "The machine was busy, so times are the processor's, of all threads of the process, "
+           "except where several processes take part.\n")
     )
 
 

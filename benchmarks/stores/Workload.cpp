@@ -13,7 +13,6 @@
 #include "support/ChildProcess.h"
 #include "support/Random.h"
 #include "support/ScratchDirectory.h"
-#include "support/Statistics.h"
 #include "support/TracedProcess.h"
 
 namespace Quorvel::Benchmarks {
@@ -157,7 +156,7 @@ void Workload::RunRound(const StoreKind& kind, Samples& samples) const {
     const auto count = static_cast<double>(effects_.size());
     {
         std::unique_ptr<Store> store = kind.open(directory.Path());
-        const Stopwatch watch;
+        const Stopwatch watch(options_.clock);
         SaveAll(*store);
         store.reset();
         samples[Figure::Save].push_back(watch.Nanoseconds() / count);
@@ -165,11 +164,11 @@ void Workload::RunRound(const StoreKind& kind, Samples& samples) const {
     samples[Figure::DiskRatio].push_back(static_cast<double>(BytesOnDisk(directory.Path())) /
                                          static_cast<double>(bytes_));
     {
-        const Stopwatch opening;
+        const Stopwatch opening(options_.clock);
         const std::unique_ptr<Store> store = kind.open(directory.Path());
         samples[Figure::Open].push_back(opening.Nanoseconds() / kMillisecond);
 
-        const Stopwatch searching;
+        const Stopwatch searching(options_.clock);
         FindAll(*store);
         samples[Figure::AllOnce].push_back(searching.Nanoseconds() / count);
 
@@ -177,11 +176,11 @@ void Workload::RunRound(const StoreKind& kind, Samples& samples) const {
         TimeHot(*store, 200, samples[Figure::Hot200]);
 
         FindAbsent(*store, kAbsentNames, kAbsentNames);
-        const Stopwatch missing;
+        const Stopwatch missing(options_.clock);
         FindAbsent(*store, kAbsentSearches, kAbsentNames);
         samples[Figure::Absent].push_back(missing.Nanoseconds() / kAbsentSearches);
 
-        const Stopwatch missingOnce;
+        const Stopwatch missingOnce(options_.clock);
         FindAbsent(*store, effects_.size(), effects_.size());
         samples[Figure::AbsentOnce].push_back(missingOnce.Nanoseconds() / count);
     }
@@ -201,7 +200,7 @@ void Workload::TimeHot(Store& store, std::size_t hotCount, std::vector<double>& 
     const std::vector<std::size_t> draws =
         RandomDraws(hot, kHotSearches, options_.seed + kDrawSeed);
     FindDraws(store, hot);
-    const Stopwatch watch;
+    const Stopwatch watch(options_.clock);
     FindDraws(store, draws);
     samples.push_back(watch.Nanoseconds() / kHotSearches);
 }

@@ -8,6 +8,7 @@
 
 #include "stores/Store.h"
 #include "support/EffectSource.h"
+#include "support/Statistics.h"
 
 namespace Quorvel::Benchmarks {
 
@@ -48,7 +49,8 @@ using Samples = std::map<Figure, std::vector<double>>;
 struct WorkloadOptions {
     std::string effects;  // path of an EffectSource, empty for made-up ones
     std::uint64_t seed = 1;
-    std::string directory;  // where the stores are put
+    std::string directory;      // where the stores are put
+    Clock clock = Clock::Wall;  // for what one process does alone
     bool withProcesses = true;
     bool withMemory = true;
     bool withCalls = true;

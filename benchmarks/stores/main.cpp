@@ -68,7 +68,8 @@ void Run(Options& options) {
             options.stores.push_back(kind.name);
         }
     }
-    const nlohmann::ordered_json machine = DescribeMachine();
+    nlohmann::ordered_json machine = DescribeMachine();
+    machine["clock"] = ClockName(options.workload.clock);
     std::vector<WorkloadResults> results;
     for (const std::size_t count : options.counts) {
         results.push_back(Measure(options, count));
@@ -94,6 +95,7 @@ int main(int argc, char** argv) {
 
     Options options;
     options.workload.directory = std::filesystem::temp_directory_path().string();
+    bool byProcessor = false;
     bool noProcesses = false;
     bool noMemory = false;
     bool noCalls = false;
@@ -114,10 +116,14 @@ int main(int argc, char** argv) {
     app.add_option("--directory", options.workload.directory,
                    "Where the stores are put (default: the folder for temporary files)");
     app.add_option("--json", options.json, "File to write every sample to");
+    app.add_flag("--processor-time", byProcessor,
+                 "Take the processor's time of all threads, not the clock's, for what one process "
+                 "does alone: for a machine that is busy");
     app.add_flag("--no-processes", noProcesses, "Leave out what takes other processes");
     app.add_flag("--no-memory", noMemory, "Leave out the peaks of memory");
     app.add_flag("--no-calls", noCalls, "Leave out the system calls");
     CLI11_PARSE(app, argc, argv);
+    options.workload.clock = byProcessor ? Clock::Processor : Clock::Wall;
     options.workload.withProcesses = !noProcesses;
     options.workload.withMemory = !noMemory;
     options.workload.withCalls = !noCalls;

@@ -1,24 +1,39 @@
 #pragma once
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstddef>
-#include <cstdint>
+#include <ctime>
 #include <vector>
 
 namespace Quorvel::Benchmarks {
 
+// What is measured: the time that passes, or the processor's time that all threads of the process
+// take, which other work on the machine lengthens less.
+enum class Clock { Wall, Processor };
+
+inline const char* ClockName(Clock clock) {
+    return clock == Clock::Wall ? "wall" : "processor";
+}
+
 // Nanoseconds since it was made.
 class Stopwatch {
 public:
-    double Nanoseconds() const {
-        return std::chrono::duration<double, std::nano>(Clock::now() - start_).count();
-    }
+    explicit Stopwatch(Clock clock = Clock::Wall)
+        : clock_(clock == Clock::Wall ? CLOCK_MONOTONIC : CLOCK_PROCESS_CPUTIME_ID),
+          start_(Now()) {}
+
+    double Nanoseconds() const { return Now() - start_; }
 
 private:
-    using Clock = std::chrono::steady_clock;
-    Clock::time_point start_ = Clock::now();
+    double Now() const {
+        timespec now{};
+        ::clock_gettime(clock_, &now);
+        return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
+    }
+
+    clockid_t clock_;
+    double start_;
 };
 
 // The value below which that part of the samples lies, interpolated; 0 without samples.

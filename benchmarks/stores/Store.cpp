@@ -6,12 +6,12 @@ namespace Quorvel::Benchmarks {
 
 const std::vector<StoreKind>& StoreKinds() {
     static const std::vector<StoreKind> kinds = {
-        {"quorvel", "Quorvel", Sharing::Any, OpenQuorvelStore, OpenQuorvelStore},
-        {"lmdb", "LMDB", Sharing::Any, OpenLmdbStore, OpenLmdbStore},
-        {"leveldb", "LevelDB", Sharing::OneProcessOnly, OpenLevelDbStore, OpenLevelDbStore},
-        {"rocksdb", "RocksDB", Sharing::ReadersBeside, OpenRocksDbStore, OpenRocksDbReader},
-        {"directory", "directory", Sharing::Any, OpenDirectoryStore, OpenDirectoryStore},
-        {"sqlite", "SQLite", Sharing::Any, OpenSqliteStore, OpenSqliteStore},
+        {"quorvel", "Quorvel", Sharing::Any, false, OpenQuorvelStore, OpenQuorvelStore},
+        {"lmdb", "LMDB", Sharing::Any, false, OpenLmdbStore, OpenLmdbStore},
+        {"leveldb", "LevelDB", Sharing::OneProcessOnly, false, OpenLevelDbStore, OpenLevelDbStore},
+        {"rocksdb", "RocksDB", Sharing::ReadersBeside, false, OpenRocksDbStore, OpenRocksDbReader},
+        {"directory", "directory", Sharing::Any, true, OpenDirectoryStore, OpenDirectoryStore},
+        {"sqlite", "SQLite", Sharing::Any, false, OpenSqliteStore, OpenSqliteStore},
     };
     return kinds;
 }

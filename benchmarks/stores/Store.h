@@ -63,6 +63,7 @@ struct StoreKind {
     std::string name;   // on the command line and in the results
     std::string title;  // in the table
     Sharing sharing;
+    bool hasFilePerEffect;
     std::unique_ptr<Store> (*open)(const std::string& directory);
 
     // Opens the store beside a process that saves, to search only. Every search then sees what was

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <iterator>
 #include <list>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
@@ -33,6 +34,19 @@ enum SeedOffset : std::uint64_t { kSaveSeed = 101, kSearchSeed, kHotSeed, kDrawS
 
 [[noreturn]] void Fail(const std::string& what) {
     throw std::runtime_error(what);
+}
+
+// The folder of a store. One with a file for each effect is removed at the end of the program only:
+// ext4 passes over the inodes that were freed in the last minutes, so that after tens of thousands
+// of removals a new file costs ten times as much.
+std::shared_ptr<const ScratchDirectory> MakeFolder(const StoreKind& kind,
+                                                   const std::string& parent) {
+    static std::vector<std::shared_ptr<const ScratchDirectory>> kept;
+    auto folder = std::make_shared<const ScratchDirectory>(parent);
+    if (kind.hasFilePerEffect) {
+        kept.push_back(folder);
+    }
+    return folder;
 }
 
 // Looks at the first and the last bytes only: comparing all would cost more than finding.
@@ -152,20 +166,21 @@ void Workload::FindAbsent(Store& store, std::size_t searches, std::size_t names)
 // ---- What is timed ------------------------------------------------------------------------------
 
 void Workload::RunRound(const StoreKind& kind, Samples& samples) const {
-    const ScratchDirectory directory(options_.directory);
+    const auto folder = MakeFolder(kind, options_.directory);
+    const std::string& directory = folder->Path();
     const auto count = static_cast<double>(effects_.size());
     {
-        std::unique_ptr<Store> store = kind.open(directory.Path());
+        std::unique_ptr<Store> store = kind.open(directory);
         const Stopwatch watch(options_.clock);
         SaveAll(*store);
         store.reset();
         samples[Figure::Save].push_back(watch.Nanoseconds() / count);
     }
-    samples[Figure::DiskRatio].push_back(static_cast<double>(BytesOnDisk(directory.Path())) /
+    samples[Figure::DiskRatio].push_back(static_cast<double>(BytesOnDisk(directory)) /
                                          static_cast<double>(bytes_));
     {
         const Stopwatch opening(options_.clock);
-        const std::unique_ptr<Store> store = kind.open(directory.Path());
+        const std::unique_ptr<Store> store = kind.open(directory);
         samples[Figure::Open].push_back(opening.Nanoseconds() / kMillisecond);
 
         const Stopwatch searching(options_.clock);
@@ -185,9 +200,9 @@ void Workload::RunRound(const StoreKind& kind, Samples& samples) const {
         samples[Figure::AbsentOnce].push_back(missingOnce.Nanoseconds() / count);
     }
     if (options_.withProcesses) {
-        TimeAfterSave(kind, directory.Path(), samples[Figure::AfterSave]);
+        TimeAfterSave(kind, directory, samples[Figure::AfterSave]);
         if (kind.sharing != Sharing::OneProcessOnly) {
-            TimeBeside(kind, directory.Path(), samples);
+            TimeBeside(kind, directory, samples);
         }
     }
 }
@@ -294,10 +309,10 @@ void Workload::RunOnce(const StoreKind& kind, Samples& samples) const {
 
 // Saves in one process and searches in another, so that neither has the other's memory.
 void Workload::MeasureMemory(const StoreKind& kind, Samples& samples) const {
-    const ScratchDirectory directory(options_.directory);
+    const auto folder = MakeFolder(kind, options_.directory);
+    const std::string& directory = folder->Path();
     const auto measure = [&](const char* agent, Figure all, Figure heap) {
-        Testing::ChildProcess process(agent,
-                                      AgentArguments(kind, directory.Path(), 0, effects_.size()));
+        Testing::ChildProcess process(agent, AgentArguments(kind, directory, 0, effects_.size()));
         const std::vector<double> answer = NumbersIn(process.Receive(), 2);
         const auto count = static_cast<double>(effects_.size());
         samples[all].push_back(answer[0] / count);
@@ -308,12 +323,13 @@ void Workload::MeasureMemory(const StoreKind& kind, Samples& samples) const {
 }
 
 void Workload::CountCalls(const StoreKind& kind, Samples& samples) const {
-    const ScratchDirectory directory(options_.directory);
+    const auto folder = MakeFolder(kind, options_.directory);
+    const std::string& directory = folder->Path();
     std::map<std::uint16_t, double> counts;
     std::uint16_t phase = 0;
     try {
         const int exitCode = Trace(
-            kCallsAgent, AgentArguments(kind, directory.Path(), 0, effects_.size()),
+            kCallsAgent, AgentArguments(kind, directory, 0, effects_.size()),
             [&](const SystemCall&) { ++counts[phase]; }, [&](std::uint16_t mark) { phase = mark; });
         if (exitCode != 0) {
             Fail("the traced process failed");

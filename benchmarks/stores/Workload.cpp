@@ -246,6 +246,7 @@ void Workload::TimeAfterSave(const StoreKind& kind, const std::string& directory
             store.reset();
         }
     }
+    saver.Wait();
     samples.push_back(Median(times));
 }
 
@@ -280,7 +281,9 @@ void Workload::TimeBeside(const StoreKind& kind, const std::string& directory,
         const std::vector<double> answer = NumbersIn(searcher.Receive(), 2);
         searches += answer[0];
         searching += answer[1];
+        searcher.Wait();  // lets it close the store
     }
+    saver.Wait();
     samples[Figure::SaveBesideSearch].push_back(saving / kSavedBesideSearch);
     samples[Figure::SearchBesideSave].push_back(searching / searches);
 }

@@ -2,6 +2,7 @@
 option(QUORVEL_BUILD_TESTS "Build the test programs" ${PROJECT_IS_TOP_LEVEL})
 option(QUORVEL_BUILD_TOOLS "Build the command line tools" ${PROJECT_IS_TOP_LEVEL})
 option(QUORVEL_BUILD_EXAMPLES "Build the example host application" ${PROJECT_IS_TOP_LEVEL})
+option(QUORVEL_BUILD_FUZZERS "Build the fuzzing harnesses (clang, preset fuzz)" OFF)
 option(QUORVEL_WARNINGS_AS_ERRORS "Treat compiler warnings as errors" OFF)
 option(QUORVEL_COVERAGE "Instrument for gcov" OFF)
 set(QUORVEL_SANITIZERS "" CACHE STRING "Value for -fsanitize=, empty for none")

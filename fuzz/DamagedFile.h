@@ -3,6 +3,7 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 #include "format/Bytes.h"
@@ -34,6 +35,9 @@ FileBase MakeBase(const Format::PackageImage& image);
 // - Patched: one of the bases, with a few records taken out, doubled or counted anew, and then a
 //   few of its fields set to values that mean something.
 Format::Bytes TakeFile(FuzzedDataProvider& input, const std::vector<FileBase>& bases);
+
+// How much longer a package may make such a file. Its link table may reach behind its end, so far.
+constexpr std::uint64_t kMostGrowth = 1 << 25;
 
 // The first number that TakeFile takes for a plain file, and for a file out of a base.
 constexpr std::uint8_t kPlainFile = 0;

@@ -3,6 +3,7 @@
 // else, is found; and a cache that was sound loses nothing and stays sound.
 #include <cctype>
 #include <cstdint>
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <string>
@@ -192,6 +193,8 @@ void TryFile(const Directory& directory, FuzzedDataProvider& input) {
         RequireResults(*cache, expected.results);
     }
     cache.Reset();
+    Require(std::filesystem::file_size(directory.File()) <= file.size() + kMostGrowth,
+            "the file's growth");
 
     const Bytes saved = Format::ReadWholeFile(directory.File());
     if (expected.isSound) {

@@ -2,7 +2,7 @@
 // takes; then deletes, creates and commits in it. A file that was sound must stay so.
 #include <algorithm>
 #include <cstdint>
-#include <exception>
+#include <filesystem>
 #include <map>
 #include <optional>
 
@@ -137,6 +137,7 @@ void TryFile(const Bytes& file, const std::string& path, std::uint64_t limit,
     const bool replaced = ReplaceStreams(*package, *image, streams);
     const bool committed = Succeeds([&] { return package->Commit(); });
     package.Reset();
+    Require(std::filesystem::file_size(path) <= file.size() + kMostGrowth, "the file's growth");
     package = OpenFilePackage(config);
     if (!sound || limit == kTightLimit) {
         return;

@@ -169,8 +169,11 @@ LogicalFile TakeHeadFile(FuzzedDataProvider& input, FilePageCache& cache) {
     }
     const Bytes content = PatternOf(size, 0);
     const Util::RefPtr<PagedFileStream> stream(new PagedFileStream(&cache, writer));
-    for (std::uint64_t done = 0; done < size;) {
-        const std::uint64_t step = std::min(size - done, 1 + TakeSize(input, size));
+    std::uint64_t done = 0;
+    for (int steps = 0; done < size; ++steps) {
+        const std::uint64_t step = steps < kMostOperations
+                                       ? std::min(size - done, 1 + TakeSize(input, size))
+                                       : size - done;
         Require(stream->Write(content.data() + done, step) == step, "a head file can be written");
         done += step;
     }
@@ -179,6 +182,12 @@ LogicalFile TakeHeadFile(FuzzedDataProvider& input, FilePageCache& cache) {
     Require(seeker->OpenHeadFile(), "a head file can be opened");
     file.seeker = seeker;
     return file;
+}
+
+// The difference, modulo 2^32.
+std::int32_t Minus(std::int32_t left, std::int32_t right) {
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(left) -
+                                     static_cast<std::uint32_t>(right));
 }
 
 class Runner {
@@ -284,7 +293,7 @@ void Runner::Move() {
     if (!seeker_.PositionToPage(from.pageIndex, from.pageOffset, start)) {
         return;
     }
-    const std::int32_t distance = AnyPosition() - (input_.ConsumeBool() ? start : 0);
+    const std::int32_t distance = Minus(AnyPosition(), input_.ConsumeBool() ? start : 0);
     PagePosition found = {77, 88};
     const bool moved = seeker_.MovePosition(found.pageIndex, found.pageOffset, from,
                                             static_cast<std::uint32_t>(distance));
@@ -298,7 +307,7 @@ void Runner::Move() {
 void Runner::Seek() {
     const std::uint32_t origin = input_.ConsumeIntegral<std::uint8_t>() % 4;
     const std::int32_t offset =
-        AnyPosition() - static_cast<std::int32_t>(input_.ConsumeBool() ? Size() : 0);
+        Minus(AnyPosition(), input_.ConsumeBool() ? static_cast<std::int32_t>(Size()) : 0);
     const std::int64_t from = origin == kSeekFromStart ? 0
                               : origin == kSeekFromEnd ? static_cast<std::int64_t>(Size())
                                                        : static_cast<std::int64_t>(position_);

@@ -104,11 +104,12 @@ bool EffectCacheImpl::SearchCachedEffects(const CStr& name, Tab<unsigned char>& 
     if (key.length == 0) {
         return false;
     }
+    const std::uint32_t hash = key.Hash();
     const Platform::CriticalSectionGuard guard(section_);
     if (!package_) {
         return false;
     }
-    if (const PendingEffect* const pending = pendingTable_.Find(key)) {
+    if (const PendingEffect* const pending = pendingTable_.Find(key, hash)) {
         const std::span<const unsigned char> bytes = pending->Bytes();
         data.SetCount(static_cast<int>(bytes.size()));
         std::memcpy(data.Addr(0), bytes.data(), bytes.size());
@@ -117,7 +118,7 @@ bool EffectCacheImpl::SearchCachedEffects(const CStr& name, Tab<unsigned char>& 
 
     const AutoMutex fileGuard(*fileMutex_, kWaitForever);
     SyncWithFile(fileGuard);
-    IndexEntry* const found = fileTable_.Find(key);
+    IndexEntry* const found = fileTable_.Find(key, hash);
     return found && ReadEffect(found->record, data);
 }
 

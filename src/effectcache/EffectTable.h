@@ -36,9 +36,11 @@ public:
 
     std::uint64_t Size() const { return size_; }
 
-    // The entry of a name; null when there is none. It stays where it is until it is removed.
-    Entry* Find(const EffectKey& key) const {
-        const std::size_t slot = FindSlot(key, key.Hash());
+    // The entry of a name; null when there is none. It stays where it is until it is removed. Who
+    // looks into several tables hashes the name once.
+    Entry* Find(const EffectKey& key) const { return Find(key, key.Hash()); }
+    Entry* Find(const EffectKey& key, std::uint32_t hash) const {
+        const std::size_t slot = FindSlot(key, hash);
         return slot != kNoSlot ? slots_[slot] : nullptr;
     }
 

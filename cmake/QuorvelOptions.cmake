@@ -32,7 +32,14 @@ set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 
 find_program(QUORVEL_CCACHE ccache)
 if(QUORVEL_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-    set(CMAKE_CXX_COMPILER_LAUNCHER ${QUORVEL_CCACHE})
+    # With precompiled headers it takes a promise not to use __TIME__.
+    set(CMAKE_CXX_COMPILER_LAUNCHER
+        ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${QUORVEL_CCACHE})
+    if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+        add_compile_options(-fpch-preprocess)
+    elseif(CMAKE_CXX_COMPILER_ID STREQUAL Clang)
+        add_compile_options("SHELL:-Xclang -fno-pch-timestamp")
+    endif()
 endif()
 
 # quorvel_build_settings: linked privately by everything that is written in this tree.

@@ -2,10 +2,13 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <span>
+#include <vector>
 
 #include "effectcache/EffectCacheImpl.h"
 #include "effectcache/StreamHelpers.h"
 #include "package/PagedFilePackage.h"
+#include "package/StreamTransfer.h"
 #include "platform/DiskSpace.h"
 #include "quorvel/Exceptions.h"
 #include "quorvel/FilePackage.h"
@@ -33,9 +36,8 @@ PagedFilePackage& Internals(const Util::RefPtr<IDataStreamSet>& package) {
     return static_cast<PagedFilePackage&>(*package);
 }
 
-bool IsIndexed(const EffectKey& key, const EffectRecord& record) {
-    return !key.bytes.empty() && key.bytes.size() == record.nameLength;
-}
+// Pieces in which the index stream is written.
+constexpr std::size_t kIndexPieceSize = 16384;
 
 }  // namespace
 
@@ -178,37 +180,90 @@ bool EffectCacheImpl::ReadHeader() {
 }
 
 bool EffectCacheImpl::LoadIndex() {
-    if (!package_) {
+    // In a package that is not sound a stream may have the bytes of another, or get them by a
+    // change: nothing of it is used.
+    if (!package_ || !Internals(package_).IsSound()) {
         return false;
     }
     Util::RefPtr<IDataStream> stream = package_->OpenDataStream(header_.indexStreamId);
     if (!stream) {
         return false;
     }
-    fileTable_.clear();
-    if (!ReadIndex(stream)) {
+    fileTable_.Clear();
+    const bool isComplete = ReadIndex(*stream);
+    fileTable_.Settle();
+    if (!isComplete || !CheckStreams()) {
         return false;
     }
     stream.Reset();
     TrimTo(SpaceBudget());
+    fileTable_.Settle();
     // A trim deletes streams that the index in the file still names, and moves the tails of others:
     // no page of that may reach the file without the index that goes with it.
     return !Internals(package_).HasChanges() || CommitTables();
 }
 
-bool EffectCacheImpl::ReadIndex(Util::RefPtr<IDataStream>& stream) {
+bool EffectCacheImpl::ReadIndex(IDataStream& stream) {
+    constexpr std::uint64_t kSmallestEntry = IndexEntrySize(kShortestName);
+    StateReader reader(stream);
+    // A damaged file may count more effects than it can hold.
+    const std::uint64_t recordCount = header_.recordCount;  // no reference to a packed field
+    fileTable_.Reserve(std::min(recordCount, kStreamLimit));
+    std::vector<unsigned char> name;
     for (std::uint64_t index = 0; index < header_.recordCount; ++index) {
-        EffectRecord record;
-        std::vector<unsigned char> name;
-        if (!ReadExact(stream, &record, sizeof record) || record.nameLength < kShortestName ||
-            record.nameLength > kLongestName || record.effectSize < kSmallestEffect ||
-            record.effectSize > kLargestEffect || !ReadBytes(name, stream, kLongestName) ||
-            name.size() != record.nameLength) {
+        reader.Expect((header_.recordCount - index) * kSmallestEntry);
+        const auto entry = reader.Read<IndexEntry>();
+        const EffectRecord& record = entry.record;
+        if (record.nameLength < kShortestName || record.nameLength > kLongestName ||
+            record.effectSize < kSmallestEffect || record.effectSize > kLargestEffect ||
+            entry.nameLength != record.nameLength) {
             return false;
         }
-        fileTable_.insert_or_assign(EffectKey(std::move(name)), record);
+        name.resize(entry.nameLength);
+        if (!reader.TryRead(name.data(), name.size())) {
+            return false;
+        }
+        fileTable_.Put(IndexEntry::Make({name.data(), name.size()}, record));
     }
     return true;
+}
+
+// False when a stream is said to hold two effects, or an effect and the index. An effect without a
+// stream is never found, and does no harm before the next change.
+bool EffectCacheImpl::CheckStreams() {
+    const PagedFilePackage& package = Internals(package_);
+    std::vector<bool> isTaken(kStreamLimit + 1);
+    isTaken[header_.indexStreamId] = true;
+    lacksStreams_ = false;
+    for (const IndexEntry* const entry : fileTable_.Entries()) {
+        const std::uint64_t id = entry->record.streamId;
+        if (!package.HasStream(id)) {
+            lacksStreams_ = true;
+        } else if (isTaken[id]) {
+            return false;
+        } else {
+            isTaken[id] = true;
+        }
+    }
+    return true;
+}
+
+// Forgets the effects whose streams are missing and whose ids may be given to new streams now, the
+// lowest free ones first: an effect must not get the bytes of another. To be called before the
+// first change.
+void EffectCacheImpl::DropEffectsWithoutStream() {
+    if (!lacksStreams_) {
+        return;
+    }
+    const PagedFilePackage& package = Internals(package_);
+    const std::uint64_t end = package_->GetNumberOfDataStreams() + pendingTable_.Size() + 1;
+    fileTable_.Settle();
+    for (IndexEntry* const entry : fileTable_.Entries()) {
+        const std::uint64_t id = entry->record.streamId;
+        if (id < end && !package.HasStream(id)) {
+            fileTable_.Remove(entry);
+        }
+    }
 }
 
 // ---- Saving -------------------------------------------------------------------------------------
@@ -218,7 +273,7 @@ bool EffectCacheImpl::SaveToFile() noexcept {
         return true;
     }
     const AutoMutex guard(*fileMutex_, kWaitForever);
-    if (pendingTable_.empty()) {
+    if (pendingTable_.Size() == 0) {
         return true;
     }
     try {
@@ -226,6 +281,7 @@ bool EffectCacheImpl::SaveToFile() noexcept {
             throw FileIOException();
         }
         Internals(package_).MarkUnfinished();
+        DropEffectsWithoutStream();
         if (!MovePendingIntoFile() || !CommitTables()) {
             throw FileIOException();
         }
@@ -260,24 +316,26 @@ bool EffectCacheImpl::TrimTo(std::uint64_t limit) {
     if (package_->GetTotalDataSize() < limit) {
         return true;
     }
-    std::vector<FileTable::iterator> entries;
-    for (auto entry = fileTable_.begin(); entry != fileTable_.end(); ++entry) {
-        if (entry->second.permanent == 0) {
+    DropEffectsWithoutStream();
+    fileTable_.Settle();
+    std::vector<IndexEntry*> entries;
+    for (IndexEntry* const entry : fileTable_.Entries()) {
+        if (entry->record.permanent == 0) {
             entries.push_back(entry);
         }
     }
     std::stable_sort(entries.begin(), entries.end(), [](const auto& left, const auto& right) {
-        return IsEarlier(left->second.entryTime, right->second.entryTime);
+        return IsEarlier(left->record.entryTime, right->record.entryTime);
     });
     if (!entries.empty()) {
         Internals(package_).MarkUnfinished();
     }
-    for (const FileTable::iterator& entry : entries) {
+    for (IndexEntry* const entry : entries) {
         if (package_->GetTotalDataSize() < limit) {
             break;
         }
-        package_->DeleteDataStream(entry->second.streamId);
-        fileTable_.erase(entry);
+        package_->DeleteDataStream(entry->record.streamId);
+        fileTable_.Remove(entry);
     }
     return package_->GetTotalDataSize() < limit;
 }
@@ -288,36 +346,39 @@ bool EffectCacheImpl::MovePendingIntoFile() {
     }
     const std::uint64_t budget = SpaceBudget();
     if (budget >= pendingBytes_ && TrimTo(budget - pendingBytes_)) {
-        for (const auto& [key, effect] : pendingTable_) {
-            if (!MoveIntoFile(key, effect)) {
+        pendingTable_.Settle();
+        for (const PendingEffect* const effect : pendingTable_.Entries()) {
+            if (!MoveIntoFile(*effect)) {
                 return false;
             }
         }
     }
     // Without room the pending effects are dropped: they can be compiled again.
-    pendingTable_.clear();
+    pendingTable_.Clear();
     pendingBytes_ = 0;
     return true;
 }
 
-bool EffectCacheImpl::MoveIntoFile(const EffectKey& key, const PendingEffect& effect) {
-    if (const auto replaced = fileTable_.find(key); replaced != fileTable_.end()) {
-        package_->DeleteDataStream(replaced->second.streamId);
-        fileTable_.erase(replaced);
+bool EffectCacheImpl::MoveIntoFile(const PendingEffect& effect) {
+    const EffectKey name = effect.Key();
+    const std::span<const unsigned char> bytes = effect.Bytes();
+    if (IndexEntry* const replaced = fileTable_.Find(name)) {
+        package_->DeleteDataStream(replaced->record.streamId);
+        fileTable_.Remove(replaced);
     }
-    const std::uint64_t streamId = package_->CreateDataStream(SerializedSize(effect.bytes));
+    const std::uint64_t streamId = package_->CreateDataStream(SerializedSize(bytes));
     Util::RefPtr<IDataStream> stream = package_->OpenDataStream(streamId);
-    if (!stream || !WriteBytes(effect.bytes, stream)) {
+    if (!stream || !WriteBytes(bytes, stream)) {
         return false;
     }
     stream.Reset();
     const EffectRecord record = {streamId,
-                                 static_cast<std::uint32_t>(key.bytes.size()),
-                                 static_cast<std::uint32_t>(effect.bytes.size()),
-                                 effect.permanent,
+                                 static_cast<std::uint32_t>(name.length),
+                                 static_cast<std::uint32_t>(bytes.size()),
+                                 effect.Permanent(),
                                  CurrentEntryTime(),
                                  0};
-    fileTable_.emplace(key, record);
+    fileTable_.Put(IndexEntry::Make(name, record));
     return true;
 }
 
@@ -325,23 +386,28 @@ bool EffectCacheImpl::WriteIndex() {
     if (!package_) {
         return false;
     }
+    fileTable_.Settle();
     std::uint64_t size = 0;
-    for (const auto& [key, record] : fileTable_) {
-        if (IsIndexed(key, record)) {
-            size += IndexEntrySize(key.bytes.size());
-        }
+    for (const IndexEntry* const entry : fileTable_.Entries()) {
+        size += entry->Bytes().size();
     }
     Util::RefPtr<IDataStream> stream = OpenIndexForWriting(std::max(size, kEmptyIndexSize));
     if (!stream) {
         return false;
     }
-    for (const auto& [key, record] : fileTable_) {
-        if (IsIndexed(key, record) &&
-            !(WriteExact(stream, &record, sizeof record) && WriteBytes(key.bytes, stream))) {
-            return false;
+    std::vector<unsigned char> piece;
+    piece.reserve(kIndexPieceSize);
+    for (const IndexEntry* const entry : fileTable_.Entries()) {
+        const std::span<const unsigned char> bytes = entry->Bytes();
+        if (piece.size() + bytes.size() > kIndexPieceSize && !piece.empty()) {
+            if (!WriteExact(stream, piece.data(), piece.size())) {
+                return false;
+            }
+            piece.clear();
         }
+        piece.insert(piece.end(), bytes.begin(), bytes.end());
     }
-    return true;
+    return piece.empty() || WriteExact(stream, piece.data(), piece.size());
 }
 
 // The index stream of that size: the one there is, or a new one in its place.
@@ -376,7 +442,7 @@ bool EffectCacheImpl::WriteHeader() {
     if (payloadLength < sizeof(CacheHeader)) {
         return false;
     }
-    header_.recordCount = fileTable_.size();
+    header_.recordCount = fileTable_.Size();
     std::memcpy(package_->GetHeaderData() + *payload, &header_, sizeof header_);
     return true;
 }

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <span>
 #include <string>
 #include <utility>
 
@@ -47,7 +48,8 @@ EffectCacheImpl::EffectCacheImpl(const CStr& directory)
       filePath_(directory.Length() != 0 ? directoryPath_ + CStr(kFileName) : CStr()),
       enabled_(true),
       header_{},
-      pendingBytes_(0) {
+      pendingBytes_(0),
+      lacksStreams_(false) {
     const std::string name = ObjectName(filePath_);
     fileMutex_ = std::make_unique<MutexObject>((name + "_mutex").c_str());
     // Seen from here on: a save between now and the opening of the file makes for one reload too
@@ -68,8 +70,8 @@ EffectCacheImpl::~EffectCacheImpl() {
 }
 
 void EffectCacheImpl::ClearState() {
-    fileTable_.clear();
-    pendingTable_.clear();
+    fileTable_.Clear();
+    pendingTable_.Clear();
     pendingBytes_ = 0;
     enabled_ = true;
     header_ = {};
@@ -80,21 +82,17 @@ void EffectCacheImpl::CacheCompiledEffect(const CStr& name, const unsigned char*
     if (!data || size < kSmallestEffect || size > kLargestEffect) {
         return;
     }
-    const EffectKeyView key(name);
+    const EffectKey key(name);
     if (key.length < kShortestName || key.length > kLongestName) {
         return;
     }
-    PendingEffect effect{{data, data + size}, permanent ? 1U : 0U};
+    auto effect = PendingEffect::Make(key, {data, size}, permanent ? 1U : 0U);
 
     const Platform::CriticalSectionGuard guard(section_);
     if (!package_) {
         return;
     }
-    if (const auto pending = pendingTable_.find(key); pending != pendingTable_.end()) {
-        pending->second = std::move(effect);
-    } else {
-        pendingTable_.emplace(EffectKey(key), std::move(effect));
-    }
+    pendingTable_.Put(std::move(effect));
     pendingBytes_ += IndexEntrySize(key.length) + DataStreamSize(size);
     if (pendingBytes_ >= kSaveThreshold) {
         SaveToFile();
@@ -102,7 +100,7 @@ void EffectCacheImpl::CacheCompiledEffect(const CStr& name, const unsigned char*
 }
 
 bool EffectCacheImpl::SearchCachedEffects(const CStr& name, Tab<unsigned char>& data) {
-    const EffectKeyView key(name);
+    const EffectKey key(name);
     if (key.length == 0) {
         return false;
     }
@@ -110,28 +108,17 @@ bool EffectCacheImpl::SearchCachedEffects(const CStr& name, Tab<unsigned char>& 
     if (!package_) {
         return false;
     }
-    bool isPending = false;
-    if (const bool copied = CopyPending(key, data, isPending); isPending) {
-        return copied;
+    if (const PendingEffect* const pending = pendingTable_.Find(key)) {
+        const std::span<const unsigned char> bytes = pending->Bytes();
+        data.SetCount(static_cast<int>(bytes.size()));
+        std::memcpy(data.Addr(0), bytes.data(), bytes.size());
+        return true;
     }
 
     const AutoMutex fileGuard(*fileMutex_, kWaitForever);
     SyncWithFile(fileGuard);
-    const auto found = fileTable_.find(key);
-    return found != fileTable_.end() && ReadEffect(found->second, data);
-}
-
-bool EffectCacheImpl::CopyPending(const EffectKeyView& key, Tab<unsigned char>& data,
-                                  bool& found) const {
-    const auto pending = pendingTable_.find(key);
-    found = pending != pendingTable_.end();
-    if (!found || pending->second.bytes.empty()) {
-        return false;
-    }
-    const std::vector<unsigned char>& bytes = pending->second.bytes;
-    data.SetCount(static_cast<int>(bytes.size()));
-    std::memcpy(data.Addr(0), bytes.data(), bytes.size());
-    return true;
+    IndexEntry* const found = fileTable_.Find(key);
+    return found && ReadEffect(found->record, data);
 }
 
 bool EffectCacheImpl::ReadEffect(EffectRecord& record, Tab<unsigned char>& data) {
@@ -165,11 +152,11 @@ void EffectCacheImpl::ListCachedEffects(const char* fileName) const {
     if (!file) {
         return;
     }
-    for (const auto& [key, record] : fileTable_) {
+    for (const IndexEntry* const entry : fileTable_.Entries()) {
         std::fputs("Name: ", file);
-        std::fwrite(key.bytes.data(), 1, key.bytes.size(), file);
-        const std::uint32_t size = record.effectSize;
-        const std::uint32_t permanent = record.permanent;
+        std::fwrite(entry->Key().bytes, 1, entry->Key().length, file);
+        const std::uint32_t size = entry->record.effectSize;
+        const std::uint32_t permanent = entry->record.permanent;
         std::fprintf(file, " Size: %lu Permanent: %lu\n", static_cast<unsigned long>(size),
                      static_cast<unsigned long>(permanent));
     }

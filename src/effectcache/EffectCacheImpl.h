@@ -1,13 +1,14 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
-#include <vector>
 
 #include "effectcache/EffectKey.h"
 #include "effectcache/EffectRecord.h"
+#include "effectcache/EffectTable.h"
+#include "effectcache/IndexEntry.h"
+#include "effectcache/PendingEffect.h"
 #include "platform/CriticalSection.h"
 #include "quorvel/AutoMutex.h"
 #include "quorvel/IDataStreamSet.h"
@@ -18,12 +19,6 @@
 #include "vornutil/Tab.h"
 
 namespace Quorvel {
-
-// An effect that waits for the next save.
-struct PendingEffect {
-    std::vector<unsigned char> bytes;
-    std::uint32_t permanent = 0;
-};
 
 // The effect cache behind EffectCacheSystem, which documents the operations.
 //
@@ -50,8 +45,8 @@ public:
     void ListCachedEffects(const char* fileName) const;
     bool IsEnabled();
     void SetEnabled(bool enabled);
-    std::uint64_t GetNumberOfEffectsInFile() const { return fileTable_.size(); }
-    std::uint64_t GetNumberOfEffectsInMemory() const { return pendingTable_.size(); }
+    std::uint64_t GetNumberOfEffectsInFile() const { return fileTable_.Size(); }
+    std::uint64_t GetNumberOfEffectsInMemory() const { return pendingTable_.Size(); }
     const CStr& GetDirectory() const { return directory_; }
 
     // Moves the pending effects into the file. True when there was nothing to do or it worked;
@@ -59,11 +54,7 @@ public:
     bool SaveToFile() noexcept;
 
 private:
-    using FileTable = std::map<EffectKey, EffectRecord, EffectKeyOrder>;
-    using PendingTable = std::map<EffectKey, PendingEffect, EffectKeyOrder>;
-
     void ClearState();
-    bool CopyPending(const EffectKeyView& key, Tab<unsigned char>& data, bool& found) const;
     bool ReadEffect(EffectRecord& record, Tab<unsigned char>& data);
 
     // The steps on the file (EffectCacheFile.cpp). Each wants the file mutex held, and says whether
@@ -74,13 +65,15 @@ private:
     bool SyncWithFile(const AutoMutex& guard) noexcept;
     bool ReadHeader();
     bool WriteHeader();
-    bool ReadIndex(Util::RefPtr<IDataStream>& stream);
+    bool ReadIndex(IDataStream& stream);
     bool LoadIndex();
+    bool CheckStreams();
+    void DropEffectsWithoutStream();
     bool WriteIndex();
     Util::RefPtr<IDataStream> OpenIndexForWriting(std::uint64_t size);
     bool TrimTo(std::uint64_t limit);
     bool MovePendingIntoFile();
-    bool MoveIntoFile(const EffectKey& key, const PendingEffect& effect);
+    bool MoveIntoFile(const PendingEffect& effect);
     bool CommitTables();
     std::uint64_t SpaceBudget() const;
     std::optional<std::uint64_t> FindHeaderPayload(std::uint32_t& payloadLength) const;
@@ -94,12 +87,13 @@ private:
     CStr filePath_;       // empty when the directory is
     bool enabled_;
     CacheHeader header_;
-    FileTable fileTable_;
-    PendingTable pendingTable_;
+    EffectTable<IndexEntry> fileTable_;
+    EffectTable<PendingEffect> pendingTable_;
     std::uint64_t pendingBytes_;
     Util::RefPtr<IDataStreamSet> package_;  // null when the cache is inert
     std::unique_ptr<MutexObject> fileMutex_;
     MultiProcessTimeStamp stamp_;
+    bool lacksStreams_;  // some effect of the index has no stream: the file was damaged
 };
 
 }  // namespace Quorvel

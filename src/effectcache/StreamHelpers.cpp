@@ -71,8 +71,7 @@ bool ReadExact(Util::RefPtr<IDataStream>& stream, void* data, std::uint64_t size
     });
 }
 
-bool WriteBytes(const std::vector<unsigned char>& buffer,
-                Util::RefPtr<IDataStream>& stream) noexcept {
+bool WriteBytes(std::span<const unsigned char> buffer, Util::RefPtr<IDataStream>& stream) noexcept {
     const std::uint64_t count = buffer.size();
     return WriteExact(stream, &count, sizeof count) &&
            (count == 0 || WriteExact(stream, buffer.data(), count));
@@ -96,7 +95,7 @@ bool ReadBytes(Tab<unsigned char>& buffer, Util::RefPtr<IDataStream>& stream,
     return ReadByteArray(buffer, resize, stream, limit);
 }
 
-std::uint64_t SerializedSize(const std::vector<unsigned char>& buffer) noexcept {
+std::uint64_t SerializedSize(std::span<const unsigned char> buffer) noexcept {
     return buffer.size() + sizeof(std::uint64_t);
 }
 

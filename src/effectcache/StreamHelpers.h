@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "quorvel/IDataStream.h"
@@ -18,8 +19,7 @@ bool WriteExact(Util::RefPtr<IDataStream>& stream, const void* data, std::uint64
 bool ReadExact(Util::RefPtr<IDataStream>& stream, void* data, std::uint64_t size) noexcept;
 
 // Writes a byte array: its length in 8 bytes, then its bytes.
-bool WriteBytes(const std::vector<unsigned char>& buffer,
-                Util::RefPtr<IDataStream>& stream) noexcept;
+bool WriteBytes(std::span<const unsigned char> buffer, Util::RefPtr<IDataStream>& stream) noexcept;
 
 // Reads a byte array of at most limit bytes, and in any case below 2 GiB. The buffer's content is
 // unspecified after false.
@@ -29,6 +29,6 @@ bool ReadBytes(Tab<unsigned char>& buffer, Util::RefPtr<IDataStream>& stream,
                std::uint64_t limit) noexcept;
 
 // Bytes that a byte array takes in a stream.
-std::uint64_t SerializedSize(const std::vector<unsigned char>& buffer) noexcept;
+std::uint64_t SerializedSize(std::span<const unsigned char> buffer) noexcept;
 
 }  // namespace Quorvel

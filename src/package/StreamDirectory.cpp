@@ -12,57 +12,48 @@ void StreamDirectory::Reset(std::uint64_t limit) {
     limit_ = limit;
     totalBytes_ = 0;
     ids_.Clear();
-    records_.clear();
-}
-
-const ChildFileExtent* StreamDirectory::Find(std::uint64_t id) const {
-    return id < records_.size() ? records_[id].get() : nullptr;
+    records_.Clear();
 }
 
 void StreamDirectory::Store(std::uint64_t id, const ChildFileExtent& extent) {
     if (id > limit_ || extent.wholePageCount > kPageCountLimit || !ids_.IsAllocated(id)) {
         throw InvalidParameterException();
     }
-    if (id >= records_.size()) {
-        records_.resize(id + 1);
-    }
-    std::unique_ptr<ChildFileExtent>& record = records_[id];
-    if (record) {
-        totalBytes_ -= record->byteSize;
-    } else {
-        record = std::make_unique<ChildFileExtent>();
-    }
-    *record = extent;
-    record->streamId = id;
-    totalBytes_ += record->byteSize;
+    const ChildFileExtent* const replaced = records_.Find(id);
+    const std::uint64_t replacedBytes = replaced ? replaced->byteSize : 0;
+    ChildFileExtent record = extent;
+    record.streamId = id;
+    records_.Put(id, record);
+    totalBytes_ += record.byteSize - replacedBytes;
 }
 
 bool StreamDirectory::Remove(std::uint64_t id) {
-    if (!Find(id)) {
+    const ChildFileExtent* const record = Find(id);
+    if (!record) {
         return false;
     }
-    totalBytes_ -= records_[id]->byteSize;
-    records_[id].reset();
+    totalBytes_ -= record->byteSize;
+    records_.Erase(id);
     return ids_.Free(id);
 }
 
 bool StreamDirectory::Save(IDataStream& stream) const {
-    const std::uint64_t count = Count();
-    WriteRecord(stream, count);
-    for (std::uint64_t index = 0; index < count; ++index) {
-        WriteRecord(stream, *records_[IdAt(index)]);
-    }
+    StateWriter writer(stream);
+    writer.Write(records_.Count());
+    records_.ForEach([&writer](const ChildFileExtent& record) { writer.Write(record); });
+    writer.Flush();
     return true;
 }
 
-bool StreamDirectory::Load(IDataStream& stream, std::uint64_t limit) {
+bool StreamDirectory::Load(StateReader& reader, std::uint64_t limit) {
     Reset(limit);
-    const auto count = ReadRecord<std::uint64_t>(stream);
+    const auto count = reader.Read<std::uint64_t>();
     if (count > limit_) {
         throw FileDataCorruptException();
     }
+    reader.Expect(count * sizeof(ChildFileExtent));
     for (std::uint64_t index = 0; index < count; ++index) {
-        const auto extent = ReadRecord<ChildFileExtent>(stream);
+        const auto extent = reader.Read<ChildFileExtent>();
         if (!ids_.MarkAllocated(extent.streamId)) {
             throw FileDataCorruptException();
         }
@@ -75,7 +66,7 @@ void StreamDirectory::Swap(StreamDirectory& other) noexcept {
     std::swap(limit_, other.limit_);
     std::swap(totalBytes_, other.totalBytes_);
     ids_.Swap(other.ids_);
-    records_.swap(other.records_);
+    records_.Swap(other.records_);
 }
 
 }  // namespace Quorvel

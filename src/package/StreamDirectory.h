@@ -1,14 +1,15 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
-#include <vector>
 
 #include "corvaneutility/IdentifierAllocator.h"
+#include "package/SparseTable.h"
 #include "quorvel/IDataStream.h"
 #include "seekers/ChildFileSeeker.h"
 
 namespace Quorvel {
+
+class StateReader;
 
 // The limit on ids that a directory and a tail block table have until they are given another.
 constexpr std::uint64_t kDefaultStreamLimit = 0xFFFFFF;
@@ -29,7 +30,13 @@ public:
     std::uint64_t IdAt(std::uint64_t index) const { return ids_.GetAllocatedIdentifier(index); }
 
     // The record of a stream; null when there is none. It stays where it is until it is removed.
-    const ChildFileExtent* Find(std::uint64_t id) const;
+    const ChildFileExtent* Find(std::uint64_t id) const { return records_.Find(id); }
+
+    // Visits every record, in ascending order of ids.
+    template <typename Visitor>
+    void ForEach(const Visitor& visit) const {
+        records_.ForEach(visit);
+    }
 
     // Takes an id for a new stream; kInvalidStreamId when there is none left.
     std::uint64_t AllocateId() { return ids_.Allocate(); }
@@ -55,7 +62,7 @@ public:
     // Resets to a limit and reads what Save wrote. Returns true. Throws FileIOException when the
     // stream ends early; FileDataCorruptException for too many records, an id that comes twice or
     // can't be had; InvalidParameterException for a record out of range.
-    bool Load(IDataStream& stream, std::uint64_t limit);
+    bool Load(StateReader& reader, std::uint64_t limit);
 
     void Swap(StreamDirectory& other) noexcept;
 
@@ -63,7 +70,7 @@ private:
     std::uint64_t limit_ = kDefaultStreamLimit;
     std::uint64_t totalBytes_ = 0;
     Corvane::IdentifierAllocator ids_;
-    std::vector<std::unique_ptr<ChildFileExtent>> records_;  // by id; null where the id is free
+    SparseTable<ChildFileExtent> records_;
 };
 
 }  // namespace Quorvel

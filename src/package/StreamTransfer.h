@@ -1,67 +1,147 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <utility>
 #include <vector>
 
 #include "quorvel/Exceptions.h"
 #include "quorvel/IDataStream.h"
 
-// Whole transfers of the package's own state. All throw FileIOException when the stream ends early,
-// except where stated.
+// Whole transfers of the package's own state, which is made of many small records: they pass
+// through a buffer, so that the stream is asked for large pieces. All throw FileIOException when
+// the stream ends early, except where stated.
 namespace Quorvel {
 
-inline void WriteAll(IDataStream& stream, const void* data, std::uint64_t size) {
-    if (stream.Write(data, size) != size) {
-        throw FileIOException();
+// Small enough for the stack of any thread; a stream takes far longer for the bytes than for the
+// call.
+constexpr std::size_t kTransferBufferSize = 2048;
+
+// Writes to a stream. What was written arrives at the latest with Flush.
+class StateWriter {
+public:
+    explicit StateWriter(IDataStream& stream) : stream_(stream) {}
+    StateWriter(const StateWriter&) = delete;
+    StateWriter& operator=(const StateWriter&) = delete;
+
+    void Write(const void* data, std::uint64_t size) {
+        if (size > buffer_.size() - filled_) {
+            Flush();
+            if (size >= buffer_.size()) {
+                WriteThrough(data, size);
+                return;
+            }
+        }
+        if (size != 0) {
+            std::memcpy(buffer_.data() + filled_, data, size);
+            filled_ += size;
+        }
     }
-}
 
-inline void ReadAll(IDataStream& stream, void* data, std::uint64_t size) {
-    if (stream.Read(data, size) != size) {
-        throw FileIOException();
+    // A record without pointers or padding, by value.
+    template <typename Record>
+    void Write(const Record& record) {
+        Write(&record, sizeof record);
     }
-}
 
-// A record without pointers or padding, by value.
-template <typename Record>
-void WriteRecord(IDataStream& stream, const Record& record) {
-    WriteAll(stream, &record, sizeof record);
-}
-
-template <typename Record>
-Record ReadRecord(IDataStream& stream) {
-    Record record;
-    ReadAll(stream, &record, sizeof record);
-    return record;
-}
-
-// Bytes between the position and the end.
-inline std::uint64_t BytesLeft(IDataStream& stream) {
-    const std::uint64_t position = stream.GetPosition();
-    const std::uint64_t size = stream.GetSize();
-    return size > position ? size - position : 0;
-}
-
-// Appends so many items to a vector; false when the stream ends early. The vector grows with what
-// arrives: a damaged file that claims more than it holds takes no memory for it.
-template <typename Item>
-bool ReadItems(IDataStream& stream, std::vector<Item>& items, std::uint64_t count) {
-    constexpr std::uint64_t kItemsAtOnce = 8192 / sizeof(Item);
-    if (count > BytesLeft(stream) / sizeof(Item)) {
-        return false;
+    void Flush() {
+        if (filled_ != 0) {
+            WriteThrough(buffer_.data(), std::exchange(filled_, 0));
+        }
     }
-    while (count > 0) {
-        const std::uint64_t step = std::min(count, kItemsAtOnce);
-        const std::size_t filled = items.size();
-        items.resize(filled + step);
-        if (stream.Read(items.data() + filled, step * sizeof(Item)) != step * sizeof(Item)) {
+
+private:
+    void WriteThrough(const void* data, std::uint64_t size) {
+        if (stream_.Write(data, size) != size) {
+            throw FileIOException();
+        }
+    }
+
+    IDataStream& stream_;
+    std::size_t filled_ = 0;
+    std::array<std::uint8_t, kTransferBufferSize> buffer_;
+};
+
+// Reads from a stream, ahead as far as it was told that bytes will be wanted: who stops before the
+// end of the stream, because what he reads ends there, has touched nothing behind it.
+class StateReader {
+public:
+    explicit StateReader(IDataStream& stream) : stream_(stream) {}
+    StateReader(const StateReader&) = delete;
+    StateReader& operator=(const StateReader&) = delete;
+
+    // At least so many bytes from here on will be wanted.
+    void Expect(std::uint64_t bytes) { expected_ = std::max(expected_, bytes); }
+
+    // False when the stream ends early.
+    bool TryRead(void* data, std::uint64_t size) {
+        auto* to = static_cast<std::uint8_t*>(data);
+        Expect(size);
+        expected_ -= size;
+        while (size != 0) {
+            if (begin_ == end_ && !Refill(size + expected_)) {
+                return false;
+            }
+            const std::uint64_t count = std::min<std::uint64_t>(size, end_ - begin_);
+            std::memcpy(to, buffer_.data() + begin_, count);
+            begin_ += count;
+            to += count;
+            size -= count;
+        }
+        return true;
+    }
+
+    template <typename Record>
+    Record Read() {
+        Record record;
+        if (!TryRead(&record, sizeof record)) {
+            throw FileIOException();
+        }
+        return record;
+    }
+
+    // Appends so many items to a vector; false when the stream ends early. The vector grows with
+    // what arrives: a damaged file that claims more than it holds takes no memory for it.
+    template <typename Item>
+    bool ReadItems(std::vector<Item>& items, std::uint64_t count) {
+        if (count > BytesLeft() / sizeof(Item)) {
             return false;
         }
-        count -= step;
+        while (count != 0) {
+            const std::uint64_t step = std::min(count, kTransferBufferSize / sizeof(Item));
+            const std::size_t filled = items.size();
+            items.resize(filled + step);
+            if (!TryRead(items.data() + filled, step * sizeof(Item))) {
+                return false;
+            }
+            count -= step;
+        }
+        return true;
     }
-    return true;
-}
+
+private:
+    // Bytes between the place of the next read and the stream's end, which may lie behind it: a
+    // damaged head file may hold more bytes than its size says.
+    std::uint64_t BytesLeft() const {
+        const std::uint64_t position = stream_.GetPosition() - (end_ - begin_);
+        const std::uint64_t size = stream_.GetSize();
+        return size > position ? size - position : 0;
+    }
+
+    bool Refill(std::uint64_t wanted) {
+        begin_ = 0;
+        end_ = stream_.Read(buffer_.data(), std::min<std::uint64_t>(wanted, buffer_.size()));
+        return end_ != 0;
+    }
+
+    IDataStream& stream_;
+    std::uint64_t expected_ = 0;
+    std::size_t begin_ = 0;
+    std::size_t end_ = 0;
+    std::array<std::uint8_t, kTransferBufferSize> buffer_;
+};
 
 }  // namespace Quorvel

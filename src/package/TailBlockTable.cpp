@@ -8,15 +8,29 @@
 
 namespace Quorvel {
 
+namespace {
+
+// The offset from which on nothing meets a fragment. Even an empty one takes its own offset.
+std::uint64_t EndOf(const TailFragment& fragment) {
+    return fragment.offset + std::max<std::uint64_t>(fragment.length, 1);
+}
+
+std::uint32_t RoomOf(std::uint64_t freeBytes) {
+    return static_cast<std::uint32_t>(freeBytes);
+}
+
+}  // namespace
+
 void TailBlockTable::Reset(std::uint64_t limit) {
     limit_ = limit;
     blockIds_.Clear();
     blocks_.clear();
-    fragments_.clear();
+    fragments_.Clear();
+    rooms_.Clear();
 }
 
 const TailFragment* TailBlockTable::FindFragment(std::uint64_t streamId) const {
-    return Fragment(streamId);
+    return fragments_.Find(streamId);
 }
 
 const TailBlockRecord* TailBlockTable::FindBlock(std::uint64_t blockId) const {
@@ -27,17 +41,8 @@ TailBlockRecord* TailBlockTable::Block(std::uint64_t blockId) const {
     return blockId < blocks_.size() ? blocks_[blockId].get() : nullptr;
 }
 
-TailFragment* TailBlockTable::Fragment(std::uint64_t streamId) const {
-    return streamId < fragments_.size() ? fragments_[streamId].get() : nullptr;
-}
-
 std::optional<std::uint64_t> TailBlockTable::FindBlockWithRoom(std::uint64_t bytes) const {
-    for (const std::unique_ptr<TailBlockRecord>& block : blocks_) {
-        if (block && block->freeBytes >= bytes) {
-            return block->blockId;
-        }
-    }
-    return std::nullopt;
+    return rooms_.FirstWith(bytes);
 }
 
 std::uint64_t TailBlockTable::AddBlock(const TailBlockPageNumbers& pages) {
@@ -57,7 +62,7 @@ bool TailBlockTable::Place(std::uint64_t streamId, std::uint64_t blockId, std::u
         return false;
     }
     const std::uint64_t offset = kTailBlockSize - block->freeBytes;
-    if (Overlaps(*block, offset, length) || Fragment(streamId)) {
+    if (Overlaps(*block, offset, length) || FindFragment(streamId)) {
         return false;
     }
     block->streamIds.push_back(streamId);
@@ -67,7 +72,7 @@ bool TailBlockTable::Place(std::uint64_t streamId, std::uint64_t blockId, std::u
         block->streamIds.pop_back();
         throw;
     }
-    block->freeBytes -= length;
+    SetFreeBytes(*block, block->freeBytes - length);
     return true;
 }
 
@@ -78,7 +83,7 @@ bool TailBlockTable::IsListInOrder(const TailBlockRecord& block) const {
         return false;
     }
     for (std::uint64_t index = 0; index < block.streamIds.size(); ++index) {
-        const TailFragment* const fragment = Fragment(block.streamIds[index]);
+        const TailFragment* const fragment = FindFragment(block.streamIds[index]);
         if (!fragment || fragment->blockId != block.blockId || fragment->listIndex != index) {
             return false;
         }
@@ -87,22 +92,26 @@ bool TailBlockTable::IsListInOrder(const TailBlockRecord& block) const {
 }
 
 template <typename Visitor>
-void TailBlockTable::ForEachFragment(const TailBlockRecord& block, const Visitor& visit) const {
+void TailBlockTable::ForEachFragment(const TailBlockRecord& block, const Visitor& visit) {
     if (IsListInOrder(block)) {
         for (const std::uint64_t streamId : block.streamIds) {
-            visit(*Fragment(streamId));
+            visit(*fragments_.Find(streamId));
         }
         return;
     }
-    for (const std::unique_ptr<TailFragment>& fragment : fragments_) {
-        if (fragment && fragment->blockId == block.blockId) {
-            visit(*fragment);
+    fragments_.ForEach([&](TailFragment& fragment) {
+        if (fragment.blockId == block.blockId) {
+            visit(fragment);
         }
-    }
+    });
 }
 
+// New tails go behind all others, unless a damaged file says otherwise.
 bool TailBlockTable::Overlaps(const TailBlockRecord& block, std::uint64_t offset,
-                              std::uint64_t length) const {
+                              std::uint64_t length) {
+    if (offset >= block.fragmentEnd) {
+        return false;
+    }
     bool overlaps = false;
     ForEachFragment(block, [&](const TailFragment& other) {
         overlaps |= (offset >= other.offset && offset < other.offset + other.length) ||
@@ -112,9 +121,10 @@ bool TailBlockTable::Overlaps(const TailBlockRecord& block, std::uint64_t offset
 }
 
 void TailBlockTable::Remove(std::uint64_t streamId) {
-    const TailFragment removed = *fragments_[streamId];
+    const TailFragment removed = *FindFragment(streamId);
     TailBlockRecord& block = *blocks_[removed.blockId];
-    ForEachFragment(block, [&removed](TailFragment& other) {
+    block.fragmentEnd = 0;
+    ForEachFragment(block, [&](TailFragment& other) {
         if (other.streamId == removed.streamId) {
             return;
         }
@@ -124,12 +134,18 @@ void TailBlockTable::Remove(std::uint64_t streamId) {
         if (other.offset >= removed.offset + removed.length) {
             other.offset -= removed.length;
         }
+        block.fragmentEnd = std::max(block.fragmentEnd, EndOf(other));
     });
     block.streamIds.erase(std::remove(block.streamIds.begin(), block.streamIds.end(), streamId),
                           block.streamIds.end());
-    block.freeBytes += removed.length;
     --block.fragmentCount;
-    fragments_[streamId].reset();
+    fragments_.Erase(streamId);
+    SetFreeBytes(block, block.freeBytes + removed.length);
+}
+
+void TailBlockTable::SetFreeBytes(TailBlockRecord& block, std::uint64_t bytes) {
+    block.freeBytes = bytes;
+    rooms_.Set(block.blockId, RoomOf(bytes));
 }
 
 bool TailBlockTable::IsValid(const StoredTailBlock& block) const {
@@ -146,10 +162,11 @@ void TailBlockTable::StoreBlock(const StoredTailBlock& block) {
     if (!IsValid(block)) {
         throw InvalidParameterException();
     }
-    auto record = std::make_unique<TailBlockRecord>(TailBlockRecord{block, {}, 0});
+    auto record = std::make_unique<TailBlockRecord>(TailBlockRecord{block, {}, 0, 0});
     if (block.blockId >= blocks_.size()) {
         blocks_.resize(block.blockId + 1);
     }
+    rooms_.Set(block.blockId, RoomOf(block.freeBytes));
     blocks_[block.blockId] = std::move(record);
 }
 
@@ -157,22 +174,14 @@ void TailBlockTable::StoreFragment(const TailFragment& fragment) {
     if (!IsValid(fragment)) {
         throw InvalidParameterException();
     }
-    auto record = std::make_unique<TailFragment>(fragment);
-    if (fragment.streamId >= fragments_.size()) {
-        fragments_.resize(fragment.streamId + 1);
-    }
-    fragments_[fragment.streamId] = std::move(record);
-    ++Block(fragment.blockId)->fragmentCount;
-}
-
-std::uint64_t TailBlockTable::CountFragments() const {
-    return static_cast<std::uint64_t>(std::count_if(
-        fragments_.begin(), fragments_.end(),
-        [](const std::unique_ptr<TailFragment>& fragment) { return fragment != nullptr; }));
+    fragments_.Put(fragment.streamId, fragment);
+    TailBlockRecord& block = *Block(fragment.blockId);
+    ++block.fragmentCount;
+    block.fragmentEnd = std::max(block.fragmentEnd, EndOf(fragment));
 }
 
 std::uint64_t TailBlockTable::StateSize() const {
-    std::uint64_t size = 2 * sizeof(std::uint64_t) + sizeof(TailFragment) * CountFragments();
+    std::uint64_t size = 2 * sizeof(std::uint64_t) + sizeof(TailFragment) * fragments_.Count();
     for (const std::unique_ptr<TailBlockRecord>& block : blocks_) {
         if (block) {
             size += sizeof(StoredTailBlock) + sizeof(std::uint64_t) * (1 + block->streamIds.size());
@@ -182,37 +191,37 @@ std::uint64_t TailBlockTable::StateSize() const {
 }
 
 bool TailBlockTable::Save(IDataStream& stream) const {
-    WriteRecord(stream, blockIds_.GetNumberOfAllocatedIdentifiers());
+    StateWriter writer(stream);
+    writer.Write(blockIds_.GetNumberOfAllocatedIdentifiers());
     for (const std::unique_ptr<TailBlockRecord>& block : blocks_) {
         if (block) {
-            WriteRecord<StoredTailBlock>(stream, *block);
-            WriteRecord<std::uint64_t>(stream, block->streamIds.size());
-            WriteAll(stream, block->streamIds.data(),
-                     block->streamIds.size() * sizeof(std::uint64_t));
+            writer.Write<StoredTailBlock>(*block);
+            writer.Write<std::uint64_t>(block->streamIds.size());
+            writer.Write(block->streamIds.data(), block->streamIds.size() * sizeof(std::uint64_t));
         }
     }
-    WriteRecord(stream, CountFragments());
-    for (const std::unique_ptr<TailFragment>& fragment : fragments_) {
-        if (fragment) {
-            WriteRecord(stream, *fragment);
-        }
-    }
+    writer.Write(fragments_.Count());
+    fragments_.ForEach([&writer](const TailFragment& fragment) { writer.Write(fragment); });
+    writer.Flush();
     return true;
 }
 
-bool TailBlockTable::Load(IDataStream& stream, std::uint64_t limit) {
+bool TailBlockTable::Load(StateReader& reader, std::uint64_t limit) {
     Reset(limit);
-    LoadBlocks(stream);
-    return LoadFragments(stream);
+    LoadBlocks(reader);
+    return LoadFragments(reader);
 }
 
-void TailBlockTable::LoadBlocks(IDataStream& stream) {
-    const auto count = ReadRecord<std::uint64_t>(stream);
+void TailBlockTable::LoadBlocks(StateReader& reader) {
+    const auto count = reader.Read<std::uint64_t>();
     if (count > BlockLimit()) {
         throw FileDataCorruptException();
     }
+    // Each has a list, which may be empty; behind them the fragments are counted.
+    constexpr std::uint64_t kSmallestBlock = sizeof(StoredTailBlock) + sizeof(std::uint64_t);
     for (std::uint64_t index = 0; index < count; ++index) {
-        const auto block = ReadRecord<StoredTailBlock>(stream);
+        reader.Expect((count - index) * kSmallestBlock + sizeof(std::uint64_t));
+        const auto block = reader.Read<StoredTailBlock>();
         if (blockIds_.IsAllocated(block.blockId)) {
             throw FileDataCorruptException();
         }
@@ -222,24 +231,25 @@ void TailBlockTable::LoadBlocks(IDataStream& stream) {
         StoreBlock(block);
 
         std::uint64_t listed = 0;
-        if (stream.Read(&listed, sizeof listed) != sizeof listed ||
-            !ReadItems(stream, blocks_[block.blockId]->streamIds, listed)) {
+        if (!reader.TryRead(&listed, sizeof listed) ||
+            !reader.ReadItems(blocks_[block.blockId]->streamIds, listed)) {
             throw FileDataCorruptException();
         }
     }
 }
 
-bool TailBlockTable::LoadFragments(IDataStream& stream) {
-    const auto count = ReadRecord<std::uint64_t>(stream);
+bool TailBlockTable::LoadFragments(StateReader& reader) {
+    const auto count = reader.Read<std::uint64_t>();
     if (count > limit_) {
         throw FileDataCorruptException();
     }
+    reader.Expect(count * sizeof(TailFragment));
     for (std::uint64_t index = 0; index < count; ++index) {
-        const auto fragment = ReadRecord<TailFragment>(stream);
+        const auto fragment = reader.Read<TailFragment>();
         if (fragment.listIndex >= limit_) {
             return false;
         }
-        if (Fragment(fragment.streamId)) {
+        if (FindFragment(fragment.streamId)) {
             throw FileDataCorruptException();
         }
         StoreFragment(fragment);
@@ -251,7 +261,8 @@ void TailBlockTable::Swap(TailBlockTable& other) noexcept {
     std::swap(limit_, other.limit_);
     blockIds_.Swap(other.blockIds_);
     blocks_.swap(other.blocks_);
-    fragments_.swap(other.fragments_);
+    fragments_.Swap(other.fragments_);
+    rooms_.Swap(other.rooms_);
 }
 
 bool GetChildFileTail(ChildFileTail& tail, const TailBlockTable& table, std::uint64_t streamId) {

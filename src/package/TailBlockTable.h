@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "corvaneutility/IdentifierAllocator.h"
+#include "package/RoomIndex.h"
+#include "package/SparseTable.h"
 #include "package/StreamDirectory.h"
 #include "pagestore/PageGeometry.h"
 #include "quorvel/IDataStream.h"
@@ -47,6 +49,7 @@ static_assert(sizeof(TailFragment) == 40);
 struct TailBlockRecord : StoredTailBlock {
     std::vector<std::uint64_t> streamIds;
     std::uint64_t fragmentCount;  // fragments that name this block
+    std::uint64_t fragmentEnd;    // no fragment lies, or begins, at this offset or behind it
 };
 
 // Where the tails of a package's streams lie.
@@ -61,6 +64,9 @@ public:
     // The tail of a stream, and a block; null when there is none.
     const TailFragment* FindFragment(std::uint64_t streamId) const;
     const TailBlockRecord* FindBlock(std::uint64_t blockId) const;
+
+    // All blocks by id; null where there is none.
+    const std::vector<std::unique_ptr<TailBlockRecord>>& Blocks() const { return blocks_; }
 
     // Id of the first block, in ascending order of ids, that has room for so many bytes.
     std::optional<std::uint64_t> FindBlockWithRoom(std::uint64_t bytes) const;
@@ -87,7 +93,7 @@ public:
     // the limit. Throws FileIOException when the stream ends early; FileDataCorruptException for
     // too many blocks or fragments, a block id or a stream's fragment that comes twice, or a list
     // that can't be; InvalidParameterException for a block or a fragment out of range.
-    bool Load(IDataStream& stream, std::uint64_t limit);
+    bool Load(StateReader& reader, std::uint64_t limit);
 
     void Swap(TailBlockTable& other) noexcept;
 
@@ -97,20 +103,20 @@ private:
     bool IsValid(const TailFragment& fragment) const;
     bool IsListInOrder(const TailBlockRecord& block) const;
     template <typename Visitor>
-    void ForEachFragment(const TailBlockRecord& block, const Visitor& visit) const;
-    bool Overlaps(const TailBlockRecord& block, std::uint64_t offset, std::uint64_t length) const;
+    void ForEachFragment(const TailBlockRecord& block, const Visitor& visit);
+    bool Overlaps(const TailBlockRecord& block, std::uint64_t offset, std::uint64_t length);
     TailBlockRecord* Block(std::uint64_t blockId) const;
-    TailFragment* Fragment(std::uint64_t streamId) const;
     void StoreBlock(const StoredTailBlock& block);
     void StoreFragment(const TailFragment& fragment);
-    void LoadBlocks(IDataStream& stream);
-    bool LoadFragments(IDataStream& stream);
-    std::uint64_t CountFragments() const;
+    void SetFreeBytes(TailBlockRecord& block, std::uint64_t bytes);
+    void LoadBlocks(StateReader& reader);
+    bool LoadFragments(StateReader& reader);
 
     std::uint64_t limit_ = kDefaultStreamLimit;
     Corvane::IdentifierAllocator blockIds_;
     std::vector<std::unique_ptr<TailBlockRecord>> blocks_;  // by block id
-    std::vector<std::unique_ptr<TailFragment>> fragments_;  // by stream id; null without a tail
+    SparseTable<TailFragment> fragments_;                   // by stream id
+    RoomIndex rooms_;                                       // the free bytes of the blocks
 };
 
 // Describes a stream's tail to a child file seeker; all zero when the stream has none. Returns

@@ -10,7 +10,7 @@ ChildFileStream::ChildFileStream(PagedFilePackage* package, std::uint64_t stream
 
 ChildFileStream::~ChildFileStream() {
     if (package_) {
-        package_->ForgetOpenStream(streamId_);
+        package_->ForgetOpenStream(streamId_, TakeSeeker());
     }
 }
 

@@ -16,6 +16,10 @@ std::uint64_t OffsetOfIndex(std::uint64_t pageIndex) {
     return pageIndex << kPageShift;
 }
 
+std::uint64_t EndOfPage(std::uint64_t page) {
+    return OffsetOfIndex(page - kHeadPageNumber) + kPageSize;
+}
+
 }  // namespace
 
 FilePageCache::FilePageCache(const char* path, std::uint64_t capacity) {
@@ -77,8 +81,12 @@ void FilePageCache::WritePage(std::uint64_t page) {
     WriteAt(pages_[index]->data, OffsetOfIndex(index), kPageSize);
 }
 
+bool FilePageCache::CoversPage(std::uint64_t page) const {
+    return EndOfPage(page) <= fileSize_;
+}
+
 void FilePageCache::EnsurePageInFile(std::uint64_t page) {
-    GrowTo(OffsetOfIndex(page - kHeadPageNumber) + kPageSize);
+    GrowTo(EndOfPage(page));
 }
 
 std::uint8_t* FilePageCache::GetPage(std::uint64_t page, Access access) {
@@ -103,10 +111,13 @@ std::uint8_t* FilePageCache::GetPage(std::uint64_t page, Access access) {
     if (capacity_ == 0) {
         throw InvalidParameterException();
     }
-    if (!EvictDownTo(capacity_ - 1)) {
+    std::unique_ptr<CachedPage> loaded;
+    if (!EvictDownTo(capacity_ - 1, loaded)) {
         return nullptr;
     }
-    std::unique_ptr<CachedPage> loaded(new (std::nothrow) CachedPage);
+    if (!loaded) {
+        loaded.reset(new (std::nothrow) CachedPage);
+    }
     if (!loaded) {
         throw OutOfMemoryException();
     }
@@ -116,7 +127,7 @@ std::uint8_t* FilePageCache::GetPage(std::uint64_t page, Access access) {
     loaded->older = nullptr;
     loaded->newer = nullptr;
     if (forWrite) {
-        GrowTo(OffsetOfIndex(index) + kPageSize);
+        GrowTo(EndOfPage(page));
     }
     ReadAt(loaded->data, OffsetOfIndex(index), kPageSize);
     PushMostRecent(loaded.get());
@@ -133,24 +144,26 @@ void FilePageCache::ReleasePage(std::uint64_t page) {
     }
 }
 
-// Walks from the cold end, over pinned pages, until few enough are left. True when they are.
-bool FilePageCache::EvictDownTo(std::uint64_t limit) {
+// Walks from the cold end, over pinned pages, until few enough are left. True when they are. One
+// frame that this frees is handed over: the next page goes into it.
+bool FilePageCache::EvictDownTo(std::uint64_t limit, std::unique_ptr<CachedPage>& frame) {
     CachedPage* next = leastRecent_;
     while (residentCount_ > limit && next) {
         CachedPage* const page = next;
         next = page->newer;
         if (page->pinCount < 1) {
-            WriteBackPage(page);
+            frame = WriteBackPage(page);
         }
     }
     return residentCount_ <= limit;
 }
 
-void FilePageCache::WriteBackPage(CachedPage* page) {
+// Writes a page and takes it out of the cache.
+std::unique_ptr<CachedPage> FilePageCache::WriteBackPage(CachedPage* page) {
     WriteAt(page->data, OffsetOfIndex(page->pageIndex), kPageSize);
     pages_[page->pageIndex] = nullptr;
     Unlink(page);
-    delete page;
+    return std::unique_ptr<CachedPage>(page);
 }
 
 void FilePageCache::GrowTo(std::uint64_t size) {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <vector>
 
 #include "pagestore/PageGeometry.h"
@@ -67,6 +68,9 @@ public:
     // Writes a page that is resident to the file now; it stays resident. Throws FileIOException.
     void WritePage(std::uint64_t page);
 
+    // Whether a page, which must be valid, lies in the file as a whole.
+    bool CoversPage(std::uint64_t page) const;
+
     // Grows the file to cover a page, which must be valid. Throws FileIOException.
     void EnsurePageInFile(std::uint64_t page);
 
@@ -75,8 +79,8 @@ private:
 
     std::uint8_t* GetPage(std::uint64_t page, Access access);
     void ReleasePage(std::uint64_t page);
-    bool EvictDownTo(std::uint64_t limit);
-    void WriteBackPage(CachedPage* page);
+    bool EvictDownTo(std::uint64_t limit, std::unique_ptr<CachedPage>& frame);
+    std::unique_ptr<CachedPage> WriteBackPage(CachedPage* page);
     void GrowTo(std::uint64_t size);
     void PushMostRecent(CachedPage* page);
     void Unlink(CachedPage* page);

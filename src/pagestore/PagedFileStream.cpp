@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "quorvel/Exceptions.h"
 
@@ -150,9 +151,13 @@ void PagedFileStream::MoveTo(const Util::RefPtr<IPagedFileSeeker>& seeker) {
 }
 
 void PagedFileStream::Detach() {
+    TakeSeeker();
+}
+
+Util::RefPtr<IPagedFileSeeker> PagedFileStream::TakeSeeker() {
     ReleasePages();
-    seeker_.Reset();
     position_ = {};
+    return std::exchange(seeker_, {});
 }
 
 // The seeker is not asked when the position does not change.

@@ -43,6 +43,9 @@ public:
 protected:
     ~PagedFileStream() override;
 
+    // Detaches, and returns the seeker.
+    Util::RefPtr<IPagedFileSeeker> TakeSeeker();
+
 private:
     struct Position {
         PagePosition page;

@@ -180,7 +180,7 @@ TEST(ReadExact, ReadThatThrowsFailsAndCostsTheStream) {
 
 TEST(WriteBytes, WritesTheLengthAndTheBytes) {
     Subject subject;
-    EXPECT_TRUE(WriteBytes({0xAA, 0xBB, 0xCC}, subject.stream));
+    EXPECT_TRUE(WriteBytes(Bytes{0xAA, 0xBB, 0xCC}, subject.stream));
     EXPECT_EQ(subject.memory->bytes, (Bytes{3, 0, 0, 0, 0, 0, 0, 0, 0xAA, 0xBB, 0xCC}));
     EXPECT_TRUE(subject.stream);
 }
@@ -195,14 +195,14 @@ TEST(WriteBytes, WritesOnlyTheLengthOfNoBytes) {
 
 TEST(WriteBytes, RefusesANullStream) {
     Util::RefPtr<IDataStream> stream;
-    EXPECT_FALSE(WriteBytes({1}, stream));
+    EXPECT_FALSE(WriteBytes(Bytes{1}, stream));
     EXPECT_FALSE(WriteBytes({}, stream));
 }
 
 TEST(WriteBytes, ShortLengthFailsAndCostsTheStream) {
     Subject subject;
     subject.memory->room = 7;
-    EXPECT_FALSE(WriteBytes({1, 2}, subject.stream));
+    EXPECT_FALSE(WriteBytes(Bytes{1, 2}, subject.stream));
     EXPECT_FALSE(subject.stream);
     EXPECT_EQ(subject.memory->calls, 1);
 }
@@ -210,7 +210,7 @@ TEST(WriteBytes, ShortLengthFailsAndCostsTheStream) {
 TEST(WriteBytes, ShortBytesFailAndCostTheStream) {
     Subject subject;
     subject.memory->room = 9;
-    EXPECT_FALSE(WriteBytes({1, 2}, subject.stream));
+    EXPECT_FALSE(WriteBytes(Bytes{1, 2}, subject.stream));
     EXPECT_FALSE(subject.stream);
     EXPECT_EQ(subject.memory->calls, 2);
 }
@@ -334,7 +334,7 @@ TEST(ReadBytes, LackOfMemoryFailsAndCostsTheStream) {
 
 TEST(SerializedSize, CountsTheLengthPrefix) {
     EXPECT_EQ(SerializedSize({}), 8u);
-    EXPECT_EQ(SerializedSize({1, 2, 3}), 11u);
+    EXPECT_EQ(SerializedSize(Bytes{1, 2, 3}), 11u);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "format/Bytes.h"
+#include "package/StreamTransfer.h"
 #include "quorvel/IDataStream.h"
 
 namespace Quorvel::Testing {
@@ -73,6 +74,13 @@ inline Format::Bytes BytesOf(const std::vector<std::uint64_t>& words) {
 // The first bytes of a sequence.
 inline Format::Bytes Prefix(const Format::Bytes& bytes, std::size_t size) {
     return Format::Bytes(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size));
+}
+
+// Loads a part of a package's state from a stream.
+template <typename State>
+bool LoadFrom(State&& state, IDataStream& stream, std::uint64_t limit) {
+    StateReader reader(stream);
+    return state.Load(reader, limit);
 }
 
 }  // namespace Quorvel::Testing

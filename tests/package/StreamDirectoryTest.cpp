@@ -38,7 +38,7 @@ constexpr std::uint64_t kFirstPageCount = 0x0A0B0C;
 
 void Load(StreamDirectory& directory, const Bytes& state, std::uint64_t limit = kLimit) {
     MemoryStream stream(state);
-    EXPECT_TRUE(directory.Load(stream, limit));
+    EXPECT_TRUE(LoadFrom(directory, stream, limit));
 }
 
 // A directory of so many streams of one byte, with ids from 0 up.
@@ -235,18 +235,19 @@ TEST(StreamDirectory, LoadsAsManyRecordsAsItsLimitAndRefusesOneMore) {
     Load(directory, three, 3);
     EXPECT_EQ(directory.Count(), 3U);
     MemoryStream stream(three);
-    EXPECT_THROW(directory.Load(stream, 2), FileDataCorruptException);
+    EXPECT_THROW(LoadFrom(directory, stream, 2), FileDataCorruptException);
 }
 
 TEST(StreamDirectory, RefusesToLoadAnIdThatComesTwice) {
     MemoryStream stream(BytesOf({2, 4, 0, 0, 0, 4, 0, 0, 0}));
-    EXPECT_THROW(StreamDirectory().Load(stream, kLimit), FileDataCorruptException);
+    EXPECT_THROW(LoadFrom(StreamDirectory(), stream, kLimit), FileDataCorruptException);
 }
 
 TEST(StreamDirectory, RefusesToLoadAnIdThatCanNotBeHad) {
     for (const std::uint64_t id : {std::uint64_t{0x1000000}, kInvalidStreamId}) {
         MemoryStream stream(BytesOf({1, id, 0, 0, 0}));
-        EXPECT_THROW(StreamDirectory().Load(stream, ~std::uint64_t{0}), FileDataCorruptException);
+        EXPECT_THROW(LoadFrom(StreamDirectory(), stream, ~std::uint64_t{0}),
+                     FileDataCorruptException);
     }
 }
 
@@ -255,20 +256,20 @@ TEST(StreamDirectory, LoadsAnIdAtItsLimitAndRefusesOneAbove) {
     Load(directory, BytesOf({1, kLimit, 0, 0, 0}));
     EXPECT_NE(directory.Find(kLimit), nullptr);
     MemoryStream stream(BytesOf({1, kLimit + 1, 0, 0, 0}));
-    EXPECT_THROW(directory.Load(stream, kLimit), InvalidParameterException);
+    EXPECT_THROW(LoadFrom(directory, stream, kLimit), InvalidParameterException);
 }
 
 TEST(StreamDirectory, RefusesToLoadARecordOfMoreWholePagesThanThereCanBe) {
     StreamDirectory directory;
     Load(directory, BytesOf({1, 0, 0, 10, 0xFFFF6}));
     MemoryStream stream(BytesOf({1, 0, 0, 10, 0xFFFF7}));
-    EXPECT_THROW(directory.Load(stream, kLimit), InvalidParameterException);
+    EXPECT_THROW(LoadFrom(directory, stream, kLimit), InvalidParameterException);
 }
 
 TEST(StreamDirectory, RefusesToLoadFromAStreamThatEndsAnywhereBeforeItsEnd) {
     for (std::size_t size = 0; size < kTwoRecords.size(); ++size) {
         MemoryStream stream(Prefix(kTwoRecords, size));
-        EXPECT_THROW(StreamDirectory().Load(stream, kLimit), FileIOException) << size;
+        EXPECT_THROW(LoadFrom(StreamDirectory(), stream, kLimit), FileIOException) << size;
     }
 }
 
@@ -276,7 +277,7 @@ TEST(StreamDirectory, TakesNoMemoryForRecordsThatTheStreamDoesNotHold) {
     MemoryStream stream(BytesOf({kDefaultStreamLimit, 0, 0, 0, 0}), ~std::uint64_t{0});
     StreamDirectory directory;
     const AllocationWatch watch;
-    EXPECT_THROW(directory.Load(stream, kDefaultStreamLimit), FileIOException);
+    EXPECT_THROW(LoadFrom(directory, stream, kDefaultStreamLimit), FileIOException);
     EXPECT_LT(watch.Largest(), 4096U);
 }
 

@@ -50,7 +50,7 @@ Words With(Field field, std::uint64_t value) {
 
 bool Load(const Words& words, std::uint64_t limit = kLimit) {
     MemoryStream stream(BytesOf(words));
-    return TailBlockTable().Load(stream, limit);
+    return LoadFrom(TailBlockTable(), stream, limit);
 }
 
 // So many blocks and nothing else.
@@ -77,7 +77,7 @@ Words Fragments(std::uint64_t count) {
 TEST(TailBlockTableLoad, ReadsWhatWasSaved) {
     TailBlockTable table;
     MemoryStream stream(BytesOf(kState));
-    EXPECT_TRUE(table.Load(stream, kLimit));
+    EXPECT_TRUE(LoadFrom(table, stream, kLimit));
     EXPECT_EQ(stream.GetPosition(), stream.GetSize());
 
     const TailBlockRecord* const block = table.FindBlock(3);
@@ -97,7 +97,7 @@ TEST(TailBlockTableLoad, ReadsWhatWasSaved) {
 TEST(TailBlockTableLoad, GoesOnWhereItWasSaved) {
     TailBlockTable table;
     MemoryStream stream(BytesOf(kState));
-    EXPECT_TRUE(table.Load(stream, kLimit));
+    EXPECT_TRUE(LoadFrom(table, stream, kLimit));
     EXPECT_TRUE(table.Place(7, 3, 10));
     EXPECT_EQ(table.FindFragment(7)->offset, 300U);
     EXPECT_EQ(table.FindFragment(7)->listIndex, 2U);
@@ -112,7 +112,7 @@ TEST(TailBlockTableLoad, ReplacesWhatTheTableHad) {
     const std::uint64_t block = table.AddBlock({11, 12, 13, 14, 15, 16, 17, 18});
     EXPECT_TRUE(table.Place(1, block, 100));
     MemoryStream stream(BytesOf({0, 0}));
-    EXPECT_TRUE(table.Load(stream, kLimit));
+    EXPECT_TRUE(LoadFrom(table, stream, kLimit));
     EXPECT_EQ(table.FindBlock(block), nullptr);
     EXPECT_EQ(table.FindFragment(1), nullptr);
     EXPECT_EQ(table.StateSize(), 16U);
@@ -121,7 +121,7 @@ TEST(TailBlockTableLoad, ReplacesWhatTheTableHad) {
 TEST(TailBlockTableLoad, KeepsTheLimit) {
     TailBlockTable table;
     MemoryStream stream(BytesOf(Blocks(1)));
-    EXPECT_TRUE(table.Load(stream, 8));
+    EXPECT_TRUE(LoadFrom(table, stream, 8));
     EXPECT_THROW(table.Place(9, 0, 1), InvalidParameterException);
     EXPECT_TRUE(table.Place(8, 0, 1));
 }
@@ -184,7 +184,7 @@ TEST(TailBlockTableLoad, RefusesAListThatIsLongerThanTheRestOfTheStream) {
 TEST(TailBlockTableLoad, RefusesAListThatReachesBehindTheEndOfTheStreamAlsoWhereBytesFollow) {
     const auto loadFrom = [](std::uint64_t size) {
         MemoryStream stream(BytesOf(kState), size);
-        return TailBlockTable().Load(stream, kLimit);
+        return LoadFrom(TailBlockTable(), stream, kLimit);
     };
     EXPECT_TRUE(loadFrom(8 * kFragmentCount));
     EXPECT_THROW(loadFrom(8 * kFragmentCount - 1), FileDataCorruptException);
@@ -239,9 +239,9 @@ TEST(TailBlockTableLoad, RefusesAStreamThatEndsAnywhereBeforeItsEnd) {
         MemoryStream stream(Prefix(state, size));
         TailBlockTable table;
         if (isInList(size)) {
-            EXPECT_THROW(table.Load(stream, kLimit), FileDataCorruptException) << size;
+            EXPECT_THROW(LoadFrom(table, stream, kLimit), FileDataCorruptException) << size;
         } else {
-            EXPECT_THROW(table.Load(stream, kLimit), FileIOException) << size;
+            EXPECT_THROW(LoadFrom(table, stream, kLimit), FileIOException) << size;
         }
     }
 }
@@ -250,7 +250,7 @@ TEST(TailBlockTableLoad, TakesNoMemoryForIdsThatTheStreamClaimsButDoesNotHold) {
     MemoryStream stream(BytesOf(With(kListCount, std::uint64_t{1} << 28)), std::uint64_t{1} << 33);
     TailBlockTable table;
     const AllocationWatch watch;
-    EXPECT_THROW(table.Load(stream, kLimit), FileDataCorruptException);
+    EXPECT_THROW(LoadFrom(table, stream, kLimit), FileDataCorruptException);
     EXPECT_LT(watch.Largest(), 65536U);
 }
 
@@ -258,7 +258,7 @@ TEST(TailBlockTableLoad, TakesNoMemoryForFragmentsThatTheStreamDoesNotHold) {
     MemoryStream stream(BytesOf(With(kFragmentCount, kDefaultStreamLimit)), ~std::uint64_t{0});
     TailBlockTable table;
     const AllocationWatch watch;
-    EXPECT_THROW(table.Load(stream, kDefaultStreamLimit), FileIOException);
+    EXPECT_THROW(LoadFrom(table, stream, kDefaultStreamLimit), FileIOException);
     EXPECT_LT(watch.Largest(), 65536U);
 }
 

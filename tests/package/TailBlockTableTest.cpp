@@ -44,7 +44,7 @@ using Place = std::pair<std::uint64_t, std::uint64_t>;
 TailBlockTable Loaded(const Words& words) {
     TailBlockTable table;
     MemoryStream stream(BytesOf(words));
-    EXPECT_TRUE(table.Load(stream, kLimit));
+    EXPECT_TRUE(LoadFrom(table, stream, kLimit));
     return table;
 }
 

@@ -123,7 +123,7 @@ TEST_F(ChildFileStreamTest, HasNoBytesOnceItLeftItsPackage) {
     const Util::RefPtr<IDataStream> stream = package_->OpenDataStream(id);
     std::uint8_t byte;
     ASSERT_EQ(stream->Read(&byte, 1), 1u);
-    package_->ForgetOpenStream(id);
+    package_->ForgetOpenStream(id, {});
     static_cast<ChildFileStream&>(*stream).LeavePackage();
     ExpectNoBytes(*stream);
 }
@@ -131,7 +131,7 @@ TEST_F(ChildFileStreamTest, HasNoBytesOnceItLeftItsPackage) {
 TEST_F(ChildFileStreamTest, ThatLeftItsPackageDiesWithoutTellingIt) {
     const std::uint64_t id = CreateStream(PatternBytes(kSize));
     Util::RefPtr<IDataStream> former = package_->OpenDataStream(id);
-    package_->ForgetOpenStream(id);
+    package_->ForgetOpenStream(id, {});
     static_cast<ChildFileStream&>(*former).LeavePackage();
     const Util::RefPtr<IDataStream> current = package_->OpenDataStream(id);
     former.Reset();

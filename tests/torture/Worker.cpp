@@ -1,4 +1,5 @@
 // One process of a torture run: a random mix of everything that a host does with its cache.
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <random>
@@ -31,6 +32,7 @@ constexpr std::uint64_t kPermanentStep = 8;
 // Most effects are alike in size, so that one in another's place would not be noticed by its
 // length.
 constexpr std::size_t kUsualSize = 3000;
+constexpr std::size_t kLargeSize = 10000;
 constexpr std::size_t kLargestSize = 60000;
 
 class Worker {
@@ -79,12 +81,14 @@ private:
         } else if (roll < 500) {
             SearchAbsent();
         } else if (roll < 800) {
-            CacheOwned();
+            CacheOwned(Roll(kNamesOfSlot));
         } else if (roll < 940) {
             CacheShared();
         } else if (roll < 985) {
             Save();
-        } else if (roll < 992) {
+        } else if (roll < 988) {
+            SaveMuch();
+        } else if (roll < 994) {
             cache_->ListCachedEffects((directory_ + "/list" + std::to_string(slot_)).c_str());
         } else {
             Close();
@@ -115,11 +119,22 @@ private:
         return "shared effect " + std::to_string(name);
     }
 
+    // Replaces all effects of the slot by large ones: more than the page cache holds, so that pages
+    // reach the file all along the save.
+    void SaveMuch() {
+        leastSize_ = kLargeSize;
+        for (std::uint64_t name = 0; name < kNamesOfSlot; ++name) {
+            CacheOwned(name);
+        }
+        leastSize_ = 0;
+        Save();
+    }
+
     std::size_t RandomSize(const std::string& name) {
-        const std::size_t smallest = SmallestEffect(name);
+        const std::size_t smallest = std::max(leastSize_, SmallestEffect(name));
         const std::uint64_t roll = Roll(10);
         if (roll < 7) {
-            return kUsualSize;
+            return std::max(leastSize_, kUsualSize);
         }
         return smallest + Roll(roll < 9 ? kUsualSize : kLargestSize);
     }
@@ -130,8 +145,7 @@ private:
         ++board_[Count::Cached];
     }
 
-    void CacheOwned() {
-        const std::uint64_t name = Roll(kNamesOfSlot);
+    void CacheOwned(std::uint64_t name) {
         const std::uint64_t version = ++board_.Issued(slot_, name);
         pending_.emplace_back(name, version);
         Cache(OwnedName(slot_, name), version, name % kPermanentStep == 0);
@@ -224,6 +238,7 @@ private:
     std::uint64_t slots_;
     std::mt19937_64 random_;
     bool mayEvict_;
+    std::size_t leastSize_ = 0;  // of the effects that are cached
     Util::RefPtr<EffectCacheSystem> cache_;
     std::vector<std::pair<std::uint64_t, std::uint64_t>> pending_;  // own names and their versions
 };

@@ -11,10 +11,15 @@ std::int64_t PerformanceCounter() noexcept {
 }
 
 LocalTime CurrentLocalTime() noexcept {
+    // A moment's second is looked up once: that takes longer than everything else here.
+    static thread_local std::time_t second = -1;
+    static thread_local std::tm local{};
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
-    std::tm local{};
-    ::localtime_r(&now.tv_sec, &local);
+    if (now.tv_sec != second) {
+        ::localtime_r(&now.tv_sec, &local);
+        second = now.tv_sec;
+    }
     return {static_cast<std::uint16_t>(local.tm_year + 1900),
             static_cast<std::uint16_t>(local.tm_mon + 1),
             static_cast<std::uint16_t>(local.tm_mday),

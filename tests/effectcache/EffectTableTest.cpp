@@ -1,0 +1,203 @@
+#include "effectcache/EffectTable.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <map>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "effectcache/IndexEntry.h"
+#include "effectcache/PendingEffect.h"
+
+namespace Quorvel {
+
+namespace {
+
+using Table = EffectTable<IndexEntry>;
+
+EffectKey KeyOf(const std::string& name) {
+    return {reinterpret_cast<const unsigned char*>(name.data()), name.size()};
+}
+
+std::string NameOf(const IndexEntry& entry) {
+    const EffectKey key = entry.Key();
+    return {reinterpret_cast<const char*>(key.bytes), key.length};
+}
+
+void Put(Table& table, const std::string& name, std::uint64_t streamId) {
+    EffectRecord record = {};
+    record.streamId = streamId;
+    record.nameLength = static_cast<std::uint32_t>(name.size());
+    table.Put(IndexEntry::Make(KeyOf(name), record));
+}
+
+std::vector<std::string> Names(const Table& table) {
+    std::vector<std::string> names;
+    for (const IndexEntry* const entry : table.Entries()) {
+        names.push_back(NameOf(*entry));
+    }
+    return names;
+}
+
+TEST(EffectTable, HoldsNothingAtFirst) {
+    const Table table;
+    EXPECT_EQ(table.Size(), 0u);
+    EXPECT_EQ(table.Find(KeyOf("a")), nullptr);
+    EXPECT_TRUE(table.Entries().empty());
+}
+
+TEST(EffectTable, FindsEntriesByName) {
+    Table table;
+    Put(table, "one", 1);
+    Put(table, "two", 2);
+    ASSERT_NE(table.Find(KeyOf("two")), nullptr);
+    EXPECT_EQ(table.Find(KeyOf("two"))->record.streamId, 2u);
+    EXPECT_EQ(table.Find(KeyOf("one"))->record.streamId, 1u);
+    EXPECT_EQ(table.Find(KeyOf("three")), nullptr);
+    EXPECT_EQ(table.Size(), 2u);
+}
+
+TEST(EffectTable, SettledItListsThemInTheOrderOfKeys) {
+    Table table;
+    for (const char* const name : {"bb", "a", "ccc", "b", "ab"}) {
+        Put(table, name, 0);
+    }
+    table.Settle();
+    EXPECT_EQ(Names(table), (std::vector<std::string>{"a", "b", "ab", "bb", "ccc"}));
+    Put(table, "aa", 0);
+    Put(table, "c", 0);
+    Put(table, "dddd", 0);
+    table.Settle();
+    EXPECT_EQ(Names(table),
+              (std::vector<std::string>{"a", "b", "c", "aa", "ab", "bb", "ccc", "dddd"}));
+}
+
+TEST(EffectTable, EntryTakesThePlaceOfTheOneThatHadItsName) {
+    Table table;
+    Put(table, "a", 1);
+    Put(table, "b", 2);
+    table.Settle();
+    Put(table, "a", 3);
+    EXPECT_EQ(table.Size(), 2u);
+    EXPECT_EQ(table.Find(KeyOf("a"))->record.streamId, 3u);
+    table.Settle();
+    EXPECT_EQ(Names(table), (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(table.Entries()[0]->record.streamId, 3u);
+}
+
+TEST(EffectTable, RemovedEntryIsGone) {
+    Table table;
+    Put(table, "a", 1);
+    Put(table, "b", 2);
+    table.Remove(table.Find(KeyOf("a")));
+    EXPECT_EQ(table.Find(KeyOf("a")), nullptr);
+    EXPECT_EQ(table.Size(), 1u);
+    table.Settle();
+    EXPECT_EQ(Names(table), (std::vector<std::string>{"b"}));
+    Put(table, "a", 4);
+    table.Remove(table.Find(KeyOf("a")));
+    Put(table, "a", 5);
+    table.Settle();
+    EXPECT_EQ(Names(table), (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(table.Find(KeyOf("a"))->record.streamId, 5u);
+}
+
+TEST(EffectTable, EntryStaysWhereItIs) {
+    Table table;
+    Put(table, "stays", 1);
+    const IndexEntry* const entry = table.Find(KeyOf("stays"));
+    for (int index = 0; index < 1000; ++index) {
+        Put(table, std::to_string(index), 0);
+    }
+    table.Settle();
+    EXPECT_EQ(table.Find(KeyOf("stays")), entry);
+}
+
+TEST(EffectTable, KeepsItsEntriesWhenRoomIsMade) {
+    Table table;
+    Put(table, "a", 1);
+    table.Reserve(100);
+    Put(table, "b", 2);
+    table.Reserve(5);
+    for (std::uint64_t index = 0; index < 200; ++index) {
+        Put(table, "name " + std::to_string(index), index);
+    }
+    EXPECT_EQ(table.Size(), 202u);
+    EXPECT_EQ(table.Find(KeyOf("a"))->record.streamId, 1u);
+    EXPECT_EQ(table.Find(KeyOf("name 199"))->record.streamId, 199u);
+}
+
+TEST(EffectTable, IsEmptyOnceCleared) {
+    Table table;
+    Put(table, "a", 1);
+    table.Clear();
+    EXPECT_EQ(table.Size(), 0u);
+    EXPECT_EQ(table.Find(KeyOf("a")), nullptr);
+    EXPECT_TRUE(table.Entries().empty());
+    Put(table, "b", 2);
+    table.Settle();
+    EXPECT_EQ(Names(table), (std::vector<std::string>{"b"}));
+}
+
+// Long enough for slots to collide, wrap around and grow.
+TEST(EffectTable, AgreesWithAMap) {
+    std::minstd_rand random(9);
+    Table table;
+    std::map<std::pair<std::size_t, std::string>, std::uint64_t> expected;
+    for (std::uint64_t step = 0; step < 20000; ++step) {
+        const std::string name = std::to_string(random() % 700);
+        if (random() % 5 < 3) {
+            Put(table, name, step);
+            expected[{name.size(), name}] = step;
+        } else {
+            IndexEntry* const entry = table.Find(KeyOf(name));
+            ASSERT_EQ(entry != nullptr, expected.erase({name.size(), name}) != 0) << step;
+            if (entry) {
+                table.Remove(entry);
+            }
+        }
+        if (random() % 400 == 0) {
+            table.Settle();
+            ASSERT_EQ(table.Entries().size(), expected.size());
+            auto next = expected.begin();
+            for (const IndexEntry* const entry : table.Entries()) {
+                ASSERT_EQ(NameOf(*entry), next->first.second);
+                ASSERT_EQ(entry->record.streamId, next->second);
+                ++next;
+            }
+        }
+        ASSERT_EQ(table.Size(), expected.size());
+    }
+}
+
+TEST(IndexEntry, IsItsBytesInTheIndex) {
+    EffectRecord record = {0x0102030405060708, 2, 9, 1, {2024, 2, 29, 23, 59, 58, 987}, 0};
+    const auto entry = IndexEntry::Make(KeyOf("ab"), record);
+    const auto bytes = entry->Bytes();
+    EXPECT_EQ(std::vector<unsigned char>(bytes.begin(), bytes.end()),
+              (std::vector<unsigned char>{8,    7,    6, 5, 4,  3, 2,  1,                  //
+                                          2,    0,    0, 0, 9,  0, 0,  0, 1,   0,  0,  0,  //
+                                          0xE8, 0x07, 2, 0, 29, 0, 23, 0, 59,  0,  58, 0,  //
+                                          0xDB, 0x03, 0, 0,                                //
+                                          0,    0,    0, 0, 0,  0, 0,  0,                  //
+                                          2,    0,    0, 0, 0,  0, 0,  0, 'a', 'b'}));
+}
+
+TEST(PendingEffect, HoldsCopiesOfNameAndBytes) {
+    std::string name = "name";
+    std::vector<unsigned char> bytes = {1, 2, 3};
+    const auto effect = PendingEffect::Make(KeyOf(name), bytes, 1);
+    name[0] = 'x';
+    bytes[0] = 9;
+    EXPECT_TRUE(effect->Key() == KeyOf("name"));
+    EXPECT_EQ(std::vector<unsigned char>(effect->Bytes().begin(), effect->Bytes().end()),
+              (std::vector<unsigned char>{1, 2, 3}));
+    EXPECT_EQ(effect->Permanent(), 1u);
+}
+
+}  // namespace
+
+}  // namespace Quorvel

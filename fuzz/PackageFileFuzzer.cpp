@@ -24,6 +24,7 @@ using Streams = std::map<std::uint64_t, Bytes>;
 
 constexpr std::uint64_t kLargestCompared = 1 << 18;
 constexpr std::uint64_t kLargestCreated = 1 << 16;
+constexpr std::uint64_t kAddedSize = 50;
 
 // With room for no more than a few streams a sound package may not take others of their sizes.
 constexpr std::uint64_t kTightLimit = 16;
@@ -91,27 +92,32 @@ void CompareWithFormat(IDataStreamSet& package, const PackageImage& image) {
     Require(package.GetTotalDataSize() == total, "total size");
 }
 
-// Replaces every stream by another of its size, or of one byte more, and says what they hold.
-// False when a step was refused.
-bool ReplaceStreams(IDataStreamSet& package, const PackageImage& image, Streams& streams) {
-    bool complete = true;
-    std::uint8_t filler = 0;
+// Creates a stream and fills it; false when a step was refused.
+bool AddStream(IDataStreamSet& package, const Bytes& content, Streams& streams) {
+    return Succeeds([&] {
+        const std::uint64_t id = package.CreateDataStream(content.size());
+        if (id == kInvalidStreamId) {
+            return false;
+        }
+        streams[id] = content;
+        return content.empty() ||
+               package.OpenDataStream(id)->Write(content.data(), content.size()) == content.size();
+    });
+}
+
+// Adds a stream, then replaces every other by one of its size, or of one byte more, and says what
+// they hold. False when a step was refused.
+bool ChangeStreams(IDataStreamSet& package, const PackageImage& image, Streams& streams) {
+    std::uint8_t filler = 1;
+    bool complete = AddStream(package, Bytes(kAddedSize, filler), streams);
     for (const Format::StreamRecord& stream : image.streams) {
         const std::uint64_t size = std::min(stream.size, kLargestCreated) + stream.id % 2;
-        const Bytes content(static_cast<std::size_t>(size), ++filler);
-        const bool replaced = Succeeds([&] {
-            if (!package.DeleteDataStream(stream.id)) {
-                return false;
-            }
+        const bool deleted = Succeeds([&] { return package.DeleteDataStream(stream.id); });
+        if (deleted) {
             streams.erase(stream.id);
-            const std::uint64_t id = package.CreateDataStream(size);
-            if (id == kInvalidStreamId) {
-                return false;
-            }
-            streams[id] = content;
-            return size == 0 || package.OpenDataStream(id)->Write(content.data(), size) == size;
-        });
-        complete = complete && replaced;
+        }
+        const Bytes content(static_cast<std::size_t>(size), ++filler);
+        complete = AddStream(package, content, streams) && deleted && complete;
     }
     return complete;
 }
@@ -134,7 +140,7 @@ void TryFile(const Bytes& file, const std::string& path, std::uint64_t limit,
     for (const Format::StreamRecord& stream : image->streams) {
         streams[stream.id];
     }
-    const bool replaced = ReplaceStreams(*package, *image, streams);
+    const bool changed = ChangeStreams(*package, *image, streams);
     const bool committed = Succeeds([&] { return package->Commit(); });
     package.Reset();
     Require(std::filesystem::file_size(path) <= file.size() + kMostGrowth, "the file's growth");
@@ -142,10 +148,10 @@ void TryFile(const Bytes& file, const std::string& path, std::uint64_t limit,
     if (!sound || limit == kTightLimit) {
         return;
     }
-    Require(replaced && committed && package, "a sound package can be changed");
-    const Bytes changed = Format::ReadWholeFile(path);
-    Require(Format::CheckPackage(changed, limit).empty(), "a sound package stays sound");
-    const PackageImage changedImage = Format::ReadPackage(changed, limit);
+    Require(changed && committed && package, "a sound package can be changed");
+    const Bytes after = Format::ReadWholeFile(path);
+    Require(Format::CheckPackage(after, limit).empty(), "a sound package stays sound");
+    const PackageImage changedImage = Format::ReadPackage(after, limit);
     Require(Format::ReadAllStreams(changedImage) == streams, "what was written");
     CompareWithFormat(*package, changedImage);
 }

@@ -207,7 +207,8 @@ bool EffectCacheImpl::ReadIndex(IDataStream& stream) {
     constexpr std::uint64_t kSmallestEntry = IndexEntrySize(kShortestName);
     StateReader reader(stream);
     // A damaged file may count more effects than it can hold.
-    fileTable_.Reserve(std::min(header_.recordCount, kStreamLimit));
+    const std::uint64_t recordCount = header_.recordCount;  // no reference to a packed field
+    fileTable_.Reserve(std::min(recordCount, kStreamLimit));
     std::vector<unsigned char> name;
     for (std::uint64_t index = 0; index < header_.recordCount; ++index) {
         reader.Expect((header_.recordCount - index) * kSmallestEntry);

@@ -123,11 +123,12 @@ public:
     }
 
 private:
-    // Bytes between the position and the end.
+    // Bytes between the place of the next read and the stream's end, which may lie behind it: a
+    // damaged head file may hold more bytes than its size says.
     std::uint64_t BytesLeft() const {
-        const std::uint64_t position = stream_.GetPosition();
+        const std::uint64_t position = stream_.GetPosition() - (end_ - begin_);
         const std::uint64_t size = stream_.GetSize();
-        return (end_ - begin_) + (size > position ? size - position : 0);
+        return size > position ? size - position : 0;
     }
 
     bool Refill(std::uint64_t wanted) {

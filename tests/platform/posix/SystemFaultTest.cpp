@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -280,6 +281,25 @@ TEST_F(NamedMemoryUnderFaults, IsNotOpenedOnceOthersMayReachIt) {
         EXPECT_FALSE(MemoryHandle().Open(name_));
         EXPECT_EQ(errno, EACCES);
     }
+}
+
+TEST_F(NamedMemoryUnderFaults, IsNotOpenedOnceItIsSomebodyElses) {
+    MemoryHandle block;
+    ASSERT_TRUE(block.Create(name_, kBytes));
+    const std::filesystem::path path = PathOf("memory", name_);
+    ASSERT_EQ(::chown(path.c_str(), 0x40000000, static_cast<gid_t>(-1)), 0)
+        << "run the tests as root";
+    EXPECT_FALSE(MemoryHandle().Open(name_));
+    EXPECT_EQ(errno, EACCES);
+}
+
+TEST_F(NamedMemoryUnderFaults, IsNotOpenedWhereSomethingElseStands) {
+    const MutexHandle maker(name_);
+    const std::filesystem::path path = PathOf("memory", name_);
+    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+    EXPECT_FALSE(MemoryHandle().Open(name_));
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_TRUE(std::filesystem::remove(path));
 }
 
 }  // namespace Quorvel::Testing

@@ -60,6 +60,32 @@ TEST(EffectTable, FindsEntriesByName) {
     EXPECT_EQ(table.Size(), 2u);
 }
 
+// Two names of one hash.
+std::pair<std::string, std::string> NamesOfOneHash() {
+    std::map<std::uint32_t, std::string> names;
+    for (int number = 0;; ++number) {
+        const std::string name = std::to_string(number);
+        const auto [other, isNew] = names.emplace(KeyOf(name).Hash(), name);
+        if (!isNew) {
+            return {other->second, name};
+        }
+    }
+}
+
+TEST(EffectTable, TellsNamesOfOneHashApart) {
+    const auto [first, second] = NamesOfOneHash();
+    Table table;
+    Put(table, first, 1);
+    EXPECT_EQ(table.Find(KeyOf(second)), nullptr);
+    Put(table, second, 2);
+    EXPECT_EQ(table.Size(), 2u);
+    EXPECT_EQ(table.Find(KeyOf(first))->record.streamId, 1u);
+    EXPECT_EQ(table.Find(KeyOf(second))->record.streamId, 2u);
+    table.Remove(table.Find(KeyOf(first)));
+    EXPECT_EQ(table.Find(KeyOf(first)), nullptr);
+    EXPECT_EQ(table.Find(KeyOf(second))->record.streamId, 2u);
+}
+
 TEST(EffectTable, SettledItListsThemInTheOrderOfKeys) {
     Table table;
     for (const char* const name : {"bb", "a", "ccc", "b", "ab"}) {

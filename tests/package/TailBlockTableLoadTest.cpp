@@ -262,4 +262,79 @@ TEST(TailBlockTableLoad, TakesNoMemoryForFragmentsThatTheStreamDoesNotHold) {
     EXPECT_LT(watch.Largest(), 65536U);
 }
 
+// ---- Lists and offsets that a damaged file has wrong --------------------------------------------
+
+namespace {
+
+// The second block's list names these two streams.
+Words WithList(std::uint64_t first, std::uint64_t second, Words words = kState) {
+    words[23] = first;
+    words[24] = second;
+    return words;
+}
+
+// One fragment more, in the second block behind the others.
+Words WithFragment(std::uint64_t streamId, std::uint64_t listIndex, Words words) {
+    ++words[kFragmentCount];
+    words.insert(words.end(), {streamId, 3, listIndex, 300, 10});
+    return words;
+}
+
+}  // namespace
+
+TEST(TailBlockTableLoad, RemovesAFragmentOfABlockWhoseListNamesTheWrongStreams) {
+    for (const Words& words : {WithList(2, 5), WithList(5, 9), WithList(9, 2), WithList(5, 5)}) {
+        TailBlockTable table;
+        MemoryStream stream(BytesOf(words));
+        ASSERT_TRUE(LoadFrom(table, stream, kLimit));
+        table.Remove(5);
+        EXPECT_EQ(table.FindFragment(5), nullptr);
+        EXPECT_EQ(table.FindFragment(2)->offset, 0U);
+        EXPECT_EQ(table.FindFragment(2)->listIndex, 0U);
+        ASSERT_TRUE(table.Place(7, 3, 10));
+        EXPECT_EQ(table.FindFragment(7)->offset, 200U);
+    }
+}
+
+TEST(TailBlockTableLoad, LeavesAFragmentOfAnotherBlockAloneThatTheListNames) {
+    const Words inOtherBlock = With(kFragmentBlock, 0);
+    for (const Words& words : {inOtherBlock, WithFragment(7, 1, inOtherBlock)}) {
+        TailBlockTable table;
+        MemoryStream stream(BytesOf(words));
+        ASSERT_TRUE(LoadFrom(table, stream, kLimit));
+        table.Remove(5);
+        EXPECT_EQ(table.FindFragment(2)->blockId, 0U);
+        EXPECT_EQ(table.FindFragment(2)->offset, 100U);
+        EXPECT_EQ(table.FindFragment(2)->listIndex, 1U);
+        if (const TailFragment* const moved = table.FindFragment(7)) {
+            EXPECT_EQ(moved->offset, 200U);
+            EXPECT_EQ(moved->listIndex, 0U);
+        }
+    }
+}
+
+// The block says that more of it is free than is: its fragments lie at 100 to 300 and 400 to 500.
+TEST(TailBlockTableLoad, PlacesATailOnlyWhereNoFragmentIs) {
+    struct {
+        std::uint64_t offset, length;
+        bool fits;
+    } const cases[] = {
+        {0, 100, true},  {0, 101, false}, {0, 150, false},   {99, 1, true},    {99, 2, false},
+        {100, 1, false}, {299, 1, false}, {200, 300, false}, {300, 100, true}, {300, 101, false},
+        {399, 1, true},  {400, 1, false}, {499, 1, false},   {500, 1, true},   {50, 2000, false},
+    };
+    for (const bool isListInOrder : {true, false}) {
+        for (const auto& each : cases) {
+            Words words = isListInOrder ? kState : WithList(2, 5);
+            words[kFreeBytes] = kTailBlockSize - each.offset;
+            words[kSecondStreamId + 3] = 400;
+            TailBlockTable table;
+            MemoryStream stream(BytesOf(words));
+            ASSERT_TRUE(LoadFrom(table, stream, kLimit));
+            EXPECT_EQ(table.Place(7, 3, each.length), each.fits)
+                << each.offset << ' ' << each.length << ' ' << isListInOrder;
+        }
+    }
+}
+
 }  // namespace Quorvel::Testing

@@ -475,6 +475,69 @@ TEST_F(PagedFileStreamTest, RemoveRangeOutsideTheStreamIsRefusedAndChangesNothin
     EXPECT_EQ(ReadAll(), content_);
 }
 
+// Places no position after so many moves.
+class TiringSeeker : public ListSeeker {
+public:
+    using ListSeeker::ListSeeker;
+
+    bool MovePosition(std::uint64_t& pageIndex, std::uint64_t& pageOffset, const PagePosition& from,
+                      std::uint32_t distance) override {
+        placesPositions = movesAsked < movesPlaced;
+        const bool isPlaced = ListSeeker::MovePosition(pageIndex, pageOffset, from, distance);
+        placesPositions = true;
+        return isPlaced;
+    }
+
+    int movesPlaced = 0;
+};
+
+TEST_F(PagedFileStreamTest, RemoveRangeIsRefusedWhenAPlaceOnTheWayIsAndStaysWhereItWas) {
+    for (int moves = 0; moves < 5; ++moves) {
+        const Util::RefPtr<TiringSeeker> seeker(new TiringSeeker({kFirst, kSecond, kThird}));
+        stream_ = new PagedFileStream(&cache_, seeker);
+        ASSERT_TRUE(stream_->Seek(0, 7));
+        seeker->movesPlaced = moves;
+        EXPECT_FALSE(stream_->RemoveRange(900, 10)) << moves;
+        EXPECT_EQ(seeker->movesAsked, moves + 1);
+        EXPECT_EQ(stream_->GetPosition(), 7u);
+        EXPECT_EQ(FreePins(), 4);
+    }
+}
+
+// Places every position it is asked for at one place.
+class FixedSeeker : public ListSeeker {
+public:
+    FixedSeeker(std::initializer_list<Entry> entries, const PagePosition& place)
+        : ListSeeker(entries), place_(place) {}
+
+    bool PositionToPage(std::uint64_t& pageIndex, std::uint64_t& pageOffset,
+                        std::int32_t /*position*/) override {
+        pageIndex = place_.pageIndex;
+        pageOffset = place_.pageOffset;
+        return true;
+    }
+
+private:
+    const PagePosition place_;
+};
+
+TEST_F(PagedFileStreamTest, HasNothingAtAPlaceBehindItsPages) {
+    const Util::RefPtr<IPagedFileSeeker> seeker(new FixedSeeker({kFirst, kSecond}, {2, 0}));
+    stream_ = new PagedFileStream(&cache_, seeker);
+    EXPECT_EQ(Read(10), Bytes());
+    const std::uint8_t byte = 1;
+    EXPECT_EQ(stream_->Write(&byte, 1), 0u);
+    EXPECT_TRUE(stream_->RemoveRange(0, 0));
+    EXPECT_EQ(ReadFile(path_), file_);
+}
+
+TEST_F(PagedFileStreamTest, RemoveRangeToAPlaceWithoutBytesThrowsCorrupt) {
+    const Util::RefPtr<IPagedFileSeeker> seeker(new FixedSeeker({kFirst, kSecond}, {0, 8192}));
+    stream_ = new PagedFileStream(&cache_, seeker);
+    EXPECT_THROW(stream_->RemoveRange(0, 5), FileDataCorruptException);
+    EXPECT_EQ(FreePins(), 4);
+}
+
 TEST_F(PagedFileStreamTest, RemoveRangeThatCantPinBothPagesThrowsCorruptAndUnpins) {
     OpenCache(1);
     OpenStream({kFirst, kSecond});

@@ -332,6 +332,15 @@ TEST_F(ChildFileSeekerTest, APositionOutsideTheFileIsNowhere) {
     }
 }
 
+TEST_F(ChildFileSeekerTest, APositionBehindThePagesIsNowhereWhateverTheSizeSays) {
+    Attach(1, kNoTail);
+    seeker_->byteSize = 4 * 8192;
+    EXPECT_EQ(PlaceAt(8192), (Place{true, 0, 8192}));
+    EXPECT_EQ(PlaceAt(8193), kNowhere);
+    EXPECT_EQ(PlaceAt(2 * 8192), kNowhere);
+    EXPECT_EQ(PlaceAt(2 * 8192 + 1), kNowhere);
+}
+
 TEST_F(ChildFileSeekerTest, PositionsAreComparedWithTheLow32BitsOfTheSizeAsASignedNumber) {
     allocator_->otherLink = 20;
     allocator_->links.clear();

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <filesystem>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -125,7 +126,9 @@ ChildProcess::ChildProcess(const std::string& agent, const std::vector<std::stri
     argv.push_back(nullptr);
 
     const SpawnSettings settings(childInput.Get(), childOutput.Get());
-    const int error = ::posix_spawn(&state_->process, "/proc/self/exe", settings.Actions(),
+    // The link's target, since under valgrind the link itself would start valgrind alone.
+    const std::string program = std::filesystem::read_symlink("/proc/self/exe").string();
+    const int error = ::posix_spawn(&state_->process, program.c_str(), settings.Actions(),
                                     settings.Attributes(), argv.data(), environ);
     if (error != 0) {
         Refuse(error, "posix_spawn");

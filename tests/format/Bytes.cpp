@@ -58,7 +58,8 @@ Bytes ReadWholeFile(const std::string& path) {
     Bytes bytes;
     Bytes chunk(1 << 16);
     do {
-        file.read(reinterpret_cast<char*>(chunk.data()), static_cast<std::streamsize>(chunk.size()));
+        file.read(reinterpret_cast<char*>(chunk.data()),
+                  static_cast<std::streamsize>(chunk.size()));
         bytes.insert(bytes.end(), chunk.begin(), chunk.begin() + file.gcount());
     } while (file);
     if (!file.eof()) {

@@ -16,6 +16,9 @@ install(TARGETS ${targets} EXPORT QuorvelTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+if(CMAKE_CXX_LINKER_SUPPORTS_PDB)
+    install(FILES $<TARGET_PDB_FILE:quorvel> DESTINATION ${CMAKE_INSTALL_BINDIR} OPTIONAL)
+endif()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/quorvel DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Quorvel)
@@ -26,3 +29,12 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/QuorvelConfigVersion.cmake
     COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_BINARY_DIR}/QuorvelConfig.cmake ${CMAKE_BINARY_DIR}/QuorvelConfigVersion.cmake
         DESTINATION ${package_dir})
+
+# What scripts/pack packs: the installed files and what a reader wants to know of them.
+if(WIN32 AND PROJECT_IS_TOP_LEVEL)
+    install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/LICENCE.txt DESTINATION .)
+    set(CPACK_GENERATOR ZIP)
+    set(CPACK_PACKAGE_VENDOR Quorvel)
+    set(CPACK_PACKAGE_FILE_NAME quorvel-${PROJECT_VERSION}-win64-msvc)
+    include(CPack)
+endif()

@@ -1,7 +1,15 @@
 # Options and the compile settings that every target of this tree shares.
-option(QUORVEL_BUILD_TESTS "Build the test programs" ${PROJECT_IS_TOP_LEVEL})
-option(QUORVEL_BUILD_TOOLS "Build the command line tools" ${PROJECT_IS_TOP_LEVEL})
-option(QUORVEL_BUILD_EXAMPLES "Build the example host application" ${PROJECT_IS_TOP_LEVEL})
+set(whole_tree ${PROJECT_IS_TOP_LEVEL})
+if(MSVC)
+    # The tests replace functions as only GNU linkers can, and the programs want the libraries of a
+    # Linux distribution.
+    set(whole_tree OFF)
+endif()
+option(QUORVEL_BUILD_TESTS "Build the test programs" ${whole_tree})
+option(QUORVEL_BUILD_TOOLS "Build the command line tools" ${whole_tree})
+option(QUORVEL_BUILD_EXAMPLES "Build the example host application" ${whole_tree})
+option(QUORVEL_BUILD_BENCHMARKS "Build the benchmarks" OFF)
+option(QUORVEL_BUILD_FUZZERS "Build the fuzzing harnesses (clang, preset fuzz)" OFF)
 option(QUORVEL_WARNINGS_AS_ERRORS "Treat compiler warnings as errors" OFF)
 option(QUORVEL_COVERAGE "Instrument for gcov" OFF)
 set(QUORVEL_SANITIZERS "" CACHE STRING "Value for -fsanitize=, empty for none")
@@ -24,15 +32,23 @@ set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 
 find_program(QUORVEL_CCACHE ccache)
 if(QUORVEL_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-    set(CMAKE_CXX_COMPILER_LAUNCHER ${QUORVEL_CCACHE})
+    # With precompiled headers it takes a promise not to use __TIME__.
+    set(CMAKE_CXX_COMPILER_LAUNCHER
+        ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${QUORVEL_CCACHE})
+    if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+        add_compile_options(-fpch-preprocess)
+    elseif(CMAKE_CXX_COMPILER_ID STREQUAL Clang)
+        add_compile_options("SHELL:-Xclang -fno-pch-timestamp")
+    endif()
 endif()
 
 # quorvel_build_settings: linked privately by everything that is written in this tree.
 add_library(quorvel_build_settings INTERFACE)
 if(MSVC)
+    # Exported classes derive from classes of the host and hold records, which are not exported.
     target_compile_options(quorvel_build_settings INTERFACE
-        /W4 /permissive- $<$<BOOL:${QUORVEL_WARNINGS_AS_ERRORS}>:/WX>)
-    target_compile_definitions(quorvel_build_settings INTERFACE _CRT_SECURE_NO_WARNINGS)
+        /W4 /wd4251 /wd4275 /permissive- /utf-8 $<$<BOOL:${QUORVEL_WARNINGS_AS_ERRORS}>:/WX>)
+    target_compile_definitions(quorvel_build_settings INTERFACE _CRT_SECURE_NO_WARNINGS NOMINMAX)
 else()
     target_compile_options(quorvel_build_settings INTERFACE
         -Wall -Wextra -Wpedantic -Wconversion -Wshadow

@@ -5,6 +5,9 @@
 //
 // QUORVEL_ERROR marks the error classes: nothing of theirs needs exporting, but their type
 // information must be the same on both sides of the border for them to be caught.
+//
+// QUORVEL_OVERLOADS declares two virtual operations of one name so that the first takes the lower
+// slot of the virtual table: Microsoft's ABI numbers overloads from the last declared to the first.
 #if defined(_WIN32)
 #if defined(QUORVEL_STATIC)
 #define QUORVEL_API
@@ -17,4 +20,14 @@
 #else
 #define QUORVEL_API __attribute__((visibility("default")))
 #define QUORVEL_ERROR __attribute__((visibility("default")))
+#endif
+
+#if defined(_MSC_VER)
+#define QUORVEL_OVERLOADS(first, second) \
+    second;                              \
+    first
+#else
+#define QUORVEL_OVERLOADS(first, second) \
+    first;                               \
+    second
 #endif

@@ -45,8 +45,8 @@ public:
 
     // The header data to read or to write; null when it is empty. The pointer holds until the
     // header data is resized or loaded. Asking for the writable one counts as a change.
-    virtual const std::uint8_t* GetHeaderData() const = 0;
-    virtual std::uint8_t* GetHeaderData() = 0;
+    QUORVEL_OVERLOADS(virtual const std::uint8_t* GetHeaderData() const = 0,
+                      virtual std::uint8_t* GetHeaderData() = 0);
 
     // Number of streams.
     virtual std::uint64_t GetNumberOfDataStreams() = 0;
@@ -65,7 +65,8 @@ public:
     virtual std::uint64_t CreateDataStream(std::uint64_t size) = 0;
 
     // Deletes a stream; its space is used again. False, with nothing changed, while it is open.
-    // True when no stream has the id.
+    // True when no stream has the id. When it throws, nothing has changed either, provided that
+    // the page cache had room for eight pages more than the open streams use.
     virtual bool DeleteDataStream(std::uint64_t id) = 0;
 };
 

@@ -180,7 +180,9 @@ bool EffectCacheImpl::ReadHeader() {
 }
 
 bool EffectCacheImpl::LoadIndex() {
-    if (!package_) {
+    // In a package that is not sound a stream may have the bytes of another, or get them by a
+    // change: nothing of it is used.
+    if (!package_ || !Internals(package_).IsSound()) {
         return false;
     }
     Util::RefPtr<IDataStream> stream = package_->OpenDataStream(header_.indexStreamId);
@@ -190,7 +192,7 @@ bool EffectCacheImpl::LoadIndex() {
     fileTable_.Clear();
     const bool isComplete = ReadIndex(*stream);
     fileTable_.Settle();
-    if (!isComplete) {
+    if (!isComplete || !CheckStreams()) {
         return false;
     }
     stream.Reset();
@@ -204,6 +206,9 @@ bool EffectCacheImpl::LoadIndex() {
 bool EffectCacheImpl::ReadIndex(IDataStream& stream) {
     constexpr std::uint64_t kSmallestEntry = IndexEntrySize(kShortestName);
     StateReader reader(stream);
+    // A damaged file may count more effects than it can hold.
+    const std::uint64_t recordCount = header_.recordCount;  // no reference to a packed field
+    fileTable_.Reserve(std::min(recordCount, kStreamLimit));
     std::vector<unsigned char> name;
     for (std::uint64_t index = 0; index < header_.recordCount; ++index) {
         reader.Expect((header_.recordCount - index) * kSmallestEntry);
@@ -223,6 +228,44 @@ bool EffectCacheImpl::ReadIndex(IDataStream& stream) {
     return true;
 }
 
+// False when a stream is said to hold two effects, or an effect and the index. An effect without a
+// stream is never found, and does no harm before the next change.
+bool EffectCacheImpl::CheckStreams() {
+    const PagedFilePackage& package = Internals(package_);
+    std::vector<bool> isTaken(kStreamLimit + 1);
+    isTaken[header_.indexStreamId] = true;
+    lacksStreams_ = false;
+    for (const IndexEntry* const entry : fileTable_.Entries()) {
+        const std::uint64_t id = entry->record.streamId;
+        if (!package.HasStream(id)) {
+            lacksStreams_ = true;
+        } else if (isTaken[id]) {
+            return false;
+        } else {
+            isTaken[id] = true;
+        }
+    }
+    return true;
+}
+
+// Forgets the effects whose streams are missing and whose ids may be given to new streams now, the
+// lowest free ones first: an effect must not get the bytes of another. To be called before the
+// first change.
+void EffectCacheImpl::DropEffectsWithoutStream() {
+    if (!lacksStreams_) {
+        return;
+    }
+    const PagedFilePackage& package = Internals(package_);
+    const std::uint64_t end = package_->GetNumberOfDataStreams() + pendingTable_.Size() + 1;
+    fileTable_.Settle();
+    for (IndexEntry* const entry : fileTable_.Entries()) {
+        const std::uint64_t id = entry->record.streamId;
+        if (id < end && !package.HasStream(id)) {
+            fileTable_.Remove(entry);
+        }
+    }
+}
+
 // ---- Saving -------------------------------------------------------------------------------------
 
 bool EffectCacheImpl::SaveToFile() noexcept {
@@ -238,6 +281,7 @@ bool EffectCacheImpl::SaveToFile() noexcept {
             throw FileIOException();
         }
         Internals(package_).MarkUnfinished();
+        DropEffectsWithoutStream();
         if (!MovePendingIntoFile() || !CommitTables()) {
             throw FileIOException();
         }
@@ -272,6 +316,7 @@ bool EffectCacheImpl::TrimTo(std::uint64_t limit) {
     if (package_->GetTotalDataSize() < limit) {
         return true;
     }
+    DropEffectsWithoutStream();
     fileTable_.Settle();
     std::vector<IndexEntry*> entries;
     for (IndexEntry* const entry : fileTable_.Entries()) {

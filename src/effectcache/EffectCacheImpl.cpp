@@ -48,7 +48,8 @@ EffectCacheImpl::EffectCacheImpl(const CStr& directory)
       filePath_(directory.Length() != 0 ? directoryPath_ + CStr(kFileName) : CStr()),
       enabled_(true),
       header_{},
-      pendingBytes_(0) {
+      pendingBytes_(0),
+      lacksStreams_(false) {
     const std::string name = ObjectName(filePath_);
     fileMutex_ = std::make_unique<MutexObject>((name + "_mutex").c_str());
     // Seen from here on: a save between now and the opening of the file makes for one reload too
@@ -103,11 +104,12 @@ bool EffectCacheImpl::SearchCachedEffects(const CStr& name, Tab<unsigned char>& 
     if (key.length == 0) {
         return false;
     }
+    const std::uint32_t hash = key.Hash();
     const Platform::CriticalSectionGuard guard(section_);
     if (!package_) {
         return false;
     }
-    if (const PendingEffect* const pending = pendingTable_.Find(key)) {
+    if (const PendingEffect* const pending = pendingTable_.Find(key, hash)) {
         const std::span<const unsigned char> bytes = pending->Bytes();
         data.SetCount(static_cast<int>(bytes.size()));
         std::memcpy(data.Addr(0), bytes.data(), bytes.size());
@@ -116,7 +118,7 @@ bool EffectCacheImpl::SearchCachedEffects(const CStr& name, Tab<unsigned char>& 
 
     const AutoMutex fileGuard(*fileMutex_, kWaitForever);
     SyncWithFile(fileGuard);
-    IndexEntry* const found = fileTable_.Find(key);
+    IndexEntry* const found = fileTable_.Find(key, hash);
     return found && ReadEffect(found->record, data);
 }
 

@@ -67,6 +67,8 @@ private:
     bool WriteHeader();
     bool ReadIndex(IDataStream& stream);
     bool LoadIndex();
+    bool CheckStreams();
+    void DropEffectsWithoutStream();
     bool WriteIndex();
     Util::RefPtr<IDataStream> OpenIndexForWriting(std::uint64_t size);
     bool TrimTo(std::uint64_t limit);
@@ -91,6 +93,7 @@ private:
     Util::RefPtr<IDataStreamSet> package_;  // null when the cache is inert
     std::unique_ptr<MutexObject> fileMutex_;
     MultiProcessTimeStamp stamp_;
+    bool lacksStreams_;  // some effect of the index has no stream: the file was damaged
 };
 
 }  // namespace Quorvel

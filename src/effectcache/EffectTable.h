@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -35,10 +36,20 @@ public:
 
     std::uint64_t Size() const { return size_; }
 
-    // The entry of a name; null when there is none. It stays where it is until it is removed.
-    Entry* Find(const EffectKey& key) const {
-        const std::size_t slot = FindSlot(key, key.Hash());
+    // The entry of a name; null when there is none. It stays where it is until it is removed. Who
+    // looks into several tables hashes the name once.
+    Entry* Find(const EffectKey& key) const { return Find(key, key.Hash()); }
+    Entry* Find(const EffectKey& key, std::uint32_t hash) const {
+        const std::size_t slot = FindSlot(key, hash);
         return slot != kNoSlot ? slots_[slot] : nullptr;
+    }
+
+    // Makes room for so many entries at once. Throws std::bad_alloc, changing nothing.
+    void Reserve(std::size_t count) {
+        order_.reserve(count);
+        if (count * 8 > slotCount_ * 7) {
+            GrowSlots(count);
+        }
     }
 
     // Adds an entry, in place of the one that had the name. Throws std::bad_alloc, changing
@@ -47,7 +58,7 @@ public:
         const EffectKey key = entry->Key();
         const std::uint32_t hash = key.Hash();
         if ((size_ + 1) * 8 > slotCount_ * 7) {
-            GrowSlots();
+            GrowSlots(size_ + 1);
         }
         if (order_.size() == order_.capacity()) {
             order_.reserve(std::max(kFewestSlots, order_.size() + order_.size() / 4));
@@ -163,9 +174,9 @@ private:
         hashes_[slot] = hash;
     }
 
-    void GrowSlots() {
+    void GrowSlots(std::size_t entries) {
         const std::size_t oldCount = slotCount_;
-        const std::size_t newCount = std::max(kFewestSlots, oldCount * 2);
+        const std::size_t newCount = std::max(kFewestSlots, std::bit_ceil(entries * 8 / 7 + 1));
         std::unique_ptr<Entry*[]> slots(new Entry*[newCount]);
         std::unique_ptr<std::uint32_t[]> hashes(new std::uint32_t[newCount]());
         slots.swap(slots_);

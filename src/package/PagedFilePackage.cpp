@@ -146,6 +146,117 @@ void PagedFilePackage::Swap(PagedFilePackage& other) noexcept {
     std::swap(reopened_, other.reopened_);
 }
 
+// ---- Soundness ----------------------------------------------------------------------------------
+
+// Which pages have been found to belong to something.
+class PagedFilePackage::PageClaims {
+public:
+    explicit PageClaims(IPageAllocator& allocator) : allocator_(allocator) {}
+
+    // False for a page that is free, or claimed already.
+    bool Claim(std::uint64_t page) {
+        if (!IsValidPageNumber(page) || !allocator_.IsPageAllocated(page)) {
+            return false;
+        }
+        const std::uint64_t index = page - kHeadPageNumber;
+        if (index >= claimed_.size()) {
+            claimed_.resize(index + 1);
+        }
+        if (claimed_[index]) {
+            return false;
+        }
+        claimed_[index] = true;
+        return true;
+    }
+
+    // Claims a page and all that follow it. A chain that returns to itself is refused as well.
+    bool ClaimChain(std::uint64_t page) {
+        while (IsValidPageNumber(page)) {
+            if (!Claim(page)) {
+                return false;
+            }
+            page = allocator_.GetNextPage(page);
+        }
+        return true;
+    }
+
+private:
+    IPageAllocator& allocator_;
+    std::vector<bool> claimed_;
+};
+
+bool PagedFilePackage::IsSound() noexcept {
+    try {
+        PageClaims claims(*allocator_);
+        if (!headFile_ || !ClaimHeadFile(claims) || !ClaimStreams(claims) ||
+            !ClaimTailBlocks(claims)) {
+            return false;
+        }
+        return cache_->CoversPage(Allocator().HighestPage());
+    } catch (...) {
+        return false;
+    }
+}
+
+bool PagedFilePackage::ClaimHeadFile(PageClaims& claims) {
+    headFile_->LoadPageInfo(headFile_->pageCount - 1);
+    const std::uint64_t* const pages = headFile_->pageNumbers;
+    return std::all_of(pages, pages + headFile_->pageCount,
+                       [&](std::uint64_t page) { return claims.Claim(page); });
+}
+
+bool PagedFilePackage::ClaimStreams(PageClaims& claims) const {
+    bool isSound = true;
+    directory_.ForEach([&](const ChildFileExtent& stream) {
+        isSound =
+            isSound && claims.ClaimChain(stream.firstPage) && IsFragmentListed(stream.streamId);
+    });
+    return isSound;
+}
+
+bool PagedFilePackage::ClaimTailBlocks(PageClaims& claims) const {
+    for (const std::unique_ptr<TailBlockRecord>& block : tailBlocks_.Blocks()) {
+        if (!block) {
+            continue;
+        }
+        for (std::uint64_t slot = 0; slot < kTailBlockPages; ++slot) {
+            const std::uint64_t next = allocator_->GetNextPage(block->pages[slot]);
+            const bool isLast = slot + 1 == kTailBlockPages;
+            if (!claims.Claim(block->pages[slot]) ||
+                (isLast ? IsValidPageNumber(next) : next != block->pages[slot + 1])) {
+                return false;
+            }
+        }
+        if (!AreFragmentsInOrder(*block)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool PagedFilePackage::AreFragmentsInOrder(const TailBlockRecord& block) const {
+    std::uint64_t end = 0;
+    for (std::uint64_t index = 0; index < block.streamIds.size(); ++index) {
+        const TailFragment* const fragment = tailBlocks_.FindFragment(block.streamIds[index]);
+        if (!fragment || fragment->blockId != block.blockId || fragment->listIndex != index ||
+            fragment->offset != end) {
+            return false;
+        }
+        end += fragment->length;
+    }
+    return end == kTailBlockSize - block.freeBytes;
+}
+
+// Whether a stream's fragment, if it has one, is the one that its block's list says.
+bool PagedFilePackage::IsFragmentListed(std::uint64_t streamId) const {
+    const TailFragment* const fragment = tailBlocks_.FindFragment(streamId);
+    if (!fragment) {
+        return true;
+    }
+    const std::vector<std::uint64_t>& list = tailBlocks_.FindBlock(fragment->blockId)->streamIds;
+    return fragment->listIndex < list.size() && list[fragment->listIndex] == streamId;
+}
+
 // ---- Commit -------------------------------------------------------------------------------------
 
 bool PagedFilePackage::Commit() {
@@ -155,9 +266,7 @@ bool PagedFilePackage::Commit() {
     if (!cache_) {
         return false;
     }
-    if (!reopened_) {
-        ReopenFile();
-    }
+    EnsureFileIsOpen();
     FreeHeadFile();
     if (!CreateHeadFile()) {
         return false;
@@ -190,12 +299,18 @@ void PagedFilePackage::SetStoredPageCount(std::uint64_t pageCount) {
 }
 
 // Writes every page back and opens the file anew. An attempt that fails may leave the cache without
-// a file; the next Commit begins with another.
+// a file; the next change or Commit begins with another.
 void PagedFilePackage::ReopenFile() {
     ReleaseStreamPages();
     reopened_ = false;
     cache_->Open(config_.fileName, config_.pageCacheCapacity);
     reopened_ = true;
+}
+
+void PagedFilePackage::EnsureFileIsOpen() {
+    if (!reopened_) {
+        ReopenFile();
+    }
 }
 
 void PagedFilePackage::FreeHeadFile() {
@@ -328,6 +443,7 @@ Util::RefPtr<IDataStream> PagedFilePackage::OpenDataStream(std::uint64_t id) {
     if (!GetChildFileTail(tail, tailBlocks_, id)) {
         return {};
     }
+    CheckPagesOfStream(*extent, tail);
     Util::RefPtr<ChildFileSeeker> seeker = std::exchange(spareSeeker_, {});
     if (!seeker) {
         seeker = Util::RefPtr<ChildFileSeeker>(new ChildFileSeeker);
@@ -338,6 +454,29 @@ Util::RefPtr<IDataStream> PagedFilePackage::OpenDataStream(std::uint64_t id) {
     const Util::RefPtr<ChildFileStream> stream(new ChildFileStream(this, id, cache_.get(), seeker));
     EnterOpenStream(id, stream.Get());
     return stream;
+}
+
+// Refuses a stream whose chain returns to itself, so that a small file seems to hold a stream of
+// any size, or takes a free page: what is written to one behind the file's end makes the file as
+// long. No page follows two others, so a chain can only return to where it began.
+void PagedFilePackage::CheckPagesOfStream(const ChildFileExtent& extent,
+                                          const ChildFileTail& tail) const {
+    const auto require = [&](std::uint64_t page) {
+        if (IsValidPageNumber(page) && !allocator_->IsPageAllocated(page)) {
+            throw FileDataCorruptException();
+        }
+    };
+    std::uint64_t page = extent.firstPage;
+    for (std::uint64_t index = 0; index < extent.wholePageCount && IsValidPageNumber(page);
+         ++index) {
+        if (index > 0 && page == extent.firstPage) {
+            throw FileDataCorruptException();
+        }
+        require(page);
+        page = allocator_->GetNextPage(page);
+    }
+    require(tail.tailPage);
+    require(tail.followingPage);
 }
 
 void PagedFilePackage::EnterOpenStream(std::uint64_t id, ChildFileStream* stream) {
@@ -367,6 +506,7 @@ std::uint64_t PagedFilePackage::CreateDataStream(std::uint64_t size) {
         return kInvalidStreamId;
     }
     dirty_ = true;
+    EnsureFileIsOpen();
     const std::uint64_t id = AllocateStream(size);
     const std::uint64_t tail = size & (kPageSize - 1);
     if (id == kInvalidStreamId || tail == 0) {
@@ -464,6 +604,7 @@ void PagedFilePackage::FreeChain(std::uint64_t firstPage) {
     }
 }
 
+// What can fail comes first, and the rest is done from memory: so a failure changes nothing.
 bool PagedFilePackage::DeleteDataStream(std::uint64_t id) {
     if (openStreams_.count(id) != 0) {
         return false;
@@ -473,16 +614,25 @@ bool PagedFilePackage::DeleteDataStream(std::uint64_t id) {
         return true;
     }
     dirty_ = true;
+    EnsureFileIsOpen();
+    const TailFragment* const fragment = tailBlocks_.FindFragment(id);
+    Util::RefPtr<PagedFileStream> block;
+    TailBlockPins pins;
+    if (fragment) {
+        block = OpenTailBlock(fragment->blockId);
+        PinTailBlock(pins, *fragment);
+    }
     FreeChain(extent->firstPage);
     if (!directory_.Remove(id)) {
         return false;
     }
-    const TailFragment* const fragment = tailBlocks_.FindFragment(id);
     if (!fragment) {
         return true;
     }
     const std::uint64_t blockId = fragment->blockId;
-    if (!CutTail(*fragment)) {
+    // The bytes behind the fragment move down over it.
+    if (!block->RemoveRange(static_cast<std::int32_t>(fragment->offset),
+                            static_cast<std::int32_t>(fragment->length))) {
         return false;
     }
     tailBlocks_.Remove(id);
@@ -490,32 +640,51 @@ bool PagedFilePackage::DeleteDataStream(std::uint64_t id) {
     return true;
 }
 
-// Moves the bytes behind a fragment down over it, in its tail block.
-bool PagedFilePackage::CutTail(const TailFragment& fragment) {
+Util::RefPtr<PagedFileStream> PagedFilePackage::OpenTailBlock(std::uint64_t blockId) {
     const ChildFileExtent extent = {kInvalidStreamId, kTailBlockSize,
-                                    tailBlocks_.FindBlock(fragment.blockId)->pages.front(),
-                                    kTailBlockPages};
+                                    tailBlocks_.FindBlock(blockId)->pages.front(), kTailBlockPages};
     const Util::RefPtr<ChildFileSeeker> seeker(new ChildFileSeeker);
     if (!seeker->Attach(allocator_, extent, {})) {
         throw FileDataCorruptException();
     }
-    const Util::RefPtr<PagedFileStream> block(new PagedFileStream(cache_.get(), seeker));
-    return block->RemoveRange(static_cast<std::int32_t>(fragment.offset),
-                              static_cast<std::int32_t>(fragment.length));
+    return Util::RefPtr<PagedFileStream>(new PagedFileStream(cache_.get(), seeker));
 }
 
-// The tails of streams that are open may have moved.
+// Pins the pages of a block from the one in which a fragment begins. A cache that has no room for
+// them all is left to load them one by one.
+void PagedFilePackage::PinTailBlock(TailBlockPins& pins, const TailFragment& fragment) {
+    std::uint64_t page = tailBlocks_.FindBlock(fragment.blockId)->pages.front();
+    for (std::uint64_t slot = 0; slot < kTailBlockPages; ++slot) {
+        if (slot >= fragment.offset >> kPageShift) {
+            pins[slot].emplace(cache_.get()).SetWritePage(page);
+            if (!pins[slot]->Data()) {
+                for (std::optional<PageRef>& pin : pins) {
+                    pin.reset();
+                }
+                return;
+            }
+        }
+        page = allocator_->GetNextPage(page);
+    }
+}
+
+// The tails of streams that are open may have moved. A stream that can't follow has no bytes from
+// then on.
 void PagedFilePackage::ReattachStreamsOfBlock(std::uint64_t blockId) {
     for (const auto& [id, stream] : openStreams_) {
         const TailFragment* const fragment = tailBlocks_.FindFragment(id);
         if (!fragment || fragment->blockId != blockId) {
             continue;
         }
-        ChildFileTail tail;
-        GetChildFileTail(tail, tailBlocks_, id);
-        const Util::RefPtr<ChildFileSeeker> seeker(new ChildFileSeeker);
-        seeker->Attach(allocator_, *directory_.Find(id), tail);
-        stream->MoveTo(seeker);
+        try {
+            ChildFileTail tail;
+            GetChildFileTail(tail, tailBlocks_, id);
+            const Util::RefPtr<ChildFileSeeker> seeker(new ChildFileSeeker);
+            seeker->Attach(allocator_, *directory_.Find(id), tail);
+            stream->MoveTo(seeker);
+        } catch (...) {
+            stream->Detach();
+        }
     }
 }
 

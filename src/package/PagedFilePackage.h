@@ -1,8 +1,10 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -39,6 +41,9 @@ public:
     // Whether anything changed since the last Commit or Load.
     bool HasChanges() const { return dirty_; }
 
+    // Whether a stream has the id.
+    bool HasStream(std::uint64_t id) const { return directory_.Find(id) != nullptr; }
+
     // Forgets every change since the last Commit or Load without writing anything: what is in
     // memory is then worth nothing until the next Load. For a package whose file somebody else has
     // rewritten, or whose state is half done.
@@ -48,6 +53,13 @@ public:
     // that it has no pages. Who dies on the way leaves a file that can't be opened, not one that
     // mixes two states. Counts as a change. Throws as the operations of IDataStreamSet do.
     void MarkUnfinished();
+
+    // Whether what was loaded is as a writer leaves it, where a damage could let one stream have
+    // the bytes of another, now or after a change: each page of the head file, of a stream and of a
+    // tail block is in use, lies in the file and belongs to nothing else; each tail block is a
+    // chain of its pages, and the fragments stand in it one behind the other, in the order of its
+    // list. False also for a package that can't be examined for lack of memory or of a file.
+    bool IsSound() noexcept;
 
     bool Load() override;
     bool Commit() override;
@@ -70,6 +82,9 @@ protected:
     ~PagedFilePackage() override;
 
 private:
+    // Pins on the pages of a tail block.
+    using TailBlockPins = std::array<std::optional<PageRef>, kTailBlockPages>;
+
     void Close();
     void OpenCache();
     void ReadState();
@@ -77,6 +92,7 @@ private:
     PageAllocator& Allocator() const;
 
     void ReopenFile();
+    void EnsureFileIsOpen();
     void FreeHeadFile();
     void FreeHeadPages(const std::uint64_t* pages, std::uint64_t count);
     bool CreateHeadFile();
@@ -88,10 +104,20 @@ private:
     void EnterOpenStream(std::uint64_t id, ChildFileStream* stream);
     std::uint64_t AllocateChain(std::uint64_t count, std::uint64_t* pages = nullptr);
     void FreeChain(std::uint64_t firstPage);
+    void CheckPagesOfStream(const ChildFileExtent& extent, const ChildFileTail& tail) const;
     std::uint64_t AllocateStream(std::uint64_t size);
     void PlaceTail(std::uint64_t id, std::uint64_t length);
-    bool CutTail(const TailFragment& fragment);
+    Util::RefPtr<PagedFileStream> OpenTailBlock(std::uint64_t blockId);
+    void PinTailBlock(TailBlockPins& pins, const TailFragment& fragment);
     void ReattachStreamsOfBlock(std::uint64_t blockId);
+
+    // The steps of IsSound.
+    class PageClaims;
+    bool ClaimHeadFile(PageClaims& claims);
+    bool ClaimStreams(PageClaims& claims) const;
+    bool ClaimTailBlocks(PageClaims& claims) const;
+    bool AreFragmentsInOrder(const TailBlockRecord& block) const;
+    bool IsFragmentListed(std::uint64_t streamId) const;
 
     bool dirty_;
     PagedFilePackageConfig config_;

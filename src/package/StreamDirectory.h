@@ -32,6 +32,12 @@ public:
     // The record of a stream; null when there is none. It stays where it is until it is removed.
     const ChildFileExtent* Find(std::uint64_t id) const { return records_.Find(id); }
 
+    // Visits every record, in ascending order of ids.
+    template <typename Visitor>
+    void ForEach(const Visitor& visit) const {
+        records_.ForEach(visit);
+    }
+
     // Takes an id for a new stream; kInvalidStreamId when there is none left.
     std::uint64_t AllocateId() { return ids_.Allocate(); }
 

@@ -16,7 +16,9 @@
 // the stream ends early, except where stated.
 namespace Quorvel {
 
-constexpr std::size_t kTransferBufferSize = 8192;
+// Small enough for the stack of any thread; a stream takes far longer for the bytes than for the
+// call.
+constexpr std::size_t kTransferBufferSize = 2048;
 
 // Writes to a stream. What was written arrives at the latest with Flush.
 class StateWriter {
@@ -121,11 +123,12 @@ public:
     }
 
 private:
-    // Bytes between the position and the end.
+    // Bytes between the place of the next read and the stream's end, which may lie behind it: a
+    // damaged head file may hold more bytes than its size says.
     std::uint64_t BytesLeft() const {
-        const std::uint64_t position = stream_.GetPosition();
+        const std::uint64_t position = stream_.GetPosition() - (end_ - begin_);
         const std::uint64_t size = stream_.GetSize();
-        return (end_ - begin_) + (size > position ? size - position : 0);
+        return size > position ? size - position : 0;
     }
 
     bool Refill(std::uint64_t wanted) {

@@ -65,6 +65,9 @@ public:
     const TailFragment* FindFragment(std::uint64_t streamId) const;
     const TailBlockRecord* FindBlock(std::uint64_t blockId) const;
 
+    // All blocks by id; null where there is none.
+    const std::vector<std::unique_ptr<TailBlockRecord>>& Blocks() const { return blocks_; }
+
     // Id of the first block, in ascending order of ids, that has room for so many bytes.
     std::optional<std::uint64_t> FindBlockWithRoom(std::uint64_t bytes) const;
 

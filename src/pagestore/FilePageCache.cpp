@@ -16,6 +16,10 @@ std::uint64_t OffsetOfIndex(std::uint64_t pageIndex) {
     return pageIndex << kPageShift;
 }
 
+std::uint64_t EndOfPage(std::uint64_t page) {
+    return OffsetOfIndex(page - kHeadPageNumber) + kPageSize;
+}
+
 }  // namespace
 
 FilePageCache::FilePageCache(const char* path, std::uint64_t capacity) {
@@ -77,8 +81,12 @@ void FilePageCache::WritePage(std::uint64_t page) {
     WriteAt(pages_[index]->data, OffsetOfIndex(index), kPageSize);
 }
 
+bool FilePageCache::CoversPage(std::uint64_t page) const {
+    return EndOfPage(page) <= fileSize_;
+}
+
 void FilePageCache::EnsurePageInFile(std::uint64_t page) {
-    GrowTo(OffsetOfIndex(page - kHeadPageNumber) + kPageSize);
+    GrowTo(EndOfPage(page));
 }
 
 std::uint8_t* FilePageCache::GetPage(std::uint64_t page, Access access) {
@@ -119,7 +127,7 @@ std::uint8_t* FilePageCache::GetPage(std::uint64_t page, Access access) {
     loaded->older = nullptr;
     loaded->newer = nullptr;
     if (forWrite) {
-        GrowTo(OffsetOfIndex(index) + kPageSize);
+        GrowTo(EndOfPage(page));
     }
     ReadAt(loaded->data, OffsetOfIndex(index), kPageSize);
     PushMostRecent(loaded.get());

@@ -68,6 +68,9 @@ public:
     // Writes a page that is resident to the file now; it stays resident. Throws FileIOException.
     void WritePage(std::uint64_t page);
 
+    // Whether a page, which must be valid, lies in the file as a whole.
+    bool CoversPage(std::uint64_t page) const;
+
     // Grows the file to cover a page, which must be valid. Throws FileIOException.
     void EnsurePageInFile(std::uint64_t page);
 

@@ -23,8 +23,8 @@ public:
     // is then lost until the next load), OutOfMemoryException when no number is left.
     virtual std::uint64_t AllocatePage(std::uint64_t previous) = 0;
 
-    // Makes a page free. Chains are freed from their first page forwards: what comes before the
-    // page still names it as its successor.
+    // Makes a page free, also when memory has run out. Chains are freed from their first page
+    // forwards: what comes before the page still names it as its successor.
     virtual void FreePage(std::uint64_t page) = 0;
 
     // Takes one given page. False if it was in use.

@@ -1,6 +1,7 @@
 #include "pagestore/PageAllocator.h"
 
 #include <algorithm>
+#include <new>
 
 #include "quorvel/Exceptions.h"
 
@@ -57,12 +58,17 @@ void PageAllocator::FreePage(std::uint64_t page) {
     if (!IsKnown(index)) {
         throw InvalidParameterException();
     }
-    freeQueue_.push_back(page);
     const std::uint64_t successor = links_[index];
     links_[index] = kFreePage;
     previousPages_[index] = 0;
     if (IsValidPageNumber(successor)) {
         previousPages_[successor - kHeadPageNumber] = 0;
+    }
+    try {
+        freeQueue_.push_back(page);
+    } catch (const std::bad_alloc&) {
+        // Free all the same, only not used again before the next load: who frees a chain must not
+        // stop in the middle of it.
     }
 }
 

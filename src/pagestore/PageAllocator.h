@@ -30,6 +30,9 @@ public:
     // Forgets every page.
     void Clear();
 
+    // The largest number of a page that is, or ever was, in use; 10 when there was none.
+    std::uint64_t HighestPage() const { return highestPage_; }
+
     // Bytes that SaveState writes.
     std::uint64_t GetStateSize() const;
 

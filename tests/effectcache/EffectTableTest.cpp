@@ -142,6 +142,20 @@ TEST(EffectTable, EntryStaysWhereItIs) {
     EXPECT_EQ(table.Find(KeyOf("stays")), entry);
 }
 
+TEST(EffectTable, KeepsItsEntriesWhenRoomIsMade) {
+    Table table;
+    Put(table, "a", 1);
+    table.Reserve(100);
+    Put(table, "b", 2);
+    table.Reserve(5);
+    for (std::uint64_t index = 0; index < 200; ++index) {
+        Put(table, "name " + std::to_string(index), index);
+    }
+    EXPECT_EQ(table.Size(), 202u);
+    EXPECT_EQ(table.Find(KeyOf("a"))->record.streamId, 1u);
+    EXPECT_EQ(table.Find(KeyOf("name 199"))->record.streamId, 199u);
+}
+
 TEST(EffectTable, IsEmptyOnceCleared) {
     Table table;
     Put(table, "a", 1);

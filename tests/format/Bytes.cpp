@@ -56,9 +56,10 @@ void ByteReader::Need(std::uint64_t size) const {
 Bytes ReadWholeFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     Bytes bytes;
-    std::vector<char> chunk(1 << 16);
+    Bytes chunk(1 << 16);
     do {
-        file.read(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+        file.read(reinterpret_cast<char*>(chunk.data()),
+                  static_cast<std::streamsize>(chunk.size()));
         bytes.insert(bytes.end(), chunk.begin(), chunk.begin() + file.gcount());
     } while (file);
     if (!file.eof()) {

@@ -245,6 +245,8 @@ Bytes StreamReader::Read(std::uint64_t id) const {
     std::uint64_t page = stream.firstPage;
     for (std::uint64_t i = 0; i < stream.pageCount; ++i) {
         Require(IsPageNumber(page), name + "'s chain of pages ends early");
+        Require(i == 0 || page != stream.firstPage, name + "'s chain of pages has no end");
+        Require(image_.Link(page) != kFreePage, name + " has a free page");
         pieces.push_back({page, 0, kPageSize});
         page = image_.Link(page);
     }
@@ -274,10 +276,12 @@ void StreamReader::AppendTail(const Fragment& fragment, std::vector<Piece>& piec
     const std::size_t slot = static_cast<std::size_t>(fragment.offset / kPageSize);
     const std::uint64_t offset = fragment.offset % kPageSize;
     const std::uint64_t here = std::min(fragment.length, kPageSize - offset);
+    Require(image_.Link(block.pages[slot]) != kFreePage, name + "lies in a free page");
     pieces.push_back({block.pages[slot], offset, here});
     if (here < fragment.length) {
         Require(image_.Link(block.pages[slot]) == block.pages[slot + 1],
                 name + "crosses to a page that does not follow");
+        Require(image_.Link(block.pages[slot + 1]) != kFreePage, name + "ends in a free page");
         pieces.push_back({block.pages[slot + 1], 0, fragment.length - here});
     }
 }

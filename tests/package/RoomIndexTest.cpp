@@ -76,7 +76,7 @@ TEST(RoomIndex, AnswersAsAWalkOverAllBlocksDoes) {
     std::minstd_rand random(3);
     RoomIndex index;
     std::vector<std::uint32_t> rooms;
-    for (int step = 0; step < 3000; ++step) {
+    for (std::uint64_t step = 0; step < 3000; ++step) {
         const std::uint64_t block = random() % (1 + step / 4);
         const auto room = static_cast<std::uint32_t>(random() % 65537);
         if (block >= rooms.size()) {

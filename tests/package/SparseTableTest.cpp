@@ -97,7 +97,7 @@ TEST(SparseTable, AgreesWithAMap) {
     std::minstd_rand random(5);
     Table table;
     std::map<std::uint64_t, std::uint64_t> expected;
-    for (int step = 0; step < 5000; ++step) {
+    for (std::uint64_t step = 0; step < 5000; ++step) {
         const std::uint64_t id = random() % 300;
         if (random() % 3 != 0) {
             table.Put(id, step);

@@ -896,6 +896,17 @@ TEST_F(FilePageCacheTest, KeepsItsStateInOneFixedOrder) {
     EXPECT_EQ(fields.leastRecent, nullptr);
 }
 
+TEST_F(FilePageCacheTest, CoversThePagesThatLieWhollyInTheFile) {
+    MakeZeroFile(2);
+    FilePageCache cache(path_.c_str(), 4);
+    EXPECT_TRUE(cache.CoversPage(10));
+    EXPECT_TRUE(cache.CoversPage(11));
+    EXPECT_FALSE(cache.CoversPage(12));
+    cache.EnsurePageInFile(12);
+    EXPECT_TRUE(cache.CoversPage(12));
+    EXPECT_FALSE(cache.CoversPage(13));
+}
+
 // Nothing sets the capacity to 0; the guard is there for the subtraction behind it.
 TEST_F(FilePageCacheTest, ACapacityOfZeroIsRefusedWhenAPageIsToBeLoaded) {
     MakeZeroFile(1);

@@ -32,6 +32,7 @@ constexpr std::size_t kCallKinds = 6;
 std::array<Counter, kCallKinds> callCounts;
 Counter bytesRead;
 Counter bytesWritten;
+Counter openFiles;
 
 // The one fault that can be armed. The constructor of StdioFault fills in the rest before `armed`.
 struct Fault {
@@ -110,6 +111,7 @@ StdioCounts CountStdioCalls() {
     counts.writes = CountOf(StdioCall::Write);
     counts.bytesRead = bytesRead;
     counts.bytesWritten = bytesWritten;
+    counts.openFiles = openFiles;
     return counts;
 }
 
@@ -124,11 +126,14 @@ std::FILE* __wrap_fopen(const char* path, const char* mode) {
         errno = fault.error;
         return nullptr;
     }
-    return __real_fopen(path, mode);
+    std::FILE* const file = __real_fopen(path, mode);
+    openFiles += file ? 1 : 0;
+    return file;
 }
 
 int __wrap_fclose(std::FILE* file) {
     const bool fails = !IsStandardStream(file) && CountAndFail(StdioCall::Close);
+    openFiles -= IsStandardStream(file) ? 0 : 1;
     const int result = __real_fclose(file);
     if (fails) {
         errno = fault.error;

@@ -31,8 +31,8 @@ public:
     std::uint64_t Failures() const;
 };
 
-// Numbers of calls of every kind, failed ones included, and of the bytes that reads and writes
-// moved.
+// Numbers of calls of every kind, failed ones included, of the bytes that reads and writes moved,
+// and of the files that are open now.
 struct StdioCounts {
     std::uint64_t opens = 0;
     std::uint64_t closes = 0;
@@ -42,6 +42,7 @@ struct StdioCounts {
     std::uint64_t writes = 0;
     std::uint64_t bytesRead = 0;
     std::uint64_t bytesWritten = 0;
+    std::uint64_t openFiles = 0;  // opened and not closed
 };
 
 // The counts since the program started.

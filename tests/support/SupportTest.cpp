@@ -193,6 +193,7 @@ TEST_F(StdioFaultTest, CountsCallsAndBytes) {
     const StdioCounts before = CountStdioCalls();
     std::FILE* const file = Open("w+b");
     ASSERT_NE(file, nullptr);
+    EXPECT_EQ(CountStdioCalls().openFiles - before.openFiles, 1U);
     char bytes[100] = {};
     std::fwrite(bytes, 10, 10, file);
     std::fseek(file, 40, SEEK_SET);
@@ -208,6 +209,7 @@ TEST_F(StdioFaultTest, CountsCallsAndBytes) {
     EXPECT_EQ(after.writes - before.writes, 1U);
     EXPECT_EQ(after.bytesRead - before.bytesRead, 60U);
     EXPECT_EQ(after.bytesWritten - before.bytesWritten, 100U);
+    EXPECT_EQ(after.openFiles, before.openFiles);
 }
 
 }  // namespace Quorvel::Testing

@@ -1,35 +1,71 @@
 #pragma once
 
 #include <cstddef>
-#include <string>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <utility>
 
 // An 8-bit string with a length. It may hold any byte, NUL included; data() always ends in a NUL
 // that the length does not count.
+//
+// It crosses the library's border, so it holds nothing of the standard library, whose strings
+// differ from one compiler to the next: its bytes lie on the heap that both sides share. What needs
+// memory throws std::bad_alloc, leaving the string as it was.
 class CStr {
 public:
     CStr() = default;
-    CStr(const char* text) : text_(text ? text : "") {}
-    CStr(const char* bytes, std::size_t length) : text_(bytes, length) {}
+    CStr(const char* text) { Append(text, text ? std::strlen(text) : 0); }
+    CStr(const char* bytes, std::size_t length) { Append(bytes, length); }
+    CStr(const CStr& other) : CStr(other.bytes_, other.length_) {}
+    CStr(CStr&& other) noexcept { Swap(other); }
+    ~CStr() { std::free(bytes_); }
 
-    const char* data() const { return text_.c_str(); }
-    std::size_t Length() const { return text_.size(); }
+    CStr& operator=(CStr other) noexcept {
+        Swap(other);
+        return *this;
+    }
 
-    char& operator[](std::size_t index) { return text_[index]; }
-    char operator[](std::size_t index) const { return text_[index]; }
+    const char* data() const { return bytes_ ? bytes_ : ""; }
+    std::size_t Length() const { return length_; }
+
+    char& operator[](std::size_t index) { return bytes_[index]; }
+    char operator[](std::size_t index) const { return data()[index]; }
 
     CStr& operator+=(const CStr& tail) {
-        text_ += tail.text_;
+        Append(tail.bytes_, tail.length_);
         return *this;
     }
 
     friend CStr operator+(CStr head, const CStr& tail) { return head += tail; }
     friend bool operator==(const CStr& left, const CStr& right) {
-        return left.text_ == right.text_;
+        return left.length_ == right.length_ &&
+               std::memcmp(left.data(), right.data(), left.length_) == 0;
     }
-    friend bool operator!=(const CStr& left, const CStr& right) {
-        return left.text_ != right.text_;
-    }
+    friend bool operator!=(const CStr& left, const CStr& right) { return !(left == right); }
 
 private:
-    std::string text_;
+    void Swap(CStr& other) noexcept {
+        std::swap(bytes_, other.bytes_);
+        std::swap(length_, other.length_);
+    }
+
+    // The bytes may be this string's own.
+    void Append(const char* bytes, std::size_t length) {
+        if (length == 0) {
+            return;
+        }
+        char* const joined = static_cast<char*>(std::malloc(length_ + length + 1));
+        if (!joined) {
+            throw std::bad_alloc();
+        }
+        std::memcpy(joined, data(), length_);
+        std::memcpy(joined + length_, bytes, length);
+        length_ += length;
+        joined[length_] = '\0';
+        std::free(std::exchange(bytes_, joined));
+    }
+
+    char* bytes_ = nullptr;  // null when empty
+    std::size_t length_ = 0;
 };

@@ -1,0 +1,132 @@
+// quorvel-bench-counts: one operation of the effect cache between two marks that callgrind sees.
+//
+// `quorvel-bench-counts prepare DIRECTORY` makes a cache there, and
+// `quorvel-bench-counts OPERATION DIRECTORY`, run under
+//     valgrind --tool=callgrind --collect-atstart=no --toggle-collect=CountedOperation
+// counts the instructions of one operation on it. The state of the file and of the heap is the same
+// in every run.
+#include <quorvel/Quorvel.h>
+
+#include <cstdio>
+#include <exception>
+#include <functional>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "support/EffectSource.h"
+#include "support/Random.h"
+
+// The function that callgrind is told of; it is found by its name.
+extern "C" [[gnu::noinline]] void CountedOperation(const std::function<void()>* operation) {
+    (*operation)();
+}
+
+namespace {
+
+using namespace Quorvel::Benchmarks;
+using Quorvel::EffectCacheSystem;
+
+constexpr std::size_t kSavedEffects = 2000;
+constexpr std::size_t kQueuedEffects = 200;
+constexpr std::size_t kFound = 777;
+constexpr std::uint64_t kSeed = 1;
+
+void Count(const std::function<void()>& operation) {
+    CountedOperation(&operation);
+}
+
+EffectSource Source() {
+    return {"", kSeed};
+}
+
+Util::RefPtr<EffectCacheSystem> Open(const std::string& directory) {
+    return Util::RefPtr<EffectCacheSystem>(new EffectCacheSystem(CStr(directory.c_str())));
+}
+
+void Cache(EffectCacheSystem& cache, const Effect& effect) {
+    cache.CacheCompiledEffect(effect.name, effect.bytes.data(), effect.bytes.size(), false);
+}
+
+void Expect(bool condition, const char* what) {
+    if (!condition) {
+        throw std::runtime_error(what);
+    }
+}
+
+void Prepare(const std::string& directory) {
+    const std::vector<Effect> effects = Source().Make(0, kSavedEffects);
+    const Util::RefPtr<EffectCacheSystem> cache = Open(directory);
+    for (const std::size_t number : ShuffledOrder(kSavedEffects, kSeed)) {
+        Cache(*cache, effects[number]);
+    }
+    cache->ForceSaveToFile();
+    Expect(cache->GetNumberOfEffectsInFile() == kSavedEffects, "not all was saved");
+}
+
+void CountOpen(const std::string& directory) {
+    Util::RefPtr<EffectCacheSystem> cache;
+    Count([&] { cache = Open(directory); });
+    Expect(cache->GetNumberOfEffectsInFile() == kSavedEffects, "not all was read");
+}
+
+// One effect that was searched just before, and so lies in a page that is in memory.
+void CountHotSearch(const std::string& directory) {
+    const Effect effect = Source().Make(kFound);
+    const Util::RefPtr<EffectCacheSystem> cache = Open(directory);
+    Tab<unsigned char> found;
+    bool isFound = cache->SearchCachedEffects(effect.name, found);
+    Expect(isFound, "an effect was not found");
+    Count([&] { isFound = cache->SearchCachedEffects(effect.name, found); });
+    Expect(isFound, "an effect was not found again");
+}
+
+void CountAbsentSearch(const std::string& directory) {
+    const CStr name = Source().AbsentName(kFound);
+    const Util::RefPtr<EffectCacheSystem> cache = Open(directory);
+    Tab<unsigned char> found;
+    bool isFound = cache->SearchCachedEffects(name, found);
+    Count([&] { isFound = cache->SearchCachedEffects(name, found); });
+    Expect(!isFound, "an effect was found that is not there");
+}
+
+// Effects that are queued, saved to a file that holds ten times as many.
+void CountSave(const std::string& directory) {
+    const std::vector<Effect> effects = Source().Make(kSavedEffects, kQueuedEffects);
+    const Util::RefPtr<EffectCacheSystem> cache = Open(directory);
+    for (const Effect& effect : effects) {
+        Cache(*cache, effect);
+    }
+    Expect(cache->GetNumberOfEffectsInFile() == kSavedEffects, "saved too early");
+    Count([&] { cache->ForceSaveToFile(); });
+    Expect(cache->GetNumberOfEffectsInFile() == kSavedEffects + kQueuedEffects,
+           "not all was saved");
+}
+
+using Operation = void (*)(const std::string& directory);
+
+const std::map<std::string, Operation> kOperations = {{"prepare", Prepare},
+                                                      {"open", CountOpen},
+                                                      {"hot-search", CountHotSearch},
+                                                      {"absent-search", CountAbsentSearch},
+                                                      {"save", CountSave}};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const auto operation = kOperations.find(argc == 3 ? argv[1] : "");
+    if (operation == kOperations.end()) {
+        std::fputs(
+            "usage: quorvel-bench-counts prepare|open|hot-search|absent-search|save DIRECTORY\n",
+            stderr);
+        return 2;
+    }
+    try {
+        operation->second(argv[2]);
+        return 0;
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "%s\n", failure.what());
+        return 1;
+    }
+}

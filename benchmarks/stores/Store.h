@@ -1,0 +1,87 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "support/EffectSource.h"
+
+namespace Quorvel::Benchmarks {
+
+// A place that keeps effects in a directory, as a host would use it for its shader cache. No store
+// asks the system to write anything to the disk itself. One thread at a time; errors are thrown.
+// Destruction closes the store; what was flushed is found by the next to open it.
+class Store {
+public:
+    Store() = default;
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
+    virtual ~Store() = default;
+
+    // Takes an effect. When those that wait come to kBatchSize, by Batch's count, they are saved as
+    // one transaction or whatever the store has for it.
+    virtual void Save(const Effect& effect) = 0;
+
+    // Saves what waits, so that other processes find it.
+    virtual void Flush() = 0;
+
+    // The bytes of a name, copied out of the store into memory that the next search uses again.
+    virtual std::optional<std::span<const unsigned char>> Find(const CStr& name) = 0;
+};
+
+// Counts what waits to be saved as the effect cache does: name, bytes and 60 more for each effect.
+class Batch {
+public:
+    // True when the batch is complete with this effect; it is empty then.
+    bool Add(const Effect& effect) {
+        bytes_ += kRecordSize + effect.name.Length() + effect.bytes.size();
+        if (bytes_ < kBatchSize) {
+            return false;
+        }
+        bytes_ = 0;
+        return true;
+    }
+
+private:
+    static constexpr std::uint64_t kBatchSize = 0x200000;
+    static constexpr std::uint64_t kRecordSize = 60;
+
+    std::uint64_t bytes_ = 0;
+};
+
+// What a process may do with a directory that others have open.
+enum class Sharing {
+    Any,             // any process may save and search
+    ReadersBeside,   // one process saves; others search through StoreKind::openReader
+    OneProcessOnly,  // nobody else can open it
+};
+
+struct StoreKind {
+    std::string name;   // on the command line and in the results
+    std::string title;  // in the table
+    Sharing sharing;
+    bool hasFilePerEffect;
+    std::unique_ptr<Store> (*open)(const std::string& directory);
+
+    // Opens the store beside a process that saves, to search only. Every search then sees what was
+    // flushed before it.
+    std::unique_ptr<Store> (*openReader)(const std::string& directory);
+};
+
+const std::vector<StoreKind>& StoreKinds();
+
+// Throws std::runtime_error when there is none of that name.
+const StoreKind& FindStoreKind(const std::string& name);
+
+std::unique_ptr<Store> OpenQuorvelStore(const std::string& directory);
+std::unique_ptr<Store> OpenLmdbStore(const std::string& directory);
+std::unique_ptr<Store> OpenLevelDbStore(const std::string& directory);
+std::unique_ptr<Store> OpenRocksDbStore(const std::string& directory);
+std::unique_ptr<Store> OpenRocksDbReader(const std::string& directory);
+std::unique_ptr<Store> OpenDirectoryStore(const std::string& directory);
+std::unique_ptr<Store> OpenSqliteStore(const std::string& directory);
+
+}  // namespace Quorvel::Benchmarks

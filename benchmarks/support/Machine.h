@@ -1,0 +1,11 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+namespace Quorvel::Benchmarks {
+
+// What a result depends on besides the program: processor, number of cores, kernel, compiler, date,
+// and what else runs. To be called before the work, which is a load itself.
+nlohmann::ordered_json DescribeMachine();
+
+}  // namespace Quorvel::Benchmarks

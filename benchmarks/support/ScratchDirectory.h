@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+
+namespace Quorvel::Benchmarks {
+
+// A new, empty folder, removed with everything in it at the end of the scope.
+class ScratchDirectory {
+public:
+    // Throws std::system_error when it can't be made.
+    explicit ScratchDirectory(const std::filesystem::path& parent);
+    ScratchDirectory(const ScratchDirectory&) = delete;
+    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
+    ~ScratchDirectory();
+
+    const std::string& Path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+// Bytes that the files in a folder, and the folder itself, take on the volume: their blocks, not
+// their lengths.
+std::uint64_t BytesOnDisk(const std::filesystem::path& directory);
+
+}  // namespace Quorvel::Benchmarks

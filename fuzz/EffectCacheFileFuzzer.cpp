@@ -1,0 +1,233 @@
+// Opens an effect cache over any bytes, searches it for every name in its index and for others,
+// adds to it, saves and opens it again. What an independent reader of the format finds, and nothing
+// else, is found; and a cache that was sound loses nothing and stays sound.
+#include <cctype>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "format/EffectCacheImage.h"
+#include "fuzz/DamagedFile.h"
+#include "fuzz/FileBases.h"
+#include "fuzz/Require.h"
+#include "quorvel/EffectCacheSystem.h"
+#include "quorvel/MultiProcessTimeStamp.h"
+#include "support/TemporaryDirectory.h"
+#include "vornutil/RefPtr.h"
+
+namespace Quorvel::Fuzz {
+
+namespace {
+
+using Format::Bytes;
+using Cache = Util::RefPtr<EffectCacheSystem>;
+
+// What a search for a name gives: its bytes, or nothing.
+using Results = std::map<std::string, std::optional<Bytes>>;
+
+// A cache whose streams claim more than this may be trimmed when it is opened.
+constexpr std::uint64_t kSurelyWithinBudget = 1 << 26;
+
+constexpr int kMostNewEffects = 4;
+
+// What the format says of a file.
+struct Expectation {
+    bool isCache = false;    // the package and the cache's header can be read
+    bool isIndexed = false;  // the index too
+    bool isSound = false;
+    Results results;  // of an indexed one
+};
+
+std::optional<Bytes> EffectOf(const Format::PackageImage& image, const Format::StreamReader& reader,
+                              const Format::EffectRecord& record) {
+    const std::uint64_t size = Format::kLengthPrefixSize + record.size;
+    for (const Format::StreamRecord& stream : image.streams) {
+        if (stream.id == record.streamId && stream.size != size) {
+            return std::nullopt;
+        }
+    }
+    try {
+        const Bytes stream = reader.Read(record.streamId);
+        if (Format::LoadInteger(stream, 0, Format::kLengthPrefixSize) == record.size) {
+            return Bytes(stream.begin() + Format::kLengthPrefixSize, stream.end());
+        }
+    } catch (const Format::FormatError&) {
+    }
+    return std::nullopt;
+}
+
+// Whether a cache surely keeps all of these streams.
+bool IsWithinBudget(const Format::PackageImage& image) {
+    std::uint64_t total = 0;
+    for (const Format::StreamRecord& stream : image.streams) {
+        if (stream.size > kSurelyWithinBudget) {
+            return false;
+        }
+        total += stream.size;
+    }
+    return total <= kSurelyWithinBudget;
+}
+
+Expectation Expect(const Bytes& file) {
+    Expectation expected;
+    try {
+        const Format::PackageImage image = Format::ReadPackage(file, Format::kCacheStreamLimit);
+        const Format::CacheHeader header = Format::ReadCacheHeader(image.headerData);
+        expected.isCache = true;
+        if (!IsWithinBudget(image)) {
+            return expected;
+        }
+        const Format::StreamReader reader(image);
+        const auto entries = Format::ReadIndex(reader.Read(header.indexStream), header.effectCount);
+        expected.isIndexed = true;
+        for (const Format::IndexEntry& entry : entries) {
+            expected.results[entry.name] = EffectOf(image, reader, entry.record);
+        }
+        expected.isSound = Format::CheckEffectCache(image).empty();
+    } catch (const Format::FormatError&) {
+    }
+    return expected;
+}
+
+CStr TextOf(const std::string& text) {
+    return CStr(text.data(), text.size());
+}
+
+void RequireResults(EffectCacheSystem& cache, const Results& results) {
+    for (const auto& [name, expected] : results) {
+        Tab<unsigned char> data;
+        const bool found = cache.SearchCachedEffects(TextOf(name), data);
+        Require(found == expected.has_value(), "found just what is there");
+        if (found) {
+            const auto size = static_cast<std::size_t>(data.Count());
+            Require(size == expected->size(), "an effect's size");
+            Require(Bytes(data.Addr(0), data.Addr(0) + size) == *expected, "an effect's bytes");
+        }
+    }
+}
+
+// Names that are in the bases' indexes or in none.
+std::string TakeName(FuzzedDataProvider& input) {
+    static const char* const kNames[] = {"a", "b", "c", "bb", "cc", "long name", "absent", "d"};
+    return input.PickValueInArray(kNames);
+}
+
+// Adds effects and saves them; what they replace is replaced in the results too.
+void AddEffects(EffectCacheSystem& cache, FuzzedDataProvider& input, Results& results) {
+    static constexpr std::size_t kSizes[] = {1, 9, 100, 8184, 8183, 20000, 70000};
+    for (int count = input.ConsumeIntegral<std::uint8_t>() % kMostNewEffects; count > 0; --count) {
+        const std::string name = TakeName(input);
+        const Bytes data(input.PickValueInArray(kSizes), static_cast<std::uint8_t>(0x80 + count));
+        cache.CacheCompiledEffect(TextOf(name), data.data(), data.size(), input.ConsumeBool());
+        results[name] = data;
+    }
+    cache.ForceSaveToFile();
+}
+
+class Directory {
+public:
+    std::string Path() const { return directory_.Path().string(); }
+    std::string File() const { return directory_.File("vornFxoCache.dat"); }
+    Cache Open() const { return Cache(new EffectCacheSystem(TextOf(Path()))); }
+
+    // Tells those who have the cache open that somebody has rewritten its file.
+    void AnnounceChange() const {
+        std::string name = File();
+        for (char& byte : name) {
+            const auto character = static_cast<unsigned char>(byte);
+            byte = character < 0x80 && std::isalnum(character) ? byte : '_';
+        }
+        MultiProcessTimeStamp stamp;
+        stamp.Initialize((name + "_timestamp").c_str());
+        stamp.UpdateTimeStamp();
+    }
+
+private:
+    const Testing::TemporaryDirectory directory_;
+};
+
+// Opens a cache that has the file, by itself or because it is told of the file's change.
+Cache OpenOver(const Directory& directory, const Bytes& file, bool byReload) {
+    if (!byReload) {
+        Format::WriteWholeFile(directory.File(), file);
+        const Cache cache = directory.Open();
+        Require(cache->IsEnabled(), "a cache over any bytes works");
+        return cache;
+    }
+    Format::WriteWholeFile(directory.File(), EffectCacheBases().back().file);
+    Cache cache = directory.Open();
+    Format::WriteWholeFile(directory.File(), file);
+    directory.AnnounceChange();
+    Tab<unsigned char> data;
+    cache->SearchCachedEffects(CStr("absent"), data);
+    return cache;
+}
+
+// Whether a cache that can be read has been taken for a damaged one, as it may be unless it is
+// sound.
+bool IsRefused(EffectCacheSystem& cache, const Expectation& expected) {
+    if (!expected.isIndexed) {
+        return false;
+    }
+    const std::uint64_t count = cache.GetNumberOfEffectsInFile();
+    if (cache.IsEnabled() && count == expected.results.size()) {
+        return false;
+    }
+    Require(!expected.isSound, "a sound cache is taken as it is");
+    Require(!cache.IsEnabled() || count == 0, "taken as a whole or not at all");
+    return true;
+}
+
+void TryFile(const Directory& directory, FuzzedDataProvider& input) {
+    const bool byReload = input.ConsumeIntegral<std::uint8_t>() % 4 == 0;
+    // From the other end of the input than the numbers that the file is made of.
+    const std::vector<std::uint8_t> additions = input.ConsumeBytes<std::uint8_t>(12);
+    FuzzedDataProvider adding(additions.data(), additions.size());
+    const Bytes file = TakeFile(input, EffectCacheBases());
+    Expectation expected = Expect(file);
+
+    Cache cache = OpenOver(directory, file, byReload);
+    if (IsRefused(*cache, expected)) {
+        expected = {};
+    }
+    if (!expected.isCache || expected.isIndexed) {
+        for (const char* const name : {"absent", "a", "bb"}) {
+            expected.results.try_emplace(name);
+        }
+        RequireResults(*cache, expected.results);
+    }
+
+    AddEffects(*cache, adding, expected.results);
+    Require(cache->IsEnabled() || !expected.isSound, "a sound cache can be saved");
+    const bool isKnown = expected.isIndexed && cache->IsEnabled();
+    if (isKnown) {
+        RequireResults(*cache, expected.results);
+    }
+    cache.Reset();
+    Require(std::filesystem::file_size(directory.File()) <= file.size() + kMostGrowth,
+            "the file's growth");
+
+    const Bytes saved = Format::ReadWholeFile(directory.File());
+    if (expected.isSound) {
+        Require(Format::CheckEffectCache(saved).empty(), "a sound cache stays sound");
+    }
+    cache = directory.Open();
+    Require(cache->IsEnabled(), "a cache can be opened again");
+    if (isKnown) {
+        RequireResults(*cache, expected.results);
+    }
+}
+
+}  // namespace
+
+}  // namespace Quorvel::Fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const Quorvel::Fuzz::Directory directory;
+    FuzzedDataProvider input(data, size);
+    Quorvel::Fuzz::TryFile(directory, input);
+    return 0;
+}

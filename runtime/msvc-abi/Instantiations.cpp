@@ -1,0 +1,4 @@
+// What libc++'s headers expect its compiled part to hold, which is not there.
+#include <string>
+
+template class std::basic_string<char>;

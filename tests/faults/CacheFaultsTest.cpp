@@ -1,0 +1,334 @@
+// Two objects on one effect cache, from the opening to the end, with each of their calls of the
+// file system and each of their allocations failing in turn. Whatever fails: nothing is thrown but
+// by a constructor that gets no memory, every lock is free at once, an object finds whole effects
+// of their own name only, and the file holds one of the states that the saves led to, or none.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <new>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "effectcache/CacheClient.h"
+#include "effectcache/PlatformStubs.h"
+#include "faults/Failures.h"
+#include "faults/Memory.h"
+#include "format/EffectCacheWriter.h"
+#include "format/TestData.h"
+#include "quorvel/EffectCacheSystem.h"
+#include "quorvel/Exceptions.h"
+#include "quorvel/MutexObject.h"
+#include "support/TemporaryDirectory.h"
+#include "torture/EffectBytes.h"
+
+namespace Quorvel::Testing {
+
+namespace {
+
+// Most effects have this size, a page and a tail with the length in front, so that one taken for
+// another one passes every check but that of its bytes.
+constexpr std::size_t kUsualSize = 8700;
+constexpr std::size_t kSmallSize = 300;
+
+const std::string kNames = "abcdegx";
+const std::string kPermanent = "a";
+const std::string kSmall = "cx";
+
+// The versions of the effects by name.
+using State = std::map<char, std::uint64_t>;
+
+Bytes EffectOf(char name, std::uint64_t version) {
+    return Torture::MakeEffect({name}, version,
+                               kSmall.find(name) == std::string::npos ? kUsualSize : kSmallSize);
+}
+
+const State& OldState() {
+    static const State state = {{'a', 1}, {'b', 1}, {'c', 1}, {'d', 1}};
+    return state;
+}
+
+State With(State state, const State& more) {
+    for (const auto& [name, version] : more) {
+        state[name] = version;
+    }
+    return state;
+}
+
+// The file of the old state.
+const Bytes& OldFile() {
+    static const Bytes file = [] {
+        std::vector<Format::NewEffect> effects;
+        for (const auto& [name, version] : OldState()) {
+            const bool isPermanent = kPermanent.find(name) != std::string::npos;
+            effects.push_back({{name}, EffectOf(name, version), isPermanent, {}});
+        }
+        return Format::WriteEffectCache(effects);
+    }();
+    return file;
+}
+
+// Whether another thread gets a mutex at once.
+bool IsFree(const std::string& name) {
+    std::uint32_t result = kWaitTimedOut;
+    std::thread other([&] {
+        MutexObject mutex(name.c_str());
+        result = mutex.Acquire(0);
+        if (result == kWaitAcquired) {
+            mutex.Release();
+        }
+    });
+    other.join();
+    return result == kWaitAcquired;
+}
+
+using Cache = Util::RefPtr<EffectCacheSystem>;
+
+class CacheScript {
+public:
+    CacheScript(const TemporaryDirectory& directory, const Failure& failure, std::uint64_t skipped)
+        : directory_(directory),
+          text_(ToCStr(directory.Path().string())),
+          failure_(failure),
+          armed_(std::in_place, failure, skipped) {}
+
+    // Two objects take turns in saving, and notice each other.
+    void Share();
+
+    // The cache does not fit the volume any more.
+    void Trim();
+
+    // Ends the failures. Whether there were any.
+    bool Disarm();
+
+    // Opens the file anew: it must hold one of the states there can be, and work.
+    void ExpectFile();
+
+private:
+    template <typename Operation>
+    void Call(const Operation& operation);
+
+    void Open(Cache& cache);
+    State Add(Cache& cache, const State& effects);
+    void Save(Cache& cache, const State& pending);
+    void Close(Cache& cache, const State& pending = {});
+    State SearchAll(const Cache& cache, const State& pending = {});
+    void AllowSaved(const State& pending);
+    bool IsAllowed(const State& found, const State& pending) const;
+    bool IsTrimmedFrom(const State& found, const State& state) const;
+
+    const TemporaryDirectory& directory_;
+    const CStr text_;
+    const Failure failure_;
+    std::optional<ArmedFailure> armed_;
+    bool hasFailed_ = false;
+    bool mayBeTrimmed_ = false;
+    std::set<State> states_ = {OldState()};  // that the file can be in
+};
+
+template <typename Operation>
+void CacheScript::Call(const Operation& operation) {
+    const std::uint64_t before = armed_ ? armed_->Failures() : 0;
+    {
+        const LibraryCall call;
+        EXPECT_NO_THROW(operation());
+    }
+    if (!armed_ || armed_->Failures() != before) {
+        hasFailed_ = hasFailed_ || armed_;
+        const std::string name = SharedObjectName(directory_);
+        EXPECT_TRUE(IsFree(name + "_mutex"));
+        EXPECT_TRUE(IsFree(name + "_timestamp_mutex"));
+    }
+}
+
+void CacheScript::Open(Cache& cache) {
+    Call([&] {
+        try {
+            cache = new EffectCacheSystem(text_);
+        } catch (const std::bad_alloc&) {
+            EXPECT_TRUE(failure_.isMemory);
+        } catch (const OutOfMemoryException&) {
+            EXPECT_TRUE(failure_.isMemory);
+        } catch (const Win32APICallFailedException&) {
+            EXPECT_TRUE(failure_.isMemory);
+        }
+    });
+    EXPECT_TRUE(hasFailed_ || (cache && cache->IsEnabled()));
+    if (hasFailed_) {
+        states_.insert(State());
+    }
+}
+
+// Queues effects. Those that were queued: some are not where memory runs out.
+State CacheScript::Add(Cache& cache, const State& effects) {
+    State queued;
+    if (!cache) {
+        return queued;
+    }
+    for (const auto& [name, version] : effects) {
+        const CStr key(&name, 1);
+        const Bytes bytes = EffectOf(name, version);
+        Call([&] { cache->CacheCompiledEffect(key, bytes.data(), bytes.size(), false); });
+        if (cache->GetNumberOfEffectsInMemory() > queued.size()) {
+            queued[name] = version;
+        }
+    }
+    EXPECT_TRUE(hasFailed_ || queued == effects);
+    return queued;
+}
+
+void CacheScript::AllowSaved(const State& pending) {
+    std::set<State> states;
+    for (const State& state : states_) {
+        states.insert(With(state, pending));
+    }
+    if (hasFailed_) {
+        states.insert(states_.begin(), states_.end());
+        states.insert(State());
+        states.insert(pending);
+    }
+    states_ = states;
+}
+
+void CacheScript::Save(Cache& cache, const State& pending) {
+    if (cache) {
+        Call([&] { cache->ForceSaveToFile(); });
+        AllowSaved(pending);
+    }
+}
+
+void CacheScript::Close(Cache& cache, const State& pending) {
+    if (cache) {
+        Call([&] { cache.Reset(); });
+        AllowSaved(pending);
+    }
+}
+
+State CacheScript::SearchAll(const Cache& cache, const State& pending) {
+    State found;
+    if (!cache) {
+        return found;
+    }
+    Tab<unsigned char> data;
+    for (const char name : kNames) {
+        const CStr key(&name, 1);
+        bool isFound = false;
+        Call([&] { isFound = cache->SearchCachedEffects(key, data); });
+        if (isFound) {
+            const auto count = static_cast<std::size_t>(data.Count());
+            EXPECT_EQ(Torture::CheckEffect({name}, {data.Addr(0), count}, found[name]),
+                      Torture::Verdict::Intact)
+                << name;
+        }
+    }
+    EXPECT_TRUE(IsAllowed(found, pending));
+    return found;
+}
+
+bool CacheScript::IsAllowed(const State& found, const State& pending) const {
+    return std::any_of(states_.begin(), states_.end(), [&](const State& state) {
+        const State whole = With(state, pending);
+        return found == whole || (mayBeTrimmed_ && IsTrimmedFrom(found, whole)) ||
+               (hasFailed_ &&
+                std::includes(whole.begin(), whole.end(), found.begin(), found.end()));
+    });
+}
+
+bool CacheScript::IsTrimmedFrom(const State& found, const State& state) const {
+    return std::includes(state.begin(), state.end(), found.begin(), found.end()) &&
+           std::all_of(state.begin(), state.end(), [&](const auto& effect) {
+               return kPermanent.find(effect.first) == std::string::npos ||
+                      found.count(effect.first) != 0;
+           });
+}
+
+void CacheScript::Share() {
+    Cache first;
+    Cache second;
+    Open(first);
+    Open(second);
+    SearchAll(second);
+    Save(first, Add(first, {{'b', 2}, {'e', 2}}));
+    SearchAll(second);
+    Close(second, Add(second, {{'b', 3}, {'c', 3}, {'g', 3}}));
+    SearchAll(first);
+    const State pending = Add(first, {{'d', 4}});
+    SearchAll(first, pending);
+    Close(first, pending);
+}
+
+void CacheScript::Trim() {
+    FreeSpaceStub space(2 * kUsualSize);
+    space.ForgetQueries();
+    mayBeTrimmed_ = true;
+    Cache cache;
+    Open(cache);
+    EXPECT_TRUE(hasFailed_ || cache->GetNumberOfEffectsInFile() == 1);  // the permanent one
+    SearchAll(cache);
+    space.Set(4 * kUsualSize);
+    Close(cache, Add(cache, {{'e', 2}, {'x', 2}}));
+}
+
+bool CacheScript::Disarm() {
+    const bool failed = armed_->HasFailed();
+    armed_.reset();
+    return failed;
+}
+
+void CacheScript::ExpectFile() {
+    const State more = {{'x', 9}};
+    State found;
+    {
+        Cache fresh;
+        Open(fresh);
+        ASSERT_TRUE(fresh && fresh->IsEnabled());
+        found = SearchAll(fresh);
+        EXPECT_TRUE(mayBeTrimmed_ || states_.count(found) != 0);
+        EXPECT_TRUE(failure_.MayEmptyFile() || fresh->GetNumberOfEffectsInFile() == found.size());
+        EXPECT_EQ(Add(fresh, more), more);
+        Save(fresh, more);
+    }
+    Cache again;
+    Open(again);
+    EXPECT_EQ(SearchAll(again), With(found, more));
+    if (!failure_.MayEmptyFile()) {
+        const auto problems =
+            Format::CheckEffectCache(Format::ReadWholeFile(CacheFilePath(directory_)));
+        EXPECT_EQ(Format::Joined(problems), "");
+    }
+}
+
+class CacheFaults : public ::testing::TestWithParam<Failure> {
+protected:
+    void ForEach(void (CacheScript::*run)()) {
+        const TemporaryDirectory directory;
+        const std::uint64_t openFiles = CountStdioCalls().openFiles;
+        ForEachCall([&](std::uint64_t skipped) {
+            WriteWholeFile(CacheFilePath(directory), OldFile());
+            CacheScript script(directory, GetParam(), skipped);
+            (script.*run)();
+            const bool failed = script.Disarm();
+            script.ExpectFile();
+            EXPECT_EQ(CountStdioCalls().openFiles, openFiles);
+            return failed;
+        });
+    }
+};
+
+}  // namespace
+
+TEST_P(CacheFaults, LeaveOneOfTheStatesOfTheSavesOrNone) {
+    ForEach(&CacheScript::Share);
+}
+
+TEST_P(CacheFaults, LeaveWholeEffectsAfterATrim) {
+    ForEach(&CacheScript::Trim);
+}
+
+INSTANTIATE_TEST_SUITE_P(Call, CacheFaults, ::testing::ValuesIn(AllFailures()),
+                         [](const auto& test) { return NameOf(test.param); });
+
+}  // namespace Quorvel::Testing

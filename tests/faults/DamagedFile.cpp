@@ -1,0 +1,307 @@
+#include "faults/DamagedFile.h"
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <optional>
+#include <ostream>
+
+#include "faults/Memory.h"
+#include "format/EffectCacheWriter.h"
+#include "quorvel/Quorvel.h"
+#include "support/StdioFaults.h"
+#include "torture/EffectBytes.h"
+
+namespace Quorvel::Faults {
+
+namespace {
+
+using Format::Bytes;
+using Testing::CountStdioCalls;
+using Testing::LibraryCall;
+using Testing::MemoryWatch;
+
+constexpr std::size_t kUsualSize = 8700;  // with the length in front: a page and a tail
+constexpr std::size_t kMostChanged = 50;  // streams
+constexpr std::uint64_t kOldVersion = 1;
+constexpr std::uint64_t kNewVersion = 2;
+
+// Names that are saved to a damaged file: one that is there, and others.
+const std::vector<std::string> kSavedNames = {"effect-3", "saved--1", "saved--2", "saved--3"};
+
+CStr ToCStr(const std::string& text) {
+    return CStr(text.data(), text.size());
+}
+
+std::uint64_t Calls() {
+    const Testing::StdioCounts counts = CountStdioCalls();
+    return counts.opens + counts.closes + counts.seeks + counts.tells + counts.reads +
+           counts.writes;
+}
+
+}  // namespace
+
+Bytes SampleCache(unsigned seed) {
+    std::vector<Format::NewEffect> effects;
+    for (int index = 0; index < 10; ++index) {
+        Format::NewEffect effect;
+        effect.name = "effect-" + std::to_string(index);
+        const std::size_t size = index < 7 ? kUsualSize : index < 9 ? 300 : 20000;
+        effect.data = Torture::MakeEffect(effect.name, kOldVersion, size);
+        effect.permanent = index % 3 == 0;
+        effects.push_back(effect);
+    }
+    Format::EffectCacheLayout layout;
+    layout.shuffleStreams = seed % 2 == 0;
+    layout.package.pageOrder = Format::PageOrder::kShuffled;
+    layout.package.tails =
+        seed % 3 == 0 ? Format::TailPlacement::kBlockEach : Format::TailPlacement::kPacked;
+    layout.package.freePages = 3;
+    layout.package.freePagesAtEnd = 1000;
+    layout.package.seed = seed;
+    return Format::WriteEffectCache(effects, layout);
+}
+
+void Findings::Add(const Findings& other) {
+    files += other.files;
+    opened += other.opened;
+    emptied += other.emptied;
+    found += other.found;
+    missed += other.missed;
+    damaged += other.damaged;
+    peakMemory = std::max(peakMemory, other.peakMemory);
+    peakCalls = std::max(peakCalls, other.peakCalls);
+    problems.insert(problems.end(), other.problems.begin(), other.problems.end());
+}
+
+std::ostream& operator<<(std::ostream& stream, const Findings& findings) {
+    stream << findings.files << " files: " << findings.opened << " opened as packages, "
+           << findings.emptied << " emptied as caches; effects: " << findings.found << " found, "
+           << findings.missed << " missed, " << findings.damaged << " damaged; at most "
+           << (findings.peakMemory >> 10) << " KiB and " << findings.peakCalls << " calls; "
+           << findings.problems.size() << " problems\n";
+    for (const std::string& problem : findings.problems) {
+        stream << problem << '\n';
+    }
+    return stream;
+}
+
+Examiner::Examiner(const Bytes& sound) : map_(sound) {
+    for (const FileMap::Entry& entry : map_.Entries()) {
+        Named named;
+        for (std::size_t index = 0; index < entry.name.size(); ++index) {
+            named.name.push_back(
+                map_.StreamOffset(map_.IndexStream(), entry.position + 52 + index));
+        }
+        named_.push_back(named);
+    }
+}
+
+void Examiner::Examine(const Bytes& damaged, const std::string& name) {
+    name_ = name;
+    ++findings_.files;
+    const std::uint64_t openFiles = CountStdioCalls().openFiles;
+    ExaminePackage(damaged);
+    ExamineCache(damaged);
+    if (CountStdioCalls().openFiles != openFiles) {
+        Problem("leaves a file open");
+    }
+}
+
+void Examiner::Problem(const std::string& text) {
+    findings_.problems.push_back(name_ + ": " + text);
+}
+
+// Runs something with an eye on the memory that it takes and the calls that it makes.
+template <typename Operation>
+void Examiner::Watch(const char* what, const Operation& operation) {
+    const std::uint64_t callsBefore = Calls();
+    std::uint64_t memory;
+    {
+        const MemoryWatch watch;
+        operation();
+        memory = watch.Peak();
+    }
+    const std::uint64_t calls = Calls() - callsBefore;
+    findings_.peakMemory = std::max(findings_.peakMemory, memory);
+    findings_.peakCalls = std::max(findings_.peakCalls, calls);
+    if (memory > kMostMemory) {
+        Problem(std::string(what) + " takes " + std::to_string(memory) + " bytes");
+    }
+    if (calls > kMostCalls) {
+        Problem(std::string(what) + " takes " + std::to_string(calls) + " calls");
+    }
+}
+
+// Reads what can be read, deletes every other stream, adds some and commits. Any of it may fail.
+void Examiner::ExaminePackage(const Bytes& damaged) {
+    const std::string path = directory_.File("package");
+    Format::WriteWholeFile(path, damaged);
+    bool isOpen = false;
+    Watch("a package", [&] {
+        const LibraryCall call;
+        const auto package = OpenFilePackage({path.c_str(), 64, Format::kHighestId});
+        isOpen = static_cast<bool>(package);
+        if (!package) {
+            return;
+        }
+        static Bytes buffer(std::size_t{1} << 20);
+        std::vector<std::uint64_t> ids;
+        for (std::uint64_t index = 0; index < package->GetNumberOfDataStreams(); ++index) {
+            ids.push_back(package->GetDataStreamId(index));
+        }
+        for (const std::uint64_t id : ids) {
+            try {
+                const auto stream = package->OpenDataStream(id);
+                if (stream) {
+                    stream->Read(buffer.data(), buffer.size());
+                    stream->Seek(kSeekFromEnd, -1);
+                    stream->Read(buffer.data(), 1);
+                }
+            } catch (const std::exception&) {
+            }
+        }
+        for (std::size_t index = 0; index < std::min(ids.size(), kMostChanged); ++index) {
+            try {
+                if (index % 2 == 0) {
+                    package->DeleteDataStream(ids[index]);
+                } else {
+                    const std::uint64_t id = package->CreateDataStream(kUsualSize);
+                    const auto stream = package->OpenDataStream(id);
+                    if (stream) {
+                        stream->Write(buffer.data(), kUsualSize);
+                    }
+                }
+            } catch (const std::exception&) {
+            }
+        }
+        try {
+            package->Commit();
+        } catch (const std::exception&) {
+        }
+    });
+    findings_.opened += isOpen ? 1 : 0;
+    bool isReadable = true;
+    try {
+        Format::ReadPackage(damaged);
+    } catch (const Format::FormatError&) {
+        isReadable = false;
+    }
+    if (isOpen != isReadable) {
+        Problem(isOpen ? "opens, which it must not" : "does not open, which it must");
+    }
+    Watch("a package, again", [&] {
+        const LibraryCall call;
+        OpenFilePackage({path.c_str(), 64, Format::kHighestId});
+    });
+}
+
+void Examiner::ExamineCache(const Bytes& damaged) {
+    const std::string path = directory_.File("vornFxoCache.dat");
+    Format::WriteWholeFile(path, damaged);
+    SearchAll(damaged, false, "first");
+    SearchAll(damaged, true, "after a save");
+}
+
+// Opens the cache and searches it; the first time it then saves something, and searches it again.
+void Examiner::SearchAll(const Bytes& damaged, bool isSaved, const std::string& when) {
+    const CStr text = ToCStr(directory_.Path().string());
+    Util::RefPtr<EffectCacheSystem> cache;
+    Watch("opening a cache", [&] {
+        const LibraryCall call;
+        cache = new EffectCacheSystem(text);
+    });
+    if (!cache->IsEnabled()) {
+        Problem("makes no cache, " + when);
+    }
+    const std::uint64_t foundBefore = findings_.found;
+    SearchAll(*cache, damaged, isSaved, when);
+    if (!isSaved) {
+        findings_.emptied += findings_.found == foundBefore ? 1 : 0;
+        Watch("a save", [&] {
+            for (const std::string& name : kSavedNames) {
+                const Bytes bytes = Torture::MakeEffect(name, kNewVersion, kUsualSize);
+                const CStr key = ToCStr(name);
+                const LibraryCall call;
+                cache->CacheCompiledEffect(key, bytes.data(), bytes.size(), false);
+            }
+            const LibraryCall call;
+            cache->ForceSaveToFile();
+        });
+        SearchAll(*cache, damaged, true, when + ", before it was closed");
+    }
+    const LibraryCall call;
+    cache.Reset();
+}
+
+void Examiner::SearchAll(EffectCacheSystem& cache, const Bytes& damaged, bool isSaved,
+                         const std::string& when) {
+    for (const FileMap::Entry& entry : map_.Entries()) {
+        const bool mustBeRight = IsUntouched(entry, damaged);
+        const bool isReplaced =
+            isSaved && std::count(kSavedNames.begin(), kSavedNames.end(), entry.name) != 0;
+        const Verdict verdict = Search(cache, entry.name, isReplaced);
+        if (verdict == Verdict::Wrong && mustBeRight) {
+            Problem("wrong bytes for " + entry.name + ", " + when);
+        }
+        if (!isSaved) {
+            ++(verdict == Verdict::Right ? findings_.found
+               : mustBeRight             ? findings_.missed
+                                         : findings_.damaged);
+        }
+    }
+    for (const std::string& name : kSavedNames) {
+        if (isSaved && Search(cache, name, true) == Verdict::Wrong &&
+            std::none_of(map_.Entries().begin(), map_.Entries().end(),
+                         [&](const auto& entry) { return entry.name == name; })) {
+            Problem("wrong bytes for " + name + ", " + when);
+        }
+    }
+}
+
+// A save may have dropped what was to be saved: then the effect is the one it was to replace.
+Examiner::Verdict Examiner::Search(EffectCacheSystem& cache, const std::string& name,
+                                   bool isReplaced) {
+    const CStr key = ToCStr(name);
+    Tab<unsigned char> data;
+    bool isFound = false;
+    Watch("a search", [&] {
+        const LibraryCall call;
+        isFound = cache.SearchCachedEffects(key, data);
+    });
+    if (!isFound) {
+        return Verdict::Missed;
+    }
+    std::uint64_t version = 0;
+    const auto bytes =
+        Torture::CheckEffect(name, {data.Addr(0), static_cast<std::size_t>(data.Count())}, version);
+    return bytes == Torture::Verdict::Intact &&
+                   (version == kOldVersion || (isReplaced && version == kNewVersion))
+               ? Verdict::Right
+               : Verdict::Wrong;
+}
+
+// Whether nothing was done to the bytes of an effect nor to its name, and no other entry of the
+// index has taken the name: of two entries of one name the later counts.
+bool Examiner::IsUntouched(const FileMap::Entry& entry, const Bytes& damaged) const {
+    const auto nameIn = [](const Bytes& file, const Named& named) {
+        std::string name;
+        for (const std::size_t offset : named.name) {
+            name += offset < file.size() ? static_cast<char>(file[offset]) : '\0';
+        }
+        return name;
+    };
+    for (const Named& named : named_) {
+        if ((nameIn(Sound(), named) == entry.name) != (nameIn(damaged, named) == entry.name)) {
+            return false;
+        }
+    }
+    const std::vector<FileMap::Piece> pieces = map_.StreamPieces(entry.stream);
+    return std::all_of(pieces.begin(), pieces.end(), [&](const FileMap::Piece& piece) {
+        return piece.offset + piece.size <= damaged.size() &&
+               std::memcmp(damaged.data() + piece.offset, Sound().data() + piece.offset,
+                           piece.size) == 0;
+    });
+}
+
+}  // namespace Quorvel::Faults

@@ -1,0 +1,99 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "format/PackageImage.h"
+
+// The fields of the file format, one for each row of the tables in docs/format.md that say what
+// stands where.
+namespace Quorvel::Faults {
+
+// The tables of the document, in its order.
+enum class Table {
+    FirstHeadPage,
+    LaterHeadPage,
+    LinkTable,
+    StreamDirectory,
+    StreamRecord,
+    TailBlocks,
+    BlockRecord,
+    FragmentRecord,
+    HeaderData,
+    HeaderBlock,
+    CacheHeader,
+    IndexRecord,
+    EntryTime,
+    DataStream,
+    TimeStamp,  // in shared memory, not in the file
+};
+
+// Where an integer stands in a file.
+struct Place {
+    std::size_t offset;
+    std::size_t width;
+};
+
+// A sound effect cache's file, and where things are in it.
+class FileMap {
+public:
+    explicit FileMap(const Format::Bytes& file);
+
+    const Format::PackageImage& Image() const { return image_; }
+    std::uint64_t IndexStream() const { return indexStream_; }
+
+    std::size_t StateOffset(std::uint64_t position) const;
+    std::size_t StreamOffset(std::uint64_t id, std::uint64_t position) const;
+
+    // Where the bytes of a stream stand, piece by piece.
+    struct Piece {
+        std::size_t offset;
+        std::size_t size;
+    };
+    std::vector<Piece> StreamPieces(std::uint64_t id) const;
+    Place InState(std::uint64_t position, std::size_t width = 8) const {
+        return {StateOffset(position), width};
+    }
+
+    // Positions in the state.
+    std::uint64_t DirectoryStart() const { return 8 + 8 * image_.links.size(); }
+    std::uint64_t BlocksStart() const { return DirectoryStart() + 8 + 32 * image_.streams.size(); }
+    std::uint64_t BlockStart(std::size_t index) const;
+    std::uint64_t FragmentsStart() const { return BlockStart(image_.blocks.size()); }
+    std::uint64_t HeaderDataStart() const {
+        return FragmentsStart() + 8 + 40 * image_.fragments.size();
+    }
+    std::uint64_t CacheBlockStart() const { return HeaderDataStart() + 8; }
+
+    struct Entry {
+        std::uint64_t position;  // in the index stream
+        std::string name;
+        std::uint64_t stream;
+        std::uint64_t size;
+    };
+    const std::vector<Entry>& Entries() const { return entries_; }
+
+private:
+    const Format::PackageImage image_;
+    std::uint64_t indexStream_ = 0;
+    std::vector<Entry> entries_;
+};
+
+struct Field {
+    Table table;
+    std::string name;     // the cell of the document
+    std::uint64_t limit;  // the greatest value that is valid, where there is one
+    std::function<std::vector<Place>(const FileMap&)> places;
+};
+
+// Empty places where the row stands for other rows, or for bytes that mean nothing to the library.
+const std::vector<Field>& Fields();
+
+// The rows of the document, as "table number: cell".
+std::vector<std::string> DocumentedFields();
+std::string RowOf(const Field& field);
+
+}  // namespace Quorvel::Faults

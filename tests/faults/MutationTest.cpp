@@ -1,0 +1,14 @@
+#include "faults/Mutation.h"
+
+#include <gtest/gtest.h>
+
+namespace Quorvel::Faults {
+
+TEST(Mutation, CostsNoEffectThatItDidNotTouchItsBytes) {
+    const Findings findings = ExamineMutations(1, 600 / QUORVEL_FILE_STRIDE);
+    EXPECT_TRUE(findings.IsGood()) << findings;
+    EXPECT_GT(findings.found, 0U);
+    EXPECT_GT(findings.emptied, 0U);
+}
+
+}  // namespace Quorvel::Faults

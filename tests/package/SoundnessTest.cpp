@@ -1,0 +1,139 @@
+// Packages that load, but whose pages or tails belong to two, or to nobody.
+#include <string>
+#include <vector>
+
+#include "format/PackageWriter.h"
+#include "package/PackageTest.h"
+
+namespace Quorvel::Testing {
+
+namespace {
+
+using Format::PackageImage;
+
+// Streams 0 to 3, each with a page and a tail in block 0, and 4, of three pages; page 11 is free.
+class SoundnessTest : public PackageTest {
+protected:
+    SoundnessTest() : PackageTest({64, 24}) {
+        const std::uint64_t first = Add(8192);
+        for (const std::size_t size : {9000U, 9000U, 9000U, 9100U}) {
+            Add(size);
+        }
+        Add(3 * 8192);
+        Delete(first);
+        package_->Commit();
+    }
+};
+
+struct Damage {
+    std::string name;
+    void (*apply)(PackageImage&);
+};
+
+class UnsoundPackage : public SoundnessTest, public ::testing::WithParamInterface<Damage> {};
+
+std::uint64_t FreePage(const PackageImage& image) {
+    std::uint64_t page = Format::kFirstPage;
+    while (image.Link(page) != Format::kFreePage) {
+        ++page;
+    }
+    return page;
+}
+
+}  // namespace
+
+TEST_F(SoundnessTest, HoldsForWhatThePackageWrites) {
+    EXPECT_TRUE(package_->IsSound());
+    ASSERT_TRUE(package_->Load());
+    EXPECT_TRUE(package_->IsSound());
+    Delete(2);
+    Add(500);
+    Add(0);
+    SetHeaderData(Format::Pattern(20000, 1));
+    ASSERT_TRUE(package_->Commit());
+    ASSERT_TRUE(package_->Load());
+    EXPECT_TRUE(package_->IsSound());
+}
+
+TEST_F(SoundnessTest, HoldsForEveryLayout) {
+    for (const Format::NamedLayout& layout : Format::AllLayouts()) {
+        Format::WriteWholeFile(path_, Format::WritePackage(Format::BoundaryStreams(),
+                                                           Format::Pattern(100, 1), layout.layout));
+        settings_.streamLimit = 1000;
+        const auto package = NewPackage();
+        ASSERT_TRUE(package->Load()) << layout.name;
+        EXPECT_TRUE(package->IsSound()) << layout.name;
+    }
+}
+
+TEST_F(SoundnessTest, IsDeniedWithoutAFile) {
+    EXPECT_FALSE(NewPackage()->IsSound());
+}
+
+TEST_P(UnsoundPackage, IsSeen) {
+    Edit(GetParam().apply);
+    EXPECT_FALSE(package_->IsSound());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Damage, UnsoundPackage,
+    ::testing::ValuesIn(std::vector<Damage>{
+        {"TwoStreamsOfOnePage",
+         [](PackageImage& image) { image.streams[0].firstPage = image.streams[1].firstPage; }},
+        {"StreamThatGoesOnInAnother",
+         [](PackageImage& image) {
+             image.links[image.streams[0].firstPage - 10] = image.streams[1].firstPage;
+         }},
+        {"StreamThatBeginsInsideAnother",
+         [](PackageImage& image) {
+             image.streams[0].firstPage = image.Link(image.streams.back().firstPage);
+         }},
+        {"StreamInAFreePage",
+         [](PackageImage& image) { image.streams[0].firstPage = FreePage(image); }},
+        {"StreamThatGoesOnInAFreePage",
+         [](PackageImage& image) {
+             image.links[image.streams[0].firstPage - 10] = FreePage(image);
+         }},
+        {"StreamInTheHeadFile",
+         [](PackageImage& image) { image.streams[0].firstPage = Format::kFirstPage; }},
+        {"StreamInATailBlock",
+         [](PackageImage& image) { image.streams[0].firstPage = image.blocks[0].pages[0]; }},
+        {"StreamWithoutEnd",
+         [](PackageImage& image) {
+             image.links[image.streams[0].firstPage - 10] = image.streams[0].firstPage;
+         }},
+        {"BlockWithAnotherPage",
+         [](PackageImage& image) { image.blocks[0].pages[7] = FreePage(image); }},
+        {"BlockWithAPageTwice",
+         [](PackageImage& image) { image.blocks[0].pages[7] = image.blocks[0].pages[0]; }},
+        {"BlockThatEndsEarly",
+         [](PackageImage& image) { image.links[image.blocks[0].pages[3] - 10] = 0; }},
+        {"BlockThatGoesOn",
+         [](PackageImage& image) {
+             image.links[image.blocks[0].pages[7] - 10] = image.streams[0].firstPage;
+         }},
+        {"FreeHeadPage", [](PackageImage& image) { image.links[0] = Format::kFreePage; }},
+        {"TailInAnothersPlace",
+         [](PackageImage& image) { image.fragments[1].offset = image.fragments[0].offset; }},
+        {"TailBehindAGap", [](PackageImage& image) { image.fragments[3].offset += 1; }},
+        {"TailsInExchangedPlaces",
+         [](PackageImage& image) {
+             std::swap(image.fragments[0].offset, image.fragments[1].offset);
+         }},
+        {"TailsOfExchangedStreams",
+         [](PackageImage& image) {
+             std::swap(image.fragments[0].streamId, image.fragments[1].streamId);
+         }},
+        {"TailWithAnotherIndex", [](PackageImage& image) { image.fragments[0].index = 1; }},
+        {"TailThatIsNotListed",
+         [](PackageImage& image) {
+             image.blocks[0].streams.pop_back();
+             image.blocks[0].freeBytes += image.fragments[3].length;
+         }},
+        {"ListOfAStreamWithoutATail", [](PackageImage& image) { image.blocks[0].streams[0] = 20; }},
+        {"MoreFreeBytesThanThereAre", [](PackageImage& image) { image.blocks[0].freeBytes -= 1; }},
+        {"PageInUseBehindTheFile", [](PackageImage& image) { image.links.push_back(0); }},
+    }),
+    [](const auto& test) { return test.param.name; });
+
+}  // namespace Quorvel::Testing

@@ -39,6 +39,8 @@ PagedFilePackage& Internals(const Util::RefPtr<IDataStreamSet>& package) {
 // Pieces in which the index stream is written.
 constexpr std::size_t kIndexPieceSize = 16384;
 
+constexpr std::size_t kEntriesAhead = 8;
+
 }  // namespace
 
 // ---- Opening, creating, letting go --------------------------------------------------------------
@@ -190,7 +192,12 @@ bool EffectCacheImpl::LoadIndex() {
         return false;
     }
     fileTable_.Clear();
-    const bool isComplete = ReadIndex(*stream);
+    bool isComplete = false;
+    try {
+        isComplete = ReadIndex(*stream);
+    } catch (const FileIOException&) {
+        // The index ends early. What was read is counted all the same.
+    }
     fileTable_.Settle();
     if (!isComplete || !CheckStreams()) {
         return false;
@@ -209,7 +216,6 @@ bool EffectCacheImpl::ReadIndex(IDataStream& stream) {
     // A damaged file may count more effects than it can hold.
     const std::uint64_t recordCount = header_.recordCount;  // no reference to a packed field
     fileTable_.Reserve(std::min(recordCount, kStreamLimit));
-    std::vector<unsigned char> name;
     for (std::uint64_t index = 0; index < header_.recordCount; ++index) {
         reader.Expect((header_.recordCount - index) * kSmallestEntry);
         const auto entry = reader.Read<IndexEntry>();
@@ -219,11 +225,11 @@ bool EffectCacheImpl::ReadIndex(IDataStream& stream) {
             entry.nameLength != record.nameLength) {
             return false;
         }
-        name.resize(entry.nameLength);
-        if (!reader.TryRead(name.data(), name.size())) {
+        IndexEntry* const kept = IndexEntry::MakeUnnamed(fileTable_, record);
+        if (!reader.TryRead(kept->Name(), record.nameLength)) {
             return false;
         }
-        fileTable_.Put(IndexEntry::Make({name.data(), name.size()}, record));
+        fileTable_.Append(kept);
     }
     return true;
 }
@@ -361,8 +367,8 @@ bool EffectCacheImpl::MovePendingIntoFile() {
 
 bool EffectCacheImpl::MoveIntoFile(const PendingEffect& effect) {
     const EffectKey name = effect.Key();
-    const std::span<const unsigned char> bytes = effect.Bytes();
-    if (IndexEntry* const replaced = fileTable_.Find(name)) {
+    const std::span<const unsigned char> bytes = effect.Compiled();
+    if (IndexEntry* const replaced = fileTable_.Find(name, effect.Hash())) {
         package_->DeleteDataStream(replaced->record.streamId);
         fileTable_.Remove(replaced);
     }
@@ -378,7 +384,7 @@ bool EffectCacheImpl::MoveIntoFile(const PendingEffect& effect) {
                                  effect.Permanent(),
                                  CurrentEntryTime(),
                                  0};
-    fileTable_.Put(IndexEntry::Make(name, record));
+    fileTable_.Put(IndexEntry::Make(fileTable_, name, record), effect.Hash());
     return true;
 }
 
@@ -387,18 +393,20 @@ bool EffectCacheImpl::WriteIndex() {
         return false;
     }
     fileTable_.Settle();
-    std::uint64_t size = 0;
-    for (const IndexEntry* const entry : fileTable_.Entries()) {
-        size += entry->Bytes().size();
-    }
-    Util::RefPtr<IDataStream> stream = OpenIndexForWriting(std::max(size, kEmptyIndexSize));
+    Util::RefPtr<IDataStream> stream =
+        OpenIndexForWriting(std::max(fileTable_.TotalBytes(), kEmptyIndexSize));
     if (!stream) {
         return false;
     }
     std::vector<unsigned char> piece;
     piece.reserve(kIndexPieceSize);
-    for (const IndexEntry* const entry : fileTable_.Entries()) {
-        const std::span<const unsigned char> bytes = entry->Bytes();
+    const std::span<IndexEntry* const> entries = fileTable_.Entries();
+    for (std::size_t index = 0; index < entries.size(); ++index) {
+        // The entries may stand anywhere in memory: some are on their way from there at a time.
+        if (index + kEntriesAhead < entries.size()) {
+            entries[index + kEntriesAhead]->Prefetch();
+        }
+        const std::span<const unsigned char> bytes = entries[index]->Bytes();
         if (piece.size() + bytes.size() > kIndexPieceSize && !piece.empty()) {
             if (!WriteExact(stream, piece.data(), piece.size())) {
                 return false;

@@ -4,7 +4,6 @@
 #include <cstring>
 #include <span>
 #include <string>
-#include <utility>
 
 #include "effectcache/StreamHelpers.h"
 #include "platform/Path.h"
@@ -86,13 +85,13 @@ void EffectCacheImpl::CacheCompiledEffect(const CStr& name, const unsigned char*
     if (key.length < kShortestName || key.length > kLongestName) {
         return;
     }
-    auto effect = PendingEffect::Make(key, {data, size}, permanent ? 1U : 0U);
-
+    const std::uint32_t hash = key.Hash();
     const Platform::CriticalSectionGuard guard(section_);
     if (!package_) {
         return;
     }
-    pendingTable_.Put(std::move(effect));
+    pendingTable_.Put(
+        PendingEffect::Make(pendingTable_, key, hash, {data, size}, permanent ? 1U : 0U), hash);
     pendingBytes_ += IndexEntrySize(key.length) + DataStreamSize(size);
     if (pendingBytes_ >= kSaveThreshold) {
         SaveToFile();
@@ -109,8 +108,9 @@ bool EffectCacheImpl::SearchCachedEffects(const CStr& name, Tab<unsigned char>& 
     if (!package_) {
         return false;
     }
+    fileTable_.PrefetchFind(hash);
     if (const PendingEffect* const pending = pendingTable_.Find(key, hash)) {
-        const std::span<const unsigned char> bytes = pending->Bytes();
+        const std::span<const unsigned char> bytes = pending->Compiled();
         data.SetCount(static_cast<int>(bytes.size()));
         std::memcpy(data.Addr(0), bytes.data(), bytes.size());
         return true;

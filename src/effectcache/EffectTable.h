@@ -1,47 +1,65 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
+#include <new>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "effectcache/EffectKey.h"
+#include "effectcache/EntryPool.h"
+#include "platform/Prefetch.h"
 
 namespace Quorvel {
 
 // An ordered map of effects in which a name is found by its hash. An Entry is one piece of memory
-// that holds the name and whatever goes with it: Key() tells its name, and Free disposes of it. The
-// table owns its entries.
+// that holds the name and whatever goes with it: Key() tells its name, Bytes() the whole of it. The
+// memory comes from the table, which gives it back at its end.
 //
-// Two structures hold them. The slots are a hash table with linear probing: an entry stands in the
-// first slot that was free from the one its hash names on, and the hashes beside the slots, 0 for
-// an empty one, tell other names apart without a look at the entry. `order_` lists all entries: the
+// Two structures hold the entries. The slots are a hash table with linear probing: an entry stands
+// in the first slot that was free from the one its hash names on, and the hash beside it, 0 for an
+// empty slot, tells other names apart without a look at the entry. `order_` lists all entries: the
 // first sortedCount_ of them in the order of keys, behind them new ones in order of arrival, and
-// anywhere those that were removed, which no slot has any more. Settle merges the new ones in and
-// frees the removed ones.
+// anywhere those that were removed, which no slot has any more. Of several entries with one name
+// the last is the one that is in the table, if any is. Settle merges the new ones in and drops the
+// removed ones.
 template <typename Entry>
 class EffectTable {
-public:
-    struct FreeEntry {
-        void operator()(Entry* entry) const noexcept { Entry::Free(entry); }
-    };
-    using Owner = std::unique_ptr<Entry, FreeEntry>;
+    static_assert(std::is_trivially_copyable_v<Entry> && std::is_trivially_destructible_v<Entry>);
 
+public:
     EffectTable() = default;
     EffectTable(const EffectTable&) = delete;
     EffectTable& operator=(const EffectTable&) = delete;
-    ~EffectTable() { Clear(); }
 
+    // The number of entries that Find finds.
     std::uint64_t Size() const { return size_; }
 
-    // The entry of a name; null when there is none. It stays where it is until it is removed. Who
-    // looks into several tables hashes the name once.
+    // The bytes of those entries.
+    std::uint64_t TotalBytes() const { return bytes_; }
+
+    // The bytes of all entries that the table has memory for, removed ones included.
+    std::uint64_t HeldBytes() const { return pool_.Size(); }
+
+    // The entry of a name; null when there is none. It stays where it is until Settle. Who looks
+    // into several tables hashes the name once.
     Entry* Find(const EffectKey& key) const { return Find(key, key.Hash()); }
     Entry* Find(const EffectKey& key, std::uint32_t hash) const {
         const std::size_t slot = FindSlot(key, hash);
-        return slot != kNoSlot ? slots_[slot] : nullptr;
+        return slot != kNoSlot ? slots_[slot].entry : nullptr;
+    }
+
+    // Hints that a name of that hash will be looked for soon.
+    void PrefetchFind(std::uint32_t hash) const noexcept {
+        if (slotCount_ != 0) {
+            Platform::Prefetch(&slots_[hash & (slotCount_ - 1)]);
+        }
     }
 
     // Makes room for so many entries at once. Throws std::bad_alloc, changing nothing.
@@ -52,31 +70,32 @@ public:
         }
     }
 
+    // Memory for an entry of that many bytes, to be filled and put into the table. Throws
+    // std::bad_alloc, changing nothing.
+    void* Allocate(std::size_t size) { return pool_.Allocate(PieceSize(size)); }
+
     // Adds an entry, in place of the one that had the name. Throws std::bad_alloc, changing
     // nothing.
-    void Put(Owner entry) {
-        const EffectKey key = entry->Key();
-        const std::uint32_t hash = key.Hash();
-        if ((size_ + 1) * 8 > slotCount_ * 7) {
-            GrowSlots(size_ + 1);
+    void Put(Entry* entry) { Put(entry, entry->Key().Hash()); }
+    void Put(Entry* entry, std::uint32_t hash) {
+        EnterAppended();
+        Append(entry);
+        try {
+            MakeRoomForSlots(1);
+            Enter(hash);
+        } catch (...) {
+            order_.pop_back();
+            throw;
         }
+    }
+
+    // Adds an entry as Put does, except that it is not found by name before Settle: the fast way to
+    // add many. Throws std::bad_alloc, changing nothing.
+    void Append(Entry* entry) {
         if (order_.size() == order_.capacity()) {
             order_.reserve(std::max(kFewestSlots, order_.size() + order_.size() / 4));
         }
-        const std::size_t slot = FindSlot(key, hash);
-        if (slot != kNoSlot) {
-            removed_.push_back(slots_[slot]);
-        }
-        const bool isInOrder =
-            sortedCount_ == order_.size() && (order_.empty() || order_.back()->Key() < key);
-        order_.push_back(entry.get());
-        sortedCount_ += isInOrder ? 1 : 0;
-        if (slot != kNoSlot) {
-            slots_[slot] = entry.release();
-        } else {
-            Insert(entry.release(), hash);
-            ++size_;
-        }
+        order_.push_back(entry);
     }
 
     // Removes an entry of the table. Throws std::bad_alloc, changing nothing.
@@ -85,70 +104,75 @@ public:
         std::size_t gap = FindSlot(entry->Key(), entry->Key().Hash());
         // Entries behind the gap that could stand in it move up, so that none is cut off from the
         // slot that its hash names.
-        for (std::size_t slot = Next(gap); hashes_[slot] != 0; slot = Next(slot)) {
-            if (Distance(hashes_[slot], slot) >= Distance(gap, slot)) {
+        for (std::size_t slot = Next(gap); slots_[slot].hash != 0; slot = Next(slot)) {
+            if (Distance(slots_[slot].hash, slot) >= Distance(gap, slot)) {
                 slots_[gap] = slots_[slot];
-                hashes_[gap] = hashes_[slot];
                 gap = slot;
             }
         }
-        hashes_[gap] = 0;
+        slots_[gap].hash = 0;
+        bytes_ -= entry->Bytes().size();
         --size_;
     }
 
-    // Puts the entries in order. Throws std::bad_alloc, changing nothing.
+    // Puts the entries in order, and may move them in memory. Throws std::bad_alloc; no entry is
+    // lost.
     void Settle() {
+        EnterAppended();
         if (sortedCount_ == order_.size() && removed_.empty()) {
             return;
         }
         std::vector<Entry*> settled;
-        settled.reserve(size_);
-        std::sort(removed_.begin(), removed_.end());
-        const auto keep = [&](Entry* entry) {
-            if (!removed_.empty() && std::binary_search(removed_.begin(), removed_.end(), entry)) {
-                Entry::Free(entry);
-            } else {
-                settled.push_back(entry);
-            }
-        };
-        const auto isBefore = [](const Entry* left, const Entry* right) {
-            return left->Key() < right->Key();
-        };
-        const auto added = order_.begin() + static_cast<std::ptrdiff_t>(sortedCount_);
-        std::sort(added, order_.end(), isBefore);
-        // As a rule few are new among many: the places of the new ones are searched for.
-        auto old = order_.begin();
-        for (auto fresh = added; fresh != order_.end(); ++fresh) {
-            const auto place = std::upper_bound(old, added, *fresh, isBefore);
-            std::for_each(old, place, keep);
-            keep(*fresh);
-            old = place;
-        }
-        std::for_each(old, added, keep);
+        settled.reserve(order_.size());
+        MergeInto(settled);
+        DropRemovedFrom(settled);
         order_.swap(settled);
         sortedCount_ = order_.size();
+        enteredCount_ = order_.size();
         removed_.clear();
+        if (HeldBytes() > 2 * TotalBytes() + kLeastWaste) {
+            Repack();
+        }
     }
 
     // All entries in the order of keys. The table must be settled.
     const std::vector<Entry*>& Entries() const { return order_; }
 
     void Clear() noexcept {
-        std::for_each(order_.begin(), order_.end(), Entry::Free);
         order_ = {};
         removed_ = {};
         sortedCount_ = 0;
+        enteredCount_ = 0;
         slots_.reset();
-        hashes_.reset();
         slotCount_ = 0;
         size_ = 0;
+        bytes_ = 0;
+        pool_.Clear();
     }
 
 private:
+#pragma pack(push, 1)
+    struct Slot {
+        Entry* entry;
+        std::uint32_t hash;
+    };
+#pragma pack(pop)
+
     static constexpr std::size_t kNoSlot = ~std::size_t{0};
     static constexpr std::size_t kFewestSlots = 64;
+    static constexpr std::size_t kLeastWaste = 0x10000;
 
-    std::size_t Next(std::size_t slot) const { return (slot + 1) & (slotCount_ - 1); }
+    static constexpr std::size_t PieceSize(std::size_t size) {
+        return (size + alignof(Entry) - 1) / alignof(Entry) * alignof(Entry);
+    }
+
+    static bool IsBefore(const Entry* left, const Entry* right) {
+        return left->Key() < right->Key();
+    }
+
+    std::size_t Next(std::size_t slot) const {
+        return (slot + 1) & (slotCount_ - 1);
+    }
     std::size_t Distance(std::size_t from, std::size_t to) const {
         return (to - from) & (slotCount_ - 1);
     }
@@ -157,45 +181,175 @@ private:
         if (slotCount_ == 0) {
             return kNoSlot;
         }
-        for (std::size_t slot = hash & (slotCount_ - 1); hashes_[slot] != 0; slot = Next(slot)) {
-            if (hashes_[slot] == hash && slots_[slot]->Key() == key) {
+        for (std::size_t slot = hash & (slotCount_ - 1); slots_[slot].hash != 0;
+             slot = Next(slot)) {
+            if (slots_[slot].hash == hash && slots_[slot].entry->Key() == key) {
                 return slot;
             }
         }
         return kNoSlot;
     }
 
-    void Insert(Entry* entry, std::uint32_t hash) noexcept {
-        std::size_t slot = hash & (slotCount_ - 1);
-        while (hashes_[slot] != 0) {
+    void Insert(const Slot& filled) noexcept {
+        std::size_t slot = filled.hash & (slotCount_ - 1);
+        while (slots_[slot].hash != 0) {
             slot = Next(slot);
         }
-        slots_[slot] = entry;
-        hashes_[slot] = hash;
+        slots_[slot] = filled;
+    }
+
+    void MakeRoomForSlots(std::size_t added) {
+        if ((size_ + added) * 8 > slotCount_ * 7) {
+            GrowSlots(size_ + added);
+        }
     }
 
     void GrowSlots(std::size_t entries) {
         const std::size_t oldCount = slotCount_;
         const std::size_t newCount = std::max(kFewestSlots, std::bit_ceil(entries * 8 / 7 + 1));
-        std::unique_ptr<Entry*[]> slots(new Entry*[newCount]);
-        std::unique_ptr<std::uint32_t[]> hashes(new std::uint32_t[newCount]());
+        std::unique_ptr<Slot[]> slots(new Slot[newCount]());
         slots.swap(slots_);
-        hashes.swap(hashes_);
         slotCount_ = newCount;
         for (std::size_t slot = 0; slot < oldCount; ++slot) {
-            if (hashes[slot] != 0) {
-                Insert(slots[slot], hashes[slot]);
+            if (slots[slot].hash != 0) {
+                Insert(slots[slot]);
             }
         }
     }
 
-    std::unique_ptr<Entry*[]> slots_;
-    std::unique_ptr<std::uint32_t[]> hashes_;
+    // Gives the first entry without a slot its slot; there is room for it. Throws std::bad_alloc,
+    // changing nothing.
+    void Enter(std::uint32_t hash) {
+        Entry* const entry = order_[enteredCount_];
+        const EffectKey key = entry->Key();
+        const std::size_t slot = FindSlot(key, hash);
+        if (slot != kNoSlot) {
+            removed_.push_back(slots_[slot].entry);
+            bytes_ -= slots_[slot].entry->Bytes().size();
+            slots_[slot].entry = entry;
+        } else {
+            Insert({entry, hash});
+            ++size_;
+        }
+        bytes_ += entry->Bytes().size();
+        const bool isInOrder = enteredCount_ == 0 || order_[enteredCount_ - 1]->Key() < key;
+        sortedCount_ += sortedCount_ == enteredCount_ && isInOrder ? 1 : 0;
+        ++enteredCount_;
+    }
+
+    // The slots of several entries are on their way from memory at a time.
+    void EnterAppended() {
+        if (enteredCount_ == order_.size()) {
+            return;
+        }
+        MakeRoomForSlots(order_.size() - enteredCount_);
+        std::array<std::uint32_t, 16> hashes;
+        while (enteredCount_ < order_.size()) {
+            const std::size_t count = std::min(hashes.size(), order_.size() - enteredCount_);
+            for (std::size_t index = 0; index < count; ++index) {
+                hashes[index] = order_[enteredCount_ + index]->Key().Hash();
+                PrefetchFind(hashes[index]);
+            }
+            for (std::size_t index = 0; index < count; ++index) {
+                Enter(hashes[index]);
+            }
+        }
+    }
+
+    // Mostly the length of a name decides: it is kept where it needs no look at the entry.
+    void SortAdded() {
+        const auto added = order_.begin() + static_cast<std::ptrdiff_t>(sortedCount_);
+        if (std::is_sorted(added, order_.end(), IsBefore)) {
+            return;
+        }
+        struct Item {
+            EffectKey key;
+            Entry* entry;
+        };
+        std::vector<Item> items;
+        items.reserve(order_.size() - sortedCount_);
+        std::for_each(added, order_.end(), [&](Entry* entry) {
+            items.push_back({entry->Key(), entry});
+        });
+        std::stable_sort(items.begin(), items.end(),
+                         [](const Item& left, const Item& right) { return left.key < right.key; });
+        std::transform(items.begin(), items.end(), added,
+                       [](const Item& item) { return item.entry; });
+    }
+
+    // All entries in order; those of one name in order of arrival. As a rule few are new among
+    // many: the places of the new ones are searched for.
+    void MergeInto(std::vector<Entry*>& settled) {
+        const auto added = order_.begin() + static_cast<std::ptrdiff_t>(sortedCount_);
+        SortAdded();
+        auto old = order_.begin();
+        for (auto fresh = added; fresh != order_.end(); ++fresh) {
+            const auto place = std::upper_bound(old, added, *fresh, IsBefore);
+            settled.insert(settled.end(), old, place);
+            settled.push_back(*fresh);
+            old = place;
+        }
+        settled.insert(settled.end(), old, added);
+    }
+
+    // From the last name to the first: what is searched in has no gaps yet.
+    void DropRemovedFrom(std::vector<Entry*>& settled) {
+        if (removed_.empty()) {
+            return;
+        }
+        std::sort(removed_.begin(), removed_.end(), IsBefore);
+        auto end = settled.end();
+        for (auto removed = removed_.rbegin(); removed != removed_.rend();) {
+            const Entry* const name = *removed;
+            end = std::lower_bound(settled.begin(), end, name, IsBefore);
+            for (auto place = end; removed != removed_.rend() && !IsBefore(*removed, name);
+                 ++removed) {
+                *place++ = nullptr;
+            }
+        }
+        settled.erase(std::remove(settled.begin(), settled.end(), nullptr), settled.end());
+    }
+
+    // Moves the entries of a settled table together, in the order of keys, when what was removed
+    // takes more memory than they do. Without memory for it they stay where they are.
+    void Repack() noexcept {
+        EntryPool pool;
+        std::vector<Entry*> moved;
+        try {
+            moved.reserve(order_.size());
+            for (const Entry* const entry : order_) {
+                const auto bytes = entry->Bytes();
+                void* const memory = pool.Allocate(PieceSize(bytes.size()));
+                moved.push_back(static_cast<Entry*>(std::memcpy(memory, entry, bytes.size())));
+            }
+        } catch (const std::bad_alloc&) {
+            return;
+        }
+        // Where an entry went is left in its old place for the slots to find.
+        static_assert(sizeof(Entry) >= sizeof(Entry*));
+        for (std::size_t index = 0; index < order_.size(); ++index) {
+            std::memcpy(static_cast<void*>(order_[index]), &moved[index], sizeof(Entry*));
+        }
+        for (std::size_t slot = 0; slot < slotCount_; ++slot) {
+            if (slots_[slot].hash != 0) {
+                Entry* entry;
+                std::memcpy(&entry, slots_[slot].entry, sizeof entry);
+                slots_[slot].entry = entry;
+            }
+        }
+        order_.swap(moved);
+        pool_.Swap(pool);
+    }
+
+    std::unique_ptr<Slot[]> slots_;
     std::size_t slotCount_ = 0;  // 0 or a power of two
     std::size_t size_ = 0;
+    std::size_t bytes_ = 0;
     std::vector<Entry*> order_;
     std::size_t sortedCount_ = 0;
+    std::size_t enteredCount_ = 0;  // entries that have, or had, a slot; the others were appended
     std::vector<Entry*> removed_;
+    EntryPool pool_;
 };
 
 }  // namespace Quorvel

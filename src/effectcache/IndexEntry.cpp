@@ -5,15 +5,16 @@
 
 namespace Quorvel {
 
-EffectTable<IndexEntry>::Owner IndexEntry::Make(const EffectKey& key, const EffectRecord& record) {
-    void* const memory = ::operator new(IndexEntrySize(key.length));
-    EffectTable<IndexEntry>::Owner entry(::new (memory) IndexEntry{record, key.length});
-    std::memcpy(static_cast<unsigned char*>(memory) + sizeof(IndexEntry), key.bytes, key.length);
+IndexEntry* IndexEntry::Make(EffectTable<IndexEntry>& table, const EffectKey& key,
+                             const EffectRecord& record) {
+    IndexEntry* const entry = MakeUnnamed(table, record);
+    std::memcpy(entry->Name(), key.bytes, key.length);
     return entry;
 }
 
-void IndexEntry::Free(IndexEntry* entry) noexcept {
-    ::operator delete(entry);
+IndexEntry* IndexEntry::MakeUnnamed(EffectTable<IndexEntry>& table, const EffectRecord& record) {
+    void* const memory = table.Allocate(IndexEntrySize(record.nameLength));
+    return ::new (memory) IndexEntry{record, record.nameLength};
 }
 
 }  // namespace Quorvel

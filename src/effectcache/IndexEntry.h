@@ -1,11 +1,13 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 
 #include "effectcache/EffectKey.h"
 #include "effectcache/EffectRecord.h"
 #include "effectcache/EffectTable.h"
+#include "platform/Prefetch.h"
 
 namespace Quorvel {
 
@@ -13,15 +15,25 @@ namespace Quorvel {
 // An effect of the file, an entry of an EffectTable. In memory, too, it is the bytes that stand for
 // it in the index stream: the record, the length of the name once more, and the name behind it.
 struct IndexEntry {
-    // The record states the length of the name. Throws std::bad_alloc.
-    static EffectTable<IndexEntry>::Owner Make(const EffectKey& key, const EffectRecord& record);
-    static void Free(IndexEntry* entry) noexcept;
+    // A new entry for a table, with its name, or one whose name is still to be filled in. The
+    // record states the length of the name. Throws std::bad_alloc.
+    static IndexEntry* Make(EffectTable<IndexEntry>& table, const EffectKey& key,
+                            const EffectRecord& record);
+    static IndexEntry* MakeUnnamed(EffectTable<IndexEntry>& table, const EffectRecord& record);
 
     EffectKey Key() const {
         return {reinterpret_cast<const unsigned char*>(this + 1), record.nameLength};
     }
+    unsigned char* Name() { return reinterpret_cast<unsigned char*>(this + 1); }
     std::span<const unsigned char> Bytes() const {
         return {reinterpret_cast<const unsigned char*>(this), IndexEntrySize(record.nameLength)};
+    }
+
+    // Hints that the entry, if its name is of common length, will be read soon.
+    void Prefetch() const noexcept {
+        for (std::size_t offset = 0; offset < 192; offset += 64) {
+            Platform::Prefetch(reinterpret_cast<const unsigned char*>(this) + offset);
+        }
     }
 
     EffectRecord record;

@@ -5,21 +5,15 @@
 
 namespace Quorvel {
 
-EffectTable<PendingEffect>::Owner PendingEffect::Make(const EffectKey& key,
-                                                      std::span<const unsigned char> bytes,
-                                                      std::uint32_t permanent) {
-    void* const memory = ::operator new(sizeof(PendingEffect) + key.length + bytes.size());
-    EffectTable<PendingEffect>::Owner effect(
-        ::new (memory) PendingEffect(static_cast<std::uint32_t>(bytes.size()),
-                                     static_cast<std::uint32_t>(key.length), permanent));
+PendingEffect* PendingEffect::Make(EffectTable<PendingEffect>& table, const EffectKey& key,
+                                   std::uint32_t hash, std::span<const unsigned char> compiled,
+                                   std::uint32_t permanent) {
+    void* const memory = table.Allocate(sizeof(PendingEffect) + key.length + compiled.size());
     auto* const behind = static_cast<unsigned char*>(memory) + sizeof(PendingEffect);
     std::memcpy(behind, key.bytes, key.length);
-    std::memcpy(behind + key.length, bytes.data(), bytes.size());
-    return effect;
-}
-
-void PendingEffect::Free(PendingEffect* effect) noexcept {
-    ::operator delete(effect);
+    std::memcpy(behind + key.length, compiled.data(), compiled.size());
+    return ::new (memory) PendingEffect(hash, static_cast<std::uint32_t>(compiled.size()),
+                                        static_cast<std::uint32_t>(key.length), permanent);
 }
 
 }  // namespace Quorvel

@@ -12,22 +12,29 @@ namespace Quorvel {
 // behind it, in the same piece of memory.
 class PendingEffect {
 public:
-    // Throws std::bad_alloc.
-    static EffectTable<PendingEffect>::Owner Make(const EffectKey& key,
-                                                  std::span<const unsigned char> bytes,
-                                                  std::uint32_t permanent);
-    static void Free(PendingEffect* effect) noexcept;
+    // A new entry for a table; hash is the name's. Throws std::bad_alloc.
+    static PendingEffect* Make(EffectTable<PendingEffect>& table, const EffectKey& key,
+                               std::uint32_t hash, std::span<const unsigned char> compiled,
+                               std::uint32_t permanent);
 
-    EffectKey Key() const { return {Memory(), nameLength_}; }
-    std::span<const unsigned char> Bytes() const { return {Memory() + nameLength_, size_}; }
+    EffectKey Key() const { return {Memory() + sizeof(PendingEffect), nameLength_}; }
+    std::uint32_t Hash() const { return hash_; }
+    std::span<const unsigned char> Compiled() const {
+        return {Memory() + sizeof(PendingEffect) + nameLength_, size_};
+    }
     std::uint32_t Permanent() const { return permanent_; }
+    std::span<const unsigned char> Bytes() const {
+        return {Memory(), sizeof(PendingEffect) + nameLength_ + size_};
+    }
 
 private:
-    PendingEffect(std::uint32_t size, std::uint32_t nameLength, std::uint32_t permanent)
-        : size_(size), nameLength_(nameLength), permanent_(permanent) {}
+    PendingEffect(std::uint32_t hash, std::uint32_t size, std::uint32_t nameLength,
+                  std::uint32_t permanent)
+        : hash_(hash), size_(size), nameLength_(nameLength), permanent_(permanent) {}
 
-    const unsigned char* Memory() const { return reinterpret_cast<const unsigned char*>(this + 1); }
+    const unsigned char* Memory() const { return reinterpret_cast<const unsigned char*>(this); }
 
+    std::uint32_t hash_;
     std::uint32_t size_;
     std::uint32_t nameLength_;
     std::uint32_t permanent_;

@@ -42,7 +42,7 @@ public:
     bool HasChanges() const { return dirty_; }
 
     // Whether a stream has the id.
-    bool HasStream(std::uint64_t id) const { return directory_.Find(id) != nullptr; }
+    bool HasStream(std::uint64_t id) const { return directory_.HasId(id); }
 
     // Forgets every change since the last Commit or Load without writing anything: what is in
     // memory is then worth nothing until the next Load. For a package whose file somebody else has

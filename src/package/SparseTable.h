@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -57,6 +58,21 @@ public:
         for (const std::unique_ptr<Chunk>& chunk : chunks_) {
             for (unsigned left = chunk ? chunk->present : 0; left != 0; left &= left - 1) {
                 visit(chunk->records[std::countr_zero(left)]);
+            }
+        }
+    }
+
+    // Visits every record, in ascending order of ids, in spans of records that stand one behind the
+    // other.
+    template <typename Visitor>
+    void ForEachRun(const Visitor& visit) const {
+        for (const std::unique_ptr<Chunk>& chunk : chunks_) {
+            for (unsigned left = chunk ? chunk->present : 0; left != 0;) {
+                const int first = std::countr_zero(left);
+                const int count = std::countr_one(left >> first);
+                visit(std::span<const Record>(chunk->records + first,
+                                              static_cast<std::size_t>(count)));
+                left &= ~0U << (first + count);
             }
         }
     }

@@ -1,5 +1,6 @@
 #include "package/StreamDirectory.h"
 
+#include <span>
 #include <utility>
 
 #include "package/StreamTransfer.h"
@@ -40,7 +41,7 @@ bool StreamDirectory::Remove(std::uint64_t id) {
 bool StreamDirectory::Save(IDataStream& stream) const {
     StateWriter writer(stream);
     writer.Write(records_.Count());
-    records_.ForEach([&writer](const ChildFileExtent& record) { writer.Write(record); });
+    records_.ForEachRun([&writer](std::span<const ChildFileExtent> run) { writer.Write(run); });
     writer.Flush();
     return true;
 }

@@ -41,6 +41,9 @@ public:
     // Takes an id for a new stream; kInvalidStreamId when there is none left.
     std::uint64_t AllocateId() { return ids_.Allocate(); }
 
+    // Whether an id is in use, which it is from its allocation on: faster than to find its record.
+    bool HasId(std::uint64_t id) const { return ids_.IsAllocated(id); }
+
     // Gives back an id that has no record.
     void FreeId(std::uint64_t id) { ids_.Free(id); }
 

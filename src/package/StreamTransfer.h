@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -45,6 +46,12 @@ public:
     template <typename Record>
     void Write(const Record& record) {
         Write(&record, sizeof record);
+    }
+
+    // Such records, one behind the other.
+    template <typename Record>
+    void Write(std::span<const Record> records) {
+        Write(records.data(), records.size_bytes());
     }
 
     void Flush() {

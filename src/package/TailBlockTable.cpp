@@ -1,6 +1,7 @@
 #include "package/TailBlockTable.h"
 
 #include <algorithm>
+#include <span>
 #include <utility>
 
 #include "package/StreamTransfer.h"
@@ -197,11 +198,11 @@ bool TailBlockTable::Save(IDataStream& stream) const {
         if (block) {
             writer.Write<StoredTailBlock>(*block);
             writer.Write<std::uint64_t>(block->streamIds.size());
-            writer.Write(block->streamIds.data(), block->streamIds.size() * sizeof(std::uint64_t));
+            writer.Write(std::span<const std::uint64_t>(block->streamIds));
         }
     }
     writer.Write(fragments_.Count());
-    fragments_.ForEach([&writer](const TailFragment& fragment) { writer.Write(fragment); });
+    fragments_.ForEachRun([&writer](std::span<const TailFragment> run) { writer.Write(run); });
     writer.Flush();
     return true;
 }

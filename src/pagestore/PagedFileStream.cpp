@@ -64,7 +64,8 @@ std::uint64_t PagedFileStream::Transfer(std::uint8_t* buffer, std::uint64_t size
         if (!data) {
             break;
         }
-        const std::uint64_t count = std::min(size - transferred, BytesLeftInPage(position_));
+        const std::uint64_t left = BytesLeftInPage(position_);
+        const std::uint64_t count = std::min(size - transferred, left);
         if constexpr (direction == Direction::Read) {
             std::memcpy(buffer + transferred, data + page.pageOffset, count);
         } else {
@@ -73,7 +74,7 @@ std::uint64_t PagedFileStream::Transfer(std::uint8_t* buffer, std::uint64_t size
         transferred += count;
         page.pageOffset += count;
         position_.byte += count;
-        if (BytesLeftInPage(position_) == 0) {
+        if (count == left) {
             if (page.pageIndex + 1 >= seeker_->pageCount) {
                 break;
             }

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <cstdint>
+#include <set>
 #include <string>
 
 namespace Quorvel {
@@ -49,6 +52,36 @@ TEST(EffectKey, OtherBytesOrAnotherLengthAreAnotherKey) {
     EXPECT_FALSE(Key(name) == Key("some"));
     EXPECT_FALSE(Key(name) == Key("sam"));
     EXPECT_NE(Key(name).Hash(), Key("some").Hash());
+}
+
+// Names that differ in one byte, at any place and of any length, share no hash more often than
+// chance has it, nor the low bits, which choose the slot.
+TEST(EffectKey, HashesOfLikeNamesDiffer) {
+    for (const std::size_t length : {1u, 7u, 8u, 15u, 16u, 17u, 31u, 32u, 33u, 89u}) {
+        std::set<std::uint32_t> hashes;
+        std::set<std::uint32_t> slots;
+        std::size_t names = 0;
+        for (std::size_t place = 0; place < length; ++place) {
+            for (char byte = 'a'; byte < 'q'; ++byte) {
+                std::string name(length, 'A');
+                name[place] = byte;
+                hashes.insert(Key(name).Hash());
+                slots.insert(Key(name).Hash() & 0xFFFF);
+                ++names;
+            }
+        }
+        EXPECT_EQ(hashes.size(), names) << length;
+        EXPECT_GE(slots.size(), names * 97 / 100) << length;
+    }
+}
+
+TEST(EffectKey, HashDependsOnTheNumberOfZeroBytes) {
+    std::set<std::uint32_t> hashes;
+    for (std::size_t length = 0; length < 100; ++length) {
+        hashes.insert(Key(std::string(length, '\0')).Hash());
+    }
+    EXPECT_EQ(hashes.size(), 100u);
+    EXPECT_EQ(hashes.count(0), 0u);
 }
 
 TEST(EffectKey, ZeroBytesCount) {

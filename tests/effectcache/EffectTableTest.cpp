@@ -27,11 +27,19 @@ std::string NameOf(const IndexEntry& entry) {
     return {reinterpret_cast<const char*>(key.bytes), key.length};
 }
 
-void Put(Table& table, const std::string& name, std::uint64_t streamId) {
+IndexEntry* Make(Table& table, const std::string& name, std::uint64_t streamId) {
     EffectRecord record = {};
     record.streamId = streamId;
     record.nameLength = static_cast<std::uint32_t>(name.size());
-    table.Put(IndexEntry::Make(KeyOf(name), record));
+    return IndexEntry::Make(table, KeyOf(name), record);
+}
+
+void Put(Table& table, const std::string& name, std::uint64_t streamId) {
+    table.Put(Make(table, name, streamId));
+}
+
+void Append(Table& table, const std::string& name, std::uint64_t streamId) {
+    table.Append(Make(table, name, streamId));
 }
 
 std::vector<std::string> Names(const Table& table) {
@@ -131,15 +139,86 @@ TEST(EffectTable, RemovedEntryIsGone) {
     EXPECT_EQ(table.Find(KeyOf("a"))->record.streamId, 5u);
 }
 
-TEST(EffectTable, EntryStaysWhereItIs) {
+TEST(EffectTable, EntryStaysWhereItIsUntilItSettles) {
     Table table;
     Put(table, "stays", 1);
     const IndexEntry* const entry = table.Find(KeyOf("stays"));
     for (int index = 0; index < 1000; ++index) {
         Put(table, std::to_string(index), 0);
     }
-    table.Settle();
     EXPECT_EQ(table.Find(KeyOf("stays")), entry);
+}
+
+TEST(EffectTable, AppendedEntryIsFoundOnceSettled) {
+    Table table;
+    Put(table, "b", 1);
+    Append(table, "a", 2);
+    EXPECT_EQ(table.Find(KeyOf("a")), nullptr);
+    EXPECT_EQ(table.Size(), 1u);
+    table.Settle();
+    ASSERT_NE(table.Find(KeyOf("a")), nullptr);
+    EXPECT_EQ(table.Find(KeyOf("a"))->record.streamId, 2u);
+    EXPECT_EQ(Names(table), (std::vector<std::string>{"a", "b"}));
+}
+
+TEST(EffectTable, OfSeveralAppendedEntriesWithOneNameTheLastStays) {
+    Table table;
+    for (std::uint64_t id = 0; id < 40; ++id) {
+        Append(table, id % 2 == 0 ? "even" : "odd", id);
+    }
+    table.Settle();
+    EXPECT_EQ(Names(table), (std::vector<std::string>{"odd", "even"}));
+    EXPECT_EQ(table.Find(KeyOf("even"))->record.streamId, 38u);
+    EXPECT_EQ(table.Find(KeyOf("odd"))->record.streamId, 39u);
+    EXPECT_EQ(table.Entries()[0], table.Find(KeyOf("odd")));
+    EXPECT_EQ(table.Entries()[1], table.Find(KeyOf("even")));
+}
+
+TEST(EffectTable, PutComesBehindWhatWasAppendedBefore) {
+    Table table;
+    Append(table, "a", 1);
+    Put(table, "a", 2);
+    EXPECT_EQ(table.Size(), 1u);
+    EXPECT_EQ(table.Find(KeyOf("a"))->record.streamId, 2u);
+    table.Settle();
+    EXPECT_EQ(Names(table), (std::vector<std::string>{"a"}));
+    EXPECT_EQ(table.Find(KeyOf("a"))->record.streamId, 2u);
+}
+
+TEST(EffectTable, CountsTheBytesOfItsEntries) {
+    Table table;
+    EXPECT_EQ(table.TotalBytes(), 0u);
+    Put(table, "a", 1);
+    Put(table, "bcd", 2);
+    EXPECT_EQ(table.TotalBytes(), 53u + 55u);
+    Put(table, "a", 3);
+    EXPECT_EQ(table.TotalBytes(), 53u + 55u);
+    table.Remove(table.Find(KeyOf("bcd")));
+    EXPECT_EQ(table.TotalBytes(), 53u);
+    Append(table, "ab", 4);
+    table.Settle();
+    EXPECT_EQ(table.TotalBytes(), 53u + 54u);
+    table.Clear();
+    EXPECT_EQ(table.TotalBytes(), 0u);
+    EXPECT_EQ(table.HeldBytes(), 0u);
+}
+
+// A cache that saves for years must not grow by what it replaces.
+TEST(EffectTable, GivesTheMemoryOfRemovedEntriesBack) {
+    Table table;
+    for (std::uint64_t round = 0; round < 50; ++round) {
+        for (int name = 0; name < 500; ++name) {
+            Put(table, "name " + std::to_string(name), 500 * round + static_cast<unsigned>(name));
+        }
+        table.Settle();
+        ASSERT_LE(table.HeldBytes(), 2 * table.TotalBytes() + 0x10000);
+        for (const IndexEntry* const entry : table.Entries()) {
+            ASSERT_EQ(table.Find(entry->Key()), entry);
+            ASSERT_EQ("name " + std::to_string(entry->record.streamId - 500 * round),
+                      NameOf(*entry));
+        }
+    }
+    EXPECT_EQ(table.Entries().size(), 500u);
 }
 
 TEST(EffectTable, KeepsItsEntriesWhenRoomIsMade) {
@@ -178,6 +257,11 @@ TEST(EffectTable, AgreesWithAMap) {
         if (random() % 5 < 3) {
             Put(table, name, step);
             expected[{name.size(), name}] = step;
+        } else if (random() % 50 == 0) {
+            Append(table, name, step);
+            Put(table, "behind it", step);
+            expected[{name.size(), name}] = step;
+            expected[{9, "behind it"}] = step;
         } else {
             IndexEntry* const entry = table.Find(KeyOf(name));
             ASSERT_EQ(entry != nullptr, expected.erase({name.size(), name}) != 0) << step;
@@ -201,7 +285,8 @@ TEST(EffectTable, AgreesWithAMap) {
 
 TEST(IndexEntry, IsItsBytesInTheIndex) {
     EffectRecord record = {0x0102030405060708, 2, 9, 1, {2024, 2, 29, 23, 59, 58, 987}, 0};
-    const auto entry = IndexEntry::Make(KeyOf("ab"), record);
+    Table table;
+    const IndexEntry* const entry = IndexEntry::Make(table, KeyOf("ab"), record);
     const auto bytes = entry->Bytes();
     EXPECT_EQ(std::vector<unsigned char>(bytes.begin(), bytes.end()),
               (std::vector<unsigned char>{8,    7,    6, 5, 4,  3, 2,  1,                  //
@@ -215,13 +300,16 @@ TEST(IndexEntry, IsItsBytesInTheIndex) {
 TEST(PendingEffect, HoldsCopiesOfNameAndBytes) {
     std::string name = "name";
     std::vector<unsigned char> bytes = {1, 2, 3};
-    const auto effect = PendingEffect::Make(KeyOf(name), bytes, 1);
+    EffectTable<PendingEffect> table;
+    const PendingEffect* const effect = PendingEffect::Make(table, KeyOf(name), 77, bytes, 1);
     name[0] = 'x';
     bytes[0] = 9;
     EXPECT_TRUE(effect->Key() == KeyOf("name"));
-    EXPECT_EQ(std::vector<unsigned char>(effect->Bytes().begin(), effect->Bytes().end()),
+    EXPECT_EQ(std::vector<unsigned char>(effect->Compiled().begin(), effect->Compiled().end()),
               (std::vector<unsigned char>{1, 2, 3}));
+    EXPECT_EQ(effect->Hash(), 77u);
     EXPECT_EQ(effect->Permanent(), 1u);
+    EXPECT_EQ(effect->Bytes().size(), sizeof(PendingEffect) + 4 + 3);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <random>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -57,6 +58,28 @@ TEST(SparseTable, VisitsRecordsInOrderOfIds) {
     EXPECT_EQ(Records(table), (std::vector<std::uint64_t>{1, 5, 16, 17, 901}));
     table.ForEach([](std::uint64_t& record) { record *= 2; });
     EXPECT_EQ(*table.Find(900), 1802u);
+}
+
+TEST(SparseTable, VisitsRunsOfRecordsThatStandTogether) {
+    Table table;
+    for (const std::uint64_t id : {0u, 1u, 2u, 5u, 14u, 15u, 16u, 17u, 900u}) {
+        table.Put(id, id);
+    }
+    std::vector<std::vector<std::uint64_t>> runs;
+    table.ForEachRun(
+        [&runs](std::span<const std::uint64_t> run) { runs.emplace_back(run.begin(), run.end()); });
+    EXPECT_EQ(runs,
+              (std::vector<std::vector<std::uint64_t>>{{0, 1, 2}, {5}, {14, 15}, {16, 17}, {900}}));
+    Table full;
+    for (std::uint64_t id = 0; id < 16; ++id) {
+        full.Put(id, id);
+    }
+    std::size_t visits = 0;
+    full.ForEachRun([&visits](std::span<const std::uint64_t> run) {
+        EXPECT_EQ(run.size(), 16u);
+        ++visits;
+    });
+    EXPECT_EQ(visits, 1u);
 }
 
 TEST(SparseTable, RecordsStayWhereTheyAre) {

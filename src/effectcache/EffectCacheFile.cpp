@@ -191,7 +191,7 @@ bool EffectCacheImpl::LoadIndex() {
     if (!stream) {
         return false;
     }
-    fileTable_.Clear();
+    fileTable_.Recycle();
     bool isComplete = false;
     try {
         isComplete = ReadIndex(*stream);
@@ -199,6 +199,7 @@ bool EffectCacheImpl::LoadIndex() {
         // The index ends early. What was read is counted all the same.
     }
     fileTable_.Settle();
+    fileTable_.DropSpare();
     if (!isComplete || !CheckStreams()) {
         return false;
     }
@@ -275,6 +276,12 @@ void EffectCacheImpl::DropEffectsWithoutStream() {
 // ---- Saving -------------------------------------------------------------------------------------
 
 bool EffectCacheImpl::SaveToFile() noexcept {
+    const bool isSaved = SavePending();
+    pendingTable_.DropSpare();
+    return isSaved;
+}
+
+bool EffectCacheImpl::SavePending() noexcept {
     if (!package_) {
         return true;
     }
@@ -360,7 +367,7 @@ bool EffectCacheImpl::MovePendingIntoFile() {
         }
     }
     // Without room the pending effects are dropped: they can be compiled again.
-    pendingTable_.Clear();
+    pendingTable_.Recycle();
     pendingBytes_ = 0;
     return true;
 }

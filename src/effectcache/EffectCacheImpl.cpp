@@ -94,7 +94,7 @@ void EffectCacheImpl::CacheCompiledEffect(const CStr& name, const unsigned char*
         PendingEffect::Make(pendingTable_, key, hash, {data, size}, permanent ? 1U : 0U), hash);
     pendingBytes_ += IndexEntrySize(key.length) + DataStreamSize(size);
     if (pendingBytes_ >= kSaveThreshold) {
-        SaveToFile();
+        SavePending();
     }
 }
 

@@ -55,6 +55,7 @@ public:
 
 private:
     void ClearState();
+    bool SavePending() noexcept;
     bool ReadEffect(EffectRecord& record, Tab<unsigned char>& data);
 
     // The steps on the file (EffectCacheFile.cpp). Each wants the file mutex held, and says whether

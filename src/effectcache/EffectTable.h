@@ -141,13 +141,26 @@ public:
     void Clear() noexcept {
         order_ = {};
         removed_ = {};
-        sortedCount_ = 0;
-        enteredCount_ = 0;
         slots_.reset();
         slotCount_ = 0;
-        size_ = 0;
-        bytes_ = 0;
         pool_.Clear();
+        Forget();
+    }
+
+    // Clears the table, which keeps memory for about as many entries as it had, until DropSpare:
+    // for a table that is filled again at once.
+    void Recycle() noexcept {
+        order_.clear();
+        removed_.clear();
+        std::fill_n(slots_.get(), slotCount_, Slot{});
+        pool_.Recycle();
+        Forget();
+    }
+    void DropSpare() noexcept {
+        if (order_.empty()) {
+            Clear();
+        }
+        pool_.DropSpare();
     }
 
 private:
@@ -158,12 +171,21 @@ private:
     };
 #pragma pack(pop)
 
+    // Entries begin where a number of any size may, also those that are packed.
+    static constexpr std::size_t kAlignment = 8;
     static constexpr std::size_t kNoSlot = ~std::size_t{0};
     static constexpr std::size_t kFewestSlots = 64;
     static constexpr std::size_t kLeastWaste = 0x10000;
 
     static constexpr std::size_t PieceSize(std::size_t size) {
-        return (size + alignof(Entry) - 1) / alignof(Entry) * alignof(Entry);
+        return (size + kAlignment - 1) / kAlignment * kAlignment;
+    }
+
+    void Forget() noexcept {
+        sortedCount_ = 0;
+        enteredCount_ = 0;
+        size_ = 0;
+        bytes_ = 0;
     }
 
     static bool IsBefore(const Entry* left, const Entry* right) {
@@ -224,8 +246,9 @@ private:
         const EffectKey key = entry->Key();
         const std::size_t slot = FindSlot(key, hash);
         if (slot != kNoSlot) {
-            removed_.push_back(slots_[slot].entry);
-            bytes_ -= slots_[slot].entry->Bytes().size();
+            Entry* const replaced = slots_[slot].entry;
+            removed_.push_back(replaced);
+            bytes_ -= replaced->Bytes().size();
             slots_[slot].entry = entry;
         } else {
             Insert({entry, hash});
@@ -333,7 +356,7 @@ private:
         for (std::size_t slot = 0; slot < slotCount_; ++slot) {
             if (slots_[slot].hash != 0) {
                 Entry* entry;
-                std::memcpy(&entry, slots_[slot].entry, sizeof entry);
+                std::memcpy(&entry, static_cast<const void*>(slots_[slot].entry), sizeof entry);
                 slots_[slot].entry = entry;
             }
         }

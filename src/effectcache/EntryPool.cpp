@@ -1,43 +1,53 @@
 #include "effectcache/EntryPool.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace Quorvel {
 
 std::byte* EntryPool::Allocate(std::size_t size) {
-    std::byte* piece = nullptr;
-    if (size <= left_) {
-        piece = next_;
-    } else {
-        const std::size_t blockSize = std::clamp(size_, kSmallestBlock, kLargestBlock);
-        if (size > blockSize / 4) {
-            // It gets a block of its own, and the one that is being filled stays in use.
-            piece = AddBlock(size);
+    if (size > left_) {
+        if (size >= kLargePiece) {
+            std::byte* const piece = Add(large_, size);
             size_ += size;
             return piece;
         }
-        piece = AddBlock(blockSize);
-        left_ = blockSize;
+        next_ = used_ < blocks_.size() ? blocks_[used_].get() : Add(blocks_, kBlockSize);
+        left_ = kBlockSize;
+        ++used_;
     }
-    next_ = piece + size;
+    std::byte* const piece = next_;
+    next_ += size;
     left_ -= size;
     size_ += size;
     return piece;
 }
 
-std::byte* EntryPool::AddBlock(std::size_t size) {
-    std::unique_ptr<std::byte[]> block(new std::byte[size]);  // unset
-    blocks_.push_back(std::move(block));
-    return blocks_.back().get();
+std::byte* EntryPool::Add(std::vector<Block>& blocks, std::size_t size) {
+    Block block(new std::byte[size]);  // unset
+    blocks.push_back(std::move(block));
+    return blocks.back().get();
 }
 
 void EntryPool::Clear() noexcept {
     EntryPool().Swap(*this);
 }
 
+void EntryPool::Recycle() noexcept {
+    large_.clear();
+    used_ = 0;
+    next_ = nullptr;
+    left_ = 0;
+    size_ = 0;
+}
+
+void EntryPool::DropSpare() noexcept {
+    blocks_.resize(used_);
+}
+
 void EntryPool::Swap(EntryPool& other) noexcept {
     blocks_.swap(other.blocks_);
+    large_.swap(other.large_);
+    std::swap(used_, other.used_);
     std::swap(next_, other.next_);
     std::swap(left_, other.left_);
     std::swap(size_, other.size_);

@@ -7,7 +7,8 @@
 namespace Quorvel {
 
 // Memory for many small pieces that is given back all at once. The pieces stand one behind the
-// other in blocks, so that those which were taken one after the other are near each other.
+// other in blocks, so that those which were taken one after the other are near each other; a large
+// piece has a block of its own.
 class EntryPool {
 public:
     // A piece of memory. Its address is a multiple of every power of two of which all sizes asked
@@ -17,19 +18,31 @@ public:
     // The bytes of all pieces.
     std::size_t Size() const { return size_; }
 
-    // Gives all pieces back.
+    // Gives all pieces back, the pool its memory too.
     void Clear() noexcept;
+
+    // Gives all pieces back. The pool keeps its blocks, to take the next pieces from, until
+    // DropSpare: a pool that is filled again at once spares the system the work.
+    void Recycle() noexcept;
+    void DropSpare() noexcept;
+
+    // Blocks that the pool keeps without a piece in them.
+    std::size_t SpareBlocks() const { return blocks_.size() - used_; }
 
     void Swap(EntryPool& other) noexcept;
 
 private:
-    static constexpr std::size_t kSmallestBlock = 0x1000;
-    static constexpr std::size_t kLargestBlock = 0x10000;
+    using Block = std::unique_ptr<std::byte[]>;
 
-    std::byte* AddBlock(std::size_t size);
+    static constexpr std::size_t kBlockSize = 0x10000;
+    static constexpr std::size_t kLargePiece = kBlockSize / 8;
 
-    std::vector<std::unique_ptr<std::byte[]>> blocks_;
-    std::byte* next_ = nullptr;  // where the block that is being filled has room, and how much
+    static std::byte* Add(std::vector<Block>& blocks, std::size_t size);
+
+    std::vector<Block> blocks_;  // of kBlockSize: used_ in use, the others spare
+    std::vector<Block> large_;
+    std::size_t used_ = 0;
+    std::byte* next_ = nullptr;  // where the last block in use has room, and how much
     std::size_t left_ = 0;
     std::size_t size_ = 0;
 };

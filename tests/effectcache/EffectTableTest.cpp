@@ -247,6 +247,34 @@ TEST(EffectTable, IsEmptyOnceCleared) {
     EXPECT_EQ(Names(table), (std::vector<std::string>{"b"}));
 }
 
+TEST(EffectTable, RecycledItIsEmptyAndCanBeFilledAgain) {
+    Table table;
+    for (int round = 0; round < 3; ++round) {
+        for (int name = 0; name < 300; ++name) {
+            Put(table, std::to_string(name), static_cast<std::uint64_t>(round));
+        }
+        table.Remove(table.Find(KeyOf("5")));
+        Append(table, "appended", 0);
+        table.Recycle();
+        EXPECT_EQ(table.Size(), 0u);
+        EXPECT_EQ(table.TotalBytes(), 0u);
+        EXPECT_EQ(table.HeldBytes(), 0u);
+        EXPECT_EQ(table.Find(KeyOf("7")), nullptr);
+        EXPECT_TRUE(table.Entries().empty());
+    }
+    Put(table, "b", 1);
+    Put(table, "a", 2);
+    table.DropSpare();
+    table.Settle();
+    EXPECT_EQ(Names(table), (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(table.Find(KeyOf("a"))->record.streamId, 2u);
+    table.Recycle();
+    table.DropSpare();
+    EXPECT_EQ(table.Find(KeyOf("a")), nullptr);
+    Put(table, "c", 3);
+    EXPECT_EQ(table.Find(KeyOf("c"))->record.streamId, 3u);
+}
+
 // Long enough for slots to collide, wrap around and grow.
 TEST(EffectTable, AgreesWithAMap) {
     std::minstd_rand random(9);

@@ -66,6 +66,25 @@ TEST(EntryPool, LargePieceHasABlockOfItsOwn) {
     EXPECT_EQ(pool.Allocate(10), first + 10);
 }
 
+TEST(EntryPool, RecycledItKeepsItsBlocksUntilTheyAreDropped) {
+    EntryPool pool;
+    const std::byte* const first = pool.Allocate(100);
+    for (int number = 0; number < 3000; ++number) {
+        pool.Allocate(100);
+    }
+    pool.Allocate(1000000);
+    EXPECT_EQ(pool.SpareBlocks(), 0u);
+    pool.Recycle();
+    EXPECT_EQ(pool.Size(), 0u);
+    EXPECT_EQ(pool.SpareBlocks(), 5u);
+    EXPECT_EQ(pool.Allocate(100), first);
+    EXPECT_EQ(pool.SpareBlocks(), 4u);
+    pool.DropSpare();
+    EXPECT_EQ(pool.SpareBlocks(), 0u);
+    EXPECT_EQ(pool.Allocate(100), first + 100);
+    EXPECT_EQ(pool.Size(), 200u);
+}
+
 TEST(EntryPool, SwapExchangesPieces) {
     EntryPool left;
     EntryPool right;

@@ -229,7 +229,7 @@ StreamReader::StreamReader(const PackageImage& image) : image_(image) {
     }
 }
 
-Bytes StreamReader::Read(std::uint64_t id) const {
+std::vector<StreamReader::Piece> StreamReader::Pieces(std::uint64_t id) const {
     const std::string name = "stream " + Number(id);
     const auto found = streams_.find(id);
     Require(found != streams_.end(), name + " is not there");
@@ -253,9 +253,21 @@ Bytes StreamReader::Read(std::uint64_t id) const {
     if (fragment != fragments_.end()) {
         AppendTail(*fragment->second, pieces);
     }
+    return pieces;
+}
 
+std::vector<std::uint64_t> StreamReader::Pages(std::uint64_t id) const {
+    std::vector<std::uint64_t> pages;
+    for (const Piece& piece : Pieces(id)) {
+        pages.push_back(piece.page);
+    }
+    return pages;
+}
+
+Bytes StreamReader::Read(std::uint64_t id) const {
+    const std::string name = "stream " + Number(id);
     Bytes content;
-    for (const Piece& piece : pieces) {
+    for (const Piece& piece : Pieces(id)) {
         Require(PageOffset(piece.page) + kPageSize <= image_.file.size(),
                 name + "'s page " + Number(piece.page) + " lies beyond the file's end");
         const auto from = image_.file.begin() +

@@ -94,8 +94,12 @@ public:
     // must refuse to open or to read it; an empty stream is refused.
     Bytes Read(std::uint64_t id) const;
 
+    // The pages that hold those bytes, in their order. Throws in the same way.
+    std::vector<std::uint64_t> Pages(std::uint64_t id) const;
+
 private:
     struct Piece;
+    std::vector<Piece> Pieces(std::uint64_t id) const;
     void AppendTail(const Fragment& fragment, std::vector<Piece>& pieces) const;
 
     const PackageImage& image_;

@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <ctime>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace Quorvel::Testing {
@@ -24,6 +26,17 @@ TEST(PerformanceCounter, NeverGoesBack) {
     for (int times = 0; times < 100'000; ++times) {
         const std::int64_t next = Platform::PerformanceCounter();
         ASSERT_GE(next, previous);
+        previous = next;
+    }
+}
+
+TEST(PerformanceCounter, DoesNotGoBackWhereASecondEnds) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(1100);
+    std::int64_t previous = Platform::PerformanceCounter();
+    while (std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        const std::int64_t next = Platform::PerformanceCounter();
+        ASSERT_GT(next, previous);
         previous = next;
     }
 }

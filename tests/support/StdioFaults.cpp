@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <utility>
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the linker gives these names.
 
@@ -46,6 +47,19 @@ struct Fault {
     Counter failures;
 };
 Fault fault;
+
+// Where the transfers of this thread are recorded; null when they aren't.
+thread_local std::vector<StdioTransfer>* trace = nullptr;
+
+// To be called before a transfer; what it returns, after one that worked.
+std::uint64_t OffsetForTrace(std::FILE* file) {
+    return trace ? static_cast<std::uint64_t>(__real_ftell(file)) : 0;
+}
+void Record(StdioTransfer::Kind kind, std::uint64_t offset, std::uint64_t size) {
+    if (trace) {
+        trace->push_back({kind, offset, size});
+    }
+}
 
 Counter& CountOf(StdioCall call) {
     return callCounts[static_cast<std::size_t>(call)];
@@ -99,6 +113,19 @@ std::uint64_t StdioFault::Calls() const {
 
 std::uint64_t StdioFault::Failures() const {
     return fault.failures;
+}
+
+StdioTrace::StdioTrace() {
+    assert(!trace);
+    trace = &transfers_;
+}
+
+StdioTrace::~StdioTrace() {
+    trace = nullptr;
+}
+
+std::vector<StdioTransfer> StdioTrace::Take() {
+    return std::exchange(transfers_, {});
 }
 
 StdioCounts CountStdioCalls() {
@@ -169,8 +196,12 @@ std::size_t __wrap_fread(void* buffer, std::size_t size, std::size_t count, std:
         errno = fault.error;
         return moved > 0 ? moved / size : 0;
     }
+    const std::uint64_t offset = OffsetForTrace(file);
     const std::size_t items = __real_fread(buffer, size, count, file);
     bytesRead += items * size;
+    if (items == count) {
+        Record(StdioTransfer::Kind::Read, offset, items * size);
+    }
     return items;
 }
 
@@ -186,8 +217,12 @@ std::size_t __wrap_fwrite(const void* buffer, std::size_t size, std::size_t coun
         errno = fault.error;
         return moved > 0 ? moved / size : 0;
     }
+    const std::uint64_t offset = OffsetForTrace(file);
     const std::size_t items = __real_fwrite(buffer, size, count, file);
     bytesWritten += items * size;
+    if (items == count) {
+        Record(StdioTransfer::Kind::Write, offset, items * size);
+    }
     return items;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 namespace Quorvel::Testing {
 
@@ -47,5 +48,30 @@ struct StdioCounts {
 
 // The counts since the program started.
 StdioCounts CountStdioCalls();
+
+// A read or a write that moved all that it was asked for.
+struct StdioTransfer {
+    enum class Kind { Read, Write };
+    Kind kind;
+    std::uint64_t offset;  // in the file
+    std::uint64_t size;    // in bytes
+
+    friend bool operator==(const StdioTransfer&, const StdioTransfer&) = default;
+};
+
+// Records the transfers of the thread that made it while it lives. Only one may live at a time.
+class StdioTrace {
+public:
+    StdioTrace();
+    StdioTrace(const StdioTrace&) = delete;
+    StdioTrace& operator=(const StdioTrace&) = delete;
+    ~StdioTrace();
+
+    // What was recorded since the last call.
+    std::vector<StdioTransfer> Take();
+
+private:
+    std::vector<StdioTransfer> transfers_;
+};
 
 }  // namespace Quorvel::Testing

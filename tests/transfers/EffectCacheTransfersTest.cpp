@@ -1,0 +1,148 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "format/EffectCacheImage.h"
+#include "format/LibraryCache.h"
+#include "support/StdioFaults.h"
+#include "support/TemporaryDirectory.h"
+#include "transfers/PageCacheModel.h"
+
+namespace Quorvel::Testing {
+
+namespace {
+
+using Format::Bytes;
+
+constexpr std::uint64_t kPageSize = 8192;
+constexpr std::uint64_t kPagesInMemory = 64;
+constexpr int kEffects = 1000;
+
+std::string NameOf(int number) {
+    return "effect " + std::to_string(number);
+}
+
+// From 1 byte to some three pages, mostly around 2 KiB.
+Bytes BytesOf(int number) {
+    std::minstd_rand random(static_cast<unsigned>(number) + 1);
+    const std::uint64_t size = number % 50 == 0 ? 1 + random() % 25000 : 1000 + random() % 2500;
+    Bytes bytes(size);
+    std::generate(bytes.begin(), bytes.end(),
+                  [&random] { return static_cast<unsigned char>(random() >> 8); });
+    return bytes;
+}
+
+class EffectCacheTransfers : public ::testing::Test {
+protected:
+    void AddAll(Format::LibraryCache& cache) {
+        for (int number = 0; number < kEffects; ++number) {
+            cache.Add(NameOf(number), {BytesOf(number), false});
+        }
+        cache->ForceSaveToFile();
+        ASSERT_EQ(cache->GetNumberOfEffectsInFile(), static_cast<std::uint64_t>(kEffects));
+    }
+
+    std::uint64_t FileSize() const {
+        return std::filesystem::file_size(Format::CacheFile(directory_));
+    }
+
+    TemporaryDirectory directory_;
+};
+
+// The order in which pages are wanted follows from where the file keeps the effects; a pass before
+// the one that is looked at brings the model to the pages that the cache holds.
+TEST_F(EffectCacheTransfers, OfSearchesAreThoseThatTheModelMakesForTheEffectsPages) {
+    {
+        Format::LibraryCache cache(directory_);
+        AddAll(cache);
+    }
+    const Format::PackageImage image = Format::ReadPackage(
+        Format::ReadWholeFile(Format::CacheFile(directory_)), Format::kCacheStreamLimit);
+    const Format::StreamReader reader(image);
+    std::map<std::string, std::vector<std::uint64_t>> pages;
+    for (const auto& [name, effect] : Format::ReadEffectCache(image)) {
+        pages[name] = reader.Pages(effect.record.streamId);
+    }
+    ASSERT_EQ(pages.size(), static_cast<std::size_t>(kEffects));
+
+    Format::LibraryCache cache(directory_);
+    PageCacheModel model(kPagesInMemory, image.file.size());
+    std::vector<int> order(kEffects);
+    for (int number = 0; number < kEffects; ++number) {
+        order[static_cast<std::size_t>(number)] = number;
+    }
+    std::minstd_rand random(11);
+    StdioTrace trace;
+    for (int pass = 0; pass < 2; ++pass) {
+        std::shuffle(order.begin(), order.end(), random);
+        for (const int number : order) {
+            ASSERT_EQ(cache.Search(NameOf(number)), BytesOf(number));
+            for (const std::uint64_t page : pages.at(NameOf(number))) {
+                ASSERT_TRUE(model.Get(page, false));
+                model.Release(page);
+            }
+            const Transfers made = trace.Take();
+            const Transfers expected = model.Take();
+            if (pass == 1) {
+                ASSERT_EQ(made, expected) << NameOf(number);
+            }
+        }
+    }
+}
+
+// Whole pages; what comes in is read from the file, and never comes in again before it was written.
+TEST_F(EffectCacheTransfers, OfSavesWriteEachPageThatTheyRead) {
+    Format::LibraryCache cache(directory_);
+    const std::uint64_t sizeBefore = FileSize();
+    StdioTrace trace;
+    AddAll(cache);
+    std::set<std::uint64_t> inMemory;
+    std::set<std::uint64_t> inFile;
+    for (std::uint64_t page = 0; page < sizeBefore / kPageSize; ++page) {
+        inFile.insert(page);
+    }
+    for (const StdioTransfer& transfer : trace.Take()) {
+        ASSERT_EQ(transfer.size, kPageSize);
+        ASSERT_EQ(transfer.offset % kPageSize, 0u);
+        const std::uint64_t page = transfer.offset / kPageSize;
+        if (transfer.kind == StdioTransfer::Kind::Read) {
+            ASSERT_TRUE(inMemory.insert(page).second) << page;
+            ASSERT_EQ(inFile.count(page), 1u) << page;
+        } else {
+            inMemory.erase(page);
+            inFile.insert(page);
+        }
+    }
+    EXPECT_TRUE(inMemory.empty());
+}
+
+// They follow from what is saved and from the format: fewer are left out, more are wasted.
+TEST_F(EffectCacheTransfers, OfAKnownSaveAreSoMany) {
+    Format::LibraryCache cache(directory_);
+    std::uint64_t end = FileSize();
+    StdioTrace trace;
+    AddAll(cache);
+    std::uint64_t reads = 0;
+    std::uint64_t writes = 0;
+    std::uint64_t growths = 0;
+    for (const StdioTransfer& transfer : trace.Take()) {
+        const bool isRead = transfer.kind == StdioTransfer::Kind::Read;
+        const bool grows = !isRead && transfer.offset >= end;
+        end = std::max(end, transfer.offset + transfer.size);
+        ++(isRead ? reads : grows ? growths : writes);
+    }
+    EXPECT_EQ(growths, 316u);
+    EXPECT_EQ(reads, 348u);
+    EXPECT_EQ(writes, 351u);
+}
+
+}  // namespace
+
+}  // namespace Quorvel::Testing

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <map>
@@ -46,6 +47,59 @@ private:
     std::uint64_t streams_ = 0;
     std::uint64_t fragments_ = 0;
     std::uint64_t tails_ = 0;
+};
+
+class BareFile {
+public:
+    explicit BareFile(const std::string& path) : file_(::open(path.c_str(), O_RDWR | O_CLOEXEC)) {}
+    BareFile(const BareFile&) = delete;
+    BareFile& operator=(const BareFile&) = delete;
+    ~BareFile() {
+        if (file_ >= 0) {
+            ::close(file_);
+        }
+    }
+
+    bool Read(void* to, std::uint64_t size, std::uint64_t offset) const {
+        return ::pread(file_, to, size, static_cast<off_t>(offset)) == static_cast<ssize_t>(size);
+    }
+    bool Write(const void* from, std::uint64_t size, std::uint64_t offset) const {
+        return ::pwrite(file_, from, size, static_cast<off_t>(offset)) ==
+               static_cast<ssize_t>(size);
+    }
+
+private:
+    int file_;
+};
+
+class StdioFile {
+public:
+    explicit StdioFile(const std::string& path) : file_(std::fopen(path.c_str(), "r+be")) {
+        if (file_) {
+            std::setvbuf(file_, nullptr, _IONBF, 0);
+        }
+    }
+    StdioFile(const StdioFile&) = delete;
+    StdioFile& operator=(const StdioFile&) = delete;
+    ~StdioFile() {
+        if (file_) {
+            std::fclose(file_);
+        }
+    }
+
+    bool Read(void* to, std::uint64_t size, std::uint64_t offset) const {
+        return Seek(offset) && std::fread(to, size, 1, file_) == 1;
+    }
+    bool Write(const void* from, std::uint64_t size, std::uint64_t offset) const {
+        return Seek(offset) && std::fwrite(from, size, 1, file_) == 1;
+    }
+
+private:
+    bool Seek(std::uint64_t offset) const {
+        return file_ && std::fseek(file_, static_cast<long>(offset), SEEK_SET) == 0;
+    }
+
+    std::FILE* file_;
 };
 
 }  // namespace
@@ -163,25 +217,33 @@ void Replay::Create(const std::string& path) const {
     }
 }
 
-double Replay::Run(const Steps& steps, const std::string& path) {
+double Replay::Run(const Steps& steps, const std::string& path, Calls calls) {
     const Stopwatch watch(clock_);
-    const int file = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    const bool good =
+        calls == Calls::Bare ? Make(steps, BareFile(path)) : Make(steps, StdioFile(path));
+    const double time = watch.Nanoseconds();
+    if (!good) {
+        throw std::runtime_error("a transfer could not be made again");
+    }
+    return time;
+}
+
+template <typename File>
+bool Replay::Make(const Steps& steps, const File& file) {
     std::size_t queued = 0;
     std::size_t taken = 0;
-    bool good = file >= 0;
+    bool good = true;
     for (const Step& step : steps) {
         unsigned char* const frame = frames_.data() + step.frame * kFrameSize;
-        const auto length = static_cast<ssize_t>(step.length);
-        const auto place = static_cast<off_t>(step.place);
         switch (step.kind) {
             case Step::Kind::Read:
-                good &= ::pread(file, frame, step.length, place) == length;
+                good &= file.Read(frame, step.length, step.place);
                 break;
             case Step::Kind::Write:
-                good &= ::pwrite(file, frame, step.length, place) == length;
+                good &= file.Write(frame, step.length, step.place);
                 break;
             case Step::Kind::Grow:
-                good &= ::pwrite(file, zeros_.data(), step.length, place) == length;
+                good &= file.Write(zeros_.data(), step.length, step.place);
                 break;
             case Step::Kind::Queue:
                 queued = queued < kQueueSize ? queued : 0;
@@ -202,24 +264,19 @@ double Replay::Run(const Steps& steps, const std::string& path) {
                 break;
         }
     }
-    ::close(file);
-    const double time = watch.Nanoseconds();
-    if (!good) {
-        throw std::runtime_error("a transfer could not be made again");
-    }
-    return time;
+    return good;
 }
 
-double Replay::Save(const std::string& path) {
-    return Run(save_, path);
+double Replay::Save(const std::string& path, Calls calls) {
+    return Run(save_, path, calls);
 }
 
-double Replay::Open(const std::string& path) {
-    return Run(open_, path);
+double Replay::Open(const std::string& path, Calls calls) {
+    return Run(open_, path, calls);
 }
 
-double Replay::FindAll(const std::string& path) {
-    return Run(find_, path);
+double Replay::FindAll(const std::string& path, Calls calls) {
+    return Run(find_, path, calls);
 }
 
 }  // namespace Quorvel::Benchmarks

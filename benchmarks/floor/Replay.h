@@ -11,10 +11,10 @@
 
 namespace Quorvel::Benchmarks {
 
-// Makes recorded transfers again, on a file of its own, with nothing but pread, pwrite and the
-// copies that the same effects need: into memory when they are queued, from there into pages when
-// they are saved, with the index and the package's state beside them, and out of pages when they
-// are found. What is to be done is laid out beforehand; the three steps only walk over it.
+// Makes recorded transfers again, on a file of its own, with nothing but them and the copies that
+// the same effects need: into memory when they are queued, from there into pages when they are
+// saved, with the index and the package's state beside them, and out of pages when they are found.
+// What is to be done is laid out beforehand; the three steps only walk over it.
 class Replay {
 public:
     Replay(const FloorTask& task, const RecordedTransfers& recorded, Clock clock);
@@ -22,11 +22,15 @@ public:
     // Makes the file as long as the new cache's was. Throws std::runtime_error.
     void Create(const std::string& path) const;
 
+    // With which calls a transfer is made: pread and pwrite, or a seek and a read or write of the
+    // standard I/O library, which the cache has to use.
+    enum class Calls { Bare, Stdio };
+
     // Times in nanoseconds, to be taken in this order on a file that was just created; each throws
     // std::runtime_error when a transfer does not work.
-    double Save(const std::string& path);
-    double Open(const std::string& path);
-    double FindAll(const std::string& path);
+    double Save(const std::string& path, Calls calls);
+    double Open(const std::string& path, Calls calls);
+    double FindAll(const std::string& path, Calls calls);
 
 private:
     static constexpr std::size_t kFrames = 64;
@@ -45,7 +49,9 @@ private:
 
     Steps PlanSave(const PhaseTransfers& phase) const;
     Steps PlanFind(const PhaseTransfers& phase) const;
-    double Run(const Steps& steps, const std::string& path);
+    double Run(const Steps& steps, const std::string& path, Calls calls);
+    template <typename File>
+    bool Make(const Steps& steps, const File& file);
 
     const FloorTask& task_;
     Clock clock_;

@@ -38,12 +38,16 @@ struct PhaseTimes {
     const PhaseTransfers& transfers;
     std::vector<double> cache = {};
     std::vector<double> floor = {};
+    std::vector<double> stdio = {};
+
+    double Quotient() const { return QuotientTo(floor); }
+    double StdioQuotient() const { return QuotientTo(stdio); }
 
     // The median of the rounds' own quotients: what slows a whole round down does not count.
-    double Quotient() const {
+    double QuotientTo(const std::vector<double>& times) const {
         std::vector<double> quotients;
         for (std::size_t round = 0; round < cache.size(); ++round) {
-            quotients.push_back(cache[round] / floor[round]);
+            quotients.push_back(cache[round] / times[round]);
         }
         return Median(quotients);
     }
@@ -68,28 +72,33 @@ void RunCache(const FloorTask& task, const std::string& directory, Clock clock,
 
 void RunFloor(Replay& replay, std::size_t effects, const std::string& directory,
               std::vector<PhaseTimes>& times) {
-    const ScratchDirectory scratch(directory);
-    const std::string path = scratch.Path() + "/pages";
     const auto count = static_cast<double>(effects);
-    replay.Create(path);
-    times[0].floor.push_back(replay.Save(path) / count);
-    times[1].floor.push_back(replay.Open(path) / count);
-    times[2].floor.push_back(replay.FindAll(path) / count);
+    for (const Replay::Calls calls : {Replay::Calls::Bare, Replay::Calls::Stdio}) {
+        const ScratchDirectory scratch(directory);
+        const std::string path = scratch.Path() + "/pages";
+        const auto add = [&](PhaseTimes& phase, double time) {
+            (calls == Replay::Calls::Bare ? phase.floor : phase.stdio).push_back(time / count);
+        };
+        replay.Create(path);
+        add(times[0], replay.Save(path, calls));
+        add(times[1], replay.Open(path, calls));
+        add(times[2], replay.FindAll(path, calls));
+    }
 }
 
 void Print(std::size_t count, const std::vector<PhaseTimes>& times) {
     std::printf("\n%zu effects, medians, nanoseconds an effect; transfers and calls an effect\n",
                 count);
-    std::printf("%-10s%10s%10s%10s%10s%10s%10s%10s\n", "", "Quorvel", "floor", "quotient", "reads",
-                "writes", "growths", "calls");
+    std::printf("%-10s%10s%10s%10s%10s%10s%10s%10s%10s%10s\n", "", "Quorvel", "floor", "quotient",
+                "stdio", "quotient", "reads", "writes", "growths", "calls");
     for (const PhaseTimes& phase : times) {
         const auto per = [&](Transfer::Kind kind) {
             return static_cast<double>(phase.transfers.Bytes(kind)) / 8192 /
                    static_cast<double>(count);
         };
-        std::printf("%-10s%10.0f%10.0f%10.2f%10.2f%10.2f%10.2f%10.2f\n", phase.name,
-                    Median(phase.cache), Median(phase.floor), phase.Quotient(),
-                    per(Transfer::Kind::Read), per(Transfer::Kind::Write),
+        std::printf("%-10s%10.0f%10.0f%10.2f%10.0f%10.2f%10.2f%10.2f%10.2f%10.2f\n", phase.name,
+                    Median(phase.cache), Median(phase.floor), phase.Quotient(), Median(phase.stdio),
+                    phase.StdioQuotient(), per(Transfer::Kind::Read), per(Transfer::Kind::Write),
                     per(Transfer::Kind::Grow),
                     static_cast<double>(phase.transfers.calls) / static_cast<double>(count));
     }
@@ -104,6 +113,8 @@ nlohmann::ordered_json Describe(std::size_t count, const std::vector<PhaseTimes>
             {"quorvel_ns", phase.cache},
             {"floor_ns", phase.floor},
             {"quotient", phase.Quotient()},
+            {"stdio_ns", phase.stdio},
+            {"stdio_quotient", phase.StdioQuotient()},
             {"pages_read", phase.transfers.Bytes(Transfer::Kind::Read) / 8192},
             {"pages_written", phase.transfers.Bytes(Transfer::Kind::Write) / 8192},
             {"pages_grown", phase.transfers.Bytes(Transfer::Kind::Grow) / 8192},

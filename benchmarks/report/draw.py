@@ -138,12 +138,14 @@ def floor_table(results):
                 [f"{name}, {number(count)}"]
                 + [number(statistics.median(phase[key])) for key in ("quorvel_ns", "floor_ns")]
                 + [number(phase["quotient"], 2)]
+                + [number(statistics.median(phase["stdio_ns"]))]
+                + [number(phase["stdio_quotient"], 2)]
                 + [
                     number(phase[key] / count, 2)
                     for key in ("pages_read", "pages_written", "pages_grown", "calls")
                 ]
             )
-    header = ["step", "Quorvel, ns", "floor, ns", "quotient"]
+    header = ["step", "Quorvel, ns", "floor, ns", "quotient", "through stdio, ns", "quotient"]
     return table(header + ["pages read", "written", "grown", "system calls"], rows)
 
 

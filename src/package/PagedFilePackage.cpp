@@ -444,10 +444,9 @@ Util::RefPtr<IDataStream> PagedFilePackage::OpenDataStream(std::uint64_t id) {
         return {};
     }
     CheckPagesOfStream(*extent, tail);
-    Util::RefPtr<ChildFileSeeker> seeker = std::exchange(spareSeeker_, {});
-    if (!seeker) {
-        seeker = Util::RefPtr<ChildFileSeeker>(new ChildFileSeeker);
-    }
+    const Util::RefPtr<ChildFileSeeker> seeker =
+        spareSeeker_ ? std::exchange(spareSeeker_, {})
+                     : Util::RefPtr<ChildFileSeeker>(new ChildFileSeeker);
     if (!seeker->Attach(allocator_, *extent, tail)) {
         return {};
     }

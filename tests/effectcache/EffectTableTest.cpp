@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <random>
@@ -323,6 +324,23 @@ TEST(IndexEntry, IsItsBytesInTheIndex) {
                                           0xDB, 0x03, 0, 0,                                //
                                           0,    0,    0, 0, 0,  0, 0,  0,                  //
                                           2,    0,    0, 0, 0,  0, 0,  0, 'a', 'b'}));
+}
+
+TEST(PendingEffect, IsPackedWithOthersOnceMostAreRemoved) {
+    EffectTable<PendingEffect> table;
+    const std::vector<unsigned char> bytes(5000, 7);
+    for (int round = 0; round < 40; ++round) {
+        for (const char* const name : {"b", "a"}) {
+            const EffectKey key = KeyOf(name);
+            table.Put(PendingEffect::Make(table, key, key.Hash(), bytes, 0));
+        }
+    }
+    table.Settle();
+    EXPECT_EQ(table.HeldBytes(), 2 * ((sizeof(PendingEffect) + 1 + 5000 + 7) / 8 * 8));
+    ASSERT_EQ(table.Entries().size(), 2u);
+    EXPECT_EQ(table.Entries()[0], table.Find(KeyOf("a")));
+    EXPECT_EQ(table.Entries()[1], table.Find(KeyOf("b")));
+    EXPECT_TRUE(std::ranges::equal(table.Entries()[1]->Compiled(), bytes));
 }
 
 TEST(PendingEffect, HoldsCopiesOfNameAndBytes) {

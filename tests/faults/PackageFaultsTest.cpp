@@ -285,12 +285,18 @@ void PackageScript::ReadAll() {
     }
 }
 
-// The tail of the last stream moves while the stream is open.
+// The tail of the last stream that has one moves while the stream is open.
 void PackageScript::ReadWhileAnotherIsDeleted() {
     if (!IsUsable() || model_.streams.size() < 2) {
         return;
     }
-    const std::uint64_t id = model_.streams.rbegin()->first;
+    const auto last =
+        std::find_if(model_.streams.rbegin(), model_.streams.rend(),
+                     [](const auto& stream) { return stream.second.bytes.size() == kUsualSize; });
+    if (last == model_.streams.rend() || last->first == model_.streams.begin()->first) {
+        return;
+    }
+    const std::uint64_t id = last->first;
     Util::RefPtr<IDataStream> open;
     Attempt([&] { open = package_->OpenDataStream(id); });
     Delete(0);

@@ -40,7 +40,23 @@ std::uint64_t FreePage(const PackageImage& image) {
     return page;
 }
 
+void AddEmptyBlock(PackageImage& image) {
+    Format::TailBlock block = {1, {}, Format::kTailBlockSize, {}};
+    for (std::uint64_t& page : block.pages) {
+        page = Format::kFirstPage + image.links.size();
+        image.links.push_back(page + 1);
+    }
+    image.links.back() = Format::kChainEnd;
+    image.file.resize(Format::PageOffset(block.pages.back()) + Format::kPageSize);
+    image.blocks.push_back(block);
+}
+
 }  // namespace
+
+TEST_F(SoundnessTest, HoldsForASecondBlockWithoutTails) {
+    Edit(AddEmptyBlock);
+    EXPECT_TRUE(package_->IsSound());
+}
 
 TEST_F(SoundnessTest, HoldsForWhatThePackageWrites) {
     EXPECT_TRUE(package_->IsSound());
@@ -64,6 +80,16 @@ TEST_F(SoundnessTest, HoldsForEveryLayout) {
         ASSERT_TRUE(package->Load()) << layout.name;
         EXPECT_TRUE(package->IsSound()) << layout.name;
     }
+}
+
+TEST_F(SoundnessTest, HoldsForABlockOfAnyId) {
+    Edit([](PackageImage& image) {
+        image.blocks[0].id = 2;
+        for (Format::Fragment& fragment : image.fragments) {
+            fragment.blockId = 2;
+        }
+    });
+    EXPECT_TRUE(package_->IsSound());
 }
 
 TEST_F(SoundnessTest, IsDeniedWithoutAFile) {
@@ -131,6 +157,13 @@ INSTANTIATE_TEST_SUITE_P(
              image.blocks[0].freeBytes += image.fragments[3].length;
          }},
         {"ListOfAStreamWithoutATail", [](PackageImage& image) { image.blocks[0].streams[0] = 20; }},
+        {"ListOfOneStreamTooMany",
+         [](PackageImage& image) { image.blocks[0].streams.push_back(20); }},
+        {"ListOfAStreamOfAnotherBlock",
+         [](PackageImage& image) {
+             AddEmptyBlock(image);
+             image.blocks[1].streams = {image.blocks[0].streams[0]};
+         }},
         {"MoreFreeBytesThanThereAre", [](PackageImage& image) { image.blocks[0].freeBytes -= 1; }},
         {"PageInUseBehindTheFile", [](PackageImage& image) { image.links.push_back(0); }},
     }),

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <thread>
@@ -92,6 +93,29 @@ TEST(EffectCacheSystem, TrailingSeparatorLeadsToTheSameFile) {
     separated.Add("y", EffectBytes("y", 200));
     separated->ForceSaveToFile();
     EXPECT_EQ(plain.Find("y"), EffectBytes("y", 200));
+}
+
+// Makes a folder the current one, until the end of the scope.
+class CurrentFolder {
+public:
+    explicit CurrentFolder(const std::filesystem::path& path)
+        : before_(std::filesystem::current_path()) {
+        std::filesystem::current_path(path);
+    }
+    CurrentFolder(const CurrentFolder&) = delete;
+    CurrentFolder& operator=(const CurrentFolder&) = delete;
+    ~CurrentFolder() { std::filesystem::current_path(before_); }
+
+private:
+    std::filesystem::path before_;
+};
+
+TEST(EffectCacheSystem, DirectoryOfOneLetterGetsASeparator) {
+    const TemporaryDirectory directory;
+    const CurrentFolder current(directory.Path());
+    std::filesystem::create_directory("d");
+    EXPECT_TRUE(CacheClient("d")->IsEnabled());
+    EXPECT_TRUE(std::filesystem::exists(std::filesystem::path("d") / "vornFxoCache.dat"));
 }
 
 // Each spelling of the directory sees the changes that the other one announces, and holds the same

@@ -306,7 +306,7 @@ protected:
     void ForEach(void (CacheScript::*run)()) {
         const TemporaryDirectory directory;
         const std::uint64_t openFiles = CountStdioCalls().openFiles;
-        ForEachCall([&](std::uint64_t skipped) {
+        ForEachCall(GetParam(), [&](std::uint64_t skipped) {
             WriteWholeFile(CacheFilePath(directory), OldFile());
             CacheScript script(directory, GetParam(), skipped);
             (script.*run)();

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "faults/DamagedFile.h"
+#include "faults/Figures.h"
 #include "format/EffectCacheWriter.h"
 #include "format/PackageWriter.h"
 #include "format/TestData.h"
@@ -38,6 +39,7 @@ protected:
 
     void TearDown() override {
         EXPECT_NE(examiner_.Result().files, 0U);
+        Testing::FiguresOfThisProgram().damagedFiles += examiner_.Result().files;
         EXPECT_TRUE(examiner_.Result().IsGood()) << examiner_.Result();
     }
 

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "faults/DamagedFile.h"
+#include "faults/Figures.h"
 #include "faults/FormatFields.h"
 #include "format/EffectCacheImage.h"
 #include "format/TestData.h"
@@ -120,6 +121,7 @@ TEST_P(DamagedFields, CostWhatTheyDescribeOrTheWholeCacheAndNothingElse) {
         }
     }
     EXPECT_NE(examiner.Result().files, 0U);
+    Testing::FiguresOfThisProgram().damagedFiles += examiner.Result().files;
     EXPECT_TRUE(examiner.Result().IsGood()) << examiner.Result();
 }
 

@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <ostream>
 
+#include "faults/Figures.h"
+
 namespace Quorvel::Testing {
 
 void PrintTo(const Failure& failure, std::ostream* out) {
@@ -61,11 +63,15 @@ std::uint64_t ArmedFailure::Failures() const {
     return memory_ ? memory_->Failures() : stdio_->Failures();
 }
 
-void ForEachCall(const std::function<bool(std::uint64_t skipped)>& run) {
+void ForEachCall(const Failure& failure, const std::function<bool(std::uint64_t skipped)>& run) {
+    Figures& figures = FiguresOfThisProgram();
     bool failed = true;
     for (std::uint64_t skipped = 0; failed; skipped += QUORVEL_FAULT_STRIDE) {
         SCOPED_TRACE("calls that succeed: " + std::to_string(skipped));
         failed = run(skipped);
+        if (failed) {
+            ++(failure.isMemory ? figures.allocationRuns : figures.callRuns);
+        }
         ASSERT_FALSE(::testing::Test::HasFailure());
     }
 }

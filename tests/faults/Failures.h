@@ -49,6 +49,6 @@ private:
 
 // Runs with the first call of the kind failing, then with the second one, and so on, until a run
 // says that none failed any more. Where calls are slow only every so manieth run is made.
-void ForEachCall(const std::function<bool(std::uint64_t skipped)>& run);
+void ForEachCall(const Failure& failure, const std::function<bool(std::uint64_t skipped)>& run);
 
 }  // namespace Quorvel::Testing

@@ -416,7 +416,7 @@ protected:
         const TemporaryDirectory directory;
         const std::string path = directory.File("package");
         const std::uint64_t openFiles = CountStdioCalls().openFiles;
-        ForEachCall([&](std::uint64_t skipped) {
+        ForEachCall(GetParam(), [&](std::uint64_t skipped) {
             std::filesystem::remove(path);
             bool failed;
             {

@@ -1,4 +1,5 @@
 // Packages that load, but whose pages or tails belong to two, or to nobody.
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,10 @@ struct Damage {
     std::string name;
     void (*apply)(PackageImage&);
 };
+
+void PrintTo(const Damage& damage, std::ostream* out) {
+    *out << damage.name;
+}
 
 class UnsoundPackage : public SoundnessTest, public ::testing::WithParamInterface<Damage> {};
 

@@ -18,6 +18,7 @@
 #include "quorvel/MultiProcessTimeStamp.h"
 #include "quorvel/MutexObject.h"
 #include "support/StdioFaults.h"
+#include "support/WorkingDirectory.h"
 
 namespace Quorvel::Testing {
 
@@ -95,24 +96,9 @@ TEST(EffectCacheSystem, TrailingSeparatorLeadsToTheSameFile) {
     EXPECT_EQ(plain.Find("y"), EffectBytes("y", 200));
 }
 
-// Makes a folder the current one, until the end of the scope.
-class CurrentFolder {
-public:
-    explicit CurrentFolder(const std::filesystem::path& path)
-        : before_(std::filesystem::current_path()) {
-        std::filesystem::current_path(path);
-    }
-    CurrentFolder(const CurrentFolder&) = delete;
-    CurrentFolder& operator=(const CurrentFolder&) = delete;
-    ~CurrentFolder() { std::filesystem::current_path(before_); }
-
-private:
-    std::filesystem::path before_;
-};
-
 TEST(EffectCacheSystem, DirectoryOfOneLetterGetsASeparator) {
     const TemporaryDirectory directory;
-    const CurrentFolder current(directory.Path());
+    const WorkingDirectory working(directory.Path());
     std::filesystem::create_directory("d");
     EXPECT_TRUE(CacheClient("d")->IsEnabled());
     EXPECT_TRUE(std::filesystem::exists(std::filesystem::path("d") / "vornFxoCache.dat"));

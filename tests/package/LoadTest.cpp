@@ -4,6 +4,7 @@
 
 #include "package/PackageTest.h"
 #include "support/StdioFaults.h"
+#include "support/WorkingDirectory.h"
 
 namespace Quorvel::Testing {
 
@@ -12,24 +13,6 @@ namespace {
 using Format::Bytes;
 
 using LoadTest = PackageTest;
-
-// Works in another folder while it lives.
-class WorkingDirectory {
-public:
-    explicit WorkingDirectory(const std::filesystem::path& path)
-        : previous_(std::filesystem::current_path()) {
-        std::filesystem::current_path(path);
-    }
-    WorkingDirectory(const WorkingDirectory&) = delete;
-    WorkingDirectory& operator=(const WorkingDirectory&) = delete;
-    ~WorkingDirectory() {
-        std::error_code ignored;
-        std::filesystem::current_path(previous_, ignored);
-    }
-
-private:
-    std::filesystem::path previous_;
-};
 
 }  // namespace
 

@@ -60,6 +60,7 @@ public:
         }
     }
 
+    bool IsOpen() const { return file_ >= 0; }
     bool Read(void* to, std::uint64_t size, std::uint64_t offset) const {
         return ::pread(file_, to, size, static_cast<off_t>(offset)) == static_cast<ssize_t>(size);
     }
@@ -87,6 +88,7 @@ public:
         }
     }
 
+    bool IsOpen() const { return file_ != nullptr; }
     bool Read(void* to, std::uint64_t size, std::uint64_t offset) const {
         return Seek(offset) && std::fread(to, size, 1, file_) == 1;
     }
@@ -96,7 +98,7 @@ public:
 
 private:
     bool Seek(std::uint64_t offset) const {
-        return file_ && std::fseek(file_, static_cast<long>(offset), SEEK_SET) == 0;
+        return std::fseek(file_, static_cast<long>(offset), SEEK_SET) == 0;
     }
 
     std::FILE* file_;
@@ -232,6 +234,9 @@ template <typename File>
 bool Replay::Make(const Steps& steps, const File& file) {
     std::size_t queued = 0;
     std::size_t taken = 0;
+    if (!file.IsOpen()) {
+        return false;
+    }
     bool good = true;
     for (const Step& step : steps) {
         unsigned char* const frame = frames_.data() + step.frame * kFrameSize;

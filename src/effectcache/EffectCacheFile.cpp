@@ -39,6 +39,7 @@ PagedFilePackage& Internals(const Util::RefPtr<IDataStreamSet>& package) {
 // Pieces in which the index stream is written.
 constexpr std::size_t kIndexPieceSize = 16384;
 
+// How far ahead of the writing entries are fetched from memory.
 constexpr std::size_t kEntriesAhead = 8;
 
 }  // namespace
@@ -191,12 +192,16 @@ bool EffectCacheImpl::LoadIndex() {
     if (!stream) {
         return false;
     }
-    fileTable_.Recycle();
+    if (header_.recordCount < fileTable_.Size() / 4) {
+        fileTable_.Clear();  // so much memory is not needed any more
+    } else {
+        fileTable_.Recycle();
+    }
     bool isComplete = false;
     try {
         isComplete = ReadIndex(*stream);
-    } catch (const FileIOException&) {
-        // The index ends early. What was read is counted all the same.
+    } catch (...) {
+        // What was read before the failure is counted all the same.
     }
     fileTable_.Settle();
     fileTable_.DropSpare();
@@ -391,6 +396,7 @@ bool EffectCacheImpl::MoveIntoFile(const PendingEffect& effect) {
                                  effect.Permanent(),
                                  CurrentEntryTime(),
                                  0};
+    fileTable_.MakeRoom();
     fileTable_.Put(IndexEntry::Make(fileTable_, name, record), effect.Hash());
     return true;
 }
@@ -400,6 +406,7 @@ bool EffectCacheImpl::WriteIndex() {
         return false;
     }
     fileTable_.Settle();
+    fileTable_.Pack();
     Util::RefPtr<IDataStream> stream =
         OpenIndexForWriting(std::max(fileTable_.TotalBytes(), kEmptyIndexSize));
     if (!stream) {
@@ -409,7 +416,7 @@ bool EffectCacheImpl::WriteIndex() {
     piece.reserve(kIndexPieceSize);
     const std::span<IndexEntry* const> entries = fileTable_.Entries();
     for (std::size_t index = 0; index < entries.size(); ++index) {
-        // The entries may stand anywhere in memory: some are on their way from there at a time.
+        // The entries may stand anywhere in memory.
         if (index + kEntriesAhead < entries.size()) {
             entries[index + kEntriesAhead]->Prefetch();
         }

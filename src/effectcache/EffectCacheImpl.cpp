@@ -90,6 +90,7 @@ void EffectCacheImpl::CacheCompiledEffect(const CStr& name, const unsigned char*
     if (!package_) {
         return;
     }
+    pendingTable_.MakeRoom();
     pendingTable_.Put(
         PendingEffect::Make(pendingTable_, key, hash, {data, size}, permanent ? 1U : 0U), hash);
     pendingBytes_ += IndexEntrySize(key.length) + DataStreamSize(size);
@@ -108,7 +109,6 @@ bool EffectCacheImpl::SearchCachedEffects(const CStr& name, Tab<unsigned char>& 
     if (!package_) {
         return false;
     }
-    fileTable_.PrefetchFind(hash);
     if (const PendingEffect* const pending = pendingTable_.Find(key, hash)) {
         const std::span<const unsigned char> bytes = pending->Compiled();
         data.SetCount(static_cast<int>(bytes.size()));

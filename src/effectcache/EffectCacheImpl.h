@@ -55,7 +55,10 @@ public:
 
 private:
     void ClearState();
+
+    // SaveToFile, except that the queue keeps its memory, up to some 2 MiB, for the next effects.
     bool SavePending() noexcept;
+
     bool ReadEffect(EffectRecord& record, Tab<unsigned char>& data);
 
     // The steps on the file (EffectCacheFile.cpp). Each wants the file mutex held, and says whether

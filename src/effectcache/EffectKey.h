@@ -59,7 +59,7 @@ struct EffectKey {
     std::size_t length;
 
 private:
-    // Odd, and of bits without a pattern.
+    // Odd numbers with irregular bits.
     static constexpr std::uint64_t kFirstFactor = 0x9E3779B97F4A7C15;
     static constexpr std::uint64_t kSecondFactor = 0xC2B2AE3D27D4EB4F;
 

@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <new>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
 #include "effectcache/EffectKey.h"
@@ -20,7 +20,7 @@ namespace Quorvel {
 
 // An ordered map of effects in which a name is found by its hash. An Entry is one piece of memory
 // that holds the name and whatever goes with it: Key() tells its name, Bytes() the whole of it. The
-// memory comes from the table, which gives it back at its end.
+// memory comes from the table's pool.
 //
 // Two structures hold the entries. The slots are a hash table with linear probing: an entry stands
 // in the first slot that was free from the one its hash names on, and the hash beside it, 0 for an
@@ -47,19 +47,11 @@ public:
     // The bytes of all entries that the table has memory for, removed ones included.
     std::uint64_t HeldBytes() const { return pool_.Size(); }
 
-    // The entry of a name; null when there is none. It stays where it is until Settle. Who looks
-    // into several tables hashes the name once.
-    Entry* Find(const EffectKey& key) const { return Find(key, key.Hash()); }
+    // The entry of a name, of which the caller knows the hash; null when there is none. It stays
+    // where it is until Pack, Clear or Recycle.
     Entry* Find(const EffectKey& key, std::uint32_t hash) const {
         const std::size_t slot = FindSlot(key, hash);
         return slot != kNoSlot ? slots_[slot].entry : nullptr;
-    }
-
-    // Hints that a name of that hash will be looked for soon.
-    void PrefetchFind(std::uint32_t hash) const noexcept {
-        if (slotCount_ != 0) {
-            Platform::Prefetch(&slots_[hash & (slotCount_ - 1)]);
-        }
     }
 
     // Makes room for so many entries at once. Throws std::bad_alloc, changing nothing.
@@ -70,38 +62,40 @@ public:
         }
     }
 
-    // Memory for an entry of that many bytes, to be filled and put into the table. Throws
-    // std::bad_alloc, changing nothing.
+    // Memory for an entry of that many bytes, to be filled and put into the table. It stays the
+    // table's until Clear or Recycle, put or not. Throws std::bad_alloc, changing nothing.
     void* Allocate(std::size_t size) { return pool_.Allocate(PieceSize(size)); }
 
-    // Adds an entry, in place of the one that had the name. Throws std::bad_alloc, changing
-    // nothing.
-    void Put(Entry* entry) { Put(entry, entry->Key().Hash()); }
-    void Put(Entry* entry, std::uint32_t hash) {
+    // Makes room for one entry, so that the next Put can't fail: to be called before the entry's
+    // memory is taken. Throws std::bad_alloc; no entry is lost.
+    void MakeRoom() {
         EnterAppended();
-        Append(entry);
-        try {
-            MakeRoomForSlots(1);
-            Enter(hash);
-        } catch (...) {
-            order_.pop_back();
-            throw;
-        }
-    }
-
-    // Adds an entry as Put does, except that it is not found by name before Settle: the fast way to
-    // add many. Throws std::bad_alloc, changing nothing.
-    void Append(Entry* entry) {
+        MakeRoomForSlots(1);
         if (order_.size() == order_.capacity()) {
             order_.reserve(std::max(kFewestSlots, order_.size() + order_.size() / 4));
         }
-        order_.push_back(entry);
+        if (removed_.size() == removed_.capacity()) {
+            removed_.reserve(std::max(kFewestSlots, 2 * removed_.size()));
+        }
     }
 
-    // Removes an entry of the table. Throws std::bad_alloc, changing nothing.
+    // Adds an entry, in place of the one that had the name. Throws std::bad_alloc, changing
+    // nothing.
+    void Put(Entry* entry, std::uint32_t hash) {
+        MakeRoom();
+        order_.push_back(entry);
+        Enter(hash);
+    }
+
+    // Adds an entry as Put does, except that it is neither found nor counted before the next Put or
+    // Settle: the fast way to add many. Throws std::bad_alloc, changing nothing.
+    void Append(Entry* entry) { order_.push_back(entry); }
+
+    // Removes an entry that Find finds. Throws std::bad_alloc, changing nothing.
     void Remove(Entry* entry) {
         removed_.push_back(entry);
         std::size_t gap = FindSlot(entry->Key(), entry->Key().Hash());
+        assert(slots_[gap].entry == entry);
         // Entries behind the gap that could stand in it move up, so that none is cut off from the
         // slot that its hash names.
         for (std::size_t slot = Next(gap); slots_[slot].hash != 0; slot = Next(slot)) {
@@ -115,8 +109,7 @@ public:
         --size_;
     }
 
-    // Puts the entries in order, and may move them in memory. Throws std::bad_alloc; no entry is
-    // lost.
+    // Puts the entries in order. Throws std::bad_alloc; no entry is lost.
     void Settle() {
         EnterAppended();
         if (sortedCount_ == order_.size() && removed_.empty()) {
@@ -130,25 +123,57 @@ public:
         sortedCount_ = order_.size();
         enteredCount_ = order_.size();
         removed_.clear();
-        if (HeldBytes() > 2 * TotalBytes() + kLeastWaste) {
-            Repack();
+    }
+
+    // Moves the entries of a settled table together, in the order of keys, if what was removed
+    // takes more memory than they do. Without memory for that they stay where they are.
+    void Pack() noexcept {
+        if (HeldBytes() <= 2 * TotalBytes() + kLeastWaste) {
+            return;
         }
+        EntryPool pool;
+        std::vector<Entry*> moved;
+        try {
+            moved.reserve(order_.size());
+            for (const Entry* const entry : order_) {
+                const auto bytes = entry->Bytes();
+                void* const memory = pool.Allocate(PieceSize(bytes.size()));
+                moved.push_back(static_cast<Entry*>(std::memcpy(memory, entry, bytes.size())));
+            }
+        } catch (const std::bad_alloc&) {
+            return;
+        }
+        // Where an entry went is left in its old place for the slots to find.
+        static_assert(sizeof(Entry) >= sizeof(Entry*));
+        for (std::size_t index = 0; index < order_.size(); ++index) {
+            std::memcpy(static_cast<void*>(order_[index]), &moved[index], sizeof(Entry*));
+        }
+        for (std::size_t slot = 0; slot < slotCount_; ++slot) {
+            if (slots_[slot].hash != 0) {
+                Entry* entry;
+                std::memcpy(&entry, static_cast<const void*>(slots_[slot].entry), sizeof entry);
+                slots_[slot].entry = entry;
+            }
+        }
+        order_.swap(moved);
+        pool_.Swap(pool);
     }
 
     // All entries in the order of keys. The table must be settled.
     const std::vector<Entry*>& Entries() const { return order_; }
 
     void Clear() noexcept {
-        order_ = {};
-        removed_ = {};
+        std::vector<Entry*>().swap(order_);
+        std::vector<Entry*>().swap(removed_);
         slots_.reset();
         slotCount_ = 0;
         pool_.Clear();
         Forget();
     }
 
-    // Clears the table, which keeps memory for about as many entries as it had, until DropSpare:
-    // for a table that is filled again at once.
+    // Clears the table, which keeps memory for about as many entries as it had: for one that is
+    // filled again at once. DropSpare gives back what of it holds no entry by then, except that the
+    // slots stay unless the table is empty.
     void Recycle() noexcept {
         order_.clear();
         removed_.clear();
@@ -157,10 +182,10 @@ public:
         Forget();
     }
     void DropSpare() noexcept {
+        pool_.DropSpare();
         if (order_.empty()) {
             Clear();
         }
-        pool_.DropSpare();
     }
 
 private:
@@ -171,7 +196,7 @@ private:
     };
 #pragma pack(pop)
 
-    // Entries begin where a number of any size may, also those that are packed.
+    // Entries are aligned, packed records too: so they are read faster.
     static constexpr std::size_t kAlignment = 8;
     static constexpr std::size_t kNoSlot = ~std::size_t{0};
     static constexpr std::size_t kFewestSlots = 64;
@@ -240,7 +265,7 @@ private:
     }
 
     // Gives the first entry without a slot its slot; there is room for it. Throws std::bad_alloc,
-    // changing nothing.
+    // changing nothing, but not when removed_ has room too.
     void Enter(std::uint32_t hash) {
         Entry* const entry = order_[enteredCount_];
         const EffectKey key = entry->Key();
@@ -260,7 +285,7 @@ private:
         ++enteredCount_;
     }
 
-    // The slots of several entries are on their way from memory at a time.
+    // Goes in batches, so that the slots of a batch are fetched from memory together.
     void EnterAppended() {
         if (enteredCount_ == order_.size()) {
             return;
@@ -271,7 +296,7 @@ private:
             const std::size_t count = std::min(hashes.size(), order_.size() - enteredCount_);
             for (std::size_t index = 0; index < count; ++index) {
                 hashes[index] = order_[enteredCount_ + index]->Key().Hash();
-                PrefetchFind(hashes[index]);
+                Platform::Prefetch(&slots_[hashes[index] & (slotCount_ - 1)]);
             }
             for (std::size_t index = 0; index < count; ++index) {
                 Enter(hashes[index]);
@@ -279,7 +304,8 @@ private:
         }
     }
 
-    // Mostly the length of a name decides: it is kept where it needs no look at the entry.
+    // The keys are copied out: to compare two mostly takes their lengths alone, without a look at
+    // the entries.
     void SortAdded() {
         const auto added = order_.begin() + static_cast<std::ptrdiff_t>(sortedCount_);
         if (std::is_sorted(added, order_.end(), IsBefore)) {
@@ -315,7 +341,7 @@ private:
         settled.insert(settled.end(), old, added);
     }
 
-    // From the last name to the first: what is searched in has no gaps yet.
+    // Goes from the last name to the first, so that what is still to be searched has no gaps.
     void DropRemovedFrom(std::vector<Entry*>& settled) {
         if (removed_.empty()) {
             return;
@@ -331,37 +357,6 @@ private:
             }
         }
         settled.erase(std::remove(settled.begin(), settled.end(), nullptr), settled.end());
-    }
-
-    // Moves the entries of a settled table together, in the order of keys, when what was removed
-    // takes more memory than they do. Without memory for it they stay where they are.
-    void Repack() noexcept {
-        EntryPool pool;
-        std::vector<Entry*> moved;
-        try {
-            moved.reserve(order_.size());
-            for (const Entry* const entry : order_) {
-                const auto bytes = entry->Bytes();
-                void* const memory = pool.Allocate(PieceSize(bytes.size()));
-                moved.push_back(static_cast<Entry*>(std::memcpy(memory, entry, bytes.size())));
-            }
-        } catch (const std::bad_alloc&) {
-            return;
-        }
-        // Where an entry went is left in its old place for the slots to find.
-        static_assert(sizeof(Entry) >= sizeof(Entry*));
-        for (std::size_t index = 0; index < order_.size(); ++index) {
-            std::memcpy(static_cast<void*>(order_[index]), &moved[index], sizeof(Entry*));
-        }
-        for (std::size_t slot = 0; slot < slotCount_; ++slot) {
-            if (slots_[slot].hash != 0) {
-                Entry* entry;
-                std::memcpy(&entry, static_cast<const void*>(slots_[slot].entry), sizeof entry);
-                slots_[slot].entry = entry;
-            }
-        }
-        order_.swap(moved);
-        pool_.Swap(pool);
     }
 
     std::unique_ptr<Slot[]> slots_;

@@ -8,7 +8,7 @@ namespace Quorvel {
 
 // Memory for many small pieces that is given back all at once. The pieces stand one behind the
 // other in blocks, so that those which were taken one after the other are near each other; a large
-// piece has a block of its own.
+// piece that does not fit into the block that is being filled has a block of its own.
 class EntryPool {
 public:
     // A piece of memory. Its address is a multiple of every power of two of which all sizes asked
@@ -21,13 +21,11 @@ public:
     // Gives all pieces back, the pool its memory too.
     void Clear() noexcept;
 
-    // Gives all pieces back. The pool keeps its blocks, to take the next pieces from, until
-    // DropSpare: a pool that is filled again at once spares the system the work.
+    // Gives all pieces back. The pool keeps its blocks, except those of large pieces, to take the
+    // next pieces from: one that is filled again at once spares the system the work. DropSpare
+    // gives back the blocks without a piece in them.
     void Recycle() noexcept;
     void DropSpare() noexcept;
-
-    // Blocks that the pool keeps without a piece in them.
-    std::size_t SpareBlocks() const { return blocks_.size() - used_; }
 
     void Swap(EntryPool& other) noexcept;
 

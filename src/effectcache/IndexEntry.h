@@ -29,10 +29,12 @@ struct IndexEntry {
         return {reinterpret_cast<const unsigned char*>(this), IndexEntrySize(record.nameLength)};
     }
 
-    // Hints that the entry, if its name is of common length, will be read soon.
+    // Hints that the entry will be read soon: as much of it as most names make of it.
     void Prefetch() const noexcept {
-        for (std::size_t offset = 0; offset < 192; offset += 64) {
-            Platform::Prefetch(reinterpret_cast<const unsigned char*>(this) + offset);
+        constexpr std::size_t kCacheLine = 64;
+        constexpr std::size_t kLines = 3;
+        for (std::size_t line = 0; line < kLines; ++line) {
+            Platform::Prefetch(reinterpret_cast<const unsigned char*>(this) + line * kCacheLine);
         }
     }
 

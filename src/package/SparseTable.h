@@ -62,6 +62,12 @@ public:
         }
     }
 
+    template <typename Visitor>
+    void ForEach(const Visitor& visit) {
+        std::as_const(*this).ForEach(
+            [&visit](const Record& record) { visit(const_cast<Record&>(record)); });
+    }
+
     // Visits every record, in ascending order of ids, in spans of records that stand one behind the
     // other.
     template <typename Visitor>
@@ -76,12 +82,6 @@ public:
             }
         }
     }
-    template <typename Visitor>
-    void ForEach(const Visitor& visit) {
-        std::as_const(*this).ForEach(
-            [&visit](const Record& record) { visit(const_cast<Record&>(record)); });
-    }
-
     void Swap(SparseTable& other) noexcept {
         chunks_.swap(other.chunks_);
         std::swap(count_, other.count_);

@@ -41,7 +41,7 @@ bool StreamDirectory::Remove(std::uint64_t id) {
 bool StreamDirectory::Save(IDataStream& stream) const {
     StateWriter writer(stream);
     writer.Write(records_.Count());
-    records_.ForEachRun([&writer](std::span<const ChildFileExtent> run) { writer.Write(run); });
+    records_.ForEachRun([&writer](std::span<const ChildFileExtent> run) { writer.WriteAll(run); });
     writer.Flush();
     return true;
 }

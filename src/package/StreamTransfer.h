@@ -50,7 +50,7 @@ public:
 
     // Such records, one behind the other.
     template <typename Record>
-    void Write(std::span<const Record> records) {
+    void WriteAll(std::span<const Record> records) {
         Write(records.data(), records.size_bytes());
     }
 

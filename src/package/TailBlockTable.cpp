@@ -198,11 +198,11 @@ bool TailBlockTable::Save(IDataStream& stream) const {
         if (block) {
             writer.Write<StoredTailBlock>(*block);
             writer.Write<std::uint64_t>(block->streamIds.size());
-            writer.Write(std::span<const std::uint64_t>(block->streamIds));
+            writer.WriteAll(std::span<const std::uint64_t>(block->streamIds));
         }
     }
     writer.Write(fragments_.Count());
-    fragments_.ForEachRun([&writer](std::span<const TailFragment> run) { writer.Write(run); });
+    fragments_.ForEachRun([&writer](std::span<const TailFragment> run) { writer.WriteAll(run); });
     writer.Flush();
     return true;
 }

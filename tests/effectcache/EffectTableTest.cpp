@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <random>
@@ -10,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "effectcache/AllocationFault.h"
 #include "effectcache/IndexEntry.h"
 #include "effectcache/PendingEffect.h"
 
@@ -17,6 +17,7 @@ namespace Quorvel {
 
 namespace {
 
+using Testing::AllocationFault;
 using Table = EffectTable<IndexEntry>;
 
 EffectKey KeyOf(const std::string& name) {
@@ -36,11 +37,15 @@ IndexEntry* Make(Table& table, const std::string& name, std::uint64_t streamId) 
 }
 
 void Put(Table& table, const std::string& name, std::uint64_t streamId) {
-    table.Put(Make(table, name, streamId));
+    table.Put(Make(table, name, streamId), KeyOf(name).Hash());
 }
 
 void Append(Table& table, const std::string& name, std::uint64_t streamId) {
     table.Append(Make(table, name, streamId));
+}
+
+IndexEntry* Find(const Table& table, const std::string& name) {
+    return table.Find(KeyOf(name), KeyOf(name).Hash());
 }
 
 std::vector<std::string> Names(const Table& table) {
@@ -54,7 +59,7 @@ std::vector<std::string> Names(const Table& table) {
 TEST(EffectTable, HoldsNothingAtFirst) {
     const Table table;
     EXPECT_EQ(table.Size(), 0u);
-    EXPECT_EQ(table.Find(KeyOf("a")), nullptr);
+    EXPECT_EQ(Find(table, "a"), nullptr);
     EXPECT_TRUE(table.Entries().empty());
 }
 
@@ -62,10 +67,10 @@ TEST(EffectTable, FindsEntriesByName) {
     Table table;
     Put(table, "one", 1);
     Put(table, "two", 2);
-    ASSERT_NE(table.Find(KeyOf("two")), nullptr);
-    EXPECT_EQ(table.Find(KeyOf("two"))->record.streamId, 2u);
-    EXPECT_EQ(table.Find(KeyOf("one"))->record.streamId, 1u);
-    EXPECT_EQ(table.Find(KeyOf("three")), nullptr);
+    ASSERT_NE(Find(table, "two"), nullptr);
+    EXPECT_EQ(Find(table, "two")->record.streamId, 2u);
+    EXPECT_EQ(Find(table, "one")->record.streamId, 1u);
+    EXPECT_EQ(Find(table, "three"), nullptr);
     EXPECT_EQ(table.Size(), 2u);
 }
 
@@ -85,14 +90,14 @@ TEST(EffectTable, TellsNamesOfOneHashApart) {
     const auto [first, second] = NamesOfOneHash();
     Table table;
     Put(table, first, 1);
-    EXPECT_EQ(table.Find(KeyOf(second)), nullptr);
+    EXPECT_EQ(Find(table, second), nullptr);
     Put(table, second, 2);
     EXPECT_EQ(table.Size(), 2u);
-    EXPECT_EQ(table.Find(KeyOf(first))->record.streamId, 1u);
-    EXPECT_EQ(table.Find(KeyOf(second))->record.streamId, 2u);
-    table.Remove(table.Find(KeyOf(first)));
-    EXPECT_EQ(table.Find(KeyOf(first)), nullptr);
-    EXPECT_EQ(table.Find(KeyOf(second))->record.streamId, 2u);
+    EXPECT_EQ(Find(table, first)->record.streamId, 1u);
+    EXPECT_EQ(Find(table, second)->record.streamId, 2u);
+    table.Remove(Find(table, first));
+    EXPECT_EQ(Find(table, first), nullptr);
+    EXPECT_EQ(Find(table, second)->record.streamId, 2u);
 }
 
 TEST(EffectTable, SettledItListsThemInTheOrderOfKeys) {
@@ -117,7 +122,7 @@ TEST(EffectTable, EntryTakesThePlaceOfTheOneThatHadItsName) {
     table.Settle();
     Put(table, "a", 3);
     EXPECT_EQ(table.Size(), 2u);
-    EXPECT_EQ(table.Find(KeyOf("a"))->record.streamId, 3u);
+    EXPECT_EQ(Find(table, "a")->record.streamId, 3u);
     table.Settle();
     EXPECT_EQ(Names(table), (std::vector<std::string>{"a", "b"}));
     EXPECT_EQ(table.Entries()[0]->record.streamId, 3u);
@@ -127,38 +132,39 @@ TEST(EffectTable, RemovedEntryIsGone) {
     Table table;
     Put(table, "a", 1);
     Put(table, "b", 2);
-    table.Remove(table.Find(KeyOf("a")));
-    EXPECT_EQ(table.Find(KeyOf("a")), nullptr);
+    table.Remove(Find(table, "a"));
+    EXPECT_EQ(Find(table, "a"), nullptr);
     EXPECT_EQ(table.Size(), 1u);
     table.Settle();
     EXPECT_EQ(Names(table), (std::vector<std::string>{"b"}));
     Put(table, "a", 4);
-    table.Remove(table.Find(KeyOf("a")));
+    table.Remove(Find(table, "a"));
     Put(table, "a", 5);
     table.Settle();
     EXPECT_EQ(Names(table), (std::vector<std::string>{"a", "b"}));
-    EXPECT_EQ(table.Find(KeyOf("a"))->record.streamId, 5u);
+    EXPECT_EQ(Find(table, "a")->record.streamId, 5u);
 }
 
-TEST(EffectTable, EntryStaysWhereItIsUntilItSettles) {
+TEST(EffectTable, EntryStaysWhereItIs) {
     Table table;
     Put(table, "stays", 1);
-    const IndexEntry* const entry = table.Find(KeyOf("stays"));
+    const IndexEntry* const entry = Find(table, "stays");
     for (int index = 0; index < 1000; ++index) {
         Put(table, std::to_string(index), 0);
     }
-    EXPECT_EQ(table.Find(KeyOf("stays")), entry);
+    table.Settle();
+    EXPECT_EQ(Find(table, "stays"), entry);
 }
 
 TEST(EffectTable, AppendedEntryIsFoundOnceSettled) {
     Table table;
     Put(table, "b", 1);
     Append(table, "a", 2);
-    EXPECT_EQ(table.Find(KeyOf("a")), nullptr);
+    EXPECT_EQ(Find(table, "a"), nullptr);
     EXPECT_EQ(table.Size(), 1u);
     table.Settle();
-    ASSERT_NE(table.Find(KeyOf("a")), nullptr);
-    EXPECT_EQ(table.Find(KeyOf("a"))->record.streamId, 2u);
+    ASSERT_NE(Find(table, "a"), nullptr);
+    EXPECT_EQ(Find(table, "a")->record.streamId, 2u);
     EXPECT_EQ(Names(table), (std::vector<std::string>{"a", "b"}));
 }
 
@@ -169,10 +175,10 @@ TEST(EffectTable, OfSeveralAppendedEntriesWithOneNameTheLastStays) {
     }
     table.Settle();
     EXPECT_EQ(Names(table), (std::vector<std::string>{"odd", "even"}));
-    EXPECT_EQ(table.Find(KeyOf("even"))->record.streamId, 38u);
-    EXPECT_EQ(table.Find(KeyOf("odd"))->record.streamId, 39u);
-    EXPECT_EQ(table.Entries()[0], table.Find(KeyOf("odd")));
-    EXPECT_EQ(table.Entries()[1], table.Find(KeyOf("even")));
+    EXPECT_EQ(Find(table, "even")->record.streamId, 38u);
+    EXPECT_EQ(Find(table, "odd")->record.streamId, 39u);
+    EXPECT_EQ(table.Entries()[0], Find(table, "odd"));
+    EXPECT_EQ(table.Entries()[1], Find(table, "even"));
 }
 
 TEST(EffectTable, PutComesBehindWhatWasAppendedBefore) {
@@ -180,10 +186,10 @@ TEST(EffectTable, PutComesBehindWhatWasAppendedBefore) {
     Append(table, "a", 1);
     Put(table, "a", 2);
     EXPECT_EQ(table.Size(), 1u);
-    EXPECT_EQ(table.Find(KeyOf("a"))->record.streamId, 2u);
+    EXPECT_EQ(Find(table, "a")->record.streamId, 2u);
     table.Settle();
     EXPECT_EQ(Names(table), (std::vector<std::string>{"a"}));
-    EXPECT_EQ(table.Find(KeyOf("a"))->record.streamId, 2u);
+    EXPECT_EQ(Find(table, "a")->record.streamId, 2u);
 }
 
 TEST(EffectTable, CountsTheBytesOfItsEntries) {
@@ -194,7 +200,7 @@ TEST(EffectTable, CountsTheBytesOfItsEntries) {
     EXPECT_EQ(table.TotalBytes(), 53u + 55u);
     Put(table, "a", 3);
     EXPECT_EQ(table.TotalBytes(), 53u + 55u);
-    table.Remove(table.Find(KeyOf("bcd")));
+    table.Remove(Find(table, "bcd"));
     EXPECT_EQ(table.TotalBytes(), 53u);
     Append(table, "ab", 4);
     table.Settle();
@@ -205,6 +211,19 @@ TEST(EffectTable, CountsTheBytesOfItsEntries) {
 }
 
 // A cache that saves for years must not grow by what it replaces.
+TEST(EffectTable, PutAfterMakeRoomTakesNoMemory) {
+    Table table;
+    for (std::uint64_t id = 0; id < 1000; ++id) {
+        const std::string name = std::to_string(id % 300);
+        table.MakeRoom();
+        IndexEntry* const entry = Make(table, name, id);
+        const AllocationFault none(0);
+        table.Put(entry, KeyOf(name).Hash());
+        ASSERT_FALSE(none.HasFailed()) << id;
+    }
+    EXPECT_EQ(table.Size(), 300u);
+}
+
 TEST(EffectTable, GivesTheMemoryOfRemovedEntriesBack) {
     Table table;
     for (std::uint64_t round = 0; round < 50; ++round) {
@@ -212,9 +231,10 @@ TEST(EffectTable, GivesTheMemoryOfRemovedEntriesBack) {
             Put(table, "name " + std::to_string(name), 500 * round + static_cast<unsigned>(name));
         }
         table.Settle();
+        table.Pack();
         ASSERT_LE(table.HeldBytes(), 2 * table.TotalBytes() + 0x10000);
         for (const IndexEntry* const entry : table.Entries()) {
-            ASSERT_EQ(table.Find(entry->Key()), entry);
+            ASSERT_EQ(Find(table, NameOf(*entry)), entry);
             ASSERT_EQ("name " + std::to_string(entry->record.streamId - 500 * round),
                       NameOf(*entry));
         }
@@ -232,8 +252,8 @@ TEST(EffectTable, KeepsItsEntriesWhenRoomIsMade) {
         Put(table, "name " + std::to_string(index), index);
     }
     EXPECT_EQ(table.Size(), 202u);
-    EXPECT_EQ(table.Find(KeyOf("a"))->record.streamId, 1u);
-    EXPECT_EQ(table.Find(KeyOf("name 199"))->record.streamId, 199u);
+    EXPECT_EQ(Find(table, "a")->record.streamId, 1u);
+    EXPECT_EQ(Find(table, "name 199")->record.streamId, 199u);
 }
 
 TEST(EffectTable, IsEmptyOnceCleared) {
@@ -241,7 +261,7 @@ TEST(EffectTable, IsEmptyOnceCleared) {
     Put(table, "a", 1);
     table.Clear();
     EXPECT_EQ(table.Size(), 0u);
-    EXPECT_EQ(table.Find(KeyOf("a")), nullptr);
+    EXPECT_EQ(Find(table, "a"), nullptr);
     EXPECT_TRUE(table.Entries().empty());
     Put(table, "b", 2);
     table.Settle();
@@ -254,13 +274,13 @@ TEST(EffectTable, RecycledItIsEmptyAndCanBeFilledAgain) {
         for (int name = 0; name < 300; ++name) {
             Put(table, std::to_string(name), static_cast<std::uint64_t>(round));
         }
-        table.Remove(table.Find(KeyOf("5")));
+        table.Remove(Find(table, "5"));
         Append(table, "appended", 0);
         table.Recycle();
         EXPECT_EQ(table.Size(), 0u);
         EXPECT_EQ(table.TotalBytes(), 0u);
         EXPECT_EQ(table.HeldBytes(), 0u);
-        EXPECT_EQ(table.Find(KeyOf("7")), nullptr);
+        EXPECT_EQ(Find(table, "7"), nullptr);
         EXPECT_TRUE(table.Entries().empty());
     }
     Put(table, "b", 1);
@@ -268,12 +288,12 @@ TEST(EffectTable, RecycledItIsEmptyAndCanBeFilledAgain) {
     table.DropSpare();
     table.Settle();
     EXPECT_EQ(Names(table), (std::vector<std::string>{"a", "b"}));
-    EXPECT_EQ(table.Find(KeyOf("a"))->record.streamId, 2u);
+    EXPECT_EQ(Find(table, "a")->record.streamId, 2u);
     table.Recycle();
     table.DropSpare();
-    EXPECT_EQ(table.Find(KeyOf("a")), nullptr);
+    EXPECT_EQ(Find(table, "a"), nullptr);
     Put(table, "c", 3);
-    EXPECT_EQ(table.Find(KeyOf("c"))->record.streamId, 3u);
+    EXPECT_EQ(Find(table, "c")->record.streamId, 3u);
 }
 
 // Long enough for slots to collide, wrap around and grow.
@@ -292,7 +312,7 @@ TEST(EffectTable, AgreesWithAMap) {
             expected[{name.size(), name}] = step;
             expected[{9, "behind it"}] = step;
         } else {
-            IndexEntry* const entry = table.Find(KeyOf(name));
+            IndexEntry* const entry = Find(table, name);
             ASSERT_EQ(entry != nullptr, expected.erase({name.size(), name}) != 0) << step;
             if (entry) {
                 table.Remove(entry);
@@ -300,6 +320,7 @@ TEST(EffectTable, AgreesWithAMap) {
         }
         if (random() % 400 == 0) {
             table.Settle();
+            table.Pack();
             ASSERT_EQ(table.Entries().size(), expected.size());
             auto next = expected.begin();
             for (const IndexEntry* const entry : table.Entries()) {
@@ -324,23 +345,6 @@ TEST(IndexEntry, IsItsBytesInTheIndex) {
                                           0xDB, 0x03, 0, 0,                                //
                                           0,    0,    0, 0, 0,  0, 0,  0,                  //
                                           2,    0,    0, 0, 0,  0, 0,  0, 'a', 'b'}));
-}
-
-TEST(PendingEffect, IsPackedWithOthersOnceMostAreRemoved) {
-    EffectTable<PendingEffect> table;
-    const std::vector<unsigned char> bytes(5000, 7);
-    for (int round = 0; round < 40; ++round) {
-        for (const char* const name : {"b", "a"}) {
-            const EffectKey key = KeyOf(name);
-            table.Put(PendingEffect::Make(table, key, key.Hash(), bytes, 0));
-        }
-    }
-    table.Settle();
-    EXPECT_EQ(table.HeldBytes(), 2 * ((sizeof(PendingEffect) + 1 + 5000 + 7) / 8 * 8));
-    ASSERT_EQ(table.Entries().size(), 2u);
-    EXPECT_EQ(table.Entries()[0], table.Find(KeyOf("a")));
-    EXPECT_EQ(table.Entries()[1], table.Find(KeyOf("b")));
-    EXPECT_TRUE(std::ranges::equal(table.Entries()[1]->Compiled(), bytes));
 }
 
 TEST(PendingEffect, HoldsCopiesOfNameAndBytes) {

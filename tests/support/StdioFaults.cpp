@@ -51,10 +51,11 @@ Fault fault;
 // Where the transfers of this thread are recorded; null when they aren't.
 thread_local std::vector<StdioTransfer>* trace = nullptr;
 
-// To be called before a transfer; what it returns, after one that worked.
+// Where the next transfer begins; 0 when nothing is recorded.
 std::uint64_t OffsetForTrace(std::FILE* file) {
     return trace ? static_cast<std::uint64_t>(__real_ftell(file)) : 0;
 }
+// Records a transfer that worked.
 void Record(StdioTransfer::Kind kind, std::uint64_t offset, std::uint64_t size) {
     if (trace) {
         trace->push_back({kind, offset, size});

@@ -59,7 +59,7 @@ struct StdioTransfer {
     friend bool operator==(const StdioTransfer&, const StdioTransfer&) = default;
 };
 
-// Records the transfers of the thread that made it while it lives. Only one may live at a time.
+// Records the transfers of the thread that made it while it lives; one a thread.
 class StdioTrace {
 public:
     StdioTrace();

@@ -123,7 +123,8 @@ TEST_F(EffectCacheTransfers, OfSavesWriteEachPageThatTheyRead) {
     EXPECT_TRUE(inMemory.empty());
 }
 
-// They follow from what is saved and from the format: fewer are left out, more are wasted.
+// The numbers follow from what is saved and from the format: with fewer transfers something is left
+// out, with more something is wasted.
 TEST_F(EffectCacheTransfers, OfAKnownSaveAreSoMany) {
     Format::LibraryCache cache(directory_);
     std::uint64_t end = FileSize();

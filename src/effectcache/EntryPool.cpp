@@ -35,7 +35,6 @@ void EntryPool::Clear() noexcept {
 void EntryPool::Recycle() noexcept {
     large_.clear();
     used_ = 0;
-    next_ = nullptr;
     left_ = 0;
     size_ = 0;
 }

@@ -234,6 +234,15 @@ TEST_F(BaseHeadFileSeekerTest, MovingFromAPageThatIsNotKnownYetIsRefused) {
     EXPECT_EQ(Moved(*reader_, {1, 16}, 0), (Place{true, 1, 16}));
 }
 
+// Offset 0 is inside the page's header, 16 bytes before its data, so the place lies in the page
+// before.
+TEST_F(BaseHeadFileSeekerTest, MovingFromTheStartOfAPageMakesThePageKnown) {
+    WriteHeaders({10, 11, 12}, kFirst + kLater + 5, 21);
+    ASSERT_TRUE(reader_->OpenHeadFile());
+    EXPECT_EQ(Moved(*reader_, {1, 0}, 0), (Place{true, 0, 8192 - 16}));
+    EXPECT_EQ(reader_->pageNumbers[1], 11u);
+}
+
 namespace {
 
 class ConstantPlaceSeeker : public HeadFileWriteOnlySeeker {

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,9 @@ struct NamedLayout {
     std::string name;
     PackageLayout layout;
 };
+inline void PrintTo(const NamedLayout& named, std::ostream* out) {
+    *out << named.name;
+}
 const std::vector<NamedLayout>& AllLayouts();
 
 // Effects of many sizes under names of many lengths.

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <ostream>
 #include <string>
 
 #include "format/LibraryPackage.h"
@@ -94,6 +95,15 @@ protected:
 private:
     std::uint64_t seed_ = 0;
 };
+
+// A way to damage a package, for INSTANTIATE_TEST_SUITE_P.
+struct Damage {
+    std::string name;
+    void (*apply)(Format::PackageImage&);
+};
+inline void PrintTo(const Damage& damage, std::ostream* out) {
+    *out << damage.name;
+}
 
 // The error code of the FileIOException that an operation throws; nothing else may come out of it.
 template <typename Operation>

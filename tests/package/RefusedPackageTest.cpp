@@ -48,11 +48,6 @@ protected:
     Bytes file_;
 };
 
-struct Damage {
-    std::string name;
-    void (*apply)(PackageImage&);
-};
-
 class RefusedState : public RefusedPackageTest, public ::testing::WithParamInterface<Damage> {};
 
 std::string NameOf(const ::testing::TestParamInfo<Damage>& damage) {

@@ -1,5 +1,4 @@
 // Packages that load, but whose pages or tails belong to two, or to nobody.
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -25,15 +24,6 @@ protected:
         package_->Commit();
     }
 };
-
-struct Damage {
-    std::string name;
-    void (*apply)(PackageImage&);
-};
-
-void PrintTo(const Damage& damage, std::ostream* out) {
-    *out << damage.name;
-}
 
 class UnsoundPackage : public SoundnessTest, public ::testing::WithParamInterface<Damage> {};
 

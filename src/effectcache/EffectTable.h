@@ -198,6 +198,7 @@ private:
 
     // Entries are aligned, packed records too: so they are read faster.
     static constexpr std::size_t kAlignment = 8;
+    static_assert(std::has_single_bit(kAlignment));
     static constexpr std::size_t kNoSlot = ~std::size_t{0};
     static constexpr std::size_t kFewestSlots = 64;
     static constexpr std::size_t kLeastWaste = 0x10000;

@@ -444,15 +444,20 @@ Util::RefPtr<IDataStream> PagedFilePackage::OpenDataStream(std::uint64_t id) {
         return {};
     }
     CheckPagesOfStream(*extent, tail);
-    const Util::RefPtr<ChildFileSeeker> seeker =
-        spareSeeker_ ? std::exchange(spareSeeker_, {})
-                     : Util::RefPtr<ChildFileSeeker>(new ChildFileSeeker);
+    const Util::RefPtr<ChildFileSeeker> seeker = TakeSeeker();
     if (!seeker->Attach(allocator_, *extent, tail)) {
         return {};
     }
     const Util::RefPtr<ChildFileStream> stream(new ChildFileStream(this, id, cache_.get(), seeker));
     EnterOpenStream(id, stream.Get());
     return stream;
+}
+
+Util::RefPtr<ChildFileSeeker> PagedFilePackage::TakeSeeker() {
+    if (spareSeeker_) {
+        return std::exchange(spareSeeker_, {});
+    }
+    return Util::RefPtr<ChildFileSeeker>(new ChildFileSeeker);
 }
 
 // Refuses a stream whose chain returns to itself, so that a small file seems to hold a stream of

@@ -101,6 +101,7 @@ private:
     void ReleaseStreamPages();
     bool WriteState();
 
+    Util::RefPtr<ChildFileSeeker> TakeSeeker();
     void EnterOpenStream(std::uint64_t id, ChildFileStream* stream);
     std::uint64_t AllocateChain(std::uint64_t count, std::uint64_t* pages = nullptr);
     void FreeChain(std::uint64_t firstPage);

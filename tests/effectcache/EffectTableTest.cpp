@@ -296,6 +296,27 @@ TEST(EffectTable, RecycledItIsEmptyAndCanBeFilledAgain) {
     EXPECT_EQ(Find(table, "c")->record.streamId, 3u);
 }
 
+TEST(EffectTable, StaysAsItIsWithoutMemoryToPackItsEntries) {
+    Table table;
+    for (std::uint64_t id = 0; id < 3000; ++id) {
+        Put(table, "name " + std::to_string(id % 10), id);
+    }
+    table.Settle();
+    const std::vector<IndexEntry*> entries = table.Entries();
+    const std::uint64_t held = table.HeldBytes();
+    for (std::uint64_t granted = 0; granted < 2; ++granted) {
+        const AllocationFault fault(granted);
+        table.Pack();
+        ASSERT_TRUE(fault.HasFailed());
+    }
+    EXPECT_EQ(table.HeldBytes(), held);
+    EXPECT_EQ(table.Entries(), entries);
+    EXPECT_EQ(Find(table, "name 7"), entries[7]);
+    table.Pack();
+    EXPECT_LT(table.HeldBytes(), held);
+    EXPECT_EQ(Find(table, "name 7")->record.streamId, 2997u);
+}
+
 // Long enough for slots to collide, wrap around and grow.
 TEST(EffectTable, AgreesWithAMap) {
     std::minstd_rand random(9);

@@ -154,6 +154,10 @@ INSTANTIATE_TEST_SUITE_P(
         {"ListOfAStreamWithoutATail", [](PackageImage& image) { image.blocks[0].streams[0] = 20; }},
         {"ListOfOneStreamTooMany",
          [](PackageImage& image) { image.blocks[0].streams.push_back(20); }},
+        {"ListOfAStreamTwice",
+         [](PackageImage& image) {
+             image.blocks[0].streams.push_back(image.blocks[0].streams[0]);
+         }},
         {"ListOfAStreamOfAnotherBlock",
          [](PackageImage& image) {
              AddEmptyBlock(image);

@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "effectcache/EffectCacheImpl.h"
+#include "effectcache/IndexReader.h"
 #include "effectcache/StreamHelpers.h"
 #include "package/PagedFilePackage.h"
-#include "package/StreamTransfer.h"
 #include "platform/DiskSpace.h"
 #include "quorvel/Exceptions.h"
 #include "quorvel/FilePackage.h"
@@ -43,6 +43,36 @@ constexpr std::size_t kIndexPieceSize = 16384;
 constexpr std::size_t kEntriesAhead = 8;
 
 }  // namespace
+
+// Which streams hold effects, as an index says. An effect without a stream is never found, and does
+// no harm before the next change.
+class EffectCacheImpl::StreamClaims {
+public:
+    StreamClaims(const PagedFilePackage& package, std::uint64_t indexStreamId)
+        : package_(package), isTaken_(kStreamLimit + 1) {
+        Claim(indexStreamId);
+    }
+
+    void Claim(std::uint64_t id) {
+        if (!package_.HasStream(id)) {
+            anyMissing_ = true;
+        } else if (isTaken_[id]) {
+            areDistinct_ = false;
+        } else {
+            isTaken_[id] = true;
+        }
+    }
+
+    // Whether no stream has been claimed twice, and whether some stream is missing.
+    bool AreDistinct() const { return areDistinct_; }
+    bool AnyMissing() const { return anyMissing_; }
+
+private:
+    const PagedFilePackage& package_;
+    std::vector<bool> isTaken_;
+    bool areDistinct_ = true;
+    bool anyMissing_ = false;
+};
 
 // ---- Opening, creating, letting go --------------------------------------------------------------
 
@@ -198,14 +228,16 @@ bool EffectCacheImpl::LoadIndex() {
         fileTable_.Recycle();
     }
     bool isComplete = false;
+    StreamClaims claims(Internals(package_), header_.indexStreamId);
     try {
-        isComplete = ReadIndex(*stream);
+        isComplete = ReadIndex(*stream, claims);
     } catch (...) {
         // What was read before the failure is counted all the same.
     }
     fileTable_.Settle();
     fileTable_.DropSpare();
-    if (!isComplete || !CheckStreams()) {
+    lacksStreams_ = claims.AnyMissing();
+    if (!isComplete || !(claims.AreDistinct() || HaveDistinctStreams())) {
         return false;
     }
     stream.Reset();
@@ -216,48 +248,29 @@ bool EffectCacheImpl::LoadIndex() {
     return !Internals(package_).HasChanges() || CommitTables();
 }
 
-bool EffectCacheImpl::ReadIndex(IDataStream& stream) {
-    constexpr std::uint64_t kSmallestEntry = IndexEntrySize(kShortestName);
-    StateReader reader(stream);
+bool EffectCacheImpl::ReadIndex(IDataStream& stream, StreamClaims& claims) {
     // A damaged file may count more effects than it can hold.
-    const std::uint64_t recordCount = header_.recordCount;  // no reference to a packed field
-    fileTable_.Reserve(std::min(recordCount, kStreamLimit));
-    for (std::uint64_t index = 0; index < header_.recordCount; ++index) {
-        reader.Expect((header_.recordCount - index) * kSmallestEntry);
-        const auto entry = reader.Read<IndexEntry>();
-        const EffectRecord& record = entry.record;
-        if (record.nameLength < kShortestName || record.nameLength > kLongestName ||
-            record.effectSize < kSmallestEffect || record.effectSize > kLargestEffect ||
-            entry.nameLength != record.nameLength) {
+    const std::uint64_t count = header_.recordCount;  // no reference to a packed field
+    fileTable_.Reserve(std::min(count, kStreamLimit));
+    IndexReader reader(stream, fileTable_, count);
+    for (std::uint64_t index = 0; index < count; ++index) {
+        const IndexEntry* const entry = reader.ReadNext();
+        if (!entry) {
             return false;
         }
-        IndexEntry* const kept = IndexEntry::MakeUnnamed(fileTable_, record);
-        if (!reader.TryRead(kept->Name(), record.nameLength)) {
-            return false;
-        }
-        fileTable_.Append(kept);
+        claims.Claim(entry->record.streamId);
     }
     return true;
 }
 
-// False when a stream is said to hold two effects, or an effect and the index. An effect without a
-// stream is never found, and does no harm before the next change.
-bool EffectCacheImpl::CheckStreams() {
-    const PagedFilePackage& package = Internals(package_);
-    std::vector<bool> isTaken(kStreamLimit + 1);
-    isTaken[header_.indexStreamId] = true;
-    lacksStreams_ = false;
+// Whether no stream is said to hold two effects, or an effect and the index, when those that others
+// of their names replaced don't count.
+bool EffectCacheImpl::HaveDistinctStreams() const {
+    StreamClaims claims(Internals(package_), header_.indexStreamId);
     for (const IndexEntry* const entry : fileTable_.Entries()) {
-        const std::uint64_t id = entry->record.streamId;
-        if (!package.HasStream(id)) {
-            lacksStreams_ = true;
-        } else if (isTaken[id]) {
-            return false;
-        } else {
-            isTaken[id] = true;
-        }
+        claims.Claim(entry->record.streamId);
     }
-    return true;
+    return claims.AreDistinct();
 }
 
 // Forgets the effects whose streams are missing and whose ids may be given to new streams now, the

@@ -57,6 +57,8 @@ private:
     void ClearState();
 
     // SaveToFile, except that the queue keeps its memory, up to some 2 MiB, for the next effects.
+    class StreamClaims;
+
     bool SavePending() noexcept;
 
     bool ReadEffect(EffectRecord& record, Tab<unsigned char>& data);
@@ -69,9 +71,9 @@ private:
     bool SyncWithFile(const AutoMutex& guard) noexcept;
     bool ReadHeader();
     bool WriteHeader();
-    bool ReadIndex(IDataStream& stream);
+    bool ReadIndex(IDataStream& stream, StreamClaims& claims);
     bool LoadIndex();
-    bool CheckStreams();
+    bool HaveDistinctStreams() const;
     void DropEffectsWithoutStream();
     bool WriteIndex();
     Util::RefPtr<IDataStream> OpenIndexForWriting(std::uint64_t size);

@@ -1,6 +1,7 @@
 #include "effectcache/EffectRecord.h"
 
-#include <tuple>
+#include <array>
+#include <cstdint>
 
 #include "platform/Clock.h"
 
@@ -13,8 +14,8 @@ EntryTime CurrentEntryTime() noexcept {
 
 bool IsEarlier(const EntryTime& left, const EntryTime& right) noexcept {
     const auto fields = [](const EntryTime& time) {
-        return std::make_tuple(time.year, time.month, time.day, time.hour, time.minute, time.second,
-                               time.milliseconds);
+        return std::array<std::uint32_t, 7>{time.year,   time.month,  time.day,         time.hour,
+                                            time.minute, time.second, time.milliseconds};
     };
     return fields(left) < fields(right);
 }

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <span>
 #include <type_traits>
 #include <vector>
 
@@ -66,6 +67,13 @@ public:
     // table's until Clear or Recycle, put or not. Throws std::bad_alloc, changing nothing.
     void* Allocate(std::size_t size) { return pool_.Allocate(PieceSize(size)); }
 
+    // Memory in which entries may be filled before Allocate gives it out: EntryPool::Room. For
+    // entries that may stand at any address.
+    std::span<std::byte> Room(std::size_t size, std::size_t kept) {
+        static_assert(alignof(Entry) == 1);
+        return pool_.Room(size, kept);
+    }
+
     // Makes room for one entry, so that the next Put can't fail: to be called before the entry's
     // memory is taken. Throws std::bad_alloc; no entry is lost.
     void MakeRoom() {
@@ -87,9 +95,14 @@ public:
         Enter(hash);
     }
 
-    // Adds an entry as Put does, except that it is neither found nor counted before the next Put or
-    // Settle: the fast way to add many. Throws std::bad_alloc, changing nothing.
-    void Append(Entry* entry) { order_.push_back(entry); }
+    // Adds an entry as Put does, except that it need not be found or counted before the next Put or
+    // Settle: the fast way to add many. Throws std::bad_alloc, without adding it.
+    void Append(Entry* entry) {
+        if (order_.size() - enteredCount_ == kBatch) {
+            EnterAppended();
+        }
+        order_.push_back(entry);
+    }
 
     // Removes an entry that Find finds. Throws std::bad_alloc, changing nothing.
     void Remove(Entry* entry) {
@@ -115,11 +128,8 @@ public:
         if (sortedCount_ == order_.size() && removed_.empty()) {
             return;
         }
-        std::vector<Entry*> settled;
-        settled.reserve(order_.size());
-        MergeInto(settled);
-        DropRemovedFrom(settled);
-        order_.swap(settled);
+        MergeAdded();
+        DropRemoved();
         sortedCount_ = order_.size();
         enteredCount_ = order_.size();
         removed_.clear();
@@ -196,15 +206,13 @@ private:
     };
 #pragma pack(pop)
 
-    // Entries are aligned, packed records too: so they are read faster.
-    static constexpr std::size_t kAlignment = 8;
-    static_assert(std::has_single_bit(kAlignment));
     static constexpr std::size_t kNoSlot = ~std::size_t{0};
     static constexpr std::size_t kFewestSlots = 64;
     static constexpr std::size_t kLeastWaste = 0x10000;
+    static constexpr std::size_t kBatch = 16;
 
     static constexpr std::size_t PieceSize(std::size_t size) {
-        return (size + kAlignment - 1) / kAlignment * kAlignment;
+        return (size + alignof(Entry) - 1) / alignof(Entry) * alignof(Entry);
     }
 
     void Forget() noexcept {
@@ -286,13 +294,14 @@ private:
         ++enteredCount_;
     }
 
-    // Goes in batches, so that the slots of a batch are fetched from memory together.
+    // The slots of a batch are fetched from memory together, while the entries, which have just
+    // been filled, are still at hand.
     void EnterAppended() {
         if (enteredCount_ == order_.size()) {
             return;
         }
         MakeRoomForSlots(order_.size() - enteredCount_);
-        std::array<std::uint32_t, 16> hashes;
+        std::array<std::uint32_t, kBatch> hashes;
         while (enteredCount_ < order_.size()) {
             const std::size_t count = std::min(hashes.size(), order_.size() - enteredCount_);
             for (std::size_t index = 0; index < count; ++index) {
@@ -327,37 +336,53 @@ private:
                        [](const Item& item) { return item.entry; });
     }
 
-    // All entries in order; those of one name in order of arrival. As a rule few are new among
-    // many: the places of the new ones are searched for.
-    void MergeInto(std::vector<Entry*>& settled) {
-        const auto added = order_.begin() + static_cast<std::ptrdiff_t>(sortedCount_);
+    // Puts all entries in order; those of one name stay in order of arrival. As a rule few are new
+    // among many: the places of the new ones are searched for, and it goes from the last one to the
+    // first, so that each of the others moves once.
+    void MergeAdded() {
         SortAdded();
-        auto old = order_.begin();
-        for (auto fresh = added; fresh != order_.end(); ++fresh) {
-            const auto place = std::upper_bound(old, added, *fresh, IsBefore);
-            settled.insert(settled.end(), old, place);
-            settled.push_back(*fresh);
+        auto old = order_.begin() + static_cast<std::ptrdiff_t>(sortedCount_);
+        const std::vector<Entry*> added(old, order_.end());
+        auto merged = order_.end();
+        for (auto fresh = added.rbegin(); fresh != added.rend(); ++fresh) {
+            const auto place = PlaceOf(*fresh, old);
+            merged = std::move_backward(place, old, merged);
+            *--merged = *fresh;
             old = place;
         }
-        settled.insert(settled.end(), old, added);
+        sortedCount_ = order_.size();
+    }
+
+    // Where an entry goes among the sorted ones before `end`; mostly that is near.
+    auto PlaceOf(const Entry* entry, typename std::vector<Entry*>::iterator end) {
+        std::ptrdiff_t step = 1;
+        while (end != order_.begin()) {
+            const auto probe = end - std::min(step, end - order_.begin());
+            if (!IsBefore(entry, *probe)) {
+                return std::upper_bound(probe + 1, end, entry, IsBefore);
+            }
+            end = probe;
+            step *= 2;
+        }
+        return end;
     }
 
     // Goes from the last name to the first, so that what is still to be searched has no gaps.
-    void DropRemovedFrom(std::vector<Entry*>& settled) {
+    void DropRemoved() {
         if (removed_.empty()) {
             return;
         }
         std::sort(removed_.begin(), removed_.end(), IsBefore);
-        auto end = settled.end();
+        auto end = order_.end();
         for (auto removed = removed_.rbegin(); removed != removed_.rend();) {
             const Entry* const name = *removed;
-            end = std::lower_bound(settled.begin(), end, name, IsBefore);
+            end = std::lower_bound(order_.begin(), end, name, IsBefore);
             for (auto place = end; removed != removed_.rend() && !IsBefore(*removed, name);
                  ++removed) {
                 *place++ = nullptr;
             }
         }
-        settled.erase(std::remove(settled.begin(), settled.end(), nullptr), settled.end());
+        order_.erase(std::remove(order_.begin(), order_.end(), nullptr), order_.end());
     }
 
     std::unique_ptr<Slot[]> slots_;

@@ -1,25 +1,40 @@
 #include "effectcache/EntryPool.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace Quorvel {
 
-std::byte* EntryPool::Allocate(std::size_t size) {
-    if (size > left_) {
-        if (size >= kLargePiece) {
-            std::byte* const piece = Add(large_, size);
-            size_ += size;
-            return piece;
-        }
-        next_ = used_ < blocks_.size() ? blocks_[used_].get() : Add(blocks_, kBlockSize);
-        left_ = kBlockSize;
-        ++used_;
+// A piece that the block being filled has no room for.
+std::byte* EntryPool::AllocateElsewhere(std::size_t size) {
+    if (size >= kLargePiece) {
+        std::byte* const piece = Add(large_, size);
+        size_ += size;
+        return piece;
     }
-    std::byte* const piece = next_;
-    next_ += size;
-    left_ -= size;
-    size_ += size;
-    return piece;
+    BeginBlock(size);
+    return Allocate(size);
+}
+
+std::span<std::byte> EntryPool::Room(std::size_t size, std::size_t kept) {
+    if (size > left_) {
+        const std::byte* const before = next_;
+        BeginBlock(size);
+        std::copy_n(before, kept, next_);
+    }
+    return {next_, left_};
+}
+
+// Goes on in a block with so much room.
+void EntryPool::BeginBlock(std::size_t size) {
+    if (size > kBlockSize) {
+        next_ = Add(large_, size);
+        left_ = size;
+        return;
+    }
+    next_ = used_ < blocks_.size() ? blocks_[used_].get() : Add(blocks_, kBlockSize);
+    left_ = kBlockSize;
+    ++used_;
 }
 
 std::byte* EntryPool::Add(std::vector<Block>& blocks, std::size_t size) {

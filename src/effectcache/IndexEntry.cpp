@@ -7,13 +7,9 @@ namespace Quorvel {
 
 IndexEntry* IndexEntry::Make(EffectTable<IndexEntry>& table, const EffectKey& key,
                              const EffectRecord& record) {
-    IndexEntry* const entry = MakeUnnamed(table, record);
-    std::memcpy(entry->Name(), key.bytes, key.length);
-    return entry;
-}
-
-IndexEntry* IndexEntry::MakeUnnamed(EffectTable<IndexEntry>& table, const EffectRecord& record) {
-    void* const memory = table.Allocate(IndexEntrySize(record.nameLength));
+    auto* const memory =
+        static_cast<unsigned char*>(table.Allocate(IndexEntrySize(record.nameLength)));
+    std::memcpy(memory + sizeof(IndexEntry), key.bytes, key.length);
     return ::new (memory) IndexEntry{record, record.nameLength};
 }
 

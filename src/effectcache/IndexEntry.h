@@ -15,16 +15,13 @@ namespace Quorvel {
 // An effect of the file, an entry of an EffectTable. In memory, too, it is the bytes that stand for
 // it in the index stream: the record, the length of the name once more, and the name behind it.
 struct IndexEntry {
-    // A new entry for a table, with its name, or one whose name is still to be filled in. The
-    // record states the length of the name. Throws std::bad_alloc.
+    // A new entry for a table. The record states the length of the name. Throws std::bad_alloc.
     static IndexEntry* Make(EffectTable<IndexEntry>& table, const EffectKey& key,
                             const EffectRecord& record);
-    static IndexEntry* MakeUnnamed(EffectTable<IndexEntry>& table, const EffectRecord& record);
 
     EffectKey Key() const {
         return {reinterpret_cast<const unsigned char*>(this + 1), record.nameLength};
     }
-    unsigned char* Name() { return reinterpret_cast<unsigned char*>(this + 1); }
     std::span<const unsigned char> Bytes() const {
         return {reinterpret_cast<const unsigned char*>(this), IndexEntrySize(record.nameLength)};
     }

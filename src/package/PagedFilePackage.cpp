@@ -208,8 +208,7 @@ bool PagedFilePackage::ClaimHeadFile(PageClaims& claims) {
 bool PagedFilePackage::ClaimStreams(PageClaims& claims) const {
     bool isSound = true;
     directory_.ForEach([&](const ChildFileExtent& stream) {
-        isSound =
-            isSound && claims.ClaimChain(stream.firstPage) && IsFragmentListed(stream.streamId);
+        isSound = isSound && claims.ClaimChain(stream.firstPage);
     });
     return isSound;
 }
@@ -234,7 +233,12 @@ bool PagedFilePackage::ClaimTailBlocks(PageClaims& claims) const {
     return true;
 }
 
+// Whether a block's list names all fragments of the block, in the order in which they lie in it,
+// without gaps.
 bool PagedFilePackage::AreFragmentsInOrder(const TailBlockRecord& block) const {
+    if (block.streamIds.size() != block.fragmentCount) {
+        return false;
+    }
     std::uint64_t end = 0;
     for (std::uint64_t index = 0; index < block.streamIds.size(); ++index) {
         const TailFragment* const fragment = tailBlocks_.FindFragment(block.streamIds[index]);
@@ -245,16 +249,6 @@ bool PagedFilePackage::AreFragmentsInOrder(const TailBlockRecord& block) const {
         end += fragment->length;
     }
     return end == kTailBlockSize - block.freeBytes;
-}
-
-// Whether a stream's fragment, if it has one, is the one that its block's list says.
-bool PagedFilePackage::IsFragmentListed(std::uint64_t streamId) const {
-    const TailFragment* const fragment = tailBlocks_.FindFragment(streamId);
-    if (!fragment) {
-        return true;
-    }
-    const std::vector<std::uint64_t>& list = tailBlocks_.FindBlock(fragment->blockId)->streamIds;
-    return fragment->listIndex < list.size() && list[fragment->listIndex] == streamId;
 }
 
 // ---- Commit -------------------------------------------------------------------------------------

@@ -118,7 +118,6 @@ private:
     bool ClaimStreams(PageClaims& claims) const;
     bool ClaimTailBlocks(PageClaims& claims) const;
     bool AreFragmentsInOrder(const TailBlockRecord& block) const;
-    bool IsFragmentListed(std::uint64_t streamId) const;
 
     bool dirty_;
     PagedFilePackageConfig config_;

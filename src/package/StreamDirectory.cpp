@@ -17,7 +17,8 @@ void StreamDirectory::Reset(std::uint64_t limit) {
 }
 
 void StreamDirectory::Store(std::uint64_t id, const ChildFileExtent& extent) {
-    if (id > limit_ || extent.wholePageCount > kPageCountLimit || !ids_.IsAllocated(id)) {
+    CheckRange(id, extent);
+    if (!ids_.IsAllocated(id)) {
         throw InvalidParameterException();
     }
     const ChildFileExtent* const replaced = records_.Find(id);
@@ -26,6 +27,12 @@ void StreamDirectory::Store(std::uint64_t id, const ChildFileExtent& extent) {
     record.streamId = id;
     records_.Put(id, record);
     totalBytes_ += record.byteSize - replacedBytes;
+}
+
+void StreamDirectory::CheckRange(std::uint64_t id, const ChildFileExtent& extent) const {
+    if (id > limit_ || extent.wholePageCount > kPageCountLimit) {
+        throw InvalidParameterException();
+    }
 }
 
 bool StreamDirectory::Remove(std::uint64_t id) {
@@ -58,7 +65,9 @@ bool StreamDirectory::Load(StateReader& reader, std::uint64_t limit) {
         if (!ids_.MarkAllocated(extent.streamId)) {
             throw FileDataCorruptException();
         }
-        Store(extent.streamId, extent);
+        CheckRange(extent.streamId, extent);
+        records_.Put(extent.streamId, extent);
+        totalBytes_ += extent.byteSize;
     }
     return true;
 }

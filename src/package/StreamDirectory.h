@@ -70,6 +70,8 @@ public:
     void Swap(StreamDirectory& other) noexcept;
 
 private:
+    void CheckRange(std::uint64_t id, const ChildFileExtent& extent) const;
+
     std::uint64_t limit_ = kDefaultStreamLimit;
     std::uint64_t totalBytes_ = 0;
     Corvane::IdentifierAllocator ids_;

@@ -4,7 +4,9 @@
 
 #include <cstdint>
 #include <map>
+#include <new>
 #include <random>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,6 +24,11 @@ using Table = EffectTable<IndexEntry>;
 
 EffectKey KeyOf(const std::string& name) {
     return {reinterpret_cast<const unsigned char*>(name.data()), name.size()};
+}
+
+// By value: the field may stand at any address.
+std::uint64_t StreamIdOf(const IndexEntry* entry) {
+    return entry->record.streamId;
 }
 
 std::string NameOf(const IndexEntry& entry) {
@@ -68,8 +75,8 @@ TEST(EffectTable, FindsEntriesByName) {
     Put(table, "one", 1);
     Put(table, "two", 2);
     ASSERT_NE(Find(table, "two"), nullptr);
-    EXPECT_EQ(Find(table, "two")->record.streamId, 2u);
-    EXPECT_EQ(Find(table, "one")->record.streamId, 1u);
+    EXPECT_EQ(StreamIdOf(Find(table, "two")), 2u);
+    EXPECT_EQ(StreamIdOf(Find(table, "one")), 1u);
     EXPECT_EQ(Find(table, "three"), nullptr);
     EXPECT_EQ(table.Size(), 2u);
 }
@@ -93,11 +100,11 @@ TEST(EffectTable, TellsNamesOfOneHashApart) {
     EXPECT_EQ(Find(table, second), nullptr);
     Put(table, second, 2);
     EXPECT_EQ(table.Size(), 2u);
-    EXPECT_EQ(Find(table, first)->record.streamId, 1u);
-    EXPECT_EQ(Find(table, second)->record.streamId, 2u);
+    EXPECT_EQ(StreamIdOf(Find(table, first)), 1u);
+    EXPECT_EQ(StreamIdOf(Find(table, second)), 2u);
     table.Remove(Find(table, first));
     EXPECT_EQ(Find(table, first), nullptr);
-    EXPECT_EQ(Find(table, second)->record.streamId, 2u);
+    EXPECT_EQ(StreamIdOf(Find(table, second)), 2u);
 }
 
 TEST(EffectTable, SettledItListsThemInTheOrderOfKeys) {
@@ -122,10 +129,10 @@ TEST(EffectTable, EntryTakesThePlaceOfTheOneThatHadItsName) {
     table.Settle();
     Put(table, "a", 3);
     EXPECT_EQ(table.Size(), 2u);
-    EXPECT_EQ(Find(table, "a")->record.streamId, 3u);
+    EXPECT_EQ(StreamIdOf(Find(table, "a")), 3u);
     table.Settle();
     EXPECT_EQ(Names(table), (std::vector<std::string>{"a", "b"}));
-    EXPECT_EQ(table.Entries()[0]->record.streamId, 3u);
+    EXPECT_EQ(StreamIdOf(table.Entries()[0]), 3u);
 }
 
 TEST(EffectTable, RemovedEntryIsGone) {
@@ -142,7 +149,7 @@ TEST(EffectTable, RemovedEntryIsGone) {
     Put(table, "a", 5);
     table.Settle();
     EXPECT_EQ(Names(table), (std::vector<std::string>{"a", "b"}));
-    EXPECT_EQ(Find(table, "a")->record.streamId, 5u);
+    EXPECT_EQ(StreamIdOf(Find(table, "a")), 5u);
 }
 
 TEST(EffectTable, EntryStaysWhereItIs) {
@@ -160,12 +167,53 @@ TEST(EffectTable, AppendedEntryIsFoundOnceSettled) {
     Table table;
     Put(table, "b", 1);
     Append(table, "a", 2);
-    EXPECT_EQ(Find(table, "a"), nullptr);
-    EXPECT_EQ(table.Size(), 1u);
     table.Settle();
+    EXPECT_EQ(table.Size(), 2u);
     ASSERT_NE(Find(table, "a"), nullptr);
-    EXPECT_EQ(Find(table, "a")->record.streamId, 2u);
+    EXPECT_EQ(StreamIdOf(Find(table, "a")), 2u);
     EXPECT_EQ(Names(table), (std::vector<std::string>{"a", "b"}));
+}
+
+TEST(EffectTable, EntriesThatWereAppendedInAnyOrderAreListedInTheOrderOfKeys) {
+    std::minstd_rand random(5);
+    Table table;
+    std::set<std::pair<std::size_t, std::string>> expected;
+    for (std::size_t round = 0; round < 60; ++round) {
+        for (std::size_t added = random() % 90; added > 0; --added) {
+            const std::string name = std::to_string(random() % 100000);
+            Append(table, name, round);
+            expected.emplace(name.size(), name);
+        }
+        table.Settle();
+        ASSERT_EQ(table.Size(), expected.size());
+        std::vector<std::string> names;
+        for (const auto& [length, name] : expected) {
+            names.push_back(name);
+        }
+        ASSERT_EQ(Names(table), names);
+    }
+}
+
+TEST(EffectTable, AppendedOrNotAtAll) {
+    Table table;
+    std::uint64_t appended = 0;
+    for (std::uint64_t id = 0; id < 2000; ++id) {
+        IndexEntry* const entry = Make(table, std::to_string(id % 700), id);
+        const AllocationFault fault(0);
+        try {
+            table.Append(entry);
+            ++appended;
+            ASSERT_FALSE(fault.HasFailed());
+        } catch (const std::bad_alloc&) {
+            table.Append(entry);
+        }
+    }
+    EXPECT_LT(appended, 2000u);
+    table.Settle();
+    ASSERT_EQ(table.Size(), 700u);
+    for (std::uint64_t id = 1300; id < 2000; ++id) {
+        ASSERT_EQ(StreamIdOf(Find(table, std::to_string(id % 700))), id);
+    }
 }
 
 TEST(EffectTable, OfSeveralAppendedEntriesWithOneNameTheLastStays) {
@@ -175,8 +223,8 @@ TEST(EffectTable, OfSeveralAppendedEntriesWithOneNameTheLastStays) {
     }
     table.Settle();
     EXPECT_EQ(Names(table), (std::vector<std::string>{"odd", "even"}));
-    EXPECT_EQ(Find(table, "even")->record.streamId, 38u);
-    EXPECT_EQ(Find(table, "odd")->record.streamId, 39u);
+    EXPECT_EQ(StreamIdOf(Find(table, "even")), 38u);
+    EXPECT_EQ(StreamIdOf(Find(table, "odd")), 39u);
     EXPECT_EQ(table.Entries()[0], Find(table, "odd"));
     EXPECT_EQ(table.Entries()[1], Find(table, "even"));
 }
@@ -186,10 +234,10 @@ TEST(EffectTable, PutComesBehindWhatWasAppendedBefore) {
     Append(table, "a", 1);
     Put(table, "a", 2);
     EXPECT_EQ(table.Size(), 1u);
-    EXPECT_EQ(Find(table, "a")->record.streamId, 2u);
+    EXPECT_EQ(StreamIdOf(Find(table, "a")), 2u);
     table.Settle();
     EXPECT_EQ(Names(table), (std::vector<std::string>{"a"}));
-    EXPECT_EQ(Find(table, "a")->record.streamId, 2u);
+    EXPECT_EQ(StreamIdOf(Find(table, "a")), 2u);
 }
 
 TEST(EffectTable, CountsTheBytesOfItsEntries) {
@@ -235,8 +283,7 @@ TEST(EffectTable, GivesTheMemoryOfRemovedEntriesBack) {
         ASSERT_LE(table.HeldBytes(), 2 * table.TotalBytes() + 0x10000);
         for (const IndexEntry* const entry : table.Entries()) {
             ASSERT_EQ(Find(table, NameOf(*entry)), entry);
-            ASSERT_EQ("name " + std::to_string(entry->record.streamId - 500 * round),
-                      NameOf(*entry));
+            ASSERT_EQ("name " + std::to_string(StreamIdOf(entry) - 500 * round), NameOf(*entry));
         }
     }
     EXPECT_EQ(table.Entries().size(), 500u);
@@ -252,8 +299,8 @@ TEST(EffectTable, KeepsItsEntriesWhenRoomIsMade) {
         Put(table, "name " + std::to_string(index), index);
     }
     EXPECT_EQ(table.Size(), 202u);
-    EXPECT_EQ(Find(table, "a")->record.streamId, 1u);
-    EXPECT_EQ(Find(table, "name 199")->record.streamId, 199u);
+    EXPECT_EQ(StreamIdOf(Find(table, "a")), 1u);
+    EXPECT_EQ(StreamIdOf(Find(table, "name 199")), 199u);
 }
 
 TEST(EffectTable, IsEmptyOnceCleared) {
@@ -288,12 +335,12 @@ TEST(EffectTable, RecycledItIsEmptyAndCanBeFilledAgain) {
     table.DropSpare();
     table.Settle();
     EXPECT_EQ(Names(table), (std::vector<std::string>{"a", "b"}));
-    EXPECT_EQ(Find(table, "a")->record.streamId, 2u);
+    EXPECT_EQ(StreamIdOf(Find(table, "a")), 2u);
     table.Recycle();
     table.DropSpare();
     EXPECT_EQ(Find(table, "a"), nullptr);
     Put(table, "c", 3);
-    EXPECT_EQ(Find(table, "c")->record.streamId, 3u);
+    EXPECT_EQ(StreamIdOf(Find(table, "c")), 3u);
 }
 
 TEST(EffectTable, StaysAsItIsWithoutMemoryToPackItsEntries) {
@@ -314,7 +361,7 @@ TEST(EffectTable, StaysAsItIsWithoutMemoryToPackItsEntries) {
     EXPECT_EQ(Find(table, "name 7"), entries[7]);
     table.Pack();
     EXPECT_LT(table.HeldBytes(), held);
-    EXPECT_EQ(Find(table, "name 7")->record.streamId, 2997u);
+    EXPECT_EQ(StreamIdOf(Find(table, "name 7")), 2997u);
 }
 
 // Long enough for slots to collide, wrap around and grow.
@@ -346,7 +393,7 @@ TEST(EffectTable, AgreesWithAMap) {
             auto next = expected.begin();
             for (const IndexEntry* const entry : table.Entries()) {
                 ASSERT_EQ(NameOf(*entry), next->first.second);
-                ASSERT_EQ(entry->record.streamId, next->second);
+                ASSERT_EQ(StreamIdOf(entry), next->second);
                 ++next;
             }
         }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 #include <random>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -83,6 +84,43 @@ TEST(EntryPool, RecycledItTakesPiecesFromTheSameBlocks) {
     pool.DropSpare();
     EXPECT_EQ(pool.Allocate(100), pieces[1]);
     EXPECT_EQ(pool.Size(), 200u);
+}
+
+std::byte* FillRoom(EntryPool& pool, std::size_t size, std::size_t kept, int value) {
+    const std::span<std::byte> room = pool.Room(size, kept);
+    EXPECT_GE(room.size(), size);
+    std::memset(room.data() + kept, value, size - kept);
+    return room.data();
+}
+
+TEST(EntryPool, PiecesAreTakenFromTheRoomInOrder) {
+    EntryPool pool;
+    const std::byte* const room = FillRoom(pool, 300, 0, 1);
+    EXPECT_EQ(pool.Size(), 0u);
+    EXPECT_EQ(pool.Allocate(100), room);
+    EXPECT_EQ(pool.Allocate(200), room + 100);
+    EXPECT_EQ(pool.Room(1, 0).data(), room + 300);
+    EXPECT_EQ(pool.Size(), 300u);
+}
+
+TEST(EntryPool, RoomThatMovesOnKeepsItsFirstBytes) {
+    EntryPool pool;
+    for (std::size_t size = 100;; size += 1000) {
+        std::byte* const room = FillRoom(pool, size, 0, 7);
+        const std::size_t more = pool.Room(size, 0).size() + 1;
+        const std::byte* const moved = FillRoom(pool, more, size, 8);
+        ASSERT_NE(moved, room);
+        ASSERT_TRUE(std::all_of(moved, moved + size,
+                                [](std::byte value) { return value == std::byte{7}; }));
+        ASSERT_EQ(pool.Allocate(more), moved);
+        ASSERT_EQ(pool.Size(), more);
+        if (size > 200000) {
+            break;
+        }
+        pool.Recycle();
+    }
+    pool.Allocate(10);
+    EXPECT_GE(pool.Room(1, 0).size(), 1u);
 }
 
 TEST(EntryPool, SwapExchangesPieces) {

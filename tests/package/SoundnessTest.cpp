@@ -151,6 +151,10 @@ INSTANTIATE_TEST_SUITE_P(
              image.blocks[0].streams.pop_back();
              image.blocks[0].freeBytes += image.fragments[3].length;
          }},
+        {"TailOfNoStreamThatIsNotListed",
+         [](PackageImage& image) {
+             image.fragments.push_back({20, 0, 4, image.fragments[3].offset, 1});
+         }},
         {"ListOfAStreamWithoutATail", [](PackageImage& image) { image.blocks[0].streams[0] = 20; }},
         {"ListOfOneStreamTooMany",
          [](PackageImage& image) { image.blocks[0].streams.push_back(20); }},

@@ -28,11 +28,8 @@ struct IndexEntry {
 
     // Hints that the entry will be read soon: as much of it as most names make of it.
     void Prefetch() const noexcept {
-        constexpr std::size_t kCacheLine = 64;
-        constexpr std::size_t kLines = 3;
-        for (std::size_t line = 0; line < kLines; ++line) {
-            Platform::Prefetch(reinterpret_cast<const unsigned char*>(this) + line * kCacheLine);
-        }
+        constexpr std::size_t kUsualSize = 192;
+        Platform::Prefetch(this, kUsualSize);
     }
 
     EffectRecord record;

@@ -9,6 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/Prefetch.h"
+
 namespace Quorvel {
 
 // Records by id, for ids that mostly are small and lie close together. They stand in chunks of
@@ -72,7 +74,12 @@ public:
     // other.
     template <typename Visitor>
     void ForEachRun(const Visitor& visit) const {
-        for (const std::unique_ptr<Chunk>& chunk : chunks_) {
+        for (std::size_t index = 0; index < chunks_.size(); ++index) {
+            // The chunks may stand anywhere in memory.
+            if (index + kChunksAhead < chunks_.size()) {
+                Platform::Prefetch(chunks_[index + kChunksAhead].get(), sizeof(Chunk));
+            }
+            const Chunk* const chunk = chunks_[index].get();
             for (unsigned left = chunk ? chunk->present : 0; left != 0;) {
                 const int first = std::countr_zero(left);
                 const int count = std::countr_one(left >> first);
@@ -90,6 +97,7 @@ public:
 private:
     static_assert(std::is_trivially_copyable_v<Record>);
     static constexpr std::uint64_t kChunkSize = 16;
+    static constexpr std::size_t kChunksAhead = 3;  // fetched from memory ahead of a walk
 
     struct Chunk {
         static std::uint16_t Bit(std::uint64_t id) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 namespace Quorvel::Platform {
 
@@ -13,9 +14,10 @@ inline void Prefetch([[maybe_unused]] const void* address) noexcept {
 }
 
 inline void Prefetch(const void* address, std::size_t size) noexcept {
-    constexpr std::size_t kCacheLine = 64;
-    for (std::size_t offset = 0; offset < size; offset += kCacheLine) {
-        Prefetch(static_cast<const char*>(address) + offset);
+    constexpr std::uintptr_t kCacheLine = 64;
+    const auto begin = reinterpret_cast<std::uintptr_t>(address);
+    for (std::uintptr_t offset = 0; offset < size; offset += kCacheLine) {
+        Prefetch(reinterpret_cast<const void*>(begin + offset));
     }
 }
 

@@ -54,11 +54,11 @@ public:
     bool SaveToFile() noexcept;
 
 private:
+    class StreamClaims;
+
     void ClearState();
 
     // SaveToFile, except that the queue keeps its memory, up to some 2 MiB, for the next effects.
-    class StreamClaims;
-
     bool SavePending() noexcept;
 
     bool ReadEffect(EffectRecord& record, Tab<unsigned char>& data);

@@ -350,7 +350,6 @@ private:
             *--merged = *fresh;
             old = place;
         }
-        sortedCount_ = order_.size();
     }
 
     // Where an entry goes among the sorted ones before `end`; mostly that is near.

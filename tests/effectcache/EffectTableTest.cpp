@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "effectcache/AllocationFault.h"
+#include "effectcache/IndexEntries.h"
 #include "effectcache/IndexEntry.h"
 #include "effectcache/PendingEffect.h"
 
@@ -20,20 +21,12 @@ namespace Quorvel {
 namespace {
 
 using Testing::AllocationFault;
+using Testing::NameOf;
+using Testing::StreamIdOf;
 using Table = EffectTable<IndexEntry>;
 
 EffectKey KeyOf(const std::string& name) {
     return {reinterpret_cast<const unsigned char*>(name.data()), name.size()};
-}
-
-// By value: the field may stand at any address.
-std::uint64_t StreamIdOf(const IndexEntry* entry) {
-    return entry->record.streamId;
-}
-
-std::string NameOf(const IndexEntry& entry) {
-    const EffectKey key = entry.Key();
-    return {reinterpret_cast<const char*>(key.bytes), key.length};
 }
 
 IndexEntry* Make(Table& table, const std::string& name, std::uint64_t streamId) {

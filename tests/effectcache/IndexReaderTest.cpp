@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "effectcache/AllocationFault.h"
+#include "effectcache/IndexEntries.h"
 #include "effectcache/StoredCache.h"
 #include "package/MemoryStream.h"
 
@@ -28,16 +29,6 @@ Bytes EntriesOf(const std::vector<std::string>& names) {
         bytes.Append(EntryOf(names[number], number));
     }
     return bytes;
-}
-
-// By value: the field may stand at any address.
-std::uint64_t StreamIdOf(const IndexEntry* entry) {
-    return entry->record.streamId;
-}
-
-std::string NameOf(const IndexEntry& entry) {
-    const EffectKey key = entry.Key();
-    return {reinterpret_cast<const char*>(key.bytes), key.length};
 }
 
 // Reads so many entries and checks that they are these, in the table as well.

@@ -13,12 +13,13 @@ namespace {
 static_assert(std::endian::native == std::endian::little);
 
 constexpr std::uint32_t kMagic = 0x58464551;  // "QEFX"
-constexpr std::uint32_t kVersion = 1;
+constexpr std::uint16_t kVersion = 2;
 
 #pragma pack(push, 1)
 struct BlockHeader {
     std::uint32_t magic;
-    std::uint32_t version;
+    std::uint16_t version;
+    std::uint16_t permanent;
     std::uint64_t compileMicroseconds;
     std::uint64_t byteCount;
     std::uint64_t checksum;  // over the fields above, the effect's name and the bytes
@@ -37,7 +38,9 @@ std::uint64_t ChecksumOf(const BlockHeader& header, std::string_view name,
 }  // namespace
 
 Bytes PackCachedEffect(std::string_view name, const CachedEffect& effect) {
-    BlockHeader header{kMagic, kVersion, effect.compileMicroseconds, effect.bytes.size(), 0};
+    const std::uint16_t permanent = effect.permanent ? 1 : 0;
+    BlockHeader header{kMagic, kVersion, permanent, effect.compileMicroseconds, effect.bytes.size(),
+                       0};
     header.checksum = ChecksumOf(header, name, effect.bytes.data(), effect.bytes.size());
 
     Bytes block(sizeof(header) + effect.bytes.size());
@@ -59,7 +62,8 @@ std::optional<CachedEffect> UnpackCachedEffect(std::string_view name, const unsi
         header.checksum != ChecksumOf(header, name, bytes, byteCount)) {
         return std::nullopt;
     }
-    return CachedEffect{header.compileMicroseconds, Bytes(bytes, bytes + byteCount)};
+    return CachedEffect{header.compileMicroseconds, Bytes(bytes, bytes + byteCount),
+                        header.permanent != 0};
 }
 
 }  // namespace EffectHost

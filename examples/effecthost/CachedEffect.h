@@ -11,10 +11,12 @@ namespace EffectHost {
 using Bytes = std::vector<unsigned char>;
 
 // What this host keeps in the cache for an effect: the compiled bytes, and what compiling them
-// cost, so that a later run knows what it was spared.
+// cost, so that a later run knows what it was spared. The cache does not tell whether an effect is
+// permanent, so that is kept as well.
 struct CachedEffect {
     std::uint64_t compileMicroseconds = 0;
     Bytes bytes;
+    bool permanent = false;
 };
 
 // The block that goes into the cache: a header with a checksum over itself, the effect's name and

@@ -11,12 +11,13 @@ enum class ExitCode : int {
     InternalError = 1,       // something that should not happen
     BadUsage = 2,            // the command line
     BadEffects = 3,          // the effects folder, or a declaration in it
-    NoCacheDirectory = 4,    // the cache directory does not exist
+    NoCacheDirectory = 4,    // the cache directory does not exist, or can't be reached
     CompileError = 5,        // an effect does not compile
-    UnusableCache = 6,       // the cache can't be opened, or gave up
+    UnusableCache = 6,       // the cache can't be opened, gave up, or lacks effects at the end
     VerificationFailed = 7,  // the cache returned other bytes than the compiler
     ProcessFailed = 8,       // a process of several could not be started, or was killed
     NoCompiler = 9,          // the shader compiler can't be loaded
+    OutputFailed = 10,       // the output or the listing can't be written
 };
 
 // Ends the run: a message for the user, and the exit code that goes with it.

@@ -2,10 +2,12 @@
 
 #include <fmt/format.h>
 
+#include <exception>
 #include <ostream>
 
 #include "EffectLibrary.h"
 #include "Failure.h"
+#include "Listing.h"
 #include "Options.h"
 #include "ProcessGroup.h"
 #include "Processes.h"
@@ -16,7 +18,7 @@ namespace EffectHost {
 namespace {
 
 ProgressStyle ChooseProgress(const Options& options) {
-    if (options.quiet || options.json) {
+    if (options.quiet || options.json || options.worker) {
         return ProgressStyle::None;
     }
     return StandardOutputIsTerminal() ? ProgressStyle::Bar : ProgressStyle::Lines;
@@ -29,25 +31,55 @@ void RequireCacheDirectory(const Options& options) {
     }
 }
 
-// What is done once, when every effect is in the cache.
-void Finish(Session& session, const Options& options) {
-    session.Verify(options.verify);
-    if (!options.listing.empty()) {
-        session.Cache().WriteListing(options.listing);
+void Print(const Summary& summary, const Options& options, std::ostream& out) {
+    if (options.json || options.worker) {
+        out << ToJson(summary) << '\n';
+    } else if (!options.quiet) {
+        out << ToText(summary);
     }
 }
 
-Summary RunAlone(const Options& options, const EffectLibrary& library, std::ostream& out) {
+// What is done once, when every effect should be in the cache. The work is summed up even if
+// something is amiss.
+void Conclude(Session& session, Summary summary, const Stopwatch& run, const Options& options,
+              std::ostream& out) {
+    std::exception_ptr problem;
+    try {
+        session.RequireAllSaved();
+        session.Verify(options.verify);
+        if (!options.listing.empty()) {
+            session.Cache().WriteListing(options.listing);
+        }
+    } catch (const Failure&) {
+        problem = std::current_exception();
+    }
+    const Summary checked = session.Result();
+    summary.verified = checked.verified;
+    summary.checkTime = checked.checkTime;
+    summary.effectsInFile = checked.effectsInFile;
+    summary.wallTime = run.Microseconds();
+    Print(summary, options, out);
+    if (problem) {
+        std::rethrow_exception(problem);
+    }
+}
+
+void RunAlone(const Options& options, const EffectLibrary& library, const Stopwatch& run,
+              std::ostream& out) {
     const ShaderCompiler compiler;
     Session session(options, library, compiler);
     Progress progress(out, ChooseProgress(options), library.variants.size());
     session.GetAllEffects(progress);
-    Finish(session, options);
-    return session.Result();
+    if (options.worker) {
+        Print(session.Result(), options, out);
+        return;
+    }
+    Conclude(session, session.Result(), run, options, out);
 }
 
 // The processes do the work; a session of our own looks at the cache that they leave.
-Summary RunGroup(const Options& options, const EffectLibrary& library, std::ostream& out) {
+void RunGroup(const Options& options, const EffectLibrary& library, const Stopwatch& run,
+              std::ostream& out) {
     if (ChooseProgress(options) != ProgressStyle::None) {
         out << fmt::format("{} processes are at work\n", options.processes) << std::flush;
     }
@@ -56,33 +88,27 @@ Summary RunGroup(const Options& options, const EffectLibrary& library, std::ostr
 
     const ShaderCompiler compiler;
     Session session(options, library, compiler);
-    Finish(session, options);
-    summary.verified = session.Result().verified;
-    summary.effectsInFile = session.Result().effectsInFile;
-    return summary;
+    Conclude(session, summary, run, options, out);
 }
 
-Summary Run(const Options& options, std::ostream& out) {
+void Run(const Options& options, std::ostream& out) {
+    const Stopwatch run;
     RequireCacheDirectory(options);
-    TimeAccount wallTime;
-    Summary summary;
-    {
-        const Stopwatch watch(wallTime);
-        const EffectLibrary library = LoadEffectLibrary(options.effectsFolder);
-        summary = options.processes > 1 ? RunGroup(options, library, out)
-                                        : RunAlone(options, library, out);
+    if (!options.listing.empty()) {
+        RequireListingFile(options.listing, options.cacheDirectory);
     }
-    summary.wallTime = wallTime.Microseconds();
-    return summary;
+    const EffectLibrary library = LoadEffectLibrary(options.effectsFolder);
+    if (options.processes > 1) {
+        RunGroup(options, library, run, out);
+    } else {
+        RunAlone(options, library, run, out);
+    }
 }
 
-void Print(const Summary& summary, const Options& options, std::ostream& out) {
-    if (options.json) {
-        out << ToJson(summary) << '\n';
-    } else if (!options.quiet) {
-        out << ToText(summary);
+void RequireOutput(std::ostream& out) {
+    if (!out.flush()) {
+        throw Failure(ExitCode::OutputFailed, "can't write the output");
     }
-    out << std::flush;
 }
 
 int Report(ExitCode code, const char* message, std::ostream& err) {
@@ -97,8 +123,9 @@ int RunHost(int argc, const char* const* argv, std::ostream& out, std::ostream& 
         const auto options =
             ParseOptions(argc, argv, ExecutablePath().parent_path() / "effects", out);
         if (options) {
-            Print(Run(*options, out), *options, out);
+            Run(*options, out);
         }
+        RequireOutput(out);
         return static_cast<int>(ExitCode::Success);
     } catch (const Failure& failure) {
         return Report(failure.Code(), failure.what(), err);

@@ -2,7 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <fstream>
+#include <iterator>
+#include <random>
 
 #include "Failure.h"
 #include "quorvel/Exceptions.h"
@@ -10,6 +13,8 @@
 namespace EffectHost {
 
 namespace {
+
+constexpr const char* kSavingFailed = "saving failed; is the disk full, or the file damaged?";
 
 CStr ToCStr(const std::string& text) {
     return CStr(text.data(), text.size());
@@ -29,16 +34,21 @@ Util::RefPtr<Quorvel::EffectCacheSystem> OpenCache(const std::string& directory)
     }
 }
 
+// Where the cache writes its listing first: a new file in a folder that is sure to be ours.
+std::filesystem::path ListingDraft(const std::filesystem::path& directory) {
+    return directory / fmt::format("effecthost-listing-{:08x}.txt", std::random_device()());
+}
+
 }  // namespace
 
-HostCache::HostCache(const std::filesystem::path& directory) : directory_(directory.string()) {
-    const Stopwatch watch(openTime_);
-    cache_ = OpenCache(directory_);
-    RequireUsable("vornFxoCache.dat can be neither opened nor made there");
+HostCache::HostCache(const std::filesystem::path& directory) : directory_(directory) {
+    const TimedScope watch(openTime_);
+    cache_ = OpenCache(directory_.string());
+    RequireUsable("its file can be neither opened nor made there");
 }
 
 HostCache::Result HostCache::Find(const std::string& name, CachedEffect& effect) {
-    const Stopwatch watch(searchTime_);
+    const TimedScope watch(searchTime_);
     Tab<unsigned char> block;
     if (!cache_->SearchCachedEffects(ToCStr(name), block)) {
         return Result::Missing;
@@ -51,34 +61,51 @@ HostCache::Result HostCache::Find(const std::string& name, CachedEffect& effect)
     return Result::Found;
 }
 
-void HostCache::Store(const std::string& name, const CachedEffect& effect, bool permanent) {
-    const Stopwatch watch(storeTime_);
+void HostCache::Store(const std::string& name, const CachedEffect& effect) {
+    const TimedScope watch(storeTime_);
     const Bytes block = PackCachedEffect(name, effect);
-    cache_->CacheCompiledEffect(ToCStr(name), block.data(), block.size(), permanent);
+    cache_->CacheCompiledEffect(ToCStr(name), block.data(), block.size(), effect.permanent);
+    RequireUsable(kSavingFailed);
 }
 
 void HostCache::Save() {
-    const Stopwatch watch(storeTime_);
+    const TimedScope watch(storeTime_);
     cache_->ForceSaveToFile();
-    RequireUsable("saving failed; is the disk full, or the file damaged?");
+    RequireUsable(kSavingFailed);
 }
 
 std::size_t HostCache::EffectsInFile() const {
     return static_cast<std::size_t>(cache_->GetNumberOfEffectsInFile());
 }
 
-// The cache writes the listing without a word when it can't, hence the look beforehand.
+std::string HostCache::ListedEffects() {
+    const std::filesystem::path draft = ListingDraft(directory_);
+    cache_->ListCachedEffects(draft.string().c_str());
+    std::ifstream file(draft);
+    const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    file.close();
+    std::error_code ignored;
+    std::filesystem::remove(draft, ignored);
+    return text;
+}
+
+// The cache writes a listing without a word when it can't, so it writes a draft, and copying that
+// is up to us.
 void HostCache::WriteListing(const std::filesystem::path& file) {
-    if (!std::ofstream(file)) {
-        throw Failure(ExitCode::BadUsage, fmt::format("can't write {}", file.string()));
+    const std::string text = ListedEffects();
+    const auto lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+    std::ofstream copy(file);
+    copy << text << std::flush;
+    if (!copy || lines < EffectsInFile()) {
+        throw Failure(ExitCode::OutputFailed,
+                      fmt::format("can't write the listing {}", file.string()));
     }
-    cache_->ListCachedEffects(file.string().c_str());
 }
 
 void HostCache::RequireUsable(const char* problem) const {
     if (!cache_->IsEnabled()) {
-        throw Failure(ExitCode::UnusableCache,
-                      fmt::format("the cache in {} can't be used: {}", directory_, problem));
+        throw Failure(ExitCode::UnusableCache, fmt::format("the cache in {} can't be used: {}",
+                                                           directory_.string(), problem));
     }
 }
 

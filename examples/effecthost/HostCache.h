@@ -11,6 +11,9 @@
 
 namespace EffectHost {
 
+// What the cache calls its file.
+constexpr const char* kCacheFileName = "vornFxoCache.dat";
+
 // The effect cache as this host uses it: effects go in and come out as checked blocks, every call
 // is timed, and a cache that can't be used is an error, since caching is all this host is for.
 class HostCache {
@@ -25,7 +28,10 @@ public:
     // Fills effect when the result is Found.
     Result Find(const std::string& name, CachedEffect& effect);
 
-    void Store(const std::string& name, const CachedEffect& effect, bool permanent);
+    // Queues an effect, which replaces what the name had before. The cache ignores names over 65536
+    // bytes and effects over 1 MiB, and later drops what its volume has no room for, without a
+    // word: Find tells. Throws Failure(UnusableCache) when the cache has given up.
+    void Store(const std::string& name, const CachedEffect& effect);
 
     // Saves what is not in the file yet. Throws Failure(UnusableCache) when the cache has given up,
     // now or before.
@@ -34,8 +40,8 @@ public:
     // Effects in the file.
     std::size_t EffectsInFile() const;
 
-    // Writes the listing of the saved effects. Throws Failure(BadUsage) when the file can't be
-    // written.
+    // Writes the listing of the saved effects. Throws Failure(OutputFailed) when the file can't be
+    // written whole.
     void WriteListing(const std::filesystem::path& file);
 
     const TimeAccount& OpenTime() const { return openTime_; }
@@ -44,8 +50,9 @@ public:
 
 private:
     void RequireUsable(const char* problem) const;
+    std::string ListedEffects();
 
-    std::string directory_;
+    std::filesystem::path directory_;
     Util::RefPtr<Quorvel::EffectCacheSystem> cache_;
     TimeAccount openTime_;
     TimeAccount searchTime_;

@@ -23,12 +23,13 @@ constexpr const char* kExitCodes =
     "  1  internal error\n"
     "  2  bad command line\n"
     "  3  the effects folder is missing, empty or holds a malformed effect\n"
-    "  4  the cache directory does not exist\n"
+    "  4  the cache directory does not exist, or can't be reached\n"
     "  5  an effect does not compile\n"
-    "  6  the cache can't be used\n"
+    "  6  the cache can't be used, or its file lacks effects at the end\n"
     "  7  the cache returned other bytes than the compiler\n"
     "  8  one of several processes could not be started, or was killed\n"
-    "  9  the shader compiler can't be loaded\n";
+    "  9  the shader compiler can't be loaded\n"
+    " 10  the output or the listing can't be written\n";
 
 void AddWhatToDo(CLI::App& app, Options& options) {
     app.add_option("--cache", options.cacheDirectory,
@@ -47,7 +48,7 @@ void AddWhatToDo(CLI::App& app, Options& options) {
         ->type_name("N");
     app.add_option("--permanent", options.permanent,
                    "Never evict effects whose name matches (* any run of characters, ? any one); "
-                   "may be given again")
+                   "may be given again. Those that are cached already are saved once more")
         ->take_all()
         ->allow_extra_args(false)
         ->type_name("PATTERN");
@@ -58,6 +59,7 @@ void AddWhatToReport(CLI::App& app, Options& options) {
         ->type_name("FILE");
     app.add_flag("--quiet", options.quiet, "Print nothing but errors");
     app.add_flag("--json", options.json, "Print the summary as one line of JSON and no progress");
+    app.add_flag("--worker", options.worker)->group("");  // not for people, so not in the help
     app.footer(kExitCodes);
 }
 
@@ -114,7 +116,7 @@ std::vector<std::string> WorkerArguments(const Options& options, std::size_t sta
                                        "--effects",    options.effectsFolder.string(),
                                        "--start",      std::to_string(start),
                                        "--force-save", std::to_string(options.saveEvery),
-                                       "--json"};
+                                       "--worker"};
     for (const std::string& pattern : options.permanent) {
         arguments.insert(arguments.end(), {"--permanent", pattern});
     }

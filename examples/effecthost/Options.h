@@ -21,6 +21,7 @@ struct Options {
     std::filesystem::path listing;       // empty for none
     bool quiet = false;
     bool json = false;
+    bool worker = false;  // one of several processes, whose parent checks the cache
 };
 
 // Reads the command line. Prints to out and returns nothing when it asks for help. Throws
@@ -29,7 +30,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv,
                                     const std::filesystem::path& defaultEffects, std::ostream& out);
 
 // The arguments that make another process do the same work as these options ask for, beginning
-// with the start-th variant, and report it as JSON.
+// with the start-th variant, and report it to us.
 std::vector<std::string> WorkerArguments(const Options& options, std::size_t start);
 
 }  // namespace EffectHost

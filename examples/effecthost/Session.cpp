@@ -9,6 +9,18 @@
 
 namespace EffectHost {
 
+namespace {
+
+// How much of a name a message shows.
+constexpr std::size_t kShownName = 200;
+
+constexpr const char* kWhyMissing =
+    "The volume may have no room: the cache drops what it can't save, and evicts its oldest "
+    "effects "
+    "when little is free. It never takes names over 65536 bytes and effects over 1 MiB";
+
+}  // namespace
+
 Session::Session(const Options& options, const EffectLibrary& library,
                  const ShaderCompiler& compiler)
     : options_(options), library_(library), compiler_(compiler), cache_(options.cacheDirectory) {
@@ -27,6 +39,7 @@ void Session::GetAllEffects(Progress& progress) {
         progress.Advance(compiled);
     }
     cache_.Save();
+    KeepTimes();
 }
 
 // Returns whether the effect had to be compiled.
@@ -36,8 +49,7 @@ bool Session::GetEffect(std::size_t index) {
     CachedEffect effect;
     switch (cache_.Find(name, effect)) {
         case HostCache::Result::Found:
-            ++summary_.hits;
-            summary_.sparedTime += effect.compileMicroseconds;
+            UseFound(name, effect);
             return false;
         case HostCache::Result::Missing:
             ++summary_.misses;
@@ -51,16 +63,36 @@ bool Session::GetEffect(std::size_t index) {
     return true;
 }
 
+// An effect that was cached before it was asked to be permanent is stored once more.
+void Session::UseFound(const std::string& name, CachedEffect& effect) {
+    ++summary_.hits;
+    summary_.sparedTime += effect.compileMicroseconds;
+    if (!effect.permanent && IsPermanent(name)) {
+        effect.permanent = true;
+        cache_.Store(name, effect);
+        ++summary_.madePermanent;
+    }
+}
+
 void Session::CompileAndStore(const EffectVariant& variant, const std::string& name) {
     CachedEffect effect;
     TimeAccount time;
     {
-        const Stopwatch total(compileTime_);
-        const Stopwatch one(time);
+        const TimedScope total(compileTime_);
+        const TimedScope one(time);
         effect.bytes = compiler_.Compile(variant);
     }
     effect.compileMicroseconds = time.Microseconds();
-    cache_.Store(name, effect, IsPermanent(name));
+    effect.permanent = IsPermanent(name);
+    cache_.Store(name, effect);
+}
+
+// What the cache is asked later, to check it, counts as checking.
+void Session::KeepTimes() {
+    summary_.compileTime = compileTime_.Microseconds();
+    summary_.openTime = cache_.OpenTime().Microseconds();
+    summary_.searchTime = cache_.SearchTime().Microseconds();
+    summary_.storeTime = cache_.StoreTime().Microseconds();
 }
 
 bool Session::IsPermanent(const std::string& name) const {
@@ -68,34 +100,60 @@ bool Session::IsPermanent(const std::string& name) const {
                        [&](const std::string& pattern) { return MatchesPattern(pattern, name); });
 }
 
+void Session::RequireAllSaved() {
+    const TimedScope watch(checkTime_);
+    std::size_t missing = 0;
+    std::string example;
+    for (const EffectVariant& variant : library_.variants) {
+        const std::string name = EffectName(variant, compiler_.Identity());
+        CachedEffect effect;
+        if (cache_.Find(name, effect) == HostCache::Result::Missing && ++missing == 1) {
+            example = name.substr(0, kShownName);
+        }
+    }
+    if (missing > 0) {
+        throw Failure(ExitCode::UnusableCache,
+                      fmt::format("the cache file does not hold {} of {} effects, {} for one. {}",
+                                  missing, library_.variants.size(), example, kWhyMissing));
+    }
+}
+
 void Session::Verify(std::size_t count) {
+    const TimedScope watch(checkTime_);
     const std::size_t total = library_.variants.size();
     count = std::min(count, total);
     for (std::size_t i = 0; i < count; ++i) {
         const EffectVariant& variant = library_.variants[i * total / count];
-        const std::string name = EffectName(variant, compiler_.Identity());
-        CachedEffect effect;
-        const HostCache::Result result = cache_.Find(name, effect);
-        if (result == HostCache::Result::Missing) {
-            continue;
-        }
-        if (result == HostCache::Result::Damaged || effect.bytes != compiler_.Compile(variant)) {
-            throw Failure(
-                ExitCode::VerificationFailed,
-                fmt::format("the cache returns other bytes than the compiler for {}", name));
-        }
-        ++summary_.verified;
+        summary_.verified += IsSame(variant, EffectName(variant, compiler_.Identity())) ? 1 : 0;
     }
+    if (summary_.verified < count) {
+        throw Failure(
+            ExitCode::UnusableCache,
+            fmt::format("only {} of {} effects could be verified, the cache does not hold "
+                        "the others. {}",
+                        summary_.verified, count, kWhyMissing));
+    }
+}
+
+// False when the cache does not have the effect.
+bool Session::IsSame(const EffectVariant& variant, const std::string& name) {
+    CachedEffect effect;
+    const HostCache::Result result = cache_.Find(name, effect);
+    if (result == HostCache::Result::Missing) {
+        return false;
+    }
+    if (result == HostCache::Result::Damaged || effect.bytes != compiler_.Compile(variant)) {
+        throw Failure(ExitCode::VerificationFailed,
+                      fmt::format("the cache returns other bytes than the compiler for {}", name));
+    }
+    return true;
 }
 
 Summary Session::Result() const {
     Summary summary = summary_;
     summary.effectsInFile = cache_.EffectsInFile();
     summary.mostCompilations = summary.compiledEffects.empty() ? 0 : 1;
-    summary.compileTime = compileTime_.Microseconds();
-    summary.openTime = cache_.OpenTime().Microseconds();
-    summary.searchTime = cache_.SearchTime().Microseconds();
-    summary.storeTime = cache_.StoreTime().Microseconds();
+    summary.checkTime = checkTime_.Microseconds();
     return summary;
 }
 

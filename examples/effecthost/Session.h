@@ -17,9 +17,13 @@ public:
     // Does all the work and saves. Throws Failure: CompileError, UnusableCache.
     void GetAllEffects(Progress& progress);
 
+    // Looks every effect up once more. Throws Failure(UnusableCache) when some are not there: the
+    // cache drops effects without a word when its volume has no room.
+    void RequireAllSaved();
+
     // Recompiles a number of effects, spread evenly over the library, and compares the bytes with
-    // what the cache returns. Throws Failure(VerificationFailed) at the first difference; an effect
-    // that is not in the cache is not counted.
+    // what the cache returns. Throws Failure: VerificationFailed at the first difference,
+    // UnusableCache when the cache no longer has all of them.
     void Verify(std::size_t count);
 
     HostCache& Cache() { return cache_; }
@@ -29,8 +33,11 @@ public:
 
 private:
     bool GetEffect(std::size_t index);
+    void UseFound(const std::string& name, CachedEffect& effect);
     void CompileAndStore(const EffectVariant& variant, const std::string& name);
+    void KeepTimes();
     bool IsPermanent(const std::string& name) const;
+    bool IsSame(const EffectVariant& variant, const std::string& name);
 
     const Options& options_;
     const EffectLibrary& library_;
@@ -38,6 +45,7 @@ private:
     HostCache cache_;
     Summary summary_;
     TimeAccount compileTime_;
+    TimeAccount checkTime_;
 };
 
 }  // namespace EffectHost

@@ -5,31 +5,43 @@
 
 namespace EffectHost {
 
+inline std::uint64_t ToMicroseconds(std::chrono::nanoseconds time) {
+    return static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(time).count());
+}
+
 // Time that is spent on something, summed up over many pieces of work.
 class TimeAccount {
 public:
     void Add(std::chrono::nanoseconds time) { total_ += time; }
 
-    std::uint64_t Microseconds() const {
-        return static_cast<std::uint64_t>(
-            std::chrono::duration_cast<std::chrono::microseconds>(total_).count());
-    }
+    std::uint64_t Microseconds() const { return ToMicroseconds(total_); }
 
 private:
     std::chrono::nanoseconds total_{0};
 };
 
-// Adds the time of its scope to an account.
+// Runs from its construction on.
 class Stopwatch {
 public:
-    explicit Stopwatch(TimeAccount& account) : account_(account) {}
-    Stopwatch(const Stopwatch&) = delete;
-    Stopwatch& operator=(const Stopwatch&) = delete;
-    ~Stopwatch() { account_.Add(std::chrono::steady_clock::now() - start_); }
+    std::chrono::nanoseconds Elapsed() const { return std::chrono::steady_clock::now() - start_; }
+    std::uint64_t Microseconds() const { return ToMicroseconds(Elapsed()); }
+
+private:
+    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
+// Adds the time of its scope to an account.
+class TimedScope {
+public:
+    explicit TimedScope(TimeAccount& account) : account_(account) {}
+    TimedScope(const TimedScope&) = delete;
+    TimedScope& operator=(const TimedScope&) = delete;
+    ~TimedScope() { account_.Add(stopwatch_.Elapsed()); }
 
 private:
     TimeAccount& account_;
-    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    Stopwatch stopwatch_;
 };
 
 }  // namespace EffectHost

@@ -9,8 +9,9 @@
 namespace EffectHost {
 
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Summary, sources, effects, processes, hits, misses, damaged,
-                                   verified, effectsInFile, mostCompilations, wallTime, compileTime,
-                                   openTime, searchTime, storeTime, sparedTime, compiledEffects)
+                                   verified, madePermanent, effectsInFile, mostCompilations,
+                                   wallTime, compileTime, openTime, searchTime, storeTime,
+                                   checkTime, sparedTime, compiledEffects)
 
 namespace {
 
@@ -24,16 +25,42 @@ std::size_t MostFrequent(const std::vector<std::size_t>& effects) {
     return most;
 }
 
-// What the hits spared, and how that compares with what the cache cost. Nothing for several
-// processes at once, whose times include waiting for each other.
+// How getting all effects from the cache compares with compiling them. Nothing when some were
+// compiled, or for several processes at once, whose times include waiting for each other.
 std::string SpeedText(const Summary& summary) {
-    if (summary.hits == 0 || summary.CacheTime() == 0 || summary.processes > 1) {
+    const std::uint64_t gettingTime = summary.openTime + summary.searchTime;
+    if (summary.hits < summary.effects || gettingTime == 0 || summary.processes > 1) {
         return {};
     }
     const double factor =
-        static_cast<double>(summary.sparedTime) / static_cast<double>(summary.CacheTime());
-    return fmt::format("spared     {} of compiling, {:.1f} times the time in the cache\n",
-                       FormatTime(summary.sparedTime), factor);
+        static_cast<double>(summary.sparedTime) / static_cast<double>(gettingTime);
+    return fmt::format(
+        "speed      got from the cache in {}, {:.{}f} times faster than compiling, which took {} "
+        "when they were cached\n",
+        FormatTime(gettingTime), factor, factor < 10 ? 1 : 0, FormatTime(summary.sparedTime));
+}
+
+// The time of a run that is in none of its parts.
+std::uint64_t OtherTime(const Summary& summary) {
+    const std::uint64_t parts = summary.compileTime + summary.CacheTime() + summary.checkTime;
+    return summary.wallTime - std::min(summary.wallTime, parts);
+}
+
+std::string TimesText(const Summary& summary) {
+    std::string text = fmt::format("compiling  {}\n", FormatTime(summary.compileTime));
+    text += fmt::format("cache      {} (opening {}, searching {}, storing {})\n",
+                        FormatTime(summary.CacheTime()), FormatTime(summary.openTime),
+                        FormatTime(summary.searchTime), FormatTime(summary.storeTime));
+    text += fmt::format("checking   {}\n", FormatTime(summary.checkTime));
+    if (summary.processes == 1) {
+        text += fmt::format("other      {}\n", FormatTime(OtherTime(summary)));
+    }
+    return text + fmt::format("run        {}\n", FormatTime(summary.wallTime));
+}
+
+// "once", "twice", "3 times".
+std::string TimesOver(std::size_t count) {
+    return count == 1 ? "once" : count == 2 ? "twice" : fmt::format("{} times", count);
 }
 
 }  // namespace
@@ -42,6 +69,7 @@ void AddProcess(Summary& sum, const Summary& process) {
     sum.hits += process.hits;
     sum.misses += process.misses;
     sum.damaged += process.damaged;
+    sum.madePermanent += process.madePermanent;
     sum.compileTime += process.compileTime;
     sum.openTime += process.openTime;
     sum.searchTime += process.searchTime;
@@ -69,22 +97,20 @@ std::string ToText(const Summary& summary) {
     }
     text += fmt::format("hits       {}\n", summary.hits);
     text += fmt::format("misses     {}\n", summary.misses);
-    if (summary.processes > 1) {
-        text += fmt::format("compiled   no effect more than {} times\n", summary.mostCompilations);
+    if (summary.processes > 1 && summary.mostCompilations > 0) {
+        text +=
+            fmt::format("compiled   no effect more than {}\n", TimesOver(summary.mostCompilations));
     }
     if (summary.damaged > 0) {
         text += fmt::format("damaged    {}, compiled again\n", summary.damaged);
     }
+    if (summary.madePermanent > 0) {
+        text += fmt::format("permanent  {} hits that were not before\n", summary.madePermanent);
+    }
     if (summary.verified > 0) {
         text += fmt::format("verified   {} recompiled to the same bytes\n", summary.verified);
     }
-    text += fmt::format("compiling  {}\n", FormatTime(summary.compileTime));
-    text += fmt::format("cache      {} (opening {}, searching {}, storing {})\n",
-                        FormatTime(summary.CacheTime()), FormatTime(summary.openTime),
-                        FormatTime(summary.searchTime), FormatTime(summary.storeTime));
-    text += SpeedText(summary);
-    text += fmt::format("run        {}\n", FormatTime(summary.wallTime));
-    return text;
+    return text + SpeedText(summary) + TimesText(summary);
 }
 
 std::string FormatTime(std::uint64_t microseconds) {
@@ -92,7 +118,7 @@ std::string FormatTime(std::uint64_t microseconds) {
     if (microseconds < 1000) {
         return fmt::format("{} us", microseconds);
     }
-    if (microseconds < 1000000) {
+    if (microseconds < 999950) {  // from there on a tenth of a millisecond rounds up to a second
         return fmt::format("{:.1f} ms", time / 1e3);
     }
     return fmt::format("{:.2f} s", time / 1e6);

@@ -8,16 +8,17 @@ namespace {
 constexpr std::size_t kHeaderSize = 32;
 
 Bytes SomeBlock() {
-    return PackCachedEffect("name", {1234567, {1, 2, 3, 4, 5}});
+    return PackCachedEffect("name", {1234567, {1, 2, 3, 4, 5}, true});
 }
 
-TEST(CachedEffect, UnpackingReturnsTheBytesAndTheCompileTime) {
+TEST(CachedEffect, UnpackingReturnsTheBytesTheCompileTimeAndWhetherItIsPermanent) {
     const Bytes block = SomeBlock();
     ASSERT_EQ(block.size(), kHeaderSize + 5);
     const auto effect = UnpackCachedEffect("name", block.data(), block.size());
     ASSERT_TRUE(effect);
     EXPECT_EQ(effect->compileMicroseconds, 1234567u);
     EXPECT_EQ(effect->bytes, (Bytes{1, 2, 3, 4, 5}));
+    EXPECT_TRUE(effect->permanent);
 }
 
 TEST(CachedEffect, AnEffectWithoutBytesSurvivesTheRoundTrip) {
@@ -25,6 +26,7 @@ TEST(CachedEffect, AnEffectWithoutBytesSurvivesTheRoundTrip) {
     const auto effect = UnpackCachedEffect("name", block.data(), block.size());
     ASSERT_TRUE(effect);
     EXPECT_TRUE(effect->bytes.empty());
+    EXPECT_FALSE(effect->permanent);
 }
 
 TEST(CachedEffect, ABlockOfAnotherNameIsRefused) {

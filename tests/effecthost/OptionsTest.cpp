@@ -99,7 +99,7 @@ TEST(Options, AWorkerGetsTheSameWorkWithItsOwnStart) {
     EXPECT_EQ(worker.start, 7u);
     EXPECT_EQ(worker.saveEvery, 16u);
     EXPECT_THAT(worker.permanent, ElementsAre("p*"));
-    EXPECT_TRUE(worker.json);
+    EXPECT_TRUE(worker.worker);
     EXPECT_EQ(worker.verify, 0u);
 }
 

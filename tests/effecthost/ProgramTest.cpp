@@ -1,94 +1,31 @@
 // Runs the real program, with the platform's real compiler, on small effects.
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include <fstream>
-#include <sstream>
 
-#include "CachedEffect.h"
-#include "EffectLibrary.h"
 #include "FailureOf.h"
-#include "Processes.h"
-#include "ShaderCompiler.h"
-#include "Summary.h"
-#include "quorvel/EffectCacheSystem.h"
-#include "support/TemporaryDirectory.h"
-#include "vornutil/RefPtr.h"
+#include "HostCache.h"
+#include "ProgramFixture.h"
 
 namespace EffectHost {
 namespace {
 
-using Quorvel::Testing::TemporaryDirectory;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::StartsWith;
 
-constexpr const char* kEffect =
-    "//@ axis SHADE 0 1 2\n"
-    "//@ program PixelMain ps_4_0 SHADE\n"
-    "#include \"tint.hlsli\"\n"
-    "float4 PixelMain() : SV_Target\n"
-    "{\n"
-    "    return float4(tint, float(SHADE), 0.0, 1.0);\n"
-    "}\n";
-constexpr std::size_t kEffectVariants = 3;
-
-class Program : public ::testing::Test {
-protected:
-    struct Result {
-        int exitCode;
-        std::string output;  // and errors
-    };
-
-    Program() {
-        std::filesystem::create_directory(effects_);
-        std::filesystem::create_directory(cache_);
-        Write("shade.hlsl", kEffect);
-        Write("tint.hlsli", "static const float tint = 0.5;\n");
+// An effect whose only variant has a longer name than the cache takes.
+std::string EffectWithLongName() {
+    std::string text;
+    std::string axes;
+    for (int i = 0; i < 70; ++i) {
+        text += fmt::format("//@ axis A{} {}\n", i, std::string(1000, 'x'));
+        axes += fmt::format(" A{}", i);
     }
-
-    void Write(const char* name, const char* text) {
-        std::ofstream(effects_ / name, std::ios::binary) << text;
-    }
-
-    static Result RunWith(const std::vector<std::string>& arguments) {
-        const std::filesystem::path self = ExecutablePath();
-        std::filesystem::path program = self.parent_path() / "effecthost";
-        program.replace_extension(self.extension());
-        ChildProcess process(program, arguments, ChildProcess::Errors::Captured);
-        const std::string output = process.ReadOutput();
-        return {process.Wait(), output};
-    }
-
-    Result Run(const std::vector<std::string>& more = {}) const {
-        std::vector<std::string> arguments{"--cache", cache_.string(), "--effects",
-                                           effects_.string()};
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        return RunWith(arguments);
-    }
-
-    Summary RunForSummary(std::vector<std::string> more = {}) const {
-        more.push_back("--json");
-        const Result result = Run(more);
-        EXPECT_EQ(result.exitCode, 0) << result.output;
-        return result.exitCode == 0 ? FromJson(result.output) : Summary{};
-    }
-
-    // The name of the first variant, as the program makes it.
-    std::string FirstName() const {
-        return EffectName(LoadEffectLibrary(effects_).variants.at(0), ShaderCompiler().Identity());
-    }
-
-    // Puts a block into the cache, past the program.
-    void Cache(const std::string& name, const Bytes& block) const {
-        const std::string directory = cache_.string();
-        const Util::RefPtr<Quorvel::EffectCacheSystem> cache(
-            new Quorvel::EffectCacheSystem(CStr(directory.c_str())));
-        cache->CacheCompiledEffect(CStr(name.c_str()), block.data(), block.size(), false);
-    }
-
-    TemporaryDirectory folder_;
-    std::filesystem::path effects_ = folder_.Path() / "effects";
-    std::filesystem::path cache_ = folder_.Path() / "cache";
-};
+    return text + "//@ program PixelMain ps_4_0" + axes +
+           "\nfloat4 PixelMain() : SV_Target\n{\n    return 0.5;\n}\n";
+}
 
 TEST_F(Program, ASecondRunCompilesNothingAndGetsTheSameBytes) {
     const Summary cold = RunForSummary();
@@ -161,6 +98,64 @@ TEST_F(Program, TheListingMarksWhatIsPermanent) {
     EXPECT_EQ(lines, kEffectVariants);
 }
 
+TEST_F(Program, EffectsThatWereCachedBeforeBecomePermanentOnce) {
+    const std::filesystem::path listing = folder_.Path() / "list.txt";
+    RunForSummary();
+    const Summary marking = RunForSummary({"--permanent", "*", "--list", listing.string()});
+    EXPECT_EQ(marking.misses, 0u);
+    EXPECT_EQ(marking.madePermanent, kEffectVariants);
+    const std::string text = TextOf(listing);
+    EXPECT_THAT(text, HasSubstr("Permanent: 1"));
+    EXPECT_THAT(text, Not(HasSubstr("Permanent: 0")));
+    EXPECT_EQ(RunForSummary({"--permanent", "*"}).madePermanent, 0u);
+}
+
+TEST_F(Program, AListingThatWouldOverwriteTheCacheIsExitCode2AndHarmless) {
+    RunForSummary();
+    const std::filesystem::path file = cache_ / "vornFxoCache.dat";
+    for (const auto& listing : {file, cache_ / ".." / "cache" / "vornFxoCache.dat"}) {
+        const Result result = Run({"--list", listing.string()});
+        EXPECT_EQ(result.exitCode, 2);
+        EXPECT_THAT(result.output, HasSubstr("would overwrite the cache"));
+    }
+    EXPECT_EQ(RunForSummary().hits, kEffectVariants);
+}
+
+TEST_F(Program, AListingThatWouldBecomeTheCacheIsExitCode2AndMakesNoFile) {
+    const std::filesystem::path file = cache_ / "vornFxoCache.dat";
+    EXPECT_EQ(Run({"--list", file.string()}).exitCode, 2);
+    EXPECT_FALSE(std::filesystem::exists(file));
+}
+
+TEST_F(Program, AnUnwritableListingIsFoundBeforeAnythingIsCompiled) {
+    const Result result = Run({"--list", (folder_.Path() / "none" / "list.txt").string()});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_THAT(result.output, StartsWith("effecthost: can't write the listing"));
+    EXPECT_FALSE(std::filesystem::exists(cache_ / "vornFxoCache.dat"));
+}
+
+TEST_F(Program, AnEffectThatTheCacheDoesNotTakeIsExitCode6AfterTheSummary) {
+    Write("long.hlsl", EffectWithLongName().c_str());
+    for (const std::vector<std::string>& more :
+         {std::vector<std::string>{}, {"--verify"}, {"--processes", "2"}}) {
+        const Result result = Run(more);
+        EXPECT_EQ(result.exitCode, 6);
+        EXPECT_THAT(result.output, HasSubstr("effects    4 from 2 sources, 3 in the cache file"));
+        EXPECT_THAT(result.output, HasSubstr("the cache file does not hold 1 of 4 effects"));
+        EXPECT_THAT(result.output, HasSubstr("names over 65536 bytes"));
+        EXPECT_LT(result.output.size(), 2000u);
+    }
+}
+
+TEST_F(Program, AnEffectOverAMebibyteIsNotInTheCache) {
+    HostCache cache(cache_);
+    cache.Store("large", {1, Bytes(1048576 - 31), false});  // with 32 bytes in front of it
+    cache.Store("largest", {1, Bytes(1048576 - 32), false});
+    CachedEffect effect;
+    EXPECT_EQ(cache.Find("large", effect), HostCache::Result::Missing);
+    EXPECT_EQ(cache.Find("largest", effect), HostCache::Result::Found);
+}
+
 TEST_F(Program, QuietPrintsNothing) {
     EXPECT_EQ(Run({"--quiet"}).output, "");
 }
@@ -182,7 +177,6 @@ TEST_F(Program, ABadCommandLineIsExitCode2) {
     const Result result = RunWith({});
     EXPECT_EQ(result.exitCode, 2);
     EXPECT_THAT(result.output, StartsWith("effecthost: --cache is required"));
-    EXPECT_EQ(Run({"--list", (folder_.Path() / "none" / "list.txt").string()}).exitCode, 2);
 }
 
 TEST_F(Program, AMissingEffectsFolderIsExitCode3) {

@@ -58,22 +58,62 @@ TEST(Summary, ProcessesAddUpAndTheMostCompiledEffectIsCounted) {
     EXPECT_EQ(sum.mostCompilations, 2u);
 }
 
-TEST(Summary, TheTextComparesWhatWasSparedWithTheTimeInTheCache) {
-    EXPECT_THAT(ToText(SomeSummary()), HasSubstr("500.0 times the time in the cache"));
+// A run of its own that found everything.
+Summary WarmSummary() {
+    Summary summary = SomeSummary();
+    summary.hits = summary.effects;
+    summary.misses = 0;
+    summary.damaged = 0;
+    summary.compileTime = 0;
+    return summary;
 }
 
-TEST(Summary, TheTextComparesNothingWithoutHitsOrForSeveralProcesses) {
-    Summary summary = SomeSummary();
+TEST(Summary, AWarmRunSaysHowManyTimesFasterThanCompilingTheCacheWas) {
+    EXPECT_THAT(ToText(WarmSummary()), HasSubstr("3 us, 1000 times faster than compiling"));
+}
+
+TEST(Summary, VerifyingAndStoringDoNotMakeTheCacheLookSlower) {
+    Summary summary = WarmSummary();
+    summary.checkTime = 1000000;
+    summary.storeTime = 1000000;
+    EXPECT_THAT(ToText(summary), HasSubstr("1000 times faster than compiling"));
+}
+
+TEST(Summary, TheTextComparesNothingAfterCompilingOrForSeveralProcesses) {
+    EXPECT_THAT(ToText(SomeSummary()), Not(HasSubstr("faster")));
+    Summary summary = WarmSummary();
     summary.processes = 2;
-    EXPECT_THAT(ToText(summary), Not(HasSubstr("times the time")));
-    summary = SomeSummary();
-    summary.hits = 0;
-    EXPECT_THAT(ToText(summary), Not(HasSubstr("times the time")));
+    EXPECT_THAT(ToText(summary), Not(HasSubstr("faster")));
+}
+
+TEST(Summary, TheTimesOfARunAddUp) {
+    Summary summary = SomeSummary();
+    summary.checkTime = 14;
+    const std::string text = ToText(summary);
+    EXPECT_THAT(text, HasSubstr("compiling  60 us\n"));
+    EXPECT_THAT(text, HasSubstr("cache      6 us"));
+    EXPECT_THAT(text, HasSubstr("checking   14 us\n"));
+    EXPECT_THAT(text, HasSubstr("other      20 us\n"));
+    EXPECT_THAT(text, HasSubstr("run        100 us\n"));
+}
+
+TEST(Summary, HowOftenAnEffectWasCompiledIsSaidInWords) {
+    Summary summary = SomeSummary();
+    summary.processes = 3;
+    EXPECT_THAT(ToText(summary), HasSubstr("no effect more than once\n"));
+    summary.mostCompilations = 2;
+    EXPECT_THAT(ToText(summary), HasSubstr("no effect more than twice\n"));
+    summary.mostCompilations = 3;
+    EXPECT_THAT(ToText(summary), HasSubstr("no effect more than 3 times\n"));
+    summary.mostCompilations = 0;
+    EXPECT_THAT(ToText(summary), Not(HasSubstr("no effect more")));
 }
 
 TEST(Summary, TimesAreWrittenInTheUnitThatFits) {
     EXPECT_EQ(FormatTime(999), "999 us");
     EXPECT_EQ(FormatTime(12345), "12.3 ms");
+    EXPECT_EQ(FormatTime(999949), "999.9 ms");
+    EXPECT_EQ(FormatTime(999950), "1.00 s");
     EXPECT_EQ(FormatTime(9080000), "9.08 s");
 }
 

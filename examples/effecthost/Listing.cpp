@@ -1,0 +1,38 @@
+#include "Listing.h"
+
+#include <fmt/format.h>
+
+#include <fstream>
+
+#include "Failure.h"
+#include "HostCache.h"
+
+namespace EffectHost {
+
+// Opening for appending changes nothing in a file, and makes one that is missing. Only then can the
+// system tell whether it is the cache's by another name. Pipes and devices are left alone.
+void RequireListingFile(const std::filesystem::path& listing,
+                        const std::filesystem::path& cacheDirectory) {
+    std::error_code error;
+    const std::filesystem::file_status status = std::filesystem::status(listing, error);
+    const bool isNew = !std::filesystem::exists(status);
+    if (!isNew && !is_regular_file(status) && !is_directory(status)) {
+        return;
+    }
+    const bool isWritable = std::ofstream(listing, std::ios::app).is_open();
+    const bool isCache =
+        std::filesystem::equivalent(listing, cacheDirectory / kCacheFileName, error);
+    if (isNew && isWritable) {
+        std::filesystem::remove(listing, error);
+    }
+    if (isCache) {
+        throw Failure(ExitCode::BadUsage,
+                      fmt::format("the listing {} would overwrite the cache", listing.string()));
+    }
+    if (!isWritable) {
+        throw Failure(ExitCode::BadUsage,
+                      fmt::format("can't write the listing {}", listing.string()));
+    }
+}
+
+}  // namespace EffectHost

@@ -1,0 +1,117 @@
+// Runs the real program, with the platform's real compiler, on small effects.
+#pragma once
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+
+#include "CachedEffect.h"
+#include "EffectLibrary.h"
+#include "Processes.h"
+#include "ShaderCompiler.h"
+#include "Summary.h"
+#include "quorvel/EffectCacheSystem.h"
+#include "support/TemporaryDirectory.h"
+#include "vornutil/RefPtr.h"
+
+namespace EffectHost {
+
+using Quorvel::Testing::TemporaryDirectory;
+
+inline constexpr const char* kEffect =
+    "//@ axis SHADE 0 1 2\n"
+    "//@ program PixelMain ps_4_0 SHADE\n"
+    "#include \"tint.hlsli\"\n"
+    "float4 PixelMain() : SV_Target\n"
+    "{\n"
+    "    return float4(tint, float(SHADE), 0.0, 1.0);\n"
+    "}\n";
+inline constexpr std::size_t kEffectVariants = 3;
+
+class Program : public ::testing::Test {
+protected:
+    struct Result {
+        int exitCode;
+        std::string output;  // and errors
+    };
+
+    Program() {
+        std::filesystem::create_directory(effects_);
+        std::filesystem::create_directory(cache_);
+        Write("shade.hlsl", kEffect);
+        Write("tint.hlsli", "static const float tint = 0.5;\n");
+    }
+
+    void Write(const char* name, const std::string& text) {
+        std::ofstream(effects_ / name, std::ios::binary) << text;
+    }
+
+    // Replaces the effects by one with so many variants.
+    void WriteVariants(std::size_t count) {
+        std::string values;
+        for (std::size_t i = 0; i < count; ++i) {
+            values += fmt::format(" {}", i);
+        }
+        Write("shade.hlsl",
+              fmt::format("//@ axis SHADE{}\n//@ program PixelMain ps_4_0 SHADE\n"
+                          "float4 PixelMain() : SV_Target\n{{\n    return float(SHADE);\n}}\n",
+                          values));
+    }
+
+    // The program, which stands beside the tests.
+    static std::filesystem::path ProgramPath() {
+        const std::filesystem::path self = ExecutablePath();
+        return (self.parent_path() / "effecthost").replace_extension(self.extension());
+    }
+
+    static Result RunWith(const std::vector<std::string>& arguments) {
+        return RunOther(ProgramPath(), arguments);
+    }
+
+    static Result RunOther(const std::filesystem::path& program,
+                           const std::vector<std::string>& arguments) {
+        ChildProcess process(program, arguments, ChildProcess::Errors::Captured);
+        const std::string output = process.ReadOutput();
+        return {process.Wait(), output};
+    }
+
+    Result Run(const std::vector<std::string>& more = {}) const {
+        std::vector<std::string> arguments{"--cache", cache_.string(), "--effects",
+                                           effects_.string()};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return RunWith(arguments);
+    }
+
+    Summary RunForSummary(std::vector<std::string> more = {}) const {
+        more.push_back("--json");
+        const Result result = Run(more);
+        EXPECT_EQ(result.exitCode, 0) << result.output;
+        return result.exitCode == 0 ? FromJson(result.output) : Summary{};
+    }
+
+    static std::string TextOf(const std::filesystem::path& path) {
+        std::ifstream file(path);
+        return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    }
+
+    // The name of the first variant, as the program makes it.
+    std::string FirstName() const {
+        return EffectName(LoadEffectLibrary(effects_).variants.at(0), ShaderCompiler().Identity());
+    }
+
+    // Puts a block into the cache, past the program.
+    void Cache(const std::string& name, const Bytes& block) const {
+        const std::string directory = cache_.string();
+        const Util::RefPtr<Quorvel::EffectCacheSystem> cache(
+            new Quorvel::EffectCacheSystem(CStr(directory.c_str())));
+        cache->CacheCompiledEffect(CStr(name.c_str()), block.data(), block.size(), false);
+    }
+
+    TemporaryDirectory folder_;
+    std::filesystem::path effects_ = folder_.Path() / "effects";
+    std::filesystem::path cache_ = folder_.Path() / "cache";
+};
+
+}  // namespace EffectHost

@@ -1,0 +1,87 @@
+// What the program does in situations that only a POSIX system makes at will.
+#include <gmock/gmock.h>
+
+#include "ProgramFixture.h"
+
+namespace EffectHost {
+namespace {
+
+using ::testing::HasSubstr;
+
+constexpr std::size_t kManyVariants = 60;
+
+class PosixProgram : public Program {
+protected:
+    // Runs the program behind a line of shell, which ends in exec "$@".
+    Result RunBehind(const std::string& shellLine,
+                     const std::vector<std::string>& more = {}) const {
+        std::vector<std::string> words{
+            "-c",      shellLine,       "sh",        ProgramPath().string(),
+            "--cache", cache_.string(), "--effects", effects_.string()};
+        words.insert(words.end(), more.begin(), more.end());
+        return RunOther("/bin/sh", words);
+    }
+
+    // Whether a process of ours may mount volumes in a namespace of its own.
+    bool MayMount() const {
+        return RunOther("/bin/sh",
+                        {"-c", "unshare -rm mount -t tmpfs none \"$0\"", cache_.string()})
+                   .exitCode == 0;
+    }
+
+    // Runs the program with a volume of so many KiB as its cache directory.
+    Result RunOnSmallVolume(int size, const std::vector<std::string>& more) const {
+        return RunBehind(
+            fmt::format("exec unshare -rm sh -c 'mount -t tmpfs -o size={}k none {} && "
+                        "exec \"$@\"' sh \"$@\"",
+                        size, cache_.string()),
+            more);
+    }
+};
+
+TEST_F(PosixProgram, AVolumeWithoutRoomIsExitCode6AfterTheSummary) {
+    if (!MayMount()) {
+        GTEST_SKIP() << "this system lets nobody mount a small volume";
+    }
+    WriteVariants(kManyVariants);
+    for (const std::vector<std::string>& more :
+         {std::vector<std::string>{}, {"--verify"}, {"--force-save", "1"}, {"--processes", "2"}}) {
+        const Result result = RunOnSmallVolume(84, more);
+        EXPECT_EQ(result.exitCode, 6) << result.output;
+        EXPECT_THAT(result.output, HasSubstr("effects    60 from 1 sources"));
+        EXPECT_THAT(result.output, HasSubstr("the cache file does not hold"));
+        EXPECT_THAT(result.output, HasSubstr("The volume may have no room"));
+    }
+}
+
+TEST_F(PosixProgram, AFileThatCanNotGrowIsExitCode6) {
+    WriteVariants(4 * kManyVariants);
+    const Result result = RunBehind("trap '' XFSZ; ulimit -f 144; exec \"$@\"");
+    EXPECT_EQ(result.exitCode, 6);
+    EXPECT_THAT(result.output, HasSubstr("saving failed; is the disk full"));
+}
+
+TEST_F(PosixProgram, OutputThatIsLostIsExitCode10) {
+    const Result result = RunBehind("exec \"$@\" >/dev/full");
+    EXPECT_EQ(result.exitCode, 10);
+    EXPECT_THAT(result.output, HasSubstr("can't write the output"));
+    EXPECT_EQ(RunForSummary().hits, kEffectVariants);
+}
+
+TEST_F(PosixProgram, AListingThatIsLostIsExitCode10AfterTheSummary) {
+    const Result result = Run({"--list", "/dev/full"});
+    EXPECT_EQ(result.exitCode, 10);
+    EXPECT_THAT(result.output, HasSubstr("misses     3"));
+    EXPECT_THAT(result.output, HasSubstr("can't write the listing /dev/full"));
+}
+
+TEST_F(PosixProgram, ALinkToTheCacheIsNoPlaceForAListing) {
+    RunForSummary();
+    const auto link = folder_.Path() / "link";
+    std::filesystem::create_symlink(cache_ / "vornFxoCache.dat", link);
+    EXPECT_EQ(Run({"--list", link.string()}).exitCode, 2);
+    EXPECT_EQ(RunForSummary().hits, kEffectVariants);
+}
+
+}  // namespace
+}  // namespace EffectHost

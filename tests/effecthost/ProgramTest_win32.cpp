@@ -1,0 +1,28 @@
+// What the program does in situations that only Windows makes at will.
+#include <gmock/gmock.h>
+
+#include "ProgramFixture.h"
+
+namespace EffectHost {
+namespace {
+
+using ::testing::HasSubstr;
+
+TEST_F(Program, ACompilerThatCanNotBeLoadedIsExitCode9) {
+    const std::filesystem::path copies = folder_.Path() / "bin";
+    std::filesystem::create_directory(copies);
+    std::filesystem::copy_file(ProgramPath(), copies / "effecthost.exe");
+    for (const auto& entry : std::filesystem::directory_iterator(ProgramPath().parent_path())) {
+        if (entry.path().extension() == ".dll") {
+            std::filesystem::copy_file(entry.path(), copies / entry.path().filename());
+        }
+    }
+    std::ofstream(copies / "d3dcompiler_47.dll") << "no library";
+    const Result result = RunOther(copies / "effecthost.exe",
+                                   {"--cache", cache_.string(), "--effects", effects_.string()});
+    EXPECT_EQ(result.exitCode, 9);
+    EXPECT_THAT(result.output, HasSubstr("can't load d3dcompiler_47.dll"));
+}
+
+}  // namespace
+}  // namespace EffectHost

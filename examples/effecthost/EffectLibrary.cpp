@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "Failure.h"
+#include "Paths.h"
 
 namespace EffectHost {
 
@@ -15,16 +16,16 @@ std::vector<std::string> FindSources(const std::filesystem::path& folder) {
     std::vector<std::string> files;
     for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
         if (entry.path().extension() == ".hlsl") {
-            files.push_back(entry.path().filename().string());
+            files.push_back(ToText(entry.path().filename()));
         }
     }
     if (error) {
         throw Failure(ExitCode::BadEffects, fmt::format("can't read the effects folder {}: {}",
-                                                        folder.string(), error.message()));
+                                                        ToText(folder), error.message()));
     }
     if (files.empty()) {
         throw Failure(ExitCode::BadEffects,
-                      fmt::format("there is no .hlsl file in {}", folder.string()));
+                      fmt::format("there is no .hlsl file in {}", ToText(folder)));
     }
     std::sort(files.begin(), files.end());
     return files;

@@ -2,8 +2,12 @@
 
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 namespace EffectHost {
+
+// What every message begins with.
+constexpr std::string_view kMessagePrefix = "effecthost: ";
 
 // What the program's exit code says.
 enum class ExitCode : int {
@@ -18,6 +22,7 @@ enum class ExitCode : int {
     ProcessFailed = 8,       // a process of several could not be started, or was killed
     NoCompiler = 9,          // the shader compiler can't be loaded
     OutputFailed = 10,       // the output or the listing can't be written
+    Interrupted = 11,        // somebody asked the program to stop
 };
 
 // Ends the run: a message for the user, and the exit code that goes with it.

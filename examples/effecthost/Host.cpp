@@ -5,30 +5,30 @@
 #include <exception>
 #include <ostream>
 
+#include "CacheDirectory.h"
+#include "Console.h"
 #include "EffectLibrary.h"
 #include "Failure.h"
 #include "Listing.h"
 #include "Options.h"
+#include "Paths.h"
 #include "ProcessGroup.h"
 #include "Processes.h"
 #include "Session.h"
+#include "StopRequest.h"
 
 namespace EffectHost {
 
 namespace {
 
 ProgressStyle ChooseProgress(const Options& options) {
-    if (options.quiet || options.json || options.worker) {
+    if (options.worker) {
+        return ProgressStyle::Reports;
+    }
+    if (options.quiet || options.json) {
         return ProgressStyle::None;
     }
     return StandardOutputIsTerminal() ? ProgressStyle::Bar : ProgressStyle::Lines;
-}
-
-void RequireCacheDirectory(const Options& options) {
-    if (!std::filesystem::is_directory(options.cacheDirectory)) {
-        throw Failure(ExitCode::NoCacheDirectory, fmt::format("there is no cache directory {}",
-                                                              options.cacheDirectory.string()));
-    }
 }
 
 void Print(const Summary& summary, const Options& options, std::ostream& out) {
@@ -68,8 +68,10 @@ void RunAlone(const Options& options, const EffectLibrary& library, const Stopwa
               std::ostream& out) {
     const ShaderCompiler compiler;
     Session session(options, library, compiler);
-    Progress progress(out, ChooseProgress(options), library.variants.size());
-    session.GetAllEffects(progress);
+    {
+        Progress progress(out, ChooseProgress(options), library.variants.size(), TerminalWidth());
+        session.GetAllEffects(progress);
+    }
     if (options.worker) {
         Print(session.Result(), options, out);
         return;
@@ -83,7 +85,12 @@ void RunGroup(const Options& options, const EffectLibrary& library, const Stopwa
     if (ChooseProgress(options) != ProgressStyle::None) {
         out << fmt::format("{} processes are at work\n", options.processes) << std::flush;
     }
-    Summary summary = RunProcessGroup(ExecutablePath(), options, library.variants.size());
+    Summary summary;
+    {
+        Progress progress(out, ChooseProgress(options), options.processes * library.variants.size(),
+                          TerminalWidth());
+        summary = RunProcessGroup(ExecutablePath(), options, library.variants.size(), progress);
+    }
     summary.sources = library.sourceCount;
 
     const ShaderCompiler compiler;
@@ -91,9 +98,12 @@ void RunGroup(const Options& options, const EffectLibrary& library, const Stopwa
     Conclude(session, summary, run, options, out);
 }
 
-void Run(const Options& options, std::ostream& out) {
+void Run(Options options, std::ostream& out) {
     const Stopwatch run;
-    RequireCacheDirectory(options);
+    if (options.worker) {
+        StopAtEndOfInput();
+    }
+    options.cacheDirectory = FindCacheDirectory(options.cacheDirectory);
     if (!options.listing.empty()) {
         RequireListingFile(options.listing, options.cacheDirectory);
     }
@@ -112,16 +122,18 @@ void RequireOutput(std::ostream& out) {
 }
 
 int Report(ExitCode code, const char* message, std::ostream& err) {
-    err << "effecthost: " << message << std::endl;
+    err << kMessagePrefix << message << std::endl;
     return static_cast<int>(code);
 }
 
 }  // namespace
 
 int RunHost(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
+    PrepareStandardStreams();
+    StopOnSignals();
     try {
-        const auto options =
-            ParseOptions(argc, argv, ExecutablePath().parent_path() / "effects", out);
+        const auto options = ParseOptions(CommandLineWords(argc, argv),
+                                          ExecutablePath().parent_path() / "effects", out);
         if (options) {
             Run(*options, out);
         }

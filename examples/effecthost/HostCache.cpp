@@ -8,6 +8,7 @@
 #include <random>
 
 #include "Failure.h"
+#include "Paths.h"
 #include "quorvel/Exceptions.h"
 
 namespace EffectHost {
@@ -43,7 +44,7 @@ std::filesystem::path ListingDraft(const std::filesystem::path& directory) {
 
 HostCache::HostCache(const std::filesystem::path& directory) : directory_(directory) {
     const TimedScope watch(openTime_);
-    cache_ = OpenCache(directory_.string());
+    cache_ = OpenCache(SpellingForFopen(directory_).value());
     RequireUsable("its file can be neither opened nor made there");
 }
 
@@ -80,7 +81,7 @@ std::size_t HostCache::EffectsInFile() const {
 
 std::string HostCache::ListedEffects() {
     const std::filesystem::path draft = ListingDraft(directory_);
-    cache_->ListCachedEffects(draft.string().c_str());
+    cache_->ListCachedEffects(SpellingForFopen(draft).value().c_str());
     std::ifstream file(draft);
     const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
     file.close();
@@ -98,14 +99,14 @@ void HostCache::WriteListing(const std::filesystem::path& file) {
     copy << text << std::flush;
     if (!copy || lines < EffectsInFile()) {
         throw Failure(ExitCode::OutputFailed,
-                      fmt::format("can't write the listing {}", file.string()));
+                      fmt::format("can't write the listing {}", ToText(file)));
     }
 }
 
 void HostCache::RequireUsable(const char* problem) const {
     if (!cache_->IsEnabled()) {
         throw Failure(ExitCode::UnusableCache, fmt::format("the cache in {} can't be used: {}",
-                                                           directory_.string(), problem));
+                                                           ToText(directory_), problem));
     }
 }
 

@@ -18,7 +18,8 @@ constexpr const char* kCacheFileName = "vornFxoCache.dat";
 // is timed, and a cache that can't be used is an error, since caching is all this host is for.
 class HostCache {
 public:
-    // Opens the cache of a directory. Throws Failure(UnusableCache).
+    // Opens the cache of a directory, as FindCacheDirectory returns it. Throws
+    // Failure(UnusableCache).
     explicit HostCache(const std::filesystem::path& directory);
     HostCache(const HostCache&) = delete;
     HostCache& operator=(const HostCache&) = delete;

@@ -6,6 +6,7 @@
 
 #include "Failure.h"
 #include "HostCache.h"
+#include "Paths.h"
 
 namespace EffectHost {
 
@@ -27,11 +28,11 @@ void RequireListingFile(const std::filesystem::path& listing,
     }
     if (isCache) {
         throw Failure(ExitCode::BadUsage,
-                      fmt::format("the listing {} would overwrite the cache", listing.string()));
+                      fmt::format("the listing {} would overwrite the cache", ToText(listing)));
     }
     if (!isWritable) {
         throw Failure(ExitCode::BadUsage,
-                      fmt::format("can't write the listing {}", listing.string()));
+                      fmt::format("can't write the listing {}", ToText(listing)));
     }
 }
 

@@ -1,8 +1,11 @@
 #include "Options.h"
 
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
 
 #include "Failure.h"
+#include "Paths.h"
 
 namespace EffectHost {
 
@@ -29,15 +32,22 @@ constexpr const char* kExitCodes =
     "  7  the cache returned other bytes than the compiler\n"
     "  8  one of several processes could not be started, or was killed\n"
     "  9  the shader compiler can't be loaded\n"
-    " 10  the output or the listing can't be written\n";
+    " 10  the output or the listing can't be written\n"
+    " 11  stopped by Ctrl-C or the like; what was compiled until then is saved\n";
+
+CLI::Option* AddPath(CLI::App& app, const std::string& name, std::filesystem::path& path,
+                     const std::string& text) {
+    const auto set = [&path](const std::string& word) { path = ToPath(word); };
+    return app.add_option_function<std::string>(name, set, text);
+}
 
 void AddWhatToDo(CLI::App& app, Options& options) {
-    app.add_option("--cache", options.cacheDirectory,
-                   "Directory of the cache. It must exist; the cache file is made in it")
+    AddPath(app, "--cache", options.cacheDirectory,
+            "Directory of the cache. It must exist; the cache file is made in it")
         ->required()
         ->type_name("DIR");
-    app.add_option("--effects", options.effectsFolder, "Folder with the .hlsl files")
-        ->capture_default_str()
+    AddPath(app, "--effects", options.effectsFolder, "Folder with the .hlsl files")
+        ->default_str(ToText(options.effectsFolder))
         ->type_name("DIR");
     app.add_option("--processes", options.processes,
                    "Do all the work in each of N processes at once, every one beginning elsewhere")
@@ -55,7 +65,7 @@ void AddWhatToDo(CLI::App& app, Options& options) {
 }
 
 void AddWhatToReport(CLI::App& app, Options& options) {
-    app.add_option("--list", options.listing, "Write a listing of the saved effects at the end")
+    AddPath(app, "--list", options.listing, "Write a listing of the saved effects at the end")
         ->type_name("FILE");
     app.add_flag("--quiet", options.quiet, "Print nothing but errors");
     app.add_flag("--json", options.json, "Print the summary as one line of JSON and no progress");
@@ -63,11 +73,19 @@ void AddWhatToReport(CLI::App& app, Options& options) {
     app.footer(kExitCodes);
 }
 
+// What is wrong with a text that should be a whole number; nothing when it is one, or left out.
+std::string WholeNumberProblem(const std::string& text) {
+    constexpr std::size_t kMostDigits = 9;
+    const bool isNumber = text.find_first_not_of("0123456789") == text.npos;
+    const bool isGood = isNumber && text.size() <= kMostDigits;
+    return isGood ? "" : fmt::format("{} is no whole number up to 999999999", text);
+}
+
 // An option whose number may be left out.
 CLI::Option* AddOptionalNumber(CLI::App& app, const std::string& name, const std::string& text) {
     return app.add_option(name, text)
         ->expected(0, 1)
-        ->check(CLI::NonNegativeNumber)
+        ->check(CLI::Validator(WholeNumberProblem, {}))
         ->type_name("[N]");
 }
 
@@ -81,7 +99,7 @@ std::size_t NumberOr(const CLI::Option& option, std::size_t notGiven, std::size_
 
 }  // namespace
 
-std::optional<Options> ParseOptions(int argc, const char* const* argv,
+std::optional<Options> ParseOptions(const std::vector<std::string>& words,
                                     const std::filesystem::path& defaultEffects,
                                     std::ostream& out) {
     Options options;
@@ -98,7 +116,8 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv,
     AddWhatToReport(app, options);
 
     try {
-        app.parse(argc, argv);
+        // It takes the words from the last to the first, without the name.
+        app.parse(std::vector<std::string>(words.rbegin(), words.rend() - 1));
         options.saveEvery =
             NumberOr(*forceSave, options.processes > 1 ? kDefaultGroupSaveEvery : 0, 1);
         options.verify = NumberOr(*verify, 0, kDefaultVerify);
@@ -112,8 +131,8 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv,
 }
 
 std::vector<std::string> WorkerArguments(const Options& options, std::size_t start) {
-    std::vector<std::string> arguments{"--cache",      options.cacheDirectory.string(),
-                                       "--effects",    options.effectsFolder.string(),
+    std::vector<std::string> arguments{"--cache",      ToText(options.cacheDirectory),
+                                       "--effects",    ToText(options.effectsFolder),
                                        "--start",      std::to_string(start),
                                        "--force-save", std::to_string(options.saveEvery),
                                        "--worker"};

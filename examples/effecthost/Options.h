@@ -24,9 +24,9 @@ struct Options {
     bool worker = false;  // one of several processes, whose parent checks the cache
 };
 
-// Reads the command line. Prints to out and returns nothing when it asks for help. Throws
-// Failure(BadUsage).
-std::optional<Options> ParseOptions(int argc, const char* const* argv,
+// Reads the words of the command line, the program's name first. Prints to out and returns nothing
+// when it asks for help. Throws Failure(BadUsage).
+std::optional<Options> ParseOptions(const std::vector<std::string>& words,
                                     const std::filesystem::path& defaultEffects, std::ostream& out);
 
 // The arguments that make another process do the same work as these options ask for, beginning

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "Failure.h"
 #include "Processes.h"
@@ -18,6 +19,28 @@ namespace {
     throw Failure(ExitCode::ProcessFailed,
                   fmt::format("can't start {}: {}", program, std::strerror(error)));
 }
+
+class Descriptor {
+public:
+    Descriptor() = default;
+    explicit Descriptor(int number) : number_(number) {}
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(Descriptor&& other) noexcept {
+        std::swap(number_, other.number_);
+        return *this;
+    }
+    ~Descriptor() { Close(); }
+
+    int Get() const { return number_; }
+    void Close() {
+        if (number_ != -1) {
+            close(std::exchange(number_, -1));
+        }
+    }
+
+private:
+    int number_ = -1;
+};
 
 class FileActions {
 public:
@@ -33,86 +56,110 @@ private:
     posix_spawn_file_actions_t actions_;
 };
 
+// Makes a pipe of which a child inherits only what is redirected. Returns an error number or 0.
+int MakePipe(Descriptor& readEnd, Descriptor& writeEnd) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        return errno;
+    }
+    readEnd = Descriptor(ends[0]);
+    writeEnd = Descriptor(ends[1]);
+    return 0;
+}
+
+int Spawn(pid_t& process, const FileActions& actions, std::string program,
+          std::vector<std::string> arguments) {
+    std::vector<char*> words{program.data()};
+    for (std::string& argument : arguments) {
+        words.push_back(argument.data());
+    }
+    words.push_back(nullptr);
+    return posix_spawn(&process, program.c_str(), actions.Get(), nullptr, words.data(), environ);
+}
+
 }  // namespace
 
 struct ChildProcess::State {
     pid_t process = -1;
-    int output = -1;
+    bool isRunning = false;
     int exitCode = -1;
-
-    ~State() {
-        close(output);
-        Wait();
-    }
-
-    void Wait() {
-        int status = 0;
-        if (process == -1 || waitpid(process, &status, 0) != process) {
-            return;
-        }
-        process = -1;
-        exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
+    Descriptor input;   // what the child reads
+    Descriptor output;  // what the child writes
 };
 
 ChildProcess::ChildProcess(const std::filesystem::path& program,
                            const std::vector<std::string>& arguments, Errors errors)
     : state_(std::make_unique<State>()) {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) {
-        ThrowStartFailure(program.string(), errno);
+    Descriptor childInput;
+    Descriptor childOutput;
+    int error = MakePipe(childInput, state_->input);
+    if (error == 0) {
+        error = MakePipe(state_->output, childOutput);
     }
-    state_->output = ends[0];
-
-    FileActions actions;
-    actions.Redirect(STDOUT_FILENO, ends[1]);
-    if (errors == Errors::Captured) {
-        actions.Redirect(STDERR_FILENO, ends[1]);
+    if (error == 0) {
+        FileActions actions;
+        actions.Redirect(STDIN_FILENO, childInput.Get());
+        actions.Redirect(STDOUT_FILENO, childOutput.Get());
+        if (errors == Errors::Captured) {
+            actions.Redirect(STDERR_FILENO, childOutput.Get());
+        }
+        error = Spawn(state_->process, actions, program.string(), arguments);
     }
-    std::string name = program.string();
-    std::vector<std::string> words = arguments;
-    std::vector<char*> pointers{name.data()};
-    for (std::string& word : words) {
-        pointers.push_back(word.data());
-    }
-    pointers.push_back(nullptr);
-    const int error = posix_spawn(&state_->process, name.c_str(), actions.Get(), nullptr,
-                                  pointers.data(), environ);
-    close(ends[1]);
     if (error != 0) {
-        state_->process = -1;
-        ThrowStartFailure(name, error);
+        ThrowStartFailure(program.string(), error);
     }
+    state_->isRunning = true;
 }
 
 ChildProcess::ChildProcess(ChildProcess&&) noexcept = default;
-ChildProcess& ChildProcess::operator=(ChildProcess&&) noexcept = default;
-ChildProcess::~ChildProcess() = default;
 
-std::string ChildProcess::ReadOutput() {
-    std::string text;
-    char buffer[4096];
-    for (;;) {
-        const ssize_t count = read(state_->output, buffer, sizeof(buffer));
-        if (count > 0) {
-            text.append(buffer, static_cast<std::size_t>(count));
-        } else if (count == 0 || errno != EINTR) {
-            return text;
-        }
+ChildProcess::~ChildProcess() {
+    if (state_) {
+        StopAndWait();
     }
 }
 
+unsigned long ChildProcess::Id() const {
+    return static_cast<unsigned long>(state_->process);
+}
+
+std::size_t ChildProcess::Read(char* buffer, std::size_t size) {
+    ssize_t count;
+    do {
+        count = read(state_->output.Get(), buffer, size);
+    } while (count < 0 && errno == EINTR);
+    return count > 0 ? static_cast<std::size_t>(count) : 0;
+}
+
+void ChildProcess::RequestStop() {
+    state_->input.Close();
+}
+
+// The exit code of a process that a signal killed is the signal's number below zero.
 int ChildProcess::Wait() {
-    state_->Wait();
+    if (!std::exchange(state_->isRunning, false)) {
+        return state_->exitCode;
+    }
+    int status = 0;
+    pid_t ended;
+    do {
+        ended = waitpid(state_->process, &status, 0);
+    } while (ended == -1 && errno == EINTR);
+    if (ended == state_->process) {
+        state_->exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
     return state_->exitCode;
+}
+
+std::string DescribeEnd(int exitCode) {
+    if (exitCode >= 0) {
+        return fmt::format("ended with exit code {}", exitCode);
+    }
+    return fmt::format("was killed by signal {} ({})", -exitCode, strsignal(-exitCode));
 }
 
 std::filesystem::path ExecutablePath() {
     return std::filesystem::read_symlink("/proc/self/exe");
-}
-
-bool StandardOutputIsTerminal() {
-    return isatty(STDOUT_FILENO) == 1;
 }
 
 }  // namespace EffectHost

@@ -3,7 +3,9 @@
 #include <fmt/format.h>
 
 #include "Failure.h"
+#include "Paths.h"
 #include "Processes.h"
+#include "WideText.h"
 
 namespace EffectHost {
 
@@ -16,9 +18,24 @@ struct CloseKernelHandle {
 };
 using Handle = std::unique_ptr<void, CloseKernelHandle>;
 
-[[noreturn]] void ThrowStartFailure(const std::string& program) {
+[[noreturn]] void ThrowStartFailure(const std::filesystem::path& program) {
+    const DWORD error = GetLastError();
     throw Failure(ExitCode::ProcessFailed,
-                  fmt::format("can't start {} (error {})", program, GetLastError()));
+                  fmt::format("can't start {} (error {})", ToText(program), error));
+}
+
+bool MakePipe(Handle& readEnd, Handle& writeEnd) {
+    HANDLE ends[2];
+    if (!CreatePipe(&ends[0], &ends[1], nullptr, 0)) {
+        return false;
+    }
+    readEnd.reset(ends[0]);
+    writeEnd.reset(ends[1]);
+    return true;
+}
+
+bool MakeInheritable(const Handle& handle) {
+    return SetHandleInformation(handle.get(), HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT) != 0;
 }
 
 // Quotes a word so that the child's start-up code takes it apart again: backslashes are doubled
@@ -36,86 +53,93 @@ std::string Quote(const std::string& word) {
     return quoted.append(backslashes, '\\') + '"';
 }
 
+std::wstring CommandLine(const std::filesystem::path& program,
+                         const std::vector<std::string>& arguments) {
+    std::string line = Quote(ToText(program));
+    for (const std::string& argument : arguments) {
+        line += ' ' + Quote(argument);
+    }
+    return ToWide(line, CP_UTF8);
+}
+
 }  // namespace
 
 struct ChildProcess::State {
     Handle process;
-    Handle output;
-
-    ~State() {
-        output.reset();
-        Wait();
-    }
-
-    int Wait() {
-        DWORD exitCode = 0;
-        if (!process || WaitForSingleObject(process.get(), INFINITE) != WAIT_OBJECT_0 ||
-            !GetExitCodeProcess(process.get(), &exitCode)) {
-            return -1;
-        }
-        return static_cast<int>(exitCode);
-    }
+    Handle input;   // what the child reads
+    Handle output;  // what the child writes
 };
 
 ChildProcess::ChildProcess(const std::filesystem::path& program,
                            const std::vector<std::string>& arguments, Errors errors)
     : state_(std::make_unique<State>()) {
-    SECURITY_ATTRIBUTES inheritable{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
-    HANDLE readEnd = nullptr;
-    HANDLE writeEnd = nullptr;
-    if (!CreatePipe(&readEnd, &writeEnd, &inheritable, 0)) {
-        ThrowStartFailure(program.string());
+    Handle childInput;
+    Handle childOutput;
+    if (!MakePipe(childInput, state_->input) || !MakePipe(state_->output, childOutput) ||
+        !MakeInheritable(childInput) || !MakeInheritable(childOutput)) {
+        ThrowStartFailure(program);
     }
-    state_->output.reset(readEnd);
-    const Handle input(writeEnd);
-    SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
-
-    std::string commandLine = Quote(program.string());
-    for (const std::string& argument : arguments) {
-        commandLine += ' ' + Quote(argument);
-    }
-    STARTUPINFOA startup{};
+    STARTUPINFOW startup{};
     startup.cb = sizeof(startup);
     startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
-    startup.hStdOutput = writeEnd;
-    startup.hStdError = errors == Errors::Captured ? writeEnd : GetStdHandle(STD_ERROR_HANDLE);
+    startup.hStdInput = childInput.get();
+    startup.hStdOutput = childOutput.get();
+    startup.hStdError =
+        errors == Errors::Captured ? childOutput.get() : GetStdHandle(STD_ERROR_HANDLE);
+    std::wstring commandLine = CommandLine(program, arguments);
     PROCESS_INFORMATION process{};
-    if (!CreateProcessA(program.string().c_str(), commandLine.data(), nullptr, nullptr, TRUE, 0,
-                        nullptr, nullptr, &startup, &process)) {
-        ThrowStartFailure(program.string());
+    if (!CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr,
+                        nullptr, &startup, &process)) {
+        ThrowStartFailure(program);
     }
     CloseHandle(process.hThread);
     state_->process.reset(process.hProcess);
 }
 
 ChildProcess::ChildProcess(ChildProcess&&) noexcept = default;
-ChildProcess& ChildProcess::operator=(ChildProcess&&) noexcept = default;
-ChildProcess::~ChildProcess() = default;
 
-std::string ChildProcess::ReadOutput() {
-    std::string text;
-    char buffer[4096];
-    DWORD count = 0;
-    while (ReadFile(state_->output.get(), buffer, sizeof(buffer), &count, nullptr) && count > 0) {
-        text.append(buffer, count);
+ChildProcess::~ChildProcess() {
+    if (state_) {
+        StopAndWait();
     }
-    return text;
+}
+
+unsigned long ChildProcess::Id() const {
+    return GetProcessId(state_->process.get());
+}
+
+std::size_t ChildProcess::Read(char* buffer, std::size_t size) {
+    DWORD count = 0;
+    const BOOL isRead =
+        ReadFile(state_->output.get(), buffer, static_cast<DWORD>(size), &count, nullptr);
+    return isRead ? count : 0;
+}
+
+void ChildProcess::RequestStop() {
+    state_->input.reset();
 }
 
 int ChildProcess::Wait() {
-    return state_->Wait();
+    DWORD exitCode = 0;
+    if (WaitForSingleObject(state_->process.get(), INFINITE) != WAIT_OBJECT_0 ||
+        !GetExitCodeProcess(state_->process.get(), &exitCode)) {
+        return -1;
+    }
+    return static_cast<int>(exitCode);
+}
+
+// The codes of processes that crashed are the only ones that are negative.
+std::string DescribeEnd(int exitCode) {
+    if (exitCode >= 0) {
+        return fmt::format("ended with exit code {}", exitCode);
+    }
+    return fmt::format("was killed (code {:#x})", static_cast<unsigned int>(exitCode));
 }
 
 std::filesystem::path ExecutablePath() {
     std::wstring path(kLongestPath, L'\0');
     path.resize(GetModuleFileNameW(nullptr, path.data(), kLongestPath));
     return path;
-}
-
-bool StandardOutputIsTerminal() {
-    DWORD mode = 0;
-    return GetConsoleMode(GetStdHandle(STD_OUTPUT_HANDLE), &mode) != 0;
 }
 
 }  // namespace EffectHost

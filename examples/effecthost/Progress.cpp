@@ -2,49 +2,96 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <ostream>
+#include <sstream>
+#include <utility>
 
 namespace EffectHost {
 
 namespace {
 
-constexpr std::size_t kBarWidth = 40;
+constexpr std::size_t kWidestBar = 40;
+constexpr std::size_t kNarrowestBar = 8;
 constexpr std::size_t kLines = 10;
 constexpr std::chrono::milliseconds kRedrawInterval{50};
+constexpr const char* kReport = "progress";
+
+// A bar with text behind it, in so many columns. Where these are too few for both there is no bar.
+std::string BarText(std::size_t done, std::size_t total, const std::string& text,
+                    std::size_t columns) {
+    constexpr std::size_t kBrackets = 3;  // and a blank
+    if (text.size() + kBrackets + kNarrowestBar > columns) {
+        return text.substr(0, columns);
+    }
+    const std::size_t width = std::min(kWidestBar, columns - text.size() - kBrackets);
+    const std::size_t filled = done * width / total;
+    return fmt::format("[{:#<{}}{:{}}] {}", "", filled, "", width - filled, text);
+}
 
 }  // namespace
 
-Progress::Progress(std::ostream& out, ProgressStyle style, std::size_t total)
-    : out_(out), style_(style), total_(total) {}
+Progress::Progress(std::ostream& out, ProgressStyle style, std::size_t total, std::size_t width)
+    : out_(out), style_(style), total_(total), width_(width) {}
 
-void Progress::Advance(bool compiled) {
-    ++done_;
-    compiled_ += compiled ? 1 : 0;
-    if (style_ == ProgressStyle::Bar) {
-        DrawBar();
-    } else if (style_ == ProgressStyle::Lines) {
-        PrintLine();
+Progress::~Progress() {
+    if (lineIsOpen_) {
+        out_ << std::endl;
     }
 }
 
-void Progress::DrawBar() {
+void Progress::Advance(bool compiled) {
+    Show(done_ + 1, compiled_ + (compiled ? 1 : 0));
+}
+
+void Progress::Show(std::size_t done, std::size_t compiled) {
+    const std::size_t doneBefore = std::exchange(done_, done);
+    compiled_ = compiled;
+    if (style_ == ProgressStyle::Bar && IsTimeToDraw()) {
+        DrawBar();
+    } else if (style_ == ProgressStyle::Lines) {
+        PrintLine(doneBefore);
+    } else if (style_ == ProgressStyle::Reports && IsTimeToDraw()) {
+        PrintReport();
+    }
+}
+
+bool Progress::IsTimeToDraw() {
     const auto now = std::chrono::steady_clock::now();
-    const bool last = done_ == total_;
-    if (!last && now - lastDrawn_ < kRedrawInterval) {
-        return;
+    if (done_ < total_ && now - lastDrawn_ < kRedrawInterval) {
+        return false;
     }
     lastDrawn_ = now;
-    const std::size_t filled = done_ * kBarWidth / total_;
-    out_ << fmt::format("\r[{:#<{}}{:{}}] {}/{}, {} compiled{}", "", filled, "", kBarWidth - filled,
-                        done_, total_, compiled_, last ? "\n" : "")
+    return true;
+}
+
+// A line that fills its last column goes on in the next line of some terminals.
+void Progress::DrawBar() {
+    const std::string text = fmt::format("{}/{}, {} compiled", done_, total_, compiled_);
+    lineIsOpen_ = done_ < total_;
+    out_ << fmt::format("\r{}{}", BarText(done_, total_, text, width_ - 1), lineIsOpen_ ? "" : "\n")
          << std::flush;
 }
 
-void Progress::PrintLine() {
-    if (done_ * kLines / total_ != (done_ - 1) * kLines / total_) {
+void Progress::PrintLine(std::size_t doneBefore) {
+    if (done_ * kLines / total_ != doneBefore * kLines / total_) {
         out_ << fmt::format("{} of {} effects, {} compiled\n", done_, total_, compiled_)
              << std::flush;
     }
+}
+
+void Progress::PrintReport() {
+    out_ << fmt::format("{} {} {}\n", kReport, done_, compiled_) << std::flush;
+}
+
+std::optional<ProgressReport> ParseProgressReport(const std::string& line) {
+    std::istringstream words(line);
+    std::string first;
+    ProgressReport report;
+    if (!(words >> first >> report.done >> report.compiled) || first != kReport) {
+        return std::nullopt;
+    }
+    return report;
 }
 
 }  // namespace EffectHost

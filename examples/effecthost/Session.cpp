@@ -6,6 +6,7 @@
 
 #include "Failure.h"
 #include "Pattern.h"
+#include "StopRequest.h"
 
 namespace EffectHost {
 
@@ -31,6 +32,9 @@ Session::Session(const Options& options, const EffectLibrary& library,
 void Session::GetAllEffects(Progress& progress) {
     const std::size_t count = library_.variants.size();
     for (std::size_t i = 0; i < count; ++i) {
+        if (StopRequested()) {
+            SaveAndStop(i);
+        }
         const bool compiled = GetEffect((options_.start + i) % count);
         if (compiled && options_.saveEvery > 0 &&
             summary_.compiledEffects.size() % options_.saveEvery == 0) {
@@ -40,6 +44,13 @@ void Session::GetAllEffects(Progress& progress) {
     }
     cache_.Save();
     KeepTimes();
+}
+
+void Session::SaveAndStop(std::size_t done) {
+    cache_.Save();
+    throw Failure(ExitCode::Interrupted,
+                  fmt::format("stopped after {} of {} effects; what was compiled is saved", done,
+                              library_.variants.size()));
 }
 
 // Returns whether the effect had to be compiled.
@@ -123,6 +134,9 @@ void Session::Verify(std::size_t count) {
     const std::size_t total = library_.variants.size();
     count = std::min(count, total);
     for (std::size_t i = 0; i < count; ++i) {
+        if (StopRequested()) {
+            throw Failure(ExitCode::Interrupted, "stopped while verifying; all effects are saved");
+        }
         const EffectVariant& variant = library_.variants[i * total / count];
         summary_.verified += IsSame(variant, EffectName(variant, compiler_.Identity())) ? 1 : 0;
     }

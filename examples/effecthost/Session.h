@@ -14,7 +14,8 @@ class Session {
 public:
     Session(const Options& options, const EffectLibrary& library, const ShaderCompiler& compiler);
 
-    // Does all the work and saves. Throws Failure: CompileError, UnusableCache.
+    // Does all the work and saves. Throws Failure: CompileError, UnusableCache, and Interrupted
+    // after saving when it is asked to stop.
     void GetAllEffects(Progress& progress);
 
     // Looks every effect up once more. Throws Failure(UnusableCache) when some are not there: the
@@ -23,7 +24,7 @@ public:
 
     // Recompiles a number of effects, spread evenly over the library, and compares the bytes with
     // what the cache returns. Throws Failure: VerificationFailed at the first difference,
-    // UnusableCache when the cache no longer has all of them.
+    // UnusableCache when the cache no longer has all of them, Interrupted.
     void Verify(std::size_t count);
 
     HostCache& Cache() { return cache_; }
@@ -36,6 +37,7 @@ private:
     void UseFound(const std::string& name, CachedEffect& effect);
     void CompileAndStore(const EffectVariant& variant, const std::string& name);
     void KeepTimes();
+    [[noreturn]] void SaveAndStop(std::size_t done);
     bool IsPermanent(const std::string& name) const;
     bool IsSame(const EffectVariant& variant, const std::string& name);
 

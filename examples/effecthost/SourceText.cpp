@@ -10,6 +10,7 @@
 
 #include "Checksum.h"
 #include "Failure.h"
+#include "Paths.h"
 
 namespace EffectHost {
 
@@ -39,7 +40,7 @@ void CollectIncludes(const std::filesystem::path& folder, const std::string& fil
         const auto included = IncludedFile(line, fmt::format("{}:{}", file, number));
         if (included && !includes.contains(*included)) {
             const std::string& includedText =
-                includes.emplace(*included, ReadTextFile(folder / *included)).first->second;
+                includes.emplace(*included, ReadTextFile(folder / ToPath(*included))).first->second;
             CollectIncludes(folder, *included, includedText, includes);
         }
     }
@@ -51,14 +52,14 @@ std::string ReadTextFile(const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary);
     std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
     if (!file) {
-        throw Failure(ExitCode::BadEffects, fmt::format("can't read {}", path.string()));
+        throw Failure(ExitCode::BadEffects, fmt::format("can't read {}", ToText(path)));
     }
     return text;
 }
 
 SourceText ReadSourceText(const std::filesystem::path& folder, const std::string& file) {
     SourceText source;
-    source.text = ReadTextFile(folder / file);
+    source.text = ReadTextFile(folder / ToPath(file));
     CollectIncludes(folder, file, source.text, source.includes);
 
     Checksum checksum;

@@ -12,14 +12,14 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
-std::optional<Options> Parse(std::vector<const char*> arguments, std::ostream& out) {
-    arguments.insert(arguments.begin(), "effecthost");
-    return ParseOptions(static_cast<int>(arguments.size()), arguments.data(), "default", out);
+std::optional<Options> Parse(std::vector<std::string> words, std::ostream& out) {
+    words.insert(words.begin(), "effecthost");
+    return ParseOptions(words, "default", out);
 }
 
-Options Parse(const std::vector<const char*>& arguments) {
+Options Parse(const std::vector<std::string>& words) {
     std::ostringstream out;
-    return Parse(arguments, out).value();
+    return Parse(words, out).value();
 }
 
 TEST(Options, TheCacheDirectoryAloneIsEnough) {
@@ -63,7 +63,7 @@ TEST(Options, HelpIsPrintedAndEndsTheRun) {
 }
 
 TEST(Options, BadCommandLinesAreRefused) {
-    const std::vector<std::vector<const char*>> lines = {
+    const std::vector<std::vector<std::string>> lines = {
         {},
         {"--cache"},
         {"--cache", "c", "--wat"},
@@ -74,6 +74,7 @@ TEST(Options, BadCommandLinesAreRefused) {
         {"--cache", "c", "--start", "-1"},
         {"--cache", "c", "--verify", "-1"},
         {"--cache", "c", "--verify", "lots"},
+        {"--cache", "c", "--verify", "1000000000"},
         {"--cache", "c", "--force-save", "1.5"},
     };
     for (const auto& line : lines) {
@@ -83,16 +84,18 @@ TEST(Options, BadCommandLinesAreRefused) {
     }
 }
 
+TEST(Options, AWordThatIsNoNumberIsNamedInAShortMessage) {
+    const std::string message = FailureOf(ExitCode::BadUsage, [] {
+        Parse({"--cache", "c", "--verify", "abc"});
+    });
+    EXPECT_THAT(message, HasSubstr("abc is no whole number"));
+    EXPECT_LT(message.size(), 100u);
+}
+
 TEST(Options, AWorkerGetsTheSameWorkWithItsOwnStart) {
-    std::vector<const char*> line{"--cache", "c",           "--effects", "e",       "--processes",
-                                  "2",       "--permanent", "p*",        "--verify"};
-    const std::vector<std::string> words = WorkerArguments(Parse(line), 7);
-    std::vector<const char*> pointers;
-    pointers.reserve(words.size());
-    for (const std::string& word : words) {
-        pointers.push_back(word.c_str());
-    }
-    const Options worker = Parse(pointers);
+    const Options options = Parse({"--cache", "c", "--effects", "e", "--processes", "2",
+                                   "--permanent", "p*", "--verify", "--list", "l"});
+    const Options worker = Parse(WorkerArguments(options, 7));
     EXPECT_EQ(worker.cacheDirectory, "c");
     EXPECT_EQ(worker.effectsFolder, "e");
     EXPECT_EQ(worker.processes, 1u);
@@ -101,6 +104,7 @@ TEST(Options, AWorkerGetsTheSameWorkWithItsOwnStart) {
     EXPECT_THAT(worker.permanent, ElementsAre("p*"));
     EXPECT_TRUE(worker.worker);
     EXPECT_EQ(worker.verify, 0u);
+    EXPECT_TRUE(worker.listing.empty());
 }
 
 }  // namespace

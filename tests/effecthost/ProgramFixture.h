@@ -7,8 +7,10 @@
 #include <fstream>
 #include <iterator>
 
+#include "CacheDirectory.h"
 #include "CachedEffect.h"
 #include "EffectLibrary.h"
+#include "HostCache.h"
 #include "Processes.h"
 #include "ShaderCompiler.h"
 #include "Summary.h"
@@ -73,8 +75,7 @@ protected:
     static Result RunOther(const std::filesystem::path& program,
                            const std::vector<std::string>& arguments) {
         ChildProcess process(program, arguments, ChildProcess::Errors::Captured);
-        const std::string output = process.ReadOutput();
-        return {process.Wait(), output};
+        return Finish(process);
     }
 
     Result Run(const std::vector<std::string>& more = {}) const {
@@ -82,6 +83,25 @@ protected:
                                            effects_.string()};
         arguments.insert(arguments.end(), more.begin(), more.end());
         return RunWith(arguments);
+    }
+
+    // Starts the program on the cache, spelled that way.
+    ChildProcess Start(const std::filesystem::path& cache,
+                       const std::vector<std::string>& more = {}) const {
+        std::vector<std::string> arguments{"--cache", cache.string(), "--effects",
+                                           effects_.string()};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return ChildProcess(ProgramPath(), arguments, ChildProcess::Errors::Captured);
+    }
+
+    // Ends a program that was started.
+    static Result Finish(ChildProcess& process) {
+        const std::string output = process.ReadOutput();
+        return {process.Wait(), output};
+    }
+
+    std::size_t EffectsInFile() const {
+        return HostCache(FindCacheDirectory(cache_)).EffectsInFile();
     }
 
     Summary RunForSummary(std::vector<std::string> more = {}) const {
@@ -103,7 +123,7 @@ protected:
 
     // Puts a block into the cache, past the program.
     void Cache(const std::string& name, const Bytes& block) const {
-        const std::string directory = cache_.string();
+        const std::string directory = FindCacheDirectory(cache_).string();
         const Util::RefPtr<Quorvel::EffectCacheSystem> cache(
             new Quorvel::EffectCacheSystem(CStr(directory.c_str())));
         cache->CacheCompiledEffect(CStr(name.c_str()), block.data(), block.size(), false);

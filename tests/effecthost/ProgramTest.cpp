@@ -5,8 +5,8 @@
 #include <fstream>
 
 #include "FailureOf.h"
-#include "HostCache.h"
 #include "ProgramFixture.h"
+#include "support/WorkingDirectory.h"
 
 namespace EffectHost {
 namespace {
@@ -26,6 +26,9 @@ std::string EffectWithLongName() {
     return text + "//@ program PixelMain ps_4_0" + axes +
            "\nfloat4 PixelMain() : SV_Target\n{\n    return 0.5;\n}\n";
 }
+
+// More variants than any test waits for.
+constexpr std::size_t kEndless = 3000;
 
 TEST_F(Program, ASecondRunCompilesNothingAndGetsTheSameBytes) {
     const Summary cold = RunForSummary();
@@ -59,6 +62,72 @@ TEST_F(Program, SeveralProcessesShareOneFile) {
     EXPECT_GE(summary.mostCompilations, 1u);
     EXPECT_LE(summary.mostCompilations, 3u);
     EXPECT_EQ(RunForSummary({"--processes", "2"}).hits, 2 * kEffectVariants);
+}
+
+TEST_F(Program, SeveralProcessesShowTheProgressOfAll) {
+    const Result result = Run({"--processes", "2"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_THAT(result.output, HasSubstr("6 of 6 effects"));
+}
+
+TEST_F(Program, SeveralProcessesMayBeginAnywhere) {
+    const Summary summary = RunForSummary({"--processes", "3", "--start", "1000000"});
+    EXPECT_EQ(summary.hits + summary.misses, 3 * kEffectVariants);
+}
+
+TEST_F(Program, TwoSpellingsOfADirectoryAtOnceShareOneCache) {
+    WriteVariants(40);
+    ChildProcess first = Start(cache_, {"--force-save", "1"});
+    ChildProcess second = Start(effects_ / ".." / "cache", {"--force-save", "1"});
+    EXPECT_EQ(Finish(first).exitCode, 0);
+    EXPECT_EQ(Finish(second).exitCode, 0);
+    EXPECT_EQ(RunForSummary({"--verify"}).hits, 40u);
+}
+
+TEST_F(Program, ADirectoryMayHaveBlanksAndLettersBeyondAscii) {
+    cache_ = folder_.Path() / u8"x h\u00f6hle";
+    std::filesystem::create_directory(cache_);
+    const auto listing = folder_.Path() / u8"l\u00e4nge.txt";
+    EXPECT_EQ(RunForSummary({"--list", listing.string()}).misses, kEffectVariants);
+    EXPECT_TRUE(std::filesystem::exists(cache_ / "vornFxoCache.dat"));
+    EXPECT_TRUE(std::filesystem::exists(listing));
+    EXPECT_EQ(RunForSummary({"--processes", "2"}).hits, 2 * kEffectVariants);
+}
+
+TEST_F(Program, TheEffectsMayStandInAFolderWithBlanksAndLettersBeyondAscii) {
+    const auto renamed = folder_.Path() / u8"w \u00e4rme";
+    std::filesystem::rename(effects_, renamed);
+    effects_ = renamed;
+    EXPECT_EQ(RunForSummary({"--processes", "2"}).effects, kEffectVariants);
+}
+
+TEST_F(Program, RelativePathsWork) {
+    const Quorvel::Testing::WorkingDirectory inFolder(folder_.Path());
+    effects_ = "effects";
+    cache_ = "cache";
+    EXPECT_EQ(RunForSummary({"--list", "list.txt"}).misses, kEffectVariants);
+    EXPECT_TRUE(std::filesystem::exists("list.txt"));
+    EXPECT_EQ(RunForSummary({"--processes", "2"}).hits, 2 * kEffectVariants);
+}
+
+TEST_F(Program, ADirectoryThatCanNotBeReachedIsExitCode4) {
+    std::ofstream(folder_.Path() / "file") << "text";
+    for (const auto& cache : {folder_.Path() / "file", folder_.Path() / std::string(5000, 'x')}) {
+        ChildProcess process = Start(cache);
+        EXPECT_EQ(Finish(process).exitCode, 4);
+    }
+}
+
+TEST_F(Program, AProcessThatIsAskedToStopSavesAndReturnsExitCode11) {
+    WriteVariants(kEndless);
+    ChildProcess process = Start(cache_, {"--worker"});
+    ASSERT_TRUE(process.ReadLine());  // of its progress
+    process.RequestStop();
+    const Result result = Finish(process);
+    EXPECT_EQ(result.exitCode, 11);
+    EXPECT_THAT(result.output, HasSubstr("effecthost: stopped after"));
+    EXPECT_GT(EffectsInFile(), 0u);
+    EXPECT_LT(EffectsInFile(), kEndless);
 }
 
 TEST_F(Program, ADamagedEffectIsCompiledAgainAndReplaced) {
@@ -148,7 +217,7 @@ TEST_F(Program, AnEffectThatTheCacheDoesNotTakeIsExitCode6AfterTheSummary) {
 }
 
 TEST_F(Program, AnEffectOverAMebibyteIsNotInTheCache) {
-    HostCache cache(cache_);
+    HostCache cache(FindCacheDirectory(cache_));
     cache.Store("large", {1, Bytes(1048576 - 31), false});  // with 32 bytes in front of it
     cache.Store("largest", {1, Bytes(1048576 - 32), false});
     CachedEffect effect;
@@ -222,7 +291,9 @@ TEST_F(Program, SeveralProcessesPassOnTheExitCodeOfTheOneThatFailed) {
     Write("broken.hlsl", "//@ program Main ps_4_0\nfloat4 Main() : SV_Target { return wat; }\n");
     const Result result = Run({"--processes", "2"});
     EXPECT_EQ(result.exitCode, 5);
-    EXPECT_THAT(result.output, HasSubstr("ended with exit code 5"));
+    EXPECT_THAT(result.output, HasSubstr("effecthost: process 1 of 2 ended with exit code 5: "
+                                         "broken.hlsl does not compile"));
+    EXPECT_EQ(result.output.find("does not compile"), result.output.rfind("does not compile"));
 }
 
 TEST(Processes, AProgramThatIsNotThereCanNotBeStarted) {

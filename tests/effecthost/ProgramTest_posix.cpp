@@ -1,5 +1,6 @@
 // What the program does in situations that only a POSIX system makes at will.
 #include <gmock/gmock.h>
+#include <signal.h>
 
 #include "ProgramFixture.h"
 
@@ -9,6 +10,9 @@ namespace {
 using ::testing::HasSubstr;
 
 constexpr std::size_t kManyVariants = 60;
+
+// More variants than any test waits for.
+constexpr std::size_t kEndless = 3000;
 
 class PosixProgram : public Program {
 protected:
@@ -59,6 +63,61 @@ TEST_F(PosixProgram, AFileThatCanNotGrowIsExitCode6) {
     const Result result = RunBehind("trap '' XFSZ; ulimit -f 144; exec \"$@\"");
     EXPECT_EQ(result.exitCode, 6);
     EXPECT_THAT(result.output, HasSubstr("saving failed; is the disk full"));
+}
+
+TEST_F(PosixProgram, AProcessThatIsKilledIsExitCode8) {
+    const Result result = RunBehind("ulimit -f 0; exec \"$@\"", {"--processes", "2"});
+    EXPECT_EQ(result.exitCode, 8);
+    EXPECT_THAT(result.output, HasSubstr(fmt::format("was killed by signal {}", SIGXFSZ)));
+}
+
+TEST_F(PosixProgram, AnInterruptSavesWhatWasCompiledAndIsExitCode11) {
+    WriteVariants(kEndless);
+    for (const char* processes : {"1", "2"}) {
+        ChildProcess process = Start(cache_, {"--processes", processes, "--force-save", "0"});
+        while (process.ReadLine().value().find("compiled") == std::string::npos) {
+        }
+        kill(static_cast<pid_t>(process.Id()), SIGINT);
+        const Result result = Finish(process);
+        EXPECT_EQ(result.exitCode, 11);
+        EXPECT_THAT(result.output, HasSubstr("stopped"));
+        EXPECT_GT(EffectsInFile(), 0u);
+        EXPECT_LT(EffectsInFile(), kEndless);
+    }
+}
+
+TEST_F(PosixProgram, ClosedStreamsDoNotLeadIntoTheCache) {
+    EXPECT_EQ(RunBehind("exec \"$@\" <&- >&- 2>&-").exitCode, 0);
+    EXPECT_EQ(RunForSummary({"--verify"}).hits, kEffectVariants);
+    EXPECT_EQ(RunBehind("exec \"$@\" <&- >&- 2>&-", {"--processes", "2"}).exitCode, 0);
+    EXPECT_EQ(RunForSummary({"--verify"}).hits, kEffectVariants);
+}
+
+TEST_F(PosixProgram, AReaderWhoLeavesDoesNotEndTheWork) {
+    const Result result = RunBehind("(sleep 0.2; \"$@\"; echo code $? >&2) | true");
+    EXPECT_THAT(result.output, HasSubstr("can't write the output"));
+    EXPECT_THAT(result.output, HasSubstr("code 10"));
+    EXPECT_EQ(RunForSummary().hits, kEffectVariants);
+}
+
+TEST_F(PosixProgram, ALinkToADirectoryAndTheDirectoryAtOnceShareOneCache) {
+    WriteVariants(40);
+    const auto link = folder_.Path() / "link";
+    std::filesystem::create_directory_symlink(cache_, link);
+    ChildProcess first = Start(cache_, {"--force-save", "1"});
+    ChildProcess second = Start(link, {"--force-save", "1"});
+    EXPECT_EQ(Finish(first).exitCode, 0);
+    EXPECT_EQ(Finish(second).exitCode, 0);
+    EXPECT_EQ(RunForSummary({"--verify"}).hits, 40u);
+}
+
+TEST_F(PosixProgram, ALinkThatLeadsNowhereIsExitCode4) {
+    const auto loop = folder_.Path() / "loop";
+    std::filesystem::create_symlink(loop, loop);
+    ChildProcess process = Start(loop);
+    const Result result = Finish(process);
+    EXPECT_EQ(result.exitCode, 4);
+    EXPECT_THAT(result.output, HasSubstr("can't use the cache directory"));
 }
 
 TEST_F(PosixProgram, OutputThatIsLostIsExitCode10) {

@@ -8,6 +8,14 @@ namespace {
 
 using ::testing::HasSubstr;
 
+TEST_F(Program, ADirectoryWhoseNameTheCodePageLacksIsExitCode4) {
+    cache_ = folder_.Path() / u8"\u6d1e\u7a74";
+    std::filesystem::create_directory(cache_);
+    const Result result = Run();
+    EXPECT_EQ(result.exitCode, 4);
+    EXPECT_THAT(result.output, HasSubstr("not in the code page of this system"));
+}
+
 TEST_F(Program, ACompilerThatCanNotBeLoadedIsExitCode9) {
     const std::filesystem::path copies = folder_.Path() / "bin";
     std::filesystem::create_directory(copies);

@@ -59,6 +59,10 @@ private:
         if (FindAxis(words[1])) {
             Fail(fmt::format("the axis {} is declared twice", words[1]));
         }
+        const std::set<std::string> values(words.begin() + 2, words.end());
+        if (values.size() != words.size() - 2) {
+            Fail(fmt::format("the axis {} has a value twice", words[1]));
+        }
         axes_.push_back({words[1], {words.begin() + 2, words.end()}});
     }
 

@@ -36,7 +36,7 @@ struct EffectDeclaration {
 
 // Reads the declaration out of an HLSL file's text; file is its name, for messages. Throws
 // Failure(BadEffects) when a line is malformed, when an axis is unknown, declared twice or never
-// used, or when there is no program.
+// used or has a value twice, or when there is no program.
 EffectDeclaration ParseEffectDeclaration(const std::string& file, std::string_view text);
 
 }  // namespace EffectHost

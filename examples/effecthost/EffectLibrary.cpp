@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cctype>
+#include <set>
 
 #include "Failure.h"
 #include "Paths.h"
@@ -11,11 +13,19 @@ namespace EffectHost {
 
 namespace {
 
+bool IsSource(const std::filesystem::path& path) {
+    std::string extension = ToText(path.extension());
+    for (char& letter : extension) {
+        letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
+    }
+    return extension == ".hlsl";
+}
+
 std::vector<std::string> FindSources(const std::filesystem::path& folder) {
     std::error_code error;
     std::vector<std::string> files;
     for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
-        if (entry.path().extension() == ".hlsl") {
+        if (IsSource(entry.path())) {
             files.push_back(ToText(entry.path().filename()));
         }
     }
@@ -35,8 +45,15 @@ void AppendVariants(const std::filesystem::path& folder, const std::string& file
                     std::vector<EffectVariant>& variants) {
     const auto source = std::make_shared<const SourceText>(ReadSourceText(folder, file));
     const EffectDeclaration declaration = ParseEffectDeclaration(file, source->text);
+    std::set<std::string> known;
     for (const EffectProgram& program : declaration.programs) {
         for (std::vector<MacroValue>& macros : ExpandAxes(program.axes)) {
+            const std::string text =
+                fmt::format("{} {} {}", program.entryPoint, program.profile, MacroText(macros));
+            if (!known.insert(text).second) {
+                throw Failure(ExitCode::BadEffects,
+                              fmt::format("{}: two variants are alike: {}", file, text));
+            }
             variants.push_back(
                 {file, program.entryPoint, program.profile, std::move(macros), source});
         }

@@ -18,7 +18,9 @@ public:
     ShaderCompiler& operator=(const ShaderCompiler&) = delete;
     ~ShaderCompiler();
 
-    // The kind and version of what it makes, for effect names.
+    // What decides the bytes besides the variant, for effect names: the kind of what it makes, its
+    // version, the options, and a checksum of what it makes of a small effect, which differs where
+    // versions say too little.
     const std::string& Identity() const;
 
     // The compiled bytes. Throws Failure(CompileError) with the compiler's own words.
@@ -28,6 +30,12 @@ private:
     struct State;
     std::unique_ptr<State> state_;
 };
+
+// What a compiler makes of a small effect, as a few letters. Takes milliseconds.
+std::string ProbeCompiler(const ShaderCompiler& compiler);
+
+// Throws Failure(CompileError) unless the profile is one that every compiler here takes.
+void RequireKnownProfile(const EffectVariant& variant);
 
 // The failure of a variant: its file, entry point, profile and macros, then the compiler's words.
 [[noreturn]] void ThrowCompileError(const EffectVariant& variant, const std::string& words);

@@ -9,14 +9,12 @@ namespace EffectHost {
 
 namespace {
 
+// What stands for MakeOptions in effect names. Change it with them.
+constexpr const char* kOptionsTag = "speed.1";
+
 shaderc_shader_kind ShaderKind(const EffectVariant& variant) {
-    if (variant.profile.starts_with("vs_")) {
-        return shaderc_vertex_shader;
-    }
-    if (variant.profile.starts_with("ps_")) {
-        return shaderc_fragment_shader;
-    }
-    ThrowCompileError(variant, "the profile is none of vs_*, ps_*");
+    RequireKnownProfile(variant);
+    return variant.profile.starts_with("vs_") ? shaderc_vertex_shader : shaderc_fragment_shader;
 }
 
 // Serves the texts that were read with the source.
@@ -70,7 +68,8 @@ ShaderCompiler::ShaderCompiler() : state_(std::make_unique<State>()) {
     unsigned int version = 0;
     unsigned int revision = 0;
     shaderc_get_spv_version(&version, &revision);
-    state_->identity = fmt::format("spirv-{:x}.{}", version, revision);
+    state_->identity =
+        fmt::format("spirv-{:x}.{}-{}-{}", version, revision, kOptionsTag, ProbeCompiler(*this));
 }
 
 ShaderCompiler::~ShaderCompiler() = default;

@@ -3,6 +3,8 @@
 #include <d3dcompiler.h>
 #include <fmt/format.h>
 
+#include <cstring>
+
 #include "Failure.h"
 #include "ShaderCompiler.h"
 
@@ -11,6 +13,7 @@ namespace EffectHost {
 namespace {
 
 constexpr const char* kLibrary = "d3dcompiler_47.dll";
+constexpr UINT kFlags = D3DCOMPILE_OPTIMIZATION_LEVEL3 | D3DCOMPILE_ENABLE_STRICTNESS;
 
 struct ReleaseBlob {
     void operator()(ID3DBlob* blob) const { blob->Release(); }
@@ -54,16 +57,6 @@ std::vector<D3D_SHADER_MACRO> MakeMacros(const EffectVariant& variant) {
     return macros;
 }
 
-// Wine's compiler prints the blank between #include and the name to our standard output.
-std::string CloseUpIncludes(std::string text) {
-    constexpr std::string_view kBefore = "#include \"";
-    constexpr std::string_view kAfter = "#include\"";
-    for (std::size_t at = text.find(kBefore); at != text.npos; at = text.find(kBefore, at)) {
-        text.replace(at, kBefore.size(), kAfter);
-    }
-    return text;
-}
-
 std::string TextOf(const Blob& blob) {
     if (!blob) {
         return "the compiler gives no reason";
@@ -73,12 +66,29 @@ std::string TextOf(const Blob& blob) {
     return text.c_str();  // without the NUL that the size counts
 }
 
+// The version that a library's file states; empty when it states none.
+std::string FileVersion(HMODULE library) {
+    // Where the numbers stand in the resource, behind its head.
+    constexpr std::size_t kOffset = 40;
+    const HRSRC resource = FindResourceW(library, MAKEINTRESOURCEW(VS_VERSION_INFO),
+                                         reinterpret_cast<const wchar_t*>(RT_VERSION));
+    const HGLOBAL handle = resource ? LoadResource(library, resource) : nullptr;
+    const void* const bytes = handle ? LockResource(handle) : nullptr;
+    VS_FIXEDFILEINFO info{};
+    if (!bytes || SizeofResource(library, resource) < kOffset + sizeof(info)) {
+        return {};
+    }
+    std::memcpy(&info, static_cast<const unsigned char*>(bytes) + kOffset, sizeof(info));
+    return fmt::format("{}.{}.{}.{}", HIWORD(info.dwFileVersionMS), LOWORD(info.dwFileVersionMS),
+                       HIWORD(info.dwFileVersionLS), LOWORD(info.dwFileVersionLS));
+}
+
 }  // namespace
 
 struct ShaderCompiler::State {
     Module library;
     pD3DCompile compile = nullptr;
-    std::string identity = "dxbc-47";
+    std::string identity;
 };
 
 ShaderCompiler::ShaderCompiler() : state_(std::make_unique<State>()) {
@@ -91,6 +101,8 @@ ShaderCompiler::ShaderCompiler() : state_(std::make_unique<State>()) {
         throw Failure(ExitCode::NoCompiler,
                       fmt::format("can't load {} (error {})", kLibrary, GetLastError()));
     }
+    state_->identity = fmt::format("dxbc-{}-{:x}-{}", FileVersion(state_->library.get()), kFlags,
+                                   ProbeCompiler(*this));
 }
 
 ShaderCompiler::~ShaderCompiler() = default;
@@ -100,9 +112,9 @@ const std::string& ShaderCompiler::Identity() const {
 }
 
 Bytes ShaderCompiler::Compile(const EffectVariant& variant) const {
+    RequireKnownProfile(variant);
     const std::vector<D3D_SHADER_MACRO> macros = MakeMacros(variant);
-    constexpr UINT kFlags = D3DCOMPILE_OPTIMIZATION_LEVEL3 | D3DCOMPILE_ENABLE_STRICTNESS;
-    const std::string text = CloseUpIncludes(variant.source->text);
+    const std::string& text = variant.source->text;
     Includer includer(*variant.source);
     ID3DBlob* rawCode = nullptr;
     ID3DBlob* rawMessages = nullptr;

@@ -18,8 +18,10 @@ struct SourceText {
 };
 
 // Reads an HLSL file of a folder, and the files that it includes with #include "NAME", directly or
-// through others; names are relative to the folder. Throws Failure(BadEffects) when a file is
-// missing or a directive is malformed.
+// through others; names are relative to the folder. Comments are skipped; conditions such as #if
+// are not looked at. In the texts every such directive is written #include"NAME", since some
+// compilers stumble over blanks there. Throws Failure(BadEffects) when a file is missing or a
+// directive is malformed.
 SourceText ReadSourceText(const std::filesystem::path& folder, const std::string& file);
 
 }  // namespace EffectHost

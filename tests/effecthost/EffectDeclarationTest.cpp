@@ -54,6 +54,11 @@ TEST(EffectDeclaration, AnAxisThatNoProgramUsesIsRefused) {
                 HasSubstr("no program uses the axis A"));
 }
 
+TEST(EffectDeclaration, AnAxisMayNotHaveAValueTwice) {
+    EXPECT_THAT(RefusalOf("//@ axis A 0 1 0\n//@ program P ps_4_0 A\n"),
+                HasSubstr("e.hlsl:1: the axis A has a value twice"));
+}
+
 TEST(EffectDeclaration, MalformedLinesAreRefused) {
     for (const char* line : {"//@\n", "//@ axis A\n", "//@ program P\n", "//@ progam P ps_4_0\n"}) {
         EXPECT_THAT(RefusalOf(line), HasSubstr("e.hlsl:1: expected")) << line;

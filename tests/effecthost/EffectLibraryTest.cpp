@@ -104,6 +104,72 @@ TEST(EffectLibrary, MissingFoldersEmptyFoldersAndMissingIncludesAreRefused) {
     EXPECT_THAT(load(folder.Path()), HasSubstr("a.hlsl:2"));
 }
 
+TEST(EffectLibrary, VariantsThatAreAlikeAreRefused) {
+    const TemporaryDirectory folder;
+    const auto refusal = [&](const char* declaration) {
+        Write(folder, "a.hlsl", declaration);
+        return FailureOf(ExitCode::BadEffects, [&] { LoadEffectLibrary(folder.Path()); });
+    };
+    EXPECT_THAT(refusal("//@ program Q vs_4_0\n//@ program Q vs_4_0\n"),
+                HasSubstr("a.hlsl: two variants are alike: Q vs_4_0"));
+    EXPECT_THAT(refusal("//@ axis A 0 1\n//@ program Q vs_4_0\n//@ program Q vs_4_0 A\n"),
+                HasSubstr("two variants are alike: Q vs_4_0 A=0"));
+}
+
+TEST(EffectLibrary, TheExtensionMayHaveCapitals) {
+    const TemporaryDirectory folder;
+    Write(folder, "A.HLSL", "//@ program Q vs_4_0\n");
+    Write(folder, "b.Hlsl", "//@ program Q vs_4_0\n");
+    EXPECT_EQ(LoadEffectLibrary(folder.Path()).sourceCount, 2u);
+}
+
+TEST(EffectLibrary, AFolderThatIsNamedLikeAnEffectIsRefused) {
+    const TemporaryDirectory folder;
+    std::filesystem::create_directory(folder.Path() / "x.hlsl");
+    EXPECT_THAT(FailureOf(ExitCode::BadEffects, [&] { LoadEffectLibrary(folder.Path()); }),
+                HasSubstr("x.hlsl, which is a folder"));
+}
+
+// What the text of an effect includes, in a folder with b.hlsli alone.
+std::vector<std::string> IncludesOf(const std::string& text) {
+    const TemporaryDirectory folder;
+    Write(folder, "b.hlsli", "float b;\n");
+    Write(folder, "a.hlsl", ("//@ program Q vs_4_0\n" + text).c_str());
+    std::vector<std::string> names;
+    const EffectLibrary library = LoadEffectLibrary(folder.Path());
+    for (const auto& [name, included] : library.variants.at(0).source->includes) {
+        names.push_back(name);
+    }
+    return names;
+}
+
+TEST(EffectLibrary, IncludesMayHaveBlanksAndComments) {
+    for (const char* text :
+         {"#include \"b.hlsli\" // the \"b\" file\n", "# include \"b.hlsli\"\n",
+          "  #\tinclude\t\"b.hlsli\"\r\n", "/* b */ #include \"b.hlsli\" /* \"b\" */\n",
+          "#include\"b.hlsli\"", "float a; // \"\n#include \"b.hlsli\"\n"}) {
+        EXPECT_THAT(IncludesOf(text), ElementsAre("b.hlsli")) << text;
+    }
+}
+
+TEST(EffectLibrary, WhatIsCommentedOutIsNotIncluded) {
+    for (const char* text :
+         {"// #include \"none\"\n", "/* a\n#include \"none\"\n*/\n", "/* #include \"none\"",
+          "//* #include \"none\"\n", "#includes \"none\"\n", "#define include \"none\"\n"}) {
+        EXPECT_THAT(IncludesOf(text), ElementsAre()) << text;
+    }
+}
+
+TEST(EffectLibrary, DirectivesGetOneShapeAndEverythingElseStays) {
+    const TemporaryDirectory folder;
+    Write(folder, "b.hlsli", "# include \"b.hlsli\"\n");
+    Write(folder, "a.hlsl", "//@ program Q vs_4_0\n  # include  \"b.hlsli\" // b\nfloat a;\n");
+    const EffectLibrary library = LoadEffectLibrary(folder.Path());
+    const SourceText& source = *library.variants.at(0).source;
+    EXPECT_EQ(source.text, "//@ program Q vs_4_0\n  #include\"b.hlsli\" // b\nfloat a;\n");
+    EXPECT_EQ(source.includes.at("b.hlsli"), "#include\"b.hlsli\"\n");
+}
+
 TEST(EffectLibrary, TheEffectsBesideTheProgramHaveDistinctNames) {
     const EffectLibrary library = LoadEffectLibrary(ExecutablePath().parent_path() / "effects");
     EXPECT_GE(library.sourceCount, 12u);

@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include "FailureOf.h"
+#include "Pattern.h"
 #include "ProgramFixture.h"
 #include "support/WorkingDirectory.h"
 
@@ -45,6 +46,23 @@ TEST_F(Program, ASecondRunCompilesNothingAndGetsTheSameBytes) {
     EXPECT_EQ(warm.compileTime, 0u);
     EXPECT_GT(warm.sparedTime, 0u);
     EXPECT_LE(warm.sparedTime, cold.compileTime);
+}
+
+TEST_F(Program, EveryProfileThatIsKnownIsCompiled) {
+    for (const char* profile : {"vs_4_0", "vs_4_1", "vs_5_0", "ps_4_0", "ps_4_1", "ps_5_0"}) {
+        const char* semantic = profile[0] == 'v' ? "SV_Position" : "SV_Target";
+        Write("shade.hlsl", fmt::format("//@ program Main {}\n"
+                                        "float4 Main() : {} {{ return 0.0; }}\n",
+                                        profile, semantic));
+        EXPECT_EQ(RunForSummary().misses, 1u) << profile;
+    }
+}
+
+TEST_F(Program, NamesSayTheCompilerItsOptionsAndWhatItMakes) {
+    const std::string identity = ShaderCompiler().Identity();
+    EXPECT_TRUE(MatchesPattern("*-*-*-????????", identity)) << identity;
+    EXPECT_THAT(FirstName(), HasSubstr(":" + identity + "-"));
+    EXPECT_EQ(ShaderCompiler().Identity(), identity);
 }
 
 TEST_F(Program, AnEditedIncludeIsCompiledAnew) {
@@ -276,8 +294,14 @@ TEST_F(Program, AnEffectThatDoesNotCompileIsExitCode5WithAllThatIsNeededToFindIt
 }
 
 TEST_F(Program, AProfileThatTheCompilerDoesNotKnowIsExitCode5) {
-    Write("strange.hlsl", "//@ program Main zs_9_9\nfloat4 Main() : SV_Target { return 0.0; }\n");
-    EXPECT_EQ(Run().exitCode, 5);
+    for (const char* profile : {"zs_9_9", "ps_9_7", "ps_4", "cs_5_0", "gs_4_0"}) {
+        Write("strange.hlsl", fmt::format("//@ program Main {}\n"
+                                          "float4 Main() : SV_Target {{ return 0.0; }}\n",
+                                          profile));
+        const Result result = Run();
+        EXPECT_EQ(result.exitCode, 5) << profile;
+        EXPECT_THAT(result.output, HasSubstr("the profile is none of vs_4_0"));
+    }
 }
 
 TEST_F(Program, ACacheFileThatCanNotBeOpenedIsExitCode6) {

@@ -12,7 +12,7 @@ using ::testing::HasSubstr;
 constexpr std::size_t kManyVariants = 60;
 
 // More variants than any test waits for.
-constexpr std::size_t kEndless = 3000;
+constexpr std::size_t kEndless = 1000;
 
 class PosixProgram : public Program {
 protected:
@@ -60,7 +60,8 @@ TEST_F(PosixProgram, AVolumeWithoutRoomIsExitCode6AfterTheSummary) {
 
 TEST_F(PosixProgram, AFileThatCanNotGrowIsExitCode6) {
     WriteVariants(4 * kManyVariants);
-    const Result result = RunBehind("trap '' XFSZ; ulimit -f 144; exec \"$@\"");
+    const Result result =
+        RunBehind("trap '' XFSZ; ulimit -f 144; exec \"$@\"", {"--force-save", "5"});
     EXPECT_EQ(result.exitCode, 6);
     EXPECT_THAT(result.output, HasSubstr("saving failed; is the disk full"));
 }

@@ -2,6 +2,8 @@
 
 #include <shellapi.h>
 
+#include <memory>
+#include <string_view>
 #include <system_error>
 
 #include "Paths.h"

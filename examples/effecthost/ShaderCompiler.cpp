@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <iterator>
+#include <string_view>
 
 #include "Checksum.h"
 #include "Failure.h"

@@ -44,7 +44,7 @@ TEST(Progress, ABarThatIsLeftEndsItsLine) {
 }
 
 TEST(Progress, ABarLeavesTheLastColumnOfANarrowTerminalFree) {
-    for (std::size_t width : {64, 40, 30, 20, 10}) {
+    for (const std::size_t width : {64u, 40u, 30u, 20u, 10u}) {
         std::ostringstream out;
         Progress(out, ProgressStyle::Bar, 1000, width).Show(999, 999);
         const std::string text = out.str();

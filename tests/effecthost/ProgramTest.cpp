@@ -7,6 +7,7 @@
 #include "FailureOf.h"
 #include "Pattern.h"
 #include "ProgramFixture.h"
+#include "Session.h"
 #include "support/WorkingDirectory.h"
 
 namespace EffectHost {
@@ -232,6 +233,18 @@ TEST_F(Program, AnEffectThatTheCacheDoesNotTakeIsExitCode6AfterTheSummary) {
         EXPECT_THAT(result.output, HasSubstr("names over 65536 bytes"));
         EXPECT_LT(result.output.size(), 2000u);
     }
+}
+
+TEST_F(Program, ASessionThatFindsNoEffectInTheCacheSaysSoAndVerifiesNothing) {
+    Options options;
+    options.cacheDirectory = FindCacheDirectory(cache_);
+    const EffectLibrary library = LoadEffectLibrary(effects_);
+    const ShaderCompiler compiler;
+    Session session(options, library, compiler);
+    EXPECT_THAT(FailureOf(ExitCode::UnusableCache, [&] { session.RequireAllSaved(); }),
+                HasSubstr("does not hold 3 of 3 effects"));
+    EXPECT_THAT(FailureOf(ExitCode::UnusableCache, [&] { session.Verify(20); }),
+                HasSubstr("only 0 of 3 effects could be verified"));
 }
 
 TEST_F(Program, AnEffectOverAMebibyteIsNotInTheCache) {

@@ -1,6 +1,8 @@
 // What the program does in situations that only Windows makes at will.
 #include <gmock/gmock.h>
 
+#include <cwctype>
+
 #include "ProgramFixture.h"
 
 namespace EffectHost {
@@ -14,6 +16,16 @@ TEST_F(Program, ADirectoryWhoseNameTheCodePageLacksIsExitCode4) {
     const Result result = Run();
     EXPECT_EQ(result.exitCode, 4);
     EXPECT_THAT(result.output, HasSubstr("not in the code page of this system"));
+}
+
+TEST_F(Program, CapitalsAndSlashesAndPrefixesDoNotMakeAnotherDirectory) {
+    const std::filesystem::path spelling = FindCacheDirectory(cache_);
+    std::wstring other = cache_.native();
+    for (wchar_t& letter : other) {
+        letter = letter == L'\\' ? L'/' : static_cast<wchar_t>(std::towupper(letter));
+    }
+    EXPECT_EQ(FindCacheDirectory(other), spelling);
+    EXPECT_EQ(FindCacheDirectory(L"\\\\?\\" + cache_.native()), spelling);
 }
 
 TEST_F(Program, ACompilerThatCanNotBeLoadedIsExitCode9) {

@@ -117,16 +117,15 @@ private:
 }  // namespace
 
 std::string ReadTextFile(const std::filesystem::path& path) {
-    std::error_code ignored;
-    const bool isFolder = std::filesystem::is_directory(path, ignored);
-    std::ifstream file(path, std::ios::binary);
-    std::string text;
-    if (!isFolder) {
-        text.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    // Folders can be opened in some systems, and pipes make the reader wait.
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(path, error) && !error) {
+        throw Failure(ExitCode::BadEffects, fmt::format("{} is no file", ToText(path)));
     }
-    if (isFolder || !file) {
-        throw Failure(ExitCode::BadEffects, fmt::format("can't read {}{}", ToText(path),
-                                                        isFolder ? ", which is a folder" : ""));
+    std::ifstream file(path, std::ios::binary);
+    std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    if (!file) {
+        throw Failure(ExitCode::BadEffects, fmt::format("can't read {}", ToText(path)));
     }
     return text;
 }

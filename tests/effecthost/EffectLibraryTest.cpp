@@ -127,7 +127,7 @@ TEST(EffectLibrary, AFolderThatIsNamedLikeAnEffectIsRefused) {
     const TemporaryDirectory folder;
     std::filesystem::create_directory(folder.Path() / "x.hlsl");
     EXPECT_THAT(FailureOf(ExitCode::BadEffects, [&] { LoadEffectLibrary(folder.Path()); }),
-                HasSubstr("x.hlsl, which is a folder"));
+                HasSubstr("x.hlsl is no file"));
 }
 
 // What the text of an effect includes, in a folder with b.hlsli alone.

@@ -1,6 +1,7 @@
 // What the program does in situations that only a POSIX system makes at will.
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include "ProgramFixture.h"
 
@@ -70,6 +71,7 @@ TEST_F(PosixProgram, AProcessThatIsKilledIsExitCode8) {
     const Result result = RunBehind("ulimit -f 0; exec \"$@\"", {"--processes", "2"});
     EXPECT_EQ(result.exitCode, 8);
     EXPECT_THAT(result.output, HasSubstr(fmt::format("was killed by signal {}", SIGXFSZ)));
+    EXPECT_EQ(RunForSummary().misses, kEffectVariants);
 }
 
 TEST_F(PosixProgram, AnInterruptSavesWhatWasCompiledAndIsExitCode11) {
@@ -119,6 +121,11 @@ TEST_F(PosixProgram, ALinkThatLeadsNowhereIsExitCode4) {
     const Result result = Finish(process);
     EXPECT_EQ(result.exitCode, 4);
     EXPECT_THAT(result.output, HasSubstr("can't use the cache directory"));
+}
+
+TEST_F(PosixProgram, APipeThatIsNamedLikeAnEffectIsExitCode3) {
+    ASSERT_EQ(mkfifo((effects_ / "pipe.hlsl").c_str(), 0600), 0);
+    EXPECT_EQ(Run().exitCode, 3);
 }
 
 TEST_F(PosixProgram, OutputThatIsLostIsExitCode10) {

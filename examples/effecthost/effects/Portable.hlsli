@@ -1,25 +1,42 @@
-// HLSL in the words that every compiler of it knows, from the complete ones down to those that have
-// no calls of functions, no conditional operator and few intrinsics. The effects are straight-line
-// code for that reason: a choice is a mask of 0 or 1 that blends, a loop is written out with a
-// macro, and what would be a function is one of the macros here or in the effect. A macro never
-// hands a parameter of its own to another macro, which some of the compilers don't resolve: it
-// gives it a name first.
+// The language that the effects keep to, and short names for what it lacks. Two compilers have to
+// take them: shaderc, and d3dcompiler_47 on Windows, which may be the one built into Wine. For the
+// sake of Wine's (it was tried with Wine 8) the effects avoid
+//
+// - functions besides the entry points: it has no calls. Macros stand in; those whose names begin
+//   with Declare declare a variable.
+// - loops and early returns: it takes them, but leaves out break and return, so that a loop never
+//   ends. What would be a loop is a macro written out.
+// - variable indices into arrays, the conditional operator, attributes such as [unroll], discard
+//   and clip
+// - SampleLevel, SampleGrad and ddx. A Sample needs the derivatives that the neighbouring pixels
+//   give it, so none stands in a branch; a branch chooses what is sampled behind it.
+// - sqrt, rsqrt, exp, log, frac, step, smoothstep, sign, reflect, sin, cos and acos: see below
+// - a macro that hands its own parameter to another macro: it gives it a name first.
+//
+// Branches, matrices, and abs, cross, dot, floor, length, lerp, max, normalize, pow and saturate
+// work everywhere.
 
 static const float kPi = 3.14159265;
-
-// Masks: 1 where the comparison holds, 0 where it does not.
-#define AtLeast(x, edge) float((x) >= (edge))
-#define Below(x, edge) float((x) < (edge))
+static const float kE = 2.71828183;
+static const float3 kLuminance = float3(0.2126, 0.7152, 0.0722);  // of linear red, green and blue
 
 #define Sqrt(x) pow(max(x, 0.0), 0.5)
-#define Exp(x) pow(2.71828183, x)
+#define Exp(x) pow(kE, x)
 #define Exp2(x) pow(2.0, x)
 #define Frac(x) ((x) - floor(x))
 #define Square(x) ((x) * (x))
 #define LinearStep(low, high, x) saturate(((x) - (low)) / ((high) - (low)))
 #define Smooth(t) ((t) * (t) * (3.0 - 2.0 * (t)))
 #define Reflect(direction, normal) ((direction) - 2.0 * dot(direction, normal) * (normal))
-#define Luminance(color) dot(color, float3(0.2126, 0.7152, 0.0722))
+#define Luminance(color) dot(color, kLuminance)
+
+// Masks: 1 where the comparison holds, 0 where it does not, for every component.
+#define AtLeast(x, edge) float((x) >= (edge))
+#define Below(x, edge) float((x) < (edge))
+
+// Fresnel's reflectance after Schlick, from the one at normal incidence.
+#define Fresnel(reflectance, cosine) \
+    ((reflectance) + (1.0 - (reflectance)) * pow(saturate(1.0 - (cosine)), 5.0))
 
 // Declares the sine of an angle in turns: a parabola through the zeroes and peaks, then one step
 // towards the true curve. Off by less than 0.0012.
@@ -33,8 +50,8 @@ static const float kPi = 3.14159265;
     result = 8.0 * result - 16.0 * result * abs(result); \
     result = 0.225 * (result * abs(result) - result) + result;
 
-// A pseudo-random number from 0 to 1 for a position; the same one every time.
-#define DeclareNoise(result, position) \
-    float result = dot(position, float2(0.06711056, 0.00583715)); \
+// Declares interleaved gradient noise: from 0 to 1, the same for a pixel every time.
+#define DeclareNoise(result, pixel) \
+    float result = dot(pixel, float2(0.06711056, 0.00583715)); \
     result = 52.9829189 * (result - floor(result)); \
     result = result - floor(result);

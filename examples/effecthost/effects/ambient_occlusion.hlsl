@@ -8,7 +8,6 @@
 //@ axis RADIUS 1 2 3 4
 //@ axis VERTICAL 0 1
 //@ axis BILATERAL 0 1
-//@ program VertexMain vs_4_0
 //@ program OcclusionPixelMain ps_4_0 SAMPLES NORMALS RANGE_CHECK ROTATE
 //@ program BlurPixelMain ps_4_0 RADIUS VERTICAL BILATERAL
 //
@@ -25,16 +24,18 @@
 
 cbuffer Occlusion : register(b2)
 {
-    float4 viewRay;     // size of the view at distance 1 in xy
+    float4x4 worldToView;
+    float4 viewSize;    // half the width and height of the view at depth 1
     float4 hemisphere;  // radius, bias, strength, depth difference that ends the blur
 };
 
 Texture2D<float> depthTexture : register(t0);
-Texture2D normalTexture : register(t1);
+Texture2D normalTexture : register(t1);  // in the world
 Texture2D<float> occlusionTexture : register(t2);
 SamplerState nearestSampler : register(s0);
 
-// Points of the half sphere around +z, denser near its centre.
+// Points of the half sphere around +z, denser near its centre. The first few of them fill it as all
+// do when they are scaled up.
 static const float3 kPoints[16] = {
     float3(0.024, -0.013, 0.049),  float3(-0.053, 0.061, 0.037), float3(0.083, 0.044, 0.081),
     float3(-0.101, -0.068, 0.094), float3(0.020, -0.165, 0.073), float3(0.148, 0.121, 0.108),
@@ -44,24 +45,29 @@ static const float3 kPoints[16] = {
     float3(0.389, -0.512, 0.438)};
 
 #define DepthAt(uv) \
-    (depthRange.z / (depthRange.y - depthTexture.Sample(nearestSampler, uv) * depthRange.w))
+    (depthRange.x / (depthRange.y - depthTexture.Sample(nearestSampler, uv) * depthRange.z))
 #define ViewPosition(uv, depth) \
-    float3(((uv) * float2(2.0, -2.0) + float2(-1.0, 1.0)) * viewRay.xy * (depth), depth)
+    float3(((uv) * float2(2.0, -2.0) + float2(-1.0, 1.0)) * viewSize.xy * (depth), depth)
 
 #if RANGE_CHECK
 #define CheckRange \
-    float near = saturate(hemisphere.x / (abs(origin.z - found) + 0.0001)); \
+    float near = saturate(hemisphere.x / max(abs(origin.z - found), hemisphere.y)); \
     hidden *= Smooth(near);
 #else
 #define CheckRange
 #endif
 
+static const float kClosest = 0.01;  // points do not come nearer to the camera's plane than this
+
+static const float kSpread = 16.0 / float(SAMPLES);
+
 #define AddPoint(index) \
     { \
         float3 turned = kPoints[index].x * tangent + kPoints[index].y * bitangent + \
                         kPoints[index].z * normal; \
-        float3 looked = origin + turned * hemisphere.x; \
-        float2 place = looked.xy / (looked.z * viewRay.xy) * float2(0.5, -0.5) + 0.5; \
+        float3 looked = origin + turned * (kSpread * hemisphere.x); \
+        float2 place = looked.xy / (max(looked.z, kClosest) * viewSize.xy); \
+        place = place * float2(0.5, -0.5) + 0.5; \
         float found = DepthAt(place); \
         float hidden = AtLeast(looked.z - hemisphere.y, found); \
         CheckRange \
@@ -73,7 +79,8 @@ float4 OcclusionPixelMain(ScreenPoint screen) : SV_Target
     float depth = DepthAt(screen.uv);
     float3 origin = ViewPosition(screen.uv, depth);
 #if NORMALS
-    float3 normal = normalize(normalTexture.Sample(nearestSampler, screen.uv).xyz * 2.0 - 1.0);
+    float3 stored = normalTexture.Sample(nearestSampler, screen.uv).xyz * 2.0 - 1.0;
+    float3 normal = normalize(mul(stored, (float3x3)worldToView));
 #else
     float2 rightUv = screen.uv + float2(screenSize.z, 0.0);
     float2 belowUv = screen.uv + float2(0.0, screenSize.w);
@@ -82,15 +89,21 @@ float4 OcclusionPixelMain(ScreenPoint screen) : SV_Target
     float3 normal = normalize(cross(toRight, toBelow));
 #endif
 
-    float3 axis = float3(1.0, 0.0, 0.0);
+    // Any direction does that is not the normal's own.
+    float3 aside = float3(1.0, 0.0, 0.0);
+    if (abs(normal.x) > 0.7)
+    {
+        aside = float3(0.0, 1.0, 0.0);
+    }
+    float3 tangent = normalize(cross(aside, normal));
+    float3 bitangent = cross(normal, tangent);
 #if ROTATE
     DeclareNoise(turn, screen.position.xy)
     DeclareSine(sine, turn)
     DeclareCosine(cosine, turn)
-    axis = float3(cosine, sine, 0.0);
+    tangent = normalize(tangent * cosine + bitangent * sine);
+    bitangent = cross(normal, tangent);
 #endif
-    float3 tangent = normalize(axis - normal * dot(axis, normal));
-    float3 bitangent = cross(normal, tangent);
 
     float occlusion = 0.0;
     AddPoint(0) AddPoint(1) AddPoint(2) AddPoint(3)
@@ -103,7 +116,7 @@ float4 OcclusionPixelMain(ScreenPoint screen) : SV_Target
 #if SAMPLES > 12
     AddPoint(12) AddPoint(13) AddPoint(14) AddPoint(15)
 #endif
-    float open = saturate(1.0 - hemisphere.z * occlusion / (float(SAMPLES) + 0.0001));
+    float open = saturate(1.0 - hemisphere.z * occlusion / float(SAMPLES));
     return float4(open, open, open, 1.0);
 }
 
@@ -113,10 +126,12 @@ float4 OcclusionPixelMain(ScreenPoint screen) : SV_Target
 #define CompareDepth
 #endif
 
-#define AddTap(offset, share) \
+// A Gaussian whose deviation is half the radius.
+#define AddTap(offset) \
     { \
         float2 place = screen.uv + along * (offset); \
-        float weight = share; \
+        float share = (offset) / float(RADIUS); \
+        float weight = Exp(-2.0 * share * share); \
         CompareDepth \
         sum += occlusionTexture.Sample(nearestSampler, place) * weight; \
         weights += weight; \
@@ -132,15 +147,15 @@ float4 BlurPixelMain(ScreenPoint screen) : SV_Target
 #endif
     float sum = occlusionTexture.Sample(nearestSampler, screen.uv);
     float weights = 1.0;
-    AddTap(-1.0, 0.78) AddTap(1.0, 0.78)
+    AddTap(-1.0) AddTap(1.0)
 #if RADIUS > 1
-    AddTap(-2.0, 0.37) AddTap(2.0, 0.37)
+    AddTap(-2.0) AddTap(2.0)
 #endif
 #if RADIUS > 2
-    AddTap(-3.0, 0.11) AddTap(3.0, 0.11)
+    AddTap(-3.0) AddTap(3.0)
 #endif
 #if RADIUS > 3
-    AddTap(-4.0, 0.02) AddTap(4.0, 0.02)
+    AddTap(-4.0) AddTap(4.0)
 #endif
     float open = sum / weights;
     return float4(open, open, open, 1.0);

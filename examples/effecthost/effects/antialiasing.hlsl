@@ -4,7 +4,6 @@
 //@ axis STEPS 2 4 8 12
 //@ axis LUMA 0 1 2
 //@ axis SUBPIXEL 0 1
-//@ program VertexMain vs_4_0
 //@ program PixelMain ps_4_0 STEPS LUMA SUBPIXEL
 //
 // STEPS      of the walk along the edge, to each side
@@ -16,7 +15,7 @@
 
 cbuffer Antialiasing : register(b2)
 {
-    float4 limits;  // relative and absolute contrast of an edge, strength for single pixels
+    float4 limits;  // relative and absolute contrast of an edge, farthest shift of single pixels
 };
 
 Texture2D pictureTexture : register(t0);
@@ -25,11 +24,12 @@ SamplerState smoothSampler : register(s0);
 #if LUMA == 0
 #define BrightnessAt(place) pictureTexture.Sample(smoothSampler, place).g
 #elif LUMA == 1
-#define BrightnessAt(place) \
-    dot(pictureTexture.Sample(smoothSampler, place).rgb, float3(0.2126, 0.7152, 0.0722))
+#define BrightnessAt(place) dot(pictureTexture.Sample(smoothSampler, place).rgb, kLuminance)
 #else
 #define BrightnessAt(place) pictureTexture.Sample(smoothSampler, place).a
 #endif
+
+static const float kLeast = 0.0001;  // contrast that is none
 
 // One step to both sides. A side that has met its end, where the brightness leaves the edge's own,
 // stays where it is.
@@ -48,29 +48,33 @@ float4 PixelMain(ScreenPoint screen) : SV_Target
     float south = BrightnessAt(here + pixel * float2(0.0, 1.0));
     float west = BrightnessAt(here + pixel * float2(-1.0, 0.0));
     float east = BrightnessAt(here + pixel * float2(1.0, 0.0));
-    float corners = BrightnessAt(here - pixel) + BrightnessAt(here + pixel) +
-                    BrightnessAt(here + pixel * float2(1.0, -1.0)) +
-                    BrightnessAt(here + pixel * float2(-1.0, 1.0));
     float brightest = max(centre, max(max(north, south), max(west, east)));
     float darkest = min(centre, min(min(north, south), min(west, east)));
     float contrast = brightest - darkest;
-    float isEdge = AtLeast(contrast, max(limits.y, brightest * limits.x));
 
     // The edge runs along the axis across which the brightness bends most.
     float across = abs(north + south - 2.0 * centre);
     float sideways = abs(west + east - 2.0 * centre);
-    float horizontal = AtLeast(across, sideways);
-    float before = lerp(west, north, horizontal);
-    float after = lerp(east, south, horizontal);
-    float towardsAfter = AtLeast(abs(after - centre), abs(before - centre));
-    float facing = towardsAfter * 2.0 - 1.0;
-    float2 normal = screenSize.zw * lerp(float2(1.0, 0.0), float2(0.0, 1.0), horizontal) * facing;
-    float2 along = screenSize.zw * lerp(float2(0.0, 1.0), float2(1.0, 0.0), horizontal);
-    float opposite = lerp(before, after, towardsAfter);
+    float2 normal = float2(pixel.x, 0.0);
+    float2 along = float2(0.0, pixel.y);
+    float before = west;
+    float opposite = east;
+    if (across >= sideways)
+    {
+        normal = float2(0.0, pixel.y);
+        along = float2(pixel.x, 0.0);
+        before = north;
+        opposite = south;
+    }
+    if (abs(before - centre) > abs(opposite - centre))
+    {
+        opposite = before;
+        normal = -normal;
+    }
     float edgeBrightness = 0.5 * (centre + opposite);
-    float gradient = 0.25 * abs(centre - opposite) + 0.0001;
+    float gradient = max(0.25 * abs(centre - opposite), kLeast);
 
-    float2 edge = screen.uv + normal * 0.5;
+    float2 edge = here + normal * 0.5;
     float reach0 = 1.0;
     float reach1 = 1.0;
     float walking0 = 1.0;
@@ -88,14 +92,28 @@ float4 PixelMain(ScreenPoint screen) : SV_Target
 
     // Only the end at which the brightness turns away from this pixel's side pulls at it.
     float nearer = min(reach0, reach1);
-    float firstIsNearer = Below(reach0, reach1);
-    float end = BrightnessAt(edge + along * lerp(reach1, -reach0, firstIsNearer));
-    float turnsAway = AtLeast((end - edgeBrightness) * (edgeBrightness - centre), 0.0);
-    float shift = turnsAway * (0.5 - nearer / (reach0 + reach1));
+    float nearerEnd = reach1;
+    if (reach0 < reach1)
+    {
+        nearerEnd = -reach0;
+    }
+    float end = BrightnessAt(edge + along * nearerEnd);
+    float shift = 0.0;
+    if ((end - edgeBrightness) * (edgeBrightness - centre) >= 0.0)
+    {
+        shift = 0.5 - nearer / (reach0 + reach1);
+    }
 #if SUBPIXEL
+    float corners = BrightnessAt(here - pixel) + BrightnessAt(here + pixel) +
+                    BrightnessAt(here + pixel * float2(1.0, -1.0)) +
+                    BrightnessAt(here + pixel * float2(-1.0, 1.0));
     float average = (2.0 * (north + south + west + east) + corners) / 12.0;
-    float single = Smooth(saturate(abs(average - centre) / max(contrast, 0.0001)));
+    float single = Smooth(saturate(abs(average - centre) / max(contrast, kLeast)));
     shift = max(shift, single * single * limits.z);
 #endif
-    return pictureTexture.Sample(smoothSampler, screen.uv + normal * shift * isEdge);
+    if (contrast < max(limits.y, brightest * limits.x))
+    {
+        shift = 0.0;
+    }
+    return pictureTexture.Sample(smoothSampler, here + normal * shift);
 }

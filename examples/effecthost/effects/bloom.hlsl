@@ -7,14 +7,13 @@
 //@ axis VERTICAL 0 1
 //@ axis MIX 0 1 2
 //@ axis DIRT 0 1
-//@ program VertexMain vs_4_0
 //@ program ThresholdPixelMain ps_4_0 KNEE FIREFLIES
 //@ program ShrinkPixelMain ps_4_0 TAPS FIREFLIES
 //@ program BlurPixelMain ps_4_0 RADIUS VERTICAL
 //@ program MixPixelMain ps_4_0 MIX DIRT
 //
 // KNEE        a smooth threshold instead of a sharp one
-// FIREFLIES   weighs single bright pixels down, which would flicker
+// FIREFLIES   weighs single bright pixels down in an average, which would flicker
 // TAPS        of the filter that halves the size
 // RADIUS      of the Gaussian blur, in pairs of pixels
 // VERTICAL    direction of the blur
@@ -26,7 +25,7 @@
 
 cbuffer Bloom : register(b2)
 {
-    float4 threshold;  // threshold, knee, strength of the glow, of the dirt
+    float4 bloom;  // threshold, width of its knee, strength of the glow (or share) and of the dirt
 };
 
 Texture2D sceneTexture : register(t0);
@@ -34,25 +33,10 @@ Texture2D glowTexture : register(t1);
 Texture2D dirtTexture : register(t2);
 SamplerState smoothSampler : register(s0);
 
-#define Scene(offset) sceneTexture.Sample(smoothSampler, screen.uv + screenSize.zw * (offset)).rgb
+static const float kBlack = 0.0001;  // brightness, or width of the knee, that is none
 
-float4 ThresholdPixelMain(ScreenPoint screen) : SV_Target
-{
-    float3 color = Scene(float2(0.0, 0.0));
-    float brightness = max(color.r, max(color.g, color.b));
-#if KNEE
-    float soft = clamp(brightness - threshold.x + threshold.y, 0.0, 2.0 * threshold.y);
-    soft = soft * soft / (4.0 * threshold.y + 0.0001);
-    float kept = max(soft, brightness - threshold.x);
-#else
-    float kept = max(brightness - threshold.x, 0.0);
-#endif
-    color *= kept / max(brightness, 0.0001);
-#if FIREFLIES
-    color /= 1.0 + Luminance(color);
-#endif
-    return float4(color, 1.0);
-}
+// The offset is in pixels of what is drawn to.
+#define Scene(offset) sceneTexture.Sample(smoothSampler, screen.uv + screenSize.zw * (offset)).rgb
 
 #if FIREFLIES
 #define WeighGroup weight /= 1.0 + Luminance(average);
@@ -69,47 +53,67 @@ float4 ThresholdPixelMain(ScreenPoint screen) : SV_Target
         weights += weight; \
     }
 
-// The average of the corners of a square.
-#define AddSquare(x, y, radius, share) \
-    { \
-        float2 corner0 = float2(x - radius, y - radius); \
-        float2 corner1 = float2(x + radius, y - radius); \
-        float2 corner2 = float2(x - radius, y + radius); \
-        float2 corner3 = float2(x + radius, y + radius); \
-        float3 average = Scene(corner0) + Scene(corner1) + Scene(corner2) + Scene(corner3); \
-        average *= 0.25; \
-        float weight = share; \
-        WeighGroup \
-        sum += average * weight; \
-        weights += weight; \
-    }
+// Four fetches between the pixels of a picture of twice the size: sixteen of them.
+#define AddQuarters \
+    AddGroup(Scene(float2(-0.5, -0.5)), 0.25) \
+    AddGroup(Scene(float2(0.5, -0.5)), 0.25) \
+    AddGroup(Scene(float2(-0.5, 0.5)), 0.25) \
+    AddGroup(Scene(float2(0.5, 0.5)), 0.25)
 
+// Draws to half the size of the scene.
+float4 ThresholdPixelMain(ScreenPoint screen) : SV_Target
+{
+    float3 sum = float3(0.0, 0.0, 0.0);
+    float weights = 0.0;
+    AddQuarters
+    float3 color = sum / weights;
+    float brightness = max(color.r, max(color.g, color.b));
+    float kept = max(brightness - bloom.x, 0.0);
+#if KNEE
+    float soft = clamp(brightness - bloom.x + bloom.y, 0.0, 2.0 * bloom.y);
+    kept = max(kept, soft * soft / max(4.0 * bloom.y, kBlack));
+#endif
+    return float4(color * kept / max(brightness, kBlack), 1.0);
+}
+
+// Thirteen fetches make five overlapping squares: the inner one counts half, the outer four share
+// the rest.
 float4 ShrinkPixelMain(ScreenPoint screen) : SV_Target
 {
     float3 sum = float3(0.0, 0.0, 0.0);
     float weights = 0.0;
 #if TAPS == 4
-    AddGroup(Scene(float2(-0.5, -0.5)), 0.25)
-    AddGroup(Scene(float2(0.5, -0.5)), 0.25)
-    AddGroup(Scene(float2(-0.5, 0.5)), 0.25)
-    AddGroup(Scene(float2(0.5, 0.5)), 0.25)
+    AddQuarters
 #else
-    // Five overlapping squares: the inner one counts half, the outer four share the rest.
-    AddSquare(0.0, 0.0, 0.5, 0.5)
-    AddSquare(-1.0, -1.0, 1.0, 0.125)
-    AddSquare(1.0, -1.0, 1.0, 0.125)
-    AddSquare(-1.0, 1.0, 1.0, 0.125)
-    AddSquare(1.0, 1.0, 1.0, 0.125)
+    float3 inner = Scene(float2(-0.5, -0.5)) + Scene(float2(0.5, -0.5)) +
+                   Scene(float2(-0.5, 0.5)) + Scene(float2(0.5, 0.5));
+    float3 centre = Scene(float2(0.0, 0.0));
+    float3 north = Scene(float2(0.0, -1.0));
+    float3 south = Scene(float2(0.0, 1.0));
+    float3 west = Scene(float2(-1.0, 0.0));
+    float3 east = Scene(float2(1.0, 0.0));
+    AddGroup(inner * 0.25, 0.5)
+    AddGroup((Scene(float2(-1.0, -1.0)) + north + west + centre) * 0.25, 0.125)
+    AddGroup((Scene(float2(1.0, -1.0)) + north + east + centre) * 0.25, 0.125)
+    AddGroup((Scene(float2(-1.0, 1.0)) + south + west + centre) * 0.25, 0.125)
+    AddGroup((Scene(float2(1.0, 1.0)) + south + east + centre) * 0.25, 0.125)
 #endif
     return float4(sum / weights, 1.0);
 }
 
-// Two pixels for one fetch: the sampler blends them when it is asked between them.
-#define AddPair(distance, weight) \
+// The Gaussian's deviation is the radius in pixels: the last pair lies two deviations away.
+static const float kFalloff = -0.5 / float(RADIUS * RADIUS);
+
+// Two pixels for one fetch, on both sides: the sampler blends them when it is asked between them.
+#define AddPair(nearer) \
     { \
-        float2 offset = along * (distance); \
-        sum += (Scene(offset) + Scene(-offset)) * weight; \
-        weights += 2.0 * weight; \
+        float first = nearer; \
+        float second = first + 1.0; \
+        float near = Exp(kFalloff * first * first); \
+        float far = Exp(kFalloff * second * second); \
+        float2 offset = along * (first + far / (near + far)); \
+        sum += (Scene(offset) + Scene(-offset)) * (near + far); \
+        weights += 2.0 * (near + far); \
     }
 
 float4 BlurPixelMain(ScreenPoint screen) : SV_Target
@@ -119,29 +123,29 @@ float4 BlurPixelMain(ScreenPoint screen) : SV_Target
 #else
     float2 along = float2(1.0, 0.0);
 #endif
-    float3 sum = Scene(float2(0.0, 0.0)) * 0.0797;
-    float weights = 0.0797;
-    AddPair(1.4921, 0.1518)
+    float3 sum = Scene(float2(0.0, 0.0));
+    float weights = 1.0;
+    AddPair(1.0)
 #if RADIUS > 1
-    AddPair(3.4817, 0.1251)
+    AddPair(3.0)
 #endif
 #if RADIUS > 2
-    AddPair(5.4713, 0.0878)
+    AddPair(5.0)
 #endif
 #if RADIUS > 3
-    AddPair(7.4610, 0.0526)
+    AddPair(7.0)
 #endif
 #if RADIUS > 4
-    AddPair(9.4507, 0.0268)
+    AddPair(9.0)
 #endif
 #if RADIUS > 5
-    AddPair(11.4405, 0.0117)
+    AddPair(11.0)
 #endif
 #if RADIUS > 6
-    AddPair(13.4303, 0.0043)
+    AddPair(13.0)
 #endif
 #if RADIUS > 7
-    AddPair(15.4202, 0.0014)
+    AddPair(15.0)
 #endif
     return float4(sum / weights, 1.0);
 }
@@ -149,16 +153,16 @@ float4 BlurPixelMain(ScreenPoint screen) : SV_Target
 float4 MixPixelMain(ScreenPoint screen) : SV_Target
 {
     float3 color = Scene(float2(0.0, 0.0));
-    float3 glow = glowTexture.Sample(smoothSampler, screen.uv).rgb * threshold.z;
+    float3 glow = glowTexture.Sample(smoothSampler, screen.uv).rgb;
 #if DIRT
-    glow += glow * dirtTexture.Sample(smoothSampler, screen.uv).rgb * threshold.w;
+    glow += glow * dirtTexture.Sample(smoothSampler, screen.uv).rgb * bloom.w;
 #endif
 #if MIX == 0
-    color += glow;
+    color += glow * bloom.z;
 #elif MIX == 1
-    color = 1.0 - saturate(1.0 - color) * saturate(1.0 - glow);
+    color = 1.0 - saturate(1.0 - color) * saturate(1.0 - glow * bloom.z);
 #else
-    color = lerp(color, glow, saturate(threshold.z));
+    color = lerp(color, glow, saturate(bloom.z));
 #endif
     return float4(color, 1.0);
 }

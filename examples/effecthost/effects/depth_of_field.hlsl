@@ -5,24 +5,24 @@
 //@ axis SHAPE 0 1
 //@ axis HIGHLIGHTS 0 1
 //@ axis NEAR_FIELD 0 1
-//@ program VertexMain vs_4_0
 //@ program CirclePixelMain ps_4_0 LENS
-//@ program GatherPixelMain ps_4_0 TAPS SHAPE HIGHLIGHTS
+//@ program GatherPixelMain ps_4_0 TAPS SHAPE HIGHLIGHTS NEAR_FIELD
 //@ program MixPixelMain ps_4_0 NEAR_FIELD
 //
 // LENS         circle of confusion: 0 a ramp around the focus, 1 a thin lens
 // TAPS         points of the disc that are gathered
 // SHAPE        0 a round aperture, 1 a hexagonal one
 // HIGHLIGHTS   bright points keep their brightness
-// NEAR_FIELD   what is in front of the focus blurs over it
+// NEAR_FIELD   what is in front of the focus blurs over its sharp neighbours
 #include "Portable.hlsli"
 #include "Camera.hlsli"
 #include "FullScreen.hlsli"
 
 cbuffer DepthOfField : register(b2)
 {
-    float4 lens;   // distance of the focus, aperture, focal length, widest circle in pixels
-    float4 ramp;   // distances to the focus over which the blur grows, before and behind
+    float4 lens;  // depth of the focus, diameter of the aperture, focal length, width of the sensor
+    float4 blur;  // depths before and behind the focus over which the ramp grows; in z the radius
+                  // of the widest circle in pixels
 };
 
 Texture2D sceneTexture : register(t0);
@@ -30,65 +30,95 @@ Texture2D<float> depthTexture : register(t1);
 Texture2D circleTexture : register(t2);
 Texture2D blurredTexture : register(t3);
 SamplerState smoothSampler : register(s0);
+SamplerState nearestSampler : register(s1);
 
-// Points of the disc, in a spiral; the hexagon draws them in towards its sides.
+// Points of the disc, in a spiral. The first few of them fill it as all do when they are scaled up.
 static const float2 kDisc[16] = {
     float2(0.177, 0.000),   float2(-0.226, 0.207),  float2(0.035, -0.394), float2(0.285, 0.371),
     float2(-0.522, -0.093), float2(0.495, -0.316),  float2(-0.165, 0.616), float2(-0.316, -0.608),
     float2(0.683, 0.250),   float2(-0.711, 0.293),  float2(0.341, -0.735), float2(0.253, 0.810),
     float2(-0.764, -0.444), float2(0.897, -0.197),  float2(-0.548, 0.779), float2(-0.128, -0.976)};
 
-// A hexagon's points lie nearer to the centre the further their direction is from a corner.
-#if SHAPE
-#define ShapePoint \
-    float side = max(abs(spot.x) * 0.87 + abs(spot.y) * 0.5, abs(spot.y)); \
-    spot *= 0.87 / max(side / (length(spot) + 0.0001), 0.87);
-#else
-#define ShapePoint
-#endif
+// Distance of a hexagon's sides from its centre when its corners are 1 away from it.
+static const float kSide = 0.8660254;
 
-// Negative before the focus, positive behind it; 1 is the widest circle.
+// The circle's radius as a share of the widest: negative before the focus, positive behind it.
 float4 CirclePixelMain(ScreenPoint screen) : SV_Target
 {
-    float depth = ViewDepth(depthTexture.Sample(smoothSampler, screen.uv));
+    float depth = ViewDepth(depthTexture.Sample(nearestSampler, screen.uv));
 #if LENS
-    float circle = lens.y * lens.z * (depth - lens.x) / (depth * (lens.x - lens.z) + 0.0001);
-    circle = clamp(circle * screenSize.x / lens.w, -1.0, 1.0);
+    float diameter = lens.y * lens.z * (depth - lens.x) / (depth * (lens.x - lens.z));
+    float pixels = 0.5 * diameter / lens.w * screenSize.x;
+    float circle = clamp(pixels / blur.z, -1.0, 1.0);
 #else
-    float before = saturate((lens.x - depth) / ramp.x);
-    float behind = saturate((depth - lens.x) / ramp.y);
-    float circle = behind - before;
+    float circle = saturate((depth - lens.x) / blur.y) - saturate((lens.x - depth) / blur.x);
 #endif
     return float4(circle * 0.5 + 0.5, 0.0, 0.0, 1.0);
 }
 
+#define CircleAt(place) (circleTexture.Sample(nearestSampler, place).r * 2.0 - 1.0)
+
+// A hexagon draws a point in the more, the further its direction is from a corner.
+#if SHAPE
+#define ShapePoint \
+    float side = max(abs(spot.x) * kSide + abs(spot.y) * 0.5, abs(spot.y)); \
+    spot *= kSide * length(spot) / side;
+#else
+#define ShapePoint
+#endif
+
+static const float kSpread = pow(16.0 / float(TAPS), 0.5);
+static const float kHighlight = 4.0;  // weight of what is as bright as white
+
 #if HIGHLIGHTS
-#define WeighHighlight \
-    float bright = Luminance(color); \
-    weight *= 1.0 + 4.0 * bright * bright;
+#define WeighHighlight weight *= 1.0 + kHighlight * Square(Luminance(color));
 #else
 #define WeighHighlight
 #endif
 
-// A point counts when its own circle is wide enough to reach this pixel.
+// The circle of what lies before the focus reaches as far as it is wide; that of what lies behind
+// reaches no further than this pixel is out of focus itself, and so leaves sharp edges alone.
+#if NEAR_FIELD
+#define DeclareReach \
+    float reach = min(abs(circle), own); \
+    if (circle < 0.0) \
+    { \
+        reach = -circle; \
+    }
+#define CountNear nearby += saturate((-circle - length(spot)) * blur.z + 1.0);
+#else
+#define DeclareReach float reach = abs(circle);
+#define CountNear
+#endif
+
+// A point counts when its circle is wide enough to reach this pixel.
 #define AddPoint(index) \
     { \
-        float2 spot = kDisc[index]; \
+        float2 spot = kDisc[index] * (kSpread * radius); \
         ShapePoint \
-        float2 place = screen.uv + spot * screenSize.zw * lens.w * own; \
+        float2 place = screen.uv + spot * screenSize.zw * blur.z; \
         float3 color = sceneTexture.Sample(smoothSampler, place).rgb; \
-        float reach = abs(circleTexture.Sample(smoothSampler, place).r * 2.0 - 1.0); \
-        float weight = saturate(reach - length(spot) * own + 1.0); \
+        float circle = CircleAt(place); \
+        DeclareReach \
+        float weight = saturate((reach - length(spot)) * blur.z + 1.0); \
         WeighHighlight \
+        CountNear \
         sum += color * weight; \
         weights += weight; \
     }
 
+// Alpha is the share of the points in front of the focus whose circles cover this pixel.
 float4 GatherPixelMain(ScreenPoint screen) : SV_Target
 {
-    float own = abs(circleTexture.Sample(smoothSampler, screen.uv).r * 2.0 - 1.0);
+    float own = abs(CircleAt(screen.uv));
+#if NEAR_FIELD
+    float radius = 1.0;
+#else
+    float radius = max(own, 1.0 / blur.z);
+#endif
     float3 sum = sceneTexture.Sample(smoothSampler, screen.uv).rgb;
     float weights = 1.0;
+    float nearby = 0.0;
     AddPoint(0) AddPoint(1) AddPoint(2) AddPoint(3)
 #if TAPS > 4
     AddPoint(4) AddPoint(5) AddPoint(6) AddPoint(7)
@@ -99,17 +129,18 @@ float4 GatherPixelMain(ScreenPoint screen) : SV_Target
 #if TAPS > 12
     AddPoint(12) AddPoint(13) AddPoint(14) AddPoint(15)
 #endif
-    return float4(sum / weights, own);
+    return float4(sum / weights, nearby / float(TAPS));
 }
 
 float4 MixPixelMain(ScreenPoint screen) : SV_Target
 {
     float3 sharp = sceneTexture.Sample(smoothSampler, screen.uv).rgb;
     float4 blurred = blurredTexture.Sample(smoothSampler, screen.uv);
-    float circle = circleTexture.Sample(smoothSampler, screen.uv).r * 2.0 - 1.0;
-    float share = Smooth(saturate(abs(circle) * 4.0));
+    // A circle of a pixel is as sharp as the picture, one of two is blurred.
+    float pixels = abs(CircleAt(screen.uv)) * blur.z;
+    float share = saturate(pixels - 1.0);
 #if NEAR_FIELD
-    share = max(share, Smooth(saturate(blurred.a * 2.0)) * AtLeast(blurred.a, -circle));
+    share = max(share, saturate(2.0 * blurred.a));
 #endif
     return float4(lerp(sharp, blurred.rgb, share), 1.0);
 }

@@ -4,7 +4,6 @@
 //@ axis VELOCITY 0 1
 //@ axis DEPTH_AWARE 0 1
 //@ axis JITTER 0 1
-//@ program VertexMain vs_4_0
 //@ program PixelMain ps_4_0 SAMPLES VELOCITY DEPTH_AWARE JITTER
 //
 // SAMPLES       along the way
@@ -17,19 +16,22 @@
 
 cbuffer MotionBlur : register(b2)
 {
-    float4x4 screenToWorld;
+    float4x4 clipToWorld;
     float4x4 lastWorldToClip;
     float4 shutter;  // share of the frame that it is open, longest way in pixels, depth tolerance
 };
 
 Texture2D sceneTexture : register(t0);
 Texture2D<float> depthTexture : register(t1);
-Texture2D velocityTexture : register(t2);
+Texture2D velocityTexture : register(t2);  // way in clip space since the last frame
 SamplerState smoothSampler : register(s0);
+SamplerState nearestSampler : register(s1);
+
+static const float kStandstill = 0.001;  // way in pixels that is none
 
 #if DEPTH_AWARE
 #define CompareDepth \
-    float there = ViewDepth(depthTexture.Sample(smoothSampler, place)); \
+    float there = ViewDepth(depthTexture.Sample(nearestSampler, place)); \
     weight = saturate(1.0 + (depth - there) / shutter.z);
 #else
 #define CompareDepth
@@ -46,27 +48,28 @@ SamplerState smoothSampler : register(s0);
 
 float4 PixelMain(ScreenPoint screen) : SV_Target
 {
-    float buffered = depthTexture.Sample(smoothSampler, screen.uv);
+    float buffered = depthTexture.Sample(nearestSampler, screen.uv);
     float depth = ViewDepth(buffered);
 #if VELOCITY
-    float2 moved = velocityTexture.Sample(smoothSampler, screen.uv).zw * 2.0 - 1.0;
+    float2 moved = velocityTexture.Sample(nearestSampler, screen.uv).xy;
 #else
-    float2 now = screen.uv * float2(2.0, -2.0) + float2(-1.0, 1.0);
-    float4 world = mul(float4(now, buffered, 1.0), screenToWorld);
+    float2 now = ClipFromUv(screen.uv);
+    float4 world = mul(float4(now, buffered, 1.0), clipToWorld);
     float4 last = mul(world / world.w, lastWorldToClip);
     float2 moved = now - last.xy / last.w;
 #endif
     moved *= float2(0.5, -0.5) * shutter.x;
-    float longest = shutter.y * screenSize.z;
-    moved *= min(1.0, longest / (length(moved) + 0.00001));
+    float pixels = length(moved * screenSize.xy);
+    moved *= min(1.0, shutter.y / max(pixels, kStandstill));
 
     float begin = 0.5;
 #if JITTER
     DeclareNoise(noise, screen.position.xy)
     begin = noise;
 #endif
-    float3 sum = sceneTexture.Sample(smoothSampler, screen.uv).rgb * 0.001;
+    // The pixel itself counts a little, so that something does when all else lies behind.
     float weights = 0.001;
+    float3 sum = sceneTexture.Sample(smoothSampler, screen.uv).rgb * weights;
     AddSample(0) AddSample(1) AddSample(2) AddSample(3)
 #if SAMPLES > 4
     AddSample(4) AddSample(5) AddSample(6) AddSample(7)

@@ -5,7 +5,6 @@
 //@ axis SLOPE_BIAS 0 1
 //@ axis FADE 0 1
 //@ axis CUTOUT 0 1
-//@ program VertexMain vs_4_0
 //@ program CasterVertexMain vs_4_0 CUTOUT
 //@ program CasterPixelMain ps_4_0 CUTOUT
 //@ program PixelMain ps_4_0 CASCADES KERNEL SLOPE_BIAS FADE
@@ -21,19 +20,24 @@
 
 cbuffer Shadow : register(b2)
 {
-    float4x4 screenToWorld;
-    float4x4 worldToShadow[4];
-    float4 cascadeEnd;      // distance from the camera
-    float4 lightDirection;  // towards the light
-    float4 shadowTexel;     // size of a texel in xy, constant and slope bias in zw
+    float4x4 clipToWorld;
+    float4x4 worldToShadow[4];  // to the place in the texture, and the depth in z
+    float4 cascadeEnd;          // distance from the camera
+    float4 lightDirection;      // towards the light, in the world
+    float4 shadowTexel;         // size of a texel in xy, constant and slope bias in zw
     float4x4 worldToLight;
 };
 
 Texture2D<float> depthTexture : register(t0);
-Texture2D normalTexture : register(t1);
-Texture2D<float> shadowTexture : register(t2);
+Texture2D normalTexture : register(t1);         // in the world
+Texture2D<float> shadowTexture : register(t2);  // each map has a border as wide as the kernel
 Texture2D cutoutTexture : register(t3);
 SamplerState nearestSampler : register(s0);
+SamplerState smoothSampler : register(s1);
+
+static const float kOpaque = 0.5;        // alpha from which on a caster has no hole
+static const float kLeastFacing = 0.05;  // cosine below which the slope bias grows no more
+static const float kFadeBegin = 0.9;     // share of the range after which shadows fade
 
 struct Caster
 {
@@ -44,9 +48,8 @@ struct Caster
 struct CasterFragment
 {
     float4 position : SV_Position;
-    float depth : TEXCOORD0;
 #if CUTOUT
-    float2 uv : TEXCOORD1;
+    float2 uv : TEXCOORD0;
 #endif
 };
 
@@ -54,7 +57,6 @@ CasterFragment CasterVertexMain(Caster caster)
 {
     CasterFragment result;
     result.position = mul(mul(float4(caster.position, 1.0), objectToWorld), worldToLight);
-    result.depth = result.position.z / result.position.w;
 #if CUTOUT
     result.uv = caster.uv;
 #endif
@@ -64,17 +66,19 @@ CasterFragment CasterVertexMain(Caster caster)
 // The depth goes to a colour target that keeps the minimum; a hole writes the far end, which loses.
 float4 CasterPixelMain(CasterFragment fragment) : SV_Target
 {
-    float depth = fragment.depth;
+    float depth = fragment.position.z;
 #if CUTOUT
-    float opaque = AtLeast(cutoutTexture.Sample(nearestSampler, fragment.uv).a, 0.5);
-    depth = lerp(1.0, depth, opaque);
+    if (cutoutTexture.Sample(smoothSampler, fragment.uv).a < kOpaque)
+    {
+        depth = 1.0;
+    }
 #endif
     return float4(depth, depth, depth, 1.0);
 }
 
 // A tap of the kernel, in texels from the place that is looked up.
 #define Tap(x, y) \
-    lit += float(shadowTexture.Sample(nearestSampler, place + texel * float2(x, y)) >= depth);
+    light += float(shadowTexture.Sample(nearestSampler, place + texel * float2(x, y)) >= depth);
 
 #if KERNEL == 1
 #define Taps Tap(0.0, 0.0)
@@ -93,52 +97,54 @@ float4 CasterPixelMain(CasterFragment fragment) : SV_Target
     Tap(-1.5, 1.5) Tap(-0.5, 1.5) Tap(0.5, 1.5) Tap(1.5, 1.5)
 #endif
 
-// Blends in the light of a cascade for the distances that belong to it.
-#define AddCascade(index, begin, end) \
-    { \
-        float4 projected = mul(float4(world.xyz, 1.0), worldToShadow[index]); \
-        float2 place = projected.xy / projected.w; \
-        float depth = projected.z / projected.w - bias; \
-        float lit = 0.0; \
-        Taps \
-        float within = float(distance >= (begin)) * float(distance < (end)); \
-        light += lit / float(KERNEL * KERNEL) * within; \
-    }
-
 float4 PixelMain(ScreenPoint screen) : SV_Target
 {
     float buffered = depthTexture.Sample(nearestSampler, screen.uv);
-    float4 world = mul(float4(screen.uv * float2(2.0, -2.0) + float2(-1.0, 1.0), buffered, 1.0),
-                       screenToWorld);
+    float4 world = mul(float4(ClipFromUv(screen.uv), buffered, 1.0), clipToWorld);
     world = world / world.w;
-    float distance = length(world.xyz - cameraPosition.xyz);
+    float away = length(world.xyz - cameraPosition.xyz);
+
+    // One cascade is looked up, the one that the distance belongs to.
+    float4 projected = mul(world, worldToShadow[0]);
+    float last = cascadeEnd.x;
+#if CASCADES > 1
+    if (away >= cascadeEnd.x)
+    {
+        projected = mul(world, worldToShadow[1]);
+    }
+    last = cascadeEnd.y;
+#endif
+#if CASCADES > 2
+    if (away >= cascadeEnd.y)
+    {
+        projected = mul(world, worldToShadow[2]);
+    }
+    if (away >= cascadeEnd.z)
+    {
+        projected = mul(world, worldToShadow[3]);
+    }
+    last = cascadeEnd.w;
+#endif
 
     float bias = shadowTexel.z;
 #if SLOPE_BIAS
-    float3 normal = normalTexture.Sample(nearestSampler, screen.uv).xyz * 2.0 - 1.0;
-    float facing = saturate(dot(normalize(normal), lightDirection.xyz));
-    bias += shadowTexel.w * Sqrt(1.0 - facing * facing) / (facing + 0.05);
+    float3 normal = normalize(normalTexture.Sample(nearestSampler, screen.uv).xyz * 2.0 - 1.0);
+    float facing = max(dot(normal, lightDirection.xyz), kLeastFacing);
+    bias += shadowTexel.w * length(cross(normal, lightDirection.xyz)) / facing;
 #endif
 
+    float2 place = projected.xy / projected.w;
     float2 texel = shadowTexel.xy;
+    float depth = projected.z / projected.w - bias;
     float light = 0.0;
-#if CASCADES == 1
-    float last = cascadeEnd.x;
-    AddCascade(0, 0.0, last)
-#elif CASCADES == 2
-    float last = cascadeEnd.y;
-    AddCascade(0, 0.0, cascadeEnd.x)
-    AddCascade(1, cascadeEnd.x, last)
-#else
-    float last = cascadeEnd.w;
-    AddCascade(0, 0.0, cascadeEnd.x)
-    AddCascade(1, cascadeEnd.x, cascadeEnd.y)
-    AddCascade(2, cascadeEnd.y, cascadeEnd.z)
-    AddCascade(3, cascadeEnd.z, last)
-#endif
-    light += AtLeast(distance, last);
+    Taps
+    light /= float(KERNEL * KERNEL);
+    if (away >= last)
+    {
+        light = 1.0;
+    }
 #if FADE
-    light = lerp(light, 1.0, LinearStep(0.9 * last, last, distance));
+    light = lerp(light, 1.0, LinearStep(kFadeBegin * last, last, away));
 #endif
     return float4(light, light, light, 1.0);
 }

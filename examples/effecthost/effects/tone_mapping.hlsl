@@ -4,16 +4,17 @@
 //@ axis ADAPT 0 1
 //@ axis ENCODING 0 1 2
 //@ axis VIGNETTE 0 1
-//@ axis CENTRE_WEIGHTED 0 1
-//@ program VertexMain vs_4_0
-//@ program LuminancePixelMain ps_4_0 CENTRE_WEIGHTED
+//@ axis METERING 0 1 2
+//@ program LuminancePixelMain ps_4_0 METERING
 //@ program PixelMain ps_4_0 CURVE ADAPT ENCODING VIGNETTE
 //
-// CURVE             0 clips, 1 Reinhard, 2 Reinhard with a white point, 3 filmic, 4 ACES
-// ADAPT             exposure from the measured luminance instead of a constant
-// ENCODING          0 linear, 1 gamma 2.2, 2 sRGB
-// VIGNETTE          darker corners
-// CENTRE_WEIGHTED   the luminance measures the middle of the picture more
+// CURVE      0 clips, 1 Reinhard, 2 Reinhard with a white point, 3 filmic after Hable, 4 ACES after
+//            Narkowicz
+// ADAPT      exposure from the measured luminance instead of a constant
+// ENCODING   0 linear, 1 gamma 2.2, 2 sRGB
+// VIGNETTE   darker corners
+// METERING   0 averages what the level before measured; the first level measures the luminance of
+//            1 the whole picture evenly, 2 its middle more
 #include "Portable.hlsli"
 #include "Camera.hlsli"
 #include "FullScreen.hlsli"
@@ -27,30 +28,48 @@ Texture2D sceneTexture : register(t0);
 Texture2D luminanceTexture : register(t1);
 SamplerState smoothSampler : register(s0);
 
-#define SceneAt(x, y) \
-    sceneTexture.Sample(smoothSampler, screen.uv + screenSize.zw * float2(x, y)).rgb
+static const float kDarkest = 0.001;  // luminance below which the exposure grows no more
 
-// One level of the chain that shrinks the picture to a single pixel.
+// The offset is in pixels of what is drawn to.
+#define SceneAt(x, y) sceneTexture.Sample(smoothSampler, screen.uv + screenSize.zw * float2(x, y))
+
+// One level of the chain that shrinks the picture to a single pixel. Each is a quarter as wide and
+// high as the one before, so that four fetches between the pixels read all sixteen. Alpha is the
+// weight that the others are multiplied by.
 float4 LuminancePixelMain(ScreenPoint screen) : SV_Target
 {
-    float3 color = 0.25 * (SceneAt(-1.0, -1.0) + SceneAt(1.0, -1.0) + SceneAt(-1.0, 1.0) +
-                           SceneAt(1.0, 1.0));
-    float average = Luminance(color);
-#if CENTRE_WEIGHTED
-    average *= 1.5 * saturate(1.0 - length(screen.uv - float2(0.5, 0.5)));
+    float4 average = 0.25 * (SceneAt(-0.25, -0.25) + SceneAt(0.25, -0.25) +
+                             SceneAt(-0.25, 0.25) + SceneAt(0.25, 0.25));
+#if METERING > 0
+    float bright = Luminance(average.rgb);
+    float weight = 1.0;
+#if METERING == 2
+    float away = saturate(length(ClipFromUv(screen.uv)));
+    weight = 1.0 - Smooth(away);
 #endif
-    return float4(average, average, average, 1.0);
+    average = float4(bright, bright, bright, 1.0) * weight;
+#endif
+    return average;
 }
 
-// Hable's filmic curve, before it is scaled to its white point.
-#define Filmic(x) (((x) * (0.15 * (x) + 0.05) + 0.004) / ((x) * (0.15 * (x) + 0.5) + 0.06) - 0.0667)
+// Hable's filmic curve before it is scaled to its white point, by his names: strength of the
+// shoulder and of the linear part, angle of the linear part, strength, numerator and denominator of
+// the toe.
+static const float A = 0.15;
+static const float B = 0.50;
+static const float C = 0.10;
+static const float D = 0.20;
+static const float E = 0.02;
+static const float F = 0.30;
+#define Filmic(x) \
+    (((x) * (A * (x) + C * B) + D * E) / ((x) * (A * (x) + B) + D * F) - E / F)
 
 float4 PixelMain(ScreenPoint screen) : SV_Target
 {
     float3 color = sceneTexture.Sample(smoothSampler, screen.uv).rgb;
 #if ADAPT
-    float measured = luminanceTexture.Sample(smoothSampler, float2(0.5, 0.5)).r;
-    color *= exposure.y / max(measured, 0.001);
+    float4 measured = luminanceTexture.Load(int3(0, 0, 0));
+    color *= exposure.y / max(measured.r / measured.a, kDarkest);
 #else
     color *= exposure.x;
 #endif
@@ -72,11 +91,10 @@ float4 PixelMain(ScreenPoint screen) : SV_Target
     color = saturate(color);
 
 #if ENCODING == 1
-    color = pow(color + 0.00001, float3(0.4545, 0.4545, 0.4545));
+    color = pow(color, 1.0 / 2.2);
 #elif ENCODING == 2
-    float3 curved = 1.055 * pow(color + 0.00001, float3(0.41667, 0.41667, 0.41667)) - 0.055;
-    float3 dark = float3(Below(color.r, 0.0031308), Below(color.g, 0.0031308),
-                         Below(color.b, 0.0031308));
+    float3 curved = 1.055 * pow(color, 1.0 / 2.4) - 0.055;
+    float3 dark = float3(color < 0.0031308);
     color = lerp(curved, color * 12.92, dark);
 #endif
 #if ENCODING > 0

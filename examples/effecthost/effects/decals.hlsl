@@ -10,24 +10,34 @@
 // BLEND        0 covers, 1 multiplies, 2 adds
 // NORMALS      bends the normals below as well, and lights the result
 // ANGLE_FADE   fades on surfaces that the box meets at a grazing angle
-// EDGE_FADE    fades towards the far ends of the box
+// EDGE_FADE    fades towards the near and the far end of the box
 #include "Portable.hlsli"
 #include "Camera.hlsli"
 
 cbuffer Decal : register(b2)
 {
-    float4x4 screenToWorld;
+    float4x4 clipToWorld;
     float4x4 worldToDecal;  // the box becomes the cube from -0.5 to 0.5
-    float4 decalForward;    // direction of the projection in the world
+    float4 decalRight;      // the box's axes in the world; the picture's right,
+    float4 decalUp;         // its upper side,
+    float4 decalForward;    // and the direction of the projection
     float4 decalColor;
-    float4 keyLight;
+    float4 keyLight;        // direction towards the light in the world, share of ambient light in w
 };
 
 Texture2D decalTexture : register(t0);
 Texture2D decalNormalTexture : register(t1);
 Texture2D<float> depthTexture : register(t2);
-Texture2D sceneNormalTexture : register(t3);
+Texture2D sceneNormalTexture : register(t3);  // in the world
 SamplerState decalSampler : register(s0);
+
+// Cosines between which a surface fades, and the same for the depth in the box.
+static const float kGrazing = 0.2;
+static const float kFacing = 0.5;
+static const float kFadeBegin = 0.35;
+
+// However much a normal map bends a normal, it stays above the surface.
+static const float kLeastHeight = 0.1;
 
 struct Vertex
 {
@@ -37,42 +47,49 @@ struct Vertex
 struct Fragment
 {
     float4 position : SV_Position;
-    float4 screen : TEXCOORD0;
 };
 
 Fragment VertexMain(Vertex vertex)
 {
     Fragment result;
     result.position = mul(mul(float4(vertex.position, 1.0), objectToWorld), worldToClip);
-    result.screen = result.position;
     return result;
 }
 
+#define Light(normal) lerp(saturate(dot(normal, keyLight.xyz)), 1.0, keyLight.w)
+
 float4 PixelMain(Fragment fragment) : SV_Target
 {
-    float2 onScreen = fragment.screen.xy / fragment.screen.w;
-    float2 uv = onScreen * float2(0.5, -0.5) + float2(0.5, 0.5);
-    float4 world = mul(float4(onScreen, depthTexture.Sample(decalSampler, uv), 1.0), screenToWorld);
-    world = world / world.w;
-    float3 inBox = mul(world, worldToDecal).xyz;
+    int3 pixel = int3(int2(fragment.position.xy), 0);
+    float2 onScreen = fragment.position.xy * screenSize.zw * float2(2.0, -2.0) + float2(-1.0, 1.0);
+    float4 world = mul(float4(onScreen, depthTexture.Load(pixel), 1.0), clipToWorld);
+    float3 inBox = mul(world / world.w, worldToDecal).xyz;
     float3 outside = abs(inBox);
-    float inside = Below(max(outside.x, max(outside.y, outside.z)), 0.5);
 
-    float2 place = inBox.xy * float2(1.0, -1.0) + float2(0.5, 0.5);
+    float2 place = inBox.xy * float2(1.0, -1.0) + 0.5;
     float4 color = decalTexture.Sample(decalSampler, place) * decalColor;
-    float3 normal = normalize(sceneNormalTexture.Sample(decalSampler, uv).xyz * 2.0 - 1.0);
-    color.a *= inside;
+    color.a *= Below(max(outside.x, max(outside.y, outside.z)), 0.5);
+#if ANGLE_FADE || NORMALS
+    float3 normal = normalize(sceneNormalTexture.Load(pixel).xyz * 2.0 - 1.0);
+#endif
 #if ANGLE_FADE
-    color.a *= Smooth(LinearStep(0.2, 0.5, dot(normal, -decalForward.xyz)));
+    float fade = LinearStep(kGrazing, kFacing, dot(normal, -decalForward.xyz));
+    color.a *= Smooth(fade);
 #endif
 #if EDGE_FADE
-    color.a *= 1.0 - Smooth(LinearStep(0.35, 0.5, outside.z));
+    float nearEnd = LinearStep(kFadeBegin, 0.5, outside.z);
+    color.a *= 1.0 - Smooth(nearEnd);
 #endif
 #if NORMALS
     float3 bump = decalNormalTexture.Sample(decalSampler, place).xyz * 2.0 - 1.0;
-    float3 side = normalize(cross(normal, decalForward.xyz + float3(0.0, 0.0001, 0.0)));
-    normal = normalize(normal * bump.z + side * bump.x + cross(side, normal) * bump.y);
-    color.rgb *= 0.3 + 0.7 * saturate(dot(normal, keyLight.xyz));
+    float3 tilt = decalRight.xyz * bump.x + decalUp.xyz * bump.y;
+    tilt -= normal * dot(normal, tilt);
+    float3 bent = normalize(normal * max(bump.z, kLeastHeight) + tilt);
+    float light = Light(bent);
+#if BLEND == 1
+    light /= max(Light(normal), 0.01);  // what it multiplies is lit already: only the change counts
+#endif
+    color.rgb *= light;
 #endif
 #if BLEND == 1
     color.rgb = lerp(float3(1.0, 1.0, 1.0), color.rgb, color.a);

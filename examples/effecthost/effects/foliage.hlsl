@@ -21,12 +21,18 @@
 cbuffer Foliage : register(b2)
 {
     float4 wind;          // direction in xz of the world, strength, gusts per second
-    float4 sunDirection;
-    float4 sunColor;
+    float4 sunDirection;  // towards the sun, in the world
+    float4 sunColor;      // what a white surface that faces the sun sends on
     float4 skyColor;
     float4 autumnColor;   // rgb, and the time of the year in a
-    float4 leaf;          // translucency, threshold and width of the edge
+    float4 leaf;          // share of the light that shines through, threshold and width of the edge
 };
+
+// The wind never drops below the calm share; leaves flutter faster than the gusts and by less.
+static const float kCalm = 0.2;
+static const float kFlutterSpeed = 7.3;
+static const float kFlutterPhase = 5.0;
+static const float kFlutterWidth = 0.2;
 
 Texture2D leafTexture : register(t0);
 SamplerState leafSampler : register(s0);
@@ -36,7 +42,7 @@ struct Vertex
     float3 position : POSITION;
     float3 normal : NORMAL;
     float2 uv : TEXCOORD0;
-    float4 bend : COLOR;        // of the plant, of the leaf, phase
+    float4 bend : COLOR;        // how far the plant bends and the leaf; the leaf's phase in turns
     float4 place : TEXCOORD1;   // of the instance; its size in w
 };
 
@@ -46,7 +52,7 @@ struct Fragment
     float3 world : TEXCOORD0;
     float3 normal : TEXCOORD1;
     float2 uv : TEXCOORD2;
-    float phase : TEXCOORD3;
+    float phase : TEXCOORD3;  // from 0 to 1, the same at all corners of a leaf
 };
 
 Fragment VertexMain(Vertex vertex)
@@ -54,26 +60,26 @@ Fragment VertexMain(Vertex vertex)
 #if INSTANCED
     float3 world = vertex.position * vertex.place.w + vertex.place.xyz;
     float3 normal = vertex.normal;
-    float phase = vertex.bend.z + Frac(dot(vertex.place.xz, float2(0.37, 0.71)));
+    float phase = vertex.bend.z + dot(vertex.place.xz, float2(0.37, 0.71));
 #else
     float3 world = mul(float4(vertex.position, 1.0), objectToWorld).xyz;
-    float3 normal = mul(vertex.normal, (float3x3)objectToWorld);
+    float3 normal = normalize(mul(vertex.normal, (float3x3)objectToWorld));
     float phase = vertex.bend.z;
 #endif
 #if WIND > 0
     DeclareSine(gust, time.x * wind.w + phase)
-    world.xz += wind.xy * (wind.z * vertex.bend.x * (0.6 + 0.4 * gust));
+    world.xz += wind.xy * (wind.z * vertex.bend.x * lerp(kCalm, 1.0, gust * 0.5 + 0.5));
 #endif
 #if WIND > 1
-    DeclareSine(flutter, time.x * wind.w * 7.3 + phase * 5.0)
-    world += normal * (flutter * wind.z * vertex.bend.y * 0.2);
+    DeclareSine(flutter, time.x * wind.w * kFlutterSpeed + phase * kFlutterPhase)
+    world += normal * (flutter * wind.z * vertex.bend.y * kFlutterWidth);
 #endif
     Fragment result;
     result.position = mul(float4(world, 1.0), worldToClip);
     result.world = world;
     result.normal = normal;
     result.uv = vertex.uv;
-    result.phase = phase;
+    result.phase = Frac(phase);
     return result;
 }
 
@@ -83,18 +89,23 @@ float4 PixelMain(Fragment fragment) : SV_Target
     float3 toCamera = cameraPosition.xyz - fragment.world;
     float3 albedo = texel.rgb;
 #if SEASON
-    float turned = saturate(autumnColor.a * 2.0 - Frac(fragment.phase));
+    float turned = saturate(autumnColor.a * 2.0 - fragment.phase);
     albedo = lerp(albedo, Luminance(albedo) * autumnColor.rgb, turned);
 #endif
     float3 normal = normalize(fragment.normal);
-    normal *= AtLeast(dot(normal, toCamera), 0.0) * 2.0 - 1.0;
+    if (dot(normal, toCamera) < 0.0)
+    {
+        normal = -normal;  // both sides of a leaf are seen
+    }
     float facing = dot(normal, sunDirection.xyz);
-    float3 light = sunColor.rgb * saturate(facing) + skyColor.rgb;
+    float sun = saturate(facing);
 #if TRANSLUCENCY
+    // What shines through is not reflected; most of it goes straight on.
     float against = saturate(dot(normalize(-toCamera), sunDirection.xyz));
-    light += sunColor.rgb * leaf.x * (saturate(-facing) + Square(Square(against)));
+    float through = saturate(-facing) * lerp(0.5, 1.0, Square(against));
+    sun = lerp(sun, through, leaf.x);
 #endif
-    float3 color = albedo * light;
+    float3 color = albedo * (sunColor.rgb * sun + skyColor.rgb);
 #if FOG
     ApplyFog(color, length(toCamera))
 #endif

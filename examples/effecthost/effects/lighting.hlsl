@@ -8,19 +8,19 @@
 //@ program VertexMain vs_4_0 NORMAL_MAP
 //@ program PixelMain ps_4_0 LIGHTS MODEL NORMAL_MAP ENVIRONMENT FOG
 //
-// MODEL         0 Blinn-Phong, 1 microfacets (GGX, Smith, Schlick)
+// MODEL         highlights: 0 Blinn and Phong's, 1 microfacets (GGX, Smith, Schlick)
 // NORMAL_MAP    normals from a texture in tangent space
-// ENVIRONMENT   ambient light from a cube map instead of one colour
+// ENVIRONMENT   the surface mirrors a cube map, the less the rougher it is
 // FOG           fog by distance
 #include "Portable.hlsli"
 #include "Camera.hlsli"
 
 cbuffer Lights : register(b2)
 {
-    float4 lightPosition[4];  // xyz, and the radius in w
-    float4 lightColor[4];
-    float4 ambientColor;
-    float4 surface;           // shininess, roughness, metalness, reflectance
+    float4 lightPosition[4];  // in the world, and the radius in w
+    float4 lightColor[4];     // intensity
+    float4 ambientColor;      // what a white surface sends on
+    float4 surface;           // shininess, roughness, metalness, reflectance at normal incidence
 };
 
 Texture2D albedoTexture : register(t0);
@@ -54,53 +54,57 @@ Fragment VertexMain(Vertex vertex)
     result.position = mul(world, worldToClip);
     result.world = world.xyz;
     result.uv = vertex.uv;
-    result.normal = mul(vertex.normal, (float3x3)objectToWorld);
+    result.normal = normalize(mul(vertex.normal, (float3x3)objectToWorld));
 #if NORMAL_MAP
-    result.tangent = float4(mul(vertex.tangent.xyz, (float3x3)objectToWorld), vertex.tangent.w);
+    float3 tangent = normalize(mul(vertex.tangent.xyz, (float3x3)objectToWorld));
+    result.tangent = float4(tangent, vertex.tangent.w);
 #endif
     return result;
 }
 
-// Shade computes lit, what a light does to the surface, from light, halfway and nl.
+static const float kLampRadius = 0.05;  // no surface comes nearer to a light than this
+static const float kSmoothest = 0.05;   // roughness below which a highlight would be a point
+
+// DeclareHighlight declares what a light's mirror image is worth in the direction of the camera.
 #if MODEL == 0
-// Lambert's diffuse term and a highlight around the half vector, normalised to keep its energy.
-#define Shade \
-    float nh = saturate(dot(normal, halfway)); \
-    float highlight = (surface.x + 8.0) / (8.0 * kPi) * pow(nh + 0.0001, surface.x); \
-    lit = (albedo + surface.w * highlight) * nl;
+// Scaled so that the highlight keeps its energy when it shrinks.
+#define DeclareHighlight \
+    float highlight = (surface.x + 8.0) / (8.0 * kPi) * pow(nh, surface.x);
 #else
-// D is the GGX distribution, V the height-correlated Smith term, F Schlick's Fresnel term.
-#define Shade \
-    float nh = saturate(dot(normal, halfway)); \
-    float lh = saturate(dot(light, halfway)); \
-    float a2 = Square(Square(surface.y)); \
-    float D = a2 / (kPi * Square(nh * nh * (a2 - 1.0) + 1.0) + 0.00001); \
-    float V = 0.5 / (nl * Sqrt(nv * nv * (1.0 - a2) + a2) + \
-                     nv * Sqrt(nl * nl * (1.0 - a2) + a2) + 0.00001); \
-    float3 F = reflectance + (1.0 - reflectance) * pow(1.0001 - lh, 5.0); \
-    lit = (albedo * (1.0 - surface.z) * (1.0 - F) / kPi + D * V * F) * nl;
+// GGX' distribution of normals, and Hammon's fit to Smith's term of what hides and shades them.
+#define DeclareHighlight \
+    float alpha = Square(max(surface.y, kSmoothest)); \
+    float distribution = Square(alpha / (nh * nh * (alpha * alpha - 1.0) + 1.0)) / kPi; \
+    float visible = 0.5 / lerp(2.0 * nl * nv, nl + nv, alpha); \
+    float highlight = distribution * visible;
 #endif
 
-// A light falls off with the square of the distance, faded to zero at its radius.
+// A light falls off with the square of the distance, faded to zero at its radius. What the surface
+// mirrors is not scattered.
 #define AddLight(index) \
     { \
         float4 place = lightPosition[index]; \
         float3 toLight = place.xyz - fragment.world; \
-        float3 light = normalize(toLight); \
-        float3 halfway = normalize(light + view); \
-        float nl = saturate(dot(normal, light)); \
-        float squared = dot(toLight, toLight); \
-        float window = saturate(1.0 - Square(squared / (place.w * place.w))); \
-        float falloff = window * window / (squared + 1.0); \
-        float3 lit; \
-        Shade \
-        color += lit * lightColor[index].rgb * falloff; \
+        float away = max(length(toLight), kLampRadius); \
+        float3 light = toLight / away; \
+        float nl = dot(normal, light); \
+        if (nl > 0.0) \
+        { \
+            float3 halfway = normalize(light + view); \
+            float nh = saturate(dot(normal, halfway)); \
+            float lh = saturate(dot(light, halfway)); \
+            float3 mirrored = Fresnel(reflectance, lh); \
+            DeclareHighlight \
+            float window = saturate(1.0 - Square(Square(away / place.w))); \
+            float falloff = Square(window / away); \
+            float3 lit = scattered * (1.0 - mirrored) / kPi + mirrored * highlight; \
+            color += lit * lightColor[index].rgb * (nl * falloff); \
+        } \
     }
 
 float4 PixelMain(Fragment fragment) : SV_Target
 {
-    float4 texel = albedoTexture.Sample(surfaceSampler, fragment.uv);
-    float3 albedo = texel.rgb;
+    float3 albedo = albedoTexture.Sample(surfaceSampler, fragment.uv).rgb;
     float3 toCamera = cameraPosition.xyz - fragment.world;
     float3 view = normalize(toCamera);
     float3 normal = normalize(fragment.normal);
@@ -110,15 +114,17 @@ float4 PixelMain(Fragment fragment) : SV_Target
     float3 bump = normalTexture.Sample(surfaceSampler, fragment.uv).xyz * 2.0 - 1.0;
     normal = normalize(bump.x * tangent + bump.y * bitangent + bump.z * normal);
 #endif
-    float nv = saturate(dot(normal, view)) + 0.0001;
-    float3 reflectance = lerp(surface.www * 0.16, albedo, surface.z);
+    float nv = max(dot(normal, view), 0.0001);
 
+    // Metals scatter nothing and mirror in their own colour.
+    float3 scattered = albedo * (1.0 - surface.z);
+    float3 reflectance = lerp(surface.www, albedo, surface.z);
+    float3 color = ambientColor.rgb * scattered;
 #if ENVIRONMENT
-    float3 mirrored = environmentTexture.Sample(surfaceSampler, Reflect(-view, normal)).rgb;
-    float3 gleam = reflectance + (1.0 - reflectance) * pow(1.0001 - saturate(nv), 5.0);
-    float3 color = ambientColor.rgb * albedo + mirrored * gleam * (1.0 - surface.y);
+    float3 around = environmentTexture.Sample(surfaceSampler, Reflect(-view, normal)).rgb;
+    color += around * Fresnel(reflectance, nv) * Square(1.0 - surface.y);
 #else
-    float3 color = ambientColor.rgb * albedo;
+    color += ambientColor.rgb * reflectance;
 #endif
     AddLight(0)
 #if LIGHTS > 1
@@ -131,5 +137,5 @@ float4 PixelMain(Fragment fragment) : SV_Target
 #if FOG
     ApplyFog(color, length(toCamera))
 #endif
-    return float4(color, texel.a);
+    return float4(color, 1.0);
 }

@@ -20,23 +20,26 @@
 
 cbuffer Particles : register(b2)
 {
-    float4 cameraRight;
+    float4 cameraRight;   // in the world
     float4 cameraUp;
-    float4 keyLight;   // direction towards the light
+    float4 keyLight;      // direction towards the light in the world
     float4 keyColor;
-    float4 smokeColor;
-    float4 softness;   // distance of the fade, pictures per row, strength of the emission
+    float4 ambientColor;
+    float4 softness;      // distance of the fade, pictures per row, strength of the emission,
+                          // lengths by which a particle stretches at a speed of 1
 };
 
 Texture2D spriteTexture : register(t0);
 Texture2D<float> depthTexture : register(t1);
 SamplerState spriteSampler : register(s0);
 
+static const float kParallel = 0.0001;  // squared length of a cross product that has no direction
+
 struct Vertex
 {
-    float4 centre : POSITION;   // xyz, and the size in w
+    float4 centre : POSITION;   // in the world, and the size in w
     float2 corner : TEXCOORD0;  // -1 to 1
-    float4 motion : TEXCOORD1;  // velocity, and the spin in turns in w
+    float4 motion : TEXCOORD1;  // velocity in the world, and the spin in turns in w
     float4 color : COLOR;
     float age : TEXCOORD2;      // in pictures of the animation
 };
@@ -45,47 +48,60 @@ struct Fragment
 {
     float4 position : SV_Position;
     float4 color : COLOR;
-    float4 uv : TEXCOORD0;       // in the picture of now, and in the next
-    float4 corner : TEXCOORD1;   // corner, share of the next picture, distance from the camera
-    float4 screen : TEXCOORD2;
+    float4 uv : TEXCOORD0;      // in the picture of now, and in the next
+    float4 corner : TEXCOORD1;  // corner, share of the next picture, depth
+    float3 light : TEXCOORD2;   // towards the light: along the quad's right and up, to the camera
 };
 
-// Where a picture of the animation begins.
+// Where a picture of the animation begins. It looks up the middle of the picture's number, which
+// rounding does not carry into another row.
 #define DeclarePicture(result, number) \
-    float2 result = float2(floor(number), 0.0) / softness.y; \
-    result = float2(result.x - floor(result.x), floor(result.x) / softness.y);
+    float2 result = float2(floor(number) + 0.5, 0.0) / softness.y; \
+    result = float2(result.x - floor(result.x) - 0.5 / softness.y, floor(result.x) / softness.y);
 
 Fragment VertexMain(Vertex vertex)
 {
-    float2 corner = vertex.corner;
-#if SPIN
-    DeclareSine(sine, vertex.motion.w)
-    DeclareCosine(cosine, vertex.motion.w)
-    corner = float2(corner.x * cosine - corner.y * sine, corner.x * sine + corner.y * cosine);
-#endif
+    float3 toCamera = normalize(cameraPosition.xyz - vertex.centre.xyz);
     float3 right = cameraRight.xyz;
     float3 up = cameraUp.xyz;
     float stretch = 1.0;
 #if FACING == 1
     up = float3(0.0, 1.0, 0.0);
-    right = normalize(cross(up, cameraPosition.xyz - vertex.centre.xyz));
 #elif FACING == 2
-    up = normalize(vertex.motion.xyz + float3(0.0, 0.0001, 0.0));
-    right = normalize(cross(up, cameraPosition.xyz - vertex.centre.xyz));
-    stretch = 1.0 + length(vertex.motion.xyz) * 0.1;
+    float speed = length(vertex.motion.xyz);
+    if (speed * speed > kParallel)
+    {
+        up = vertex.motion.xyz / speed;
+    }
+    stretch += speed * softness.w;
 #endif
-    float3 offset = right * corner.x + up * (corner.y * stretch);
+#if FACING > 0
+    float3 side = cross(toCamera, up);
+    if (dot(side, side) > kParallel)  // else it is seen from its end
+    {
+        right = normalize(side);
+    }
+#endif
+#if SPIN
+    DeclareSine(sine, vertex.motion.w)
+    DeclareCosine(cosine, vertex.motion.w)
+    float3 turned = right * cosine + up * sine;
+    up = up * cosine - right * sine;
+    right = turned;
+#endif
+    float3 offset = right * vertex.corner.x + up * (vertex.corner.y * stretch);
     float3 world = vertex.centre.xyz + vertex.centre.w * offset;
 
     Fragment result;
     result.position = mul(float4(world, 1.0), worldToClip);
     result.color = vertex.color;
-    float2 local = (vertex.corner * 0.5 + 0.5) / softness.y;
+    float2 local = (vertex.corner * float2(0.5, -0.5) + 0.5) / softness.y;
     DeclarePicture(current, vertex.age)
     DeclarePicture(next, vertex.age + 1.0)
     result.uv = float4(local + current, local + next);
     result.corner = float4(vertex.corner, Frac(vertex.age), result.position.w);
-    result.screen = result.position;
+    result.light = float3(dot(keyLight.xyz, right), dot(keyLight.xyz, up),
+                          dot(keyLight.xyz, toCamera));
     return result;
 }
 
@@ -98,16 +114,16 @@ float4 PixelMain(Fragment fragment) : SV_Target
 #endif
     color *= fragment.color;
 #if LIT
-    // The quad stands for a ball: its normal bulges towards the camera.
+    // The quad stands for a ball: its normal bulges towards the camera. Light wraps around smoke.
     float2 bulge = fragment.corner.xy;
-    float3 normal = float3(bulge, Sqrt(1.0 - dot(bulge, bulge)));
-    float lit = saturate(dot(normal, keyLight.xyz) * 0.5 + 0.5);
-    color.rgb *= smokeColor.rgb + keyColor.rgb * lit;
+    float3 normal = normalize(float3(bulge, Sqrt(1.0 - dot(bulge, bulge))));
+    float lit = saturate(dot(normal, fragment.light) * 0.5 + 0.5);
+    color.rgb *= ambientColor.rgb + keyColor.rgb * lit;
 #endif
 #if SOFT
-    float2 uv = fragment.screen.xy / fragment.screen.w * float2(0.5, -0.5) + float2(0.5, 0.5);
-    float behind = ViewDepth(depthTexture.Sample(spriteSampler, uv)) - fragment.corner.w;
-    color.a *= Smooth(saturate(behind / softness.x));
+    float scene = ViewDepth(depthTexture.Load(int3(int2(fragment.position.xy), 0)));
+    float fade = saturate((scene - fragment.corner.w) / softness.x);
+    color.a *= Smooth(fade);
 #endif
 #if BLEND == 1
     color = float4(color.rgb * color.a * softness.z, 0.0);

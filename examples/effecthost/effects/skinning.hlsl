@@ -9,8 +9,8 @@
 //@ program PixelMain ps_4_0 FRAME MOTION
 //
 // BONES    bones that move a vertex
-// FRAME    0 positions alone (shadow maps), 1 with the normal, 2 with the tangent as well
-// MOTION   hands on the movement since the last frame, for motion blur
+// FRAME    0 positions alone, without light, 1 with the normal, 2 with a normal map as well
+// MOTION   writes the movement since the last frame to a second target, for motion blur
 // MORPH    adds a second shape before skinning, for faces
 #include "Portable.hlsli"
 #include "Camera.hlsli"
@@ -19,23 +19,24 @@ cbuffer Skin : register(b2)
 {
     float4x4 lastWorldToClip;
     float4 skinRows;   // row of the character, and of its last frame, in the texture
-    float4 morphing;   // how much of the second shape
-    float4 keyLight;   // direction towards the light
+    float4 morphing;   // how much of the second shape, now and in the last frame
+    float4 keyLight;   // direction towards the light in the world, share of ambient light in w
 };
 
 Texture2D boneTexture : register(t0);
 Texture2D skinTexture : register(t1);
+Texture2D normalTexture : register(t2);
 SamplerState skinSampler : register(s0);
 
 struct Vertex
 {
     float3 position : POSITION;
     float3 normal : NORMAL;
-    float4 tangent : TANGENT;
+    float4 tangent : TANGENT;          // w is the handedness
     float2 uv : TEXCOORD0;
-    float4 weights : BLENDWEIGHT;
-    float4 bones : BLENDINDICES;
-    float3 morphPosition : TEXCOORD1;
+    float4 weights : BLENDWEIGHT;      // of the first BONES bones; they add up to 1
+    uint4 bones : BLENDINDICES;
+    float3 morphPosition : TEXCOORD1;  // what the second shape adds
     float3 morphNormal : TEXCOORD2;
 };
 
@@ -59,7 +60,7 @@ struct Fragment
 #define AddBone(component) \
     { \
         float weight = vertex.weights.component; \
-        int column = int(vertex.bones.component * 3.0); \
+        int column = int(vertex.bones.component) * 3; \
         row0 += weight * boneTexture.Load(int3(column, character, 0)); \
         row1 += weight * boneTexture.Load(int3(column + 1, character, 0)); \
         row2 += weight * boneTexture.Load(int3(column + 2, character, 0)); \
@@ -77,13 +78,14 @@ struct Fragment
 
 Fragment VertexMain(Vertex vertex)
 {
-    float3 position = vertex.position;
+    float4 bound = float4(vertex.position, 1.0);
+    float4 lastBound = bound;
     float3 normal = vertex.normal;
 #if MORPH
-    position += vertex.morphPosition * morphing.x;
-    normal = normalize(normal + vertex.morphNormal * morphing.x);
+    bound.xyz += vertex.morphPosition * morphing.x;
+    lastBound.xyz += vertex.morphPosition * morphing.y;
+    normal += vertex.morphNormal * morphing.x;
 #endif
-    float4 bound = float4(position, 1.0);
     int character = int(skinRows.x);
     float4 row0 = float4(0.0, 0.0, 0.0, 0.0);
     float4 row1 = row0;
@@ -95,12 +97,13 @@ Fragment VertexMain(Vertex vertex)
     result.position = mul(world, worldToClip);
     result.uv = vertex.uv;
 #if FRAME > 0
-    result.normal = float3(dot(row0.xyz, normal), dot(row1.xyz, normal), dot(row2.xyz, normal));
+    result.normal =
+        normalize(float3(dot(row0.xyz, normal), dot(row1.xyz, normal), dot(row2.xyz, normal)));
 #endif
 #if FRAME > 1
     float3 tangent = vertex.tangent.xyz;
-    result.tangent = float4(dot(row0.xyz, tangent), dot(row1.xyz, tangent), dot(row2.xyz, tangent),
-                            vertex.tangent.w);
+    tangent = float3(dot(row0.xyz, tangent), dot(row1.xyz, tangent), dot(row2.xyz, tangent));
+    result.tangent = float4(normalize(tangent), vertex.tangent.w);
 #endif
 #if MOTION
     character = int(skinRows.y);
@@ -108,30 +111,44 @@ Fragment VertexMain(Vertex vertex)
     row1 = row0;
     row2 = row0;
     AddBones
-    float4 lastWorld = float4(dot(row0, bound), dot(row1, bound), dot(row2, bound), 1.0);
+    float4 lastWorld =
+        float4(dot(row0, lastBound), dot(row1, lastBound), dot(row2, lastBound), 1.0);
     result.current = result.position;
     result.last = mul(lastWorld, lastWorldToClip);
 #endif
     return result;
 }
 
-// Soft light that wraps around the body, and a rim along the silhouette of the tangent frame. With
-// MOTION, how far the pixel moved since the last frame goes to blue and alpha.
-float4 PixelMain(Fragment fragment) : SV_Target
+struct Pixel
+{
+    float4 color : SV_Target0;
+#if MOTION
+    float4 moved : SV_Target1;  // way in clip space since the last frame, in xy
+#endif
+};
+
+Pixel PixelMain(Fragment fragment)
 {
     float3 color = skinTexture.Sample(skinSampler, fragment.uv).rgb;
 #if FRAME > 0
     float3 normal = normalize(fragment.normal);
-    color *= Square(saturate(dot(normal, keyLight.xyz) * 0.5 + 0.5));
 #endif
 #if FRAME > 1
-    float along = dot(normalize(fragment.tangent.xyz), keyLight.xyz);
-    color += 0.2 * pow(1.0001 - abs(along), 8.0);
+    float3 tangent = normalize(fragment.tangent.xyz - normal * dot(fragment.tangent.xyz, normal));
+    float3 bitangent = cross(normal, tangent) * fragment.tangent.w;
+    float3 bump = normalTexture.Sample(skinSampler, fragment.uv).xyz * 2.0 - 1.0;
+    normal = normalize(bump.x * tangent + bump.y * bitangent + bump.z * normal);
 #endif
-    float4 result = float4(color, 1.0);
+#if FRAME > 0
+    // Soft light that wraps around the body.
+    float wrapped = Square(saturate(dot(normal, keyLight.xyz) * 0.5 + 0.5));
+    color *= lerp(wrapped, 1.0, keyLight.w);
+#endif
+    Pixel result;
+    result.color = float4(color, 1.0);
 #if MOTION
-    float2 moved = fragment.current.xy / fragment.current.w - fragment.last.xy / fragment.last.w;
-    result = float4(Luminance(color), 0.0, moved * 0.5 + 0.5);
+    float2 now = fragment.current.xy / fragment.current.w;
+    result.moved = float4(now - fragment.last.xy / fragment.last.w, 0.0, 1.0);
 #endif
     return result;
 }

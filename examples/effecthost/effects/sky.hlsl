@@ -16,17 +16,17 @@
 
 cbuffer Sky : register(b2)
 {
-    float4 sunDirection;   // towards the sun; the size of its disc in w
+    float4 sunDirection;   // towards the sun, in the world; the cosine of its disc's radius in w
     float4 sunColor;
-    float4 zenithColor;    // Preetham: the zenith's luminance and chromaticity
-    float4 horizonColor;
+    float4 zenithColor;    // after Preetham: the zenith's luminance Y and chromaticity x and y
+    float4 horizonColor;   // also of the clouds that are far from the sun
     float4 groundColor;
     float4 perezA;         // coefficients of the distribution for Y, x and y
     float4 perezB;
     float4 perezC;
     float4 perezD;
     float4 perezE;
-    float4 cloudLayers;    // tiling, speed, density, height
+    float4 cloudLayers;    // tiles per metre, metres per second, density, height in the world
 };
 
 Texture2D cloudTexture : register(t0);
@@ -54,66 +54,83 @@ Fragment VertexMain(Vertex vertex)
     return result;
 }
 
-// Perez' distribution of daylight. gammaRadians is the angle to the sun.
-#define DeclarePerez(result, cosTheta, angle, cosAngle) \
+static const float kLeastHeight = 0.02;    // the sine below which the sky looks like its horizon
+static const float kHorizonWidth = 0.125;  // sine over which ground and clouds fade in
+static const float kSunEdge = 0.0002;      // cosines between the sun's disc and what surrounds it
+static const float kGlow = 0.3;            // of the sun, near it and far from it
+static const float kFarGlow = 0.03;
+
+static const float3x3 kXyzToRgb = float3x3(3.2405, -0.9693, 0.0556, -1.5371, 1.8760, -0.2040,
+                                           -0.4985, 0.0416, 1.0572);
+
+// Perez' distribution of daylight, for the cosine of the angle to the zenith, and for the angle to
+// the sun in radians and its cosine.
+#define DeclarePerez(result, cosTheta, gamma, cosGamma) \
     float3 result##Height = perezB.xyz / (cosTheta); \
-    float3 result##Glow = perezD.xyz * (angle); \
-    float3 result = (1.0 + perezA.xyz * pow(2.71828183, result##Height)) * \
-                    (1.0 + perezC.xyz * pow(2.71828183, result##Glow) + \
-                     perezE.xyz * (cosAngle) * (cosAngle));
+    float3 result##Glow = perezD.xyz * (gamma); \
+    float3 result = (1.0 + perezA.xyz * pow(kE, result##Height)) * \
+                    (1.0 + perezC.xyz * pow(kE, result##Glow) + \
+                     perezE.xyz * (cosGamma) * (cosGamma));
 
 // The angle of a cosine from 0 to 1: a polynomial, within 0.0001 radians.
-#define ArcCosine(x) \
-    ((((-0.0187293 * (x) + 0.0742610) * (x) - 0.2121144) * (x) + 1.5707288) * \
-     pow(max(1.0 - (x), 0.0), 0.5))
+#define DeclareArcCosine(result, cosine) \
+    float result = 1.0 - (cosine); \
+    result = pow(max(result, 0.0), 0.5) * \
+             (((-0.0187293 * (cosine) + 0.0742610) * (cosine) - 0.2121144) * (cosine) + 1.5707288);
 
-#define AddClouds(scale, speed) \
+// A flat layer of clouds as seen from the camera below it.
+#define AddClouds(height, size, speed) \
     { \
-        float2 drift = float2(time.x * (speed) * cloudLayers.y, 0.0); \
-        float2 place = up.xz / up.y * (scale) * cloudLayers.x + drift; \
-        float cover = saturate(cloudTexture.Sample(skySampler, place).r - 1.0 + cloudLayers.z); \
+        float above = max(cloudLayers.w * (height) - cameraPosition.y, 1.0); \
+        float2 place = cameraPosition.xz + direction.xz / upwards * above; \
+        place.x += time.x * (speed) * cloudLayers.y; \
+        float4 texel = cloudTexture.Sample(skySampler, place * (cloudLayers.x / (size))); \
+        float cover = saturate(texel.r - 1.0 + cloudLayers.z); \
         float3 lit = lerp(horizonColor.rgb, sunColor.rgb, 0.5 + 0.5 * cosGamma); \
-        color = lerp(color, lit, cover * Smooth(saturate(direction.y * 4.0))); \
+        color = lerp(color, lit, cover * aboveHorizon); \
     }
 
 float4 PixelMain(Fragment fragment) : SV_Target
 {
     float3 direction = normalize(fragment.direction);
-    float3 up = float3(direction.x, max(direction.y, 0.02), direction.z);
+    float upwards = max(direction.y, kLeastHeight);
     float cosGamma = dot(direction, sunDirection.xyz);
 #if MODEL == 0
-    float height = direction.y;
-    float3 color = lerp(horizonColor.rgb, zenithColor.rgb, pow(saturate(height) + 0.0001, 0.6));
-    color = lerp(color, groundColor.rgb, Smooth(saturate(-height * 8.0)));
+    float3 color = lerp(horizonColor.rgb, zenithColor.rgb, pow(saturate(direction.y), 0.6));
 #else
-    float sunHeight = max(sunDirection.y, 0.02);
-    float fromSun = ArcCosine(abs(cosGamma));
-    fromSun = lerp(fromSun, kPi - fromSun, Below(cosGamma, 0.0));
-    float sunFromZenith = ArcCosine(sunHeight);
-    DeclarePerez(here, up.y, fromSun, cosGamma)
+    DeclareArcCosine(gamma, abs(cosGamma))
+    if (cosGamma < 0.0)
+    {
+        gamma = kPi - gamma;
+    }
+    float sunHeight = max(sunDirection.y, kLeastHeight);
+    DeclareArcCosine(sunFromZenith, sunHeight)
+    DeclarePerez(here, upwards, gamma, cosGamma)
     DeclarePerez(overhead, 1.0, sunFromZenith, sunHeight)
     float3 Yxy = zenithColor.xyz * here / overhead;
-    float3 XYZ = float3(Yxy.y * Yxy.x / Yxy.z, Yxy.x, (1.0 - Yxy.y - Yxy.z) * Yxy.x / Yxy.z);
-    float3 color = float3(dot(XYZ, float3(3.2405, -1.5371, -0.4985)),
-                          dot(XYZ, float3(-0.9693, 1.8760, 0.0416)),
-                          dot(XYZ, float3(0.0556, -0.2040, 1.0572)));
-    color = max(color, float3(0.0, 0.0, 0.0));
+    float3 XYZ = float3(Yxy.y, Yxy.z, 1.0 - Yxy.y - Yxy.z) * (Yxy.x / Yxy.z);
+    float3 color = max(mul(XYZ, kXyzToRgb), 0.0);
 #endif
+    float horizon = saturate(direction.y / kHorizonWidth);
+    float aboveHorizon = Smooth(horizon);
 #if STARS
     float dark = saturate(1.0 - 4.0 * Luminance(color));
-    color += starTexture.Sample(skySampler, direction).rgb * dark * saturate(direction.y * 4.0);
+    color += starTexture.Sample(skySampler, direction).rgb * dark;
 #endif
 #if SUN
-    float disc = LinearStep(sunDirection.w, sunDirection.w + 0.0002, cosGamma);
-    float towards = saturate(cosGamma) + 0.0001;
-    float glow = pow(towards, 256.0) + 0.1 * pow(towards, 8.0);
-    color += sunColor.rgb * (disc + 0.3 * glow);
-#endif
-#if CLOUDS > 0
-    AddClouds(1.0, 1.0)
+    float disc = LinearStep(sunDirection.w, sunDirection.w + kSunEdge, cosGamma);
+    float towards = saturate(cosGamma);
+    float glow = kGlow * pow(towards, 256.0) + kFarGlow * pow(towards, 8.0);
+    color += sunColor.rgb * (disc + glow);
 #endif
 #if CLOUDS > 1
-    AddClouds(0.37, 1.6)
+    AddClouds(2.0, 2.7, 1.6)
 #endif
+#if CLOUDS > 0
+    AddClouds(1.0, 1.0, 1.0)
+#endif
+    // The ground hides what has set.
+    float sunk = saturate(-direction.y / kHorizonWidth);
+    color = lerp(color, groundColor.rgb, Smooth(sunk));
     return float4(color, 1.0);
 }

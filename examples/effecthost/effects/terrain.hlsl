@@ -20,28 +20,28 @@
 
 cbuffer Terrain : register(b2)
 {
-    float4 grid;        // size of the map in texels, height of white, spacing of the vertices
-    float4 morphRange;  // distances at which morphing begins and ends
-    float4 sunDirection;
-    float4 sunColor;
+    float4 grid;          // size of the map in texels, height of white, width of a texel
+    float4 morphRange;    // distances at which morphing begins and ends
+    float4 sunDirection;  // towards the sun, in the world
+    float4 sunColor;      // what a white surface that faces the sun sends on
     float4 skyColor;
-    float4 tiling;      // of each material
+    float4 tiling;        // of each material, in the world
 };
 
 Texture2D heightTexture : register(t0);
-Texture2D splatTexture : register(t1);
+Texture2D splatTexture : register(t1);  // g, b and a: shares of the second to fourth material
 Texture2D material0 : register(t2);
 Texture2D material1 : register(t3);
 Texture2D material2 : register(t4);
 Texture2D material3 : register(t5);
-Texture2D bumps : register(t6);
+Texture2D bumps : register(t6);  // normals, for all of the materials
 SamplerState repeatSampler : register(s0);
 
 struct Vertex
 {
     float3 position : POSITION;
     float3 normal : NORMAL;
-    float2 coarse : TEXCOORD0;  // the place of the vertex in the grid of half the density
+    float3 coarse : TEXCOORD0;  // where the grid of half the density has the vertex
 };
 
 struct Fragment
@@ -52,29 +52,35 @@ struct Fragment
     float2 uv : TEXCOORD2;
 };
 
-#define HeightAt(place) (heightTexture.Load(int3(int2(place), 0)).r * grid.z)
+#define HeightAt(texel) \
+    (heightTexture.Load(int3(int2(clamp(texel, float2(0.0, 0.0), grid.xy - 1.0)), 0)).r * grid.z)
 
 Fragment VertexMain(Vertex vertex)
 {
     float3 local = vertex.position;
-#if MORPH
-    float far = length(mul(float4(local, 1.0), objectToWorld).xyz - cameraPosition.xyz);
-    local.xz = lerp(local.xz, vertex.coarse, LinearStep(morphRange.x, morphRange.y, far));
-#endif
+    float3 coarse = vertex.coarse;
     float3 normal = vertex.normal;
 #if HEIGHT_MAP
-    float2 texel = local.xz / grid.w;
-    local.y = HeightAt(texel);
-    normal.x = HeightAt(texel - float2(1.0, 0.0)) - HeightAt(texel + float2(1.0, 0.0));
+    float2 here = floor(local.xz / grid.w + 0.5);
+    float2 there = floor(coarse.xz / grid.w + 0.5);
+    local.y = HeightAt(here);
+    coarse.y = HeightAt(there);
+    normal.x = HeightAt(here - float2(1.0, 0.0)) - HeightAt(here + float2(1.0, 0.0));
     normal.y = 2.0 * grid.w;
-    normal.z = HeightAt(texel - float2(0.0, 1.0)) - HeightAt(texel + float2(0.0, 1.0));
+    normal.z = HeightAt(here - float2(0.0, 1.0)) - HeightAt(here + float2(0.0, 1.0));
+#endif
+#if MORPH
+    // Measured on the ground, so that heights do not make neighbours differ.
+    float3 place = mul(float4(local, 1.0), objectToWorld).xyz;
+    float far = length(place.xz - cameraPosition.xz);
+    local = lerp(local, coarse, LinearStep(morphRange.x, morphRange.y, far));
 #endif
     float4 world = mul(float4(local, 1.0), objectToWorld);
     Fragment result;
     result.position = mul(world, worldToClip);
     result.world = world.xyz;
-    result.normal = normalize(normal);
-    result.uv = local.xz / (grid.w * grid.xy);
+    result.normal = normalize(mul(normal, (float3x3)objectToWorld));
+    result.uv = (local.xz / grid.w + 0.5) / grid.xy;
     return result;
 }
 
@@ -87,15 +93,19 @@ Fragment VertexMain(Vertex vertex)
 #define Cover(map, scale) map.Sample(repeatSampler, fragment.world.xz * (scale)).rgb
 #endif
 
+#define BumpAt(place) (bumps.Sample(repeatSampler, place).xy * 2.0 - 1.0)
+
 float4 PixelMain(Fragment fragment) : SV_Target
 {
     float3 normal = normalize(fragment.normal);
-    float3 axes = pow(abs(normal) + 0.0001, float3(4.0, 4.0, 4.0));
+#if TRIPLANAR
+    float3 axes = Square(Square(normal));
     axes /= axes.x + axes.y + axes.z;
+#endif
 
-    float4 splat = splatTexture.Sample(repeatSampler, fragment.uv);
     float3 albedo = Cover(material0, tiling.x);
 #if LAYERS > 1
+    float4 splat = splatTexture.Sample(repeatSampler, fragment.uv);
     albedo = lerp(albedo, Cover(material1, tiling.y), splat.g);
 #endif
 #if LAYERS > 2
@@ -105,8 +115,17 @@ float4 PixelMain(Fragment fragment) : SV_Target
     albedo = lerp(albedo, Cover(material3, tiling.w), splat.a);
 #endif
 #if NORMAL_MAP
-    float3 bump = Cover(bumps, tiling.x) * 2.0 - 1.0;
-    normal = normalize(normal + float3(bump.x, 0.0, bump.y));
+    // Each projection tilts the normal along the two axes that it is spread over.
+    float3 place = fragment.world * tiling.x;
+    float2 tilt = BumpAt(place.xz);
+#if TRIPLANAR
+    normal.xz += tilt * axes.y;
+    normal.zy += BumpAt(place.zy) * axes.x;
+    normal.xy += BumpAt(place.xy) * axes.z;
+#else
+    normal.xz += tilt;
+#endif
+    normal = normalize(normal);
 #endif
 
     float sun = saturate(dot(normal, sunDirection.xyz));

@@ -9,7 +9,7 @@
 //@ program VertexMain vs_4_0 SNAP
 //@ program PixelMain ps_4_0 CHANNELS OUTLINE SHADOW GLOW GRADIENT
 //
-// SNAP       glyphs begin at whole pixels
+// SNAP       glyphs begin at whole pixels, and keep their size
 // CHANNELS   3 keeps corners sharp: the median of three distances
 // OUTLINE    a line around the glyphs
 // SHADOW     a soft shadow below them
@@ -22,11 +22,12 @@ cbuffer Text : register(b2)
 {
     float4 topColor;
     float4 bottomColor;
-    float4 outlineColor;   // rgb, and the width in a
+    float4 outlineColor;  // rgb
     float4 shadowColor;
-    float4 shadowOffset;   // in the atlas; softness of the shadow, reach of the glow
+    float4 shadowOffset;  // in the atlas
     float4 glowColor;
-    float4 distanceRange;  // distances of the atlas for one pixel of the screen
+    float4 widths;        // of the outline, the shadow's soft edge and the glow, as distances of
+                          // the atlas; in w the pixels of the screen for a distance of 1
 };
 
 Texture2D atlasTexture : register(t0);
@@ -36,7 +37,8 @@ struct Vertex
 {
     float2 position : POSITION;  // in pixels
     float2 uv : TEXCOORD0;
-    float2 inLine : TEXCOORD1;    // place in the line of text, 0 at its top
+    float inLine : TEXCOORD1;    // place in the line of text, 0 at its top, 1 at its bottom
+    float2 origin : TEXCOORD2;   // where the glyph begins, in pixels
     float4 color : COLOR;
 };
 
@@ -44,7 +46,7 @@ struct Fragment
 {
     float4 position : SV_Position;
     float2 uv : TEXCOORD0;
-    float2 inLine : TEXCOORD1;
+    float inLine : TEXCOORD1;
     float4 color : COLOR;
 };
 
@@ -52,7 +54,7 @@ Fragment VertexMain(Vertex vertex)
 {
     float2 pixel = vertex.position;
 #if SNAP
-    pixel = floor(pixel + 0.5);
+    pixel += floor(vertex.origin + 0.5) - vertex.origin;
 #endif
     Fragment result;
     float2 place = pixel * screenSize.zw * float2(2.0, -2.0) + float2(-1.0, 1.0);
@@ -63,6 +65,7 @@ Fragment VertexMain(Vertex vertex)
     return result;
 }
 
+// Distances are from -0.5 to 0.5, and negative outside of a glyph.
 #if CHANNELS == 3
 #define DeclareDistance(result, place) \
     float3 result##Channels = atlasTexture.Sample(smoothSampler, place).rgb; \
@@ -73,8 +76,8 @@ Fragment VertexMain(Vertex vertex)
     float result = atlasTexture.Sample(smoothSampler, place).r - 0.5;
 #endif
 
-// How much of a pixel lies inside a distance, blended over one pixel of the screen.
-#define Coverage(distance) saturate((distance) * distanceRange.x + 0.5)
+// How much of a pixel lies inside, blended over one pixel of the screen.
+#define Coverage(distance) saturate((distance) * widths.w + 0.5)
 
 // Puts a layer behind what is there; colours are premultiplied.
 #define PutBehind(color, layer, alpha) \
@@ -85,19 +88,20 @@ float4 PixelMain(Fragment fragment) : SV_Target
     DeclareDistance(distance, fragment.uv)
     float3 ink = fragment.color.rgb * topColor.rgb;
 #if GRADIENT
-    ink = lerp(ink, fragment.color.rgb * bottomColor.rgb, Smooth(saturate(fragment.inLine.y)));
+    float down = saturate(fragment.inLine);
+    ink = lerp(ink, fragment.color.rgb * bottomColor.rgb, Smooth(down));
 #endif
     float4 color = float4(ink, 1.0) * Coverage(distance);
 #if OUTLINE
-    PutBehind(color, outlineColor, Coverage(distance + outlineColor.a))
+    PutBehind(color, outlineColor, Coverage(distance + widths.x))
 #endif
 #if GLOW
-    float around = saturate(1.0 + distance / shadowOffset.w);
+    float around = saturate(1.0 + distance / widths.z);
     PutBehind(color, glowColor, around * around * glowColor.a)
 #endif
 #if SHADOW
     DeclareDistance(shade, fragment.uv - shadowOffset.xy)
-    PutBehind(color, shadowColor, saturate(shade / shadowOffset.z + 0.5) * shadowColor.a)
+    PutBehind(color, shadowColor, saturate(shade / widths.y + 0.5) * shadowColor.a)
 #endif
     return color * fragment.color.a;
 }

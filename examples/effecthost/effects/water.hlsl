@@ -20,12 +20,13 @@
 
 cbuffer Water : register(b2)
 {
-    float4 waveDirection[4];  // direction in xy, amplitude, steepness
-    float4 waveLength[4];     // length, speed
-    float4 shallowColor;
+    float4 waveDirection[4];  // direction in xz of the world, amplitude, steepness from 0 to 1
+    float4 waveLength[4];     // length, waves per second
+    float4 shallowColor;      // what clear water leaves of the ground's light
     float4 deepColor;         // rgb, and how fast the water swallows light
     float4 mirrorColor;
-    float4 ripples;           // tiling, speed, strength, depth of the foam
+    float4 foamColor;         // rgb, and the depth of the water up to which it foams
+    float4 ripples;           // tiling, speed, strength, tiling of the foam
 };
 
 Texture2D sceneTexture : register(t0);
@@ -35,6 +36,10 @@ TextureCube skyTexture : register(t3);
 Texture2D rippleTexture : register(t4);
 Texture2D foamTexture : register(t5);
 SamplerState waterSampler : register(s0);
+
+static const float kReflectance = 0.02;  // of water at normal incidence
+static const float kBend = 0.05;         // share of the picture by which a slope of 1 shifts it
+static const float kSecondTiling = 1.7;  // of the ripples that cross the first ones
 
 struct Vertex
 {
@@ -46,14 +51,16 @@ struct Fragment
     float4 position : SV_Position;
     float3 world : TEXCOORD0;
     float3 normal : TEXCOORD1;
-    float4 screen : TEXCOORD2;
+    float depth : TEXCOORD2;
 };
 
-// A wave lifts each point and draws it towards the crest; its derivatives tilt the normal.
+// A wave lifts each point and draws it towards the crest; its derivatives tilt the normal. The
+// waves share what a surface can bear: where all have a steepness of 1, crests are sharp but do not
+// fold.
 #if NORMALS
 #define AddNormal \
-    float slope = 2.0 * kPi / shape.x * wave.z; \
-    normal -= float3(wave.x * slope * cosine, wave.w * slope * sine, wave.y * slope * cosine);
+    float slope = wave.z / radius; \
+    normal -= float3(wave.x * slope * cosine, share * sine, wave.y * slope * cosine);
 #else
 #define AddNormal
 #endif
@@ -62,11 +69,13 @@ struct Fragment
     { \
         float4 wave = waveDirection[index]; \
         float4 shape = waveLength[index]; \
-        float turns = dot(wave.xy, rest.xz) / shape.x + shape.y * time.x; \
+        float radius = shape.x / (2.0 * kPi); \
+        float share = wave.w / float(WAVES); \
+        float turns = dot(wave.xy, rest.xz) / shape.x - shape.y * time.x; \
         DeclareSine(sine, turns) \
         DeclareCosine(cosine, turns) \
         world.y += wave.z * sine; \
-        world.xz += wave.xy * (wave.w * wave.z * cosine); \
+        world.xz += wave.xy * (share * radius * cosine); \
         AddNormal \
     }
 
@@ -89,30 +98,43 @@ Fragment VertexMain(Vertex vertex)
     result.position = mul(float4(world, 1.0), worldToClip);
     result.world = world;
     result.normal = normalize(normal);
-    result.screen = result.position;
+    result.depth = result.position.w;
     return result;
 }
 
+// How much further away than the water the scene is.
+#define DepthBelow(pixel) \
+    (depthRange.x / (depthRange.y - depthTexture.Load(int3(int2(pixel), 0)) * depthRange.z) - \
+     fragment.depth)
+
 float4 PixelMain(Fragment fragment) : SV_Target
 {
-    float3 toCamera = cameraPosition.xyz - fragment.world;
-    float3 view = normalize(toCamera);
+    float3 view = normalize(cameraPosition.xyz - fragment.world);
     float3 normal = normalize(fragment.normal);
 #if DETAIL
     float2 place = fragment.world.xz * ripples.x;
     float drift = time.x * ripples.y;
-    float3 ripple = rippleTexture.Sample(waterSampler, place + float2(drift, 0.0)).xyz +
-                    rippleTexture.Sample(waterSampler, place * 1.7 - float2(0.0, drift)).xyz - 1.0;
+    float2 otherPlace = place * kSecondTiling - float2(0.0, drift);
+    float2 ripple = rippleTexture.Sample(waterSampler, place + float2(drift, 0.0)).xy +
+                    rippleTexture.Sample(waterSampler, otherPlace).xy - 1.0;
     normal = normalize(normal + float3(ripple.x, 0.0, ripple.y) * ripples.z);
 #endif
-    float2 uv = fragment.screen.xy / fragment.screen.w * float2(0.5, -0.5) + float2(0.5, 0.5);
+    float2 uv = fragment.position.xy * screenSize.zw;
 
     float3 below = deepColor.rgb;
-    float depth = ViewDepth(depthTexture.Sample(waterSampler, uv)) - fragment.screen.w;
+#if REFRACTION || FOAM
+    float depth = DepthBelow(fragment.position.xy);
+#endif
 #if REFRACTION
-    float2 bent = uv + normal.xz * 0.05 * saturate(depth);
+    float2 bent = uv + normal.xz * kBend * saturate(depth);
+    float through = DepthBelow(bent * screenSize.xy);
+    if (through < 0.0)
+    {
+        bent = uv;  // what stands before the water is not seen through it
+        through = max(depth, 0.0);
+    }
     float3 ground = sceneTexture.Sample(waterSampler, bent).rgb * shallowColor.rgb;
-    below = lerp(below, ground, Exp(-deepColor.a * max(depth, 0.0)));
+    below = lerp(below, ground, Exp(-deepColor.a * through));
 #endif
 
 #if MIRROR == 0
@@ -120,13 +142,13 @@ float4 PixelMain(Fragment fragment) : SV_Target
 #elif MIRROR == 1
     float3 above = skyTexture.Sample(waterSampler, Reflect(-view, normal)).rgb;
 #else
-    float3 above = mirrorTexture.Sample(waterSampler, uv + normal.xz * 0.05).rgb;
+    float3 above = mirrorTexture.Sample(waterSampler, uv + normal.xz * kBend).rgb;
 #endif
-    float fresnel = 0.02 + 0.98 * pow(1.0001 - saturate(dot(normal, view)), 5.0);
-    float3 color = lerp(below, above, fresnel);
+    float facing = saturate(dot(normal, view));
+    float3 color = lerp(below, above, Fresnel(kReflectance, facing));
 #if FOAM
-    float foam = foamTexture.Sample(waterSampler, fragment.world.xz * ripples.x * 4.0).r;
-    color += foam * saturate(1.0 - depth / ripples.w);
+    float foam = foamTexture.Sample(waterSampler, fragment.world.xz * ripples.w).r;
+    color = lerp(color, foamColor.rgb, foam * saturate(1.0 - depth / foamColor.a));
 #endif
     return float4(color, 1.0);
 }

@@ -50,7 +50,7 @@ private:
     void LoadLinks();
     std::uint64_t AnyPage();
     std::uint64_t TakeFree();
-    void QueueFreePages();
+    void Rebuild();
     void Compare();
 
     FuzzedDataProvider& input_;
@@ -58,6 +58,7 @@ private:
 
     std::vector<std::uint64_t> links_;
     std::deque<std::uint64_t> queue_;  // every page once for each time that it became free
+    std::uint64_t highest_ = kHeadPageNumber;
 };
 
 template <typename Action>
@@ -137,6 +138,7 @@ void Runner::Allocate() {
         links_[previous - kHeadPageNumber] = page;
     }
     Require(allocator_->AllocatePage(previous) == page, "the page allocated");
+    highest_ = std::max(highest_, page);
 }
 
 void Runner::Free() {
@@ -158,6 +160,7 @@ void Runner::Mark() {
     }
     page += Number() % kMostMarkedAhead;
     Require(allocator_->MarkPageAllocated(page) == IsFree(page), "marked if it was free");
+    highest_ = std::max(highest_, page);
     while (End() <= page) {
         if (End() < page) {
             queue_.push_back(End());
@@ -212,11 +215,15 @@ Util::RefPtr<PageAllocator> Loaded(const Format::Bytes& state) {
     }
 }
 
-void Runner::QueueFreePages() {
+// What a load makes of the links.
+void Runner::Rebuild() {
     queue_.clear();
+    highest_ = kHeadPageNumber;
     for (std::uint64_t page = kHeadPageNumber; page < End(); ++page) {
         if (IsFree(page)) {
             queue_.push_back(page);
+        } else {
+            highest_ = page;
         }
     }
 }
@@ -232,7 +239,7 @@ void Runner::Reload() {
     Require(static_cast<bool>(loaded) == AreChains(links_), "chains can be loaded");
     if (loaded) {
         allocator_ = loaded;
-        QueueFreePages();
+        Rebuild();
     }
 }
 
@@ -254,7 +261,7 @@ void Runner::LoadLinks() {
     if (loaded) {
         allocator_ = loaded;
         links_ = links;
-        QueueFreePages();
+        Rebuild();
     }
 }
 
@@ -266,6 +273,7 @@ void Runner::Compare() {
         Require(allocator_->IsPageAllocated(page) == (link != kFreePage), "a page's use");
     }
     Require(!allocator_->IsPageAllocated(End()), "nothing behind the table");
+    Require(allocator_->HighestPage() == highest_, "the highest page");
 }
 
 }  // namespace

@@ -487,15 +487,22 @@ void PagedFilePackage::EnterOpenStream(std::uint64_t id, ChildFileStream* stream
     openStreams_.insert(std::move(spareEntry_));
 }
 
-void PagedFilePackage::ForgetOpenStream(std::uint64_t id,
-                                        const Util::RefPtr<IPagedFileSeeker>& seeker) noexcept {
-    constexpr std::uint64_t kMostSparePages = 256;
-    if (seeker && seeker->pageCount <= kMostSparePages) {
-        spareSeeker_ = Util::RefPtr<ChildFileSeeker>(static_cast<ChildFileSeeker*>(seeker.Get()));
-        spareSeeker_->Clear();
-    }
+void PagedFilePackage::ForgetOpenStream(std::uint64_t id) noexcept {
     if (const auto entry = openStreams_.find(id); entry != openStreams_.end()) {
         spareEntry_ = openStreams_.extract(entry);
+    }
+}
+
+void PagedFilePackage::TakeBack(ChildFileSeeker* seeker) noexcept {
+    constexpr std::uint64_t kMostSparePages = 256;
+    if (!seeker || seeker->pageCount > kMostSparePages) {
+        return;
+    }
+    const bool isStreamsAlone = seeker->AddRef() == 2;
+    seeker->Release();
+    if (isStreamsAlone) {
+        seeker->Clear();
+        spareSeeker_ = seeker;
     }
 }
 

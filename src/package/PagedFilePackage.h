@@ -74,8 +74,12 @@ public:
     std::uint64_t CreateDataStream(std::uint64_t size) override;
     bool DeleteDataStream(std::uint64_t id) override;
 
-    // Called by a stream that dies, with the seeker that it had; null when it had none any more.
-    void ForgetOpenStream(std::uint64_t id, const Util::RefPtr<IPagedFileSeeker>& seeker) noexcept;
+    // Called by a stream that dies.
+    void ForgetOpenStream(std::uint64_t id) noexcept;
+
+    // Offered by a stream that dies: its seeker, for the next one, or null. Taken and cleared if
+    // nobody else holds it.
+    void TakeBack(ChildFileSeeker* seeker) noexcept;
 
 protected:
     // Commits what was not committed, if it can, and closes the file.

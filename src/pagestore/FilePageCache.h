@@ -57,7 +57,8 @@ public:
     // The 8192 bytes of a page, pinned. For writing, the file grows to cover the page. Null when
     // the number is not valid or every page kept is pinned. Throws FileIOException when the page
     // can't be read, as beyond the end of the file, or when a page that must leave can't be
-    // written; OutOfMemoryException.
+    // written, or when the file is closed (for writing InvalidParameterException);
+    // OutOfMemoryException and std::bad_alloc without memory for the page and for the index.
     std::uint8_t* GetPageForRead(std::uint64_t page) { return GetPage(page, Access::Read); }
     std::uint8_t* GetPageForWrite(std::uint64_t page) { return GetPage(page, Access::Write); }
 
@@ -71,7 +72,8 @@ public:
     // Whether a page, which must be valid, lies in the file as a whole.
     bool CoversPage(std::uint64_t page) const;
 
-    // Grows the file to cover a page, which must be valid. Throws FileIOException.
+    // Grows the file to cover a page, which must be valid. Throws FileIOException,
+    // InvalidParameterException when the file is closed.
     void EnsurePageInFile(std::uint64_t page);
 
 private:

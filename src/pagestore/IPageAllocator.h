@@ -6,7 +6,7 @@
 
 namespace Quorvel {
 
-// What GetNextPage says of a page without a successor: the last of its chain, and a free one.
+// What GetNextPage says of the last page of a chain, and of a free one.
 constexpr std::uint64_t kEndOfChain = 0;
 constexpr std::uint64_t kFreePage = 1;
 
@@ -19,20 +19,24 @@ class IPageAllocator : public Util::ARefObject {
 public:
     // Takes a free page, or a new one behind all others, and makes it the successor of previous;
     // an invalid previous (0) starts a new chain. Returns the page's number. Throws
-    // InvalidParameterException when previous is unknown, free or has a successor (the page taken
-    // is then lost until the next load), OutOfMemoryException when no number is left.
+    // InvalidParameterException when, with that page taken, previous is unknown, free or has a
+    // successor (the page is then lost until the next load), OutOfMemoryException when no number is
+    // left.
     virtual std::uint64_t AllocatePage(std::uint64_t previous) = 0;
 
     // Makes a page free, also when memory has run out. Chains are freed from their first page
-    // forwards: what comes before the page still names it as its successor.
+    // forwards: what comes before the page still names it as its successor. Throws
+    // InvalidParameterException for an unknown page too.
     virtual void FreePage(std::uint64_t page) = 0;
 
-    // Takes one given page. False if it was in use.
+    // Takes one given page; those before it that were unknown are free then. False if it was in
+    // use.
     virtual bool MarkPageAllocated(std::uint64_t page) = 0;
 
     virtual bool IsPageAllocated(std::uint64_t page) = 0;
 
-    // The page's successor, or kEndOfChain, or kFreePage.
+    // The page's successor, or kEndOfChain, or kFreePage, which is also said of an unknown page.
+    // From a foreign state it may be any other number that no page can have: no successor either.
     virtual std::uint64_t GetNextPage(std::uint64_t page) = 0;
 };
 

@@ -76,13 +76,14 @@ bool PageAllocator::MarkPageAllocated(std::uint64_t page) {
     const std::uint64_t index = IndexOf(page);
     highestPage_ = std::max(highestPage_, page);
     if (!IsKnown(index)) {
-        const std::uint64_t firstMissing = links_.size();
+        std::list<std::uint64_t> missing;
+        for (std::uint64_t between = links_.size(); between < index; ++between) {
+            missing.push_back(between + kHeadPageNumber);
+        }
         previousPages_.resize(index + 1, 0);
         links_.resize(index + 1, kFreePage);
         links_[index] = kEndOfChain;
-        for (std::uint64_t missing = firstMissing; missing < index; ++missing) {
-            freeQueue_.push_back(missing + kHeadPageNumber);
-        }
+        freeQueue_.splice(freeQueue_.end(), missing);
         return true;
     }
     if (links_[index] == kFreePage) {
@@ -137,6 +138,7 @@ void PageAllocator::ReadLinks(const Util::RefPtr<IDataStream>& stream) {
     if (stream->Read(&count, sizeof count) != sizeof count || count > kPageCountLimit) {
         throw FileDataCorruptException();
     }
+    previousPages_.resize(count, 0);
     links_.resize(count);
     const std::uint64_t bytes = count * sizeof(std::uint64_t);
     if (count > 0 && stream->Read(links_.data(), bytes) != bytes) {
@@ -145,7 +147,6 @@ void PageAllocator::ReadLinks(const Util::RefPtr<IDataStream>& stream) {
 }
 
 void PageAllocator::RebuildFromLinks() {
-    previousPages_.assign(links_.size(), 0);
     for (std::uint64_t index = 0; index < links_.size(); ++index) {
         const std::uint64_t page = index + kHeadPageNumber;
         const std::uint64_t link = links_[index];

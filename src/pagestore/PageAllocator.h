@@ -30,7 +30,8 @@ public:
     // Forgets every page.
     void Clear();
 
-    // The largest number of a page that is, or ever was, in use; 10 when there was none.
+    // The largest page number handed out or claimed, and of those in use when the state was loaded;
+    // 10 when there was none.
     std::uint64_t HighestPage() const { return highestPage_; }
 
     // Bytes that SaveState writes.
@@ -52,7 +53,7 @@ private:
     void ReadLinks(const Util::RefPtr<IDataStream>& stream);
     void RebuildFromLinks();
 
-    // The largest page number ever allocated, marked or loaded; 10 when there was none.
+    // See HighestPage.
     std::uint64_t highestPage_;
 
     // Both by page index, and always of one length: each page's predecessor (0 for none), and its

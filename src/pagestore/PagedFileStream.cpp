@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <utility>
 
 #include "quorvel/Exceptions.h"
 
@@ -79,8 +78,7 @@ std::uint64_t PagedFileStream::Transfer(std::uint8_t* buffer, std::uint64_t size
                 break;
             }
             ReleasePages();
-            ++page.pageIndex;
-            page.pageOffset = RangeOf(page.pageIndex).start;
+            page = {page.pageIndex + 1, RangeOf(page.pageIndex + 1).start};
         }
     }
     return transferred;
@@ -109,7 +107,18 @@ bool PagedFileStream::RemoveRange(std::int32_t position, std::int32_t length) {
     }
     while (!IsAtEnd(source)) {
         const std::uint64_t count = std::min(BytesLeftInPage(destination), BytesLeftInPage(source));
-        MoveBytes(destination, source, count);
+        PageRef to(cache_);
+        PageRef from(cache_);
+        if (count != 0) {
+            to.SetWritePage(PageNumberOf(destination.page.pageIndex));
+            from.SetReadPage(PageNumberOf(source.page.pageIndex));
+        }
+        if (!to.Data() || !from.Data()) {
+            throw FileDataCorruptException();
+        }
+        // Both may be the same page.
+        std::memmove(to.Data() + destination.page.pageOffset, from.Data() + source.page.pageOffset,
+                     count);
         const auto step = static_cast<std::int32_t>(count);
         if (!ComputeTarget(destination, destination, kSeekFromCurrent, step) ||
             !ComputeTarget(source, source, kSeekFromCurrent, step)) {
@@ -117,22 +126,6 @@ bool PagedFileStream::RemoveRange(std::int32_t position, std::int32_t length) {
         }
     }
     return Seek(kSeekFromStart, position);
-}
-
-// Both places may lie in one page.
-void PagedFileStream::MoveBytes(const Position& destination, const Position& source,
-                                std::uint64_t count) {
-    PageRef to(cache_);
-    PageRef from(cache_);
-    if (count != 0) {
-        to.SetWritePage(PageNumberOf(destination.page.pageIndex));
-        from.SetReadPage(PageNumberOf(source.page.pageIndex));
-    }
-    if (!to.Data() || !from.Data()) {
-        throw FileDataCorruptException();
-    }
-    std::memmove(to.Data() + destination.page.pageOffset, from.Data() + source.page.pageOffset,
-                 count);
 }
 
 void PagedFileStream::ReleasePages() {
@@ -152,13 +145,9 @@ void PagedFileStream::MoveTo(const Util::RefPtr<IPagedFileSeeker>& seeker) {
 }
 
 void PagedFileStream::Detach() {
-    TakeSeeker();
-}
-
-Util::RefPtr<IPagedFileSeeker> PagedFileStream::TakeSeeker() {
     ReleasePages();
+    seeker_.Reset();
     position_ = {};
-    return std::exchange(seeker_, {});
 }
 
 // The seeker is not asked when the position does not change.

@@ -26,8 +26,8 @@ public:
     std::uint64_t Write(const void* buffer, std::uint64_t size) override;
 
     // Moves every byte behind position + length down to position, and seeks to position. The size
-    // stays; the last length bytes are then stale. False when either end lies outside the stream.
-    // Throws FileDataCorruptException when a page can't be pinned.
+    // stays; the last length bytes are then stale. False for a negative length, and when either end
+    // lies outside the stream. Throws FileDataCorruptException when a page can't be pinned.
     bool RemoveRange(std::int32_t position, std::int32_t length);
 
     // Unpins both pages; the next access pins again.
@@ -43,8 +43,8 @@ public:
 protected:
     ~PagedFileStream() override;
 
-    // Detaches, and returns the seeker.
-    Util::RefPtr<IPagedFileSeeker> TakeSeeker();
+    // The seeker; null once detached.
+    IPagedFileSeeker* Seeker() const { return seeker_.Get(); }
 
 private:
     struct Position {
@@ -65,7 +65,6 @@ private:
     std::uint64_t PageNumberOf(std::uint64_t pageIndex);
     std::uint64_t BytesLeftInPage(const Position& position);
     bool IsAtEnd(const Position& position);
-    void MoveBytes(const Position& destination, const Position& source, std::uint64_t count);
 
     FilePageCache* cache_;
     Util::RefPtr<IPagedFileSeeker> seeker_;

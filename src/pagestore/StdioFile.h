@@ -14,7 +14,8 @@ public:
     StdioFile& operator=(const StdioFile&) = delete;
     ~StdioFile() { Close(); }
 
-    // Closes the open file, if any, and opens path. Returns 0, or the runtime's error number.
+    // Closes the open file, if any, and opens path. Returns 0, or the runtime's error number
+    // (EIO when it gave none).
     int Open(const char* path, const char* mode);
 
     void Close();

@@ -86,7 +86,8 @@ bool BaseHeadFileSeeker::CreateHeadFile(const std::uint64_t* pages, const std::u
     Clear();
     byteSize = newByteSize;
     pageCount = newPageCount;
-    if (pageCount == 0) {  // the last guard of page 0's table entries, whatever was checked above
+    // Checked above already; a second guard of page 0's entries in the tables.
+    if (pageCount == 0) {
         throw InvalidParameterException();
     }
     SizeTables();

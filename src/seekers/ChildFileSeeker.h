@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -17,6 +18,9 @@ struct ChildFileExtent {
     std::uint64_t wholePageCount;
 };
 static_assert(sizeof(ChildFileExtent) == 32);
+static_assert(offsetof(ChildFileExtent, byteSize) == 8);
+static_assert(offsetof(ChildFileExtent, firstPage) == 16);
+static_assert(offsetof(ChildFileExtent, wholePageCount) == 24);
 
 // Where a stream's bytes behind its whole pages lie.
 struct ChildFileTail {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <random>
 #include <utility>
 
 #include "package/PagedFilePackage.h"
@@ -34,8 +35,9 @@ protected:
 
     static Bytes ReadAll(IDataStream& stream) {
         EXPECT_TRUE(stream.Seek(kSeekFromStart, 0));
-        Bytes bytes(stream.GetSize());
-        EXPECT_EQ(stream.Read(bytes.data(), bytes.size() + 1), bytes.size());
+        Bytes bytes(stream.GetSize() + 1);
+        bytes.resize(stream.Read(bytes.data(), bytes.size()));
+        EXPECT_EQ(bytes.size(), stream.GetSize());
         return bytes;
     }
 
@@ -112,10 +114,77 @@ TEST_F(ChildFileStreamTest, ReadsAndWritesAsAPagedFileStreamOverTheSameSeeker) {
     }
 }
 
-TEST_F(ChildFileStreamTest, CantBeMadeWithoutASeeker) {
+TEST_F(ChildFileStreamTest, NeedsASeekerThatHasAStart) {
     FilePageCache cache(directory_.File("pages").c_str(), 8);
-    EXPECT_THROW(Util::RefPtr<IDataStream>(new ChildFileStream(nullptr, 0, &cache, {})),
-                 InvalidParameterException);
+    for (const Util::RefPtr<ChildFileSeeker>& seeker :
+         {Util::RefPtr<ChildFileSeeker>(), Util::RefPtr<ChildFileSeeker>(new ChildFileSeeker)}) {
+        EXPECT_THROW(Util::RefPtr<IDataStream>(new ChildFileStream(nullptr, 0, &cache, seeker)),
+                     InvalidParameterException);
+    }
+}
+
+// A child file of two whole pages and a tail that lies across a page end, with a stream of each
+// class over it.
+class TwoStreamsTest : public ChildFileStreamTest {
+protected:
+    TwoStreamsTest() : cache_(directory_.File("pages").c_str(), 16) {
+        for (const std::uint64_t previous : {0, 10, 0, 12}) {
+            allocator_->AllocatePage(previous);
+        }
+        cache_.EnsurePageInFile(13);
+        seeker_->Attach(allocator_, {7, kSize, 10, 2}, {12, 13, 8000, 500});
+        child_ = new ChildFileStream(package_.Get(), 7, &cache_, seeker_);
+        plain_ = new PagedFileStream(&cache_, seeker_);
+    }
+
+    FilePageCache cache_;
+    const Util::RefPtr<PageAllocator> allocator_{new PageAllocator};
+    const Util::RefPtr<ChildFileSeeker> seeker_{new ChildFileSeeker};
+    Util::RefPtr<ChildFileStream> child_;
+    Util::RefPtr<PagedFileStream> plain_;
+};
+
+TEST_F(TwoStreamsTest, ReadWriteAndSeekAlikeThroughARandomHistory) {
+    std::minstd_rand random(1);
+    const auto below = [&random](std::uint32_t limit) {
+        return static_cast<std::uint32_t>(random() % limit);
+    };
+    for (std::uint64_t step = 0; step < 2000; ++step) {
+        const std::uint32_t origin = below(3);
+        const auto offset = static_cast<std::int32_t>(below(60000)) - 30000;
+        EXPECT_EQ(child_->Seek(origin, offset), plain_->Seek(origin, offset));
+        const std::uint32_t size = below(9000);
+        if (below(4) == 0) {
+            const Bytes written = PatternBytes(size, step);
+            EXPECT_EQ(child_->Write(written.data(), size), plain_->Write(written.data(), size));
+        } else {
+            Bytes read(size);
+            Bytes expected(size);
+            EXPECT_EQ(child_->Read(read.data(), size), plain_->Read(expected.data(), size));
+            EXPECT_TRUE(read == expected);
+        }
+        ASSERT_EQ(child_->GetPosition(), plain_->GetPosition());
+        ASSERT_FALSE(HasFailure()) << "in step " << step;
+    }
+}
+
+TEST_F(TwoStreamsTest, ASeekerThatAnotherHoldsIsLeftToItWhenTheChildDies) {
+    const Bytes content = PatternBytes(kSize);
+    ASSERT_EQ(plain_->Write(content.data(), kSize), kSize);
+    child_.Reset();
+    EXPECT_EQ(ReadAll(*plain_), content);
+    EXPECT_EQ(seeker_->pageCount, 4u);
+}
+
+TEST_F(ChildFileStreamTest, LeavesItsSeekerToTheNextStream) {
+    const Bytes small = PatternBytes(300, 1);
+    const Bytes large = PatternBytes(kSize, 2);
+    const std::uint64_t first = CreateStream(small);
+    const std::uint64_t second = CreateStream(large);
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_EQ(ReadAll(*package_->OpenDataStream(first)), small);
+        EXPECT_EQ(ReadAll(*package_->OpenDataStream(second)), large);
+    }
 }
 
 TEST_F(ChildFileStreamTest, HasNoBytesOnceItLeftItsPackage) {
@@ -123,7 +192,7 @@ TEST_F(ChildFileStreamTest, HasNoBytesOnceItLeftItsPackage) {
     const Util::RefPtr<IDataStream> stream = package_->OpenDataStream(id);
     std::uint8_t byte;
     ASSERT_EQ(stream->Read(&byte, 1), 1u);
-    package_->ForgetOpenStream(id, {});
+    package_->ForgetOpenStream(id);
     static_cast<ChildFileStream&>(*stream).LeavePackage();
     ExpectNoBytes(*stream);
 }
@@ -131,7 +200,7 @@ TEST_F(ChildFileStreamTest, HasNoBytesOnceItLeftItsPackage) {
 TEST_F(ChildFileStreamTest, ThatLeftItsPackageDiesWithoutTellingIt) {
     const std::uint64_t id = CreateStream(PatternBytes(kSize));
     Util::RefPtr<IDataStream> former = package_->OpenDataStream(id);
-    package_->ForgetOpenStream(id, {});
+    package_->ForgetOpenStream(id);
     static_cast<ChildFileStream&>(*former).LeavePackage();
     const Util::RefPtr<IDataStream> current = package_->OpenDataStream(id);
     former.Reset();

@@ -90,6 +90,7 @@ TEST_F(FilePageCacheTest, OpeningAMissingFileCreatesItEmpty) {
 
 TEST_F(FilePageCacheTest, ReadingAPageOfAnEmptyFileThrowsFileIOWithoutAnErrorNumber) {
     FilePageCache cache(path_.c_str(), 4);
+    errno = EBUSY;  // left by somebody else
     EXPECT_EQ(FileErrorOf([&] { cache.GetPageForRead(10); }), 0);
 }
 
@@ -448,6 +449,9 @@ TEST_F(FilePageCacheTest, AReleaseTooManyMakesThePinCountNegativeAndThePageStays
     cache.ReleasePageForRead(10);
     cache.ReleasePageForWrite(10);
     EXPECT_EQ(RecordOf(data).pinCount, -1);
+    cache.ReleasePageForRead(10);
+    EXPECT_EQ(RecordOf(data).pinCount, -2);
+    EXPECT_EQ(cache.GetPageForRead(10), data);
     EXPECT_NE(cache.GetPageForRead(11), nullptr);
 }
 
@@ -757,7 +761,7 @@ TEST_F(FilePageCacheTest, DiscardAllOfAnEmptyCacheDoesNothing) {
     EXPECT_NE(cache.GetPageForRead(10), nullptr);
 }
 
-// ---- Making the file cover a page ---------------------------------------------------------------
+// ---- Writing one page ---------------------------------------------------------------------------
 
 TEST_F(FilePageCacheTest, WritePagePutsAResidentPageIntoTheFileAndKeepsIt) {
     FilePageCache cache(path_.c_str(), 4);
@@ -778,6 +782,19 @@ TEST_F(FilePageCacheTest, WritePageThrowsWhenThePageCanNotBeWritten) {
     Fill(cache, 10);
     const StdioFault fault(StdioCall::Write, ENOSPC);
     EXPECT_THROW(cache.WritePage(10), FileIOException);
+}
+
+// ---- Making the file cover a page ---------------------------------------------------------------
+
+TEST_F(FilePageCacheTest, CoversThePagesThatLieWhollyInTheFile) {
+    MakeZeroFile(2);
+    FilePageCache cache(path_.c_str(), 4);
+    EXPECT_TRUE(cache.CoversPage(10));
+    EXPECT_TRUE(cache.CoversPage(11));
+    EXPECT_FALSE(cache.CoversPage(12));
+    cache.EnsurePageInFile(12);
+    EXPECT_TRUE(cache.CoversPage(12));
+    EXPECT_FALSE(cache.CoversPage(13));
 }
 
 TEST_F(FilePageCacheTest, EnsurePageInFileGrowsTheFileToTheEndOfThePageWithoutLoadingIt) {
@@ -894,17 +911,6 @@ TEST_F(FilePageCacheTest, KeepsItsStateInOneFixedOrder) {
     EXPECT_EQ(fields.residentCount, 0u);
     EXPECT_EQ(fields.mostRecent, nullptr);
     EXPECT_EQ(fields.leastRecent, nullptr);
-}
-
-TEST_F(FilePageCacheTest, CoversThePagesThatLieWhollyInTheFile) {
-    MakeZeroFile(2);
-    FilePageCache cache(path_.c_str(), 4);
-    EXPECT_TRUE(cache.CoversPage(10));
-    EXPECT_TRUE(cache.CoversPage(11));
-    EXPECT_FALSE(cache.CoversPage(12));
-    cache.EnsurePageInFile(12);
-    EXPECT_TRUE(cache.CoversPage(12));
-    EXPECT_FALSE(cache.CoversPage(13));
 }
 
 // Nothing sets the capacity to 0; the guard is there for the subtraction behind it.

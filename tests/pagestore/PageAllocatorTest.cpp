@@ -150,6 +150,31 @@ TEST_F(PageAllocatorTest, ARefusedPreviousPageCostsThePageThatWasTakenForIt) {
     EXPECT_EQ(allocator_.AllocatePage(0), 15u);
 }
 
+TEST_F(PageAllocatorTest, ARefusedPreviousPageIsNotNamedAsThePredecessorOfAPageUsedAgain) {
+    AllocateChain(allocator_, 2);
+    allocator_.MarkPageAllocated(13);  // 12 is free now
+    EXPECT_THROW(allocator_.AllocatePage(10), InvalidParameterException);
+    EXPECT_THAT(FieldsOf(allocator_).previousPages, ElementsAre(0, 10, 0, 0));
+    EXPECT_THROW(allocator_.AllocatePage(10), InvalidParameterException);  // a new page
+    EXPECT_THAT(FieldsOf(allocator_).previousPages, ElementsAre(0, 10, 0, 0, 10));
+}
+
+TEST_F(PageAllocatorTest, APreviousPageWhoseLinkIsNoPageNumberIsRefused) {
+    Load(allocator_, StateOf({2, 0x100000}));
+    EXPECT_THROW(allocator_.AllocatePage(10), InvalidParameterException);
+    EXPECT_THROW(allocator_.AllocatePage(11), InvalidParameterException);
+}
+
+// Nobody asks for it; a page that is taken is in use, and without a successor, before it is linked.
+TEST_F(PageAllocatorTest, ThePageTakenMayBeTheOneNamedAsPrevious) {
+    EXPECT_EQ(allocator_.AllocatePage(10), 10u);
+    EXPECT_EQ(allocator_.GetNextPage(10), 10u);
+    AllocateChain(allocator_, 2);
+    allocator_.FreePage(11);
+    EXPECT_EQ(allocator_.AllocatePage(11), 11u);
+    EXPECT_EQ(allocator_.GetNextPage(11), 11u);
+}
+
 TEST_F(PageAllocatorTest, ThePageThatWasFreedFirstIsUsedFirst) {
     AllocateChain(allocator_, 4);
     allocator_.FreePage(12);
@@ -164,6 +189,22 @@ TEST_F(PageAllocatorTest, TheHighestPageStaysWhenALowerOneIsUsedAgain) {
     allocator_.FreePage(10);
     allocator_.AllocatePage(0);
     EXPECT_EQ(FieldsOf(allocator_).highestPage, 13u);
+}
+
+TEST_F(PageAllocatorTest, TheHighestPageRisesWithAFreePageThatIsTakenOrMarked) {
+    Load(allocator_, StateOf({0, 0, 1, 1, 1}));
+    EXPECT_EQ(allocator_.AllocatePage(0), 12u);
+    EXPECT_EQ(allocator_.HighestPage(), 12u);
+    EXPECT_TRUE(allocator_.MarkPageAllocated(14));
+    EXPECT_EQ(allocator_.HighestPage(), 14u);
+}
+
+TEST_F(PageAllocatorTest, TheHighestPageRisesAlsoWhenAPageIsInUseAlready) {
+    AllocateChain(allocator_, 2);
+    EXPECT_THROW(allocator_.AllocatePage(10), InvalidParameterException);  // 12 is lost
+    EXPECT_EQ(allocator_.HighestPage(), 11u);
+    EXPECT_FALSE(allocator_.MarkPageAllocated(12));
+    EXPECT_EQ(allocator_.HighestPage(), 12u);
 }
 
 TEST_F(PageAllocatorTest, WithoutANumberLeftItThrowsOutOfMemory) {
@@ -209,6 +250,7 @@ TEST_F(PageAllocatorTest, APageFreedTwiceIsGivenOutOnce) {
     AllocateChain(allocator_, 2);
     allocator_.FreePage(10);
     allocator_.FreePage(10);
+    EXPECT_THAT(FieldsOf(allocator_).freeQueue, ElementsAre(10, 10));
     EXPECT_EQ(allocator_.AllocatePage(0), 10u);
     EXPECT_EQ(allocator_.AllocatePage(0), 12u);
 }
@@ -486,6 +528,19 @@ TEST_F(PageAllocatorTest, OnlyWhatCanBeReadDecidesWhetherTheStateIsWhole) {
     EXPECT_EQ(allocator_.GetNextPage(10), 11u);
 }
 
+TEST_F(PageAllocatorTest, AStateThatCantBeReadLeavesNothingOfTheOneBefore) {
+    AllocateChain(allocator_, 3);
+    EXPECT_THROW(Load(allocator_, {}), FileDataCorruptException);
+    EXPECT_EQ(allocator_.GetStateSize(), 8u);
+    EXPECT_EQ(allocator_.HighestPage(), 10u);
+}
+
+TEST_F(PageAllocatorTest, TheTablesAreOfOneLengthAlsoAfterAShortRead) {
+    EXPECT_THROW(Load(allocator_, Slice(StateOf({11, 12, 0}), 0, 16)), FileDataCorruptException);
+    EXPECT_EQ(FieldsOf(allocator_).links.size(), 3u);
+    EXPECT_EQ(FieldsOf(allocator_).previousPages.size(), 3u);
+}
+
 TEST_F(PageAllocatorTest, AStreamThatEndsEarlyIsCorrupt) {
     const Bytes state = StateOf({11, 12, 0});
     for (const std::uint64_t length : Numbers{0, 7, 8, 16, 31}) {
@@ -514,12 +569,18 @@ TEST_F(PageAllocatorTest, ALinkThatIsNoPageNumberMeansInUseWithoutSuccessor) {
     EXPECT_TRUE(Load(allocator_, StateOf({2, 9, 9, 0x100000, 0x100000, ~std::uint64_t{0}})));
     for (const std::uint64_t page : Numbers{10, 11, 12, 13, 14, 15}) {
         EXPECT_TRUE(allocator_.IsPageAllocated(page));
-        EXPECT_FALSE(IsValidPageNumber(allocator_.GetNextPage(page)));
     }
+    EXPECT_EQ(allocator_.GetNextPage(10), 2u);
+    EXPECT_EQ(allocator_.GetNextPage(13), 0x100000u);
     EXPECT_THAT(FieldsOf(allocator_).previousPages, ElementsAre(0, 0, 0, 0, 0, 0));
     EXPECT_EQ(FieldsOf(allocator_).highestPage, 15u);
     allocator_.FreePage(10);
     EXPECT_EQ(allocator_.AllocatePage(0), 10u);
+}
+
+TEST_F(PageAllocatorTest, APageMayFollowItself) {
+    EXPECT_TRUE(Load(allocator_, StateOf({10})));
+    EXPECT_EQ(allocator_.GetNextPage(10), 10u);
 }
 
 TEST_F(PageAllocatorTest, AFreePageMayBeNamedAsASuccessor) {

@@ -129,6 +129,13 @@ TEST_F(PageRefTest, HoldsNothingAfterTheCacheThrew) {
     EXPECT_TRUE(NothingIsPinned());
 }
 
+TEST_F(PageRefTest, RecordsTheNumberAlsoOfAPageThatItDoesNotGet) {
+    PageRef page(&cache_);
+    page.SetReadPage(0x100000);
+    EXPECT_EQ(page.Data(), nullptr);
+    EXPECT_EQ(FieldAt<std::uint64_t>(&page, 16), 0x100000u);
+}
+
 TEST_F(PageRefTest, KeepsCacheDataAndNumberInThisOrder) {
     static_assert(sizeof(PageRef) == 24);
     PageRef page(&cache_);

@@ -5,6 +5,8 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <filesystem>
+#include <functional>
 #include <limits>
 #include <type_traits>
 #include <utility>
@@ -407,6 +409,24 @@ TEST_F(PagedFileStreamTest, ReadingAndWritingPinThePageSeparately) {
     EXPECT_EQ(FreePins(), 4);
 }
 
+TEST_F(PagedFileStreamTest, ReadingOverAPageEndLetsGoOfThePageWrittenToo) {
+    const Bytes written = {1, 2};
+    ASSERT_EQ(stream_->Write(&written[0], 1), 1u);
+    Read(999);
+    EXPECT_EQ(FreePins(), 4);
+    ASSERT_EQ(stream_->Write(&written[1], 1), 1u);
+    content_[0] = 1;
+    content_[1000] = 2;
+    EXPECT_EQ(ReadAll(), content_);
+}
+
+TEST_F(PagedFileStreamTest, WritingOverAPageEndLetsGoOfThePageReadToo) {
+    Read(1);
+    ASSERT_EQ(stream_->Write(&content_[1], 999), 999u);
+    EXPECT_EQ(FreePins(), 4);
+    EXPECT_EQ(Read(1), Slice(content_, 1000, 1));
+}
+
 TEST_F(PagedFileStreamTest, ReleasedPagesArePinnedAgainByTheNextAccess) {
     Read(10);
     stream_->ReleasePages();
@@ -551,6 +571,53 @@ TEST_F(PagedFileStreamTest, RemoveRangeThatCantPinItsDestinationThrowsCorrupt) {
     OpenStream({kFirst, kSecond});
     ASSERT_NE(cache_.GetPageForRead(19), nullptr);
     EXPECT_THROW(stream_->RemoveRange(0, 10), FileDataCorruptException);
+}
+
+TEST_F(PagedFileStreamTest, RemoveRangeKeepsTheStreamsOwnPins) {
+    Read(1);
+    ASSERT_EQ(FreePins(), 3);
+    ASSERT_TRUE(stream_->RemoveRange(500, 8592));  // its source is another page
+    EXPECT_EQ(FreePins(), 3);
+}
+
+TEST_F(PagedFileStreamTest, RemoveRangePinsItsSourceForReadingAndItsDestinationForWriting) {
+    constexpr ListSeeker::Entry kBeyond = {25, {0, 8192}};
+    OpenStream({kFirst, kBeyond});
+    const auto size = std::filesystem::file_size(path_);
+    EXPECT_THROW(stream_->RemoveRange(0, 1000), FileIOException);
+    EXPECT_EQ(std::filesystem::file_size(path_), size);
+    OpenStream({kBeyond, kFirst});
+    EXPECT_TRUE(stream_->RemoveRange(0, 8192));
+    EXPECT_EQ(std::filesystem::file_size(path_), 16 * kPageSize);
+}
+
+// Notes what the cache can still pin while it moves a position.
+class PinWatchingSeeker : public ListSeeker {
+public:
+    using ListSeeker::ListSeeker;
+
+    bool MovePosition(std::uint64_t& pageIndex, std::uint64_t& pageOffset, const PagePosition& from,
+                      std::uint32_t distance) override {
+        freePins.push_back(watch());
+        return ListSeeker::MovePosition(pageIndex, pageOffset, from, distance);
+    }
+
+    std::function<int()> watch;
+    std::vector<int> freePins;
+};
+
+TEST_F(PagedFileStreamTest, RemoveRangeHoldsBothPagesWhileItAdvances) {
+    const Util::RefPtr<PinWatchingSeeker> seeker(new PinWatchingSeeker({kFirst, kThird}));
+    seeker->watch = [this] { return FreePins(); };
+    stream_ = new PagedFileStream(&cache_, seeker);
+    ASSERT_TRUE(stream_->RemoveRange(0, 1000));
+    EXPECT_THAT(seeker->freePins, ElementsAre(4, 2, 2));
+}
+
+TEST_F(PagedFileStreamTest, RemoveRangeEndsInTheLastPageOnly) {
+    const Util::RefPtr<IPagedFileSeeker> seeker(new FixedSeeker({kFirst, kSecond}, {0, 8192}));
+    stream_ = new PagedFileStream(&cache_, seeker);
+    EXPECT_THROW(stream_->RemoveRange(0, 0), FileDataCorruptException);
 }
 
 TEST_F(PagedFileStreamTest, RemoveRangeWithinOnePageNeedsRoomForOne) {

@@ -555,6 +555,15 @@ TEST_F(OpenHeadFileTest, OfAnUnacceptableFileForgetsTheOneBefore) {
     EXPECT_EQ(PlaceOf(*reader_, 0), kNowhere);
 }
 
+TEST_F(OpenHeadFileTest, ThatCantReadTheFirstPageForgetsTheFileBeforeToo) {
+    WriteHeaders({10, 11}, kFirst + 9, 25);
+    ASSERT_TRUE(reader_->OpenHeadFile());
+    ASSERT_NE(cache_.GetPageForRead(12), nullptr);
+    EXPECT_THROW(reader_->OpenHeadFile(), FileDataCorruptException);
+    ExpectNew(*reader_);
+    EXPECT_EQ(PlaceOf(*reader_, 0), kNowhere);
+}
+
 namespace {
 
 class JudgingSeeker : public HeadFileSeeker {

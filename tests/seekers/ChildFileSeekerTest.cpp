@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstddef>
 #include <limits>
 #include <map>
@@ -374,6 +375,9 @@ TEST_F(ChildFileSeekerTest, PageToPositionRefusesAPageBehindTheOneBehindTheLast)
     Attach(2, {40, 0, 100, 50});
     EXPECT_THROW(seeker_->PageToPosition(4, 0), InvalidParameterException);
     EXPECT_EQ(seeker_->PageToPosition(3, 0), 16434u);
+    Attach(2, {40, 41, 8000, 500});
+    EXPECT_THROW(seeker_->PageToPosition(5, 0), InvalidParameterException);
+    EXPECT_EQ(seeker_->PageToPosition(4, 0), 16384u + 308u);  // counts the entry before it alone
     Attach(2, kNoTail);
     EXPECT_THROW(seeker_->PageToPosition(3, 0), InvalidParameterException);
     EXPECT_EQ(seeker_->PageToPosition(2, 0), 16384u);
@@ -416,6 +420,8 @@ TEST_F(ChildFileSeekerTest, MovingFromThePageBehindTheLastStartsAtTheEnd) {
     Attach(2, {40, 0, 100, 50});
     EXPECT_EQ(Moved(*seeker_, {3, 0}, 0), PlaceAt(16434));
     EXPECT_EQ(Moved(*seeker_, {3, 0}, static_cast<std::uint32_t>(-50)), PlaceAt(16384));
+    Attach(2, {40, 41, 8000, 500});
+    EXPECT_EQ(Moved(*seeker_, {4, 0}, 0), PlaceAt(16384 + 308));
     Attach(2, kNoTail);
     EXPECT_EQ(Moved(*seeker_, {2, 0}, 0), (Place{true, 1, 8192}));
     EXPECT_EQ(Moved(*seeker_, {2, 5}, 0), kNowhere);
@@ -479,6 +485,16 @@ TEST_F(ChildFileSeekerTest, IsEmptyAfterClear) {
     EXPECT_EQ(PlaceAt(0), kNowhere);
     EXPECT_EQ(PlaceAt(1), kNowhere);
     EXPECT_EQ(Moved(*seeker_, {0, 0}, 0), kNowhere);
+    // Entries of the tail, extent and tail.
+    EXPECT_EQ((FieldAt<std::array<std::uint64_t, 9>>(seeker_.Get(), 56)),
+              (std::array<std::uint64_t, 9>{}));
+}
+
+TEST_F(ChildFileSeekerTest, AFailedAttachLeavesNothingOfTheFileBefore) {
+    Attach(2, {40, 41, 8000, 500});
+    ExpectCorrupt({7, 8192, 0, 1}, kNoTail);
+    EXPECT_EQ(seeker_->pageNumbers, nullptr);
+    EXPECT_EQ(seeker_->pageRanges, nullptr);
 }
 
 // ---- Layout -------------------------------------------------------------------------------------

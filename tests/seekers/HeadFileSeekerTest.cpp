@@ -169,6 +169,16 @@ TEST_F(HeadFileSeekerTest, WithoutAPageFromTheCacheThrowsCorrupt) {
     EXPECT_THROW(seeker_->LoadPageInfo(1), FileDataCorruptException);
 }
 
+TEST_F(HeadFileSeekerTest, KeepsWhatItHadRecordedWhenAPageFails) {
+    WriteHeaders({10, 11}, kFirst + 5, 21);
+    ASSERT_TRUE(seeker_->OpenHeadFile());
+    ASSERT_NE(cache_.GetPageForRead(12), nullptr);
+    EXPECT_THROW(seeker_->LoadPageInfo(1), FileDataCorruptException);
+    EXPECT_EQ(KnownNumbers(), (Numbers{10, 11}));
+    seeker_->LoadPageInfo(1);  // known, so the page is not asked for again
+    EXPECT_EQ(seeker_->pageRanges[1].end, 0u);
+}
+
 TEST_F(HeadFileSeekerTest, PassesTheErrorsOfTheCacheOn) {
     WriteHeaders({10, 11}, kFirst + 5, 21);
     SetWord(10, 16, 500);  // beyond the end of the file

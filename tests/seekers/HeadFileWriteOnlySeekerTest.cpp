@@ -152,6 +152,17 @@ TEST_F(HeadFileWriteOnlySeekerTest, WithoutAPageFromTheCacheThrowsCorrupt) {
     EXPECT_EQ(HeaderOf(14).front(), 12);
 }
 
+TEST_F(HeadFileWriteOnlySeekerTest, AHeaderWrittenBeforeAFailureIsNotWrittenAgain) {
+    const Numbers pages = {10, 11, 9};  // the last is no page
+    const Numbers nextPages = {11, 9, 0};
+    ASSERT_TRUE(seeker_->CreateHeadFile(pages.data(), nextPages.data(), 3, kFirst + kLater + 5));
+    EXPECT_THROW(seeker_->LoadPageInfo(2), FileDataCorruptException);
+    const StdioCounts before = CountStdioCalls();
+    cache_.DiscardAll();
+    seeker_->LoadPageInfo(1);
+    EXPECT_EQ(CountStdioCalls().reads, before.reads);
+}
+
 TEST_F(HeadFileWriteOnlySeekerTest, APageWhoseNumberIsNotValidThrowsCorrupt) {
     const Numbers pages = {10, 9};
     const Numbers nextPages = {9, 0};

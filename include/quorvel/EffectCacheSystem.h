@@ -15,6 +15,9 @@ class EffectCacheImpl;
 // "vornFxoCache.dat" in a cache directory, and shared with every process that opens the same
 // directory. Made with new and held through a Util::RefPtr.
 //
+// Processes find each other by the text of the path. All of them must spell the directory alike,
+// best as an absolute path without links: two that spell it in two ways damage each other's file.
+//
 // A cache whose file can't be used is inert: it ignores new effects and finds none. IsEnabled
 // tells. Nothing but a new EffectCacheSystem brings it back. No operation throws.
 //

@@ -15,8 +15,9 @@ constexpr std::uint32_t kSeekFromEnd = 2;
 // The bytes of one stream of a package. A stream has the size it was created with: reading and
 // writing stop at its end. Positions are signed 32-bit numbers, so a stream is at most 2 GiB - 1.
 //
-// A stream must not be used after its package was released; it then reads and writes nothing.
-// Read and Write throw FileIOException when the package file can't be read or written.
+// A stream that outlives its package has no bytes any more. Read and Write throw FileIOException
+// when the package file can't be read or written, OutOfMemoryException or std::bad_alloc without
+// memory for a page.
 class QUORVEL_API IDataStream : public Util::ARefObject {
 public:
     IDataStream();

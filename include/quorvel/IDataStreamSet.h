@@ -17,8 +17,9 @@ constexpr std::uint64_t kInvalidStreamId = ~std::uint64_t{0};
 // release of the last reference, makes them the state that the file holds.
 //
 // Operations throw FileIOException when the file can't be read or written,
-// FileDataCorruptException or InvalidParameterException when what it holds is inconsistent, and
-// OutOfMemoryException when the file can hold no more pages, except where stated.
+// FileDataCorruptException or InvalidParameterException when what it holds is inconsistent,
+// OutOfMemoryException when the file can hold no more pages or there is no memory for one, and
+// std::bad_alloc, except where stated.
 class QUORVEL_API IDataStreamSet : public Util::ARefObject {
 public:
     IDataStreamSet();

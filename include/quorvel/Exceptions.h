@@ -35,20 +35,21 @@ public:
     InvalidParameterException(const InvalidParameterException&) = default;
 };
 
-// Memory for pages ran out, or the package has no page number left.
+// Memory for pages or for a shared block's mutex ran out, or the package has no page number left.
 class QUORVEL_ERROR OutOfMemoryException : public std::exception {
 public:
     OutOfMemoryException() = default;
     OutOfMemoryException(const OutOfMemoryException&) = default;
 };
 
-// A call of the operating system failed while a named mutex or a shared block was made.
+// A call of the operating system failed while a named mutex or a shared block was made, or the last
+// holder of the block's mutex had ended without releasing it.
 class QUORVEL_ERROR Win32APICallFailedException : public std::exception {
 public:
     explicit Win32APICallFailedException(std::uint32_t code) : errorCode(code) {}
     Win32APICallFailedException(const Win32APICallFailedException&) = default;
 
-    // The system's error code of the failed call.
+    // The system's error code of the failed call; without one, whatever the code was.
     std::uint32_t errorCode;
 };
 

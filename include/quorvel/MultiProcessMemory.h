@@ -9,9 +9,10 @@ namespace Quorvel {
 
 class MutexObject;
 
-// A named block of memory that every process of one user sees which opens the same name, with a
-// named mutex of its own to guard it. A subclass learns, under that mutex, whether it got a fresh
-// block to fill or one that others have filled. The block lives as long as anybody has it open.
+// A named block of memory that every process sees which opens the same name (on POSIX every one of
+// the same user), with a named mutex of its own to guard it. A subclass learns, under that mutex,
+// whether it got a fresh block to fill or one that others have filled. The block lives as long as
+// anybody has it open.
 class QUORVEL_API MultiProcessMemory : public VornHeapOperators {
 public:
     // No block yet.

@@ -24,8 +24,8 @@ public:
     ~MultiProcessTimeStamp() override;
 
     // Opens the stamp of that name, or makes it. What the resource is like now counts as seen.
-    // Returns true; throws as MultiProcessMemory::Initialize does. The two operations below do
-    // nothing before.
+    // Returns true; throws as MultiProcessMemory::Initialize does. Before, nobody learns of an
+    // update and nothing has changed.
     bool Initialize(const char* name);
 
     // Announces a change of the resource. This object does not see it as one.

@@ -15,9 +15,9 @@ constexpr std::uint32_t kWaitTimedOut = 258;
 // The time-out that waits for ever.
 constexpr std::uint32_t kWaitForever = 0xFFFFFFFF;
 
-// A mutex of the operating system, shared by all processes of one user that open the same name. It
-// lives as long as anybody has it open. The thread that holds it may acquire it again; each
-// acquisition wants its own release.
+// A mutex of the operating system, shared by all processes that open the same name; on POSIX, by
+// those of one user. It lives as long as anybody has it open. The thread that holds it may acquire
+// it again; each acquisition wants its own release.
 class QUORVEL_API MutexObject : public VornHeapOperators {
 public:
     // No mutex: Acquire returns kWaitAbandoned at once.
@@ -31,7 +31,8 @@ public:
     MutexObject(const MutexObject&) = delete;
     MutexObject& operator=(const MutexObject&) = delete;
 
-    // Closes the mutex. Whoever still holds it through this object must release it before.
+    // Closes the mutex. A thread that still holds it goes on holding it, as long as it lives and
+    // somebody else has the mutex open.
     ~MutexObject();
 
     // Waits up to timeout milliseconds for the mutex. Returns kWaitAcquired; kWaitTimedOut when it

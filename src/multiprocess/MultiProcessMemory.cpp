@@ -33,9 +33,9 @@ void MultiProcessMemory::Close() noexcept {
 
 bool MultiProcessMemory::Initialize(const char* name, std::uint64_t bytes) {
     Close();
-    const std::string mutexName = std::string(name) + "_mutex";
-    mutex_ = new (std::nothrow) MutexObject(mutexName.c_str());
-    if (!mutex_) {
+    try {
+        mutex_ = new MutexObject((std::string(name) + "_mutex").c_str());
+    } catch (const std::bad_alloc&) {
         throw OutOfMemoryException();
     }
     const AutoMutex guard(*mutex_, kWaitForever);

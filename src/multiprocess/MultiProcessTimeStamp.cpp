@@ -22,26 +22,31 @@ TimeStampRecord NewRecord() {
 }
 
 // Holds the lock of a shared block. A holder that was killed leaves the lock abandoned: the first
-// wait then takes it but yields no block, and the second one finds it in order. The block itself
-// needs no mending, since a half-written stamp is as good a token as a whole one.
+// wait then takes it but yields no block. The second one, by which the thread holds it twice, does.
+// The block itself needs no mending, since a half-written stamp is as good a token as a whole one.
 class LockedBlock {
 public:
     explicit LockedBlock(MultiProcessMemory& memory)
-        : memory_(memory), block_(memory.Lock(kWaitForever)) {
-        if (!block_) {
-            memory_.Unlock();
+        : memory_(memory), block_(memory.Lock(kWaitForever)), wasAbandoned_(!block_) {
+        if (wasAbandoned_) {
             block_ = memory_.Lock(kWaitForever);
         }
     }
     LockedBlock(const LockedBlock&) = delete;
     LockedBlock& operator=(const LockedBlock&) = delete;
-    ~LockedBlock() { memory_.Unlock(); }
+    ~LockedBlock() {
+        memory_.Unlock();
+        if (wasAbandoned_) {
+            memory_.Unlock();
+        }
+    }
 
     void* Get() const { return block_; }
 
 private:
     MultiProcessMemory& memory_;
     void* block_;
+    bool wasAbandoned_;
 };
 
 }  // namespace

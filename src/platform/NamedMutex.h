@@ -20,8 +20,8 @@ std::uint32_t AcquireNamedMutex(void* handle, std::uint32_t timeout) noexcept;
 // Gives back one acquisition; refused silently when the calling thread does not own the mutex.
 void ReleaseNamedMutex(void* handle) noexcept;
 
-// Closes the handle. A mutex that is still owned stays so until its owner ends, unless nobody else
-// has it open.
+// Closes the handle; the system's invalid handle, all ones, closes nothing. A mutex that is still
+// owned stays so until its owner ends or everybody else has closed it.
 void CloseNamedMutex(void* handle) noexcept;
 
 }  // namespace Quorvel::Platform

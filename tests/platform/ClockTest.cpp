@@ -63,6 +63,13 @@ TEST(CurrentLocalTime, IsASecondThatTheRuntimeLibraryShowsMeanwhile) {
                        << ':' << time.minute << ':' << time.second;
 }
 
+TEST(CurrentLocalTime, AdvancesFromSecondToSecond) {
+    const Platform::LocalTime before = Platform::CurrentLocalTime();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    const Platform::LocalTime after = Platform::CurrentLocalTime();
+    EXPECT_NE(before.second, after.second);
+}
+
 TEST(CurrentLocalTime, CountsMillisecondsWithinTheSecond) {
     bool aboveZero = false;
     for (int times = 0; times < 1'000'000 && !aboveZero; ++times) {

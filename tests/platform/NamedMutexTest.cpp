@@ -153,6 +153,14 @@ TEST_F(NamedMutex, WaitThatRunsOutReportsATimeOutNoSooner) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(40));
 }
 
+TEST_F(NamedMutex, WaitOfAlmostASecondTakesAlmostASecond) {
+    ChildProcess child("MutexUser", {name_});
+    ASSERT_EQ(child.Ask("acquire 0"), "0");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(mutex_.Acquire(999), kTimedOut);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(950));
+}
+
 TEST_F(NamedMutex, WaitOfSecondsAndMillisecondsEndsWhenTheMutexIsReleased) {
     std::atomic<bool> released{false};
     ASSERT_EQ(mutex_.Acquire(0), kAcquired);
@@ -376,6 +384,86 @@ TEST_F(NamedMutex, ClosedByItsOwnerIsAbandonedWhenThatProcessEnds) {
     child.Wait();
     EXPECT_EQ(mutex_.Acquire(0), kAbandoned);
     mutex_.Release();
+}
+
+TEST_F(NamedMutex, ClosedByItsOwnerIsItsOwnersWhenThatOneOpensItAgain) {
+    ChildProcess child("MutexUser", {name_});
+    child.Ask("release");  // has opened it
+    ASSERT_EQ(mutex_.Acquire(0), kAcquired);
+    mutex_.Close();
+    const MutexHandle again(name_);
+    EXPECT_EQ(OnAnotherThread([&] { return again.Acquire(0); }), kTimedOut);
+    EXPECT_EQ(again.Acquire(0), kAcquired);
+    again.Release();
+    EXPECT_EQ(child.Ask("acquire 0"), "258");
+    again.Release();
+    EXPECT_EQ(child.Ask("acquire 0"), "0");
+}
+
+TEST_F(NamedMutex, ClosedByItsOwnerVanishesWithTheLastOfTheOthers) {
+    ChildProcess child("MutexUser", {name_});
+    child.Ask("release");  // has opened it
+    ASSERT_EQ(mutex_.Acquire(0), kAcquired);
+    mutex_.Close();
+    child.Ask("close");
+    ChildProcess next("MutexUser", {name_});
+    EXPECT_EQ(next.Ask("acquire 0"), "0");
+    next.Ask("release");
+    const MutexHandle again(name_);
+    EXPECT_EQ(next.Ask("acquire 0"), "0");
+}
+
+// The mutexes that a thread owns hang together; one that goes must not take others along.
+TEST_F(NamedMutex, ClosedByItsOwnerLeavesAnotherOneOfThatOwnerToBeAbandoned) {
+    const MutexHandle kept(UniqueName());
+    OnAnotherThread([&] {
+        const std::uint32_t first = kept.Acquire(0);
+        const std::uint32_t second = mutex_.Acquire(0);
+        mutex_.Acquire(0);
+        mutex_.Close();
+        return first + second;
+    });
+    EXPECT_EQ(kept.Acquire(0), kAbandoned);
+    kept.Release();
+}
+
+TEST_F(NamedMutex, ClosedByAnotherThreadLeavesAnotherOneOfItsOwnerToBeAbandoned) {
+    const MutexHandle kept(UniqueName());
+    std::promise<void> owned;
+    std::promise<void> end;
+    std::thread owner([&] {
+        kept.Acquire(0);
+        mutex_.Acquire(0);
+        owned.set_value();
+        end.get_future().wait();
+    });
+    owned.get_future().wait();
+    mutex_.Close();
+    end.set_value();
+    owner.join();
+    EXPECT_EQ(kept.Acquire(0), kAbandoned);
+    kept.Release();
+}
+
+TEST_F(NamedMutex, OpenedAndClosedByManyThreadsAtOnceStaysOneMutex) {
+    std::atomic<int> inside{0};
+    std::atomic<bool> wasShared{false};
+    std::vector<std::thread> threads;
+    for (int count = 0; count < 4; ++count) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < 300; ++round) {
+                const MutexHandle mutex(name_);
+                mutex.Acquire(kForever);
+                wasShared = wasShared || ++inside != 1;
+                --inside;
+                mutex.Release();
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_FALSE(wasShared);
 }
 
 TEST_F(NamedMutex, VanishesWithItsLastHandleAlthoughItsOwnerHoldsIt) {

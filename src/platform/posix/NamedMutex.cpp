@@ -25,6 +25,7 @@ constexpr std::uint32_t kAbandoned = 128;
 constexpr std::uint32_t kTimedOut = 258;
 constexpr std::uint32_t kFailed = 0xFFFFFFFF;
 constexpr std::uint32_t kForever = 0xFFFFFFFF;
+void* const kInvalidHandle = reinterpret_cast<void*>(~std::uintptr_t{0});
 
 bool InitialiseNativeMutex(pthread_mutex_t* mutex) {
     pthread_mutexattr_t attributes;
@@ -69,16 +70,33 @@ public:
         native_ = MapNativeMutex(-1, MAP_SHARED | MAP_ANONYMOUS);
         return native_ && InitialiseNativeMutex(native_);
     }
-    bool Open(const char* name) {
+    // The mutex is mapped if it is new.
+    bool OpenObject(const char* name) {
         object_ = NamedObject::Open(kKind, name, NamedObject::IfAbsent::Create,
                                     sizeof(pthread_mutex_t), [this](int descriptor) {
                                         native_ = MapNativeMutex(descriptor, MAP_SHARED);
                                         return native_ && InitialiseNativeMutex(native_);
                                     });
-        if (object_ && !native_) {
+        return object_ != nullptr;
+    }
+    bool Map() {
+        if (!native_) {
             native_ = MapNativeMutex(object_->Descriptor(), MAP_SHARED);
         }
-        return object_ && native_;
+        return native_;
+    }
+
+    // Lets other processes have the object to themselves; the mapping stays for the owner's sake.
+    // Returns whether the object has gone with us.
+    bool LeaveObject() { return !object_ || object_->Leave(); }
+
+    // Comes back to the object that was left, which another has opened meanwhile.
+    bool HasLeftObjectOf(const NamedMutex& other) const {
+        return object_ && object_->IsSameFileAs(*other.object_);
+    }
+    void ComeBackThrough(NamedMutex& other) {
+        object_ = std::move(other.object_);
+        openCount = 1;
     }
 
     std::uint32_t Acquire(std::uint32_t timeout) {
@@ -112,7 +130,6 @@ public:
 
     // Whether a thread of this process owns the mutex, or did when it ended.
     bool IsOwned() const { return depth_ != 0; }
-    bool IsOnlyHolder() const { return !object_ || object_->IsOnlyHolder(); }
 
     // Takes the mutex from an owner that has ended or is the calling thread. False when another
     // thread owns it.
@@ -125,11 +142,8 @@ public:
         return Release();
     }
 
-    // Lets go of what other processes can open; the mapping stays for the owner's sake.
-    void LeaveObject() { object_.reset(); }
-
     // How often the mutex is open in this process, and the next one in the list of those that are
-    // not but have to stay; guarded by the table's lock.
+    // not but have to stay mapped; guarded by the table's lock.
     int openCount = 1;
     std::unique_ptr<NamedMutex> next;
 
@@ -167,13 +181,25 @@ private:
     std::atomic<std::uint32_t> depth_{0};
 };
 
-// The named mutexes that this process has open, and those that have gone from the system while a
-// thread of this process owns them. Never destroyed: a mutex may be closed by a destructor that
-// runs at exit.
+// The named mutexes that this process has open, and those that it has closed while one of its
+// threads owned them. Never destroyed: a mutex may be closed by a destructor that runs at exit.
 struct OpenMutexes {
     std::mutex lock;
     std::map<std::string, std::unique_ptr<NamedMutex>> byName;
     std::unique_ptr<NamedMutex> leftBehind;
+
+    // Takes the mutex out of those left behind whose object was opened again; null if there is
+    // none.
+    std::unique_ptr<NamedMutex> TakeLeftBehind(const NamedMutex& opened) {
+        for (auto* place = &leftBehind; *place; place = &(*place)->next) {
+            if ((*place)->HasLeftObjectOf(opened)) {
+                std::unique_ptr<NamedMutex> found = std::move(*place);
+                *place = std::move(found->next);
+                return found;
+            }
+        }
+        return nullptr;
+    }
 
     // Takes a mutex out of the names, if it has one.
     std::unique_ptr<NamedMutex> Remove(NamedMutex* mutex) {
@@ -203,11 +229,21 @@ NamedMutex* Open(const std::string& name) {
         ++found->second->openCount;
         return found->second.get();
     }
-    auto mutex = std::make_unique<NamedMutex>();
-    if (!mutex->Open(name.c_str())) {
+    auto opened = std::make_unique<NamedMutex>();
+    if (!opened->OpenObject(name.c_str())) {
         return nullptr;
     }
-    return table.byName.emplace(name, std::move(mutex)).first->second.get();
+    const auto entry = table.byName.emplace(name, std::move(opened)).first;
+    std::unique_ptr<NamedMutex>& mutex = entry->second;
+    if (std::unique_ptr<NamedMutex> former = table.TakeLeftBehind(*mutex)) {
+        former->ComeBackThrough(*mutex);
+        mutex = std::move(former);
+    }
+    if (!mutex->Map()) {
+        table.byName.erase(entry);
+        return nullptr;
+    }
+    return mutex.get();
 }
 
 // The UTF-8 form of a wide name, so that both forms of a name denote one mutex.
@@ -257,20 +293,21 @@ void ReleaseNamedMutex(void* handle) noexcept {
     static_cast<NamedMutex*>(handle)->Release();
 }
 
-// The last handle of this process closes the mutex. One that a thread of this process owns lives on
-// while other processes have it open: it stays under its name, where a later open finds it, until
-// this process ends and its owner with it. Otherwise it has gone, whoever owns it; but the list of
-// mutexes that a living owner has keeps pointing to it, so its memory stays.
+// The last handle of this process closes the mutex, whoever owns it. If one of our threads does, it
+// goes on owning what others have open, until it ends; and the list of mutexes that it has keeps
+// pointing to this one, so the memory stays. Only a mutex that has gone can be taken from it.
 void CloseNamedMutex(void* handle) noexcept {
+    if (handle == kInvalidHandle) {
+        return;
+    }
     auto* const mutex = static_cast<NamedMutex*>(handle);
     OpenMutexes& table = Table();
     const std::lock_guard guard(table.lock);
-    if (--mutex->openCount > 0 || (mutex->IsOwned() && !mutex->IsOnlyHolder())) {
+    if (--mutex->openCount > 0) {
         return;
     }
     std::unique_ptr<NamedMutex> closed = table.Remove(mutex);
-    if (closed->IsOwned() && !closed->TakeFromOwner()) {
-        closed->LeaveObject();
+    if (closed->IsOwned() && !(closed->LeaveObject() && closed->TakeFromOwner())) {
         closed->next = std::move(table.leftBehind);
         table.leftBehind = std::move(closed);
     }

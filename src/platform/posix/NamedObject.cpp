@@ -1,10 +1,12 @@
 #include "platform/posix/NamedObject.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -90,17 +92,68 @@ int EnterGate(int folder) {
     return gate.Detach();
 }
 
-// Gives a file of which we are the only holder its bytes, all zero and backed by memory.
-bool StartFromZeroes(int descriptor, std::size_t bytes) {
-    if (::ftruncate(descriptor, 0) != 0) {
-        return false;
-    }
+// Gives a new file its bytes, all zero and backed by memory.
+bool FillWithZeroes(int descriptor, std::size_t bytes) {
     int error;
     do {
         error = ::posix_fallocate(descriptor, 0, static_cast<off_t>(bytes));
     } while (error == EINTR);
     errno = error;
     return error == 0;
+}
+
+// Opens an object's file and takes part in holding it. -1, with errno ENOENT, when there is none or
+// nobody holds it: such a file is what a killed process has left, and is removed. It can't be used
+// again, since a process that has closed the object may still have it mapped.
+int OpenHeld(int folder, const char* fileName) {
+    FileDescriptor file(::openat(folder, fileName, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+    if (!file.IsOpen() || !BelongsToUs(file.Get(), S_IFREG)) {
+        return -1;
+    }
+    if (Flock(file.Get(), LOCK_EX | LOCK_NB)) {
+        ::unlinkat(folder, fileName, 0);
+        errno = ENOENT;
+        return -1;
+    }
+    return errno == EWOULDBLOCK && Flock(file.Get(), LOCK_SH | LOCK_NB) ? file.Detach() : -1;
+}
+
+// Makes an object's file and holds it.
+int MakeNew(int folder, const char* fileName, std::size_t bytes,
+            const std::function<bool(int)>& initialise) {
+    FileDescriptor file(
+        ::openat(folder, fileName, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    if (!file.IsOpen()) {
+        return -1;
+    }
+    if (!FillWithZeroes(file.Get(), bytes) || (initialise && !initialise(file.Get())) ||
+        !Flock(file.Get(), LOCK_SH | LOCK_NB)) {
+        const int error = errno;
+        ::unlinkat(folder, fileName, 0);
+        errno = error;
+        return -1;
+    }
+    return file.Detach();
+}
+
+// Removes the files that nobody holds, which processes that were killed have left in a folder. To
+// be called behind the gate, which we hold and which therefore stays.
+void RemoveDeadObjects(int folder) {
+    FileDescriptor listed(::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    DIR* const directory = listed.IsOpen() ? ::fdopendir(listed.Get()) : nullptr;
+    if (!directory) {
+        return;
+    }
+    listed.Detach();
+    while (const dirent* const entry = ::readdir(directory)) {
+        const FileDescriptor file(
+            ::openat(folder, entry->d_name, O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
+        if (file.IsOpen() && BelongsToUs(file.Get(), S_IFREG) &&
+            Flock(file.Get(), LOCK_EX | LOCK_NB)) {
+            ::unlinkat(folder, entry->d_name, 0);
+        }
+    }
+    ::closedir(directory);
 }
 
 // FNV-1a, 64 bits, from a start value of the caller's.
@@ -151,62 +204,67 @@ std::string NamedObject::FileName(const char* kind, const char* name) {
 std::unique_ptr<NamedObject> NamedObject::Open(const char* kind, const char* name,
                                                IfAbsent ifAbsent, std::size_t bytes,
                                                const std::function<bool(int)>& initialise) {
-    const std::string fileName = FileName(kind, name);
+    std::string fileName = FileName(kind, name);
     const FileDescriptor folder(OpenFolder());
     const FileDescriptor gate(folder.IsOpen() ? EnterGate(folder.Get()) : -1);
     if (!gate.IsOpen()) {
         return nullptr;
     }
-    const int create = ifAbsent == IfAbsent::Create ? O_CREAT : 0;
-    FileDescriptor file(::openat(folder.Get(), fileName.c_str(),
-                                 O_RDWR | O_CLOEXEC | O_NOFOLLOW | create, S_IRUSR | S_IWUSR));
-    if (!file.IsOpen() || !BelongsToUs(file.Get(), S_IFREG)) {
-        return nullptr;
-    }
-
-    if (Flock(file.Get(), LOCK_EX | LOCK_NB)) {
-        if (ifAbsent == IfAbsent::Fail) {
-            ::unlinkat(folder.Get(), fileName.c_str(), 0);
-            errno = ENOENT;
-            return nullptr;
-        }
-        if (!StartFromZeroes(file.Get(), bytes) || (initialise && !initialise(file.Get()))) {
-            const int error = errno;
-            ::unlinkat(folder.Get(), fileName.c_str(), 0);
-            errno = error;
-            return nullptr;
-        }
-    }
+    FileDescriptor held(OpenHeld(folder.Get(), fileName.c_str()));
+    const bool isNew = !held.IsOpen() && errno == ENOENT && ifAbsent == IfAbsent::Create;
+    FileDescriptor file(isNew ? MakeNew(folder.Get(), fileName.c_str(), bytes, initialise)
+                              : held.Detach());
     struct stat status {};
-    if (!Flock(file.Get(), LOCK_SH | LOCK_NB) || ::fstat(file.Get(), &status) != 0) {
+    if (!file.IsOpen() || ::fstat(file.Get(), &status) != 0) {
         return nullptr;
+    }
+    if (static std::atomic_flag hasTidied; isNew && !hasTidied.test_and_set()) {
+        RemoveDeadObjects(folder.Get());
     }
     return std::unique_ptr<NamedObject>(
-        new NamedObject(fileName, file.Detach(), static_cast<std::size_t>(status.st_size)));
+        new NamedObject(std::move(fileName), file.Detach(), status));
 }
+
+NamedObject::NamedObject(std::string fileName, int descriptor, const struct stat& status) noexcept
+    : fileName_(std::move(fileName)),
+      descriptor_(descriptor),
+      size_(static_cast<std::size_t>(status.st_size)),
+      device_(status.st_dev),
+      inode_(status.st_ino) {}
 
 NamedObject::~NamedObject() {
-    const FileDescriptor folder(OpenFolder());
-    const FileDescriptor gate(folder.IsOpen() ? EnterGate(folder.Get()) : -1);
-    // Closed before the gate, so that of two holders who leave together one sees that it is the
-    // last.
-    const FileDescriptor file(descriptor_);
-    // Without the gate the file stays behind, and the next opener starts it from zeroes.
-    if (gate.IsOpen() && Flock(file.Get(), LOCK_EX | LOCK_NB)) {
-        ::unlinkat(folder.Get(), fileName_.c_str(), 0);
-    }
+    Leave();
 }
 
-bool NamedObject::IsOnlyHolder() const {
-    const FileDescriptor folder(OpenFolder());
-    const FileDescriptor gate(folder.IsOpen() ? EnterGate(folder.Get()) : -1);
-    if (!gate.IsOpen()) {
+bool NamedObject::Leave() {
+    if (descriptor_ < 0) {
         return false;
     }
-    // Asking for another kind of lock drops the one we have, also when the request is refused.
-    const bool alone = Flock(descriptor_, LOCK_EX | LOCK_NB);
-    Flock(descriptor_, LOCK_SH | LOCK_NB);
-    return alone;
+    const int error = errno;
+    bool isGone = false;
+    {
+        const FileDescriptor folder(OpenFolder());
+        const FileDescriptor gate(folder.IsOpen() ? EnterGate(folder.Get()) : -1);
+        const FileDescriptor file(std::exchange(descriptor_, -1));
+        // Without the gate the file stays behind, and the next opener removes it. The folder is
+        // another one, which may hold a file of that name, when the process has changed its user.
+        isGone = gate.IsOpen() && Flock(file.Get(), LOCK_EX | LOCK_NB);
+        struct stat status {};
+        if (isGone &&
+            ::fstatat(folder.Get(), fileName_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+            status.st_dev == device_ && status.st_ino == inode_) {
+            ::unlinkat(folder.Get(), fileName_.c_str(), 0);
+        }
+        // The file may be mapped, and is locked as long as that unless it is told otherwise. Before
+        // the gate opens, so that of two holders who leave together one sees that it is the last.
+        Flock(file.Get(), LOCK_UN);
+    }
+    errno = error;
+    return isGone;
+}
+
+bool NamedObject::IsSameFileAs(const NamedObject& other) const {
+    return device_ == other.device_ && inode_ == other.inode_;
 }
 
 }  // namespace Quorvel::Platform

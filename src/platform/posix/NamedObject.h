@@ -1,5 +1,8 @@
 #pragma once
 
+#include <sys/stat.h>
+#include <sys/types.h>
+
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -12,11 +15,14 @@ namespace Quorvel::Platform {
 //
 // The files stand in a folder of the user's own, "/dev/shm/quorvel-<user id>", mode 0700, so that
 // no other user can reach or plant anything. Every holder keeps a shared flock on the object's
-// file; the system drops it when the process ends, however it ends. Who can turn it into an
-// exclusive one is alone with the file: at opening that makes it the creator, whatever an earlier
-// holder that was killed may have left behind, and at closing it makes it the last, who removes the
+// file; the system drops it when the process ends, however it ends. Who can have an exclusive one
+// is alone with the file: at opening that shows that the file was left by a holder that was killed,
+// and another one takes its place, and at closing it makes the closer the last, who removes the
 // file. Both decisions are taken under an exclusive flock on one more file of the folder, the gate,
 // so that nobody opens while another decides.
+//
+// A process that makes its first object removes all files that nobody holds: those of processes
+// that were killed, and that nobody has opened since.
 class NamedObject {
 public:
     enum class IfAbsent { Create, Fail };
@@ -32,11 +38,15 @@ public:
     NamedObject(const NamedObject&) = delete;
     NamedObject& operator=(const NamedObject&) = delete;
 
-    // Lets go of the object; the last holder removes it.
+    // Leaves.
     ~NamedObject();
 
-    // Whether no other process holds the object now. May be wrong a moment later.
-    bool IsOnlyHolder() const;
+    // Lets go of the object; the last holder removes it. Returns whether that was the last one,
+    // false also when it can't be told. Keeps errno. Does nothing the second time.
+    bool Leave();
+
+    // Whether both are, or were before they left, holders of one object.
+    bool IsSameFileAs(const NamedObject& other) const;
 
     int Descriptor() const { return descriptor_; }
     std::size_t Size() const { return size_; }
@@ -46,12 +56,13 @@ public:
     static std::string FileName(const char* kind, const char* name);
 
 private:
-    NamedObject(std::string fileName, int descriptor, std::size_t size)
-        : fileName_(std::move(fileName)), descriptor_(descriptor), size_(size) {}
+    NamedObject(std::string fileName, int descriptor, const struct stat& status) noexcept;
 
     std::string fileName_;
-    int descriptor_;
+    int descriptor_;  // -1 once left
     std::size_t size_;
+    dev_t device_;
+    ino_t inode_;
 };
 
 }  // namespace Quorvel::Platform

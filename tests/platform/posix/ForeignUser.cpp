@@ -114,6 +114,7 @@ private:
         {"attach", [this](const std::string& name) { return OpenBlock(name, false); }},
         {"mutex", [this](const std::string& name) { return OpenMutex(name); }},
         {"acquire", [this](auto&) { return std::to_string(mutexes_.back().Acquire(0)); }},
+        {"release", [this](auto&) { return mutexes_.back().Release(), "released"; }},
         {"write",
          [this](const std::string& value) {
              view_[0] = static_cast<unsigned char>(std::stoi(value));

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -210,7 +211,6 @@ TEST_F(NamedObjectFile, WhoseHolderWasKilledLeavesAFileThatNobodyAttachesTo) {
     ASSERT_EQ(killed->Ask("memory " + name_), "0");
     killed->Ask("write 9");
     killed->Kill();
-    ASSERT_TRUE(std::filesystem::exists(PathOf("memory", name_)));
     const auto object =
         NamedObject::Open("memory", name_.c_str(), NamedObject::IfAbsent::Fail, kBytes);
     EXPECT_EQ(Platform::LastSystemError(), static_cast<std::uint32_t>(ENOENT));
@@ -230,29 +230,69 @@ TEST_F(NamedObjectFile, WhoseHolderWasKilledStartsFromZeroesInItsNewSize) {
     EXPECT_EQ(FirstByte(*object), "0");
 }
 
-TEST_F(NamedObjectFile, KnowsWhetherAnotherProcessHoldsIt) {
-    const auto object =
-        NamedObject::Open("memory", name_.c_str(), NamedObject::IfAbsent::Create, kBytes);
-    ASSERT_TRUE(object);
-    EXPECT_TRUE(object->IsOnlyHolder());
-    const auto other = StartObjectUser();
-    ASSERT_EQ(other->Ask("attach " + name_), "0");
-    EXPECT_FALSE(object->IsOnlyHolder());
-    other->Kill();
-    EXPECT_TRUE(object->IsOnlyHolder());
+TEST_F(NamedObjectFile, WhoseHolderWasKilledIsRemovedWhenAnotherProcessMakesItsFirstObject) {
+    const std::string heldName = UniqueName();
+    const auto holder = StartObjectUser();
+    ASSERT_EQ(holder->Ask("memory " + heldName), "0");
+    ASSERT_EQ(holder->Ask("write 7"), "written");
+    const auto killed = StartObjectUser();
+    ASSERT_EQ(killed->Ask("memory " + name_), "0");
+    killed->Kill();
+
+    const auto next = StartObjectUser();
+    ASSERT_EQ(next->Ask("memory " + UniqueName()), "0");
+    EXPECT_FALSE(std::filesystem::exists(PathOf("memory", name_)));
+    const auto held =
+        NamedObject::Open("memory", heldName.c_str(), NamedObject::IfAbsent::Fail, kBytes);
+    ASSERT_TRUE(held);
+    EXPECT_EQ(FirstByte(*held), "7");
 }
 
-TEST_F(NamedObjectFile, IsStillHeldAfterItWasAskedWhetherItIs) {
+TEST_F(NamedObjectFile, TellsItsHolderWhoLeavesWhetherItIsTheLast) {
+    const auto object = OpenOrCreate(name_);
+    const auto other = StartObjectUser();
+    ASSERT_EQ(other->Ask("memory " + name_), "0");
+    const auto others = NamedObject::Open("memory", name_.c_str(), NamedObject::IfAbsent::Fail, 0);
+    ASSERT_TRUE(object && others);
+    errno = EDOM;
+    EXPECT_TRUE(object->Leave());
+    EXPECT_FALSE(others->Leave());
+    EXPECT_FALSE(object->Leave());  // has left already
+    EXPECT_EQ(errno, EDOM);
+    EXPECT_TRUE(std::filesystem::exists(PathOf("memory", name_)));
+}
+
+TEST_F(NamedObjectFile, IsTheSameForAllWhoHoldItAndAnotherOnceItHasGone) {
+    const auto first = OpenOrCreate(name_);
+    const auto second = OpenOrCreate(name_);
+    EXPECT_TRUE(first->IsSameFileAs(*second));
+    first->Leave();
+    EXPECT_TRUE(first->IsSameFileAs(*second));
+    second->Leave();
+    const MutexHandle between(name_);  // may get the number of the file that has gone
+    EXPECT_FALSE(OpenOrCreate(UniqueName())->IsSameFileAs(*OpenOrCreate(name_)));
+}
+
+// A process that has closed an object may have it mapped still.
+TEST_F(NamedObjectFile, OfAKilledHolderIsNotUsedAgain) {
+    const auto killed = StartObjectUser();
+    ASSERT_EQ(killed->Ask("memory " + name_), "0");
+    const auto former = NamedObject::Open("memory", name_.c_str(), NamedObject::IfAbsent::Fail, 0);
+    ASSERT_TRUE(former);
+    killed->Ask("write 9");
+    const int descriptor = ::dup(former->Descriptor());
+    ASSERT_FALSE(former->Leave());
+    ::flock(descriptor, LOCK_UN);
+    killed->Kill();
     const auto object =
         NamedObject::Open("memory", name_.c_str(), NamedObject::IfAbsent::Create, kBytes);
     ASSERT_TRUE(object);
-    const auto other = StartObjectUser();
-    ASSERT_EQ(other->Ask("attach " + name_), "0");
-    EXPECT_FALSE(object->IsOnlyHolder());
-    other->Ask("close");
-    EXPECT_TRUE(std::filesystem::exists(PathOf("memory", name_)));
-    EXPECT_TRUE(object->IsOnlyHolder());
-    EXPECT_EQ(other->Ask("attach " + name_), "0");
+    EXPECT_EQ(FirstByte(*object), "0");
+    EXPECT_FALSE(object->IsSameFileAs(*former));
+    char byte = 0;
+    EXPECT_EQ(::pread(descriptor, &byte, 1, 0), 1);
+    EXPECT_EQ(byte, 9);
+    ::close(descriptor);
 }
 
 TEST_F(NamedObjectFile, IsNotInheritedByOtherPrograms) {
@@ -323,6 +363,32 @@ TEST_F(NamedMutexOnPosix, ThatWasFoundAbandonedIsLeftLikeAnyOther) {
     ASSERT_EQ(mutex.Acquire(0), kAbandoned);
     mutex.Release();
     mutex.Close();
+    other->Ask("close");
+    EXPECT_FALSE(std::filesystem::exists(PathOf("mutex", name_)));
+}
+
+// Its owner of this process ended, and another process has had and released it since.
+TEST_F(NamedMutexOnPosix, ThatWasOwnedHereOnceGoesWithTheLastOfTheOthers) {
+    MutexHandle mutex(name_);
+    const auto other = StartObjectUser();
+    ASSERT_EQ(other->Ask("mutex " + name_), "0");
+    ASSERT_EQ(OnAnotherThread([&] { return mutex.Acquire(0); }), kAcquired);
+    ASSERT_EQ(other->Ask("acquire"), "128");
+    ASSERT_EQ(other->Ask("release"), "released");
+    mutex.Close();
+    other->Ask("close");
+    EXPECT_FALSE(std::filesystem::exists(PathOf("mutex", name_)));
+}
+
+TEST_F(NamedMutexOnPosix, ThatWasReleasedTooOftenIsLeftLikeAnyOther) {
+    MutexHandle mutex(name_);
+    const auto other = StartObjectUser();
+    ASSERT_EQ(other->Ask("mutex " + name_), "0");
+    ASSERT_EQ(mutex.Acquire(0), kAcquired);
+    mutex.Release();
+    mutex.Release();
+    mutex.Close();
+    EXPECT_FALSE(IsMapped(name_));
     other->Ask("close");
     EXPECT_FALSE(std::filesystem::exists(PathOf("mutex", name_)));
 }

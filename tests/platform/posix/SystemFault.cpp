@@ -74,7 +74,6 @@ int __real_open(const char* path, int flags, ...);
 int __real_openat(int folder, const char* path, int flags, ...);
 int __real_fstat(int descriptor, struct stat* status);
 int __real_flock(int descriptor, int operation);
-int __real_ftruncate(int descriptor, off_t size);
 int __real_posix_fallocate(int descriptor, off_t offset, off_t size);
 void* __real_mmap(void* address, size_t size, int access, int flags, int descriptor, off_t offset);
 int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
@@ -99,10 +98,6 @@ int __wrap_fstat(int descriptor, struct stat* status) {
 
 int __wrap_flock(int descriptor, int operation) {
     return Fails(SystemCall::Lock) ? -1 : __real_flock(descriptor, operation);
-}
-
-int __wrap_ftruncate(int descriptor, off_t size) {
-    return Fails(SystemCall::Truncate) ? -1 : __real_ftruncate(descriptor, size);
 }
 
 int __wrap_posix_fallocate(int descriptor, off_t offset, off_t size) {

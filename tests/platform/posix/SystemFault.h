@@ -9,7 +9,6 @@ enum class SystemCall {
     OpenAt,           // openat
     Status,           // fstat
     Lock,             // flock
-    Truncate,         // ftruncate
     Allocate,         // posix_fallocate
     Map,              // mmap
     InitialiseMutex,  // pthread_mutex_init

@@ -45,7 +45,7 @@ constexpr std::size_t kEntriesAhead = 8;
 }  // namespace
 
 // Which streams hold effects, as an index says. An effect without a stream is never found, and does
-// no harm before the next change.
+// no harm before another stream gets the id.
 class EffectCacheImpl::StreamClaims {
 public:
     StreamClaims(const PagedFilePackage& package, std::uint64_t indexStreamId)
@@ -55,7 +55,10 @@ public:
 
     void Claim(std::uint64_t id) {
         if (!package_.HasStream(id)) {
-            anyMissing_ = true;
+            if (id <= kStreamLimit) {
+                missing_.resize(kStreamLimit + 1);
+                missing_[id] = true;
+            }
         } else if (isTaken_[id]) {
             areDistinct_ = false;
         } else {
@@ -63,15 +66,17 @@ public:
         }
     }
 
-    // Whether no stream has been claimed twice, and whether some stream is missing.
+    // Whether no stream has been claimed twice.
     bool AreDistinct() const { return areDistinct_; }
-    bool AnyMissing() const { return anyMissing_; }
+
+    // The ids claimed that no stream has, but may get; empty for none.
+    std::vector<bool>& Missing() { return missing_; }
 
 private:
     const PagedFilePackage& package_;
     std::vector<bool> isTaken_;
+    std::vector<bool> missing_;
     bool areDistinct_ = true;
-    bool anyMissing_ = false;
 };
 
 // ---- Opening, creating, letting go --------------------------------------------------------------
@@ -126,7 +131,7 @@ void EffectCacheImpl::LetPackageGo() noexcept {
 // before still describes the pages they overwrote. Nobody must read that, neither from the file nor
 // by what he remembers of it.
 void EffectCacheImpl::GivePackageUp() noexcept {
-    const bool isFileSuspect = package_ && Internals(package_).HasChanges();
+    const bool isFileSuspect = package_ && Internals(package_).MayHaveChangedFile();
     LetPackageGo();
     if (!isFileSuspect) {
         return;
@@ -213,6 +218,34 @@ bool EffectCacheImpl::ReadHeader() {
 }
 
 bool EffectCacheImpl::LoadIndex() {
+    if (!LoadFileTable()) {
+        return false;
+    }
+    if (TrimFile()) {
+        return true;
+    }
+    // A file that takes no change still holds all its effects, if only more than it should.
+    if (Internals(package_).MayHaveChangedFile()) {
+        return false;
+    }
+    Internals(package_).Abandon();
+    return package_->Load() && ReadHeader() && LoadFileTable();
+}
+
+// Trims to the space budget. A trim deletes streams that the index in the file still names, and
+// moves the tails of others: no page of that may reach the file without the index that goes with
+// it.
+bool EffectCacheImpl::TrimFile() noexcept {
+    try {
+        TrimTo(SpaceBudget());
+        fileTable_.Settle();
+        return !Internals(package_).HasChanges() || CommitTables();
+    } catch (...) {
+        return false;
+    }
+}
+
+bool EffectCacheImpl::LoadFileTable() {
     // In a package that is not sound a stream may have the bytes of another, or get them by a
     // change: nothing of it is used.
     if (!package_ || !Internals(package_).IsSound()) {
@@ -236,16 +269,8 @@ bool EffectCacheImpl::LoadIndex() {
     }
     fileTable_.Settle();
     fileTable_.DropSpare();
-    lacksStreams_ = claims.AnyMissing();
-    if (!isComplete || !(claims.AreDistinct() || HaveDistinctStreams())) {
-        return false;
-    }
-    stream.Reset();
-    TrimTo(SpaceBudget());
-    fileTable_.Settle();
-    // A trim deletes streams that the index in the file still names, and moves the tails of others:
-    // no page of that may reach the file without the index that goes with it.
-    return !Internals(package_).HasChanges() || CommitTables();
+    missingStreams_.swap(claims.Missing());
+    return isComplete && (claims.AreDistinct() || HaveDistinctStreams());
 }
 
 bool EffectCacheImpl::ReadIndex(IDataStream& stream, StreamClaims& claims) {
@@ -273,22 +298,33 @@ bool EffectCacheImpl::HaveDistinctStreams() const {
     return claims.AreDistinct();
 }
 
-// Forgets the effects whose streams are missing and whose ids may be given to new streams now, the
-// lowest free ones first: an effect must not get the bytes of another. To be called before the
-// first change.
-void EffectCacheImpl::DropEffectsWithoutStream() {
-    if (!lacksStreams_) {
-        return;
-    }
-    const PagedFilePackage& package = Internals(package_);
-    const std::uint64_t end = package_->GetNumberOfDataStreams() + pendingTable_.Size() + 1;
-    fileTable_.Settle();
-    for (IndexEntry* const entry : fileTable_.Entries()) {
-        const std::uint64_t id = entry->record.streamId;
-        if (id < end && !package.HasStream(id)) {
-            fileTable_.Remove(entry);
+// Makes a stream. An effect of the index whose stream was missing is forgotten when its id comes
+// up: it must not get the bytes of another.
+std::uint64_t EffectCacheImpl::CreateStream(std::uint64_t size) {
+    const std::uint64_t id = package_->CreateDataStream(size);
+    if (id < missingStreams_.size() && missingStreams_[id]) {
+        fileTable_.Settle();
+        for (IndexEntry* const entry : fileTable_.Entries()) {
+            if (entry->record.streamId == id) {
+                fileTable_.Remove(entry);
+            }
         }
+        missingStreams_[id] = false;
     }
+    return id;
+}
+
+// Whether the package can have as many streams as it will once the pending effects are in it.
+bool EffectCacheImpl::HasRoomForPending() const {
+    const std::uint64_t left = kStreamLimit - package_->GetNumberOfDataStreams();
+    if (pendingTable_.Size() <= left) {
+        return true;
+    }
+    const auto isNew = [&](const PendingEffect* effect) {
+        return !fileTable_.Find(effect->Key(), effect->Hash());
+    };
+    const auto pending = pendingTable_.Entries();
+    return static_cast<std::uint64_t>(std::count_if(pending.begin(), pending.end(), isNew)) <= left;
 }
 
 // ---- Saving -------------------------------------------------------------------------------------
@@ -312,7 +348,6 @@ bool EffectCacheImpl::SavePending() noexcept {
             throw FileIOException();
         }
         Internals(package_).MarkUnfinished();
-        DropEffectsWithoutStream();
         if (!MovePendingIntoFile() || !CommitTables()) {
             throw FileIOException();
         }
@@ -347,7 +382,6 @@ bool EffectCacheImpl::TrimTo(std::uint64_t limit) {
     if (package_->GetTotalDataSize() < limit) {
         return true;
     }
-    DropEffectsWithoutStream();
     fileTable_.Settle();
     std::vector<IndexEntry*> entries;
     for (IndexEntry* const entry : fileTable_.Entries()) {
@@ -378,6 +412,9 @@ bool EffectCacheImpl::MovePendingIntoFile() {
     const std::uint64_t budget = SpaceBudget();
     if (budget >= pendingBytes_ && TrimTo(budget - pendingBytes_)) {
         pendingTable_.Settle();
+        if (!HasRoomForPending()) {
+            return false;
+        }
         for (const PendingEffect* const effect : pendingTable_.Entries()) {
             if (!MoveIntoFile(*effect)) {
                 return false;
@@ -397,7 +434,7 @@ bool EffectCacheImpl::MoveIntoFile(const PendingEffect& effect) {
         package_->DeleteDataStream(replaced->record.streamId);
         fileTable_.Remove(replaced);
     }
-    const std::uint64_t streamId = package_->CreateDataStream(SerializedSize(bytes));
+    const std::uint64_t streamId = CreateStream(SerializedSize(bytes));
     Util::RefPtr<IDataStream> stream = package_->OpenDataStream(streamId);
     if (!stream || !WriteBytes(bytes, stream)) {
         return false;
@@ -418,13 +455,20 @@ bool EffectCacheImpl::WriteIndex() {
     if (!package_) {
         return false;
     }
-    fileTable_.Settle();
-    fileTable_.Pack();
-    Util::RefPtr<IDataStream> stream =
-        OpenIndexForWriting(std::max(fileTable_.TotalBytes(), kEmptyIndexSize));
-    if (!stream) {
-        return false;
-    }
+    Util::RefPtr<IDataStream> stream;
+    std::uint64_t size;
+    do {
+        // The id that the stream gets may cost an effect.
+        stream.Reset();
+        fileTable_.Settle();
+        fileTable_.Pack();
+        size = std::max(fileTable_.TotalBytes(), kEmptyIndexSize);
+        stream = OpenIndexForWriting(size);
+        if (!stream) {
+            return false;
+        }
+        fileTable_.Settle();
+    } while (size != std::max(fileTable_.TotalBytes(), kEmptyIndexSize));
     std::vector<unsigned char> piece;
     piece.reserve(kIndexPieceSize);
     const std::span<IndexEntry* const> entries = fileTable_.Entries();
@@ -457,7 +501,7 @@ Util::RefPtr<IDataStream> EffectCacheImpl::OpenIndexForWriting(std::uint64_t siz
             package_->DeleteDataStream(header_.indexStreamId);
         }
     }
-    header_.indexStreamId = package_->CreateDataStream(size);
+    header_.indexStreamId = CreateStream(size);
     return package_->OpenDataStream(header_.indexStreamId);
 }
 

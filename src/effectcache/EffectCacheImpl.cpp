@@ -47,8 +47,7 @@ EffectCacheImpl::EffectCacheImpl(const CStr& directory)
       filePath_(directory.Length() != 0 ? directoryPath_ + CStr(kFileName) : CStr()),
       enabled_(true),
       header_{},
-      pendingBytes_(0),
-      lacksStreams_(false) {
+      pendingBytes_(0) {
     const std::string name = ObjectName(filePath_);
     fileMutex_ = std::make_unique<MutexObject>((name + "_mutex").c_str());
     // Seen from here on: a save between now and the opening of the file makes for one reload too
@@ -64,8 +63,10 @@ EffectCacheImpl::EffectCacheImpl(const CStr& directory)
 EffectCacheImpl::~EffectCacheImpl() {
     SaveToFile();
     ClearState();
-    const AutoMutex guard(*fileMutex_, kWaitForever);
-    LetPackageGo();
+    if (package_) {
+        const AutoMutex guard(*fileMutex_, kWaitForever);
+        LetPackageGo();
+    }
 }
 
 void EffectCacheImpl::ClearState() {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "effectcache/EffectKey.h"
 #include "effectcache/EffectRecord.h"
@@ -73,8 +74,11 @@ private:
     bool WriteHeader();
     bool ReadIndex(IDataStream& stream, StreamClaims& claims);
     bool LoadIndex();
+    bool LoadFileTable();
+    bool TrimFile() noexcept;
     bool HaveDistinctStreams() const;
-    void DropEffectsWithoutStream();
+    std::uint64_t CreateStream(std::uint64_t size);
+    bool HasRoomForPending() const;
     bool WriteIndex();
     Util::RefPtr<IDataStream> OpenIndexForWriting(std::uint64_t size);
     bool TrimTo(std::uint64_t limit);
@@ -99,7 +103,7 @@ private:
     Util::RefPtr<IDataStreamSet> package_;  // null when the cache is inert
     std::unique_ptr<MutexObject> fileMutex_;
     MultiProcessTimeStamp stamp_;
-    bool lacksStreams_;  // some effect of the index has no stream: the file was damaged
+    std::vector<bool> missingStreams_;  // by id: effects of the index name it, and there is none
 };
 
 }  // namespace Quorvel

@@ -67,9 +67,13 @@ void PagedFilePackage::MarkUnfinished() {
     dirty_ = true;
     if (!isMarkedUnfinished_) {
         SetStoredPageCount(0);
-        cache_->WritePage(kHeadPageNumber);
+        cache_->WriteBeforeOthers(kHeadPageNumber);
         isMarkedUnfinished_ = true;
     }
+}
+
+bool PagedFilePackage::MayHaveChangedFile() const {
+    return dirty_ && !(isMarkedUnfinished_ && cache_->IsHoldingBack());
 }
 
 void PagedFilePackage::Close() {
@@ -180,6 +184,20 @@ public:
         return true;
     }
 
+    // Whether no page that was not claimed is followed by another, which may be somebody's, or free
+    // and somebody's soon.
+    bool AreOthersWithoutSuccessor(std::uint64_t highestPage) {
+        claimed_.resize(
+            std::max<std::uint64_t>(claimed_.size(), highestPage - kHeadPageNumber + 1));
+        for (std::uint64_t page = kHeadPageNumber; page <= highestPage; ++page) {
+            if (!claimed_[page - kHeadPageNumber] &&
+                IsValidPageNumber(allocator_.GetNextPage(page))) {
+                return false;
+            }
+        }
+        return true;
+    }
+
 private:
     IPageAllocator& allocator_;
     std::vector<bool> claimed_;
@@ -189,7 +207,8 @@ bool PagedFilePackage::IsSound() noexcept {
     try {
         PageClaims claims(*allocator_);
         if (!headFile_ || !ClaimHeadFile(claims) || !ClaimStreams(claims) ||
-            !ClaimTailBlocks(claims)) {
+            !ClaimTailBlocks(claims) ||
+            !claims.AreOthersWithoutSuccessor(Allocator().HighestPage())) {
             return false;
         }
         return cache_->CoversPage(Allocator().HighestPage());
@@ -311,12 +330,12 @@ void PagedFilePackage::FreeHeadFile() {
     if (!headFile_) {
         return;
     }
-    if (headFile_->pageCount > 0) {
-        // What was not read of the chain so far is not known yet.
-        headFile_->LoadPageInfo(headFile_->pageCount - 1);
-    }
-    // Dropped first: no page may be freed twice, also when one of them can't be.
+    // Dropped first: no page may be freed twice, also when one of them can't be, or not be found.
     const auto headFile = std::exchange(headFile_, {});
+    if (headFile->pageCount > 0) {
+        // What was not read of the chain so far is not known yet.
+        headFile->LoadPageInfo(headFile->pageCount - 1);
+    }
     FreeHeadPages(headFile->pageNumbers, headFile->pageCount);
 }
 
@@ -455,8 +474,9 @@ Util::RefPtr<ChildFileSeeker> PagedFilePackage::TakeSeeker() {
 }
 
 // Refuses a stream whose chain returns to itself, so that a small file seems to hold a stream of
-// any size, or takes a free page: what is written to one behind the file's end makes the file as
-// long. No page follows two others, so a chain can only return to where it began.
+// any size, or that has a free page: such a page may lie far behind the file's end, and writing to
+// it would make the file as long. No page follows two others, so a chain can only return to where
+// it began.
 void PagedFilePackage::CheckPagesOfStream(const ChildFileExtent& extent,
                                           const ChildFileTail& tail) const {
     const auto require = [&](std::uint64_t page) {
@@ -517,12 +537,18 @@ std::uint64_t PagedFilePackage::CreateDataStream(std::uint64_t size) {
     if (id == kInvalidStreamId || tail == 0) {
         return id;
     }
+    bool isPlaced;
     try {
-        PlaceTail(id, tail);
+        isPlaced = PlaceTail(id, tail);
     } catch (...) {
         FreeChain(directory_.Find(id)->firstPage);
         directory_.Remove(id);
         throw;
+    }
+    if (!isPlaced) {
+        // The id stays taken: what is wrong in the table may be wrong with that id alone, and a
+        // free one would be the next to be tried again.
+        throw FileDataCorruptException();
     }
     return id;
 }
@@ -553,12 +579,10 @@ std::uint64_t PagedFilePackage::AllocateStream(std::uint64_t size) {
     }
 }
 
-void PagedFilePackage::PlaceTail(std::uint64_t id, std::uint64_t length) {
+// False when the tail does not fit what the table of blocks says.
+bool PagedFilePackage::PlaceTail(std::uint64_t id, std::uint64_t length) {
     if (const auto block = tailBlocks_.FindBlockWithRoom(length)) {
-        if (!tailBlocks_.Place(id, *block, length)) {
-            throw FileDataCorruptException();
-        }
-        return;
+        return tailBlocks_.Place(id, *block, length);
     }
     TailBlockPageNumbers pages;
     AllocateChain(kTailBlockPages, pages.data());
@@ -569,9 +593,7 @@ void PagedFilePackage::PlaceTail(std::uint64_t id, std::uint64_t length) {
         FreeChain(pages.front());
         throw;
     }
-    if (!tailBlocks_.Place(id, block, length)) {
-        throw FileDataCorruptException();
-    }
+    return tailBlocks_.Place(id, block, length);
 }
 
 // Allocates so many pages, each the successor of the one before, lists them if asked, and makes the
@@ -609,7 +631,8 @@ void PagedFilePackage::FreeChain(std::uint64_t firstPage) {
     }
 }
 
-// What can fail comes first, and the rest is done from memory: so a failure changes nothing.
+// What can fail comes first, and the rest is done from memory: so a failure changes nothing, unless
+// the cache has no room for all pages of the block.
 bool PagedFilePackage::DeleteDataStream(std::uint64_t id) {
     if (openStreams_.count(id) != 0) {
         return false;

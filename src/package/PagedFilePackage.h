@@ -49,16 +49,21 @@ public:
     // rewritten, or whose state is half done.
     void Abandon();
 
-    // Marks the file as unfinished until the next Commit has written everything: its head page says
-    // that it has no pages. Who dies on the way leaves a file that can't be opened, not one that
-    // mixes two states. Counts as a change. Throws as the operations of IDataStreamSet do.
+    // Has the file marked as unfinished, before its first page is overwritten and until the next
+    // Commit has written everything: its head page then says that it has no pages. Who dies on the
+    // way leaves the old state or a file that can't be opened, not one that mixes two states.
+    // Counts as a change. Throws as the operations of IDataStreamSet do.
     void MarkUnfinished();
+
+    // Whether the file may no longer hold what was last committed or loaded.
+    bool MayHaveChangedFile() const;
 
     // Whether what was loaded is as a writer leaves it, where a damage could let one stream have
     // the bytes of another, now or after a change: each page of the head file, of a stream and of a
-    // tail block is in use, lies in the file and belongs to nothing else; each tail block is a
-    // chain of its pages, and the fragments stand in it one behind the other, in the order of its
-    // list. False also for a package that can't be examined for lack of memory or of a file.
+    // tail block is in use, lies in the file and belongs to nothing else, and no other page has a
+    // successor; each tail block is a chain of its pages, and the fragments stand in it one behind
+    // the other, in the order of its list. False also for a package that can't be examined for lack
+    // of memory or of a file.
     bool IsSound() noexcept;
 
     bool Load() override;
@@ -111,7 +116,7 @@ private:
     void FreeChain(std::uint64_t firstPage);
     void CheckPagesOfStream(const ChildFileExtent& extent, const ChildFileTail& tail) const;
     std::uint64_t AllocateStream(std::uint64_t size);
-    void PlaceTail(std::uint64_t id, std::uint64_t length);
+    bool PlaceTail(std::uint64_t id, std::uint64_t length);
     Util::RefPtr<PagedFileStream> OpenTailBlock(std::uint64_t blockId);
     void PinTailBlock(TailBlockPins& pins, const TailFragment& fragment);
     void ReattachStreamsOfBlock(std::uint64_t blockId);

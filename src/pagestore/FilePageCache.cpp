@@ -74,11 +74,16 @@ void FilePageCache::DiscardAll() {
     residentCount_ = 0;
     mostRecent_ = nullptr;
     leastRecent_ = nullptr;
+    firstToWrite_ = nullptr;
 }
 
 void FilePageCache::WritePage(std::uint64_t page) {
     const std::uint64_t index = page - kHeadPageNumber;
     WriteAt(pages_[index]->data, OffsetOfIndex(index), kPageSize);
+}
+
+void FilePageCache::WriteBeforeOthers(std::uint64_t page) {
+    firstToWrite_ = pages_[page - kHeadPageNumber];
 }
 
 bool FilePageCache::CoversPage(std::uint64_t page) const {
@@ -160,7 +165,14 @@ bool FilePageCache::EvictDownTo(std::uint64_t limit, std::unique_ptr<CachedPage>
 
 // Writes a page and takes it out of the cache.
 std::unique_ptr<CachedPage> FilePageCache::WriteBackPage(CachedPage* page) {
+    if (firstToWrite_ && firstToWrite_ != page) {
+        WriteAt(firstToWrite_->data, OffsetOfIndex(firstToWrite_->pageIndex), kPageSize);
+        firstToWrite_ = nullptr;
+    }
     WriteAt(page->data, OffsetOfIndex(page->pageIndex), kPageSize);
+    if (firstToWrite_ == page) {
+        firstToWrite_ = nullptr;
+    }
     pages_[page->pageIndex] = nullptr;
     Unlink(page);
     return std::unique_ptr<CachedPage>(page);
@@ -234,6 +246,7 @@ void FilePageCache::ResetToEmpty() {
     residentCount_ = 0;
     mostRecent_ = nullptr;
     leastRecent_ = nullptr;
+    firstToWrite_ = nullptr;
 }
 
 void PageRef::SetReadPage(std::uint64_t page) {

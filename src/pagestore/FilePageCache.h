@@ -69,6 +69,13 @@ public:
     // Writes a page that is resident to the file now; it stays resident. Throws FileIOException.
     void WritePage(std::uint64_t page);
 
+    // Has a page, which must be resident, written before any other page that leaves the cache from
+    // now on; it stays resident. Until then the file keeps the bytes it has, though it may grow.
+    void WriteBeforeOthers(std::uint64_t page);
+
+    // Whether that page is still to be written.
+    bool IsHoldingBack() const { return firstToWrite_ != nullptr; }
+
     // Whether a page, which must be valid, lies in the file as a whole.
     bool CoversPage(std::uint64_t page) const;
 
@@ -98,6 +105,7 @@ private:
     std::uint64_t residentCount_;
     CachedPage* mostRecent_;
     CachedPage* leastRecent_;
+    CachedPage* firstToWrite_;  // resident; null for none
 };
 
 // Holds a pin on one page, or none, and gives it back at the end of its life.

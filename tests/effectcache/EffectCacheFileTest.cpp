@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 
 #include "effectcache/CacheClient.h"
 #include "effectcache/EffectCacheImpl.h"
@@ -272,6 +273,83 @@ TEST_F(EffectCacheFile, EffectWithoutAStreamLeftMakesTheSaveFail) {
     CacheClient fresh(directory);
     EXPECT_TRUE(fresh->IsEnabled());
     EXPECT_EQ(fresh.Find("x"), std::nullopt);
+}
+
+// A package of as many streams as there can be, of which two hold effects.
+TEST_F(EffectCacheFile, SaveOfMoreEffectsThanThereAreStreamsLeftLeavesTheFileAsItWas) {
+    {
+        CacheClient cache(directory);
+        cache.Add("a", EffectBytes("a", 9000));
+        cache.Add("b", EffectBytes("b", 9000));
+    }
+    {
+        const Util::RefPtr<IDataStreamSet> package = OpenFilePackage(CacheConfig(path));
+        while (package->GetNumberOfDataStreams() < 65534) {
+            package->CreateDataStream(0);
+        }
+    }
+    const Bytes before = ReadWholeFile(path);
+    EffectCacheImpl cache(ToCStr(directory.Path().string()));
+    const auto add = [&](const char* name) {
+        const Bytes bytes = EffectBytes(name, 200000);
+        cache.CacheCompiledEffect(name, bytes.data(), bytes.size(), false);
+    };
+    for (const char* name : {"a", "b", "c", "d"}) {  // the old ones need no more streams
+        add(name);
+    }
+    EXPECT_FALSE(cache.SaveToFile());
+    EXPECT_FALSE(cache.IsEnabled());
+    EXPECT_EQ(cache.GetNumberOfEffectsInMemory(), 4u);
+    EXPECT_EQ(cache.GetNumberOfEffectsInFile(), 2u);
+    EXPECT_TRUE(ReadWholeFile(path) == before);
+    CacheClient fresh(directory);
+    EXPECT_EQ(fresh.Find("a"), EffectBytes("a", 9000));
+    fresh.Add("a", EffectBytes("new", 9000));
+    fresh.Add("c", EffectBytes("c", 9000));
+    fresh->ForceSaveToFile();
+    EXPECT_EQ(CacheClient(directory).Find("c"), EffectBytes("c", 9000));
+}
+
+TEST_F(EffectCacheFile, SaveOfWhichNothingReachesTheFileLeavesItAsItWas) {
+    {
+        CacheClient cache(directory);
+        cache.Add("a", EffectBytes("a", 9000));
+    }
+    const Bytes before = ReadWholeFile(path);
+    CacheClient other(directory);
+    MultiProcessTimeStamp stamp;
+    stamp.Initialize((SharedObjectName(directory) + "_timestamp").c_str());
+    CacheClient cache(directory);
+    cache.Add("a", EffectBytes("new", 9000));
+    {
+        const StdioFault fault(StdioCall::Write, EIO);
+        cache->ForceSaveToFile();
+        EXPECT_GT(fault.Failures(), 0u);
+    }
+    EXPECT_FALSE(cache->IsEnabled());
+    EXPECT_FALSE(stamp.IsChanged());
+    EXPECT_EQ(other.Find("a"), EffectBytes("a", 9000));
+    const Bytes after = ReadWholeFile(path);
+    EXPECT_TRUE(Bytes(after.begin(), after.begin() + static_cast<std::ptrdiff_t>(before.size())) ==
+                before);
+}
+
+// Whoever finds the file that was made has to look at it.
+TEST_F(EffectCacheFile, MadeAnewIsAnnouncedAlsoWhenItCanNotBeFinished) {
+    bool failed = true;
+    for (std::uint64_t writes = 0; failed; ++writes) {
+        WriteWholeFile(path, Bytes(20000, 0x5A));
+        MultiProcessTimeStamp stamp;
+        stamp.Initialize((SharedObjectName(directory) + "_timestamp").c_str());
+        const Bytes before = ReadWholeFile(path);
+        {
+            const StdioFault fault(StdioCall::Write, EIO, writes);
+            CacheClient cache(directory);
+            failed = fault.Failures() != 0;
+        }
+        const bool isPackage = static_cast<bool>(OpenFilePackage(CacheConfig(path)));
+        EXPECT_EQ(stamp.IsChanged(), isPackage) << "after " << writes << " writes";
+    }
 }
 
 }  // namespace

@@ -391,6 +391,9 @@ TEST_F(EffectCacheProcesses, FileThatAKilledProcessLeftUnfinishedIsReplacedByAnE
         const Util::RefPtr<PagedFilePackage> package(new PagedFilePackage(config));
         ASSERT_TRUE(package->Load());
         package->MarkUnfinished();
+        const std::uint64_t id = package->CreateDataStream(100 * 8192);
+        const Bytes bytes(100 * 8192);  // more than the cache of pages holds
+        ASSERT_EQ(package->OpenDataStream(id)->Write(bytes.data(), bytes.size()), bytes.size());
         package->Abandon();
     }
     const auto a = Start();
@@ -398,6 +401,37 @@ TEST_F(EffectCacheProcesses, FileThatAKilledProcessLeftUnfinishedIsReplacedByAnE
     a->Add("y", "by-a", 9000);
     EXPECT_TRUE(a->Save());
     EXPECT_EQ(Start()->Find("y"), Expected("by-a", 9000));
+}
+
+// A process that is killed inside a save, before the first page of it is overwritten.
+TEST_F(EffectCacheProcesses, FileThatAKilledProcessWasAboutToChangeIsWhole) {
+    WriteCache(path, {{"x", EffectBytes("old-x", 9000)}});
+    {
+        const Util::RefPtr<PagedFilePackage> package(
+            new PagedFilePackage({path.c_str(), 64, 65535}));
+        ASSERT_TRUE(package->Load());
+        package->MarkUnfinished();
+        package->CreateDataStream(100 * 8192);
+        package->Abandon();
+    }
+    EXPECT_EQ(Start()->Find("x"), Expected("old-x", 9000));
+}
+
+// One reload does for the death and for the save before it.
+TEST_F(EffectCacheProcesses, KilledHolderOfTheFileMutexAfterASaveMakesForOneReload) {
+    WriteCache(path, {{"x", EffectBytes("old-x", 9000)}});
+    CacheClient b(directory);
+    const auto a = Start();
+    a->Add("y", "by-a", 100);
+    ASSERT_TRUE(a->Save());
+    ChildProcess holder("MutexHolder", {SharedObjectName(directory) + "_mutex"});
+    ASSERT_EQ(holder.Receive(), "0");
+    holder.Kill();
+    const std::uint64_t before = CountStdioCalls().opens;
+    EXPECT_EQ(b.Find("y"), EffectBytes("by-a", 100));
+    EXPECT_EQ(CountStdioCalls().opens, before + 1);
+    EXPECT_EQ(b.Find("y"), EffectBytes("by-a", 100));
+    EXPECT_EQ(CountStdioCalls().opens, before + 1);
 }
 
 TEST_F(EffectCacheProcesses, KilledHolderOfTheFileMutexDoesNotKeepOthersFromOpening) {

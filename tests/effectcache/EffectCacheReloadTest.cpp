@@ -64,6 +64,13 @@ TEST_F(EffectCacheReload, SeveralSavesMakeForOneReload) {
     EXPECT_EQ(Reloads([this] { b.Find("x"); }), 0u);
 }
 
+TEST_F(EffectCacheReload, DoesNotHappenInASaveWithNothingQueued) {
+    a.Add("x", EffectBytes("x", 100));
+    a->ForceSaveToFile();
+    EXPECT_EQ(Reloads([this] { b->ForceSaveToFile(); }), 0u);
+    EXPECT_EQ(Reloads([this] { b.Find("x"); }), 1u);
+}
+
 TEST_F(EffectCacheReload, DoesNotFollowOnesOwnSave) {
     b.Find("absent");
     b.Add("x", EffectBytes("x", 100));
@@ -225,6 +232,7 @@ public:
 
     void ExpectInertAndFileAsItWas() {
         EXPECT_FALSE(b->IsEnabled());
+        EXPECT_EQ(b.InMemory(), 1u);
         EXPECT_EQ(b.Find("x"), std::nullopt);
         EXPECT_EQ(b.Find("mine"), std::nullopt);
         EXPECT_TRUE(IsFileMutexFree(directory));

@@ -2,10 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <future>
 #include <iterator>
+#include <memory>
 #include <thread>
 
 #include "effectcache/CacheClient.h"
@@ -14,6 +18,7 @@
 #include "effectcache/StoredCache.h"
 #include "platform/NamedMemory.h"
 #include "platform/Path.h"
+#include "quorvel/AutoMutex.h"
 #include "quorvel/Exceptions.h"
 #include "quorvel/MultiProcessTimeStamp.h"
 #include "quorvel/MutexObject.h"
@@ -49,6 +54,24 @@ void ExpectInert(CacheClient& cache) {
     EXPECT_FALSE(cache->IsEnabled());
 }
 
+// Runs a function on a thread of its own, and tells whether it waits for something that this thread
+// holds. A wait of a tenth of a second counts; one of ten must not be.
+class Waiting {
+public:
+    explicit Waiting(const std::function<void()>& function)
+        : done_(std::async(std::launch::async, function)) {}
+
+    bool Waits() const {
+        return done_.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready;
+    }
+    bool Ends() const {
+        return done_.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    }
+
+private:
+    std::future<void> done_;
+};
+
 // ---- Where the cache is -------------------------------------------------------------------------
 
 TEST(EffectCacheSystem, EmptyDirectoryMakesAnInertCache) {
@@ -74,6 +97,61 @@ TEST(EffectCacheSystem, FileThatCanBeNeitherOpenedNorCreatedMakesAnInertCache) {
     std::filesystem::create_directory(CacheFilePath(directory));
     CacheClient cache(directory);
     ExpectInert(cache);
+}
+
+TEST(EffectCacheSystem, InertCacheWaitsForNobody) {
+    const TemporaryDirectory directory;
+    std::filesystem::create_directory(CacheFilePath(directory));
+    auto cache = std::make_unique<CacheClient>(directory);
+    ASSERT_FALSE((*cache)->IsEnabled());
+    MutexObject mutex((SharedObjectName(directory) + "_mutex").c_str());
+    const AutoMutex guard(mutex, kWaitForever);
+    EXPECT_TRUE(Waiting([&] { (*cache)->ForceSaveToFile(); }).Ends());
+    EXPECT_TRUE(Waiting([&] { cache.reset(); }).Ends());
+}
+
+TEST(EffectCacheSystem, SearchesAndSavesWaitForTheFileMutexEvenWithNothingToSave) {
+    const TemporaryDirectory directory;
+    CacheClient cache(directory);
+    cache.Add("x", EffectBytes("x", 100));
+    cache->ForceSaveToFile();
+    MutexObject mutex((SharedObjectName(directory) + "_mutex").c_str());
+    for (const std::function<void()>& operation :
+         {std::function<void()>([&] { EXPECT_TRUE(cache.Find("x")); }),
+          std::function<void()>([&] { cache->ForceSaveToFile(); })}) {
+        mutex.Acquire(kWaitForever);
+        const Waiting waiting(operation);
+        EXPECT_TRUE(waiting.Waits());
+        mutex.Release();
+        EXPECT_TRUE(waiting.Ends());
+    }
+}
+
+// A search that waits for the file mutex holds the cache's own lock.
+TEST(EffectCacheSystem, OnlyTheOperationsOfManyThreadsWaitForEachOther) {
+    const TemporaryDirectory directory;
+    CacheClient cache(directory);
+    cache.Add("x", EffectBytes("x", 100));
+    cache->ForceSaveToFile();
+    MutexObject mutex((SharedObjectName(directory) + "_mutex").c_str());
+    mutex.Acquire(kWaitForever);
+    const Waiting searching([&] { cache.Find("x"); });
+    ASSERT_TRUE(searching.Waits());
+
+    cache->ForceSaveToFile();
+    cache->ListCachedEffects(directory.File("list").c_str());
+    EXPECT_EQ(cache.InFile(), 1u);
+    EXPECT_EQ(cache.InMemory(), 0u);
+    EXPECT_EQ(cache.Find(""), std::nullopt);
+    EXPECT_TRUE(std::filesystem::exists(directory.File("list")));
+    {
+        const Waiting adding([&] { cache.Add("y", {1}); });
+        const Waiting asking([&] { cache->IsEnabled(); });
+        const Waiting setting([&] { cache->SetEnabled(true); });
+        EXPECT_TRUE(adding.Waits() && asking.Waits() && setting.Waits());
+        mutex.Release();
+    }
+    EXPECT_TRUE(searching.Ends());
 }
 
 TEST(EffectCacheSystem, CacheFilePathIsTheDirectoryAsItWasPassed) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <optional>
 
 #include "effectcache/CacheClient.h"
@@ -9,6 +10,7 @@
 #include "effectcache/StoredCache.h"
 #include "platform/Path.h"
 #include "quorvel/MultiProcessTimeStamp.h"
+#include "support/StdioFaults.h"
 
 // How a cache keeps within its space budget.
 namespace Quorvel::Testing {
@@ -55,6 +57,25 @@ public:
 };
 
 // ---- While the index is loaded ------------------------------------------------------------------
+
+TEST_F(EffectCacheTrim, ThatCantBeWrittenLeavesAllEffectsToBeFound) {
+    Write({Effect("old", Year(2001)), Effect("new", Year(2002)), Effect("kept", Year(2000), true)});
+    const Bytes before = ReadWholeFile(path);
+    CacheClient earlier(directory);
+    FreeSpaceStub space(Total());
+    {
+        const StdioFault fault(StdioCall::Write, EIO);
+        CacheClient cache(directory);
+        EXPECT_GT(fault.Failures(), 0u);
+        EXPECT_TRUE(cache->IsEnabled());
+        for (const char* name : {"old", "new", "kept"}) {
+            EXPECT_EQ(cache.Find(name), EffectBytes(name, kSize));
+        }
+    }
+    EXPECT_TRUE(ReadWholeFile(path) == before);
+    EXPECT_EQ(earlier.Find("old"), EffectBytes("old", kSize));
+    EXPECT_EQ(LeftAfterOpening(Total()), (Names{"new", "kept"}));
+}
 
 TEST_F(EffectCacheTrim, BudgetIsAskedForTheDirectoryWithItsSeparator) {
     FreeSpaceStub space(kPlenty);
@@ -380,7 +401,7 @@ public:
         ASSERT_EQ(package->GetTotalDataSize(), total);
     }
 
-    std::uint64_t EffectsLeft(FreeSpaceStub&) {
+    std::uint64_t EffectsLeft() {
         CacheClient cache(directory);
         EXPECT_TRUE(cache->IsEnabled());
         return cache.InFile();
@@ -390,30 +411,30 @@ public:
 TEST_F(EffectCacheBudgetCap, TotalOf256MebibytesIsTrimmedHoweverMuchIsFree) {
     FreeSpaceStub space(kPlenty);
     WriteWithTotal(kCap);
-    EXPECT_EQ(EffectsLeft(space), 0u);
+    EXPECT_EQ(EffectsLeft(), 0u);
 }
 
 TEST_F(EffectCacheBudgetCap, OneByteLessIsKept) {
     FreeSpaceStub space(kPlenty);
     WriteWithTotal(kCap - 1);
-    EXPECT_EQ(EffectsLeft(space), 1u);
+    EXPECT_EQ(EffectsLeft(), 1u);
 }
 
 TEST_F(EffectCacheBudgetCap, LessFreeSpaceThanTheCapIsTheBudget) {
     FreeSpaceStub space(kCap - 1);
     WriteWithTotal(kCap - 1);
-    EXPECT_EQ(EffectsLeft(space), 0u);
+    EXPECT_EQ(EffectsLeft(), 0u);
     WriteWithTotal(kCap - 2);
-    EXPECT_EQ(EffectsLeft(space), 1u);
+    EXPECT_EQ(EffectsLeft(), 1u);
 }
 
 TEST_F(EffectCacheBudgetCap, UnknownFreeSpaceIsTakenAsTheCap) {
     FreeSpaceStub space(0);
     space.Fail();
     WriteWithTotal(kCap);
-    EXPECT_EQ(EffectsLeft(space), 0u);
+    EXPECT_EQ(EffectsLeft(), 0u);
     WriteWithTotal(kCap - 1);
-    EXPECT_EQ(EffectsLeft(space), 1u);
+    EXPECT_EQ(EffectsLeft(), 1u);
     EXPECT_FALSE(space.Queries().empty());
 }
 

@@ -5,6 +5,7 @@
 
 #include "format/EffectCacheWriter.h"
 #include "format/LibraryCache.h"
+#include "format/LibraryPackage.h"
 #include "format/TestData.h"
 
 namespace Quorvel::Format {
@@ -91,16 +92,11 @@ TEST_F(MisplacedEffects, WithTwoEffectsInOneStreamServesNoneForTheOther) {
 }
 
 TEST_F(MisplacedEffects, WithAnEffectWithoutAStreamServesNoLaterStreamForIt) {
-    for (const std::size_t which : {0u, 2u}) {
-        WriteFile([&](PackageImage& image) {
-            const auto index = which + 1;
-            for (std::vector<std::uint64_t>* const list : {&image.blocks[0].streams}) {
-                list->erase(std::remove(list->begin(), list->end(), index), list->end());
-            }
-            std::erase_if(image.streams, [&](const auto& stream) { return stream.id == index; });
-            std::erase_if(image.fragments, [&](const auto& one) { return one.streamId == index; });
-        });
+    for (const std::uint64_t stream : {1u, 3u}) {
+        WriteFile([](PackageImage&) {});
+        ASSERT_TRUE(OpenPackage(CacheFile(directory_))->DeleteDataStream(stream));
         ExpectNoWrongBytes();
+        EXPECT_TRUE(LibraryCache(directory_).Search("b"));
     }
     WriteFileWithIndex([](std::vector<IndexEntry>& entries) {
         entries[0].record.streamId = 5;  // the id that the next stream gets

@@ -277,6 +277,24 @@ TEST_F(MultiProcessMemoryTest, LeavesItsBlockBeforeItOpensTheSameNameAgain) {
     EXPECT_EQ(FirstByte(block), 0);
 }
 
+TEST_F(MultiProcessMemoryTest, LeavesItsMutexBeforeItOpensTheSameNameAgain) {
+    Block block;
+    block.Initialize(name_, kBytes);
+    ASSERT_NE(block.Lock(0), nullptr);
+    EXPECT_TRUE(block.Initialize(name_, kBytes));
+    EXPECT_TRUE(MutexIsFree());
+}
+
+TEST_F(MultiProcessMemoryTest, AttachesToAllOfABlockWhenNoBytesAreAskedFor) {
+    Block made;
+    Block block;
+    made.Initialize(name_, kBytes);
+    FirstByte(made) = 3;
+    EXPECT_TRUE(block.Initialize(name_, 0));
+    EXPECT_THAT(block.calls, ElementsAre("attached"));
+    EXPECT_EQ(FirstByte(block), 3);
+}
+
 TEST_F(MultiProcessMemoryTest, ThrowsForABlockOfNoBytes) {
     Block block;
     EXPECT_THROW(block.Initialize(name_, 0), Win32APICallFailedException);

@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <future>
 #include <memory>
 #include <set>
 #include <string>
@@ -252,6 +254,25 @@ TEST_F(MultiProcessTimeStampTest, LeavesItsLockFree) {
     EXPECT_TRUE(other.FindsItFree());
     stamp_.IsChanged();
     EXPECT_TRUE(other.FindsItFree());
+}
+
+// The record is made before the lock is had.
+TEST_F(MultiProcessTimeStampTest, WaitsForItsLockWithTheRecordThatItHasMade) {
+    stamp_.Initialize(name_.c_str());
+    MultiProcessTimeStamp other;
+    other.Initialize(name_.c_str());
+    MutexUser holder(name_ + "_mutex");
+    for (const bool updates : {true, false}) {
+        ASSERT_EQ(holder.Acquire(), kWaitAcquired);
+        auto waiting = std::async(std::launch::async, [&] {
+            updates ? stamp_.UpdateTimeStamp() : static_cast<void>(other.IsChanged());
+        });
+        EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+        const std::int64_t released = Platform::PerformanceCounter();
+        holder.Release();
+        waiting.get();
+        EXPECT_LT(SharedRecord().counter, released);
+    }
 }
 
 TEST_F(MultiProcessTimeStampTest, PassesOnThatItsMutexIsAbandoned) {

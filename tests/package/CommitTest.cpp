@@ -374,20 +374,86 @@ TEST_F(CommitTest, OfADamagedHeadFileFailsOnceAndFreesNoPageTwice) {
     ExpectPackage();
 }
 
+TEST_F(CommitTest, OfAHeadFileThatClaimsAPageTooManyFailsOnce) {
+    Add(10000);
+    package_.Reset();
+    Bytes file = File();
+    Format::StoreInteger(file, 0, 8, 2);      // page count
+    Format::StoreInteger(file, 24, 8, 8192);  // data end: a full page, and no next one
+    Format::WriteWholeFile(path_, file);
+    package_ = NewPackage();
+    ASSERT_TRUE(package_->Load());
+
+    SetHeaderData({1, 2, 3});
+    EXPECT_THROW(package_->Commit(), FileDataCorruptException);
+    CommitAndExpectFile();
+}
+
+TEST_F(CommitTest, FreesThePagesOfAHeadFileThatTheStateDoesNotReach) {
+    SetHeaderData(Format::Pattern(20000, 1));
+    Add(8192);
+    package_.Reset();
+    const PackageImage image = Image();
+    ASSERT_EQ(image.headPages.size(), 3U);
+    // As if the state had needed a page more: the chain goes on, and the page count counts it.
+    Bytes file = File();
+    const std::uint64_t last = image.headPages.back().number;
+    const std::uint64_t more = 10 + image.links.size();
+    const auto put = [&](std::uint64_t page, std::size_t offset, std::uint64_t value) {
+        Format::StoreInteger(file, Format::PageOffset(page) + offset, 8, value);
+    };
+    file.resize(Format::PageOffset(more) + 8192);
+    put(10, 0, 4);
+    put(last, 0, more);
+    put(last, 8, 8192);
+    put(more, 8, 17);
+    Format::WriteWholeFile(path_, file);
+    package_ = NewPackage();
+    ASSERT_TRUE(package_->Load());
+    EXPECT_THROW(
+        {
+            SetHeaderData({1});
+            package_->Commit();
+        },
+        InvalidParameterException);  // the table of links does not have that page
+    CommitAndExpectFile();
+}
+
 // ---- Packages that are marked as unfinished ---------------------------------------------------
 
-TEST_F(CommitTest, MarkedPackageCanNotBeOpenedUntilItIsCommitted) {
+TEST_F(CommitTest, MarkedPackageStaysAsItWasUntilItsFirstPageLeavesTheCache) {
+    Add(10000);
+    ASSERT_TRUE(package_->Commit());
+    const Bytes old = File();
+    package_->MarkUnfinished();
+    EXPECT_TRUE(package_->HasChanges());
+    EXPECT_FALSE(package_->MayHaveChangedFile());
+    EXPECT_TRUE(File() == old);
+    CommitAndExpectFile();
+    EXPECT_FALSE(package_->MayHaveChangedFile());
+}
+
+TEST_F(CommitTest, MarkedPackageOfWhichAPageWasWrittenCanNotBeOpenedUntilItIsCommitted) {
     const std::uint64_t old = Add(10000);
     ASSERT_TRUE(package_->Commit());
     package_->MarkUnfinished();
-    EXPECT_TRUE(package_->HasChanges());
+    Delete(old);
+    Add(100 * 8192);  // more than the cache holds
+    EXPECT_TRUE(package_->MayHaveChangedFile());
     EXPECT_EQ(WordsOfPage(File(), 10, 1), Words{0});
     EXPECT_FALSE(NewPackage()->Load());
-
-    Delete(old);
-    Add(20000);
-    EXPECT_FALSE(NewPackage()->Load());
     CommitAndExpectFile();
+}
+
+TEST_F(CommitTest, MarkedPackageThatIsAbandonedBeforeAPageWasWrittenLeavesTheFileAsItWas) {
+    Add(10000);
+    ASSERT_TRUE(package_->Commit());
+    const Bytes old = File();
+    package_->MarkUnfinished();
+    package_->DeleteDataStream(0);
+    package_->Abandon();
+    package_.Reset();
+    EXPECT_TRUE(File() == old);
 }
 
 TEST_F(CommitTest, MarkingAgainWritesNothing) {
@@ -407,7 +473,7 @@ TEST_F(CommitTest, NextCommitAfterAMarkedOneIsAnOrdinaryOne) {
 }
 
 // A process that dies leaves the file as its last write left it. Whichever write that is, the file
-// can be opened only when nothing is missing from it.
+// can be opened only before the first one, and when nothing is missing from it.
 TEST_F(CommitTest, OfAMarkedPackageMakesTheFileReadableByItsLastWrite) {
     std::uint64_t writesDone = 0;
     for (bool isCommitted = false; !isCommitted; ++writesDone) {
@@ -416,6 +482,7 @@ TEST_F(CommitTest, OfAMarkedPackageMakesTheFileReadableByItsLastWrite) {
             Add(7500);
         }
         ASSERT_TRUE(package_->Commit());
+        const Bytes old = File();
         package_->MarkUnfinished();
         Delete(0);
         Add(7500);
@@ -426,7 +493,10 @@ TEST_F(CommitTest, OfAMarkedPackageMakesTheFileReadableByItsLastWrite) {
             } catch (const FileIOException&) {
             }
         }
-        EXPECT_EQ(NewPackage()->Load(), isCommitted) << "after " << writesDone << " writes";
+        EXPECT_EQ(NewPackage()->Load(), isCommitted || writesDone == 0)
+            << "after " << writesDone << " writes";
+        EXPECT_EQ(File() == old, writesDone == 0);
+        EXPECT_EQ(package_->MayHaveChangedFile(), !isCommitted && writesDone != 0);
         package_->Abandon();
     }
     EXPECT_GT(writesDone, 10U);

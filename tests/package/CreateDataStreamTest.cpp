@@ -324,15 +324,36 @@ TEST_F(CreateDataStreamTest, TakesThePagesAgainThatItGaveBack) {
 }
 
 // A block whose record counts bytes as free that a tail lies in.
-TEST_F(CreateDataStreamTest, KeepsNothingOfAStreamWhoseTailOverlapsAnother) {
+TEST_F(CreateDataStreamTest, KeepsTheIdOfAStreamWhoseTailOverlapsAnother) {
     Add(100);
     Edit([](PackageImage& image) { image.blocks[0].freeBytes = 65536; });
     EXPECT_THROW(package_->CreateDataStream(2 * 8192 + 50), FileDataCorruptException);
-    EXPECT_EQ(package_->GetNumberOfDataStreams(), 1U);
-    EXPECT_EQ(package_->GetTotalDataSize(), 100U);
+    EXPECT_EQ(package_->GetNumberOfDataStreams(), 2U);
+    EXPECT_THROW(package_->OpenDataStream(1), FileDataCorruptException);
+    EXPECT_EQ(package_->CreateDataStream(2 * 8192), 2U);
+    EXPECT_TRUE(package_->DeleteDataStream(1));
     EXPECT_EQ(package_->CreateDataStream(2 * 8192), 1U);
     EXPECT_TRUE(package_->Commit());
-    EXPECT_EQ(File().size(), 11 * 8192U);  // head file, tail block, two pages
+}
+
+// A tail that was left behind belongs to an id that is free now.
+TEST_F(CreateDataStreamTest, FailsOnceWhereATailHasNoStream) {
+    Add(100);
+    Add(100);
+    Edit([](PackageImage& image) {
+        std::erase_if(image.streams, [](const auto& stream) { return stream.id == 0; });
+    });
+    EXPECT_THROW(package_->CreateDataStream(50), FileDataCorruptException);
+    EXPECT_EQ(package_->CreateDataStream(50), 2U);
+}
+
+TEST_F(CreateDataStreamTest, ThatFailsCountsAsAChange) {
+    ASSERT_TRUE(package_->Commit());
+    {
+        const StdioFault fault(StdioCall::Write, ENOSPC);
+        EXPECT_EQ(FileErrorOf([&] { package_->CreateDataStream(4 * 8192); }), ENOSPC);
+    }
+    EXPECT_TRUE(package_->HasChanges());
 }
 
 }  // namespace Quorvel::Testing

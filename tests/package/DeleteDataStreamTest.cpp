@@ -205,6 +205,24 @@ TEST_F(DeleteDataStreamTest, RefusesABlockWhoseChainIsBroken) {
     Add(100);
     Edit([](PackageImage& image) { image.links[4] = Format::kChainEnd; });  // in the block's middle
     EXPECT_THROW(package_->DeleteDataStream(0), FileDataCorruptException);
+    EXPECT_TRUE(package_->HasChanges());
+    ExpectPackage();
+}
+
+TEST_F(DeleteDataStreamTest, FreesAChainToItsEndWhateverTheRecordCounts) {
+    Add(3 * 8192);
+    Edit([](PackageImage& image) {
+        image.streams[0].pageCount = 2;
+        image.streams[0].size = 2 * 8192;
+    });
+    const std::uint64_t first = Image().streams[0].firstPage;
+    streams_.clear();
+    ASSERT_TRUE(package_->DeleteDataStream(0));
+    ASSERT_TRUE(package_->Commit());
+    const PackageImage image = Image();
+    for (std::uint64_t page = first; page < first + 3; ++page) {
+        EXPECT_EQ(image.Link(page), Format::kFreePage) << page;
+    }
 }
 
 TEST_F(DeleteDataStreamTest, LetsTheFilesErrorsThrough) {
@@ -225,6 +243,10 @@ TEST_F(OnePageTest, CanNotMoveATailFromOnePageToAnother) {
     Add(100);
     Add(100);
     EXPECT_THROW(package_->DeleteDataStream(0), FileDataCorruptException);
+    // The stream has gone and its tail has not: one that gets its id can't have a tail.
+    EXPECT_EQ(package_->GetNumberOfDataStreams(), 1U);
+    EXPECT_THROW(package_->CreateDataStream(100), FileDataCorruptException);
+    EXPECT_EQ(package_->CreateDataStream(100), 2U);
 }
 
 }  // namespace Quorvel::Testing

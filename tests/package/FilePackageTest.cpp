@@ -51,6 +51,44 @@ TEST_F(FilePackageTest, CreateMakesAFileOfOnePageWithNothingInIt) {
     Format::ExpectFile(path_, {}, {});
 }
 
+TEST_F(FilePackageTest, CreateOfAPackageThatIsInUseStartsAnew) {
+    const Util::RefPtr<PagedFilePackage> package(new PagedFilePackage({path_.c_str(), 64, 8}));
+    ASSERT_TRUE(package->Create());
+    package->CreateDataStream(20000);
+    Format::SetHeaderData(*package, {1, 2, 3});
+    ASSERT_TRUE(package->Commit());
+    ASSERT_TRUE(package->Load());
+    package->CreateDataStream(20000);
+
+    ASSERT_TRUE(package->Create());
+    EXPECT_FALSE(package->HasChanges());
+    EXPECT_EQ(package->GetNumberOfDataStreams(), 0U);
+    EXPECT_EQ(package->GetTotalDataSize(), 0U);
+    EXPECT_EQ(package->GetHeaderDataSize(), 0U);
+    // A package that was loaded with that limit has room for one block only.
+    std::map<std::uint64_t, Bytes> streams;
+    for (int stream = 0; stream < 3; ++stream) {
+        const Bytes content = Format::Pattern(8191 + 8192 * 7, 1);
+        streams[Format::AddStream(*package, content)] = content;
+    }
+    for (int stream = 0; stream < 5; ++stream) {
+        const Bytes content = Format::Pattern(8191, 2);
+        streams[Format::AddStream(*package, content)] = content;
+    }
+    ASSERT_TRUE(package->Commit());
+    EXPECT_EQ(Format::ReadPackage(Format::ReadWholeFile(path_)).streams[0].firstPage, 11U);
+    Format::ExpectFile(path_, streams, {});
+}
+
+TEST_F(FilePackageTest, CreateThatFailsIsCommittedByItsReleaseIfItCanBe) {
+    {
+        const StdioFault fault(StdioCall::Write, EIO, 1, 1);
+        EXPECT_FALSE(Create(path_));
+        EXPECT_EQ(fault.Failures(), 1U);
+    }
+    EXPECT_TRUE(Open(path_));
+}
+
 TEST_F(FilePackageTest, CreateCommits) {
     const auto package = Create(path_);
     ASSERT_TRUE(package);

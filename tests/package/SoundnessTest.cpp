@@ -133,6 +133,11 @@ INSTANTIATE_TEST_SUITE_P(
          [](PackageImage& image) {
              image.links[image.blocks[0].pages[7] - 10] = image.streams[0].firstPage;
          }},
+        {"PageOfNobodyThatGoesOnInAFreeOne",
+         [](PackageImage& image) {
+             const std::uint64_t free = FreePage(image);
+             image.links.push_back(free);
+         }},
         {"FreeHeadPage", [](PackageImage& image) { image.links[0] = Format::kFreePage; }},
         {"TailInAnothersPlace",
          [](PackageImage& image) { image.fragments[1].offset = image.fragments[0].offset; }},

@@ -118,6 +118,15 @@ TEST_F(TailBlockTableTest, FindsTheFirstBlockThatHasRoom) {
     EXPECT_EQ(table_.FindBlockWithRoom(65537), std::nullopt);
 }
 
+TEST_F(TailBlockTableTest, HasTheHighestLimitAfterAResetWithoutOne) {
+    table_.Reset(8);
+    table_.Reset();
+    for (std::uint64_t block = 0; block < 3; ++block) {
+        EXPECT_EQ(table_.AddBlock(kPages), block);
+    }
+    EXPECT_TRUE(table_.Place(0xFFFFFF, 2, 10));
+}
+
 TEST_F(TailBlockTableTest, ForgetsEverythingAtReset) {
     EXPECT_TRUE(table_.Place(1, block_, 100));
     table_.Reset(8);

@@ -784,6 +784,62 @@ TEST_F(FilePageCacheTest, WritePageThrowsWhenThePageCanNotBeWritten) {
     EXPECT_THROW(cache.WritePage(10), FileIOException);
 }
 
+TEST_F(FilePageCacheTest, APageToBeWrittenBeforeOthersIsWrittenWhenTheFirstOfThemLeaves) {
+    MakeZeroFile(4);
+    FilePageCache cache(path_.c_str(), 3);
+    Fill(cache, 10);
+    cache.WriteBeforeOthers(10);
+    EXPECT_TRUE(cache.IsHoldingBack());
+    Fill(cache, 11);
+    Fill(cache, 12);
+    cache.EnsurePageInFile(20);
+    Touch(cache, 10);
+    EXPECT_TRUE(cache.IsHoldingBack());
+    EXPECT_EQ(FilledPagesOfFile(), Numbers());
+    StdioTrace trace;
+    Touch(cache, 13);  // 11 leaves
+    Numbers written;
+    for (const StdioTransfer& transfer : trace.Take()) {
+        if (transfer.kind == StdioTransfer::Kind::Write) {
+            written.push_back(transfer.offset);
+        }
+    }
+    EXPECT_EQ(written, (Numbers{0, 8192}));
+    EXPECT_FALSE(cache.IsHoldingBack());
+    const StdioCounts before = CountStdioCalls();
+    Touch(cache, 10);  // has stayed
+    EXPECT_EQ(CountStdioCalls().reads, before.reads);
+}
+
+TEST_F(FilePageCacheTest, APageToBeWrittenBeforeOthersMayBeTheFirstToLeave) {
+    MakeZeroFile(4);
+    FilePageCache cache(path_.c_str(), 1);
+    Fill(cache, 10);
+    cache.WriteBeforeOthers(10);
+    const StdioCounts before = CountStdioCalls();
+    Touch(cache, 11);
+    EXPECT_EQ(CountStdioCalls().writes, before.writes + 1);
+    EXPECT_FALSE(cache.IsHoldingBack());
+}
+
+TEST_F(FilePageCacheTest, APageThatCantBeWrittenBeforeOthersKeepsThemBack) {
+    MakeZeroFile(4);
+    FilePageCache cache(path_.c_str(), 2);
+    Fill(cache, 10);
+    cache.WriteBeforeOthers(10);
+    Fill(cache, 11);
+    Touch(cache, 10);
+    {
+        const StdioFault fault(StdioCall::Write, EIO);
+        EXPECT_EQ(FileErrorOf([&] { cache.GetPageForRead(12); }), EIO);
+        EXPECT_EQ(fault.Failures(), 1u);
+    }
+    EXPECT_TRUE(cache.IsHoldingBack());
+    EXPECT_EQ(FilledPagesOfFile(), Numbers());
+    cache.DiscardAll();
+    EXPECT_FALSE(cache.IsHoldingBack());
+}
+
 // ---- Making the file cover a page ---------------------------------------------------------------
 
 TEST_F(FilePageCacheTest, CoversThePagesThatLieWhollyInTheFile) {
@@ -878,6 +934,7 @@ struct CacheFields {
     std::uint64_t residentCount;
     CachedPage* mostRecent;
     CachedPage* leastRecent;
+    CachedPage* firstToWrite;
 };
 
 TEST_F(FilePageCacheTest, KeepsItsStateInOneFixedOrder) {

@@ -141,7 +141,7 @@ TEST_F(EffectCacheTransfers, OfAKnownSaveAreSoMany) {
     }
     EXPECT_EQ(growths, 316u);
     EXPECT_EQ(reads, 348u);
-    EXPECT_EQ(writes, 351u);
+    EXPECT_EQ(writes, 350u);
 }
 
 }  // namespace

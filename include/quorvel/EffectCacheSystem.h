@@ -26,8 +26,9 @@ class EffectCacheImpl;
 class QUORVEL_API EffectCacheSystem : public Util::ARefObject {
 public:
     // Opens the cache of a directory, which must exist, or makes an empty one there when the file
-    // is missing or damaged. A directory and the same one with a trailing path separator share a
-    // cache. An empty directory makes an inert cache.
+    // is missing, damaged, of another version or can't be read. Evicts effects, the ones longest
+    // unused first, while they come to 256 MiB or to what is free on the volume. A directory and the
+    // same one with a trailing path separator share a cache. An empty directory makes an inert cache.
     // Throws Win32APICallFailedException or OutOfMemoryException when the objects that processes
     // share can't be made, std::bad_alloc.
     explicit EffectCacheSystem(const CStr& directory);
@@ -44,7 +45,10 @@ public:
     // file counts as used now, which makes it the last to be evicted.
     bool SearchCachedEffects(const CStr& name, Tab<unsigned char>& data);
 
-    // Saves what is queued now. When that fails the cache becomes inert.
+    // Saves what is queued now, evicting others for it; what there is no room for is dropped. When
+    // that fails the cache becomes inert. Other processes lose the saved effects then too if the file
+    // was half written, and keep them if nothing of the save has reached it: a file holds up to
+    // 65534 effects, and a save of more fails in this way.
     void ForceSaveToFile();
 
     // Writes a line for each saved effect to a text file, in order of name length, then of name:

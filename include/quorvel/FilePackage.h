@@ -11,8 +11,8 @@
 // locking: a package, with all of its streams, is used by one thread and one process at a time.
 namespace Quorvel {
 
-// Starts a new, empty package in config.fileName. A missing file is created; an existing one keeps
-// its length, and what it held is no longer reachable. Returns an empty reference on any failure;
+// Starts a new, empty package in config.fileName. A missing file is created; an existing one does
+// not become shorter, and what it held is no longer reachable. Returns an empty reference on any failure;
 // never throws.
 QUORVEL_API Util::RefPtr<IDataStreamSet> CreateFilePackage(const PagedFilePackageConfig& config);
 

@@ -30,15 +30,17 @@ public:
     // written over the file's state after it was read: commit first, or have none.
     virtual bool Load() = 0;
 
-    // Writes the state to the file if anything changed since the last Commit. False when it can't
-    // be written; the changes are then still pending.
+    // Writes the state to the file if anything changed since the last Commit: streams created or
+    // deleted, header data. False when it can't be written; the changes are then still pending.
+    // Bytes written into streams that were there are no change of the state: they reach the file
+    // with the next Commit that has one, when their page leaves the cache, or at the release.
     virtual bool Commit() = 0;
 
     // Sum of the sizes of all streams, in bytes.
     virtual std::uint64_t GetTotalDataSize() = 0;
 
     // Resizes the header data to size bytes; new bytes are zero. Returns true. Throws
-    // std::bad_alloc.
+    // std::bad_alloc or std::length_error.
     virtual bool SetHeaderDataSize(std::uint64_t size) = 0;
 
     // Size of the header data in bytes.
@@ -62,12 +64,14 @@ public:
     virtual Util::RefPtr<IDataStream> OpenDataStream(std::uint64_t id) = 0;
 
     // Creates a stream of size bytes, whose content is unspecified until written. Returns its id,
-    // or kInvalidStreamId when the package holds as many streams as it may.
+    // or kInvalidStreamId when the package holds as many streams as it may. Throws
+    // InvalidParameterException for a size of more pages than a file can have.
     virtual std::uint64_t CreateDataStream(std::uint64_t size) = 0;
 
     // Deletes a stream; its space is used again. False, with nothing changed, while it is open.
     // True when no stream has the id. When it throws, nothing has changed either, provided that
-    // the page cache had room for eight pages more than the open streams use.
+    // the page cache had room for eight pages more than the open streams use; without that room the
+    // stream may have gone and the space of its last page's bytes not be free, and false says so too.
     virtual bool DeleteDataStream(std::uint64_t id) = 0;
 };
 

@@ -15,7 +15,10 @@ struct PagedFilePackageConfig {
     std::uint64_t pageCacheCapacity;
 
     // Upper bound on the number of streams, and on the values of stream ids, that the package
-    // accepts.
+    // accepts; above 0xFFFFFF there are no ids. Best a multiple of 8: of the streams whose size is no
+    // multiple of 8192, a package that is opened takes no more than fit an eighth of this, rounded
+    // down (at least 1), blocks of 64 KiB, and a package that has outgrown that can be opened with a
+    // higher limit only.
     std::uint64_t streamLimit;
 };
 

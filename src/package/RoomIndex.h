@@ -15,8 +15,8 @@ public:
     // Sets the room of a block, in bytes. Throws std::bad_alloc, changing nothing.
     void Set(std::uint64_t block, std::uint32_t bytes);
 
-    // The lowest block with at least so many bytes of room. No block has room 0, so bytes is at
-    // least 1.
+    // The lowest block with at least so many bytes of room. At least 1: ids that no block has stand
+    // as blocks without room.
     std::optional<std::uint64_t> FirstWith(std::uint64_t bytes) const;
 
     void Clear();

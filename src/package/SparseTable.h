@@ -26,8 +26,8 @@ public:
     }
     Record* Find(std::uint64_t id) { return const_cast<Record*>(std::as_const(*this).Find(id)); }
 
-    // Stores a record, in place of the one that the id had. Throws std::bad_alloc, changing
-    // nothing.
+    // Stores a record, in place of the one that the id had. Throws std::bad_alloc or, for an
+    // id beyond all reason, std::length_error, changing nothing.
     void Put(std::uint64_t id, const Record& record) {
         if (id / kChunkSize >= chunks_.size()) {
             chunks_.resize(id / kChunkSize + 1);

@@ -130,8 +130,8 @@ public:
     }
 
 private:
-    // Bytes between the place of the next read and the stream's end, which may lie behind it: a
-    // damaged head file may hold more bytes than its size says.
+    // Bytes between the place of the next read and the stream's end by its size; 0 behind that end,
+    // where a damaged head file, whose size says too little, may go on.
     std::uint64_t BytesLeft() const {
         const std::uint64_t position = stream_.GetPosition() - (end_ - begin_);
         const std::uint64_t size = stream_.GetSize();

@@ -154,8 +154,10 @@ bool TailBlockTable::IsValid(const StoredTailBlock& block) const {
            std::all_of(block.pages.begin(), block.pages.end(), IsValidPageNumber);
 }
 
+// Whatever the limit, no stream has an id above the highest that there is, and the tables would take
+// memory up to it.
 bool TailBlockTable::IsValid(const TailFragment& fragment) const {
-    return fragment.streamId <= limit_ && Block(fragment.blockId) &&
+    return fragment.streamId <= std::min(limit_, kDefaultStreamLimit) && Block(fragment.blockId) &&
            fragment.offset < kTailBlockSize && fragment.length < kPageSize;
 }
 

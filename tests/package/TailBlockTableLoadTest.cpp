@@ -208,6 +208,12 @@ TEST(TailBlockTableLoad, RefusesAFragmentOfAStreamAboveTheLimit) {
     EXPECT_THROW(Load(With(kStreamId, kLimit + 1)), InvalidParameterException);
 }
 
+TEST(TailBlockTableLoad, RefusesAFragmentOfAStreamAboveAllIdsWhateverTheLimit) {
+    constexpr std::uint64_t kNoLimit = ~std::uint64_t{0};
+    EXPECT_TRUE(Load(With(kStreamId, 0xFFFFFF), kNoLimit));
+    EXPECT_THROW(Load(With(kStreamId, 0x1000000), kNoLimit), InvalidParameterException);
+}
+
 TEST(TailBlockTableLoad, RefusesAFragmentInABlockThatThereIsNot) {
     EXPECT_TRUE(Load(With(kFragmentBlock, 0)));
     for (const std::uint64_t block : {std::uint64_t{1}, std::uint64_t{4}, ~std::uint64_t{0}}) {

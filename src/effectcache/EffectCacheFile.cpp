@@ -434,7 +434,7 @@ bool EffectCacheImpl::MoveIntoFile(const PendingEffect& effect) {
         package_->DeleteDataStream(replaced->record.streamId);
         fileTable_.Remove(replaced);
     }
-    const std::uint64_t streamId = CreateStream(SerializedSize(bytes));
+    const std::uint64_t streamId = CreateStream(SerializedSize(bytes.size()));
     Util::RefPtr<IDataStream> stream = package_->OpenDataStream(streamId);
     if (!stream || !WriteBytes(bytes, stream)) {
         return false;

@@ -94,7 +94,7 @@ void EffectCacheImpl::CacheCompiledEffect(const CStr& name, const unsigned char*
     pendingTable_.MakeRoom();
     pendingTable_.Put(
         PendingEffect::Make(pendingTable_, key, hash, {data, size}, permanent ? 1U : 0U), hash);
-    pendingBytes_ += IndexEntrySize(key.length) + DataStreamSize(size);
+    pendingBytes_ += IndexEntrySize(key.length) + SerializedSize(size);
     if (pendingBytes_ >= kSaveThreshold) {
         SavePending();
     }
@@ -132,7 +132,7 @@ bool EffectCacheImpl::ReadEffect(EffectRecord& record, Tab<unsigned char>& data)
         return false;
     }
     const auto count = static_cast<std::uint64_t>(data.Count());
-    if (count != record.effectSize || stream->GetSize() != DataStreamSize(count)) {
+    if (count != record.effectSize || stream->GetSize() != SerializedSize(count)) {
         return false;
     }
     record.entryTime = CurrentEntryTime();

@@ -76,12 +76,9 @@ static_assert(offsetof(EffectRecord, reserved) == 36);
 EntryTime CurrentEntryTime() noexcept;
 bool IsEarlier(const EntryTime& left, const EntryTime& right) noexcept;
 
-// Bytes that an effect takes in the index stream, and in a stream of its own.
+// Bytes that an effect takes in the index stream.
 constexpr std::uint64_t IndexEntrySize(std::uint64_t nameLength) {
     return sizeof(EffectRecord) + kLengthPrefixSize + nameLength;
-}
-constexpr std::uint64_t DataStreamSize(std::uint64_t effectSize) {
-    return kLengthPrefixSize + effectSize;
 }
 
 }  // namespace Quorvel

@@ -29,22 +29,6 @@ bool Guarded(Util::RefPtr<IDataStream>& stream, const Step& step) noexcept {
     }
 }
 
-template <typename Buffer, typename Resize>
-bool ReadByteArray(Buffer& buffer, const Resize& resize, Util::RefPtr<IDataStream>& stream,
-                   std::uint64_t limit) noexcept {
-    if (!stream) {
-        return false;
-    }
-    return Guarded(stream, [&] {
-        std::uint64_t count = 0;
-        if (!ReadExact(stream, &count, sizeof count) || count > limit || count >= kByteArrayLimit) {
-            return false;
-        }
-        unsigned char* const bytes = resize(buffer, count);
-        return count == 0 || ReadExact(stream, bytes, count);
-    });
-}
-
 }  // namespace
 
 bool WriteExact(Util::RefPtr<IDataStream>& stream, const void* data, std::uint64_t size) noexcept {
@@ -77,26 +61,19 @@ bool WriteBytes(std::span<const unsigned char> buffer, Util::RefPtr<IDataStream>
            (count == 0 || WriteExact(stream, buffer.data(), count));
 }
 
-bool ReadBytes(std::vector<unsigned char>& buffer, Util::RefPtr<IDataStream>& stream,
-               std::uint64_t limit) noexcept {
-    const auto resize = [](std::vector<unsigned char>& bytes, std::uint64_t count) {
-        bytes.resize(count);
-        return bytes.data();
-    };
-    return ReadByteArray(buffer, resize, stream, limit);
-}
-
 bool ReadBytes(Tab<unsigned char>& buffer, Util::RefPtr<IDataStream>& stream,
                std::uint64_t limit) noexcept {
-    const auto resize = [](Tab<unsigned char>& bytes, std::uint64_t count) {
-        bytes.SetCount(static_cast<int>(count));
-        return bytes.Addr(0);
-    };
-    return ReadByteArray(buffer, resize, stream, limit);
-}
-
-std::uint64_t SerializedSize(std::span<const unsigned char> buffer) noexcept {
-    return buffer.size() + sizeof(std::uint64_t);
+    if (!stream) {
+        return false;
+    }
+    return Guarded(stream, [&] {
+        std::uint64_t count = 0;
+        if (!ReadExact(stream, &count, sizeof count) || count > limit || count >= kByteArrayLimit) {
+            return false;
+        }
+        buffer.SetCount(static_cast<int>(count));
+        return count == 0 || ReadExact(stream, buffer.Addr(0), count);
+    });
 }
 
 }  // namespace Quorvel

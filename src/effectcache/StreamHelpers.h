@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <span>
-#include <vector>
 
 #include "quorvel/IDataStream.h"
 #include "vornutil/RefPtr.h"
@@ -23,12 +22,12 @@ bool WriteBytes(std::span<const unsigned char> buffer, Util::RefPtr<IDataStream>
 
 // Reads a byte array of at most limit bytes, and in any case below 2 GiB. The buffer's content is
 // unspecified after false.
-bool ReadBytes(std::vector<unsigned char>& buffer, Util::RefPtr<IDataStream>& stream,
-               std::uint64_t limit) noexcept;
 bool ReadBytes(Tab<unsigned char>& buffer, Util::RefPtr<IDataStream>& stream,
                std::uint64_t limit) noexcept;
 
-// Bytes that a byte array takes in a stream.
-std::uint64_t SerializedSize(std::span<const unsigned char> buffer) noexcept;
+// Bytes that a byte array of so many bytes takes in a stream.
+constexpr std::uint64_t SerializedSize(std::uint64_t count) {
+    return sizeof(std::uint64_t) + count;
+}
 
 }  // namespace Quorvel

@@ -128,7 +128,7 @@ TEST_F(ChildFileStreamTest, NeedsASeekerThatHasAStart) {
 class TwoStreamsTest : public ChildFileStreamTest {
 protected:
     TwoStreamsTest() : cache_(directory_.File("pages").c_str(), 16) {
-        for (const std::uint64_t previous : {0, 10, 0, 12}) {
+        for (const std::uint64_t previous : {0u, 10u, 0u, 12u}) {
             allocator_->AllocatePage(previous);
         }
         cache_.EnsurePageInFile(13);

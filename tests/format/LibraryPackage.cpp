@@ -73,6 +73,9 @@ void ExpectFile(const std::string& path, const std::map<std::uint64_t, Bytes>& s
     const Bytes file = ReadWholeFile(path);
     ASSERT_EQ(Joined(CheckPackage(file)), "");
     const PackageImage image = ReadPackage(file);
+    EXPECT_TRUE(std::ranges::is_sorted(image.streams, {}, &StreamRecord::id));
+    EXPECT_TRUE(std::ranges::is_sorted(image.blocks, {}, &TailBlock::id));
+    EXPECT_TRUE(std::ranges::is_sorted(image.fragments, {}, &Fragment::streamId));
     EXPECT_TRUE(ReadAllStreams(image) == streams);
     EXPECT_TRUE(image.headerData == headerData);
 }

@@ -33,7 +33,8 @@ Bytes GetHeaderData(IDataStreamSet& package);
 // Fails the test unless the package holds these streams and no others.
 void ExpectStreams(IDataStreamSet& package, const std::map<std::uint64_t, Bytes>& streams);
 
-// Fails the test unless the file is sound and holds this and nothing else.
+// Fails the test unless the file is sound, has its records in the library's order, and holds this
+// and nothing else.
 void ExpectFile(const std::string& path, const std::map<std::uint64_t, Bytes>& streams,
                 const Bytes& headerData);
 

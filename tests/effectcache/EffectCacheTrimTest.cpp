@@ -62,8 +62,9 @@ TEST_F(EffectCacheTrim, ThatCantBeWrittenLeavesAllEffectsToBeFound) {
     Write({Effect("old", Year(2001)), Effect("new", Year(2002)), Effect("kept", Year(2000), true)});
     const Bytes before = ReadWholeFile(path);
     CacheClient earlier(directory);
-    FreeSpaceStub space(Total());
+    const std::uint64_t total = Total();
     {
+        FreeSpaceStub space(total);
         const StdioFault fault(StdioCall::Write, EIO);
         CacheClient cache(directory);
         EXPECT_GT(fault.Failures(), 0u);
@@ -74,7 +75,7 @@ TEST_F(EffectCacheTrim, ThatCantBeWrittenLeavesAllEffectsToBeFound) {
     }
     EXPECT_TRUE(ReadWholeFile(path) == before);
     EXPECT_EQ(earlier.Find("old"), EffectBytes("old", kSize));
-    EXPECT_EQ(LeftAfterOpening(Total()), (Names{"new", "kept"}));
+    EXPECT_EQ(LeftAfterOpening(total), (Names{"new", "kept"}));
 }
 
 TEST_F(EffectCacheTrim, BudgetIsAskedForTheDirectoryWithItsSeparator) {

@@ -582,11 +582,15 @@ TEST_F(PagedFileStreamTest, RemoveRangeKeepsTheStreamsOwnPins) {
 
 TEST_F(PagedFileStreamTest, RemoveRangePinsItsSourceForReadingAndItsDestinationForWriting) {
     constexpr ListSeeker::Entry kBeyond = {25, {0, 8192}};
-    OpenStream({kFirst, kBeyond});
+    const auto openOver = [this](std::initializer_list<ListSeeker::Entry> entries) {
+        const Util::RefPtr<IPagedFileSeeker> seeker(new ListSeeker(entries));
+        stream_ = new PagedFileStream(&cache_, seeker);
+    };
+    openOver({kFirst, kBeyond});
     const auto size = std::filesystem::file_size(path_);
     EXPECT_THROW(stream_->RemoveRange(0, 1000), FileIOException);
     EXPECT_EQ(std::filesystem::file_size(path_), size);
-    OpenStream({kBeyond, kFirst});
+    openOver({kBeyond, kFirst});
     EXPECT_TRUE(stream_->RemoveRange(0, 8192));
     EXPECT_EQ(std::filesystem::file_size(path_), 16 * kPageSize);
 }

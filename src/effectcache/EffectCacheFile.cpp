@@ -323,7 +323,7 @@ bool EffectCacheImpl::HasRoomForPending() const {
     const auto isNew = [&](const PendingEffect* effect) {
         return !fileTable_.Find(effect->Key(), effect->Hash());
     };
-    const auto pending = pendingTable_.Entries();
+    const auto& pending = pendingTable_.Entries();
     return static_cast<std::uint64_t>(std::count_if(pending.begin(), pending.end(), isNew)) <= left;
 }
 

@@ -75,6 +75,7 @@ void EffectCacheImpl::ClearState() {
     pendingBytes_ = 0;
     enabled_ = true;
     header_ = {};
+    missingStreams_.clear();
 }
 
 void EffectCacheImpl::CacheCompiledEffect(const CStr& name, const unsigned char* data,

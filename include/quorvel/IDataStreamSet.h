@@ -65,13 +65,15 @@ public:
 
     // Creates a stream of size bytes, whose content is unspecified until written. Returns its id,
     // or kInvalidStreamId when the package holds as many streams as it may. Throws
-    // InvalidParameterException for a size of more pages than a file can have.
+    // InvalidParameterException for a size of more pages than a file can have. Nothing is left of a
+    // stream when it throws, except that FileDataCorruptException may cost an id and some pages.
     virtual std::uint64_t CreateDataStream(std::uint64_t size) = 0;
 
     // Deletes a stream; its space is used again. False, with nothing changed, while it is open.
     // True when no stream has the id. When it throws, nothing has changed either, provided that
     // the page cache had room for eight pages more than the open streams use; without that room the
-    // stream may have gone and the space of its last page's bytes not be free, and false says so too.
+    // stream may have gone and the space of its last page's bytes not be free, and false says so
+    // too.
     virtual bool DeleteDataStream(std::uint64_t id) = 0;
 };
 

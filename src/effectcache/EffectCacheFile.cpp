@@ -321,7 +321,8 @@ bool EffectCacheImpl::HasRoomForPending() const {
         return true;
     }
     const auto isNew = [&](const PendingEffect* effect) {
-        return !fileTable_.Find(effect->Key(), effect->Hash());
+        const IndexEntry* const replaced = fileTable_.Find(effect->Key(), effect->Hash());
+        return !replaced || !Internals(package_).HasStream(replaced->record.streamId);
     };
     const auto& pending = pendingTable_.Entries();
     return static_cast<std::uint64_t>(std::count_if(pending.begin(), pending.end(), isNew)) <= left;

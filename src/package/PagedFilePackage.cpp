@@ -64,12 +64,12 @@ void PagedFilePackage::Abandon() {
 }
 
 void PagedFilePackage::MarkUnfinished() {
-    dirty_ = true;
     if (!isMarkedUnfinished_) {
         SetStoredPageCount(0);
         cache_->WriteBeforeOthers(kHeadPageNumber);
         isMarkedUnfinished_ = true;
     }
+    dirty_ = true;
 }
 
 bool PagedFilePackage::MayHaveChangedFile() const {
@@ -332,11 +332,18 @@ void PagedFilePackage::FreeHeadFile() {
     }
     // Dropped first: no page may be freed twice, also when one of them can't be, or not be found.
     const auto headFile = std::exchange(headFile_, {});
-    if (headFile->pageCount > 0) {
-        // What was not read of the chain so far is not known yet.
-        headFile->LoadPageInfo(headFile->pageCount - 1);
+    const std::uint64_t count = headFile->pageCount;
+    if (count > 0 && headFile->pageNumbers[count - 1] == 0) {
+        // What was not read of the chain so far is not known yet. If it can't be read, its pages
+        // are lost, but for the first, which the next head file begins with.
+        try {
+            headFile->LoadPageInfo(count - 1);
+        } catch (...) {
+            FreeHeadPages(headFile->pageNumbers, 1);
+            throw;
+        }
     }
-    FreeHeadPages(headFile->pageNumbers, headFile->pageCount);
+    FreeHeadPages(headFile->pageNumbers, count);
 }
 
 // Page 10 stays in use: until the next head file is there, no stream may get it.

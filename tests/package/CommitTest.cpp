@@ -389,6 +389,66 @@ TEST_F(CommitTest, OfAHeadFileThatClaimsAPageTooManyFailsOnce) {
     CommitAndExpectFile();
 }
 
+// A cache of pages so small that what a commit has not written yet can't all stay in memory.
+class SmallCommitTest : public PackageTest {
+protected:
+    SmallCommitTest() : PackageTest({2, 100}) {}
+};
+
+TEST_F(SmallCommitTest, ThatFailsTwiceOnAFullVolumeIsMadeUpForOnceThereIsRoom) {
+    const Bytes later(100000, 'b');
+    for (const bool commits : {true, false}) {
+        StartOver();
+        SetHeaderData(Bytes(100000, 'a'));
+        ASSERT_TRUE(package_->Commit());
+        SetHeaderData(later);
+        for (int times = 0; times < 2; ++times) {
+            const StdioFault fault(StdioCall::Write, ENOSPC, 3);
+            EXPECT_EQ(FileErrorOf([&] { package_->Commit(); }), ENOSPC);
+        }
+        if (commits) {
+            EXPECT_TRUE(package_->Commit());
+        }
+        package_.Reset();
+        Format::ExpectFile(path_, {}, later);
+    }
+}
+
+TEST_F(SmallCommitTest, MarkThatCantBePreparedChangesNothing) {
+    const std::uint64_t id = Add(10 * 8192);
+    ASSERT_TRUE(package_->Commit());
+    const Bytes old = File();
+    for (const StdioCall call : {StdioCall::Read, StdioCall::Write}) {
+        EXPECT_EQ(Format::ReadStream(*package_, id), streams_[id]);  // page 10 has left the cache
+        const StdioFault fault(call, EIO);
+        EXPECT_EQ(FileErrorOf([&] { package_->MarkUnfinished(); }), EIO);
+        EXPECT_FALSE(package_->HasChanges());
+        EXPECT_FALSE(package_->MayHaveChangedFile());
+    }
+    EXPECT_TRUE(File() == old);
+}
+
+TEST_F(CommitTest, OfALongHeadFileThatClaimsAPageTooManyFailsOnce) {
+    SetHeaderData(Format::Pattern(20000, 1));
+    package_.Reset();
+    const PackageImage image = Image();
+    ASSERT_EQ(image.headPages.size(), 3U);
+    Bytes file = File();
+    Format::StoreInteger(file, 0, 8, 4);  // page count
+    const std::size_t last = Format::PageOffset(image.headPages.back().number);
+    Format::StoreInteger(file, last + 8, 8, 8192);  // data end
+    Format::WriteWholeFile(path_, file);
+    package_ = NewPackage();
+    ASSERT_TRUE(package_->Load());
+
+    SetHeaderData({1, 2, 3});
+    EXPECT_THROW(package_->Commit(), FileDataCorruptException);
+    EXPECT_TRUE(package_->Commit());
+    const auto reopened = NewPackage();
+    ASSERT_TRUE(reopened->Load());
+    EXPECT_EQ(Format::GetHeaderData(*reopened), headerData_);
+}
+
 TEST_F(CommitTest, FreesThePagesOfAHeadFileThatTheStateDoesNotReach) {
     SetHeaderData(Format::Pattern(20000, 1));
     Add(8192);

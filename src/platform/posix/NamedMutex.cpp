@@ -94,6 +94,9 @@ public:
     bool HasLeftObjectOf(const NamedMutex& other) const {
         return object_ && object_->IsSameFileAs(*other.object_);
     }
+    bool HasNameOf(const NamedMutex& other) const {
+        return object_ && object_->HasNameOf(*other.object_);
+    }
     void ComeBackThrough(NamedMutex& other) {
         object_ = std::move(other.object_);
         openCount = 1;
@@ -189,13 +192,18 @@ struct OpenMutexes {
     std::unique_ptr<NamedMutex> leftBehind;
 
     // Takes the mutex out of those left behind whose object was opened again; null if there is
-    // none.
+    // none. Those of the name whose object and owner have gone are let go.
     std::unique_ptr<NamedMutex> TakeLeftBehind(const NamedMutex& opened) {
-        for (auto* place = &leftBehind; *place; place = &(*place)->next) {
-            if ((*place)->HasLeftObjectOf(opened)) {
-                std::unique_ptr<NamedMutex> found = std::move(*place);
-                *place = std::move(found->next);
-                return found;
+        for (auto* place = &leftBehind; *place;) {
+            const bool isSame = (*place)->HasLeftObjectOf(opened);
+            if (!isSame && !((*place)->HasNameOf(opened) && (*place)->TakeFromOwner())) {
+                place = &(*place)->next;
+                continue;
+            }
+            std::unique_ptr<NamedMutex> taken = std::move(*place);
+            *place = std::move(taken->next);
+            if (isSame) {
+                return taken;
             }
         }
         return nullptr;

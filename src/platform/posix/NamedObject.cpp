@@ -82,7 +82,6 @@ int OpenFolder() {
     return folder.Detach();
 }
 
-// Opens the gate of a folder and waits until it is ours; closing it lets the next one in.
 int EnterGate(int folder) {
     FileDescriptor gate(
         ::openat(folder, "gate", O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
@@ -91,6 +90,27 @@ int EnterGate(int folder) {
     }
     return gate.Detach();
 }
+
+// Opens the gate of a folder, waits until it is ours, and lets the next one in at the end of its
+// life. It says so: a process forked meanwhile has the file open too, and would keep it locked.
+class Gate {
+public:
+    explicit Gate(int folder) : file_(folder >= 0 ? EnterGate(folder) : -1) {}
+    Gate(const Gate&) = delete;
+    Gate& operator=(const Gate&) = delete;
+    ~Gate() {
+        if (IsOpen()) {
+            const int error = errno;
+            Flock(file_.Get(), LOCK_UN);
+            errno = error;
+        }
+    }
+
+    bool IsOpen() const { return file_.IsOpen(); }
+
+private:
+    const FileDescriptor file_;
+};
 
 // Gives a new file its bytes, all zero and backed by memory.
 bool FillWithZeroes(int descriptor, std::size_t bytes) {
@@ -206,7 +226,7 @@ std::unique_ptr<NamedObject> NamedObject::Open(const char* kind, const char* nam
                                                const std::function<bool(int)>& initialise) {
     std::string fileName = FileName(kind, name);
     const FileDescriptor folder(OpenFolder());
-    const FileDescriptor gate(folder.IsOpen() ? EnterGate(folder.Get()) : -1);
+    const Gate gate(folder.Get());
     if (!gate.IsOpen()) {
         return nullptr;
     }
@@ -229,6 +249,7 @@ NamedObject::NamedObject(std::string fileName, int descriptor, const struct stat
     : fileName_(std::move(fileName)),
       descriptor_(descriptor),
       size_(static_cast<std::size_t>(status.st_size)),
+      process_(::getpid()),
       device_(status.st_dev),
       inode_(status.st_ino) {}
 
@@ -240,11 +261,15 @@ bool NamedObject::Leave() {
     if (descriptor_ < 0) {
         return false;
     }
+    if (process_ != ::getpid()) {
+        ::close(std::exchange(descriptor_, -1));  // a forked process has no part in it
+        return false;
+    }
     const int error = errno;
     bool isGone = false;
     {
         const FileDescriptor folder(OpenFolder());
-        const FileDescriptor gate(folder.IsOpen() ? EnterGate(folder.Get()) : -1);
+        const Gate gate(folder.Get());
         const FileDescriptor file(std::exchange(descriptor_, -1));
         // Without the gate the file stays behind, and the next opener removes it. The folder is
         // another one, which may hold a file of that name, when the process has changed its user.
@@ -265,6 +290,10 @@ bool NamedObject::Leave() {
 
 bool NamedObject::IsSameFileAs(const NamedObject& other) const {
     return device_ == other.device_ && inode_ == other.inode_;
+}
+
+bool NamedObject::HasNameOf(const NamedObject& other) const {
+    return fileName_ == other.fileName_;
 }
 
 }  // namespace Quorvel::Platform

@@ -42,11 +42,15 @@ public:
     ~NamedObject();
 
     // Lets go of the object; the last holder removes it. Returns whether that was the last one,
-    // false also when it can't be told. Keeps errno. Does nothing the second time.
+    // false also when it can't be told. Keeps errno. Does nothing the second time, and takes
+    // nothing from the parent in a process that it forked.
     bool Leave();
 
     // Whether both are, or were before they left, holders of one object.
     bool IsSameFileAs(const NamedObject& other) const;
+
+    // Whether both are of one kind and name, the same object or one that has taken its place.
+    bool HasNameOf(const NamedObject& other) const;
 
     int Descriptor() const { return descriptor_; }
     std::size_t Size() const { return size_; }
@@ -61,6 +65,7 @@ private:
     std::string fileName_;
     int descriptor_;  // -1 once left
     std::size_t size_;
+    pid_t process_;  // that opened it
     dev_t device_;
     ino_t inode_;
 };

@@ -4,11 +4,15 @@
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <set>
 #include <string>
@@ -295,6 +299,41 @@ TEST_F(NamedObjectFile, OfAKilledHolderIsNotUsedAgain) {
     ::close(descriptor);
 }
 
+// A process forked meanwhile has the gate's file open too.
+TEST_F(NamedObjectFile, CanBeOpenedWhileAProcessLivesThatWasForkedBehindTheGate) {
+    pid_t forked = -1;
+    const auto object = NamedObject::Open(kKind, name_.c_str(), NamedObject::IfAbsent::Create,
+                                          kBytes, [&forked](int) {
+                                              forked = ::fork();
+                                              if (forked == 0) {
+                                                  ::pause();
+                                                  ::_exit(0);
+                                              }
+                                              return forked > 0;
+                                          });
+    ASSERT_TRUE(object);
+    const auto other =
+        std::async(std::launch::async, [] { return OpenOrCreate(UniqueName()) != nullptr; });
+    EXPECT_EQ(other.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    ::kill(forked, SIGKILL);
+    ::waitpid(forked, nullptr, 0);
+}
+
+TEST_F(NamedObjectFile, StaysItsHoldersWhenAForkedProcessLeaves) {
+    const auto object = OpenOrCreate(name_);
+    const pid_t forked = ::fork();
+    if (forked == 0) {
+        object->Leave();
+        ::_exit(0);
+    }
+    ASSERT_GT(forked, 0);
+    ::waitpid(forked, nullptr, 0);
+    const auto other = StartObjectUser();  // makes its first object, and tidies up
+    ASSERT_EQ(other->Ask("memory " + UniqueName()), "0");
+    EXPECT_TRUE(std::filesystem::exists(PathOf(kKind, name_)));
+    EXPECT_TRUE(object->Leave());
+}
+
 TEST_F(NamedObjectFile, IsNotInheritedByOtherPrograms) {
     const MutexHandle mutex(name_);
     MemoryHandle memory;
@@ -391,6 +430,18 @@ TEST_F(NamedMutexOnPosix, ThatWasReleasedTooOftenIsLeftLikeAnyOther) {
     EXPECT_FALSE(IsMapped(name_));
     other->Ask("close");
     EXPECT_FALSE(std::filesystem::exists(PathOf("mutex", name_)));
+}
+
+TEST_F(NamedMutexOnPosix, LeavesNoMemoryBehindOnceTheNameIsOpenedAgain) {
+    MutexHandle mutex(name_);
+    const auto other = StartObjectUser();
+    ASSERT_EQ(other->Ask("mutex " + name_), "0");
+    ASSERT_EQ(OnAnotherThread([&] { return mutex.Acquire(0); }), kAcquired);
+    mutex.Close();
+    EXPECT_TRUE(IsMapped(name_));  // others have it still
+    other->Ask("close");
+    MutexHandle(name_).Close();
+    EXPECT_FALSE(IsMapped(name_));
 }
 
 TEST_F(NamedMutexOnPosix, LeavesNoMemoryBehindWhenItsOwnerClosesIt) {

@@ -334,6 +334,33 @@ TEST_F(EffectCacheFile, SaveOfWhichNothingReachesTheFileLeavesItAsItWas) {
                 before);
 }
 
+// The streams of "x" and "yy" are missing, and the two ids are the next to be given: to a new
+// effect, and to the index, which grows.
+TEST_F(EffectCacheFile, EffectsWithoutStreamsAreForgottenWhenTheirIdsAreGiven) {
+    WritePackage(path, Block(kTagOfCache, Header(2, 2)),
+                 {ByteArray("X"), ByteArray("Y"),
+                  ByteList()
+                      .Append(Record{0, 1, 1}.Get())
+                      .Append(ByteArray("x"))
+                      .Append(Record{1, 2, 1}.Get())
+                      .Append(ByteArray("yy"))});
+    {
+        const Util::RefPtr<IDataStreamSet> package = OpenFilePackage(CacheConfig(path));
+        ASSERT_TRUE(package->DeleteDataStream(0));
+        ASSERT_TRUE(package->DeleteDataStream(1));
+    }
+    CacheClient cache(directory);
+    EXPECT_EQ(cache.InFile(), 2u);
+    EXPECT_EQ(cache.Find("x"), std::nullopt);
+    cache.Add("longer", {1});
+    cache->ForceSaveToFile();
+    EXPECT_EQ(cache.InFile(), 1u);
+    EXPECT_EQ(cache.Find("yy"), std::nullopt);
+    EXPECT_EQ(cache.Find("longer"), Bytes{1});
+    EXPECT_EQ(StoredCache(directory).Names(), std::vector<std::string>{"longer"});
+    EXPECT_EQ(StoredCache(directory).IndexStreamId(), 1u);
+}
+
 // Whoever finds the file that was made has to look at it.
 TEST_F(EffectCacheFile, MadeAnewIsAnnouncedAlsoWhenItCanNotBeFinished) {
     bool failed = true;

@@ -483,6 +483,7 @@ TEST_F(CommitTest, FreesThePagesOfAHeadFileThatTheStateDoesNotReach) {
 
 TEST_F(CommitTest, MarkedPackageStaysAsItWasUntilItsFirstPageLeavesTheCache) {
     Add(10000);
+    EXPECT_TRUE(package_->MayHaveChangedFile());  // is not marked
     ASSERT_TRUE(package_->Commit());
     const Bytes old = File();
     package_->MarkUnfinished();

@@ -161,6 +161,12 @@ INSTANTIATE_TEST_SUITE_P(
              image.fragments.push_back({20, 0, 4, image.fragments[3].offset, 1});
          }},
         {"ListOfAStreamWithoutATail", [](PackageImage& image) { image.blocks[0].streams[0] = 20; }},
+        {"ListOfATailOfAnotherBlock",
+         [](PackageImage& image) {
+             AddEmptyBlock(image);
+             image.fragments[0].blockId = 1;
+             image.fragments.push_back({20, 0, 0, 0, 1});
+         }},
         {"ListOfOneStreamTooMany",
          [](PackageImage& image) { image.blocks[0].streams.push_back(20); }},
         {"ListOfAStreamTwice",

@@ -445,6 +445,28 @@ TEST_F(NamedMutex, ClosedByAnotherThreadLeavesAnotherOneOfItsOwnerToBeAbandoned)
     kept.Release();
 }
 
+// Mutexes that are closed while a thread owns them are kept for it, and mean nothing to others.
+TEST_F(NamedMutex, IsNewAlthoughOthersWereClosedWhileTheirOwnerLives) {
+    MutexHandle unnamed(Platform::OpenNamedMutex(static_cast<const char*>(nullptr)));
+    MutexHandle other(UniqueName());
+    std::promise<void> owned;
+    std::promise<void> end;
+    std::thread owner([&] {
+        unnamed.Acquire(0);
+        other.Acquire(0);
+        owned.set_value();
+        end.get_future().wait();
+    });
+    owned.get_future().wait();
+    unnamed.Close();
+    other.Close();
+    const MutexHandle next(UniqueName());
+    EXPECT_EQ(next.Acquire(0), kAcquired);
+    next.Release();
+    end.set_value();
+    owner.join();
+}
+
 TEST_F(NamedMutex, OpenedAndClosedByManyThreadsAtOnceStaysOneMutex) {
     std::atomic<int> inside{0};
     std::atomic<bool> wasShared{false};

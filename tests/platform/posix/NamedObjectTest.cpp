@@ -252,6 +252,17 @@ TEST_F(NamedObjectFile, WhoseHolderWasKilledIsRemovedWhenAnotherProcessMakesItsF
     EXPECT_EQ(FirstByte(*held), "7");
 }
 
+TEST_F(NamedObjectFile, OfOthersStaysWhenAProcessTidiesUp) {
+    const std::filesystem::path planted = PathOf(kKind, name_);
+    OpenOrCreate(UniqueName());  // makes the folder
+    std::ofstream(planted) << "planted";
+    ASSERT_EQ(::chmod(planted.c_str(), 0644), 0);
+    const auto next = StartObjectUser();
+    ASSERT_EQ(next->Ask("memory " + UniqueName()), "0");
+    EXPECT_TRUE(std::filesystem::exists(planted));
+    std::filesystem::remove(planted);
+}
+
 TEST_F(NamedObjectFile, TellsItsHolderWhoLeavesWhetherItIsTheLast) {
     const auto object = OpenOrCreate(name_);
     const auto other = StartObjectUser();

@@ -54,10 +54,10 @@ int Check(const std::string& path, std::ostream& out) {
 }  // namespace
 
 int CheckTool(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
-    CLI::App app("Checks a package file, and the effect cache in it if there is one.",
+    CLI::App app("Checks a package file and the effect cache in it, if it has one.",
                  "quorvel-check");
     app.allow_windows_style_options(false);
-    app.footer("Exit code: 0 sound, 1 damaged, 2 not checked.");
+    app.footer("Exit code: 0 sound, 1 damaged, 2 could not be checked.");
     std::string path;
     app.add_option("FILE", path, "the package file")->required();
     try {

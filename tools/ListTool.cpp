@@ -12,8 +12,7 @@ namespace {
 
 using namespace Quorvel::Format;
 
-// A name on one line, without a tab in it: control characters are written as \xNN, a backslash as
-// two.
+// A name without tabs and line breaks: control characters become \xNN, a backslash becomes two.
 std::string Printable(const std::string& name) {
     std::string text;
     for (const char c : name) {
@@ -38,7 +37,7 @@ std::string Printable(const EntryTime& time) {
     return text;
 }
 
-// The records of the index in its order, whether or not their data can be read.
+// Prints the records of the index in order, whether or not their data can be read.
 void List(const std::string& path, std::ostream& out) {
     const PackageImage image = ReadPackage(ReadWholeFile(path));
     const CacheHeader header = ReadCacheHeader(image.headerData);
@@ -53,13 +52,13 @@ void List(const std::string& path, std::ostream& out) {
 
 int ListTool(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
     CLI::App app(
-        "Lists the effects of an effect cache, one a line: name, bytes, 1 if permanent, local time "
-        "when it was saved or last used; separated by tabs.",
+        "Lists the effects of an effect cache, one per line: name, size in bytes, 1 if permanent, "
+        "local time of the last save or use; separated by tabs.",
         "quorvel-list");
     app.allow_windows_style_options(false);
-    app.footer("Exit code: 0 listed, 2 not.");
+    app.footer("Exit code: 0 listed, 2 failed.");
     std::string path;
-    app.add_option("FILE", path, "the cache's file")->required();
+    app.add_option("FILE", path, "the cache file")->required();
     try {
         app.parse(argc, argv);
         List(path, out);

@@ -4,17 +4,17 @@
 
 namespace Quorvel::Tools {
 
-// What a tool's exit code says.
+// Exit codes.
 constexpr int kDone = 0;
-constexpr int kDamaged = 1;  // quorvel-check alone: the file has problems
-constexpr int kFailed = 2;   // bad arguments, or a file that can't be read
+constexpr int kDamaged = 1;  // the file has problems; only quorvel-check
+constexpr int kFailed = 2;   // bad arguments, an unreadable file, or output that can't be written
 
-// quorvel-check FILE: a line about a package file, and the effect cache in it if there is one, then
-// a line for each problem.
+// quorvel-check FILE: prints one line about a package file or effect cache, then one line for each
+// problem.
 int CheckTool(int argc, const char* const* argv, std::ostream& out, std::ostream& err);
 
-// quorvel-list FILE: a line for each effect of an effect cache: name, bytes, 1 if permanent, time,
-// separated by tabs.
+// quorvel-list FILE: prints one line for each effect of an effect cache: name, bytes, 1 if
+// permanent, time, separated by tabs.
 int ListTool(int argc, const char* const* argv, std::ostream& out, std::ostream& err);
 
 }  // namespace Quorvel::Tools

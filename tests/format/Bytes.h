@@ -7,19 +7,20 @@
 #include <string_view>
 #include <vector>
 
-// A second, separate implementation of the file formats that docs/format.md draws. It shares no
-// code with the library, so that what one of the two gets wrong the other does not.
+// A second implementation of the file formats that docs/format.md describes. It shares no code with
+// the library, so that the two don't share mistakes.
 namespace Quorvel::Format {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// A file that a reader must refuse. The text says why.
+// A file that a reader must refuse; what() says why.
 class FormatError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-// The little-endian unsigned integer of width bytes (1 to 8) at offset; the bytes must be there.
+// A little-endian unsigned integer of width bytes (1 to 8). Load and store throw std::out_of_range
+// if one of its bytes lies outside the buffer.
 std::uint64_t LoadInteger(const Bytes& bytes, std::size_t offset, std::size_t width);
 void StoreInteger(Bytes& bytes, std::size_t offset, std::size_t width, std::uint64_t value);
 void AppendInteger(Bytes& bytes, std::size_t width, std::uint64_t value);
@@ -30,10 +31,10 @@ void Append(Bytes& bytes, std::string_view text);
 // Takes integers and byte runs off the front of a buffer, which must outlive it.
 class ByteReader {
 public:
-    // The name of what is read stands in the error's text.
+    // name says in error messages what the buffer holds.
     ByteReader(const Bytes& bytes, std::string name) : bytes_(&bytes), name_(std::move(name)) {}
 
-    // Both throw FormatError when fewer bytes are left.
+    // Both throw FormatError if fewer bytes are left.
     std::uint64_t TakeInteger(std::size_t width);
     Bytes Take(std::uint64_t size);
 
@@ -47,10 +48,10 @@ private:
     std::size_t position_ = 0;
 };
 
-// The whole content of a file. Throws std::runtime_error when it can't be read.
+// The whole content of a file. Throws std::runtime_error if it can't be read.
 Bytes ReadWholeFile(const std::string& path);
 
-// Makes the file hold just these bytes. Throws std::runtime_error when it can't be written.
+// Replaces a file's content. Throws std::runtime_error if it can't be written.
 void WriteWholeFile(const std::string& path, const Bytes& bytes);
 
 }  // namespace Quorvel::Format

@@ -16,7 +16,7 @@ namespace {
 constexpr std::uint64_t kStreamLimit = 40;
 constexpr std::uint64_t kLargestCompared = 1 << 22;
 
-// Values that mean something somewhere in the head file.
+// A value that has a meaning in some field of the head file, or a small number.
 std::uint64_t AnyValue(std::mt19937& random) {
     static constexpr std::uint64_t kValues[] = {
         0,        1,        2,          4,          5,          6,          8,
@@ -27,7 +27,7 @@ std::uint64_t AnyValue(std::mt19937& random) {
     return random() % 2 == 0 ? kValues[random() % std::size(kValues)] : random() % 60;
 }
 
-// Damages the head file in a few places, or the length of the file.
+// Damages up to three fields of the head file, or cuts the file short.
 void Damage(Bytes& file, const PackageImage& image, std::mt19937& random) {
     if (random() % 20 == 0) {
         file.resize(random() % file.size());
@@ -60,8 +60,8 @@ std::optional<Bytes> ReadByFormat(const StreamReader& reader, std::uint64_t id) 
     }
 }
 
-// Fails the test unless the library takes from a file just what the format says a reader takes.
-// Returns whether there is a package to be had.
+// Fails the test unless the library accepts and reads exactly what the format says a reader must.
+// Returns true if the file is accepted.
 bool CompareReaders(const Bytes& file, const std::string& path) {
     WriteWholeFile(path, file);
     const auto package = OpenPackage(path, {16, kStreamLimit});
@@ -91,7 +91,7 @@ bool CompareReaders(const Bytes& file, const std::string& path) {
 
 class DamagedPackage : public testing::TestWithParam<unsigned> {};
 
-TEST_P(DamagedPackage, IsRefusedOrReadJustAsTheFormatSays) {
+TEST_P(DamagedPackage, IsRefusedOrReadAsTheFormatSays) {
     const Testing::TemporaryDirectory directory;
     const std::string path = directory.File("package");
     std::mt19937 random(GetParam());
@@ -124,7 +124,7 @@ TEST_P(DamagedPackage, IsRefusedOrReadJustAsTheFormatSays) {
 INSTANTIATE_TEST_SUITE_P(Seed, DamagedPackage, testing::Range(1u, 9u),
                          testing::PrintToStringParamName());
 
-TEST(DamagedPackage, CutShortAtAnyPageIsRefusedOrMissesStreamsOnly) {
+TEST(DamagedPackage, CutAtEveryHalfPageIsRefusedOrReadAsTheFormatSays) {
     const Testing::TemporaryDirectory directory;
     const Bytes sound = WritePackage(BoundaryStreams(), Pattern(9000, 1));
     for (std::size_t size = 0; size < sound.size(); size += 4096) {

@@ -22,7 +22,7 @@ protected:
     Testing::TemporaryDirectory directory_;
 };
 
-// The index of a cache of two effects, with the times of saving left out.
+// The index of a cache of two effects, with the saving times set to zero.
 Bytes WithoutTimes(Bytes index) {
     for (const std::size_t record : {0u, 44u + 8u + 1u}) {
         StoreInteger(index, record + 20, 8, 0);
@@ -65,14 +65,14 @@ TEST_F(EffectCacheBytes, OfTwoEffects) {
                          1, 0, 0, 0,                                         // name length
                          1, 0, 0, 0,                                         // effect size
                          0, 0, 0, 0,                                         // not permanent
-                         0, 0, 0, 0, 0, 0, 0, 0, 0,   0,  0, 0, 0, 0, 0, 0,  // time, left out
+                         0, 0, 0, 0, 0, 0, 0, 0, 0,   0,  0, 0, 0, 0, 0, 0,  // time, zeroed
                          0, 0, 0, 0, 0, 0, 0, 0,                             // reserved
                          1, 0, 0, 0, 0, 0, 0, 0, 'z',                        // name
                          2, 0, 0, 0, 0, 0, 0, 0,                             // data stream
                          2, 0, 0, 0,                                         // name length
                          3, 0, 0, 0,                                         // effect size
                          1, 0, 0, 0,                                         // permanent
-                         0, 0, 0, 0, 0, 0, 0, 0, 0,   0,  0, 0, 0, 0, 0, 0,  // time, left out
+                         0, 0, 0, 0, 0, 0, 0, 0, 0,   0,  0, 0, 0, 0, 0, 0,  // time, zeroed
                          0, 0, 0, 0, 0, 0, 0, 0,                             // reserved
                          2, 0, 0, 0, 0, 0, 0, 0, 'a', 'b'};                  // name
     EXPECT_THAT(image.headerData, testing::ElementsAreArray(header));
@@ -84,7 +84,7 @@ TEST_F(EffectCacheBytes, OfTwoEffects) {
     EXPECT_THAT(image.blocks[0].streams, testing::ElementsAre(1, 2, 0));
 }
 
-TEST_F(EffectCacheBytes, OfTheTimeOfSavingAreALocalCalendarTime) {
+TEST_F(EffectCacheBytes, OfTheSavingTimeAreALocalCalendarTime) {
     {
         const auto cache = OpenCache();
         const unsigned char effect[] = {9};

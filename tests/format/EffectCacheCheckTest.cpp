@@ -12,12 +12,12 @@
 namespace Quorvel::Format {
 namespace {
 
-// The parts of a sound cache of the three effects "b", "c" and "aa", before they become a file.
+// The parts of a sound cache of the three effects "b", "c" and "aa".
 struct CacheParts {
     CacheHeader header;
     std::vector<IndexEntry> index;
     std::map<std::uint64_t, Bytes> streams;  // all but the index, which is stream 0
-    Bytes indexTail;                         // more bytes behind the index
+    Bytes indexTail;                         // extra bytes after the index
     std::uint32_t headerPayload = kCacheHeaderSize;
 };
 
@@ -74,17 +74,17 @@ const Damage kDamages[] = {
      [](CacheParts& parts) { parts.header.effectCount = kEffectCountLimit + 1; }},
     {"CountAboveTheIndex", "the index stream ends early",
      [](CacheParts& parts) { parts.header.effectCount = 4; }},
-    {"CountBelowTheIndex", "the index stream has 160 bytes for 106",
+    {"CountBelowTheIndex", "the index stream has 160 bytes instead of 106",
      [](CacheParts& parts) { parts.header.effectCount = 2; }},
-    {"NoIndexStream", "is not there",
+    {"NoIndexStream", "is missing",
      [](CacheParts& parts) { parts.header.indexStream = kNoStream; }},
-    {"IndexLongerThanItsRecords", "the index stream has 161 bytes for 160",
+    {"IndexLongerThanItsRecords", "the index stream has 161 bytes instead of 160",
      [](CacheParts& parts) { parts.indexTail = {0}; }},
     {"RecordsOutOfOrder", "the names of records 0 and 1 are not in order",
      [](CacheParts& parts) { std::swap(parts.index[0], parts.index[1]); }},
     {"LongerNameFirst", "the names of records 1 and 2 are not in order",
      [](CacheParts& parts) { std::swap(parts.index[1], parts.index[2]); }},
-    {"NameTwice", "the names of records 0 and 1 are not in order",
+    {"DuplicateName", "the names of records 0 and 1 are not in order",
      [](CacheParts& parts) { parts.index[1].name = "b"; }},
     {"NoName", "record 0's name length is 0",
      [](CacheParts& parts) { parts.index[0].record.nameLength = 0; }},
@@ -96,17 +96,17 @@ const Damage kDamages[] = {
      [](CacheParts& parts) { parts.index[0].record.size = 0; }},
     {"EffectTooLarge", "record 0's effect size is 1048577",
      [](CacheParts& parts) { parts.index[0].record.size = kEffectSizeLimit + 1; }},
-    {"PermanentNeitherYesNorNo", "effect \"c\" is permanent by 2",
+    {"PermanentFlagIs2", "effect \"c\" has the permanent flag 2",
      [](CacheParts& parts) { parts.index[1].record.permanent = 2; }},
-    {"DataStreamMissing", "effect \"c\" of 200 bytes can't be read: stream 9 is not there",
+    {"DataStreamMissing", "effect \"c\" of 200 bytes can't be read: stream 9 is missing",
      [](CacheParts& parts) { parts.index[1].record.streamId = 9; }},
     {"DataStreamOfAnotherSize", "effect \"c\" of 199 bytes can't be read",
      [](CacheParts& parts) { parts.index[1].record.size = 199; }},
-    {"LengthPrefixOfAnotherSize", "the data stream has 208 bytes and states 199",
+    {"LengthPrefixOfAnotherSize", "the data stream of 208 bytes states a length of 199",
      [](CacheParts& parts) { StoreInteger(parts.streams[2], 0, 8, 199); }},
     {"DataStreamTooShortForItsPrefix", "the data stream ends early",
      [](CacheParts& parts) { parts.streams[2].resize(7); }},
-    {"DataStreamOfTwoEffects", "effect \"c\" shares stream 1",
+    {"DataStreamSharedByTwoEffects", "effect \"c\" shares stream 1",
      [](CacheParts& parts) { parts.index[1].record.streamId = 1; }},
     {"DataStreamIsTheIndex", "effect \"c\" shares stream 0",
      [](CacheParts& parts) { parts.index[1].record.streamId = 0; }},
@@ -121,12 +121,12 @@ TEST(EffectCacheCheck, ASoundCacheHasNoProblems) {
     EXPECT_EQ(Joined(CheckEffectCache(Assemble(SoundCache()))), "");
 }
 
-TEST(EffectCacheCheck, APackageWithoutTheCachesBlockIsNoCache) {
+TEST(EffectCacheCheck, APackageWithoutACacheBlockIsNotACache) {
     EXPECT_EQ(Joined(CheckEffectCache(WritePackage({}, {}))),
-              "no intact effect cache: the header data has no block of the cache\n");
+              "no intact effect cache: the header data has no cache block\n");
 }
 
-TEST(EffectCacheCheck, AFileThatIsNoPackageIsNoCache) {
+TEST(EffectCacheCheck, AFileThatIsNotAPackageIsNotACache) {
     EXPECT_EQ(Joined(CheckEffectCache(Bytes(100))),
               "no intact package: the file has no first page\n");
 }

@@ -15,8 +15,8 @@ void Require(bool holds, const std::string& otherwise) {
     }
 }
 
-// The payload of the first block with the cache's tag. Blocks count up to the first that does not
-// lie inside the header data.
+// The payload of the first block with the cache's tag. The search ends at a block that reaches past
+// the end of the header data.
 std::optional<Bytes> FindCacheBlock(const Bytes& headerData) {
     ByteReader reader(headerData, "the header data");
     while (reader.Left() >= kCacheBlockHeadSize) {
@@ -63,7 +63,7 @@ Bytes ReadEffect(const StreamReader& streams, const EffectRecord& record) {
     ByteReader reader(stream, "the data stream");
     const std::uint64_t size = reader.TakeInteger(kLengthPrefixSize);
     Require(size == record.size && size == reader.Left(),
-            "the data stream has " + std::to_string(stream.size()) + " bytes and states " +
+            "the data stream of " + std::to_string(stream.size()) + " bytes states a length of " +
                 std::to_string(size));
     return reader.Take(size);
 }
@@ -108,9 +108,9 @@ void EffectCacheChecker::CheckIndex(const CacheHeader& header) {
     const std::vector<IndexEntry> entries = ReadIndex(index, header.effectCount);
     used_.insert(header.indexStream);
 
-    // The index of an empty cache is a single byte without a meaning.
+    // The index of an empty cache is one byte without a meaning.
     const std::uint64_t size = entries.empty() ? 1 : IndexSize(entries);
-    Expect(index.size() == size, "the index stream has ", index.size(), " bytes for ", size);
+    Expect(index.size() == size, "the index stream has ", index.size(), " bytes instead of ", size);
     for (std::size_t i = 0; i < entries.size(); ++i) {
         Expect(i == 0 || NameOrder()(entries[i - 1].name, entries[i].name), "the names of records ",
                i - 1, " and ", i, " are not in order");
@@ -121,7 +121,7 @@ void EffectCacheChecker::CheckIndex(const CacheHeader& header) {
 
 void EffectCacheChecker::CheckEffect(const StreamReader& streams, const IndexEntry& entry) {
     const std::string name = "effect \"" + entry.name + "\"";
-    Expect(entry.record.permanent <= 1, name, " is permanent by ", entry.record.permanent);
+    Expect(entry.record.permanent <= 1, name, " has the permanent flag ", entry.record.permanent);
     Expect(used_.insert(entry.record.streamId).second, name, " shares stream ",
            entry.record.streamId);
     try {
@@ -145,7 +145,7 @@ bool HoldsEffectCache(const Bytes& headerData) {
 
 CacheHeader ReadCacheHeader(const Bytes& headerData) {
     const std::optional<Bytes> block = FindCacheBlock(headerData);
-    Require(block.has_value(), "the header data has no block of the cache");
+    Require(block.has_value(), "the header data has no cache block");
     ByteReader reader(*block, "the cache's header");
     CacheHeader header;
     header.version = static_cast<std::uint32_t>(reader.TakeInteger(4));

@@ -52,7 +52,7 @@ struct IndexEntry {
     EffectRecord record;
 };
 
-// The order of names in an index: the shorter first, then by unsigned bytes.
+// The order of names in an index: shorter names first, names of equal length by unsigned bytes.
 struct NameOrder {
     bool operator()(const std::string& left, const std::string& right) const {
         return left.size() != right.size() ? left.size() < right.size() : left < right;
@@ -65,22 +65,21 @@ struct Effect {
 };
 using Effects = std::map<std::string, Effect, NameOrder>;
 
-// Whether a package's header data holds the block of an effect cache.
+// True if a package's header data has the block of an effect cache.
 bool HoldsEffectCache(const Bytes& headerData);
 
-// The cache's header out of a package's header data. Throws FormatError when a reader must refuse
-// it.
+// The cache's header in a package's header data. Throws FormatError if a reader must refuse it.
 CacheHeader ReadCacheHeader(const Bytes& headerData);
 
-// The entries of an index stream, in its order. Throws FormatError when a reader must refuse it.
+// The entries of an index stream, in its order. Throws FormatError if a reader must refuse it.
 std::vector<IndexEntry> ReadIndex(const Bytes& indexStream, std::uint64_t count);
 
-// The effects of an effect cache's file. Of two entries of one name the later counts. Throws
-// FormatError when the cache or one of its effects can't be read.
+// The effects in a cache file. If a name has two entries, the later one counts. Throws FormatError
+// if the cache or one of its effects can't be read.
 Effects ReadEffectCache(const PackageImage& image);
 
-// Checks everything that a writer keeps true of an effect cache's file, CheckPackage included, and
-// returns one line for each thing that is not so.
+// Checks the rules that a writer of a cache file must follow, including those of CheckPackage, and
+// returns one line for each violation.
 std::vector<std::string> CheckEffectCache(const Bytes& file);
 std::vector<std::string> CheckEffectCache(const PackageImage& image);
 

@@ -9,10 +9,9 @@
 #include "quorvel/Quorvel.h"
 #include "support/TemporaryDirectory.h"
 
-// The library's effect cache in the terms of this folder.
+// The library's effect cache, with this folder's types.
 namespace Quorvel::Format {
 
-// What a cache holds: bytes and the permanent flag by name.
 struct CachedEffect {
     Bytes data;
     bool permanent = false;
@@ -33,10 +32,10 @@ private:
     Util::RefPtr<EffectCacheSystem> cache_;
 };
 
-// The cache's file in that directory.
+// The path of the cache file in a directory.
 std::string CacheFile(const Testing::TemporaryDirectory& directory);
 
-// Fails the test unless the file is sound and holds just these effects.
+// Fails the test unless the file is sound and holds exactly these effects.
 void ExpectCacheFile(const std::string& path, const CachedEffects& effects);
 
 }  // namespace Quorvel::Format

@@ -43,14 +43,14 @@ CachedEffects AsCached(const std::vector<NewEffect>& effects) {
     return cached;
 }
 
-// Caches that the library did not write.
+// Cache files that the library did not write.
 class LibraryReadsEffectCache : public testing::TestWithParam<NamedCacheLayout> {
 protected:
     std::vector<NewEffect> effects_ = ManyEffects(1000);
     Testing::TemporaryDirectory directory_;
 };
 
-TEST_P(LibraryReadsEffectCache, OfAThousandEffectsWhole) {
+TEST_P(LibraryReadsEffectCache, OfAThousandEffects) {
     WriteWholeFile(CacheFile(directory_), WriteEffectCache(effects_, GetParam().layout));
 
     LibraryCache cache(directory_);
@@ -62,7 +62,7 @@ TEST_P(LibraryReadsEffectCache, OfAThousandEffectsWhole) {
     }
 }
 
-TEST_P(LibraryReadsEffectCache, AndSavesItSoundlyWithWhatIsNew) {
+TEST_P(LibraryReadsEffectCache, AndKeepsItSoundWhenItAddsEffects) {
     WriteWholeFile(CacheFile(directory_), WriteEffectCache(effects_, GetParam().layout));
     CachedEffects expected = AsCached(effects_);
     {
@@ -83,7 +83,7 @@ INSTANTIATE_TEST_SUITE_P(All, LibraryReadsEffectCache, testing::ValuesIn(CacheLa
 
 class DamagedEffectCache : public testing::Test {
 protected:
-    // Opens a cache over a file; it must have become a new, empty one.
+    // Opens a cache over a file and expects a new, empty cache in its place.
     void ExpectNewCache(const Bytes& file) {
         WriteWholeFile(CacheFile(directory_), file);
         LibraryCache cache(directory_);
@@ -92,7 +92,7 @@ protected:
         ExpectCacheFile(CacheFile(directory_), {});
     }
 
-    // The header data of a cache, its block replaced.
+    // The file of a cache with another header.
     static Bytes WithHeader(const CacheHeader& header, std::uint32_t payload) {
         PackageImage image = LayOutEffectCache({{"name", {1, 2, 3}}}, {});
         image.headerData = EncodeHeaderBlock(header, payload);
@@ -117,7 +117,7 @@ TEST_F(DamagedEffectCache, WithAHeaderOf27BytesIsReplaced) {
     ExpectNewCache(WithHeader(header, 27));
 }
 
-TEST_F(DamagedEffectCache, WithMoreRecordsCountedThanThereAreIsReplaced) {
+TEST_F(DamagedEffectCache, WithFewerRecordsThanItsHeaderCountsIsReplaced) {
     CacheHeader header;
     header.effectCount = 2;
     header.indexStream = 0;
@@ -144,16 +144,16 @@ TEST_F(DamagedEffectCache, WithARecordOutOfRangeIsReplaced) {
     }
 }
 
-TEST_F(DamagedEffectCache, WithoutTheCachesBlockIsReplaced) {
+TEST_F(DamagedEffectCache, WithoutACacheBlockIsReplaced) {
     ExpectNewCache(WritePackage({{0, {1}}}, Pattern(100, 1)));
 }
 
-TEST_F(DamagedEffectCache, ThatIsNoPackageIsReplaced) {
+TEST_F(DamagedEffectCache, ThatIsNotAPackageIsReplaced) {
     ExpectNewCache({});
     ExpectNewCache(Pattern(50000, 1));
 }
 
-TEST_F(DamagedEffectCache, KeepsAllEffectsButTheOneWhoseStreamIsDamaged) {
+TEST_F(DamagedEffectCache, FindsAllEffectsButThoseWhoseStreamsAreDamaged) {
     std::vector<IndexEntry> index;
     std::map<std::uint64_t, Bytes> streams;
     for (std::uint64_t id = 1; id <= 4; ++id) {
@@ -164,8 +164,8 @@ TEST_F(DamagedEffectCache, KeepsAllEffectsButTheOneWhoseStreamIsDamaged) {
         index.push_back({std::string(1, static_cast<char>('a' + id)), record});
         streams[id] = EncodeEffect(Pattern(100, id));
     }
-    StoreInteger(streams[2], 0, 8, 99);  // another length than the record's
-    streams[3].push_back(0);             // a longer stream than the length says
+    StoreInteger(streams[2], 0, 8, 99);  // not the record's length
+    streams[3].push_back(0);             // one byte more than the length says
     streams.erase(4);
     streams[0] = EncodeIndex(index);
     CacheHeader header;
@@ -183,7 +183,7 @@ TEST_F(DamagedEffectCache, KeepsAllEffectsButTheOneWhoseStreamIsDamaged) {
     EXPECT_TRUE(cache->IsEnabled());
 }
 
-TEST_F(DamagedEffectCache, WithANameTwiceHasTheLaterRecord) {
+TEST_F(DamagedEffectCache, WithADuplicateNameUsesTheLaterRecord) {
     std::vector<IndexEntry> index;
     std::map<std::uint64_t, Bytes> streams;
     for (const std::uint64_t id : {1u, 2u}) {

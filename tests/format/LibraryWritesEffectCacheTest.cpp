@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::uint64_t kSaveThreshold = 2097152;
 
-// Two caches over one file, changed at random, and what they must hold.
+// Two caches over one file, changed at random, and a model of what they must hold.
 class LibraryWritesEffectCache : public testing::TestWithParam<unsigned> {
 protected:
     struct User {
@@ -110,7 +110,7 @@ private:
     CachedEffects saved_;
 };
 
-TEST_P(LibraryWritesEffectCache, SoundAndAsItsModelAfterEachSaveOfARandomHistory) {
+TEST_P(LibraryWritesEffectCache, SoundAndLikeItsModelAfterEachSaveOfARandomHistory) {
     for (int step = 0; step < 250; ++step) {
         ASSERT_NO_FATAL_FAILURE(Step()) << "in step " << step;
         ASSERT_FALSE(HasFailure()) << "in step " << step;

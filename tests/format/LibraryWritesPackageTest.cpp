@@ -21,7 +21,7 @@ void PrintTo(const History& history, std::ostream* out) {
     *out << "seed " << history.seed << ", " << history.pageCacheCapacity << " pages";
 }
 
-// Changes a package at random and keeps in step what it must hold.
+// Changes a package and a model of it at random.
 class LibraryWritesPackage : public testing::TestWithParam<History> {
 protected:
     void SetUp() override {
@@ -57,7 +57,7 @@ protected:
     }
 
     void CommitAndCheck() {
-        // Writing into a stream alone does not make a package wait for its commit.
+        // Counts as a change, so that Commit also writes back streams that were overwritten.
         package_->GetHeaderData();
         ASSERT_TRUE(package_->Commit());
         ExpectFile(path_, streams_, headerData_);
@@ -134,7 +134,7 @@ private:
         ASSERT_EQ(stream->Write(bytes.data(), bytes.size()), bytes.size());
     }
 
-    // Keeps a stream open for a while, so that its neighbours come and go around it.
+    // Keeps a stream open for a while, so that its neighbours change around it.
     void Hold() {
         if (held_.size() >= 2) {
             held_.erase(held_.begin());
@@ -161,7 +161,7 @@ private:
     Bytes headerData_;
 };
 
-TEST_P(LibraryWritesPackage, SoundAndAsItsModelAfterEachCommitOfARandomHistory) {
+TEST_P(LibraryWritesPackage, SoundAndLikeItsModelAfterEachCommitOfARandomHistory) {
     for (int step = 0; step < 400; ++step) {
         ASSERT_NO_FATAL_FAILURE(Step()) << "in step " << step;
         ASSERT_FALSE(HasFailure()) << "in step " << step;
@@ -193,7 +193,7 @@ TEST(LibraryWritesPackage, OverAnotherFileWithoutShorteningIt) {
     ExpectFile(path, {{id, content}}, {});
 }
 
-TEST(LibraryWritesPackage, WithAHeadFileThatEndsAtEveryPlaceAroundAPageEnd) {
+TEST(LibraryWritesPackage, WithAHeadFileThatEndsAnywhereAroundAPageEnd) {
     const Testing::TemporaryDirectory directory;
     const std::string path = directory.File("package");
     const auto package = CreatePackage(path);

@@ -14,10 +14,10 @@ namespace {
 constexpr std::size_t kSize = 100;
 constexpr std::size_t kLongSize = 9000;
 
-// Effects of two sizes, so that what stands in another's place has the length it ought to have.
+// Two effects of each size, so that an effect in the wrong place has the expected length.
 class MisplacedEffects : public testing::Test {
 protected:
-    // Makes a file in which an edit has changed the records, or the entries of the index.
+    // Writes a cache file after an edit to its records, or to the entries of its index.
     void WriteFile(const std::function<void(PackageImage&)>& edit) {
         PackageImage image = LayOutEffectCache(effects_, {});
         edit(image);
@@ -38,8 +38,8 @@ protected:
         });
     }
 
-    // Fails the test when an effect is found with the bytes of another, now or after new effects
-    // have been saved.
+    // Fails the test if an effect is found with wrong bytes, now or after new effects have been
+    // saved.
     void ExpectNoWrongBytes() {
         CachedEffects effects;
         for (const NewEffect& effect : effects_) {
@@ -84,14 +84,14 @@ Fragment& FragmentOf(PackageImage& image, std::uint64_t id) {
                          [id](const Fragment& fragment) { return fragment.streamId == id; });
 }
 
-// The ids of the effects' streams are 1 to 4 in the order of their names.
+// The effects "a" to "d" have the streams 1 to 4.
 
-TEST_F(MisplacedEffects, WithTwoEffectsInOneStreamServesNoneForTheOther) {
+TEST_F(MisplacedEffects, InOneStreamAreNotMixedUp) {
     WriteFileWithIndex([](std::vector<IndexEntry>& entries) { entries[1].record.streamId = 1; });
     ExpectNoWrongBytes();
 }
 
-TEST_F(MisplacedEffects, WithAnEffectWithoutAStreamServesNoLaterStreamForIt) {
+TEST_F(MisplacedEffects, WithoutAStreamDoNotGetALaterStreamsBytes) {
     for (const std::uint64_t stream : {1u, 3u}) {
         WriteFile([](PackageImage&) {});
         ASSERT_TRUE(OpenPackage(CacheFile(directory_))->DeleteDataStream(stream));
@@ -105,19 +105,19 @@ TEST_F(MisplacedEffects, WithAnEffectWithoutAStreamServesNoLaterStreamForIt) {
     ExpectNoWrongBytes();
 }
 
-TEST_F(MisplacedEffects, WithTwoTailsInOnePlaceServesNoneForTheOther) {
+TEST_F(MisplacedEffects, WithTailsInOnePlaceAreNotMixedUp) {
     WriteFile(
         [](PackageImage& image) { FragmentOf(image, 1).offset = FragmentOf(image, 2).offset; });
     ExpectNoWrongBytes();
 }
 
-TEST_F(MisplacedEffects, WithTwoStreamsInOnePageServesNoneForTheOther) {
+TEST_F(MisplacedEffects, WithStreamsInOnePageAreNotMixedUp) {
     WriteFile(
         [](PackageImage& image) { RecordOf(image, 3).firstPage = RecordOf(image, 4).firstPage; });
     ExpectNoWrongBytes();
 }
 
-TEST_F(MisplacedEffects, WithAPageInUseThatIsCalledFreeServesNoLaterBytes) {
+TEST_F(MisplacedEffects, WithAUsedPageMarkedFreeDoNotGetLaterBytes) {
     WriteFile([](PackageImage& image) {
         image.links[RecordOf(image, 3).firstPage - kFirstPage] = kFreePage;
     });
@@ -128,13 +128,13 @@ TEST_F(MisplacedEffects, WithAPageInUseThatIsCalledFreeServesNoLaterBytes) {
     ExpectNoWrongBytes();
 }
 
-TEST_F(MisplacedEffects, WithMoreRoomInABlockThanThereIsServesNoLaterBytes) {
+TEST_F(MisplacedEffects, WithTooManyFreeBytesInABlockDoNotGetLaterBytes) {
     WriteFile([](PackageImage& image) { image.blocks[0].freeBytes += kSize; });
     ExpectNoWrongBytes();
 }
 
 // The tails fill the block's first page, and new ones go to the second.
-TEST_F(MisplacedEffects, WithATailBlockFarBehindTheFileDoNotMakeItGrow) {
+TEST_F(MisplacedEffects, WithATailBlockFarPastTheEndDoNotMakeTheFileGrow) {
     effects_.push_back({"e", Pattern(7000, 5)});
     WriteFile([](PackageImage& image) { image.blocks[0].pages[1] = 4000; });
     const std::size_t size = ReadWholeFile(CacheFile(directory_)).size();
@@ -142,10 +142,10 @@ TEST_F(MisplacedEffects, WithATailBlockFarBehindTheFileDoNotMakeItGrow) {
     EXPECT_LE(ReadWholeFile(CacheFile(directory_)).size(), size + 20 * kPageSize);
 }
 
-// What is cut off is refused at first, and must not be taken for zeros when the file grows again.
-TEST_F(MisplacedEffects, InAFileThatIsCutServeNoZeros) {
+// A page that was cut off is refused at first, and must not be read as zeros once the file grows.
+TEST_F(MisplacedEffects, InACutFileAreNotReadAsZeros) {
     EffectCacheLayout layout;
-    layout.package.pageOrder = PageOrder::kDescending;  // the effects' whole pages are the last
+    layout.package.pageOrder = PageOrder::kDescending;  // puts the effects' whole pages last
     const Bytes file = WriteEffectCache(effects_, layout);
     for (const std::size_t cut : {1u, 100u, 8192u, 10000u, 16384u}) {
         WriteWholeFile(CacheFile(directory_),

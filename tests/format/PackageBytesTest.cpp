@@ -8,7 +8,7 @@
 namespace Quorvel::Format {
 namespace {
 
-// The bytes of a page that are written out; the rest of the page does not matter.
+// The start of a page, as far as a test writes it out; the rest does not matter.
 Bytes PageStart(const Bytes& file, std::uint64_t page, std::size_t count) {
     const auto from = file.begin() + static_cast<std::ptrdiff_t>(PageOffset(page));
     return Bytes(from, from + static_cast<std::ptrdiff_t>(count));
@@ -151,7 +151,7 @@ TEST(PackageBytes, OfALongHeadFile) {
     EXPECT_EQ(file[2 * 8192 + 3743], 'h');
 }
 
-TEST(PackageBytes, OfFreedPagesAreMarkedFreeAndTakenAgainInTheOrderOfTheirFreeing) {
+TEST(PackageBytes, OfFreedPagesAreMarkedFreeAndReusedInTheOrderTheyWereFreed) {
     const Testing::TemporaryDirectory directory;
     const std::string path = directory.File("package");
     const auto package = CreatePackage(path);

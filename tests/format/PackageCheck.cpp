@@ -41,7 +41,7 @@ private:
     void CheckOwners();
     void Own(std::uint64_t page, const std::string& owner);
 
-    // Gives an owner count pages that follow each other in the link table, up to the chain's end.
+    // Makes a chain of count pages belong to an owner, and checks that it ends there.
     void OwnChain(std::uint64_t first, std::uint64_t count, const std::string& owner);
 
     const PackageImage& image_;
@@ -74,9 +74,9 @@ void PackageChecker::IndexRecords() {
 
 void PackageChecker::CheckHeadFile() {
     const std::vector<HeadPage>& pages = image_.headPages;
-    Expect(pages.size() == image_.headPageCount, "the head file states ", image_.headPageCount,
+    Expect(pages.size() == image_.headPageCount, "the head file claims ", image_.headPageCount,
            " pages; its state takes up ", pages.size());
-    Expect(image_.stateSize == image_.headSize, "the head file states ", image_.headSize,
+    Expect(image_.stateSize == image_.headSize, "the head file claims ", image_.headSize,
            " bytes; its state takes up ", image_.stateSize);
     Expect(pages.back().nextPage == 0, "head page ", pages.back().number,
            " is the last, but names page ", pages.back().nextPage, " as the next");
@@ -85,7 +85,7 @@ void PackageChecker::CheckHeadFile() {
     for (std::size_t i = 1; i < pages.size(); ++i) {
         held += pages[i].dataEnd - kHeadPageHeader;
     }
-    Expect(held == image_.headSize, "the head file states ", image_.headSize,
+    Expect(held == image_.headSize, "the head file claims ", image_.headSize,
            " bytes; its pages hold ", held);
     for (const HeadPage& page : pages) {
         Expect(image_.Link(page.number) == page.nextPage, "head page ", page.number, " names page ",
@@ -169,7 +169,7 @@ void PackageChecker::Own(std::uint64_t page, const std::string& owner) {
     Expect(isNew, "page ", page, " belongs to ", previous->second, " and to ", owner);
     Expect(image_.Link(page) != kFreePage, "page ", page, " of ", owner, " is free");
     Expect(PageOffset(page) + kPageSize <= image_.file.size(), "page ", page, " of ", owner,
-           " lies beyond the file's end");
+           " lies past the end of the file");
 }
 
 void PackageChecker::OwnChain(std::uint64_t first, std::uint64_t count, const std::string& owner) {
@@ -185,8 +185,8 @@ void PackageChecker::OwnChain(std::uint64_t first, std::uint64_t count, const st
         }
         page = image_.Link(page);
     }
-    Expect(count == 0 || page == kChainEnd, owner, "'s chain does not end, but goes on to page ",
-           page);
+    Expect(count == 0 || page == kChainEnd, owner,
+           "'s chain does not end, but continues with page ", page);
 }
 
 void PackageChecker::CheckOwners() {

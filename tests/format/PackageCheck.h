@@ -8,12 +8,12 @@
 
 namespace Quorvel::Format {
 
-// Checks everything that a writer keeps true of a package file, and returns one line for each thing
-// that is not so; nothing for a sound file. A file that a reader with that stream limit must refuse
-// has one problem, the reason.
+// Checks the rules that a writer of a package file must follow, and returns one line for each
+// violation; none for a sound file. If a reader with this stream limit must refuse the file, the
+// only line says why.
 std::vector<std::string> CheckPackage(const Bytes& file, std::uint64_t streamLimit = kHighestId);
 
-// The same for a file that has been taken apart already.
+// The same for a file that has been parsed already.
 std::vector<std::string> CheckPackage(const PackageImage& image);
 
 }  // namespace Quorvel::Format

@@ -13,9 +13,9 @@
 namespace Quorvel::Format {
 namespace {
 
-// A sound package: stream 0 has two whole pages and a tail, 1 and 2 have tails, 3 one whole page.
-// Tails 0, 1 and 2 lie at 0, 5 and 5005 of the one tail block, which uses 9005 bytes. The header
-// data spreads the head file over three pages.
+// A sound package. Stream 0 has two whole pages and a tail, 1 and 2 have only tails, 3 has one
+// whole page. The tails of streams 0, 1 and 2 begin at 0, 5 and 5005 in the only tail block and use
+// 9005 bytes of it. The header data makes the head file three pages long.
 PackageImage SoundPackage() {
     PackageLayout layout;
     layout.freePages = 1;
@@ -26,7 +26,7 @@ PackageImage SoundPackage() {
                          Pattern(20000, 9), layout);
 }
 
-// Damage of one kind, planted either into what the tables say or into the finished file's bytes.
+// Damage of one kind, done to the tables or to the finished file's bytes.
 struct Damage {
     std::string name;
     std::string reportedAs;  // part of the checker's line
@@ -65,7 +65,7 @@ std::uint64_t FreePageOf(const PackageImage& image) {
     return page;
 }
 
-// The field at an offset of the head file's index-th page.
+// Overwrites the field at an offset in the head file's index-th page.
 Damage HeadField(const std::string& name, const std::string& reportedAs, std::size_t index,
                  std::size_t offset, std::uint64_t value) {
     return {name, reportedAs, {}, [=](Bytes& file, const PackageImage& image) {
@@ -78,21 +78,21 @@ std::vector<Damage> HeadFileDamages() {
         HeadField("NoHeadPages", "the head file has 0 pages", 0, 0, 0),
         HeadField("TooManyHeadPages", "the head file has 1048567 pages", 0, 0, kPageCountLimit + 1),
         HeadField("FewerHeadPagesThanTheSizeNeeds", "the head file's size is 20520", 0, 0, 2),
-        HeadField("MoreHeadPagesThanTheChainHas", "head page 0 can't be", 0, 0, 4),
+        HeadField("MoreHeadPagesThanTheChainHas", "head page 0 has an invalid number", 0, 0, 4),
         HeadField("HeadSizeBeyondItsPages", "the head file's size is 24577", 0, 8, 3 * 8192 + 1),
-        HeadField("HeadSizeOffByOne", "the head file states 20521 bytes", 0, 8, 20521),
+        HeadField("HeadSizeOffByOne", "the head file claims 20521 bytes", 0, 8, 20521),
         HeadField("FirstHeadPageWithoutData", "data ends at 32", 0, 24, 32),
         HeadField("FirstHeadPageNotFull", "neither full nor last", 0, 24, 8191),
         HeadField("DataBeyondThePage", "data ends at 8193", 0, 24, 8193),
         HeadField("MiddleHeadPageNotFull", "neither full nor last", 1, 8, 8191),
         HeadField("LastHeadPageCutShort", "the state ends early", 2, 8, 17),
         HeadField("LastHeadPageWithMoreThanTheState", "its pages hold", 2, 8, 8192),
-        HeadField("HeadChainLoops", "head page 10 comes twice", 1, 0, 10),
-        HeadField("HeadChainEndsEarly", "head page 0 can't be", 1, 0, 0),
-        HeadField("HeadChainToABadPageNumber", "head page 9 can't be", 0, 16, 9),
-        HeadField("HeadChainLeavesTheFile", "beyond the file's end", 0, 16, 500),
+        HeadField("HeadChainLoops", "head page 10 appears twice", 1, 0, 10),
+        HeadField("HeadChainEndsEarly", "head page 0 has an invalid number", 1, 0, 0),
+        HeadField("HeadChainToABadPageNumber", "head page 9 has an invalid number", 0, 16, 9),
+        HeadField("HeadChainLeavesTheFile", "past the end of the file", 0, 16, 500),
         {"MoreHeadPagesThanTheStateNeeds",
-         "states 4 pages; its state takes up 3",
+         "claims 4 pages; its state takes up 3",
          {},
          [](Bytes& file, const PackageImage& image) {
              const std::size_t third = PageOffset(image.headPages[2].number);
@@ -103,7 +103,7 @@ std::vector<Damage> HeadFileDamages() {
              StoreInteger(file, fourth, 8, 0);
              StoreInteger(file, fourth + 8, 8, 17);
          }},
-        {"HeadChainGoesOn",
+        {"LastHeadPageNamesANextPage",
          "is the last, but names page",
          {},
          [](Bytes& file, const PackageImage& image) {
@@ -117,9 +117,9 @@ std::vector<Damage> HeadFileDamages() {
          "the file has no first page",
          {},
          [](Bytes& file, const PackageImage&) { file.clear(); }},
-        {"FileCutInsideADataPage", "lies beyond the file's end",
+        {"DataPagePastTheEnd", "lies past the end of the file",
          [](PackageImage& image) {
-             // Move the last data page behind the head file's pages, then cut it off.
+             // Moves stream 3's page past the end of the file.
              const std::uint64_t end = image.file.size() / kPageSize + kFirstPage;
              Link(image, image.streams[3].firstPage) = kFreePage;
              image.streams[3].firstPage = end;
@@ -159,7 +159,7 @@ std::vector<Damage> LinkDamages() {
 
 std::vector<Damage> DirectoryDamages() {
     return {
-        {"StreamTwice", "stream 0 is there twice",
+        {"DuplicateStream", "stream 0 appears twice",
          [](PackageImage& image) { image.streams[1].id = 0; }},
         {"StreamIdTooHigh", "stream 16777216's id is too high",
          [](PackageImage& image) { image.streams[3].id = kHighestId + 1; }},
@@ -190,7 +190,7 @@ std::vector<Damage> DirectoryDamages() {
 
 std::vector<Damage> TailDamages() {
     return {
-        {"TailBlockTwice", "tail block 0 is there twice",
+        {"DuplicateTailBlock", "tail block 0 appears twice",
          [](PackageImage& image) {
              image.blocks.push_back(image.blocks[0]);
              image.blocks.back().streams.clear();
@@ -199,19 +199,19 @@ std::vector<Damage> TailDamages() {
          [](PackageImage& image) { image.blocks[0].id = kHighestId / 8 + 1; }},
         {"TailBlockPageOutOfRange", "tail block 0 has a page 1048576",
          [](PackageImage& image) { image.blocks[0].pages[3] = kPageNumberEnd; }},
-        {"TailBlockPagesInOtherOrder", "does not follow its page",
+        {"TailBlockPagesOutOfOrder", "does not follow its page",
          [](PackageImage& image) {
              std::swap(image.blocks[0].pages[2], image.blocks[0].pages[3]);
          }},
-        {"TailBlockTooFree", "tail block 0 has 65537 bytes free",
+        {"TooManyFreeBytes", "tail block 0 has 65537 bytes free",
          [](PackageImage& image) { image.blocks[0].freeBytes = kTailBlockSize + 1; }},
         {"FreeBytesOffByOne", "has used 9005 bytes and has 56530 free",
          [](PackageImage& image) { --image.blocks[0].freeBytes; }},
         {"ListNamesAStreamWithoutFragment", "which has no fragment in it",
          [](PackageImage& image) { image.blocks[0].streams[2] = 3; }},
-        {"FragmentNotInTheList", "tail block 0 lists stream 2 0 times",
+        {"FragmentNotListed", "tail block 0 lists stream 2 0 times",
          [](PackageImage& image) { image.blocks[0].streams.pop_back(); }},
-        {"FragmentTwiceInTheList", "tail block 0 lists stream 1 2 times",
+        {"FragmentListedTwice", "tail block 0 lists stream 1 2 times",
          [](PackageImage& image) { image.blocks[0].streams.push_back(1); }},
         {"IndexDiffersFromTheList", "lists stream 1 as 1; its fragment says 2",
          [](PackageImage& image) { image.fragments[1].index = 2; }},
@@ -219,9 +219,9 @@ std::vector<Damage> TailDamages() {
          [](PackageImage& image) { ++image.fragments[2].offset; }},
         {"FragmentsOverlap", "has used 5005 bytes; stream 2's fragment begins at 5004",
          [](PackageImage& image) { --image.fragments[2].offset; }},
-        {"FragmentInAMissingBlock", "lies in tail block 1, which is not there",
+        {"FragmentInAMissingBlock", "lies in tail block 1, which is missing",
          [](PackageImage& image) { image.fragments[0].blockId = 1; }},
-        {"FragmentTwice", "stream 1's fragment is there twice",
+        {"DuplicateFragment", "stream 1's fragment appears twice",
          [](PackageImage& image) { image.fragments[2].streamId = 1; }},
         {"FragmentWithoutStream", "there is a fragment of stream 9, but no such stream",
          [](PackageImage& image) { image.fragments[2].streamId = 9; }},
@@ -280,7 +280,7 @@ TEST(PackageCheck, TheStreamLimitBoundsStreamsAndTailBlocks) {
               "no intact package: there are 3 tail blocks\n");
 }
 
-TEST(PackageCheck, BytesBehindTheLastPageInUseAreNoProblem) {
+TEST(PackageCheck, BytesPastTheLastUsedPageAreNotAProblem) {
     Bytes file = EncodePackage(SoundPackage());
     file.resize(file.size() + 12345);
     EXPECT_EQ(Joined(CheckPackage(file)), "");

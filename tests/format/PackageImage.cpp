@@ -17,20 +17,20 @@ std::string Number(std::uint64_t value) {
     return std::to_string(value);
 }
 
-// Positions are signed 32-bit numbers, and a size is compared with them as one.
+// A reader compares sizes with positions as signed 32-bit numbers.
 bool IsReachableSize(std::uint64_t size) {
     return (size & 0x80000000) == 0;
 }
 
-// Reads the head file from front to back. A page is looked at when the bytes before it have been
-// read, not earlier, even if no byte of it is wanted then.
+// Reads the head file from front to back. Enters a page once all bytes before it have been read,
+// even if none of its bytes are needed.
 class HeadFileReader {
 public:
     HeadFileReader(const Bytes& file, PackageImage& image);
 
     std::uint64_t ReadInteger() { return LoadInteger(Read(8), 0, 8); }
 
-    // Bytes that are left by the stated size.
+    // Bytes left according to the size in the header.
     std::uint64_t Left() const {
         return image_.headSize > image_.stateSize ? image_.headSize - image_.stateSize : 0;
     }
@@ -59,10 +59,11 @@ HeadFileReader::HeadFileReader(const Bytes& file, PackageImage& image)
 void HeadFileReader::EnterPage(std::uint64_t number) {
     const std::string name = "head page " + Number(number);
     for (const HeadPage& page : image_.headPages) {
-        Require(page.number != number, name + " comes twice in the chain");
+        Require(page.number != number, name + " appears twice in the chain");
     }
-    Require(IsPageNumber(number), name + " can't be");
-    Require(PageOffset(number) + kPageSize <= file_.size(), name + " lies beyond the file's end");
+    Require(IsPageNumber(number), name + " has an invalid number");
+    Require(PageOffset(number) + kPageSize <= file_.size(),
+            name + " lies past the end of the file");
 
     const bool first = image_.headPages.empty();
     const std::size_t links = PageOffset(number) + (first ? 16 : 0);
@@ -106,7 +107,8 @@ void ReadLinks(HeadFileReader& head, PackageImage& image) {
         image.links.push_back(link);
         if (IsPageNumber(link)) {
             const std::uint64_t index = link - kFirstPage;
-            Require(index < count, "page " + Number(link) + " follows, but is not in the table");
+            Require(index < count,
+                    "page " + Number(link) + " follows a page, but is not in the table");
             Require(!follows[index], "page " + Number(link) + " follows two pages");
             follows[index] = true;
         }
@@ -125,7 +127,7 @@ void ReadDirectory(HeadFileReader& head, std::uint64_t limit, PackageImage& imag
         stream.pageCount = head.ReadInteger();
         const std::string name = "stream " + Number(stream.id);
         Require(stream.id <= std::min(limit, kHighestId), name + "'s id is too high");
-        Require(ids.insert(stream.id).second, name + " is there twice");
+        Require(ids.insert(stream.id).second, name + " appears twice");
         Require(stream.pageCount <= kPageCountLimit,
                 name + " has " + Number(stream.pageCount) + " whole pages");
         image.streams.push_back(stream);
@@ -141,7 +143,7 @@ void ReadTailBlocks(HeadFileReader& head, std::uint64_t limit, PackageImage& ima
         block.id = head.ReadInteger();
         const std::string name = "tail block " + Number(block.id);
         Require(block.id <= TailBlockLimit(limit), name + "'s id is too high");
-        Require(ids.insert(block.id).second, name + " is there twice");
+        Require(ids.insert(block.id).second, name + " appears twice");
         for (std::uint64_t& page : block.pages) {
             page = head.ReadInteger();
             Require(IsPageNumber(page), name + " has a page " + Number(page));
@@ -176,11 +178,11 @@ void ReadFragments(HeadFileReader& head, std::uint64_t limit, PackageImage& imag
         const std::string name = "stream " + Number(fragment.streamId) + "'s fragment ";
         Require(fragment.streamId <= limit, name + "has too high an id");
         Require(blocks.count(fragment.blockId) != 0,
-                name + "lies in tail block " + Number(fragment.blockId) + ", which is not there");
+                name + "lies in tail block " + Number(fragment.blockId) + ", which is missing");
         Require(fragment.index < limit, name + "has index " + Number(fragment.index));
         Require(fragment.offset < kTailBlockSize, name + "begins at " + Number(fragment.offset));
         Require(fragment.length < kPageSize, name + "has " + Number(fragment.length) + " bytes");
-        Require(ids.insert(fragment.streamId).second, name + "is there twice");
+        Require(ids.insert(fragment.streamId).second, name + "appears twice");
         image.fragments.push_back(fragment);
     }
 }
@@ -232,7 +234,7 @@ StreamReader::StreamReader(const PackageImage& image) : image_(image) {
 std::vector<StreamReader::Piece> StreamReader::Pieces(std::uint64_t id) const {
     const std::string name = "stream " + Number(id);
     const auto found = streams_.find(id);
-    Require(found != streams_.end(), name + " is not there");
+    Require(found != streams_.end(), name + " is missing");
     const StreamRecord& stream = *found->second;
     const auto fragment = fragments_.find(id);
     const std::uint64_t tail = fragment == fragments_.end() ? 0 : fragment->second->length;
@@ -269,7 +271,7 @@ Bytes StreamReader::Read(std::uint64_t id) const {
     Bytes content;
     for (const Piece& piece : Pieces(id)) {
         Require(PageOffset(piece.page) + kPageSize <= image_.file.size(),
-                name + "'s page " + Number(piece.page) + " lies beyond the file's end");
+                name + "'s page " + Number(piece.page) + " lies past the end of the file");
         const auto from = image_.file.begin() +
                           static_cast<std::ptrdiff_t>(PageOffset(piece.page) + piece.offset);
         content.insert(content.end(), from, from + static_cast<std::ptrdiff_t>(piece.size));

@@ -18,9 +18,9 @@ constexpr std::uint64_t kFirstHeadPageHeader = 32;
 constexpr std::uint64_t kHeadPageHeader = 16;
 constexpr std::uint64_t kTailBlockSize = 65536;
 constexpr std::size_t kTailBlockPages = 8;
-constexpr std::uint64_t kHighestId = 0xFFFFFF;  // the highest stream id and tail block id there is
+constexpr std::uint64_t kHighestId = 0xFFFFFF;  // the highest stream or tail block id
 
-// Link values that name no page.
+// Link values that are not page numbers.
 constexpr std::uint64_t kChainEnd = 0;
 constexpr std::uint64_t kFreePage = 1;
 
@@ -60,13 +60,12 @@ struct Fragment {
     std::uint64_t length;
 };
 
-// A package file taken apart: its bytes, and what the head file says of them. Records stand in the
-// order in which the file holds them.
+// A parsed package file: its bytes, and the records of its head file in the order of the file.
 struct PackageImage {
     Bytes file;
-    std::uint64_t headPageCount = 0;  // as the header of the first page states them
+    std::uint64_t headPageCount = 0;  // both as stated in the header of the first page
     std::uint64_t headSize = 0;
-    std::vector<HeadPage> headPages;  // those that a reader of the state comes by
+    std::vector<HeadPage> headPages;  // those that a reader of the state enters
     std::uint64_t stateSize = 0;      // bytes that the state takes up
     std::vector<std::uint64_t> links;
     std::vector<StreamRecord> streams;
@@ -74,15 +73,15 @@ struct PackageImage {
     std::vector<Fragment> fragments;
     Bytes headerData;
 
-    // The link value of a page; free when the table does not reach it.
+    // The link value of a page; kFreePage if the table has no entry for it.
     std::uint64_t Link(std::uint64_t page) const;
 };
 
-// Most tail blocks, and the highest tail block id, in a package of a stream limit.
+// The maximum number of tail blocks, and the highest tail block id, under a stream limit.
 std::uint64_t TailBlockLimit(std::uint64_t streamLimit);
 
-// Takes a package file apart. Throws FormatError when a reader with that stream limit must refuse
-// it. What is accepted here may still break what a writer keeps: CheckPackage tells.
+// Parses a package file. Throws FormatError if a reader with this stream limit must refuse it. An
+// accepted file may still break rules for writers, which CheckPackage checks.
 PackageImage ReadPackage(Bytes file, std::uint64_t streamLimit = kHighestId);
 
 // Reads the streams of an image, which must outlive it.
@@ -90,11 +89,12 @@ class StreamReader {
 public:
     explicit StreamReader(const PackageImage& image);
 
-    // The bytes of a stream. Throws FormatError when there is none of that id, or when a reader
-    // must refuse to open or to read it; an empty stream is refused.
+    // The bytes of a stream. Throws FormatError if the stream is missing or empty, or if a reader
+    // must refuse to open or to read it.
     Bytes Read(std::uint64_t id) const;
 
-    // The pages that hold those bytes, in their order. Throws in the same way.
+    // The pages that hold those bytes, in order. Throws as Read does, but accepts pages past the
+    // end of the file.
     std::vector<std::uint64_t> Pages(std::uint64_t id) const;
 
 private:

@@ -7,7 +7,7 @@
 namespace Quorvel::Format {
 namespace {
 
-// What unused bytes are filled with, so that whoever takes them for data is found out.
+// Fills unused bytes, so that a reader that takes them for data is noticed.
 constexpr std::uint8_t kFiller = 0xEE;
 
 std::uint64_t HeadPagesFor(std::uint64_t size) {
@@ -133,7 +133,7 @@ void PackageComposer::DealPages() {
         dataPages += pages.size();
     }
 
-    // The link table is part of the state, and the pages of the state are in the link table.
+    // The state contains the link table, which has entries for the state's own pages.
     std::uint64_t headPages = 0;
     std::uint64_t needed = 1;
     while (needed != headPages) {
@@ -169,7 +169,7 @@ void PackageComposer::DealPages() {
     }
 }
 
-// Page numbers from the second page on for so many pages in use, with the free ones left out.
+// Numbers for the used pages, from the second page on, with random gaps for the free ones.
 std::vector<std::uint64_t> PackageComposer::ChoosePageNumbers(std::uint64_t used,
                                                               std::uint64_t free) {
     std::vector<std::uint64_t> numbers;

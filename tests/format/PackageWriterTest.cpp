@@ -25,7 +25,7 @@ TEST_P(PackageWriterLayout, IsSoundAndReadsBackWhole) {
 INSTANTIATE_TEST_SUITE_P(All, PackageWriterLayout, testing::ValuesIn(AllLayouts()),
                          [](const auto& instance) { return instance.param.name; });
 
-TEST(PackageWriter, AnEmptyPackageIsOnePageThatKnowsItself) {
+TEST(PackageWriter, AnEmptyPackageIsItsHeadPageAlone) {
     const PackageImage image = ReadPackage(WritePackage({}, {}));
 
     EXPECT_EQ(image.file.size(), kPageSize);
@@ -34,8 +34,8 @@ TEST(PackageWriter, AnEmptyPackageIsOnePageThatKnowsItself) {
     EXPECT_TRUE(image.headerData.empty());
 }
 
-TEST(PackageWriter, AHeadFileThatFillsItsLastPageStopsThere) {
-    // 8 bytes of N, one link a page, three empty tables and the length of the header data.
+TEST(PackageWriter, AHeadFileThatFillsItsLastPageEndsThere) {
+    // Number of links, three empty tables and the length of the header data; no links.
     const std::size_t fixed = 8 + 3 * 8 + 8;
     for (const std::size_t pages : {1u, 2u, 3u}) {
         const std::size_t capacity = 8160 + (pages - 1) * 8176;

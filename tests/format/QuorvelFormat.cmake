@@ -1,5 +1,5 @@
-# quorvel_format: the package file and the effect cache's contents, read, checked and written
-# without the library. For the format's tests and for the tools, whichever comes first.
+# quorvel_format: reads, checks and writes package files and effect caches without the library. Both
+# the format tests and the tools include this file.
 include_guard(GLOBAL)
 
 set(folder ${CMAKE_CURRENT_LIST_DIR})

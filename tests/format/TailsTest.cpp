@@ -27,7 +27,7 @@ protected:
         streams_.erase(id);
     }
 
-    // Commits, checks everything, and returns what the file now says.
+    // Commits, checks the package and its file, and returns the parsed file.
     PackageImage Commit() {
         package_->GetHeaderData();
         EXPECT_TRUE(package_->Commit());
@@ -42,7 +42,7 @@ protected:
     std::map<std::uint64_t, Bytes> streams_;
 };
 
-TEST_F(Tails, OfADeletedStreamLeaveTheirPlaceToThoseBehind) {
+TEST_F(Tails, OfADeletedStreamLetLaterTailsMoveUp) {
     const std::uint64_t first = Add(3000);
     const std::uint64_t second = Add(5000);
     const std::uint64_t third = Add(kPageSize + 70);
@@ -57,7 +57,7 @@ TEST_F(Tails, OfADeletedStreamLeaveTheirPlaceToThoseBehind) {
     EXPECT_EQ(image.blocks[0].freeBytes, kTailBlockSize - 5070);
 }
 
-TEST_F(Tails, OfADeletedStreamInTheMiddleLeaveThoseBeforeAlone) {
+TEST_F(Tails, OfADeletedStreamInTheMiddleLeaveEarlierTailsInPlace) {
     const std::uint64_t first = Add(8000);
     const std::uint64_t second = Add(8001);
     const std::uint64_t third = Add(8002);
@@ -71,7 +71,7 @@ TEST_F(Tails, OfADeletedStreamInTheMiddleLeaveThoseBeforeAlone) {
     EXPECT_EQ(image.fragments[2].offset, 16002u);
 }
 
-TEST_F(Tails, MoveUnderAStreamThatIsOpen) {
+TEST_F(Tails, MoveUnderAnOpenStream) {
     const std::uint64_t first = Add(8000);
     const std::uint64_t second = Add(5000);
     const Util::RefPtr<IDataStream> open = package_->OpenDataStream(second);

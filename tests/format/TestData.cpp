@@ -5,7 +5,7 @@
 namespace Quorvel::Format {
 
 Bytes Pattern(std::size_t size, std::uint64_t seed) {
-    // Periods of a little more than a page keep this quick and two pages apart from each other.
+    // A period slightly longer than a page is quick to make and keeps pages different.
     constexpr std::size_t kPeriod = 8209;
     Bytes bytes(std::min(size, kPeriod));
     auto state = static_cast<std::uint32_t>(seed * 2654435761u + 1);
@@ -48,8 +48,8 @@ const std::vector<NamedLayout>& AllLayouts() {
         add("DescendingPages").pageOrder = PageOrder::kDescending;
         add("ShuffledPages").pageOrder = PageOrder::kShuffled;
         add("InterleavedChains").interleaveChains = true;
-        add("FreePagesAmongThoseInUse").freePages = 40;
-        add("FreePagesBehindTheFile").freePagesAtEnd = 25;
+        add("FreePagesAmongUsedPages").freePages = 40;
+        add("FreePagesPastTheEnd").freePagesAtEnd = 25;
         add("LongHeadFile").freePagesAtEnd = 5000;
         add("BlockForEachTail").tails = TailPlacement::kBlockEach;
         add("ScatteredTails").tails = TailPlacement::kScattered;

@@ -13,7 +13,7 @@
 
 namespace Quorvel::Format {
 
-// Bytes that look random; those of different seeds have next to nothing in common.
+// Bytes that look random and differ from seed to seed.
 Bytes Pattern(std::size_t size, std::uint64_t seed);
 
 // Stream sizes on and around every boundary: page, tail block, several pages.
@@ -22,7 +22,7 @@ const std::vector<std::size_t>& BoundarySizes();
 // A stream of each boundary size, with ids that leave gaps.
 std::map<std::uint64_t, Bytes> BoundaryStreams();
 
-// Layouts that differ in every respect in which sound files may.
+// Layouts that vary in every way in which sound files may differ.
 struct NamedLayout {
     std::string name;
     PackageLayout layout;
@@ -35,7 +35,7 @@ const std::vector<NamedLayout>& AllLayouts();
 // Effects of many sizes under names of many lengths.
 std::vector<NewEffect> ManyEffects(std::size_t count);
 
-// The lines, one below the other.
+// The lines, each followed by a newline.
 std::string Joined(const std::vector<std::string>& lines);
 
 }  // namespace Quorvel::Format

@@ -1,4 +1,4 @@
-// Each program of the README stands in its own namespace here, with its main() under another name.
+// The README's programs, each with its main() renamed.
 #include <gtest/gtest.h>
 #include <quorvel/Quorvel.h>
 

@@ -46,7 +46,7 @@ protected:
     std::ostringstream err_;
 };
 
-TEST_F(Tool, CheckSaysInALineWhatASoundPackageHolds) {
+TEST_F(Tool, CheckSummarisesASoundPackageInOneLine) {
     EXPECT_EQ(RunOnFile(CheckTool, WritePackage({{0, Bytes(8200)}, {1, Bytes(1)}}, {})), kDone);
     EXPECT_EQ(out_.str(),
               path_ +
@@ -55,13 +55,13 @@ TEST_F(Tool, CheckSaysInALineWhatASoundPackageHolds) {
     EXPECT_EQ(err_.str(), "");
 }
 
-TEST_F(Tool, CheckSaysInALineWhatASoundEffectCacheHolds) {
+TEST_F(Tool, CheckSummarisesASoundEffectCacheInOneLine) {
     EXPECT_EQ(RunOnFile(CheckTool, WriteEffectCache(TwoEffects())), kDone);
     EXPECT_THAT(out_.str(), testing::HasSubstr(": effect cache, 3 streams of "));
     EXPECT_THAT(out_.str(), testing::HasSubstr(" 0 problems\n"));
 }
 
-TEST_F(Tool, CheckPrintsEachProblemOnALine) {
+TEST_F(Tool, CheckPrintsEachProblemOnItsOwnLine) {
     PackageImage image = LayOutPackage({}, {}, {});
     image.links = {0, 0, 5};
     EXPECT_EQ(RunOnFile(CheckTool, EncodePackage(image)), kDamaged);
@@ -73,7 +73,7 @@ TEST_F(Tool, CheckPrintsEachProblemOnALine) {
                               "page 12 is in use, but belongs to nothing\n");
 }
 
-TEST_F(Tool, CheckFindsProblemsOfTheEffectCache) {
+TEST_F(Tool, CheckFindsProblemsInTheEffectCache) {
     CacheHeader header;
     header.version = 6;
     EXPECT_EQ(RunOnFile(CheckTool, WritePackage({}, EncodeHeaderBlock(header))), kDamaged);
@@ -86,7 +86,7 @@ TEST_F(Tool, CheckCallsAFileWithoutAPackageDamaged) {
     EXPECT_EQ(out_.str(), path_ + ": no intact package, 1 problem\nthe file has no first page\n");
 }
 
-TEST_F(Tool, ListPrintsTheEffectsInTheirOrder) {
+TEST_F(Tool, ListPrintsTheEffectsInKeyOrder) {
     EXPECT_EQ(RunOnFile(ListTool, WriteEffectCache(TwoEffects())), kDone);
     EXPECT_EQ(out_.str(),
               "a\t1\t0\t1999-12-31T01:02:03.004\n"
@@ -98,14 +98,13 @@ TEST_F(Tool, ListPrintsNothingForAnEmptyCache) {
     EXPECT_EQ(out_.str(), "");
 }
 
-TEST_F(Tool, ListFailsOnAPackageThatIsNoEffectCache) {
+TEST_F(Tool, ListFailsOnAPackageThatIsNotAnEffectCache) {
     EXPECT_EQ(RunOnFile(ListTool, WritePackage({}, {})), kFailed);
     EXPECT_EQ(out_.str(), "");
-    EXPECT_EQ(err_.str(),
-              "quorvel-list: " + path_ + ": the header data has no block of the cache\n");
+    EXPECT_EQ(err_.str(), "quorvel-list: " + path_ + ": the header data has no cache block\n");
 }
 
-TEST_F(Tool, FailsOnAFileThatCanNotBeRead) {
+TEST_F(Tool, FailsIfTheFileCannotBeRead) {
     for (const Function tool : {CheckTool, ListTool}) {
         EXPECT_EQ(Run(tool, {directory_.File("missing")}), kFailed);
         EXPECT_EQ(out_.str(), "");
@@ -113,14 +112,14 @@ TEST_F(Tool, FailsOnAFileThatCanNotBeRead) {
     }
 }
 
-TEST_F(Tool, TakesAnArgumentThatBeginsWithASlashForAFile) {
+TEST_F(Tool, TreatsAnArgumentThatBeginsWithASlashAsAFile) {
     for (const Function tool : {CheckTool, ListTool}) {
         EXPECT_EQ(Run(tool, {"/missing"}), kFailed);
         EXPECT_THAT(err_.str(), testing::HasSubstr("can't read /missing"));
     }
 }
 
-TEST_F(Tool, FailsWithoutAFileAndWithTwo) {
+TEST_F(Tool, FailsWithoutAFileAndWithTwoFiles) {
     for (const Function tool : {CheckTool, ListTool}) {
         EXPECT_EQ(Run(tool, {}), kFailed);
         EXPECT_EQ(Run(tool, {"one", "two"}), kFailed);
@@ -129,14 +128,14 @@ TEST_F(Tool, FailsWithoutAFileAndWithTwo) {
     }
 }
 
-TEST_F(Tool, ExplainsItselfWhenAsked) {
+TEST_F(Tool, PrintsHelpOnRequest) {
     for (const Function tool : {CheckTool, ListTool}) {
         EXPECT_EQ(Run(tool, {"--help"}), kDone);
         EXPECT_THAT(out_.str(), testing::HasSubstr("Exit code: 0"));
     }
 }
 
-TEST_F(Tool, FailsWhenItsOutputCanNotBeWritten) {
+TEST_F(Tool, FailsIfItsOutputCannotBeWritten) {
     WriteWholeFile(path_, WriteEffectCache(TwoEffects()));
     const char* const argv[] = {"tool", path_.c_str()};
     for (const Function tool : {CheckTool, ListTool}) {

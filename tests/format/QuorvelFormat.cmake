@@ -1,5 +1,5 @@
-# quorvel_format: reads, checks and writes package files and effect caches without the library. Both
-# the format tests and the tools include this file.
+# quorvel_format: reads, checks and writes package files and effect caches without the library. Every
+# folder that uses it includes this file; the first one defines it.
 include_guard(GLOBAL)
 
 set(folder ${CMAKE_CURRENT_LIST_DIR})

@@ -24,13 +24,13 @@ std::atomic<std::uint64_t>& Board::operator[](Count count) {
     return content_->counts[static_cast<std::uint64_t>(count)];
 }
 
-// An abandoned mutex is owned after the wait, although no block comes with it.
+// After a wait for an abandoned mutex the process owns it, although Lock returns no block.
 void Board::Repair() {
     Lock(kWaitForever);
     Unlock();
 }
 
-// A fresh block is all zero, which is what most numbers start from.
+// A new block is all zeros, the initial value of everything but the room.
 void Board::OnMemoryCreated(void* block) {
     content_ = static_cast<Content*>(block);
     content_->room = kRealRoom;

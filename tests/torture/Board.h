@@ -11,47 +11,47 @@ namespace Quorvel::Torture {
 constexpr std::uint64_t kMostSlots = 8;
 constexpr std::uint64_t kNamesOfSlot = 64;
 
-// What the processes of a run count. All but the first few must stay zero in an orderly run.
+// What the processes of a run count. In an orderly run all but the first five must stay zero.
 enum class Count : std::uint64_t {
     Searches,
     Hits,
     Cached,
     Saves,
     Objects,
-    // Bytes served under a name.
+    // Searches that found another effect's bytes, or damaged ones.
     OthersBytes,
     DamagedBytes,
-    // What a search did not find although its save had returned, or found in an older version.
+    // Searches that did not find a saved effect, or found a version older than the saved one.
     Missing,
     Stale,
-    // A name, or a version of it, that nobody ever cached was found.
+    // Searches that found a name or a version that no process ever cached.
     Invented,
-    // A cache object that was usable became inert; a new one was inert from the start.
+    // Cache objects that became inert, and those that were inert from the start.
     BecameInert,
     Unusable,
     CountOfCounts
 };
 
-// As many bytes as the volume really has.
+// The free bytes that the volume really has.
 constexpr std::uint64_t kRealRoom = ~std::uint64_t{0};
 
-// What all processes of a run see: the versions of the names that belong to one process slot each,
-// the room that their volume seems to have, and the counts.
+// Memory shared by all processes of a run: the versions of the names, each of which belongs to one
+// process slot, the free bytes that their volume reports, and the counts.
 class Board : public MultiProcessMemory {
 public:
     explicit Board(const std::string& name);
 
-    // The last version that a slot's process gave a name's bytes, and the last one whose save had
-    // returned. Zero for none.
+    // The latest version of a name that its slot's process has cached, and the latest one whose
+    // save has returned. Zero for none.
     std::atomic<std::uint64_t>& Issued(std::uint64_t slot, std::uint64_t name);
     std::atomic<std::uint64_t>& Saved(std::uint64_t slot, std::uint64_t name);
 
-    // What the system tells the cache of the free bytes of its volume, or kRealRoom.
+    // The free bytes that the system reports for the cache's volume, or kRealRoom.
     std::atomic<std::uint64_t>& Room();
 
     std::atomic<std::uint64_t>& operator[](Count count);
 
-    // Takes the block's mutex from a process that was killed while it held it.
+    // Releases the block's mutex if a process was killed while holding it.
     void Repair();
 
 protected:

@@ -19,7 +19,7 @@ void ReportFreeSpace(const std::atomic<std::uint64_t>& bytes) {
 
 using namespace Quorvel::Torture;
 
-// The linker sends the library's query here.
+// The linker redirects the library's query here.
 extern "C" {
 
 bool REAL_FREE_DISK_SPACE(const char* directory, std::uint64_t& bytes) noexcept;

@@ -5,8 +5,8 @@
 
 namespace Quorvel::Torture {
 
-// From now on the library of this process is told that every volume has so many free bytes, as long
-// as that is not kRealRoom.
+// From now on the library in this process finds this number of free bytes on every volume, or the
+// real number while bytes is kRealRoom.
 void ReportFreeSpace(const std::atomic<std::uint64_t>& bytes);
 
 }  // namespace Quorvel::Torture

@@ -33,20 +33,20 @@ constexpr std::array<std::string_view, static_cast<std::size_t>(Count::CountOfCo
      "cache objects",
      "others' bytes",
      "damaged bytes",
-     "missing after their save",
-     "older than their save",
-     "never cached, yet found",
+     "missing after a save",
+     "older than the save",
+     "found but never cached",
      "caches that became inert",
      "caches inert from the start"};
 
-// A process that is not done so long after its time hangs.
+// A process that still runs this long after its time is up counts as hung.
 constexpr auto kPatience = std::chrono::seconds(120);
 
 std::uint64_t At(const Report& report, Count count) {
     return report.counts[static_cast<std::size_t>(count)];
 }
 
-// The object name that the cache gives its file: the path, letters and digits only.
+// The object name that the cache gives its file: the path with '_' for all but letters and digits.
 std::string ObjectName(std::string path) {
     for (char& byte : path) {
         const bool plain = (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
@@ -108,7 +108,7 @@ private:
         return milliseconds(std::uniform_int_distribution<int>(100, 1500)(random_));
     }
 
-    // Waits for a worker whose time is up or almost.
+    // Waits for a worker whose time is up, or nearly up.
     void Finish(std::uint64_t slot) {
         Worker& worker = workers_[slot];
         const Clock::time_point deadline = worker.end + kPatience;
@@ -134,7 +134,7 @@ private:
         worker.process.reset();
     }
 
-    // Each slot has one process after the other; the file is checked after every exit.
+    // Each slot runs one process after another; the file is checked after every exit.
     void PlayOrderly() {
         const Clock::time_point end = Clock::now() + std::chrono::seconds(options_.seconds);
         for (std::uint64_t slot = 0; slot < workers_.size(); ++slot) {
@@ -161,8 +161,8 @@ private:
         }
     }
 
-    // Processes of bounded life, and one of them killed every now and then. A process that inherits
-    // the file mutex of a dead one keeps it to its end, so the others may have to outwait several.
+    // Runs processes of limited life and kills one now and then. A process that inherits the file
+    // mutex of a dead one keeps it until it ends, so the others may have to wait for several.
     void PlayWithDeaths() {
         while (report_.killed < options_.kills) {
             std::this_thread::sleep_for(
@@ -193,14 +193,14 @@ private:
                 Finish(slot);
             }
         }
-        // Whatever is left, one more process finds the file usable and leaves it sound.
+        // One more process must be able to use the file that is left, and leave it sound.
         Start(0, milliseconds(200));
         Finish(0);
         CheckStructure();
     }
 
-    // Lets the volume seem to have, or have, another number of free bytes. A quarter of the time
-    // there are none at all.
+    // Now and then changes the free bytes that the volume reports, or really has. Every fourth
+    // time, on average, none are left.
     void ChangeVolume() {
         if (std::uniform_int_distribution<int>(0, 4)(random_) != 0) {
             return;
@@ -240,7 +240,7 @@ private:
         }
         ++report_.checks;
         if (options_.fillsVolume && file.empty()) {
-            return;  // what is left of a file when its volume doesn't even hold an empty cache
+            return;  // the volume had no room even for an empty cache
         }
         for (const std::string& problem : Format::CheckEffectCache(file)) {
             report_.structureProblems.push_back(problem);
@@ -293,8 +293,8 @@ std::ostream& operator<<(std::ostream& stream, const Report& report) {
     for (std::size_t count = 0; count < report.counts.size(); ++count) {
         line(kCountNames[count], report.counts[count]);
     }
-    line("checks of the file", report.checks);
-    line("problems of the file", report.structureProblems.size());
+    line("file checks", report.checks);
+    line("file problems", report.structureProblems.size());
     for (const std::string& problem : report.structureProblems) {
         stream << "    " << problem << '\n';
     }

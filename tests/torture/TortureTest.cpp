@@ -1,4 +1,4 @@
-// Short runs of what quorvel-torture does for as long as one likes.
+// Short runs of quorvel-torture.
 #include <gtest/gtest.h>
 
 #include "support/TemporaryDirectory.h"
@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::uint64_t kMebibyte = 0x100000;
 
-TEST(Torture, OrderlyProcessesLoseNothingAndServeNothingWrong) {
+TEST(Torture, OrderlyProcessesLoseNothingAndFindNoWrongBytes) {
     const Testing::TemporaryDirectory directory;
     const Report report = RunTorture(
         {.directory = directory.Path().string(), .seed = 20091030, .seconds = 6, .processes = 4});
@@ -18,7 +18,7 @@ TEST(Torture, OrderlyProcessesLoseNothingAndServeNothingWrong) {
     EXPECT_GT(report.effectsAtEnd, 0U) << report;
 }
 
-TEST(Torture, ProcessesThatAreToldOfLessAndLessRoomServeNothingWrongAndKeepWhatIsPermanent) {
+TEST(Torture, ProcessesShortOfRoomKeepPermanentEffectsAndFindNoWrongBytes) {
     const Testing::TemporaryDirectory directory;
     const Report report = RunTorture({.directory = directory.Path().string(),
                                       .seed = 11,
@@ -28,7 +28,7 @@ TEST(Torture, ProcessesThatAreToldOfLessAndLessRoomServeNothingWrongAndKeepWhatI
     EXPECT_TRUE(report.IsGood()) << report;
 }
 
-TEST(Torture, DeathsServeNothingWrongAndLeaveAFileThatTheNextProcessCanUse) {
+TEST(Torture, KilledProcessesCauseNoWrongBytesAndLeaveAUsableFile) {
     const Testing::TemporaryDirectory directory;
     const Report report = RunTorture(
         {.directory = directory.Path().string(), .seed = 7, .processes = 2, .kills = 60});

@@ -1,4 +1,4 @@
-// One process of a torture run: a random mix of everything that a host does with its cache.
+// One process of a torture run: does at random everything that a host does with its cache.
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
@@ -26,11 +26,10 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::uint64_t kSharedNames = 40;
 
-// Every so many-th of a slot's names is always permanent, so that it is never evicted.
+// One name in this number is always permanent, so that it is never evicted.
 constexpr std::uint64_t kPermanentStep = 8;
 
-// Most effects are alike in size, so that one in another's place would not be noticed by its
-// length.
+// Most effects have the same size, so that the library can't tell a misplaced one by its length.
 constexpr std::size_t kUsualSize = 3000;
 constexpr std::size_t kLargeSize = 10000;
 constexpr std::size_t kLargestSize = 60000;
@@ -59,7 +58,7 @@ public:
         }
     }
 
-    // Saves by the end of the cache object, as a host does that ends.
+    // Closes the cache, which saves it, as a host does at its end.
     void Leave() {
         if (Roll(2) == 0) {
             Save();
@@ -119,8 +118,8 @@ private:
         return "shared effect " + std::to_string(name);
     }
 
-    // Replaces all effects of the slot by large ones: more than the page cache holds, so that pages
-    // reach the file all along the save.
+    // Replaces all effects of the slot by large ones. The page cache can't hold them, so pages
+    // reach the file throughout the save.
     void SaveMuch() {
         leastSize_ = kLargeSize;
         for (std::uint64_t name = 0; name < kNamesOfSlot; ++name) {
@@ -150,7 +149,7 @@ private:
         pending_.emplace_back(name, version);
         Cache(OwnedName(slot_, name), version, name % kPermanentStep == 0);
         if (cache_->IsEnabled() && cache_->GetNumberOfEffectsInMemory() == 0) {
-            PublishSaved();  // it was the one too many that waited
+            PublishSaved();  // this effect made the cache save
         }
     }
 
@@ -169,8 +168,8 @@ private:
         }
     }
 
-    // Where effects may be evicted, or dropped by a save that found no room for them, those count
-    // as saved that are found in the file.
+    // If effects may be evicted, or dropped by a save for lack of room, only those that a search
+    // finds count as saved.
     void PublishSaved() {
         for (const auto& [name, version] : pending_) {
             std::uint64_t found = 0;
@@ -199,7 +198,7 @@ private:
                 ++board_[Count::DamagedBytes];
                 break;
         }
-        version = kWrongBytes;  // counted once is enough
+        version = kWrongBytes;  // so that the caller doesn't count them again
         return true;
     }
 
@@ -225,7 +224,7 @@ private:
 
     void SearchAbsent() {
         std::uint64_t version = 0;
-        if (Search("nobody caches " + std::to_string(Roll(1000)), version)) {
+        if (Search("never cached " + std::to_string(Roll(1000)), version)) {
             ++board_[Count::Invented];
         }
     }
@@ -238,16 +237,16 @@ private:
     std::uint64_t slots_;
     std::mt19937_64 random_;
     bool mayEvict_;
-    std::size_t leastSize_ = 0;  // of the effects that are cached
+    std::size_t leastSize_ = 0;  // of new effects
     Util::RefPtr<EffectCacheSystem> cache_;
-    std::vector<std::pair<std::uint64_t, std::uint64_t>> pending_;  // own names and their versions
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> pending_;  // names and versions
 };
 
 // Arguments: directory, board, slot, slots, seed, milliseconds to live, whether effects may be
 // evicted.
 //
-// An object that is made while its mutex is abandoned refuses, and the mutex stays with the thread
-// until that ends. So the process ends, as a host's thread should.
+// An object that is created while its mutex is abandoned throws, and the thread keeps the mutex
+// until it ends. So the process ends, as a host's thread should.
 QUORVEL_AGENT(TortureWorker) {
     const auto number = [&](std::size_t index) { return std::stoull(arguments[index]); };
     try {

@@ -1,4 +1,4 @@
-// quorvel-torture: several processes on one effect cache, orderly or dying.
+// quorvel-torture: several processes on one effect cache, killed or not.
 #include <CLI/CLI.hpp>
 #include <iostream>
 
@@ -13,25 +13,27 @@ int main(int argc, char** argv) {
     }
     Quorvel::Torture::Options options;
     CLI::App app(
-        "Lets several processes work on one effect cache at random, and checks every byte "
+        "Runs several processes that use one effect cache at random, and checks every byte "
         "that they find and the file that they leave.");
     app.add_option("--directory", options.directory,
-                   "an empty directory for the cache, which is kept; otherwise one of its own");
-    app.add_option("--seed", options.seed, "start value of all random choices")
+                   "an empty directory for the cache, which is kept; by default a temporary one");
+    app.add_option("--seed", options.seed, "seed of all random choices")->capture_default_str();
+    app.add_option("--seconds", options.seconds, "length of an orderly run in seconds")
         ->capture_default_str();
-    app.add_option("--seconds", options.seconds, "length of an orderly run")->capture_default_str();
-    app.add_option("--processes", options.processes, "processes at a time")
+    app.add_option("--processes", options.processes, "number of processes at a time")
         ->check(CLI::Range(2, 8))
         ->capture_default_str();
     app.add_option("--kills", options.kills,
-                   "kill processes at random moments, so many in all; 0 is an orderly run")
+                   "number of processes to kill at random moments; 0 for an orderly run")
         ->capture_default_str();
-    app.add_option("--room", options.room,
-                   "tell the cache that its volume has at most so many free bytes, and at times "
-                   "fewer; 0 tells the truth")
+    app.add_option(
+           "--room", options.room,
+           "most free bytes that the volume reports to the cache, at times fewer; 0 for the "
+           "real number")
         ->capture_default_str();
-    app.add_flag("--fill-volume", options.fillsVolume,
-                 "fill the directory's volume at random; it should be a small one of its own");
+    app.add_flag(
+        "--fill-volume", options.fillsVolume,
+        "fill the directory's volume at random; use a small volume that holds nothing else");
     CLI11_PARSE(app, argc, argv);
     if (options.fillsVolume && options.directory.empty()) {
         std::cerr << "--fill-volume needs a --directory on a small volume of its own\n";

@@ -1,4 +1,4 @@
-// A cache on a volume that others fill up.
+// A cache on a volume that fills up.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 
@@ -12,7 +12,7 @@ namespace Quorvel::Torture {
 
 namespace {
 
-// A volume of 8 MiB in memory, mounted on a directory of its own until the end of the scope.
+// A volume of 8 MiB in memory, mounted on a temporary directory as long as the object lives.
 class SmallVolume {
 public:
     SmallVolume()
@@ -33,10 +33,10 @@ private:
     int error_;
 };
 
-TEST(TortureOfSmallVolume, ProcessesServeNothingWrongWhileItFillsUp) {
+TEST(TortureOfSmallVolume, ProcessesFindNoWrongBytesWhileItFillsUp) {
     const SmallVolume volume;
     if (volume.Error() != 0) {
-        GTEST_SKIP() << "this user can't mount a volume: " << std::strerror(volume.Error());
+        GTEST_SKIP() << "this user cannot mount a volume: " << std::strerror(volume.Error());
     }
     const Report report = RunTorture({.directory = volume.Path(),
                                       .seed = 12,

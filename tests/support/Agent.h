@@ -5,8 +5,8 @@
 
 namespace Quorvel::Testing {
 
-// What a ChildProcess runs: a function of the test program, found by name, that talks to the test
-// through standard input and output.
+// A function of the test program that a ChildProcess runs. It is found by name and talks to the
+// test through standard input and output.
 //
 //     QUORVEL_AGENT(HoldMutex) {
 //         MutexObject mutex(arguments[0].c_str());
@@ -16,17 +16,16 @@ namespace Quorvel::Testing {
 //     }
 using AgentFunction = int (*)(const std::vector<std::string>& arguments);
 
-// Sends the test a line at once.
+// Sends the test a line, without buffering.
 void AgentSend(const std::string& line);
 
-// Waits for the test's next line; empty when the test has closed the pipe.
+// Waits for the test's next line; empty if the test has closed the pipe.
 std::string AgentReceive();
 
-// Makes a function known by name; returns true.
+// Registers a function under a name; returns true.
 bool RegisterAgent(const char* name, AgentFunction function);
 
-// Runs the agent that the command line asks for and returns true with its exit code; false when it
-// asks for none.
+// Runs the agent that the command line names and sets the exit code; false if it names none.
 bool RunRequestedAgent(int argc, char** argv, int& exitCode);
 
 // NOLINTNEXTLINE(bugprone-macro-parentheses)

@@ -4,11 +4,11 @@
 
 namespace Quorvel::Testing {
 
-// What a ChildProcess and the program it starts agree on: the first argument is this option with
-// the agent's name behind it, the others are the agent's own.
+// The first argument of a program that a ChildProcess starts is this option followed by the agent's
+// name; the other arguments are the agent's own.
 constexpr std::string_view kAgentOption = "--agent=";
 
-// Exit code of a program that was asked for an agent it does not have.
+// Exit code of a program that has no agent with the requested name.
 constexpr int kNoSuchAgent = 120;
 
 }  // namespace Quorvel::Testing

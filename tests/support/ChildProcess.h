@@ -7,11 +7,11 @@
 
 namespace Quorvel::Testing {
 
-// A real process of its own: this same test program, started again to run one agent (Agent.h). Its
-// standard input and output are pipes to here; its standard error is ours.
+// A separate process: the same test program, started again to run one agent (Agent.h). Its standard
+// input and output are pipes to this process; it shares this process's standard error.
 class ChildProcess {
 public:
-    // Starts an agent. Throws std::runtime_error when the system refuses.
+    // Starts an agent. Throws std::runtime_error if the system refuses.
     ChildProcess(const std::string& agent, const std::vector<std::string>& arguments = {});
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
@@ -19,13 +19,13 @@ public:
     // Kills the process if it still runs, and waits for it.
     ~ChildProcess();
 
-    // The system's number for the process.
+    // The system's id of the process.
     std::uint32_t Id() const;
 
-    // Sends a line; false when the process no longer reads.
+    // Sends a line; false if the process no longer reads.
     bool Send(const std::string& line);
 
-    // Waits for the process's next line and returns it without its line end; empty at the end of
+    // Waits for the process's next line and returns it without its line break; empty at the end of
     // its output.
     std::string Receive();
 
@@ -35,14 +35,14 @@ public:
         return Receive();
     }
 
-    // Ends the process at once, as kill -9 and TerminateProcess do, and waits for it.
+    // Kills the process as kill -9 and TerminateProcess do, and waits for it.
     void Kill();
 
-    // Whether the process has ended by now.
+    // True if the process has ended.
     bool HasEnded();
 
-    // Closes the process's input, waits until it ends, and returns its exit code; -1 when it was
-    // killed by a signal.
+    // Closes the process's input, waits until it ends, and returns its exit code; -1 if it was
+    // killed.
     int Wait();
 
 private:

@@ -17,7 +17,7 @@ namespace Quorvel::Testing {
 
 namespace {
 
-// A descriptor that no other child inherits.
+// Owns a descriptor.
 class Descriptor {
 public:
     Descriptor() = default;
@@ -53,8 +53,7 @@ void MakePipe(Descriptor& reader, Descriptor& writer) {
     writer.Set(ends[1]);
 }
 
-// What posix_spawn wants to know besides the arguments: the pipes, and that the child dies of a
-// broken pipe as programs do, although the test does not.
+// Settings for posix_spawn: the pipes, and the default action for SIGPIPE, which the test ignores.
 class SpawnSettings {
 public:
     SpawnSettings(int input, int output) {
@@ -126,7 +125,8 @@ ChildProcess::ChildProcess(const std::string& agent, const std::vector<std::stri
     argv.push_back(nullptr);
 
     const SpawnSettings settings(childInput.Get(), childOutput.Get());
-    // The link's target, since under valgrind the link itself would start valgrind alone.
+    // The link's target, since under valgrind the link itself would start valgrind without a
+    // program.
     const std::string program = std::filesystem::read_symlink("/proc/self/exe").string();
     const int error = ::posix_spawn(&state_->process, program.c_str(), settings.Actions(),
                                     settings.Attributes(), argv.data(), environ);

@@ -55,7 +55,7 @@ void MakeInheritable(const Handle& handle) {
     }
 }
 
-// An inheritable copy of our standard error; null when there is none.
+// An inheritable copy of this process's standard error; null if it has none.
 HANDLE CopyStandardError() {
     HANDLE copy = nullptr;
     ::DuplicateHandle(::GetCurrentProcess(), ::GetStdHandle(STD_ERROR_HANDLE),
@@ -63,7 +63,7 @@ HANDLE CopyStandardError() {
     return copy;
 }
 
-// Makes a child inherit these handles and no other.
+// Makes a child inherit only these handles.
 class InheritedHandles {
 public:
     explicit InheritedHandles(std::vector<HANDLE> handles) : handles_(std::move(handles)) {
@@ -98,8 +98,8 @@ std::string ProgramPath() {
     return path;
 }
 
-// An argument as the runtime library of the child takes it apart again: in quotes, quotes inside
-// behind a backslash, and backslashes doubled where a quote follows.
+// Quotes an argument for the child's runtime library: adds quotes around it, a backslash before
+// each quote in it, and doubles backslashes before a quote.
 std::string Quoted(const std::string& argument) {
     std::string quoted = "\"";
     std::size_t backslashes = 0;

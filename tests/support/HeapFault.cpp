@@ -2,9 +2,9 @@
 
 #include <cstddef>
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker gives these names.
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker dictates these names.
 
-// The linker sends every call of malloc to __wrap_malloc, and __real_malloc to the runtime library.
+// The linker redirects malloc to __wrap_malloc, and __real_malloc to the runtime library.
 extern "C" void* __real_malloc(std::size_t size);
 
 namespace Quorvel::Testing {

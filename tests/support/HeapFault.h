@@ -4,18 +4,18 @@
 
 namespace Quorvel::Testing {
 
-// Makes malloc, and with it the heap of the host's classes, fail in the thread that made this
-// object while it lives. Only programs whose calls go through the linker's --wrap see it.
-// Allocations of the standard library's containers are not among them.
+// While it lives, makes malloc fail in the thread that created it, and with it the heap of the
+// host's classes. Works only in programs that are linked with --wrap. Standard containers are not
+// affected.
 class HeapFault {
 public:
-    // Lets the first `skipped` calls through and fails all later ones.
+    // Lets the first `skipped` calls through; all later ones fail.
     explicit HeapFault(std::uint64_t skipped = 0);
     HeapFault(const HeapFault&) = delete;
     HeapFault& operator=(const HeapFault&) = delete;
     ~HeapFault();
 
-    // How many calls failed since construction.
+    // Number of calls that have failed.
     std::uint64_t Failures() const;
 };
 

@@ -9,9 +9,9 @@
 #include <cstdio>
 #include <utility>
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker gives these names.
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker dictates these names.
 
-// The linker sends every call of fopen to __wrap_fopen, and __real_fopen to the runtime library.
+// The linker redirects fopen to __wrap_fopen, and __real_fopen to the runtime library.
 extern "C" {
 std::FILE* __real_fopen(const char* path, const char* mode);
 int __real_fclose(std::FILE* file);
@@ -29,33 +29,33 @@ using Counter = std::atomic<std::uint64_t>;
 
 constexpr std::size_t kCallKinds = 6;
 
-// Zero-initialised, and so in order before any constructor of the program calls a stdio function.
+// Zero-initialised, so usable before any constructor of the program calls a stdio function.
 std::array<Counter, kCallKinds> callCounts;
 Counter bytesRead;
 Counter bytesWritten;
 Counter openFiles;
 
-// The one fault that can be armed. The constructor of StdioFault fills in the rest before `armed`.
+// The only fault that can be armed. The constructor of StdioFault sets `armed` last.
 struct Fault {
     std::atomic<bool> armed;
     std::atomic<StdioCall> call;
     std::atomic<int> error;
-    Counter first;  // the calls from this one on fail,
-    Counter end;    // up to but without this one
+    Counter first;  // the first call that fails
+    Counter end;    // one past the last call that fails
     Counter bytesMoved;
     Counter calls;
     Counter failures;
 };
 Fault fault;
 
-// Where the transfers of this thread are recorded; null when they aren't.
+// Records the transfers of this thread; null if they are not recorded.
 thread_local std::vector<StdioTransfer>* trace = nullptr;
 
-// Where the next transfer begins; 0 when nothing is recorded.
+// File offset of the next transfer; 0 if nothing is recorded.
 std::uint64_t OffsetForTrace(std::FILE* file) {
     return trace ? static_cast<std::uint64_t>(__real_ftell(file)) : 0;
 }
-// Records a transfer that worked.
+// Records a complete transfer.
 void Record(StdioTransfer::Kind kind, std::uint64_t offset, std::uint64_t size) {
     if (trace) {
         trace->push_back({kind, offset, size});
@@ -84,7 +84,7 @@ bool IsStandardStream(const std::FILE* file) {
     return file == stdin || file == stdout || file == stderr;
 }
 
-// How much a failing transfer of count items of a size still moves, in bytes.
+// The bytes that a failing transfer of count items of this size still moves.
 std::size_t BytesOfFailedTransfer(std::size_t size, std::size_t count) {
     return static_cast<std::size_t>(std::min<std::uint64_t>(fault.bytesMoved, size * count));
 }

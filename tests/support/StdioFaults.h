@@ -8,32 +8,32 @@ namespace Quorvel::Testing {
 // The stdio functions that the page store calls.
 enum class StdioCall { Open, Close, Seek, Tell, Read, Write };
 
-// Makes the library's own calls of the standard I/O functions fail while it lives. Only programs
-// whose calls go through the linker's --wrap see it, and only one may live at a time. Calls of the
-// test itself are counted and failed as well; calls on the three standard streams never are.
+// While it lives, makes the program's calls of one standard I/O function fail, those of the test
+// included. Works only in programs that are linked with --wrap, one at a time. Calls on the three
+// standard streams neither fail nor count.
 //
-// A call that fails returns what the real function returns on failure: null, EOF, -1 or no items.
-// It does nothing before, except that a failing close does close the file.
+// A failing call returns what the real function returns on failure: null, EOF, -1 or no items. It
+// has no effect, except that a failing close does close the file.
 class StdioFault {
 public:
     static constexpr std::uint64_t kEveryLaterCall = ~std::uint64_t{0};
 
-    // Lets the first `skipped` calls of a kind through, then fails the next `failures` of them with
-    // errno set to `error`. A read or write that fails still moves its first `bytesMoved` bytes and
-    // returns how many whole items these are.
+    // Lets the first `skipped` calls of a kind through; the next `failures` calls fail and set
+    // errno to `error`. A failing read or write still moves its first `bytesMoved` bytes and
+    // returns the number of whole items in them.
     StdioFault(StdioCall call, int error, std::uint64_t skipped = 0,
                std::uint64_t failures = kEveryLaterCall, std::uint64_t bytesMoved = 0);
     StdioFault(const StdioFault&) = delete;
     StdioFault& operator=(const StdioFault&) = delete;
     ~StdioFault();
 
-    // How many calls of the kind were made and how many of them failed, since construction.
+    // Numbers of calls of the kind, and of failed ones, since construction.
     std::uint64_t Calls() const;
     std::uint64_t Failures() const;
 };
 
-// Numbers of calls of every kind, failed ones included, of the bytes that reads and writes moved,
-// and of the files that are open now.
+// Numbers of calls of each kind, including failed ones, of bytes read and written, and of open
+// files.
 struct StdioCounts {
     std::uint64_t opens = 0;
     std::uint64_t closes = 0;
@@ -43,13 +43,13 @@ struct StdioCounts {
     std::uint64_t writes = 0;
     std::uint64_t bytesRead = 0;
     std::uint64_t bytesWritten = 0;
-    std::uint64_t openFiles = 0;  // opened and not closed
+    std::uint64_t openFiles = 0;
 };
 
 // The counts since the program started.
 StdioCounts CountStdioCalls();
 
-// A read or a write that moved all that it was asked for.
+// A read or write that moved everything that was asked for.
 struct StdioTransfer {
     enum class Kind { Read, Write };
     Kind kind;
@@ -59,7 +59,7 @@ struct StdioTransfer {
     friend bool operator==(const StdioTransfer&, const StdioTransfer&) = default;
 };
 
-// Records the transfers of the thread that made it while it lives; one a thread.
+// While it lives, records the transfers of the thread that created it; one per thread.
 class StdioTrace {
 public:
     StdioTrace();
@@ -67,7 +67,7 @@ public:
     StdioTrace& operator=(const StdioTrace&) = delete;
     ~StdioTrace();
 
-    // What was recorded since the last call.
+    // The transfers since the last call.
     std::vector<StdioTransfer> Take();
 
 private:

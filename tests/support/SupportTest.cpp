@@ -11,12 +11,12 @@
 #include "support/StdioFaults.h"
 #include "support/TemporaryDirectory.h"
 
-// What the other tests rely on.
+// Tests of the helpers that other tests rely on.
 namespace Quorvel::Testing {
 
 namespace {
 
-// Sends its arguments, then everything it receives, and ends with as many as it received.
+// Sends its arguments, then every line it receives; its exit code is the number of these lines.
 QUORVEL_AGENT(Echo) {
     for (const std::string& argument : arguments) {
         AgentSend(argument);
@@ -39,7 +39,7 @@ protected:
 
 }  // namespace
 
-TEST(ChildProcess, PassesArgumentsOnAsTheyAre) {
+TEST(ChildProcess, PassesArgumentsUnchanged) {
     const std::vector<std::string> arguments{"two words", "\"quoted\"", "a\\",    "\\\"",
                                              "a\\\\b",    "C:\\x y\\",  "%41$x*?"};
     ChildProcess child("Echo", arguments);
@@ -59,7 +59,7 @@ TEST(ChildProcess, CarriesLinesBothWaysAndReturnsTheExitCode) {
     EXPECT_EQ(child.Wait(), 3);
 }
 
-TEST(ChildProcess, EndsAtOnceWhenItIsKilled) {
+TEST(ChildProcess, EndsWhenKilled) {
     ChildProcess child("Echo");
     ASSERT_EQ(child.Ask("line"), "line");
     child.Kill();
@@ -68,7 +68,7 @@ TEST(ChildProcess, EndsAtOnceWhenItIsKilled) {
     EXPECT_EQ(child.Wait(), -1);
 }
 
-TEST(ChildProcess, KeepsNoPipeOfAnotherOpen) {
+TEST(ChildProcess, DoesNotKeepPipesOfAnotherProcessOpen) {
     ChildProcess first("Echo");
     ASSERT_EQ(first.Ask("line"), "line");
     ChildProcess second("Echo");
@@ -91,7 +91,7 @@ TEST(TemporaryDirectory, IsNewAndVanishesWithItsContent) {
     EXPECT_FALSE(std::filesystem::exists(path));
 }
 
-TEST_F(StdioFaultTest, FailsTheCallsOfItsKindAfterThoseItSkips) {
+TEST_F(StdioFaultTest, FailsCallsOfItsKindAfterTheSkippedOnes) {
     const StdioFault fault(StdioCall::Open, EACCES, 1, 2);
     std::FILE* const first = Open("wb");
     ASSERT_NE(first, nullptr);
@@ -152,7 +152,7 @@ TEST_F(StdioFaultTest, FailsEachKindAsTheRealFunctionDoes) {
         EXPECT_EQ(std::fclose(file), EOF);
         EXPECT_EQ(errno, EIO);
     }
-    // It was closed all the same: what was written is there, and the file can go.
+    // The file was closed nevertheless: its bytes were written, and it can be removed.
     EXPECT_EQ(std::filesystem::file_size(path_), 4U);
     EXPECT_TRUE(std::filesystem::remove(path_));
 }

@@ -10,7 +10,7 @@ namespace Quorvel::Testing {
 
 namespace {
 
-// What tells this run of the program from all others.
+// Distinguishes this run of the program from all others.
 std::string RunIdentifier() {
     std::random_device random;
     char text[32];

@@ -5,7 +5,7 @@
 
 namespace Quorvel::Testing {
 
-// A new, empty folder, removed with everything in it at the end of the scope.
+// A new, empty folder, which is removed with its contents when the object is destroyed.
 class TemporaryDirectory {
 public:
     TemporaryDirectory();
@@ -15,7 +15,7 @@ public:
 
     const std::filesystem::path& Path() const { return path_; }
 
-    // The path of a file in the folder, as the library takes it.
+    // The path of a file in the folder, as a string for the library.
     std::string File(const std::string& name) const { return (path_ / name).string(); }
 
 private:

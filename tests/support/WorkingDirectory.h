@@ -5,7 +5,7 @@
 
 namespace Quorvel::Testing {
 
-// Works in another folder while it lives.
+// Changes the working directory while it lives.
 class WorkingDirectory {
 public:
     explicit WorkingDirectory(const std::filesystem::path& path)

@@ -9,9 +9,9 @@ namespace Quorvel {
 
 // Holds a MutexObject for the length of a scope.
 //
-// A wait that ended in kWaitAbandoned counts as not acquired: the guard does not release it,
-// although the calling thread may now hold the mutex. A wait that timed out counts as acquired;
-// the release is then refused by the system, which does no harm.
+// A wait that returned kWaitAbandoned counts as not acquired: the guard does not release the mutex,
+// although the calling thread may now hold it. A wait that timed out counts as acquired: the guard
+// calls Release, which does nothing.
 class QUORVEL_API AutoMutex {
 public:
     // Acquires mutex, waiting up to timeout milliseconds. The mutex must outlive the guard.
@@ -19,10 +19,10 @@ public:
     AutoMutex(const AutoMutex&) = delete;
     AutoMutex& operator=(const AutoMutex&) = delete;
 
-    // Releases the mutex unless the wait ended in kWaitAbandoned.
+    // Releases the mutex unless the wait returned kWaitAbandoned.
     ~AutoMutex();
 
-    // What MutexObject::Acquire returned.
+    // The result of MutexObject::Acquire.
     std::uint32_t WaitResult() const { return waitResult_; }
 
 private:

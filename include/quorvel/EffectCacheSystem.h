@@ -11,57 +11,61 @@ namespace Quorvel {
 
 class EffectCacheImpl;
 
-// A cache of compiled shader effects: bytes by name, kept in memory, saved in batches to the file
-// "vornFxoCache.dat" in a cache directory, and shared with every process that opens the same
-// directory. Made with new and held through a Util::RefPtr.
+// A cache of compiled shader effects: bytes found by name. It queues new effects in memory, saves
+// them in batches to the file "vornFxoCache.dat" in a cache directory, and shares the file with
+// every process that opens the same directory. Create it with new and hold it in a Util::RefPtr.
 //
-// Processes find each other by the text of the path. All of them must spell the directory alike,
-// best as an absolute path without links: two that spell it in two ways damage each other's file.
+// Processes find each other by the text of the path. All of them must spell the directory the same
+// way, preferably as an absolute path without links: processes that spell it differently damage
+// each other's file.
 //
-// A cache whose file can't be used is inert: it ignores new effects and finds none. IsEnabled
-// tells. Nothing but a new EffectCacheSystem brings it back. No operation throws.
+// A cache whose file can't be used is inert: it ignores new effects, finds none, and IsEnabled
+// returns false. Only a new EffectCacheSystem can use the directory again. Apart from the
+// constructor, no operation throws.
 //
 // Any thread may call CacheCompiledEffect, SearchCachedEffects, IsEnabled and SetEnabled at any
-// time. The others want a quiet moment: no other call on the same object may run beside them.
+// time. The other operations must not run concurrently with any other call on the same object.
 class QUORVEL_API EffectCacheSystem : public Util::ARefObject {
 public:
-    // Opens the cache of a directory, which must exist, or makes an empty one there when the file
-    // is missing, damaged, of another version or can't be read. Evicts effects, the ones longest
-    // unused first, while they come to 256 MiB or to what is free on the volume. A directory and the
-    // same one with a trailing path separator share a cache. An empty directory makes an inert cache.
-    // Throws Win32APICallFailedException or OutOfMemoryException when the objects that processes
-    // share can't be made, std::bad_alloc.
+    // Opens the cache of a directory, which must exist. Creates an empty cache when the file is
+    // missing, damaged, unreadable or of another version. Evicts effects, least recently used
+    // first, while their total size reaches 256 MiB or the free space of the volume. A trailing
+    // path separator makes no difference. An empty path makes an inert cache. Throws
+    // Win32APICallFailedException or OutOfMemoryException when the objects shared between processes
+    // can't be created, and std::bad_alloc.
     explicit EffectCacheSystem(const CStr& directory);
 
-    // Queues a copy of size bytes at data under a name; what the name had before is replaced.
-    // Permanent effects are never evicted. Ignored when data is null, when size is not 1 to
-    // 1048576, when the name is not 1 to 65536 bytes long, or when memory runs out. Saves when the
-    // queued effects come to 2 MiB.
+    // Queues a copy of size bytes at data under a name and replaces any effect of that name.
+    // Permanent effects are never evicted. Does nothing when data is null, size is not 1 to
+    // 1048576, the name is not 1 to 65536 bytes long, or memory runs out. Saves when the queue
+    // reaches 2 MiB.
     void CacheCompiledEffect(const CStr& name, const unsigned char* data, std::uint64_t size,
                              bool permanent);
 
-    // Fills data with the bytes of a name and returns true; false when the cache does not have
-    // them, or has them no longer intact. data is unspecified after false. An effect found in the
-    // file counts as used now, which makes it the last to be evicted.
+    // Fills data with the bytes of a name and returns true. Returns false, with data unspecified,
+    // when the cache does not have them or they are damaged. Finding an effect in the file sets its
+    // time of use to now, which delays its eviction. The new time reaches the file only with the
+    // next save that has something to save; if another process saves before that, it is lost.
     bool SearchCachedEffects(const CStr& name, Tab<unsigned char>& data);
 
-    // Saves what is queued now, evicting others for it; what there is no room for is dropped. When
-    // that fails the cache becomes inert. Other processes lose the saved effects then too if the file
-    // was half written, and keep them if nothing of the save has reached it: a file holds up to
-    // 65534 effects, and a save of more fails in this way.
+    // Saves the queued effects now and evicts others to make room; drops the queued effects if
+    // there is still no room. If the save fails, the cache becomes inert. A failed save that has
+    // changed the file loses the saved effects for every process; one that has not leaves the file
+    // as it was. A file holds at most 65534 effects: a save that would exceed this fails, normally
+    // without changing the file.
     void ForceSaveToFile();
 
-    // Writes a line for each saved effect to a text file, in order of name length, then of name:
-    // "Name: ", the name, " Size: ", bytes, " Permanent: ", 0 or 1. Nothing happens when the file
+    // Writes one line per saved effect to a text file, ordered by name length, then by name:
+    // "Name: ", the name, " Size: ", bytes, " Permanent: ", 0 or 1. Does nothing when the file
     // can't be opened.
     void ListCachedEffects(const char* fileName);
 
-    // The host's own switch, on at first: it says whether the host means to use the cache, and
-    // changes nothing here. IsEnabled is false whatever the switch says while the cache is inert.
+    // A switch for the host, on at first. It records whether the host intends to use the cache and
+    // has no effect on the other operations. IsEnabled is always false while the cache is inert.
     bool IsEnabled() const;
     void SetEnabled(bool enabled);
 
-    // Number of effects in the file, as far as this object knows, and of those queued.
+    // Number of effects in the file, as last read or written by this object, and in the queue.
     std::uint64_t GetNumberOfEffectsInFile() const;
     std::uint64_t GetNumberOfEffectsInMemory() const;
 
@@ -69,7 +73,7 @@ public:
     const CStr& GetCacheFilePath() const;
 
 protected:
-    // Saves what is queued and leaves the file.
+    // Saves the queued effects and closes the file.
     ~EffectCacheSystem() override;
 
 private:

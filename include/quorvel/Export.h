@@ -1,13 +1,14 @@
 #pragma once
 
 // QUORVEL_API marks what the shared library exports. QUORVEL_BUILDING_LIBRARY is defined while the
-// library itself is compiled, QUORVEL_STATIC where its objects are linked without a DLL border.
+// library itself is compiled, QUORVEL_STATIC where its objects are linked without a DLL.
 //
-// QUORVEL_ERROR marks the error classes: nothing of theirs needs exporting, but their type
-// information must be the same on both sides of the border for them to be caught.
+// QUORVEL_ERROR marks the error classes. Their members need no export, but a host can catch them
+// only if their type information is the same on both sides of the DLL boundary.
 //
-// QUORVEL_OVERLOADS declares two virtual operations of one name so that the first takes the lower
-// slot of the virtual table: Microsoft's ABI numbers overloads from the last declared to the first.
+// QUORVEL_OVERLOADS declares two virtual operations of the same name so that the first gets the
+// lower slot of the virtual table. Microsoft's ABI numbers overloads from the last declared to the
+// first.
 #if defined(_WIN32)
 #if defined(QUORVEL_STATIC)
 #define QUORVEL_API

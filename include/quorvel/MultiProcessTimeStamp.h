@@ -7,8 +7,8 @@
 
 namespace Quorvel {
 
-// The whole content of a time stamp's shared block. A token that two writers never make alike;
-// nobody reads a time out of it.
+// The whole content of a time stamp's shared block. It is a token that differs with every write,
+// and is only compared; its time is never used.
 struct TimeStampRecord {
     std::int64_t seconds;   // since 1970-01-01 UTC
     std::int64_t counter;   // the performance counter
@@ -23,16 +23,16 @@ public:
     MultiProcessTimeStamp() noexcept;
     ~MultiProcessTimeStamp() override;
 
-    // Opens the stamp of that name, or makes it. What the resource is like now counts as seen.
-    // Returns true; throws as MultiProcessMemory::Initialize does. Before, nobody learns of an
-    // update and nothing has changed.
+    // Opens the stamp of that name or creates it. The current state of the resource counts as seen.
+    // Always returns true; throws as MultiProcessMemory::Initialize does. Before Initialize,
+    // updates go unnoticed and IsChanged returns false.
     bool Initialize(const char* name);
 
-    // Announces a change of the resource. This object does not see it as one.
+    // Announces a change of the resource to all other objects of this name.
     void UpdateTimeStamp();
 
-    // Whether another object has announced a change since the last call, since this object's own
-    // last announcement and since Initialize.
+    // True if another object has announced a change since this object last called IsChanged,
+    // UpdateTimeStamp or Initialize.
     bool IsChanged();
 
 protected:

@@ -6,7 +6,7 @@
 
 namespace Quorvel {
 
-// A switch that hosts keep beside their effects: on, and referring to nothing, when it is made.
+// A switch that hosts keep beside their effects. A new one is enabled and has an empty reference.
 class QUORVEL_API VertexNormalsControl {
 public:
     VertexNormalsControl();

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Draws what the benchmarks measured, and puts the figures into the document about them.
+"""Draws the results of the benchmarks and writes the figures into docs/performance.md.
 
 draw.py RESULTS DOCS reads stores.json, floor.json and micro.json from the folder RESULTS, writes
-performance.svg and performance-curve.svg to the folder DOCS, and replaces what stands between the
-lines "<!-- begin NAME -->" and "<!-- end NAME -->" in its performance.md, if there is one. A missing
-file of results leaves its part as it was.
+performance.svg and performance-curve.svg to the folder DOCS, and replaces the text between the
+lines "<!-- begin NAME -->" and "<!-- end NAME -->" in the performance.md there, if it exists. If a
+file of results is missing, its part stays as it is.
 """
 import json
 import math
@@ -22,11 +22,11 @@ LINES = ("#1f5fa8", "#c2571a", "#2b7a4b", "#8a3f8f", "#a8851c", "#5b6b7b")
 FONT = "font-family='Helvetica, Arial, sans-serif'"
 
 PANELS = (
-    ("save_ns", "save, ns an effect"),
-    ("all_once_ns", "all found once, ns an effect"),
-    ("hot_20_ns", "20 hot, ns a search"),
-    ("hot_200_ns", "200 hot, ns a search"),
-    ("absent_ns", "absent names, ns a search"),
+    ("save_ns", "save, ns per effect"),
+    ("all_once_ns", "all found once, ns per effect"),
+    ("hot_20_ns", "20 hot, ns per search"),
+    ("hot_200_ns", "200 hot, ns per search"),
+    ("absent_ns", "absent names, ns per search"),
     ("open_ms", "open, ms"),
 )
 TIMES = (
@@ -44,11 +44,11 @@ PROCESSES = (
     ("save beside them", "save_beside_search_ns", 0),
 )
 SPACE = (
-    ("disk, bytes a byte", "disk_ratio", 2),
-    ("peak saving, B an effect", "save_peak_bytes", 0),
-    ("of it heap", "save_heap_peak_bytes", 0),
-    ("peak searching, B an effect", "search_peak_bytes", 0),
-    ("of it heap", "search_heap_peak_bytes", 0),
+    ("disk, bytes per byte", "disk_ratio", 2),
+    ("peak saving, B per effect", "save_peak_bytes", 0),
+    ("heap part", "save_heap_peak_bytes", 0),
+    ("peak searching, B per effect", "search_peak_bytes", 0),
+    ("heap part", "search_heap_peak_bytes", 0),
 )
 CALLS = (
     ("save", "save_calls", 2),
@@ -71,7 +71,7 @@ def quantile(samples, part):
 
 
 def spread(samples):
-    """Half the distance of the quartiles, in percent of the median."""
+    """Half the interquartile range, in percent of the median."""
     median = statistics.median(samples)
     return 50 * (quantile(samples, 0.75) - quantile(samples, 0.25)) / median if median else 0
 
@@ -123,8 +123,8 @@ def machine(results):
         f"{told['processor']}, {told['cores']} cores, {told['system']}, GCC {told['compiler']}, "
         f"{told['date']}; load average at the start {told['load']:.1f}; effects: "
         f"{results['effects']}; {rounds} rounds. "
-        + ("Times are the clock's.\n" if told["clock"] == "wall" else
-           "The machine was busy, so times are the processor's, of all threads of the process, "
+        + ("Times are wall-clock times.\n" if told["clock"] == "wall" else
+           "The machine was busy, so times are processor times of all threads of the process, "
            "except where several processes take part.\n")
     )
 
@@ -149,19 +149,25 @@ def floor_table(results):
     return table(header + ["pages read", "written", "grown", "system calls"], rows)
 
 
-def curves(results, prefix):
-    """{name: {count: nanoseconds}} of the benchmarks below a prefix, by processor time."""
+def processor_times(results):
+    """{name: nanoseconds} of all benchmarks, the median of the repetitions of each."""
     unit = {"ns": 1, "us": 1e3, "ms": 1e6}
-    found = {}
+    times = {}
     for run in results["benchmarks"]:
-        match = re.match(prefix + r"/(\w+)/(\d+)", run["name"])
-        if match and run.get("run_type", "iteration") == "iteration":
-            time = run["cpu_time"] * unit[run["time_unit"]]
-            found.setdefault(match[1], {}).setdefault(int(match[2]), []).append(time)
-    return {
-        name: {count: statistics.median(times) for count, times in points.items()}
-        for name, points in found.items()
-    }
+        if run.get("run_type", "iteration") == "iteration":
+            name = re.sub(r"/iterations:\d+", "", run["name"])
+            times.setdefault(name, []).append(run["cpu_time"] * unit[run["time_unit"]])
+    return {name: statistics.median(repetitions) for name, repetitions in times.items()}
+
+
+def curves(results, prefix):
+    """{name: {count: nanoseconds}} of the benchmarks below a prefix."""
+    found = {}
+    for name, time in processor_times(results).items():
+        match = re.match(prefix + r"/(\w+)/(\d+)", name)
+        if match:
+            found.setdefault(match[1], {})[int(match[2])] = time
+    return found
 
 
 def in_milliseconds(lines):
@@ -173,7 +179,7 @@ def in_milliseconds(lines):
 
 def curve_table(results):
     parts = []
-    for prefix, note in (("Curve", "Nanoseconds"), ("Walk", "Nanoseconds an effect or stream")):
+    for prefix, note in (("Curve", "Nanoseconds"), ("Walk", "Nanoseconds per effect or stream")):
         lines = curves(results, prefix)
         counts = sorted({count for points in lines.values() for count in points})
         rows = [
@@ -191,12 +197,11 @@ def curve_table(results):
 
 
 def parts_table(results):
-    rows = []
-    for run in results["benchmarks"]:
-        name = run["name"]
-        if not name.startswith(("Curve/", "Walk/")) and run.get("run_type") == "iteration":
-            unit = {"ns": 1, "us": 1e3, "ms": 1e6}[run["time_unit"]]
-            rows.append([re.sub(r"/iterations:\d+", "", name), number(run["cpu_time"] * unit, 1)])
+    rows = [
+        [name, number(time, 1)]
+        for name, time in processor_times(results).items()
+        if not name.startswith(("Curve/", "Walk/"))
+    ]
     return table(["", "ns"], rows)
 
 
@@ -220,7 +225,7 @@ def document(width, height, parts):
 
 
 def bar_panel(x, y, width, title, name, digits, entries):
-    """Bars of all stores for one figure, one for each number of effects; returns parts, height."""
+    """The bars of all stores for one figure, one per number of effects, and their height."""
     label, value_room, bar, gap = 78, 64, 11, 8
     stores = list(entries[0]["stores"])
     values = {
@@ -269,8 +274,8 @@ def draw_stores(results):
     counts = " and ".join(number(entry["count"]) for entry in entries)
     parts = [
         text(margin, 32, f"{counts} effects in six stores", 17, weight="bold"),
-        text(margin, 51, "Upper, lighter bars: the smaller number. Medians; the line in a bar spans "
-             "the quartiles. Less is better.", 12, fill=FAINT),
+        text(margin, 51, "Lighter upper bars: the smaller number. Medians; the line in a bar spans "
+             "the quartiles. Lower is better.", 12, fill=FAINT),
     ]
     y = 70
     for start in range(0, len(PANELS), columns):
@@ -290,14 +295,14 @@ def draw_curves(results):
     panel = (width - 24) / 2
     parts = [
         text(24, 32, "Main operations over the number of effects", 17, weight="bold"),
-        text(24, 51, "Both scales logarithmic; a line that rises as fast as the dotted one is "
-             "linear.", 12, fill=FAINT),
+        text(24, 51, "Both scales are logarithmic. The dotted line shows linear growth.", 12,
+             fill=FAINT),
     ]
     shown = (
         ("one operation, ns", curves(results, "Curve"),
          ("SearchHot", "SearchAbsent", "SearchRandom", "StreamOpen", "StreamReplace",
           "AllocatorReuse")),
-        ("what walks over all effects, ms", in_milliseconds(curves(results, "Walk")),
+        ("operations on all effects, ms", in_milliseconds(curves(results, "Walk")),
          ("SaveHundred", "IndexLoad", "PackageCommit", "PackageLoad", "StreamCreate")),
     )
     for index, (title, lines, names) in enumerate(shown):

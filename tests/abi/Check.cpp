@@ -61,7 +61,7 @@ bool Passes(const Test& test) {
         return true;
     } catch (const Failure&) {
     } catch (const std::exception& error) {
-        std::printf("an exception nobody caught: %s\n", error.what());
+        std::printf("uncaught exception: %s\n", error.what());
     }
     return false;
 }
@@ -108,7 +108,7 @@ std::string NewTemporaryFolder() {
 
 }  // namespace Quorvel::Abi
 
-// Takes the options that GoogleTest would, and follows none of them.
+// Accepts GoogleTest's options and ignores them.
 int main(int /*argc*/, char** /*argv*/) {
     const int exitCode = Quorvel::Abi::RunTests();
     Quorvel::Abi::RemoveFolder(Quorvel::Abi::TemporaryFolder());

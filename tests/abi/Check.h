@@ -2,8 +2,8 @@
 
 #include <string>
 
-// Tests for a program without iostreams, which GoogleTest needs: each prints the lines that
-// GoogleTest would print, which is how they are counted.
+// Tests for programs without iostreams, which GoogleTest needs. They print GoogleTest's result
+// lines, so that they can be counted.
 //
 //     ABI_TEST(Package, IsCreated) {
 //         EXPECT(CreateFilePackage(config));
@@ -15,13 +15,13 @@ using TestFunction = void (*)();
 // Adds a test to the program; returns true.
 bool RegisterTest(const char* name, TestFunction function);
 
-// Ends the running test as failed.
+// Fails and ends the running test.
 [[noreturn]] void Fail(const char* file, int line, const char* condition);
 
-// The name of a file in this program's own temporary folder, which goes with the program.
+// The path of a file in this program's temporary folder, which is removed when the program ends.
 std::string TemporaryFile(const char* name);
 
-// Makes a new folder there and returns its name.
+// Creates a new folder there and returns its path.
 std::string NewTemporaryFolder();
 
 }  // namespace Quorvel::Abi

@@ -1,4 +1,4 @@
-// The effect cache, used from this side of the library's border.
+// The effect cache, used by a client.
 #include <quorvel/Quorvel.h>
 
 #include <cstdio>
@@ -55,7 +55,7 @@ ABI_TEST(EffectCache, FindsItsEffectsAgainAfterASave) {
     EXPECT(!again->SearchCachedEffects(CStr("absent"), unused));
 }
 
-ABI_TEST(EffectCache, SavesWhenItsLastReferenceGoes) {
+ABI_TEST(EffectCache, SavesWhenItsLastReferenceIsReleased) {
     const std::string folder = NewTemporaryFolder();
     auto* const cache = new EffectCacheSystem(CStr(folder.c_str()));
     EXPECT(CallSlot<std::uint32_t>(cache, kAddRef) == 1);
@@ -65,7 +65,7 @@ ABI_TEST(EffectCache, SavesWhenItsLastReferenceGoes) {
     EXPECT(Holds(OpenCache(folder), "name", "12345"));
 }
 
-ABI_TEST(EffectCache, ReloadsWhatAnotherOneHasSaved) {
+ABI_TEST(EffectCache, ReloadsWhatAnotherCacheHasSaved) {
     const std::string folder = NewTemporaryFolder();
     const Cache mine = OpenCache(folder);
     const Cache other = OpenCache(folder);
@@ -76,7 +76,7 @@ ABI_TEST(EffectCache, ReloadsWhatAnotherOneHasSaved) {
     EXPECT(mine->GetNumberOfEffectsInFile() == 1);
 }
 
-ABI_TEST(EffectCache, KnowsItsFolderAndItsSwitch) {
+ABI_TEST(EffectCache, ReportsItsFolderAndWhetherItIsEnabled) {
     const std::string folder = NewTemporaryFolder();
     const Cache cache = OpenCache(folder);
     EXPECT(cache->GetCacheFilePath() == CStr(folder.c_str()));
@@ -101,7 +101,7 @@ ABI_TEST(EffectCache, ListsItsEffects) {
     EXPECT(std::string(text) == "Name: a Size: 1 Permanent: 1\nName: bb Size: 2 Permanent: 0\n");
 }
 
-ABI_TEST(EffectCache, HoldsOneFieldBehindItsCount) {
+ABI_TEST(EffectCache, HoldsOneFieldAfterItsCount) {
     const Cache cache = OpenCache(NewTemporaryFolder());
     static_assert(sizeof(EffectCacheSystem) == 24);
     EXPECT(FieldAt<std::uint32_t>(cache.Get(), 8) == 1);

@@ -1,4 +1,4 @@
-// The five errors that the library throws, caught on this side of its border by their classes.
+// The five exceptions that the library throws, caught by their classes in a client.
 #include <direct.h>
 #include <io.h>
 #include <quorvel/Quorvel.h>
@@ -19,7 +19,7 @@ namespace Quorvel::Abi {
 
 namespace {
 
-// What was thrown, which must be of this class.
+// Returns what the operation throws; fails unless it throws this class.
 template <typename Exception, typename Operation>
 Exception Caught(const Operation& operation) {
     try {
@@ -32,12 +32,12 @@ Exception Caught(const Operation& operation) {
     Fail(__FILE__, __LINE__, "something was thrown");
 }
 
-// Writes a package without streams in which every page that there can be is in use. To fill one
-// through the library would take 8 GiB.
+// Writes a package without streams in which every possible page is in use. Filling one through the
+// library would take 8 GiB.
 void WriteFullPackage(const std::string& path) {
     constexpr std::uint64_t kPages = 0xFFFF6;
     constexpr std::uint64_t kPageSize = 8192;
-    // The number of links and the links; no stream, no tail block, no fragment, no header data.
+    // The number of links and the links; no streams, tail blocks, fragments or header data.
     std::vector<std::uint64_t> state(1 + kPages + 4, 0);
     state[0] = kPages;
     const std::uint64_t stateSize = 8 * state.size();
@@ -67,7 +67,7 @@ void WriteFullPackage(const std::string& path) {
     EXPECT(std::fclose(file) == 0);
 }
 
-// A block that anybody may initialise.
+// A block with a public Initialize.
 class Block : public MultiProcessMemory {
 public:
     using MultiProcessMemory::Initialize;
@@ -89,8 +89,8 @@ ABI_TEST(Errors, IncludeFileIOExceptionWithoutACodeForAShortRead) {
     EXPECT(Caught<FileIOException>([&] { stream->Read(buffer, sizeof buffer); }).errorCode == 0);
 }
 
-// A Commit opens the file again, by the path that it was given.
-ABI_TEST(Errors, IncludeFileIOExceptionWithTheCodeOfTheRefusal) {
+// Commit reopens the file by the path it was given.
+ABI_TEST(Errors, IncludeFileIOExceptionWithTheSystemsErrorCode) {
     char folder[MAX_PATH];
     EXPECT(::_getcwd(folder, sizeof folder));
     EXPECT(::_chdir(NewTemporaryFolder().c_str()) == 0);
@@ -100,7 +100,7 @@ ABI_TEST(Errors, IncludeFileIOExceptionWithTheCodeOfTheRefusal) {
     EXPECT(::_chdir(NewTemporaryFolder().c_str()) == 0);
     EXPECT(::_mkdir("package") == 0);
     EXPECT(Caught<FileIOException>([&] { package->Commit(); }).errorCode == EACCES);
-    package.Reset();  // tries once more, and must not find a place
+    package.Reset();  // commits again, and must fail again
     EXPECT(::_chdir(folder) == 0);
 }
 
@@ -135,7 +135,7 @@ ABI_TEST(Errors, IncludeWin32APICallFailedExceptionWithTheSystemsCode) {
     EXPECT(error.errorCode == ERROR_INVALID_PARAMETER);
 }
 
-ABI_TEST(Errors, AreCaughtAsTheStandardsException) {
+ABI_TEST(Errors, AreCaughtAsStdException) {
     const std::string path = TemporaryFile("standard");
     const auto package = CreateFilePackage({path.c_str(), 64, 1000});
     EXPECT(package);
@@ -150,7 +150,7 @@ ABI_TEST(Errors, AreCaughtAsTheStandardsException) {
     EXPECT(std::strcmp(caughtAs, "the base") == 0);
 }
 
-ABI_TEST(Errors, OfAFunctionThatNeverThrowsAreEmptyReferences) {
+ABI_TEST(Errors, OfCreatingAndOpeningAreNullReferences) {
     const std::string path = NewTemporaryFolder() + "\\missing\\package";
     EXPECT(!CreateFilePackage({path.c_str(), 64, 1000}));
     EXPECT(!OpenFilePackage({path.c_str(), 64, 1000}));

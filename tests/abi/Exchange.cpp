@@ -1,6 +1,6 @@
-// quorvel-exchange write|check FOLDER: a package and an effect cache that two builds of the library
-// exchange. write makes both in the folder, with a long row of operations that is always the same;
-// check opens what stands there and compares it with what that row must have left.
+// quorvel-exchange write|check FOLDER: lets two builds of the library exchange a package and an
+// effect cache. write creates both in the folder with a fixed sequence of operations; check opens
+// them and compares them with the sequence's expected result.
 #include <quorvel/Quorvel.h>
 
 #include <algorithm>
@@ -28,7 +28,7 @@ void Require(bool holds, const char* what) {
     }
 }
 
-// The same numbers everywhere.
+// Returns the same numbers on every platform.
 class Random {
 public:
     explicit Random(std::uint64_t seed) : state_(seed) {}
@@ -51,7 +51,7 @@ Bytes RandomBytes(std::uint64_t seed, std::uint64_t size) {
     return bytes;
 }
 
-// What a package holds, and the operations on it without a file.
+// The content of a package, and the operations on it, without a file.
 class Model {
 public:
     virtual ~Model() = default;
@@ -75,7 +75,7 @@ public:
     std::uint64_t created = kInvalidStreamId;
 };
 
-// The same on a file.
+// The same with a file.
 class Package : public Model {
 public:
     explicit Package(const std::string& path) : path_(path), package_(CreateFilePackage(Config())) {
@@ -85,7 +85,7 @@ public:
     void Create(const Bytes& content) override {
         Model::Create(content);
         const std::uint64_t id = package_->CreateDataStream(content.size());
-        Require(id == created, "a stream has another id");
+        Require(id == created, "a stream has the wrong id");
         Write(id, content);
     }
     void Rewrite(std::uint64_t id, const Bytes& content) override {
@@ -117,7 +117,7 @@ private:
         if (!content.empty()) {
             Require(package_->OpenDataStream(id)->Write(content.data(), content.size()) ==
                         content.size(),
-                    "a stream takes fewer bytes than it was made for");
+                    "a stream takes fewer bytes than its size");
         }
     }
 
@@ -177,16 +177,16 @@ void RunOperations(Model& package) {
 void CheckPackage(const std::string& path) {
     Model expected;
     RunOperations(expected);
-    Require(expected.streams.size() > 10, "the row of operations leaves too little");
+    Require(expected.streams.size() > 10, "the operations leave too few streams");
     const auto package = OpenFilePackage({path.c_str(), kPageCacheCapacity, kMostStreams});
     Require(static_cast<bool>(package), "the package can't be opened");
     Require(package->GetNumberOfDataStreams() == expected.streams.size(),
-            "the package holds another number of streams");
+            "the package has the wrong number of streams");
     const IDataStreamSet& constant = *package;
     Require(package->GetHeaderDataSize() == expected.headerData.size() &&
                 std::equal(expected.headerData.begin(), expected.headerData.end(),
                            constant.GetHeaderData()),
-            "the package has other header data");
+            "the package has the wrong header data");
     std::uint64_t index = 0;
     for (const auto& [id, content] : expected.streams) {
         Require(package->GetDataStreamId(index++) == id, "a stream is missing");
@@ -194,10 +194,10 @@ void CheckPackage(const std::string& path) {
             continue;
         }
         const auto stream = package->OpenDataStream(id);
-        Require(stream && stream->GetSize() == content.size(), "a stream has another size");
+        Require(stream && stream->GetSize() == content.size(), "a stream has the wrong size");
         Bytes found(content.size());
         Require(stream->Read(found.data(), found.size()) == found.size() && found == content,
-                "a stream holds other bytes");
+                "a stream has the wrong bytes");
     }
 }
 
@@ -234,7 +234,8 @@ void WriteCache(const std::string& folder) {
 
 void CheckCache(const std::string& folder) {
     const auto cache = OpenCache(folder);
-    Require(cache->GetNumberOfEffectsInFile() == kEffects, "the cache holds another number");
+    Require(cache->GetNumberOfEffectsInFile() == kEffects,
+            "the cache has the wrong number of effects");
     for (int number = 0; number < kEffects; ++number) {
         const Bytes bytes = EffectBytes(number);
         Tab<unsigned char> found;
@@ -242,7 +243,7 @@ void CheckCache(const std::string& folder) {
                 "an effect is missing");
         Require(static_cast<std::size_t>(found.Count()) == bytes.size() &&
                     std::memcmp(found.Addr(0), bytes.data(), bytes.size()) == 0,
-                "an effect has other bytes");
+                "an effect has the wrong bytes");
     }
 }
 

@@ -1,5 +1,5 @@
-// The decorated names that the library exports, against exports.txt beside this file. Whoever
-// changes the exported interface changes the list.
+// Compares the decorated names that the library exports with exports.txt. A change of the exported
+// interface must update the list.
 #include <windows.h>
 
 #include <algorithm>
@@ -30,7 +30,7 @@ Names ListedNames() {
     return names;
 }
 
-// What the loaded image's export directory names.
+// The names in the loaded image's export directory.
 Names ExportedNames() {
     const auto* const image = reinterpret_cast<const char*>(::GetModuleHandleA("quorvel.dll"));
     EXPECT(image);
@@ -48,7 +48,7 @@ Names ExportedNames() {
     return names;
 }
 
-// Whether the first set has nothing that the second does not have; prints what it has.
+// True if the second set contains the first; prints the names that it lacks.
 bool IsWithin(const Names& names, const Names& others) {
     Names rest;
     std::set_difference(names.begin(), names.end(), others.begin(), others.end(),
@@ -61,12 +61,12 @@ bool IsWithin(const Names& names, const Names& others) {
 
 }  // namespace
 
-ABI_TEST(Exports, OfTheListAreAllThere) {
+ABI_TEST(Exports, IncludeAllListedNames) {
     EXPECT(!ListedNames().empty());
     EXPECT(IsWithin(ListedNames(), ExportedNames()));
 }
 
-ABI_TEST(Exports, AreNoOthersThanThoseOfTheList) {
+ABI_TEST(Exports, AreAllListed) {
     EXPECT(IsWithin(ExportedNames(), ListedNames()));
 }
 

@@ -1,4 +1,4 @@
-// Sizes and offsets that a host was compiled with.
+// Sizes and offsets that existing hosts were compiled with.
 #include <quorvel/Quorvel.h>
 
 #include <cstddef>
@@ -38,15 +38,15 @@ static_assert(sizeof(CStr) == 16);
 static_assert(sizeof(Tab<unsigned char>) == 16);
 static_assert(sizeof(Util::RefPtr<IDataStream>) == 8);
 
-// offsetof does not take classes with virtual operations.
-ABI_TEST(Layout, OfErrorsHasTheCodeBehindTheStandardsException) {
+// offsetof does not support classes with virtual operations.
+ABI_TEST(Layout, OfErrorsPutsTheCodeAfterTheBaseClass) {
     const FileIOException file(17);
     EXPECT(FieldAt<std::uint32_t>(&file, 24) == 17);
     const Win32APICallFailedException system(18);
     EXPECT(FieldAt<std::uint32_t>(&system, 24) == 18);
 }
 
-ABI_TEST(Layout, OfReferenceCountedObjectsHasTheCountBehindTheTable) {
+ABI_TEST(Layout, OfReferenceCountedObjectsPutsTheCountAfterTheTablePointer) {
     struct Object : Util::ARefObject {};
     const Util::RefPtr<Object> first(new Object);
     const Util::RefPtr<Object> second(first);

@@ -1,6 +1,6 @@
-// Nothing runs this: the compiler prints how it lays out the classes that are used here, and
-// check-layouts compares that with layouts.txt. A virtual table is printed when one of the class's
-// own operations is called.
+// This code never runs: the compiler prints the layouts of the classes that are used here, and
+// check-layouts compares them with layouts.txt. The compiler prints a virtual table only if one of
+// the class's own operations is called.
 #include "effectcache/EffectCacheImpl.h"
 #include "package/PagedFilePackage.h"
 #include "pagestore/ChildFileStream.h"

@@ -1,4 +1,4 @@
-// The objects that processes share, used and derived from on this side of the library's border.
+// The objects that processes share, used and derived from by a client.
 #include <quorvel/Quorvel.h>
 
 #include <cstring>
@@ -54,7 +54,7 @@ ABI_TEST(SharedMemory, HasItsHooksInSlotsOneAndTwo) {
     EXPECT(counter.attached == 1 && block == 42);
 }
 
-ABI_TEST(SharedMemory, DiesThroughSlotZero) {
+ABI_TEST(SharedMemory, IsDestroyedThroughSlotZero) {
     auto* const counter = new Counter;
     EXPECT(counter->Open("quorvel-abi-short-lived"));
     CallSlot<void*>(counter, kDestructor, 1U);
@@ -82,7 +82,7 @@ ABI_TEST(SharedMemory, HoldsMutexSizeMappingAndViewInThisOrder) {
     counter.Unlock();
 }
 
-ABI_TEST(Mutex, IsItsHandle) {
+ABI_TEST(Mutex, HoldsItsHandle) {
     MutexObject none;
     EXPECT(FieldAt<std::uint64_t>(&none, 0) == 0);
     EXPECT(none.Acquire(0) == kWaitAbandoned);
@@ -95,7 +95,7 @@ ABI_TEST(Mutex, IsItsHandle) {
     narrow.Release();
 }
 
-ABI_TEST(Mutex, IsGuardedByItsAddressAndTheWaitsResult) {
+ABI_TEST(Mutex, GuardHoldsItsAddressAndTheWaitResult) {
     MutexObject mutex(static_cast<const char*>(nullptr));
     const AutoMutex guard(mutex, kWaitForever);
     EXPECT(FieldAt<const void*>(&guard, 0) == &mutex);
@@ -106,7 +106,7 @@ ABI_TEST(Mutex, IsGuardedByItsAddressAndTheWaitsResult) {
     EXPECT(FieldAt<std::uint32_t>(&nothing, 8) == kWaitAbandoned);
 }
 
-ABI_TEST(TimeStamp, TellsOfOthersChanges) {
+ABI_TEST(TimeStamp, ReportsOthersChanges) {
     MultiProcessTimeStamp mine;
     MultiProcessTimeStamp other;
     EXPECT(mine.Initialize("quorvel-abi-stamp"));
@@ -118,7 +118,7 @@ ABI_TEST(TimeStamp, TellsOfOthersChanges) {
     EXPECT(!mine.IsChanged());
 }
 
-ABI_TEST(TimeStamp, HoldsTheLastStampBehindTheBlocksFields) {
+ABI_TEST(TimeStamp, HoldsTheLastStampAfterTheFieldsOfItsBase) {
     MultiProcessTimeStamp stamp;
     EXPECT(stamp.Initialize("quorvel-abi-last"));
     const void* const block = stamp.Lock(kWaitForever);
@@ -126,7 +126,7 @@ ABI_TEST(TimeStamp, HoldsTheLastStampBehindTheBlocksFields) {
     stamp.Unlock();
 }
 
-ABI_TEST(VertexNormals, AreOnAndReferToNothing) {
+ABI_TEST(VertexNormals, AreOnWithoutAReference) {
     const VertexNormalsControl control;
     EXPECT(FieldAt<bool>(&control, 0));
     EXPECT(FieldAt<const void*>(&control, 8) == nullptr);

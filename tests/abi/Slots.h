@@ -4,11 +4,12 @@
 #include <cstdint>
 #include <cstring>
 
-// Calls by slot, as a program does that was compiled long ago: the function's address comes out of
-// the table that the object's first word points to, and the object is its first argument.
+// Calls by slot, as a program compiled long ago does: the function's address is in the table that
+// the object's first word points to, and the object is the first argument.
 namespace Quorvel::Abi {
 
-// What every reference-counted object has. The first takes 1 to free the object's memory as well.
+// Slots of every reference-counted object. The destructor also frees the memory if its argument
+// is 1.
 constexpr std::size_t kDestructor = 0;
 constexpr std::size_t kAddRef = 1;
 constexpr std::size_t kRelease = 2;

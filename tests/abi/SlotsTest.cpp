@@ -34,7 +34,7 @@ constexpr std::size_t kRead = 7;
 constexpr std::size_t kWrite = 8;
 }  // namespace Stream
 
-// A package that is held by nothing but a bare pointer, with one reference.
+// A package held by a bare pointer with one reference.
 class BarePackage {
 public:
     explicit BarePackage(const char* name) : path_(TemporaryFile(name)) {
@@ -52,8 +52,8 @@ public:
         return CallSlot<Result>(package_, slot, arguments...);
     }
 
-    // A stream, with one reference. A result that has a destructor is returned where the second
-    // argument points to.
+    // Opens a stream with one reference. A result that has a destructor is stored where the second
+    // argument points.
     const void* Open(std::uint64_t id) const {
         const void* stream = this;
         const void* const place =
@@ -67,7 +67,7 @@ public:
     }
 
 private:
-    // Takes the pointer's reference over.
+    // Adds a reference, which outlives the pointer's.
     void Take(Util::RefPtr<IDataStreamSet>&& pointer) {
         EXPECT(pointer);
         static_assert(sizeof pointer == sizeof package_);
@@ -95,7 +95,7 @@ ABI_TEST(Slots, OneAndTwoCountReferences) {
     EXPECT(OpenFilePackage(package.Config()));
 }
 
-ABI_TEST(Slots, ZeroDestroysAPackageWhichCommits) {
+ABI_TEST(Slots, ZeroDestroysAPackageAfterACommit) {
     const BarePackage package("destroyed");
     EXPECT(package.Create(5) == 0);
     EXPECT(OpenFilePackage(package.Config())->GetNumberOfDataStreams() == 0);
@@ -103,7 +103,7 @@ ABI_TEST(Slots, ZeroDestroysAPackageWhichCommits) {
     EXPECT(OpenFilePackage(package.Config())->GetNumberOfDataStreams() == 1);
 }
 
-ABI_TEST(Slots, ThreeDeletesAPackageWhichCommits) {
+ABI_TEST(Slots, ThreeDeletesAPackageAfterACommit) {
     const BarePackage package("deleted");
     EXPECT(package.Create(5) == 0);
     package.Call<void>(kDeleteThis);
@@ -133,7 +133,7 @@ ABI_TEST(SetSlots, SevenAndEightSetAndGetTheHeaderDataSize) {
     Release(package.Get());
 }
 
-// Only the writable data counts as a change, which a Load after a Commit shows.
+// Only getting the writable data counts as a change, as a Load after a Commit shows.
 ABI_TEST(SetSlots, NineReadsTheHeaderDataAndTenChangesIt) {
     const BarePackage package("header-data");
     EXPECT(package.Call<const std::uint8_t*>(Set::kGetHeaderDataToRead) == nullptr);
@@ -188,7 +188,7 @@ ABI_TEST(SetSlots, FifteenDeletesAStreamThatIsNotOpen) {
     Release(package.Get());
 }
 
-ABI_TEST(StreamSlots, FourAndFiveGiveItsPositionAndSize) {
+ABI_TEST(StreamSlots, FourAndFiveReturnThePositionAndSize) {
     const BarePackage package("position");
     const void* const stream = package.Open(package.Create(20000));
     EXPECT(CallSlot<std::uint64_t>(stream, Stream::kGetPosition) == 0);

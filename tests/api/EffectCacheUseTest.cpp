@@ -25,7 +25,7 @@ protected:
                                   code.size(), permanent);
     }
 
-    // The code of an effect; empty when the cache does not have it.
+    // The code of an effect; empty if the cache does not have it.
     static std::string Search(EffectCacheSystem& cache, const char* name) {
         Tab<unsigned char> data;
         return cache.SearchCachedEffects(name, data)
@@ -38,7 +38,7 @@ protected:
 
 }  // namespace
 
-TEST_F(EffectCacheUse, FindsWhatItWasGivenAndNothingElse) {
+TEST_F(EffectCacheUse, FindsOnlyWhatWasCached) {
     const auto cache = OpenCache();
     EXPECT_TRUE(cache->IsEnabled());
     EXPECT_EQ(Search(*cache, "bloom"), "");
@@ -47,7 +47,7 @@ TEST_F(EffectCacheUse, FindsWhatItWasGivenAndNothingElse) {
     EXPECT_EQ(Search(*cache, "blur"), "");
 }
 
-TEST_F(EffectCacheUse, FindsInTheNextRunWhatItSavedInThis) {
+TEST_F(EffectCacheUse, FindsInTheNextRunWhatThisRunSaved) {
     auto cache = OpenCache();
     Cache(*cache, "bloom", "code of bloom");
     Cache(*cache, "blur", std::string(100000, 'b'), true);
@@ -59,7 +59,7 @@ TEST_F(EffectCacheUse, FindsInTheNextRunWhatItSavedInThis) {
     EXPECT_EQ(Search(*cache, "blur"), std::string(100000, 'b'));
 }
 
-TEST_F(EffectCacheUse, FindsWhatAnotherCacheOfTheDirectorySaves) {
+TEST_F(EffectCacheUse, FindsWhatAnotherCacheInTheDirectorySaves) {
     const auto one = OpenCache();
     const auto other = OpenCache();
     Cache(*one, "bloom", "code of bloom");
@@ -72,7 +72,7 @@ TEST_F(EffectCacheUse, FindsWhatAnotherCacheOfTheDirectorySaves) {
     EXPECT_EQ(other->GetNumberOfEffectsInFile(), 1U);
 }
 
-TEST_F(EffectCacheUse, ListsWhatIsInItsFile) {
+TEST_F(EffectCacheUse, ListsTheEffectsInItsFile) {
     const auto cache = OpenCache();
     Cache(*cache, "tone map", "12345", true);
     Cache(*cache, "blur", "123");
@@ -87,7 +87,7 @@ TEST_F(EffectCacheUse, ListsWhatIsInItsFile) {
     EXPECT_EQ(line.rfind("Name: tone map Size: 5 Permanent: 1", 0), 0U) << line;
 }
 
-TEST_F(EffectCacheUse, TellsItsDirectoryAndItsSwitch) {
+TEST_F(EffectCacheUse, ReportsItsDirectoryAndWhetherItIsEnabled) {
     const auto cache = OpenCache();
     EXPECT_TRUE(cache->GetCacheFilePath() == directory_.Path().string().c_str());
     cache->SetEnabled(false);

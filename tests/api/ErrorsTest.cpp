@@ -1,4 +1,4 @@
-// The errors that the library throws, caught by their classes on the client's side of the border.
+// The exceptions that the library throws, caught by their classes in a client.
 #include <gtest/gtest.h>
 #include <quorvel/Quorvel.h>
 
@@ -41,7 +41,7 @@ protected:
     std::string path_ = directory_.File("package");
 };
 
-// A block that anybody may initialise.
+// A block with a public Initialize.
 class Block : public MultiProcessMemory {
 public:
     using MultiProcessMemory::Initialize;

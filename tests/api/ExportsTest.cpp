@@ -1,5 +1,5 @@
-// What the shared library exports, against the list in this folder. Whoever changes the exported
-// interface changes the list.
+// Compares the names that the shared library exports with the list in this folder. A change of the
+// exported interface must update the list.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -27,7 +27,7 @@ Names ListedNames() {
     return names;
 }
 
-// The names of one set that the other does not have.
+// The names in the first set that are not in the second.
 Names Difference(const Names& names, const Names& others) {
     Names difference;
     std::set_difference(names.begin(), names.end(), others.begin(), others.end(),
@@ -37,13 +37,13 @@ Names Difference(const Names& names, const Names& others) {
 
 }  // namespace
 
-TEST(Exports, OfTheListAreAllThere) {
+TEST(Exports, IncludeAllListedNames) {
     ASSERT_THAT(ListedNames(), ::testing::Not(::testing::IsEmpty()));
     EXPECT_THAT(Difference(ListedNames(), ExportedNames(QUORVEL_LIBRARY_FILE)),
                 ::testing::IsEmpty());
 }
 
-TEST(Exports, AreNoOthersThanThoseOfTheList) {
+TEST(Exports, AreAllListed) {
     EXPECT_THAT(Difference(ExportedNames(QUORVEL_LIBRARY_FILE), ListedNames()),
                 ::testing::IsEmpty());
 }

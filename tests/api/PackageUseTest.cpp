@@ -57,7 +57,7 @@ TEST_F(PackageUse, WritesCommitsAndReadsBack) {
     EXPECT_EQ(std::memcmp(reader.GetHeaderData(), "head", 4), 0);
 }
 
-TEST_F(PackageUse, CommitsWhenTheLastReferenceGoes) {
+TEST_F(PackageUse, CommitsWhenTheLastReferenceIsReleased) {
     Util::RefPtr<IDataStreamSet> package = CreateFilePackage(Config());
     ASSERT_TRUE(package);
     Util::RefPtr<IDataStreamSet> second = package;
@@ -68,7 +68,7 @@ TEST_F(PackageUse, CommitsWhenTheLastReferenceGoes) {
     EXPECT_EQ(ReadStream(*OpenFilePackage(Config()), id), "text");
 }
 
-TEST_F(PackageUse, SeesWhatAnotherHasCommittedOnceItLoads) {
+TEST_F(PackageUse, SeesAnothersCommitAfterALoad) {
     const Util::RefPtr<IDataStreamSet> writer = CreateFilePackage(Config());
     ASSERT_TRUE(writer);
     const Util::RefPtr<IDataStreamSet> reader = OpenFilePackage(Config());
@@ -82,7 +82,7 @@ TEST_F(PackageUse, SeesWhatAnotherHasCommittedOnceItLoads) {
     EXPECT_FALSE(reader->OpenDataStream(id));
 }
 
-TEST_F(PackageUse, TellsFailureByAnEmptyReference) {
+TEST_F(PackageUse, ReportsFailureWithANullReference) {
     EXPECT_FALSE(OpenFilePackage(Config()));
     path_ = directory_.File("no/package");
     EXPECT_FALSE(CreateFilePackage(Config()));
@@ -90,7 +90,7 @@ TEST_F(PackageUse, TellsFailureByAnEmptyReference) {
     EXPECT_FALSE(OpenFilePackage({nullptr, 64, 1000}));
 }
 
-TEST_F(PackageUse, LeavesStreamsEmptyThatOutliveThePackage) {
+TEST_F(PackageUse, LeavesStreamsThatOutliveItEmpty) {
     Util::RefPtr<IDataStreamSet> package = CreateFilePackage(Config());
     ASSERT_TRUE(package);
     const Util::RefPtr<IDataStream> stream =

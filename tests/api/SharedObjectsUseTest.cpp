@@ -1,4 +1,4 @@
-// What processes share, as a client uses it.
+// The objects that processes share, as a client uses them.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <quorvel/Quorvel.h>
@@ -15,7 +15,7 @@ namespace {
 
 using ::testing::ElementsAre;
 
-// A client's own block: a counter that begins at 100.
+// A client's own block: a counter that starts at 100.
 class Counter : public MultiProcessMemory {
 public:
     explicit Counter(const std::string& name) { Initialize(name.c_str(), sizeof(int)); }
@@ -41,7 +41,7 @@ protected:
 
 }  // namespace
 
-TEST(SharedObjectsUse, AClassDerivedFromMultiProcessMemoryHasItsHooksCalled) {
+TEST(SharedObjectsUse, MultiProcessMemoryCallsTheHooksOfADerivedClass) {
     const std::string name = UniqueName();
     Counter first(name);
     EXPECT_THAT(first.calls, ElementsAre("created"));
@@ -53,7 +53,7 @@ TEST(SharedObjectsUse, AClassDerivedFromMultiProcessMemoryHasItsHooksCalled) {
     EXPECT_THAT(first.calls, ElementsAre("created"));
 }
 
-TEST(SharedObjectsUse, ATimeStampTellsWhenAnotherWasUpdated) {
+TEST(SharedObjectsUse, ATimeStampReportsAnothersUpdate) {
     const std::string name = UniqueName();
     MultiProcessTimeStamp one;
     MultiProcessTimeStamp other;
@@ -66,14 +66,14 @@ TEST(SharedObjectsUse, ATimeStampTellsWhenAnotherWasUpdated) {
     EXPECT_FALSE(other.IsChanged());
 }
 
-TEST(SharedObjectsUse, AMutexIsHeldForTheLengthOfAScope) {
+TEST(SharedObjectsUse, AnAutoMutexHoldsAMutexForAScope) {
     const std::string name = UniqueName();
     MutexObject mutex(name.c_str());
     MutexObject same(std::wstring(name.begin(), name.end()).c_str());
     {
         const AutoMutex guard(mutex, kWaitForever);
         EXPECT_EQ(guard.WaitResult(), kWaitAcquired);
-        EXPECT_EQ(same.Acquire(0), kWaitAcquired);  // the same thread may, again and again
+        EXPECT_EQ(same.Acquire(0), kWaitAcquired);  // the same thread may acquire it again
         same.Release();
     }
     EXPECT_EQ(same.Acquire(0), kWaitAcquired);

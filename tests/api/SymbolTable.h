@@ -5,8 +5,8 @@
 
 namespace Quorvel::Testing {
 
-// What a shared library's file says it exports: on Linux the names as they are written in C++, each
-// once, although constructors and destructors have several symbols; on Windows the names of the
+// The names that a shared library exports, from its file. On Linux they are demangled, so that a
+// constructor or destructor with several symbols has one name; on Windows they are the names in the
 // export table.
 std::set<std::string> ExportedNames(const std::string& path);
 

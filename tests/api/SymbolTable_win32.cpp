@@ -10,7 +10,7 @@ namespace Quorvel::Testing {
 
 namespace {
 
-// An image as it lies in its file, where addresses count from its sections' places in memory.
+// An image in its file, looked up by the addresses that its sections have in memory.
 class Image {
 public:
     explicit Image(const std::string& path) : file_(Format::ReadWholeFile(path)) {
@@ -49,7 +49,7 @@ private:
                 return address - section.VirtualAddress + section.PointerToRawData;
             }
         }
-        throw std::runtime_error("an address lies in no section");
+        throw std::runtime_error("an address lies outside all sections");
     }
 
     Format::Bytes file_;

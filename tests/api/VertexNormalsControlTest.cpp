@@ -3,7 +3,7 @@
 
 namespace Quorvel::Testing {
 
-TEST(VertexNormalsControlUse, IsOnAndRefersToNothing) {
+TEST(VertexNormalsControlUse, IsOnWithoutAReference) {
     const VertexNormalsControl control;
     EXPECT_TRUE(control.enabled);
     EXPECT_EQ(control.reference.Get(), nullptr);

@@ -1,5 +1,5 @@
-// The order in which the virtual tables of the interfaces hold their operations: what a host that
-// was compiled long ago calls by number.
+// The order of operations in the virtual tables of the interfaces. Existing hosts call them by
+// number.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <quorvel/Quorvel.h>
@@ -15,8 +15,8 @@ namespace {
 
 using ::testing::ElementsAre;
 
-// With this C++ ABI a destructor takes up two places in the table, and a pointer to a virtual
-// function holds the function's place in bytes, plus one, then what to add to the object's address.
+// In this C++ ABI a destructor takes two places in the table. A pointer to a virtual function holds
+// the function's place in bytes, plus one, and then an offset to add to the object's address.
 constexpr std::uintptr_t kDestructors = 2;
 
 template <typename Operation>
@@ -41,7 +41,7 @@ constexpr std::uintptr_t kFirst = kDestructors + 3;
 
 }  // namespace
 
-TEST(VirtualTable, OfReferenceCountedObjectsBeginsWithTheCount) {
+TEST(VirtualTable, OfReferenceCountedObjectsBeginsWithReferenceCounting) {
     struct Object : Util::ARefObject {
         using ARefObject::DeleteThis;
     };

@@ -9,7 +9,7 @@ namespace {
 
 enum class State { Idle, Armed, Failed };
 
-// Trivial, so that an allocation may ask for them at any time.
+// Trivially constructed, so that an allocation may use them at any time.
 thread_local State state = State::Idle;
 thread_local std::uint64_t left = 0;
 

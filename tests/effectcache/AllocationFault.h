@@ -4,8 +4,8 @@
 
 namespace Quorvel::Testing {
 
-// Makes the calling thread's allocations fail while it lives: the first `skipped` go through, the
-// next one throws std::bad_alloc, those behind it go through again.
+// Makes one of the calling thread's allocations fail while it lives: the first `skipped` succeed,
+// the next one fails, all later ones succeed.
 class AllocationFault {
 public:
     explicit AllocationFault(std::uint64_t skipped);
@@ -13,7 +13,7 @@ public:
     AllocationFault& operator=(const AllocationFault&) = delete;
     ~AllocationFault();
 
-    // Whether the allocation that was to fail has been asked for.
+    // True once the allocation that is to fail has been requested.
     bool HasFailed() const;
 };
 

@@ -17,10 +17,10 @@ using Bytes = std::vector<unsigned char>;
 
 CStr ToCStr(const std::string& text);
 
-// Bytes that say whose they are: the label over and over, cut off at the size.
+// `size` bytes that repeat the label.
 Bytes EffectBytes(const std::string& label, std::size_t size);
 
-// An effect cache as a host uses it, in the types of the tests.
+// An effect cache as a host uses it, with standard types in the interface.
 class CacheClient {
 public:
     explicit CacheClient(const std::string& directory);
@@ -43,11 +43,11 @@ private:
 // The path of a directory's cache file.
 std::string CacheFilePath(const TemporaryDirectory& directory);
 
-// What the names of the objects begin with that processes share for that file.
+// The prefix of the names of the objects that processes share for that file.
 std::string SharedObjectName(const std::string& filePath);
 std::string SharedObjectName(const TemporaryDirectory& directory);
 
-// Whether another thread gets the mutex of the file; a wait of a minute means that it does not.
+// True if another thread can acquire the file's mutex within a minute.
 bool IsFileMutexFree(const TemporaryDirectory& directory);
 
 Bytes ReadWholeFile(const std::string& path);

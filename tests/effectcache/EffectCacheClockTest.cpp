@@ -5,7 +5,7 @@
 #include "effectcache/StoredCache.h"
 #include "platform/Clock.h"
 
-// When an effect was saved, or found since.
+// The time of an effect: when it was saved or last found.
 namespace Quorvel::Testing {
 
 namespace {
@@ -88,7 +88,7 @@ TEST_F(EffectCacheClock, HitAmongPendingEffectsRefreshesNothingInTheFile) {
     EXPECT_EQ(StoredTime("x"), TimeBytes(kSavedAgain));
 }
 
-TEST_F(EffectCacheClock, ReloadForgetsHitsThatWereNotSaved) {
+TEST_F(EffectCacheClock, ReloadDiscardsHitsThatWereNotSaved) {
     ASSERT_TRUE(cache.Find("x"));
     CacheClient other(directory);
     other.Add("w", EffectBytes("w", 50));

@@ -11,8 +11,8 @@
 #include "effectcache/StoredCache.h"
 #include "support/StdioFaults.h"
 
-// Every operation with every one of its calls of the file system failing in turn. Whatever fails,
-// nothing is thrown, no lock stays held, and nobody ever gets the bytes of another effect.
+// Runs each operation once per file system call that it makes, with that call failing. No operation
+// may throw, keep a lock or return the bytes of another effect.
 namespace Quorvel::Testing {
 
 namespace {
@@ -35,8 +35,8 @@ public:
         oldFile = ReadWholeFile(path);
     }
 
-    // Prepares, then runs the operation with its first call of the kind failing, then checks;
-    // then all again with the second call failing, and so on until none does any more.
+    // Prepares, runs the operation with its first call of the kind failing, and checks. Repeats
+    // this with the second call failing, and so on until none fails.
     void ForEachCall(const std::function<void()>& prepare, const std::function<void()>& operation,
                      const std::function<void(bool failed)>& check) {
         const Fault& fault = GetParam();
@@ -75,7 +75,7 @@ public:
     std::unique_ptr<CacheClient> b;
 };
 
-// What has failed in a save of `a`, beside `b`, which had read the old file.
+// Checks the outcome of a save by `a`. `b` had read the old file.
 #define EXPECT_SAFE_AFTER_SAVE(failed)      \
     do {                                    \
         FindAll(*b);                        \
@@ -117,7 +117,7 @@ TEST_P(EffectCacheFaults, SaveAtTheEndLeavesTheOldStateTheNewOneOrAnEmptyCache) 
         [&] { a.reset(); }, [&](bool failed) { EXPECT_SAFE_AFTER_SAVE(failed); });
 }
 
-// The file holds the effects in another arrangement than the one that `a` knows of.
+// The effects are laid out in the file differently from what `a` has read.
 TEST_P(EffectCacheFaults, SaveAfterAnothersSaveLeavesAWholeStateOrAnEmptyCache) {
     ForEachCall(
         [&] {
@@ -142,8 +142,7 @@ TEST_P(EffectCacheFaults, FailedSaveMakesTheCacheInert) {
         },
         [&] { (*a)->ForceSaveToFile(); },
         [&](bool failed) {
-            // A file that can't be closed in order loses nothing, and one that can't be opened may
-            // be created instead.
+            // A failed close loses nothing, and a file that cannot be opened may be created anew.
             const StdioCall call = GetParam().call;
             if (failed && (call == StdioCall::Write || call == StdioCall::Seek)) {
                 EXPECT_FALSE((*a)->IsEnabled());
@@ -189,7 +188,7 @@ TEST_P(EffectCacheFaults, FailedReloadMakesTheCacheInert) {
                 EXPECT_EQ(StateOf(*b), State::New);
             }
             b.reset();
-            // A file that can't be opened may be created instead, which makes it empty.
+            // A file that cannot be opened may be created anew, which empties it.
             const State state = FreshState();
             EXPECT_TRUE(state == State::New || (call == StdioCall::Open && state == State::Empty))
                 << state;
@@ -253,8 +252,8 @@ TEST_P(EffectCacheFaults, TrimWhileOpeningLeavesWholeEffects) {
         });
 }
 
-// Effects that fill whole pages leave the tails to the index alone: an index of the old state is
-// then readable beside the streams of the new one.
+// If the effects fill whole pages, only the index has a tail. An old index could then be read
+// together with new streams.
 TEST_P(EffectCacheFaults, TrimOfWholePagesWhileOpeningLeavesWholeEffects) {
     constexpr std::size_t kWholePage = 8192 - 8;
     std::vector<StoredEffect> effects;

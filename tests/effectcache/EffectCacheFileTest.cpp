@@ -59,7 +59,7 @@ TEST_F(EffectCacheFile, SavesAddUp) {
     }
 }
 
-// An effect of one size replaced by one of another, between two that stay.
+// Replaces an effect of the first size by one of the second, between two that stay.
 class EffectCacheReplace
     : public EffectCacheFile,
       public ::testing::WithParamInterface<std::pair<std::size_t, std::size_t>> {};
@@ -113,17 +113,17 @@ TEST_F(EffectCacheFile, ReplacingOverAndOverDoesNotGrowTheFile) {
 
 TEST_F(EffectCacheFile, SaveLeavesTheOtherBlocksOfTheHeaderData) {
     const Bytes before = Block(1, Bytes(5, 0xAA));
-    const Bytes behind = ByteList().Append(Block(2, Bytes(9, 0xBB))).Append(Bytes(4, 0xCC));
+    const Bytes after = ByteList().Append(Block(2, Bytes(9, 0xBB))).Append(Bytes(4, 0xCC));
     const Bytes index = ByteList().Append(Record{1, 1, 3}.Get()).Append(ByteArray("x"));
     WritePackage(path,
-                 ByteList().Append(before).Append(Block(kTagOfCache, Header(1, 0))).Append(behind),
+                 ByteList().Append(before).Append(Block(kTagOfCache, Header(1, 0))).Append(after),
                  {index, ByteArray(Bytes{1, 2, 3})});
     CacheClient cache(directory);
     cache.Add("y", {4});
     cache->ForceSaveToFile();
     EXPECT_EQ(
         StoredCache(directory).HeaderData(),
-        ByteList().Append(before).Append(Block(kTagOfCache, Header(2, 0))).Append(behind).Get());
+        ByteList().Append(before).Append(Block(kTagOfCache, Header(2, 0))).Append(after).Get());
     EXPECT_EQ(CacheClient(directory).Find("y"), (Bytes{4}));
 }
 
@@ -153,8 +153,8 @@ TEST_F(EffectCacheFile, SaveKeepsWhatTheReservedFieldsOfRecordsHold) {
 
 // ---- The index stream ---------------------------------------------------------------------------
 
-// A cache whose index is stream 2 and whose stream 1 is gone: a new stream gets a lower id than the
-// index has.
+// A cache whose index is stream 2 and whose stream 1 is deleted, so that a new stream gets a lower
+// id than the index.
 class EffectCacheIndexStream : public EffectCacheFile {
 public:
     EffectCacheIndexStream() {
@@ -188,12 +188,12 @@ TEST_F(EffectCacheIndexStream, IsReplacedWhenItsSizeChanges) {
     cache->ForceSaveToFile();
     const StoredCache stored(directory);
     EXPECT_EQ(stored.IndexStreamId(),
-              2u);  // "yy" took id 1; the index gave 2 back and got it again
+              2u);  // "yy" took id 1; the index freed id 2 and got it again
     EXPECT_EQ(stored.Index().size(), 53u + 54u);
     EXPECT_EQ(stored.StreamIds(), (Ids{0, 1, 2}));
 }
 
-TEST_F(EffectCacheIndexStream, GivesItsOldStreamBackWhenItsSizeChanges) {
+TEST_F(EffectCacheIndexStream, FreesItsOldStreamWhenItsSizeChanges) {
     const Bytes longer =
         ByteList().Append(Record{0, 1, 100}.Get()).Append(ByteArray("x")).Append({0xEE});
     WritePackage(path, Block(kTagOfCache, Header(1, 2)),
@@ -210,7 +210,7 @@ TEST_F(EffectCacheIndexStream, GivesItsOldStreamBackWhenItsSizeChanges) {
     EXPECT_EQ(CacheClient(directory).Find("x"), EffectBytes("new", 77));
 }
 
-TEST_F(EffectCacheIndexStream, TakesThePlaceOfTheSingleByteOfANewCache) {
+TEST_F(EffectCacheIndexStream, ReplacesTheSingleByteOfANewCache) {
     std::filesystem::remove(path);
     CacheClient cache(directory);
     EXPECT_EQ(StoredCache(directory).Index().size(), 1u);
@@ -220,7 +220,7 @@ TEST_F(EffectCacheIndexStream, TakesThePlaceOfTheSingleByteOfANewCache) {
     EXPECT_EQ(StoredCache(directory).StreamIds().size(), 2u);
 }
 
-// ---- Telling others -----------------------------------------------------------------------------
+// ---- Announcing changes -------------------------------------------------------------------------
 
 TEST_F(EffectCacheFile, SaveAnnouncesOneChange) {
     CacheClient cache(directory);
@@ -239,7 +239,7 @@ TEST_F(EffectCacheFile, SaveAnnouncesOneChange) {
 
 // ---- More streams than a package may have -------------------------------------------------------
 
-// A file with so many streams beside an empty index; they have no bytes.
+// A file with that number of streams: the index of an empty cache, and streams without bytes.
 void WriteCacheWithStreams(const std::string& path, std::uint64_t streams) {
     const Util::RefPtr<IDataStreamSet> package = CreateFilePackage(CacheConfig(path));
     ASSERT_EQ(package->CreateDataStream(1), 0u);
@@ -260,7 +260,7 @@ TEST_F(EffectCacheFile, EffectThatTakesTheLastStreamIsSaved) {
     EXPECT_EQ(CacheClient(directory).Find("x"), bytes);
 }
 
-TEST_F(EffectCacheFile, EffectWithoutAStreamLeftMakesTheSaveFail) {
+TEST_F(EffectCacheFile, SaveFailsWhenNoStreamIsLeft) {
     WriteCacheWithStreams(path, 65535);
     EffectCacheImpl cache(ToCStr(directory.Path().string()));
     const Bytes bytes = EffectBytes("x", 100);
@@ -275,8 +275,8 @@ TEST_F(EffectCacheFile, EffectWithoutAStreamLeftMakesTheSaveFail) {
     EXPECT_EQ(fresh.Find("x"), std::nullopt);
 }
 
-// A package of as many streams as there can be, of which two hold effects.
-TEST_F(EffectCacheFile, SaveOfMoreEffectsThanThereAreStreamsLeftLeavesTheFileAsItWas) {
+// A package with room for one more stream. Two of its streams hold effects.
+TEST_F(EffectCacheFile, SaveOfMoreEffectsThanStreamsLeftLeavesTheFileUnchanged) {
     {
         CacheClient cache(directory);
         cache.Add("a", EffectBytes("a", 9000));
@@ -294,7 +294,7 @@ TEST_F(EffectCacheFile, SaveOfMoreEffectsThanThereAreStreamsLeftLeavesTheFileAsI
         const Bytes bytes = EffectBytes(name, 200000);
         cache.CacheCompiledEffect(name, bytes.data(), bytes.size(), false);
     };
-    for (const char* name : {"a", "b", "c", "d"}) {  // the old ones need no more streams
+    for (const char* name : {"a", "b", "c", "d"}) {  // "a" and "b" need no new streams
         add(name);
     }
     EXPECT_FALSE(cache.SaveToFile());
@@ -310,7 +310,7 @@ TEST_F(EffectCacheFile, SaveOfMoreEffectsThanThereAreStreamsLeftLeavesTheFileAsI
     EXPECT_EQ(CacheClient(directory).Find("c"), EffectBytes("c", 9000));
 }
 
-TEST_F(EffectCacheFile, SaveOfWhichNothingReachesTheFileLeavesItAsItWas) {
+TEST_F(EffectCacheFile, SaveThatWritesNothingLeavesTheFileUnchanged) {
     {
         CacheClient cache(directory);
         cache.Add("a", EffectBytes("a", 9000));
@@ -334,9 +334,9 @@ TEST_F(EffectCacheFile, SaveOfWhichNothingReachesTheFileLeavesItAsItWas) {
                 before);
 }
 
-// The streams of "x" and "yy" are missing, and the two ids are the next to be given: to a new
-// effect, and to the index, which grows.
-TEST_F(EffectCacheFile, EffectsWithoutStreamsAreForgottenWhenTheirIdsAreGiven) {
+// The streams of "x" and "yy" are missing. Their ids are the next to be assigned: to a new effect
+// and to the new index stream.
+TEST_F(EffectCacheFile, EffectsWithoutStreamsAreForgottenWhenTheirIdsAreReused) {
     WritePackage(path, Block(kTagOfCache, Header(2, 2)),
                  {ByteArray("X"), ByteArray("Y"),
                   ByteList()
@@ -361,8 +361,8 @@ TEST_F(EffectCacheFile, EffectsWithoutStreamsAreForgottenWhenTheirIdsAreGiven) {
     EXPECT_EQ(StoredCache(directory).IndexStreamId(), 1u);
 }
 
-// Whoever finds the file that was made has to look at it.
-TEST_F(EffectCacheFile, MadeAnewIsAnnouncedAlsoWhenItCanNotBeFinished) {
+// As soon as the new file is a package, other caches must be told to read it.
+TEST_F(EffectCacheFile, NewFileIsAnnouncedEvenIfItCannotBeFinished) {
     bool failed = true;
     for (std::uint64_t writes = 0; failed; ++writes) {
         WriteWholeFile(path, Bytes(20000, 0x5A));

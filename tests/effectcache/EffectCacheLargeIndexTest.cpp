@@ -27,7 +27,7 @@ Bytes BytesOf(std::size_t number) {
     return EffectBytes(std::to_string(number + 10), kEffectSize);
 }
 
-// How many of the names are found. Fails the test when one has another's bytes.
+// The number of names that are found. Fails the test if a name has another's bytes.
 std::size_t CountFound(CacheClient& cache) {
     std::size_t found = 0;
     for (std::size_t number = 0; number < kNames; ++number) {
@@ -51,7 +51,7 @@ protected:
     const std::string path_ = CacheFilePath(directory_);
 };
 
-// How far apart the writes are that fail, so that a run takes seconds.
+// Only every kStep-th write is made to fail, so that a run takes seconds.
 constexpr std::uint64_t kStep = 13;
 
 }  // namespace
@@ -66,7 +66,7 @@ TEST_F(EffectCacheLargeIndex, IsFoundAgain) {
     EXPECT_EQ(CountFound(cache), kNames);
 }
 
-TEST_F(EffectCacheLargeIndex, SavedInVainLeavesAnEmptyCache) {
+TEST_F(EffectCacheLargeIndex, FailedSaveLeavesAnEmptyCache) {
     std::uint64_t faults = 0;
     bool failed = true;
     for (std::uint64_t skipped = 0; failed; skipped += kStep) {
@@ -91,7 +91,7 @@ TEST_F(EffectCacheLargeIndex, SavedInVainLeavesAnEmptyCache) {
     EXPECT_GT(faults, 10u);
 }
 
-TEST_F(EffectCacheLargeIndex, TrimmedInVainLeavesAnEmptyCache) {
+TEST_F(EffectCacheLargeIndex, FailedTrimLeavesAnEmptyCache) {
     std::vector<StoredEffect> effects;
     for (std::size_t number = 0; number < kNames; ++number) {
         effects.push_back({NameOf(number), BytesOf(number)});

@@ -9,7 +9,7 @@ namespace Quorvel::Testing {
 
 namespace {
 
-TEST(EffectCacheLayout, NewCacheHoldsTheHeaderBlockAlone) {
+TEST(EffectCacheLayout, NewCacheHoldsOnlyTheHeaderBlock) {
     const TemporaryDirectory directory;
     CacheClient(directory).Close();
     const StoredCache stored(directory);
@@ -100,7 +100,7 @@ TEST(EffectCacheLayout, IndexStreamIsAsLongAsItsRecords) {
     EXPECT_EQ(StoredCache(directory).Index().size(), size);
 }
 
-TEST(EffectCacheLayout, FileLiesInTheDirectoryUnderItsName) {
+TEST(EffectCacheLayout, FileIsInTheDirectoryUnderItsName) {
     const TemporaryDirectory directory;
     CacheClient cache(directory);
     std::vector<std::string> files;

@@ -13,8 +13,8 @@
 #include "quorvel/Exceptions.h"
 #include "support/HeapFault.h"
 
-// Every operation with every one of its allocations failing in turn: those of the standard
-// library's containers one at a time, and those from the host's heap from one on.
+// Runs each operation once per allocation that it makes. Allocations of the standard library's
+// containers fail one at a time; those from the host's heap fail from the chosen one onwards.
 namespace Quorvel::Testing {
 
 namespace {
@@ -23,8 +23,8 @@ class EffectCacheMemory : public ::testing::Test {
 public:
     EffectCacheMemory() { WriteOldCache(path); }
 
-    // Prepares, then runs the operation with its first allocation failing, then checks; then all
-    // again with the second one failing, and so on until none does any more.
+    // Prepares, runs the operation with its first allocation failing, and checks. Repeats this with
+    // the second allocation failing, and so on until none fails.
     void ForEachAllocation(const std::function<void()>& prepare,
                            const std::function<void()>& operation,
                            const std::function<void(bool failed)>& check) {
@@ -59,7 +59,7 @@ public:
         client = std::make_unique<CacheClient>(directory);
     }
 
-    // Names, bytes and arrays that the operations are called with need no memory of their own.
+    // The arguments exist beforehand, so that passing them allocates nothing.
     void Save() { (*cache)->ForceSaveToFile(); }
     bool Find(const CStr& name) { return (*cache)->SearchCachedEffects(name, found); }
     void ExpectFound(const Bytes& bytes) {
@@ -93,7 +93,7 @@ TEST_F(EffectCacheMemory, CachingQueuesTheEffectOrIgnoresIt) {
         });
 }
 
-TEST_F(EffectCacheMemory, ReplacingWhatIsQueuedDoesSoOrLeavesIt) {
+TEST_F(EffectCacheMemory, ReplacingAQueuedEffectSucceedsOrLeavesIt) {
     const CStr name("x");
     const Bytes bytes = EffectBytes("second", 100);
     ForEachAllocation(
@@ -195,7 +195,7 @@ TEST_F(EffectCacheMemory, SaveAtTheEndLeavesTheOldStateTheNewOneOrAnEmptyCache) 
         });
 }
 
-// The constructor is the one operation that may say that memory has run out.
+// Only the constructor may report that memory has run out.
 TEST_F(EffectCacheMemory, OpeningWorksOrThrowsAndLeavesTheOldStateOrAnEmptyCache) {
     const CStr text = ToCStr(directory.Path().string());
     Util::RefPtr<EffectCacheSystem> opened;
@@ -226,7 +226,7 @@ TEST_F(EffectCacheMemory, TrimWhileOpeningLeavesWholeEffects) {
         [&] {
             Open(other);
             FindAll(*other);
-            // Only the library's own allocations are to fail, not those of the stub.
+            // Only the library's allocations may fail, not the stub's.
             stub = std::make_unique<FreeSpaceStub>(space);
             stub->ForgetQueries();
         },

@@ -28,7 +28,7 @@ std::string ToHex(const Bytes& bytes) {
     return text;
 }
 
-// Uses the cache of a directory as it is told: "add NAME LABEL SIZE", "find NAME", "save",
+// Executes commands on the cache of a directory: "add NAME LABEL SIZE", "find NAME", "save",
 // "counts". Names and labels have no spaces.
 QUORVEL_AGENT(CacheUser) {
     CacheClient cache(arguments[0]);
@@ -66,13 +66,13 @@ QUORVEL_AGENT(MutexHolder) {
     return 0;
 }
 
-// A process with a CacheUser in it.
+// A process that runs CacheUser.
 class Host {
 public:
     explicit Host(const std::string& directory) : process_("CacheUser", {directory}) {}
     explicit Host(const TemporaryDirectory& directory) : Host(directory.Path().string()) {}
 
-    // Waits until the cache is open; whether it can be used.
+    // Waits until the cache is open. True if it is enabled.
     bool IsOpen() { return process_.Receive() == "enabled"; }
 
     void Add(const std::string& name, const std::string& label, std::size_t size) {
@@ -107,7 +107,7 @@ public:
     std::string path = CacheFilePath(directory);
 };
 
-TEST_F(EffectCacheProcesses, OneFindsWhatAnotherSaved) {
+TEST_F(EffectCacheProcesses, FindEffectsThatOthersSaved) {
     const auto a = Start();
     const auto b = Start();
     a->Add("x", "bytes-of-x", 5000);
@@ -121,7 +121,7 @@ TEST_F(EffectCacheProcesses, OneFindsWhatAnotherSaved) {
     EXPECT_EQ(a->Find("x"), Expected("bytes-of-x", 5000));
 }
 
-TEST_F(EffectCacheProcesses, SpellingsOfTheDirectoryMeanOneCache) {
+TEST_F(EffectCacheProcesses, SpellingsOfOneDirectoryShareACache) {
     const auto a = Start();
     Host b(directory.Path().string() + Platform::kPathSeparator);
     ASSERT_TRUE(b.IsOpen());
@@ -156,7 +156,7 @@ TEST_F(EffectCacheProcesses, PendingEffectsSurviveTheReload) {
     EXPECT_EQ(a->Find("mine"), Expected("by-b", 200));
 }
 
-TEST_F(EffectCacheProcesses, ProcessThatEndsSavesWhatItHas) {
+TEST_F(EffectCacheProcesses, EndingProcessSavesItsPendingEffects) {
     const auto a = Start();
     a->Add("x", "by-a", 70000);
     const auto b = Start();
@@ -180,7 +180,7 @@ TEST_F(EffectCacheProcesses, EachSaveIsNoticedOnce) {
     }
 }
 
-TEST_F(EffectCacheProcesses, ThatOpenAtOnceAllGetTheOneCache) {
+TEST_F(EffectCacheProcesses, ThatOpenAtOnceShareOneCache) {
     std::vector<std::unique_ptr<Host>> hosts;
     for (int index = 0; index < 4; ++index) {
         hosts.push_back(std::make_unique<Host>(directory));
@@ -272,7 +272,7 @@ TEST_F(EffectCacheProcesses, ThatReplaceTheSameNamesAtOnceLeaveWholeEffects) {
     }
 }
 
-// ---- Pages that are older than the file ---------------------------------------------------------
+// ---- Cached pages older than the file -----------------------------------------------------------
 
 TEST_F(EffectCacheProcesses, ProcessThatClosesLateLeavesTheNewerFileAlone) {
     WriteCache(path, {{"x", EffectBytes("old-x", 9000)}, {"y", EffectBytes("old-y", 9000)}});
@@ -295,7 +295,7 @@ TEST_F(EffectCacheProcesses, ProcessThatClosesLateLeavesTheNewerFileAlone) {
 }
 
 TEST_F(EffectCacheProcesses, ProcessThatSearchesLateLeavesTheNewerFileAlone) {
-    // More than the pages that a cache keeps, so that searching drives old ones out.
+    // More than the page cache holds, so that searching evicts old pages.
     std::vector<StoredEffect> effects;
     for (int index = 0; index < 100; ++index) {
         const std::string name = "effect-" + std::to_string(index);
@@ -357,8 +357,8 @@ TEST_F(EffectCacheProcesses, KilledHolderOfTheFileMutexLeavesTheNextOneWorking) 
     EXPECT_TRUE(b->Save());
     EXPECT_EQ(b->Find("y"), Expected("by-b", 9000));
 
-    // An abandoned mutex is never released by the one who got it; whoever waits gets it, abandoned
-    // again, when that one ends.
+    // A process that gets an abandoned mutex never releases it. When it ends, the next process that
+    // waits gets the mutex, abandoned again.
     MutexObject mutex(mutexName.c_str());
     EXPECT_EQ(mutex.Acquire(0), kWaitTimedOut);
     EXPECT_EQ(b->End(), 0);
@@ -370,8 +370,7 @@ TEST_F(EffectCacheProcesses, KilledHolderOfTheFileMutexLeavesTheNextOneWorking) 
     mutex.Release();
 }
 
-// Who was killed while he saved wrote no stamp: that the mutex is abandoned is all there is to
-// tell.
+// A process that is killed while it saves updates no stamp. The abandoned mutex is the only sign.
 TEST_F(EffectCacheProcesses, KilledHolderOfTheFileMutexMakesTheNextOneReadTheFileAgain) {
     const std::string mutexName = SharedObjectName(directory) + "_mutex";
     WriteCache(path, {{"x", EffectBytes("old-x", 9000)}});
@@ -392,7 +391,7 @@ TEST_F(EffectCacheProcesses, FileThatAKilledProcessLeftUnfinishedIsReplacedByAnE
         ASSERT_TRUE(package->Load());
         package->MarkUnfinished();
         const std::uint64_t id = package->CreateDataStream(100 * 8192);
-        const Bytes bytes(100 * 8192);  // more than the cache of pages holds
+        const Bytes bytes(100 * 8192);  // more than the page cache holds
         ASSERT_EQ(package->OpenDataStream(id)->Write(bytes.data(), bytes.size()), bytes.size());
         package->Abandon();
     }
@@ -403,8 +402,8 @@ TEST_F(EffectCacheProcesses, FileThatAKilledProcessLeftUnfinishedIsReplacedByAnE
     EXPECT_EQ(Start()->Find("y"), Expected("by-a", 9000));
 }
 
-// A process that is killed inside a save, before the first page of it is overwritten.
-TEST_F(EffectCacheProcesses, FileThatAKilledProcessWasAboutToChangeIsWhole) {
+// The process is killed during a save, before it overwrites the first page.
+TEST_F(EffectCacheProcesses, FileThatAKilledProcessWasAboutToChangeIsIntact) {
     WriteCache(path, {{"x", EffectBytes("old-x", 9000)}});
     {
         const Util::RefPtr<PagedFilePackage> package(
@@ -417,8 +416,8 @@ TEST_F(EffectCacheProcesses, FileThatAKilledProcessWasAboutToChangeIsWhole) {
     EXPECT_EQ(Start()->Find("x"), Expected("old-x", 9000));
 }
 
-// One reload does for the death and for the save before it.
-TEST_F(EffectCacheProcesses, KilledHolderOfTheFileMutexAfterASaveMakesForOneReload) {
+// The save and the death after it cause a single reload.
+TEST_F(EffectCacheProcesses, SaveAndKilledHolderOfTheFileMutexCauseOneReload) {
     WriteCache(path, {{"x", EffectBytes("old-x", 9000)}});
     CacheClient b(directory);
     const auto a = Start();
@@ -434,7 +433,7 @@ TEST_F(EffectCacheProcesses, KilledHolderOfTheFileMutexAfterASaveMakesForOneRelo
     EXPECT_EQ(CountStdioCalls().opens, before + 1);
 }
 
-TEST_F(EffectCacheProcesses, KilledHolderOfTheFileMutexDoesNotKeepOthersFromOpening) {
+TEST_F(EffectCacheProcesses, KilledHolderOfTheFileMutexDoesNotStopOthersFromOpening) {
     const std::string mutexName = SharedObjectName(directory) + "_mutex";
     WriteCache(path, {{"x", EffectBytes("old-x", 9000)}});
     const MutexObject keepsItAlive(mutexName.c_str());

@@ -9,14 +9,14 @@
 #include "quorvel/MultiProcessTimeStamp.h"
 #include "support/StdioFaults.h"
 
-// Two caches of one directory, as two processes have them.
+// Two caches of one directory, as in two processes.
 namespace Quorvel::Testing {
 
 namespace {
 
 class EffectCacheReload : public ::testing::Test {
 public:
-    // Number of times that something was read again from the file's start.
+    // Number of times that the operation opened the file; a reload opens it once.
     template <typename Operation>
     std::uint64_t Reloads(const Operation& operation) {
         const std::uint64_t before = CountStdioCalls().opens;
@@ -55,7 +55,7 @@ TEST_F(EffectCacheReload, HappensOncePerSave) {
     }
 }
 
-TEST_F(EffectCacheReload, SeveralSavesMakeForOneReload) {
+TEST_F(EffectCacheReload, SeveralSavesCauseOneReload) {
     for (int round = 0; round < 3; ++round) {
         a.Add("x", EffectBytes("round " + std::to_string(round), 100));
         a->ForceSaveToFile();
@@ -71,7 +71,7 @@ TEST_F(EffectCacheReload, DoesNotHappenInASaveWithNothingQueued) {
     EXPECT_EQ(Reloads([this] { b.Find("x"); }), 1u);
 }
 
-TEST_F(EffectCacheReload, DoesNotFollowOnesOwnSave) {
+TEST_F(EffectCacheReload, DoesNotFollowTheCachesOwnSave) {
     b.Find("absent");
     b.Add("x", EffectBytes("x", 100));
     b->ForceSaveToFile();
@@ -130,7 +130,7 @@ TEST_F(EffectCacheReload, PendingEffectHidesTheOneThatTheOtherSaved) {
     EXPECT_EQ(b.Find("x"), EffectBytes("of b", 100));
 }
 
-TEST_F(EffectCacheReload, ReplacedEffectIsReadAnew) {
+TEST_F(EffectCacheReload, ReplacedEffectIsReadAgain) {
     a.Add("x", EffectBytes("one", 9000));
     a->ForceSaveToFile();
     EXPECT_EQ(b.Find("x"), EffectBytes("one", 9000));
@@ -181,7 +181,7 @@ TEST_F(EffectCacheReload, SearchesAndClosesLeaveTheNewerFileAlone) {
     EXPECT_EQ(fresh.Find("y"), EffectBytes("y", 9000));
 }
 
-// What others announce while a cache opens the file counts as news for it afterwards.
+// A change that is announced while a cache opens the file is still news to it afterwards.
 TEST(EffectCacheOpening, AdoptsTheStampBeforeItReadsTheFile) {
     const TemporaryDirectory directory;
     WriteCache(CacheFilePath(directory), {{"x", EffectBytes("one", 100)}});
@@ -198,7 +198,7 @@ TEST(EffectCacheOpening, AdoptsTheStampBeforeItReadsTheFile) {
     EXPECT_EQ(cache.Find("x"), EffectBytes("two", 100));
 }
 
-TEST(EffectCacheOpening, CountsWhatWasSavedBeforeAsSeen) {
+TEST(EffectCacheOpening, CountsEarlierSavesAsSeen) {
     const TemporaryDirectory directory;
     CacheClient a(directory);
     a.Add("x", {1});
@@ -211,7 +211,7 @@ TEST(EffectCacheOpening, CountsWhatWasSavedBeforeAsSeen) {
 
 // ---- Reloads that fail --------------------------------------------------------------------------
 
-// What somebody has made of the file; what is there then stays as it is.
+// Damage to the file. The cache must leave the damaged file unchanged.
 struct Damage {
     const char* name;
     std::function<void(const std::string& path)> inflict;
@@ -253,7 +253,7 @@ TEST_P(EffectCacheFailedReload, MakesASaveFailAndTheCacheInert) {
     ExpectInertAndFileAsItWas();
 }
 
-TEST_P(EffectCacheFailedReload, IsNotMendedByANewerFile) {
+TEST_P(EffectCacheFailedReload, IsNotRepairedByANewerFile) {
     EXPECT_EQ(b.Find("x"), std::nullopt);
     CacheClient fresh(directory);
     EXPECT_TRUE(fresh->IsEnabled());
@@ -268,7 +268,7 @@ INSTANTIATE_TEST_SUITE_P(
     Damages, EffectCacheFailedReload,
     ::testing::Values(
         Damage{"EmptyFile", [](const std::string& path) { WriteWholeFile(path, {}); }},
-        Damage{"NoPackage",
+        Damage{"NotAPackage",
                [](const std::string& path) { WriteWholeFile(path, Bytes(20000, 0x5A)); }},
         Damage{"NoHeader", [](const std::string& path) { WritePackage(path, {}, {{1}}); }},
         Damage{"OtherVersion",

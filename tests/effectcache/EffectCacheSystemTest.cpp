@@ -32,12 +32,12 @@ namespace {
 constexpr std::size_t kLargest = 1048576;
 constexpr std::size_t kThreshold = 2097152;
 
-// What an effect adds to the count that makes for a save.
+// The bytes that an effect adds to the count that triggers a save.
 constexpr std::size_t Counted(std::size_t nameLength, std::size_t size) {
     return 44 + (nameLength + 8) + (size + 8);
 }
 
-// A path with what separates its parts, as the platform writes it, at its end.
+// The directory's path with the platform's separator at its end.
 std::string WithSeparator(const TemporaryDirectory& directory) {
     return directory.Path().string() + Platform::kPathSeparator;
 }
@@ -54,8 +54,8 @@ void ExpectInert(CacheClient& cache) {
     EXPECT_FALSE(cache->IsEnabled());
 }
 
-// Runs a function on a thread of its own, and tells whether it waits for something that this thread
-// holds. A wait of a tenth of a second counts; one of ten must not be.
+// Runs a function on its own thread and tells whether it waits for something that this thread
+// holds: it waits if it takes longer than 100 ms, and must end within 10 s.
 class Waiting {
 public:
     explicit Waiting(const std::function<void()>& function)
@@ -72,7 +72,7 @@ private:
     std::future<void> done_;
 };
 
-// ---- Where the cache is -------------------------------------------------------------------------
+// ---- The cache's location -----------------------------------------------------------------------
 
 TEST(EffectCacheSystem, EmptyDirectoryMakesAnInertCache) {
     CacheClient cache("");
@@ -99,7 +99,7 @@ TEST(EffectCacheSystem, FileThatCanBeNeitherOpenedNorCreatedMakesAnInertCache) {
     ExpectInert(cache);
 }
 
-TEST(EffectCacheSystem, InertCacheWaitsForNobody) {
+TEST(EffectCacheSystem, InertCacheDoesNotWaitForTheFileMutex) {
     const TemporaryDirectory directory;
     std::filesystem::create_directory(CacheFilePath(directory));
     auto cache = std::make_unique<CacheClient>(directory);
@@ -128,7 +128,7 @@ TEST(EffectCacheSystem, SearchesAndSavesWaitForTheFileMutexEvenWithNothingToSave
 }
 
 // A search that waits for the file mutex holds the cache's own lock.
-TEST(EffectCacheSystem, OnlyTheOperationsOfManyThreadsWaitForEachOther) {
+TEST(EffectCacheSystem, SearchBlocksCachingAndTheSwitchButNotSavesAndCounts) {
     const TemporaryDirectory directory;
     CacheClient cache(directory);
     cache.Add("x", EffectBytes("x", 100));
@@ -182,8 +182,8 @@ TEST(EffectCacheSystem, DirectoryOfOneLetterGetsASeparator) {
     EXPECT_TRUE(std::filesystem::exists(std::filesystem::path("d") / "vornFxoCache.dat"));
 }
 
-// Each spelling of the directory sees the changes that the other one announces, and holds the same
-// mutex while it opens the file.
+// With or without a trailing separator, a cache announces changes under the same name and holds the
+// same mutex while it opens the file.
 class EffectCacheObjects : public ::testing::TestWithParam<bool> {};
 
 TEST_P(EffectCacheObjects, AreNamedAfterTheFile) {
@@ -314,7 +314,7 @@ TEST(EffectCacheSystem, EffectOfOneByteMoreIsIgnored) {
     EXPECT_EQ(cache.Find("x"), std::nullopt);
 }
 
-TEST(EffectCacheSystem, OversizeEffectLeavesWhatTheNameHad) {
+TEST(EffectCacheSystem, OversizeEffectLeavesTheEarlierOne) {
     const TemporaryDirectory directory;
     CacheClient cache(directory);
     cache.Add("x", {1});
@@ -483,8 +483,8 @@ TEST(EffectCacheSystem, SearchMakesTheArrayAsLongAsTheEffect) {
     EXPECT_EQ(data.Count(), 2);
 }
 
-// The file mutex belongs to another thread all the while: whoever wanted it would wait for ever.
-TEST(EffectCacheSystem, WhatNeedsNoFileDoesNotWaitForTheFileMutex) {
+// Another thread holds the file mutex throughout, so a call that needs it would never return.
+TEST(EffectCacheSystem, CallsThatNeedNoFileDoNotWaitForTheFileMutex) {
     const TemporaryDirectory directory;
     CacheClient cache(directory);
     MutexObject mutex((SharedObjectName(directory) + "_mutex").c_str());
@@ -543,7 +543,7 @@ TEST(EffectCacheSystem, SwitchSurvivesAReload) {
     EXPECT_FALSE(cache->IsEnabled());
 }
 
-// ---- The end ------------------------------------------------------------------------------------
+// ---- Releasing the cache ------------------------------------------------------------------------
 
 TEST(EffectCacheSystem, ReleasingTheCacheSaves) {
     const TemporaryDirectory directory;
@@ -583,7 +583,7 @@ TEST(EffectCacheSystem, SaveOfAnInertCacheSucceeds) {
 
 // ---- The listing --------------------------------------------------------------------------------
 
-// A text as the platform writes it to a text file.
+// The bytes of a text file with that text on this platform.
 Bytes AsTextFile(const TemporaryDirectory& directory, const std::string& text) {
     const std::string path = directory.File("expected.txt");
     std::ofstream(path) << text;

@@ -33,7 +33,7 @@ StoredEffect Effect(const std::string& name, const Time& time, bool permanent = 
     return {name, EffectBytes(name, kSize), permanent ? 1u : 0u, time};
 }
 
-// What the cache counts for an effect of that name and kSize bytes that waits for a save.
+// The bytes that the cache counts for a pending effect of that name and kSize bytes.
 std::uint64_t PendingBytes(const std::string& name) {
     return 44 + (name.size() + 8) + (kSize + 8);
 }
@@ -42,14 +42,14 @@ class EffectCacheTrim : public ::testing::Test {
 public:
     void Write(const std::vector<StoredEffect>& effects) { WriteCache(path, effects); }
 
-    // The names that are left after the cache was opened with that much free space.
+    // The names left after the cache is opened with `freeSpace` free bytes.
     Names LeftAfterOpening(std::uint64_t freeSpace) {
         FreeSpaceStub space(freeSpace);
         CacheClient(directory).Close();
         return StoredCache(directory).Names();
     }
 
-    // The size of all streams together.
+    // The total size of all streams.
     std::uint64_t Total() const { return StoredCache(directory).TotalDataSize(); }
 
     TemporaryDirectory directory;
@@ -58,7 +58,7 @@ public:
 
 // ---- While the index is loaded ------------------------------------------------------------------
 
-TEST_F(EffectCacheTrim, ThatCantBeWrittenLeavesAllEffectsToBeFound) {
+TEST_F(EffectCacheTrim, ThatCannotBeWrittenLeavesAllEffectsFindable) {
     Write({Effect("old", Year(2001)), Effect("new", Year(2002)), Effect("kept", Year(2000), true)});
     const Bytes before = ReadWholeFile(path);
     CacheClient earlier(directory);
@@ -78,7 +78,7 @@ TEST_F(EffectCacheTrim, ThatCantBeWrittenLeavesAllEffectsToBeFound) {
     EXPECT_EQ(LeftAfterOpening(total), (Names{"new", "kept"}));
 }
 
-TEST_F(EffectCacheTrim, BudgetIsAskedForTheDirectoryWithItsSeparator) {
+TEST_F(EffectCacheTrim, FreeSpaceIsQueriedForTheDirectoryWithItsSeparator) {
     FreeSpaceStub space(kPlenty);
     const std::string separated = directory.Path().string() + Platform::kPathSeparator;
     CacheClient creator(directory);
@@ -114,12 +114,12 @@ TEST_F(EffectCacheTrim, NoSpaceEvictsAllButThePermanentOnes) {
     EXPECT_EQ(LeftAfterOpening(0), (Names{"b", "d"}));
 }
 
-TEST_F(EffectCacheTrim, PermanentEffectsSurviveAlthoughTheyAreTheOldest) {
+TEST_F(EffectCacheTrim, PermanentEffectsSurviveEvenIfOldest) {
     Write({Effect("a", Year(2003)), Effect("b", Year(2001), true), Effect("c", Year(2002))});
     EXPECT_EQ(LeftAfterOpening(Total()), (Names{"a", "b"}));
 }
 
-TEST_F(EffectCacheTrim, AnyPermanentFlagButZeroKeepsAnEffect) {
+TEST_F(EffectCacheTrim, AnyNonZeroPermanentFlagKeepsAnEffect) {
     std::vector<StoredEffect> effects = {Effect("a", Year(2003)), Effect("b", Year(2001)),
                                          Effect("c", Year(2002))};
     effects[1].permanent = 2;
@@ -145,7 +145,7 @@ TEST_F(EffectCacheTrim, NothingToEvictLeavesTheFileAlone) {
     EXPECT_EQ(ReadWholeFile(path), before);
 }
 
-TEST_F(EffectCacheTrim, WhatIsLeftKeepsItsBytesAndItsRecord) {
+TEST_F(EffectCacheTrim, RemainingEffectsKeepTheirBytesAndRecords) {
     Write({Effect("a", Year(2003)), Effect("b", Year(2001)), Effect("c", Year(2002))});
     const Bytes record = StoredCache(directory).RecordOf("c");
     LeftAfterOpening(Total());
@@ -157,7 +157,7 @@ TEST_F(EffectCacheTrim, WhatIsLeftKeepsItsBytesAndItsRecord) {
     EXPECT_EQ(cache.Find("c"), EffectBytes("c", kSize));
 }
 
-TEST_F(EffectCacheTrim, EvictedEffectsGiveTheirStreamsBack) {
+TEST_F(EffectCacheTrim, EvictionFreesTheStreams) {
     Write({Effect("a", Year(2003)), Effect("b", Year(2001)), Effect("c", Year(2002))});
     const std::uint64_t total = Total();
     LeftAfterOpening(total);
@@ -173,7 +173,7 @@ TEST_F(EffectCacheTrim, WhileLoadingIsAnnouncedToOthers) {
     EXPECT_TRUE(stamp.IsChanged());
 }
 
-TEST_F(EffectCacheTrim, EveryFieldOfTheTimeDecides) {
+TEST_F(EffectCacheTrim, EveryFieldOfTheTimeCounts) {
     const std::vector<Time> ascending = {
         {2020, 12, 31, 23, 59, 59, 999}, {2021, 1, 31, 23, 59, 59, 999},
         {2021, 2, 1, 23, 59, 59, 999},   {2021, 2, 2, 1, 59, 59, 999},
@@ -187,7 +187,7 @@ TEST_F(EffectCacheTrim, EveryFieldOfTheTimeDecides) {
     }
 }
 
-TEST_F(EffectCacheTrim, ManyEffectsGoOldestFirst) {
+TEST_F(EffectCacheTrim, ManyEffectsAreEvictedOldestFirst) {
     std::vector<StoredEffect> effects;
     for (std::uint16_t index = 0; index < 50; ++index) {
         const auto shuffled = static_cast<std::uint16_t>(index * 37 % 50);
@@ -203,7 +203,7 @@ TEST_F(EffectCacheTrim, ManyEffectsGoOldestFirst) {
 
 // ---- Before pending effects are moved into the file ---------------------------------------------
 
-// Saves "new" in a cache of the effects; the space is free only after the file was opened.
+// Saves "new" in a cache of the given effects. The free space is limited once the file is open.
 class EffectCacheTrimOnSave : public EffectCacheTrim {
 public:
     void SaveNew(const std::vector<StoredEffect>& effects, std::uint64_t freeSpace) {
@@ -256,7 +256,7 @@ TEST_F(EffectCacheTrimOnSave, PermanentEffectsSurviveWhileOthersMakeRoom) {
     EXPECT_EQ(after->Names(), (Names{"b", "new"}));
 }
 
-TEST_F(EffectCacheTrimOnSave, BudgetOfThePendingBytesEvictsAllInVain) {
+TEST_F(EffectCacheTrimOnSave, BudgetEqualToThePendingBytesEvictsAllInVain) {
     SaveNew({Effect("a", Year(2003)), Effect("b", Year(2001), true), Effect("c", Year(2002))},
             pending);
     EXPECT_EQ(after->Names(), (Names{"b"}));
@@ -272,7 +272,7 @@ TEST_F(EffectCacheTrimOnSave, BudgetBelowThePendingBytesDropsThemAndEvictsNothin
     }
 }
 
-TEST_F(EffectCacheTrimOnSave, NoRoomAtAllInANewCacheKeepsAnEmptyIndex) {
+TEST_F(EffectCacheTrimOnSave, NewCacheWithoutRoomKeepsAnEmptyIndex) {
     FreeSpaceStub space(kPlenty);
     CacheClient cache(directory);
     cache.Add("new", {1});
@@ -320,7 +320,7 @@ TEST_F(EffectCacheTrimOnSave, WithoutRoomRefreshedTimesAreStillWritten) {
     EXPECT_EQ(stored.RecordOf("a"), (Record{1, 1, kSize, 0, Year(2003), 0}.Get()));
 }
 
-TEST_F(EffectCacheTrimOnSave, WithoutRoomOthersAreToldAllTheSame) {
+TEST_F(EffectCacheTrimOnSave, WithoutRoomAChangeIsStillAnnounced) {
     FreeSpaceStub space(kPlenty);
     CacheClient cache(directory);
     cache.Add("new", {1});
@@ -362,8 +362,7 @@ TEST_F(EffectCacheTrimOnSave, NameCachedTwiceNeedsRoomForBoth) {
     EXPECT_EQ(cache.Find("new"), EffectBytes("two", kSize));
 }
 
-// Effects that were used stay, those that were not go.
-TEST_F(EffectCacheTrimOnSave, FoundEffectIsTheLastToGo) {
+TEST_F(EffectCacheTrimOnSave, FoundEffectIsEvictedLast) {
     Write(threeEffects);
     FreeSpaceStub space(kPlenty);
     CacheClient cache(directory);
@@ -376,8 +375,8 @@ TEST_F(EffectCacheTrimOnSave, FoundEffectIsTheLastToGo) {
 
 // ---- The cap of the budget ----------------------------------------------------------------------
 
-// Beside the effects, the file holds a stream that takes as many bytes of the total as a test
-// wants, and nearly none of the disk: its size in the stream directory is made up.
+// Besides an effect, the file holds a stream that adds as many bytes to the total as a test needs
+// but takes almost no disk space: its size in the stream directory is patched.
 class EffectCacheBudgetCap : public EffectCacheTrim {
 public:
     void WriteWithTotal(std::uint64_t total) {
@@ -421,7 +420,7 @@ TEST_F(EffectCacheBudgetCap, OneByteLessIsKept) {
     EXPECT_EQ(EffectsLeft(), 1u);
 }
 
-TEST_F(EffectCacheBudgetCap, LessFreeSpaceThanTheCapIsTheBudget) {
+TEST_F(EffectCacheBudgetCap, FreeSpaceBelowTheCapIsTheBudget) {
     FreeSpaceStub space(kCap - 1);
     WriteWithTotal(kCap - 1);
     EXPECT_EQ(EffectsLeft(), 0u);

@@ -47,16 +47,16 @@ TEST(EffectKey, EqualBytesAreTheSameKey) {
     EXPECT_TRUE(Key("") == Key(""));
 }
 
-TEST(EffectKey, OtherBytesOrAnotherLengthAreAnotherKey) {
+TEST(EffectKey, OtherBytesOrLengthMakeAnotherKey) {
     const std::string name = "same";
     EXPECT_FALSE(Key(name) == Key("some"));
     EXPECT_FALSE(Key(name) == Key("sam"));
     EXPECT_NE(Key(name).Hash(), Key("some").Hash());
 }
 
-// Names that differ in one byte, at any place and of any length, share no hash more often than
-// chance has it, nor the low bits, which choose the slot.
-TEST(EffectKey, HashesOfLikeNamesDiffer) {
+// Names that differ in one byte, at any position and length, have different hashes. The low bits,
+// which choose the slot, collide no more often than chance.
+TEST(EffectKey, SimilarNamesHaveDifferentHashes) {
     for (const std::size_t length : {1u, 7u, 8u, 15u, 16u, 17u, 31u, 32u, 33u, 89u}) {
         std::set<std::uint32_t> hashes;
         std::set<std::uint32_t> slots;
@@ -84,7 +84,7 @@ TEST(EffectKey, HashDependsOnTheNumberOfZeroBytes) {
     EXPECT_EQ(hashes.count(0), 0u);
 }
 
-TEST(EffectKey, ZeroBytesCount) {
+TEST(EffectKey, BytesAfterAZeroByteCount) {
     const std::string left("a\0b", 3);
     const std::string right("a\0c", 3);
     EXPECT_TRUE(IsBefore(left, right));

@@ -60,7 +60,7 @@ TEST(EffectRecord, LimitsAreInclusive) {
     EXPECT_EQ(kMostEffects, 8388608u);
 }
 
-TEST(EffectRecord, SizeOfItsEntryCountsTheLengthPrefix) {
+TEST(EffectRecord, IndexEntrySizeIncludesTheLengthPrefix) {
     EXPECT_EQ(IndexEntrySize(1), 53u);
     EXPECT_EQ(IndexEntrySize(65536), 65588u);
 }
@@ -70,8 +70,8 @@ TEST(EntryTime, NowIsTheLocalTime) {
     EXPECT_EQ(BytesOf(CurrentEntryTime()), BytesOf(EntryTime{2031, 12, 24, 18, 5, 6, 789}));
 }
 
-// Each field decides between two times whose later fields say the opposite.
-TEST(EntryTime, IsOrderedByFieldsFromTheYearDown) {
+// Two neighbouring times are ordered by one field although the next field says the opposite.
+TEST(EntryTime, IsOrderedByItsFieldsFromTheYearDown) {
     const std::array<EntryTime, 8> ascending = {{{2020, 12, 31, 23, 59, 59, 999},
                                                  {2021, 1, 31, 23, 59, 59, 999},
                                                  {2021, 2, 1, 23, 59, 59, 999},

@@ -74,7 +74,7 @@ TEST(EffectTable, FindsEntriesByName) {
     EXPECT_EQ(table.Size(), 2u);
 }
 
-// Two names of one hash.
+// Two names with the same hash.
 std::pair<std::string, std::string> NamesOfOneHash() {
     std::map<std::uint32_t, std::string> names;
     for (int number = 0;; ++number) {
@@ -86,7 +86,7 @@ std::pair<std::string, std::string> NamesOfOneHash() {
     }
 }
 
-TEST(EffectTable, TellsNamesOfOneHashApart) {
+TEST(EffectTable, DistinguishesNamesWithTheSameHash) {
     const auto [first, second] = NamesOfOneHash();
     Table table;
     Put(table, first, 1);
@@ -100,7 +100,7 @@ TEST(EffectTable, TellsNamesOfOneHashApart) {
     EXPECT_EQ(StreamIdOf(Find(table, second)), 2u);
 }
 
-TEST(EffectTable, SettledItListsThemInTheOrderOfKeys) {
+TEST(EffectTable, ListsEntriesInKeyOrderOnceSettled) {
     Table table;
     for (const char* const name : {"bb", "a", "ccc", "b", "ab"}) {
         Put(table, name, 0);
@@ -115,7 +115,7 @@ TEST(EffectTable, SettledItListsThemInTheOrderOfKeys) {
               (std::vector<std::string>{"a", "b", "c", "aa", "ab", "bb", "ccc", "dddd"}));
 }
 
-TEST(EffectTable, EntryTakesThePlaceOfTheOneThatHadItsName) {
+TEST(EffectTable, PutReplacesTheEntryWithThatName) {
     Table table;
     Put(table, "a", 1);
     Put(table, "b", 2);
@@ -145,7 +145,7 @@ TEST(EffectTable, RemovedEntryIsGone) {
     EXPECT_EQ(StreamIdOf(Find(table, "a")), 5u);
 }
 
-TEST(EffectTable, EntryStaysWhereItIs) {
+TEST(EffectTable, EntriesKeepTheirAddresses) {
     Table table;
     Put(table, "stays", 1);
     const IndexEntry* const entry = Find(table, "stays");
@@ -167,7 +167,7 @@ TEST(EffectTable, AppendedEntryIsFoundOnceSettled) {
     EXPECT_EQ(Names(table), (std::vector<std::string>{"a", "b"}));
 }
 
-TEST(EffectTable, EntriesThatWereAppendedInAnyOrderAreListedInTheOrderOfKeys) {
+TEST(EffectTable, EntriesAppendedInAnyOrderAreListedInKeyOrder) {
     std::minstd_rand random(5);
     Table table;
     std::set<std::pair<std::size_t, std::string>> expected;
@@ -187,7 +187,7 @@ TEST(EffectTable, EntriesThatWereAppendedInAnyOrderAreListedInTheOrderOfKeys) {
     }
 }
 
-TEST(EffectTable, AppendedOrNotAtAll) {
+TEST(EffectTable, AppendWithoutMemoryChangesNothing) {
     Table table;
     std::uint64_t appended = 0;
     for (std::uint64_t id = 0; id < 2000; ++id) {
@@ -209,7 +209,7 @@ TEST(EffectTable, AppendedOrNotAtAll) {
     }
 }
 
-TEST(EffectTable, OfSeveralAppendedEntriesWithOneNameTheLastStays) {
+TEST(EffectTable, LastOfSeveralAppendedEntriesWithOneNameStays) {
     Table table;
     for (std::uint64_t id = 0; id < 40; ++id) {
         Append(table, id % 2 == 0 ? "even" : "odd", id);
@@ -222,7 +222,7 @@ TEST(EffectTable, OfSeveralAppendedEntriesWithOneNameTheLastStays) {
     EXPECT_EQ(table.Entries()[1], Find(table, "even"));
 }
 
-TEST(EffectTable, PutComesBehindWhatWasAppendedBefore) {
+TEST(EffectTable, PutReplacesAnEntryAppendedBefore) {
     Table table;
     Append(table, "a", 1);
     Put(table, "a", 2);
@@ -251,8 +251,7 @@ TEST(EffectTable, CountsTheBytesOfItsEntries) {
     EXPECT_EQ(table.HeldBytes(), 0u);
 }
 
-// A cache that saves for years must not grow by what it replaces.
-TEST(EffectTable, PutAfterMakeRoomTakesNoMemory) {
+TEST(EffectTable, PutAfterMakeRoomAllocatesNothing) {
     Table table;
     for (std::uint64_t id = 0; id < 1000; ++id) {
         const std::string name = std::to_string(id % 300);
@@ -265,7 +264,8 @@ TEST(EffectTable, PutAfterMakeRoomTakesNoMemory) {
     EXPECT_EQ(table.Size(), 300u);
 }
 
-TEST(EffectTable, GivesTheMemoryOfRemovedEntriesBack) {
+// A cache that runs for years must not grow by the entries that it replaces.
+TEST(EffectTable, PackReturnsTheMemoryOfReplacedEntries) {
     Table table;
     for (std::uint64_t round = 0; round < 50; ++round) {
         for (int name = 0; name < 500; ++name) {
@@ -282,7 +282,7 @@ TEST(EffectTable, GivesTheMemoryOfRemovedEntriesBack) {
     EXPECT_EQ(table.Entries().size(), 500u);
 }
 
-TEST(EffectTable, KeepsItsEntriesWhenRoomIsMade) {
+TEST(EffectTable, ReserveKeepsTheEntries) {
     Table table;
     Put(table, "a", 1);
     table.Reserve(100);
@@ -308,7 +308,7 @@ TEST(EffectTable, IsEmptyOnceCleared) {
     EXPECT_EQ(Names(table), (std::vector<std::string>{"b"}));
 }
 
-TEST(EffectTable, RecycledItIsEmptyAndCanBeFilledAgain) {
+TEST(EffectTable, IsEmptyAfterRecycleAndCanBeFilledAgain) {
     Table table;
     for (int round = 0; round < 3; ++round) {
         for (int name = 0; name < 300; ++name) {
@@ -336,7 +336,7 @@ TEST(EffectTable, RecycledItIsEmptyAndCanBeFilledAgain) {
     EXPECT_EQ(StreamIdOf(Find(table, "c")), 3u);
 }
 
-TEST(EffectTable, StaysAsItIsWithoutMemoryToPackItsEntries) {
+TEST(EffectTable, PackWithoutMemoryChangesNothing) {
     Table table;
     for (std::uint64_t id = 0; id < 3000; ++id) {
         Put(table, "name " + std::to_string(id % 10), id);
@@ -369,9 +369,9 @@ TEST(EffectTable, AgreesWithAMap) {
             expected[{name.size(), name}] = step;
         } else if (random() % 50 == 0) {
             Append(table, name, step);
-            Put(table, "behind it", step);
+            Put(table, "put after", step);
             expected[{name.size(), name}] = step;
-            expected[{9, "behind it"}] = step;
+            expected[{9, "put after"}] = step;
         } else {
             IndexEntry* const entry = Find(table, name);
             ASSERT_EQ(entry != nullptr, expected.erase({name.size(), name}) != 0) << step;
@@ -394,7 +394,7 @@ TEST(EffectTable, AgreesWithAMap) {
     }
 }
 
-TEST(IndexEntry, IsItsBytesInTheIndex) {
+TEST(IndexEntry, HasTheBytesOfItsRecordAndName) {
     EffectRecord record = {0x0102030405060708, 2, 9, 1, {2024, 2, 29, 23, 59, 58, 987}, 0};
     Table table;
     const IndexEntry* const entry = IndexEntry::Make(table, KeyOf("ab"), record);

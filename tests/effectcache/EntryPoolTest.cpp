@@ -47,7 +47,7 @@ TEST(EntryPool, PiecesOfMultiplesOfEightAreAligned) {
     }
 }
 
-TEST(EntryPool, SmallPiecesTakenOneAfterTheOtherMostlyTouch) {
+TEST(EntryPool, ConsecutiveSmallPiecesAreMostlyAdjacent) {
     EntryPool pool;
     int gaps = 0;
     const std::byte* end = pool.Allocate(100) + 100;
@@ -59,7 +59,7 @@ TEST(EntryPool, SmallPiecesTakenOneAfterTheOtherMostlyTouch) {
     EXPECT_LT(gaps, 30);
 }
 
-// A large piece does not end the block that small ones are taken from.
+// A large piece does not end the block from which small ones are taken.
 TEST(EntryPool, LargePieceHasABlockOfItsOwn) {
     EntryPool pool;
     const std::byte* const first = pool.Allocate(10);
@@ -67,7 +67,7 @@ TEST(EntryPool, LargePieceHasABlockOfItsOwn) {
     EXPECT_EQ(pool.Allocate(10), first + 10);
 }
 
-TEST(EntryPool, RecycledItTakesPiecesFromTheSameBlocks) {
+TEST(EntryPool, ReusesItsBlocksAfterRecycle) {
     EntryPool pool;
     std::vector<const std::byte*> pieces;
     for (int number = 0; number < 3000; ++number) {
@@ -103,7 +103,7 @@ TEST(EntryPool, PiecesAreTakenFromTheRoomInOrder) {
     EXPECT_EQ(pool.Size(), 300u);
 }
 
-TEST(EntryPool, RoomThatMovesOnKeepsItsFirstBytes) {
+TEST(EntryPool, RoomThatMovesKeepsItsFirstBytes) {
     EntryPool pool;
     for (std::size_t size = 100;; size += 1000) {
         std::byte* const room = FillRoom(pool, size, 0, 7);

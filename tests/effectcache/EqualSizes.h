@@ -6,25 +6,25 @@
 
 #include "effectcache/CacheClient.h"
 
-// Effects that all have one size, so that a stream taken for another one passes every check but
-// that of its bytes; and what becomes of them when a save of some of them goes wrong.
+// Effects of equal size: if the cache mistakes one stream for another, only its bytes give it away.
+// Also the states that a failed save of such effects may leave.
 namespace Quorvel::Testing {
 
 using Contents = std::map<std::string, Bytes>;
 
 constexpr std::size_t kEqualSize = 9000;  // a whole page and a tail
 
-// What the file holds before, and what it holds after a save that replaces some and adds others.
+// The file's contents before and after a save that replaces some effects and adds others.
 const Contents& OldContents();
 const Contents& NewContents();
 
-// Makes a cache of the old contents in a file.
+// Writes a cache file with the old contents.
 void WriteOldCache(const std::string& path);
 
-// Queues what makes the new contents of the old ones.
+// Queues the effects that turn the old contents into the new ones.
 void AddNew(CacheClient& cache);
 
-// What is found of all names. Fails the test when a name has bytes that it never had.
+// Searches for all names. Fails the test if a name has bytes that it never had.
 Contents FindAll(CacheClient& cache);
 
 enum class State { Empty, Old, New, Other };

@@ -5,10 +5,10 @@
 
 #include "effectcache/IndexEntry.h"
 
-// What an entry of the index says.
+// Reads the fields of an index entry.
 namespace Quorvel::Testing {
 
-// By value: the field may stand at any address.
+// Returned by value because the field may be unaligned.
 inline std::uint64_t StreamIdOf(const IndexEntry* entry) {
     return entry->record.streamId;
 }

@@ -31,7 +31,7 @@ Bytes EntriesOf(const std::vector<std::string>& names) {
     return bytes;
 }
 
-// Reads so many entries and checks that they are these, in the table as well.
+// Reads an entry per name and checks that the entries are correct and in the table.
 void ExpectRead(const std::vector<std::string>& names, MemoryStream& stream, Table& table) {
     IndexReader reader(stream, table, names.size());
     std::vector<const IndexEntry*> entries;
@@ -78,8 +78,8 @@ TEST(IndexReader, ReadsTheLongestNamesBetweenShortOnes) {
     ExpectRead(names, stream, table);
 }
 
-// What follows the last entry may lie in pages that nobody has to read.
-TEST(IndexReader, TouchesNothingBehindTheLastEntry) {
+// The bytes after the last entry may lie in pages that need not be read.
+TEST(IndexReader, ReadsNothingPastTheLastEntry) {
     for (const std::size_t count : {1U, 2U, 50U, 2000U}) {
         const std::vector<std::string> names = ManyNames(count);
         const Bytes entries = EntriesOf(names);
@@ -90,7 +90,7 @@ TEST(IndexReader, TouchesNothingBehindTheLastEntry) {
     }
 }
 
-TEST(IndexReader, ReadsIntoATableThatWasRecycled) {
+TEST(IndexReader, ReadsIntoARecycledTable) {
     Table table;
     for (std::size_t round = 0; round < 3; ++round) {
         const std::vector<std::string> names = ManyNames(1000 + 400 * round);
@@ -114,7 +114,7 @@ TEST(IndexReader, RefusesAnEntryThatEndsEarly) {
     }
 }
 
-TEST(IndexReader, RefusesWhatIsOutOfRange) {
+TEST(IndexReader, RefusesValuesOutOfRange) {
     const auto isRead = [](const Bytes& bytes) {
         MemoryStream stream(bytes);
         Table table;
@@ -132,7 +132,7 @@ TEST(IndexReader, RefusesWhatIsOutOfRange) {
     EXPECT_FALSE(isRead(ByteList().Append(record).Append(ByteArray(""))));
 }
 
-TEST(IndexReader, WithoutMemoryItThrowsAndLosesNothing) {
+TEST(IndexReader, ThrowsWithoutMemoryAndLosesNothing) {
     const std::vector<std::string> names = ManyNames(3000);
     const Bytes bytes = EntriesOf(names);
     for (std::uint64_t skipped = 0;; ++skipped) {

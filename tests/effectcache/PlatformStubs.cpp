@@ -63,8 +63,8 @@ NamedMutexFault::~NamedMutexFault() {
 using namespace Quorvel;
 using namespace Quorvel::Testing;
 
-// The linker sends the library's calls to the functions that begin with WRAP, and those that begin
-// with REAL to the platform.
+// The linker redirects the library's calls to the functions whose names begin with WRAP, and calls
+// of those that begin with REAL to the platform.
 extern "C" {
 
 bool REAL_FREE_DISK_SPACE(const char* directory, std::uint64_t& bytes) noexcept;

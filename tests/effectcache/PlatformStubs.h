@@ -7,11 +7,11 @@
 
 #include "platform/Clock.h"
 
-// Stand-ins for services of the platform, as the library's own calls see them. Each works while it
-// lives, and only one of a kind may live at a time; without one the real service answers.
+// Replacements for platform services that the library calls. A stub is active while it lives; only
+// one of each kind may live at a time. Without a stub the real service answers.
 namespace Quorvel::Testing {
 
-// Says how much of the volume is free.
+// Sets the free bytes of the volume.
 class FreeSpaceStub {
 public:
     explicit FreeSpaceStub(std::uint64_t bytes);
@@ -21,13 +21,13 @@ public:
 
     void Set(std::uint64_t bytes) { bytes_ = bytes; }
 
-    // From now on the system does not say.
+    // Makes all later queries fail.
     void Fail() { fails_ = true; }
 
-    // Called at every query, before it is answered.
+    // The hook is called at every query, before the answer.
     void OnQuery(std::function<void()> hook) { hook_ = std::move(hook); }
 
-    // The directories that were asked for, unless they are no longer to be kept.
+    // The queried directories, recorded until ForgetQueries is called.
     const std::vector<std::string>& Queries() const { return queries_; }
     void ForgetQueries() { keepsQueries_ = false; }
 
@@ -56,7 +56,7 @@ private:
     Platform::LocalTime time_;
 };
 
-// Has the system refuse one attempt to open or make a named mutex, after so many others.
+// Makes one attempt to open or create a named mutex fail, after `skipped` that succeed.
 class NamedMutexFault {
 public:
     explicit NamedMutexFault(int skipped);

@@ -108,7 +108,7 @@ void WriteCache(const std::string& path, const std::vector<StoredEffect>& effect
 StoredCache::StoredCache(const std::string& path) {
     const Util::RefPtr<IDataStreamSet> package = OpenFilePackage(CacheConfig(path));
     if (!package) {
-        ADD_FAILURE() << path << " holds no package";
+        ADD_FAILURE() << path << " is not a package";
         return;
     }
     const IDataStreamSet& constant = *package;

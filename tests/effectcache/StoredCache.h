@@ -8,10 +8,10 @@
 #include "platform/Clock.h"
 #include "quorvel/FilePackage.h"
 
-// The cache's file as any client of packages sees it: header data and streams, byte for byte.
+// The cache's file as a package: header data and streams, byte for byte.
 namespace Quorvel::Testing {
 
-// Puts little-endian numbers and texts behind each other.
+// A sequence of little-endian numbers, texts and bytes.
 class ByteList {
 public:
     ByteList& U16(std::uint16_t value) { return Number(value, 2); }
@@ -38,7 +38,7 @@ Bytes Block(std::uint32_t tag, const Bytes& payload);
 // The cache's header, of 28 bytes.
 Bytes Header(std::uint64_t recordCount, std::uint64_t indexStream, std::uint32_t version = 7);
 
-// A byte array: its length in 8 bytes in front of it.
+// A byte array as it is stored: its length in 8 bytes, then its bytes.
 Bytes ByteArray(const Bytes& bytes);
 Bytes ByteArray(const std::string& text);
 
@@ -54,7 +54,7 @@ struct Record {
     Bytes Get() const;
 };
 
-// An effect as it stands in a file.
+// An effect as it is stored in a file.
 struct StoredEffect {
     std::string name;
     Bytes bytes;
@@ -66,13 +66,13 @@ struct StoredEffect {
 void WritePackage(const std::string& path, const Bytes& headerData,
                   const std::vector<Bytes>& streams);
 
-// Makes a cache of effects in a file: stream 0 is the index, stream n the n-th effect from 1.
+// Writes a cache file: stream 0 is the index, stream n the n-th effect.
 void WriteCache(const std::string& path, const std::vector<StoredEffect>& effects);
 
-// What a file holds. Nothing is kept open.
+// The contents of a file, which is closed again.
 class StoredCache {
 public:
-    // Fails the test when the file holds no package.
+    // Fails the test if the file is not a package.
     explicit StoredCache(const std::string& path);
     explicit StoredCache(const TemporaryDirectory& directory);
 
@@ -80,7 +80,7 @@ public:
     const std::vector<std::uint64_t>& StreamIds() const { return streamIds_; }
     std::uint64_t TotalDataSize() const { return totalDataSize_; }
 
-    // The bytes of a stream; empty when there is none of that id.
+    // The bytes of a stream; empty if no stream has that id.
     Bytes Stream(std::uint64_t id) const;
 
     // The fields of the cache's header, which must be the only block.
@@ -91,7 +91,7 @@ public:
     // The names in the index, in its order.
     std::vector<std::string> Names() const;
 
-    // The record of a name, its 44 bytes; empty when the index does not have it.
+    // The 44 bytes of a name's record; empty if the index does not have it.
     Bytes RecordOf(const std::string& name) const;
 
 private:

@@ -19,8 +19,8 @@ using Testing::ByteArray;
 using Testing::ByteList;
 using Testing::Bytes;
 
-// A stream in memory. It moves no more than `room` bytes in all, or throws instead of moving any
-// once `throwAfter` calls have been made.
+// A stream in memory. It transfers at most `room` bytes in total. The call after the first
+// `throwAfter` calls throws.
 class MemoryStream : public IDataStream {
 public:
     explicit MemoryStream(Bytes content = {}) : bytes(std::move(content)) {}
@@ -66,8 +66,7 @@ private:
     }
 };
 
-// A stream and the caller's two references to it: the one that is handed to a helper, and one that
-// keeps it for the test.
+// A stream with two references: one to pass to a helper, and one that keeps it for the test.
 struct Subject {
     explicit Subject(Bytes bytes = {})
         : memory(new MemoryStream(std::move(bytes))), stream(memory) {}
@@ -107,21 +106,21 @@ TEST(WriteExact, RefusesNoBytesAndKeepsTheStream) {
     EXPECT_TRUE(subject.stream);
 }
 
-TEST(WriteExact, ShortWriteFailsAndCostsTheStream) {
+TEST(WriteExact, ShortWriteFailsAndReleasesTheStream) {
     Subject subject;
     subject.memory->room = 2;
     EXPECT_FALSE(WriteExact(subject.stream, "abc", 3));
     EXPECT_FALSE(subject.stream);
 }
 
-TEST(WriteExact, WriteThatThrowsFailsAndCostsTheStream) {
+TEST(WriteExact, WriteThatThrowsFailsAndReleasesTheStream) {
     Subject subject;
     subject.memory->throwAfter = 0;
     EXPECT_FALSE(WriteExact(subject.stream, "abc", 3));
     EXPECT_FALSE(subject.stream);
 }
 
-TEST(WriteExact, WriteThatThrowsSomethingElseFailsAndCostsTheStream) {
+TEST(WriteExact, WriteThatThrowsSomethingElseFailsAndReleasesTheStream) {
     Subject subject;
     subject.memory->throwAfter = 0;
     subject.memory->throwsNonStandard = true;
@@ -161,14 +160,14 @@ TEST(ReadExact, RefusesNoBytesAndKeepsTheStream) {
     EXPECT_TRUE(subject.stream);
 }
 
-TEST(ReadExact, ShortReadFailsAndCostsTheStream) {
+TEST(ReadExact, ShortReadFailsAndReleasesTheStream) {
     Subject subject({1, 2});
     Bytes bytes(3);
     EXPECT_FALSE(ReadExact(subject.stream, bytes.data(), 3));
     EXPECT_FALSE(subject.stream);
 }
 
-TEST(ReadExact, ReadThatThrowsFailsAndCostsTheStream) {
+TEST(ReadExact, ReadThatThrowsFailsAndReleasesTheStream) {
     Subject subject({1, 2, 3});
     subject.memory->throwAfter = 0;
     Bytes bytes(3);
@@ -199,7 +198,7 @@ TEST(WriteBytes, RefusesANullStream) {
     EXPECT_FALSE(WriteBytes({}, stream));
 }
 
-TEST(WriteBytes, ShortLengthFailsAndCostsTheStream) {
+TEST(WriteBytes, ShortLengthFailsAndReleasesTheStream) {
     Subject subject;
     subject.memory->room = 7;
     EXPECT_FALSE(WriteBytes(Bytes{1, 2}, subject.stream));
@@ -207,7 +206,7 @@ TEST(WriteBytes, ShortLengthFailsAndCostsTheStream) {
     EXPECT_EQ(subject.memory->calls, 1);
 }
 
-TEST(WriteBytes, ShortBytesFailAndCostTheStream) {
+TEST(WriteBytes, ShortBytesFailAndReleaseTheStream) {
     Subject subject;
     subject.memory->room = 9;
     EXPECT_FALSE(WriteBytes(Bytes{1, 2}, subject.stream));
@@ -224,7 +223,7 @@ public:
     Tab<unsigned char> buffer;
 };
 
-TEST_F(ReadBytesTest, ReadsWhatItsLengthSays) {
+TEST_F(ReadBytesTest, ReadsAsManyBytesAsTheLengthSays) {
     Subject subject(ByteList().Append(ByteArray("abc")).Text("more"));
     EXPECT_TRUE(ReadBytes(buffer, subject.stream, 100));
     EXPECT_EQ(Got(), (Bytes{'a', 'b', 'c'}));
@@ -242,7 +241,7 @@ TEST_F(ReadBytesTest, MakesTheBufferEmptyForNoBytes) {
     EXPECT_TRUE(empty.stream);
 }
 
-TEST_F(ReadBytesTest, TakesAsManyBytesAsTheLimit) {
+TEST_F(ReadBytesTest, ReadsAsManyBytesAsTheLimit) {
     Subject subject(ByteArray("abcd"));
     EXPECT_TRUE(ReadBytes(buffer, subject.stream, 4));
     EXPECT_EQ(Got(), (Bytes{'a', 'b', 'c', 'd'}));
@@ -255,7 +254,7 @@ TEST_F(ReadBytesTest, RefusesOneByteMoreThanTheLimitAndKeepsTheStream) {
     EXPECT_EQ(subject.memory->calls, 1);
 }
 
-TEST_F(ReadBytesTest, RefusesTwoGigabytesWhateverTheLimit) {
+TEST_F(ReadBytesTest, RefusesTwoGigabytesWithAnyLimit) {
     Subject subject(ByteList().U64(0x80000000));
     EXPECT_FALSE(ReadBytes(buffer, subject.stream, kNoLimit));
     EXPECT_TRUE(subject.stream);
@@ -271,26 +270,26 @@ TEST_F(ReadBytesTest, RefusesANullStream) {
     EXPECT_FALSE(ReadBytes(buffer, stream, 100));
 }
 
-TEST_F(ReadBytesTest, ShortLengthFailsAndCostsTheStream) {
+TEST_F(ReadBytesTest, ShortLengthFailsAndReleasesTheStream) {
     Subject subject({1, 0, 0, 0, 0, 0, 0});
     EXPECT_FALSE(ReadBytes(buffer, subject.stream, 100));
     EXPECT_FALSE(subject.stream);
 }
 
-TEST_F(ReadBytesTest, ShortBytesFailAndCostTheStream) {
+TEST_F(ReadBytesTest, ShortBytesFailAndReleaseTheStream) {
     Subject subject(ByteList().U64(3).Text("ab"));
     EXPECT_FALSE(ReadBytes(buffer, subject.stream, 100));
     EXPECT_FALSE(subject.stream);
 }
 
-TEST_F(ReadBytesTest, ReadThatThrowsFailsAndCostsTheStream) {
+TEST_F(ReadBytesTest, ReadThatThrowsFailsAndReleasesTheStream) {
     Subject subject(ByteArray("abc"));
     subject.memory->throwAfter = 1;
     EXPECT_FALSE(ReadBytes(buffer, subject.stream, 100));
     EXPECT_FALSE(subject.stream);
 }
 
-// Claims to have filled any buffer, so that the largest one costs no time.
+// Claims to have filled every buffer, so that the largest one takes no time.
 class EndlessStream : public MemoryStream {
 public:
     explicit EndlessStream(Bytes length) : MemoryStream(std::move(length)) {}
@@ -300,14 +299,14 @@ public:
     }
 };
 
-TEST_F(ReadBytesTest, TakesOneByteLessThanTwoGigabytes) {
+TEST_F(ReadBytesTest, ReadsOneByteLessThanTwoGigabytes) {
     Util::RefPtr<IDataStream> stream(new EndlessStream(ByteList().U64(0x7FFFFFFF)));
     EXPECT_TRUE(ReadBytes(buffer, stream, kNoLimit));
     EXPECT_EQ(buffer.Count(), 0x7FFFFFFF);
     EXPECT_TRUE(stream);
 }
 
-TEST_F(ReadBytesTest, LackOfMemoryFailsAndCostsTheStream) {
+TEST_F(ReadBytesTest, LackOfMemoryFailsAndReleasesTheStream) {
     Subject subject(ByteArray("abc"));
     bool read = true;
     {

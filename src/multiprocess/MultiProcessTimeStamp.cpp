@@ -22,8 +22,8 @@ TimeStampRecord NewRecord() {
 }
 
 // Holds the lock of a shared block. A holder that was killed leaves the lock abandoned: the first
-// wait then takes it but yields no block. The second one, by which the thread holds it twice, does.
-// The block itself needs no mending, since a half-written stamp is as good a token as a whole one.
+// call of Lock then acquires it but returns null. A second call acquires it again and returns the
+// block. The block needs no repair, since a half-written stamp is as good a token as a whole one.
 class LockedBlock {
 public:
     explicit LockedBlock(MultiProcessMemory& memory)

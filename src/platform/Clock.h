@@ -4,10 +4,10 @@
 
 namespace Quorvel::Platform {
 
-// A counter of high resolution that never goes back; its unit is the system's own.
+// A high-resolution counter that never goes backwards. Its unit depends on the system.
 std::int64_t PerformanceCounter() noexcept;
 
-// Local time of day and date.
+// Local date and time of day.
 struct LocalTime {
     std::uint16_t year;
     std::uint16_t month;  // 1 to 12

@@ -4,7 +4,7 @@
 
 namespace Quorvel::Platform {
 
-// A recursive lock between the threads of one process.
+// A recursive lock for the threads of one process.
 class CriticalSection {
 public:
     CriticalSection();
@@ -16,11 +16,11 @@ public:
     void Leave() noexcept;
 
 private:
-    // Holds the system's own object.
+    // Storage for the system's object.
     alignas(std::max_align_t) std::byte storage_[48];
 };
 
-// Stays inside a critical section for the length of a scope.
+// Holds a critical section for the length of a scope.
 class CriticalSectionGuard {
 public:
     explicit CriticalSectionGuard(CriticalSection& section) noexcept : section_(section) {

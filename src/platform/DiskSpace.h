@@ -4,8 +4,8 @@
 
 namespace Quorvel::Platform {
 
-// Sets bytes to what the caller may still write on the volume that holds a directory. False, with
-// bytes untouched, when the system does not say.
+// Sets bytes to the free space that the caller may use on the volume of a directory. Returns false,
+// with bytes unchanged, when the system call fails.
 bool GetFreeDiskSpace(const char* directory, std::uint64_t& bytes) noexcept;
 
 }  // namespace Quorvel::Platform

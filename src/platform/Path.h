@@ -2,7 +2,7 @@
 
 namespace Quorvel::Platform {
 
-// What stands between the folders of a path.
+// Separates the folders of a path.
 extern const char kPathSeparator;
 
 }  // namespace Quorvel::Platform

@@ -11,14 +11,14 @@ std::int64_t PerformanceCounter() noexcept {
 }
 
 LocalTime CurrentLocalTime() noexcept {
-    // The parts of a second's local time are kept while it lasts: to make them takes longer than
+    // The local time is converted once per second, because the conversion takes longer than
     // everything else here.
     static thread_local std::time_t second = -1;
     static thread_local std::tm local{};
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
     if (now.tv_sec != second) {
-        ::tzset();  // the time zone may have changed; localtime_r doesn't look
+        ::tzset();  // localtime_r does not notice a change of the time zone
         ::localtime_r(&now.tv_sec, &local);
         second = now.tv_sec;
     }

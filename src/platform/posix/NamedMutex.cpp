@@ -49,11 +49,11 @@ void UnmapNativeMutex(pthread_mutex_t* mutex) {
     ::munmap(mutex, sizeof(pthread_mutex_t));
 }
 
-// A mutex that this process has open, at one address however often it is open: the list of owned
-// robust mutexes that the C library keeps for each thread holds addresses.
+// A mutex that this process has open. However often it is opened, it is mapped at one address: for
+// each thread the C library keeps a list of the addresses of the robust mutexes that it owns.
 //
-// Who owns it, and how deep, is written by its owner alone. An owner that ended without releasing
-// the mutex leaves both behind; the next one of this process overwrites them.
+// Only the owner writes owner_ and depth_. An owner that ends without releasing the mutex leaves
+// both unchanged, and the next owner in this process overwrites them.
 class NamedMutex {
 public:
     NamedMutex() = default;
@@ -65,12 +65,12 @@ public:
         }
     }
 
-    // False, with errno set, when the system refuses.
+    // Returns false, with errno set, when the system refuses.
     bool OpenUnnamed() {
         native_ = MapNativeMutex(-1, MAP_SHARED | MAP_ANONYMOUS);
         return native_ && InitialiseNativeMutex(native_);
     }
-    // The mutex is mapped if it is new.
+    // Maps the mutex if it is new.
     bool OpenObject(const char* name) {
         object_ = NamedObject::Open(kKind, name, NamedObject::IfAbsent::Create,
                                     sizeof(pthread_mutex_t), [this](int descriptor) {
@@ -86,11 +86,11 @@ public:
         return native_;
     }
 
-    // Lets other processes have the object to themselves; the mapping stays for the owner's sake.
-    // Returns whether the object has gone with us.
+    // Leaves the object to other processes; the mapping stays, because the owner needs it. Returns
+    // true if no other process has the object.
     bool LeaveObject() { return !object_ || object_->Leave(); }
 
-    // Comes back to the object that was left, which another has opened meanwhile.
+    // For coming back to an object that this mutex has left and that other has opened since.
     bool HasLeftObjectOf(const NamedMutex& other) const {
         return object_ && object_->IsSameFileAs(*other.object_);
     }
@@ -121,7 +121,7 @@ public:
         }
     }
 
-    // False when the calling thread does not own the mutex.
+    // Returns false when the calling thread does not own the mutex.
     bool Release() {
         const std::uint32_t depth = depth_.load(std::memory_order_relaxed);
         if (owner_.load(std::memory_order_relaxed) != ThisThread() || depth == 0) {
@@ -131,11 +131,11 @@ public:
         return ::pthread_mutex_unlock(native_) == 0;
     }
 
-    // Whether a thread of this process owns the mutex, or did when it ended.
+    // True if a thread of this process owns the mutex, or owned it when the thread ended.
     bool IsOwned() const { return depth_ != 0; }
 
-    // Takes the mutex from an owner that has ended or is the calling thread. False when another
-    // thread owns it.
+    // Releases the mutex if its owner has ended or is the calling thread. Returns false when
+    // another thread owns it.
     bool TakeFromOwner() {
         while (Release()) {
         }
@@ -145,13 +145,13 @@ public:
         return Release();
     }
 
-    // How often the mutex is open in this process, and the next one in the list of those that are
-    // not but have to stay mapped; guarded by the table's lock.
+    // How often this process has the mutex open, and the next mutex in the list of those that are
+    // closed but must stay mapped. Guarded by the table's lock.
     int openCount = 1;
     std::unique_ptr<NamedMutex> next;
 
 private:
-    // Tells the threads of this process apart; no two have the same number, not even in turn.
+    // The number of the calling thread. Numbers are never reused within the process.
     static std::uint64_t ThisThread() {
         static std::atomic<std::uint64_t> threads{0};
         static thread_local const std::uint64_t number = ++threads;
@@ -184,15 +184,15 @@ private:
     std::atomic<std::uint32_t> depth_{0};
 };
 
-// The named mutexes that this process has open, and those that it has closed while one of its
-// threads owned them. Never destroyed: a mutex may be closed by a destructor that runs at exit.
+// The named mutexes that this process has open, and those that it closed while one of its threads
+// owned them. Never destroyed, because a destructor that runs at exit may close a mutex.
 struct OpenMutexes {
     std::mutex lock;
     std::map<std::string, std::unique_ptr<NamedMutex>> byName;
     std::unique_ptr<NamedMutex> leftBehind;
 
-    // Takes the mutex out of those left behind whose object was opened again; null if there is
-    // none. Those of the name whose object and owner have gone are let go.
+    // Removes the mutex whose object was opened again from those left behind and returns it; null
+    // if there is none. Destroys those of the same name whose object and owner are gone.
     std::unique_ptr<NamedMutex> TakeLeftBehind(const NamedMutex& opened) {
         for (auto* place = &leftBehind; *place;) {
             const bool isSame = (*place)->HasLeftObjectOf(opened);
@@ -209,7 +209,7 @@ struct OpenMutexes {
         return nullptr;
     }
 
-    // Takes a mutex out of the names, if it has one.
+    // Removes a mutex from byName, if it has a name.
     std::unique_ptr<NamedMutex> Remove(NamedMutex* mutex) {
         for (auto entry = byName.begin(); entry != byName.end(); ++entry) {
             if (entry->second.get() == mutex) {
@@ -301,9 +301,10 @@ void ReleaseNamedMutex(void* handle) noexcept {
     static_cast<NamedMutex*>(handle)->Release();
 }
 
-// The last handle of this process closes the mutex, whoever owns it. If one of our threads does, it
-// goes on owning what others have open, until it ends; and the list of mutexes that it has keeps
-// pointing to this one, so the memory stays. Only a mutex that has gone can be taken from it.
+// Closing the last handle in this process closes the mutex, even if a thread owns it. An owner in
+// this process keeps owning what other processes have open until the thread ends, and its list of
+// owned mutexes still points to this one, so the mapping stays. Ownership can be taken from it only
+// once no other process has the object.
 void CloseNamedMutex(void* handle) noexcept {
     if (handle == kInvalidHandle) {
         return;

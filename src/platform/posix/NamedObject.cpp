@@ -20,7 +20,7 @@ namespace {
 
 constexpr std::size_t kLongestFileName = 200;
 
-// A file descriptor that closes itself and leaves errno alone.
+// A file descriptor that closes itself and preserves errno.
 class FileDescriptor {
 public:
     explicit FileDescriptor(int descriptor) : descriptor_(descriptor) {}
@@ -91,8 +91,8 @@ int EnterGate(int folder) {
     return gate.Detach();
 }
 
-// Opens the gate of a folder, waits until it is ours, and lets the next one in at the end of its
-// life. It says so: a process forked meanwhile has the file open too, and would keep it locked.
+// Locks the gate of a folder. The destructor unlocks it explicitly: a process forked meanwhile has
+// the file open too and would keep it locked.
 class Gate {
 public:
     explicit Gate(int folder) : file_(folder >= 0 ? EnterGate(folder) : -1) {}
@@ -112,7 +112,7 @@ private:
     const FileDescriptor file_;
 };
 
-// Gives a new file its bytes, all zero and backed by memory.
+// Fills a new file with zero bytes that are backed by memory.
 bool FillWithZeroes(int descriptor, std::size_t bytes) {
     int error;
     do {
@@ -122,9 +122,9 @@ bool FillWithZeroes(int descriptor, std::size_t bytes) {
     return error == 0;
 }
 
-// Opens an object's file and takes part in holding it. -1, with errno ENOENT, when there is none or
-// nobody holds it: such a file is what a killed process has left, and is removed. It can't be used
-// again, since a process that has closed the object may still have it mapped.
+// Opens and holds the file of an existing object. Returns -1, with errno ENOENT, when there is no
+// file or no process holds it. A killed process has left such a file; it is removed. It can't be
+// reused, since a process that has closed the object may still have it mapped.
 int OpenHeld(int folder, const char* fileName) {
     FileDescriptor file(::openat(folder, fileName, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
     if (!file.IsOpen() || !BelongsToUs(file.Get(), S_IFREG)) {
@@ -138,7 +138,7 @@ int OpenHeld(int folder, const char* fileName) {
     return errno == EWOULDBLOCK && Flock(file.Get(), LOCK_SH | LOCK_NB) ? file.Detach() : -1;
 }
 
-// Makes an object's file and holds it.
+// Creates and holds the file of a new object.
 int MakeNew(int folder, const char* fileName, std::size_t bytes,
             const std::function<bool(int)>& initialise) {
     FileDescriptor file(
@@ -156,8 +156,8 @@ int MakeNew(int folder, const char* fileName, std::size_t bytes,
     return file.Detach();
 }
 
-// Removes the files that nobody holds, which processes that were killed have left in a folder. To
-// be called behind the gate, which we hold and which therefore stays.
+// Removes the files in a folder that no process holds: killed processes have left them. REQUIRES:
+// the caller holds the gate, which therefore stays.
 void RemoveDeadObjects(int folder) {
     FileDescriptor listed(::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     DIR* const directory = listed.IsOpen() ? ::fdopendir(listed.Get()) : nullptr;
@@ -176,7 +176,7 @@ void RemoveDeadObjects(int folder) {
     ::closedir(directory);
 }
 
-// FNV-1a, 64 bits, from a start value of the caller's.
+// FNV-1a with 64 bits, starting from the given hash.
 std::uint64_t Hash(std::string_view bytes, std::uint64_t hash) {
     for (const char byte : bytes) {
         hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001B3;
@@ -192,9 +192,9 @@ std::string NamedObject::Folder() {
     return path;
 }
 
-// Letters, digits and underscores stand for themselves, any other byte for its hexadecimal code. A
-// name that would be too long for a file keeps its beginning, which helps people, and ends in its
-// length and two hashes, which keep it apart from others.
+// Keeps letters, digits and underscores, and encodes any other byte in hexadecimal. A name that
+// would be too long for a file keeps its beginning, to stay readable, and ends in its length and
+// two hashes, which distinguish it from other names.
 std::string NamedObject::FileName(const char* kind, const char* name) {
     constexpr char kDigits[] = "0123456789abcdef";
     std::string encoded = std::string(kind) + '-';
@@ -262,7 +262,7 @@ bool NamedObject::Leave() {
         return false;
     }
     if (process_ != ::getpid()) {
-        ::close(std::exchange(descriptor_, -1));  // a forked process has no part in it
+        ::close(std::exchange(descriptor_, -1));  // a forked process does not hold the object
         return false;
     }
     const int error = errno;
@@ -271,8 +271,8 @@ bool NamedObject::Leave() {
         const FileDescriptor folder(OpenFolder());
         const Gate gate(folder.Get());
         const FileDescriptor file(std::exchange(descriptor_, -1));
-        // Without the gate the file stays behind, and the next opener removes it. The folder is
-        // another one, which may hold a file of that name, when the process has changed its user.
+        // Without the gate the file stays, and the next process to open it removes it. If the
+        // process has changed its user, the folder is another one and may have a file of that name.
         isGone = gate.IsOpen() && Flock(file.Get(), LOCK_EX | LOCK_NB);
         struct stat status {};
         if (isGone &&
@@ -280,8 +280,8 @@ bool NamedObject::Leave() {
             status.st_dev == device_ && status.st_ino == inode_) {
             ::unlinkat(folder.Get(), fileName_.c_str(), 0);
         }
-        // The file may be mapped, and is locked as long as that unless it is told otherwise. Before
-        // the gate opens, so that of two holders who leave together one sees that it is the last.
+        // Closing does not unlock a file that is still mapped. Unlocking must come before the gate
+        // opens, so that of two holders leaving at once one sees that it is the last.
         Flock(file.Get(), LOCK_UN);
     }
     errno = error;

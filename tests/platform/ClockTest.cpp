@@ -30,7 +30,7 @@ TEST(PerformanceCounter, NeverGoesBack) {
     }
 }
 
-TEST(PerformanceCounter, DoesNotGoBackWhereASecondEnds) {
+TEST(PerformanceCounter, AdvancesAcrossTheEndOfASecond) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(1100);
     std::int64_t previous = Platform::PerformanceCounter();
     while (std::chrono::steady_clock::now() < end) {
@@ -50,7 +50,7 @@ TEST(PerformanceCounter, Advances) {
     EXPECT_GT(now, start);
 }
 
-TEST(CurrentLocalTime, IsASecondThatTheRuntimeLibraryShowsMeanwhile) {
+TEST(CurrentLocalTime, AgreesWithTheRuntimeLibrary) {
     // The two clocks may differ by a tick.
     const std::time_t before = std::time(nullptr) - 1;
     const Platform::LocalTime time = Platform::CurrentLocalTime();

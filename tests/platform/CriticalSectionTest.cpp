@@ -10,7 +10,7 @@
 
 namespace Quorvel::Testing {
 
-TEST(CriticalSection, LetsOneThreadInAtATime) {
+TEST(CriticalSection, AdmitsOneThreadAtATime) {
     constexpr int kThreads = 4;
     constexpr int kTimes = 5000;
     Platform::CriticalSection section;
@@ -31,7 +31,7 @@ TEST(CriticalSection, LetsOneThreadInAtATime) {
     EXPECT_EQ(sum, kThreads * kTimes);
 }
 
-TEST(CriticalSection, IsLeftWhenEachEntryIs) {
+TEST(CriticalSection, IsLeftOnceEachEntryIsLeft) {
     Platform::CriticalSection section;
     std::atomic<bool> left{false};
     section.Enter();
@@ -49,7 +49,7 @@ TEST(CriticalSection, IsLeftWhenEachEntryIs) {
     EXPECT_TRUE(other.get());
 }
 
-TEST(CriticalSectionGuard, StaysInsideForTheLengthOfItsScope) {
+TEST(CriticalSectionGuard, StaysInsideForItsScope) {
     Platform::CriticalSection section;
     std::atomic<bool> left{false};
     std::future<bool> other;

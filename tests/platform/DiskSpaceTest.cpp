@@ -8,9 +8,9 @@
 
 namespace Quorvel::Testing {
 
-TEST(FreeDiskSpace, IsWhatTheVolumeOfTheFolderHasAvailable) {
+TEST(FreeDiskSpace, IsTheSpaceAvailableOnTheFoldersVolume) {
     const TemporaryDirectory directory;
-    // Others write to the volume too, so the answers agree only in a quiet moment.
+    // Other processes write to the volume too, so the answers may differ at first.
     bool agree = false;
     for (int attempts = 0; attempts < 100'000 && !agree; ++attempts) {
         const std::uintmax_t expected = std::filesystem::space(directory.Path()).available;

@@ -15,7 +15,7 @@ constexpr std::uint32_t kAbandoned = 128;
 constexpr std::uint32_t kTimedOut = 258;
 constexpr std::uint32_t kForever = 0xFFFFFFFF;
 
-// One handle of a named mutex, closed at the end of the scope.
+// A handle of a named mutex, closed on destruction.
 class MutexHandle {
 public:
     explicit MutexHandle(void* handle) : handle_(handle) {}
@@ -40,7 +40,7 @@ private:
     void* handle_;
 };
 
-// One handle of a named block of memory with its view, undone at the end of the scope.
+// A handle of a named memory block and its view, both closed on destruction.
 class MemoryHandle {
 public:
     MemoryHandle() = default;
@@ -58,7 +58,7 @@ public:
         handle_ = Platform::CreateNamedMemory(name.c_str(), bytes);
         return handle_ != nullptr;
     }
-    // Null when the block is smaller.
+    // Null if the block is smaller.
     unsigned char* Map(std::uint64_t bytes) {
         view_ = Platform::MapNamedMemory(handle_, bytes);
         return static_cast<unsigned char*>(view_);
@@ -77,14 +77,14 @@ private:
     void* view_ = nullptr;
 };
 
-// Removes what killed holders of a name may have left behind: where objects are files, the next one
-// to open them does.
+// Removes what killed holders of a name may have left behind: where objects are files, opening them
+// does that.
 inline void SweepUp(const std::string& name) {
     MutexHandle{name};
     MemoryHandle().Open(name);
 }
 
-// Runs a function on a thread of its own, to that thread's end, and returns its result.
+// Runs a function on a new thread, waits for the thread's end, and returns the function's result.
 template <typename Function>
 auto OnAnotherThread(const Function& function) {
     return std::async(std::launch::async, function).get();

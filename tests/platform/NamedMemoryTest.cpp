@@ -19,8 +19,8 @@ constexpr std::uint64_t kBytes = 4096;
 // "No such file" has the same number on all systems.
 constexpr std::uint32_t kNotFound = 2;
 
-// Uses the block of a name as it is told: "create", "open", "read OFFSET", "write OFFSET", which
-// writes 77, "close".
+// Uses a block by commands: "create", "open", "read OFFSET", "write OFFSET" (writes 77), "close".
+// Argument: the block's name.
 QUORVEL_AGENT(MemoryUser) {
     MemoryHandle memory;
     unsigned char* view = nullptr;
@@ -65,14 +65,14 @@ TEST_F(NamedMemory, OfAnUnknownNameIsNotFound) {
     EXPECT_EQ(Platform::LastSystemError(), kNotFound);
 }
 
-TEST_F(NamedMemory, IsZeroWhenItIsMade) {
+TEST_F(NamedMemory, IsZeroWhenCreated) {
     ASSERT_TRUE(memory_.Create(name_, kBytes));
     const unsigned char* const view = memory_.Map(kBytes);
     ASSERT_NE(view, nullptr);
     EXPECT_TRUE(IsAllZero(view, kBytes));
 }
 
-TEST_F(NamedMemory, IsOneBlockInEveryProcessThatOpensTheName) {
+TEST_F(NamedMemory, IsSharedByAllProcessesThatOpenTheName) {
     ASSERT_TRUE(memory_.Create(name_, kBytes));
     unsigned char* const view = memory_.Map(kBytes);
     ASSERT_NE(view, nullptr);
@@ -84,7 +84,7 @@ TEST_F(NamedMemory, IsOneBlockInEveryProcessThatOpensTheName) {
     EXPECT_EQ(view[100], 77);
 }
 
-TEST_F(NamedMemory, IsOneBlockThroughAllHandlesOfOneProcess) {
+TEST_F(NamedMemory, IsSharedByAllHandlesOfOneProcess) {
     MemoryHandle second;
     ASSERT_TRUE(memory_.Create(name_, kBytes));
     ASSERT_TRUE(second.Open(name_));
@@ -108,7 +108,7 @@ TEST_F(NamedMemory, OfAnotherNameIsAnotherBlock) {
     EXPECT_TRUE(IsAllZero(secondView, kBytes));
 }
 
-TEST_F(NamedMemory, ThatExistsIsOpenedAndKeptWhenItIsMadeAgain) {
+TEST_F(NamedMemory, ThatExistsIsOpenedUnchangedWhenCreatedAgain) {
     ChildProcess child("MemoryUser", {name_});
     ASSERT_EQ(child.Ask("create"), "open");
     child.Ask("write 5");
@@ -128,7 +128,7 @@ TEST_F(NamedMemory, VanishesWithItsLastHandle) {
     EXPECT_EQ(memory_.Map(kBytes)[0], 0);
 }
 
-TEST_F(NamedMemory, OutlivesItsMakerWhileSomebodyElseHasItOpen) {
+TEST_F(NamedMemory, OutlivesItsCreatorWhileAnotherProcessHasItOpen) {
     ASSERT_TRUE(memory_.Create(name_, kBytes));
     memory_.Map(kBytes)[0] = 23;
     ChildProcess child("MemoryUser", {name_});
@@ -142,7 +142,7 @@ TEST_F(NamedMemory, OutlivesItsMakerWhileSomebodyElseHasItOpen) {
     EXPECT_FALSE(memory_.Open(name_));
 }
 
-TEST_F(NamedMemory, OutlivesAHolderThatIsKilled) {
+TEST_F(NamedMemory, OutlivesAKilledHolder) {
     ASSERT_TRUE(memory_.Create(name_, kBytes));
     memory_.Map(kBytes)[0] = 23;
     ChildProcess child("MemoryUser", {name_});
@@ -153,7 +153,7 @@ TEST_F(NamedMemory, OutlivesAHolderThatIsKilled) {
     EXPECT_EQ(second.Map(kBytes)[0], 23);
 }
 
-TEST_F(NamedMemory, VanishesWithItsLastHolderWhenThatIsKilled) {
+TEST_F(NamedMemory, VanishesWhenItsLastHolderIsKilled) {
     ChildProcess child("MemoryUser", {name_});
     ASSERT_EQ(child.Ask("create"), "open");
     child.Ask("write 0");
@@ -162,7 +162,7 @@ TEST_F(NamedMemory, VanishesWithItsLastHolderWhenThatIsKilled) {
     EXPECT_EQ(Platform::LastSystemError(), kNotFound);
 }
 
-TEST_F(NamedMemory, StartsFromZeroesAfterItsLastHolderWasKilled) {
+TEST_F(NamedMemory, IsZeroAgainAfterItsLastHolderWasKilled) {
     ChildProcess child("MemoryUser", {name_});
     ASSERT_EQ(child.Ask("create"), "open");
     child.Ask("write 0");
@@ -180,7 +180,7 @@ TEST_F(NamedMemory, OfNoBytesIsRefused) {
     EXPECT_FALSE(memory_.Open(name_));
 }
 
-TEST_F(NamedMemory, IsMadeWithTheLow32BitsOfItsSize) {
+TEST_F(NamedMemory, IsCreatedWithTheLow32BitsOfItsSize) {
     constexpr std::uint64_t kHighPart = std::uint64_t{3} << 32;
     EXPECT_FALSE(memory_.Create(name_, kHighPart));
     ASSERT_TRUE(memory_.Create(name_, kHighPart + kBytes));
@@ -189,7 +189,7 @@ TEST_F(NamedMemory, IsMadeWithTheLow32BitsOfItsSize) {
     EXPECT_NE(memory_.Map(kBytes), nullptr);
 }
 
-TEST_F(NamedMemory, IsNotMappedBeyondItsLastPage) {
+TEST_F(NamedMemory, IsNotMappedPastItsLastPage) {
     ASSERT_TRUE(memory_.Create(name_, kBytes + 1));
     EXPECT_EQ(memory_.Map(2 * kBytes + 1), nullptr);
     EXPECT_NE(Platform::LastSystemError(), 0U);
@@ -198,7 +198,7 @@ TEST_F(NamedMemory, IsNotMappedBeyondItsLastPage) {
     EXPECT_TRUE(IsAllZero(view, 2 * kBytes));
 }
 
-TEST_F(NamedMemory, IsMappedInPart) {
+TEST_F(NamedMemory, CanBeMappedInPart) {
     ASSERT_TRUE(memory_.Create(name_, 16 * kBytes));
     unsigned char* const view = memory_.Map(24);
     ASSERT_NE(view, nullptr);
@@ -208,7 +208,7 @@ TEST_F(NamedMemory, IsMappedInPart) {
     EXPECT_EQ(second.Map(16 * kBytes)[23], 4);
 }
 
-TEST_F(NamedMemory, IsMappedWholeWhenNoNumberOfBytesIsGiven) {
+TEST_F(NamedMemory, IsMappedWholeForASizeOfZero) {
     ASSERT_TRUE(memory_.Create(name_, 3 * kBytes));
     unsigned char* const view = memory_.Map(0);
     ASSERT_NE(view, nullptr);

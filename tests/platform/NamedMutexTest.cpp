@@ -16,7 +16,8 @@ namespace Quorvel::Testing {
 
 namespace {
 
-// Uses the mutex of a name as it is told: "acquire MILLISECONDS", "release", "close", "open".
+// Uses a mutex by commands: "acquire MILLISECONDS", "release", "close", "open". Argument: the
+// mutex's name.
 QUORVEL_AGENT(MutexUser) {
     MutexHandle mutex(arguments[0]);
     auto other = std::make_unique<MutexHandle>(nullptr);
@@ -40,8 +41,8 @@ QUORVEL_AGENT(MutexUser) {
     return 0;
 }
 
-// Adds to an integer in shared memory, one reading and one writing access at a time, a number of
-// times: MUTEX MEMORY TIMES.
+// Increments an integer in shared memory under a mutex, reading and writing it separately.
+// Arguments: MUTEX MEMORY TIMES.
 QUORVEL_AGENT(Adder) {
     const MutexHandle mutex(arguments[0]);
     MemoryHandle memory;
@@ -73,12 +74,12 @@ protected:
 
 }  // namespace
 
-TEST_F(NamedMutex, IsOwnedByNobodyAtFirst) {
+TEST_F(NamedMutex, HasNoOwnerAtFirst) {
     ChildProcess child("MutexUser", {name_});
     EXPECT_EQ(child.Ask("acquire 0"), "0");
 }
 
-TEST_F(NamedMutex, IsOneMutexInEveryProcessThatOpensTheName) {
+TEST_F(NamedMutex, IsSharedByAllProcessesThatOpenTheName) {
     ChildProcess child("MutexUser", {name_});
     ASSERT_EQ(child.Ask("acquire 0"), "0");
     EXPECT_EQ(mutex_.Acquire(0), kTimedOut);
@@ -88,7 +89,7 @@ TEST_F(NamedMutex, IsOneMutexInEveryProcessThatOpensTheName) {
     mutex_.Release();
 }
 
-TEST_F(NamedMutex, ExcludesTheOtherThreadsOfItsOwnersProcess) {
+TEST_F(NamedMutex, ExcludesOtherThreadsOfItsOwnersProcess) {
     ASSERT_EQ(mutex_.Acquire(0), kAcquired);
     EXPECT_EQ(OnAnotherThread([&] { return mutex_.Acquire(0); }), kTimedOut);
     mutex_.Release();
@@ -108,7 +109,7 @@ TEST_F(NamedMutex, OfAnotherNameIsAnotherMutex) {
     child.Wait();
 }
 
-TEST_F(NamedMutex, OfANameInOtherLetterCaseIsAnotherMutex) {
+TEST_F(NamedMutex, OfANameInAnotherCaseIsAnotherMutex) {
     const MutexHandle lower(name_ + "x");
     const MutexHandle upper(name_ + "X");
     ASSERT_EQ(lower.Acquire(0), kAcquired);
@@ -133,7 +134,7 @@ TEST_F(NamedMutex, IsHeldUntilEachAcquisitionIsReleased) {
     EXPECT_EQ(child.Ask("acquire 0"), "0");
 }
 
-TEST_F(NamedMutex, CountsAcquisitionsThroughAllHandlesOfOneProcessTogether) {
+TEST_F(NamedMutex, CountsAcquisitionsThroughAllHandlesTogether) {
     ChildProcess child("MutexUser", {name_});
     const MutexHandle second(name_);
     ASSERT_EQ(mutex_.Acquire(0), kAcquired);
@@ -144,7 +145,7 @@ TEST_F(NamedMutex, CountsAcquisitionsThroughAllHandlesOfOneProcessTogether) {
     EXPECT_EQ(child.Ask("acquire 0"), "0");
 }
 
-TEST_F(NamedMutex, WaitThatRunsOutReportsATimeOutNoSooner) {
+TEST_F(NamedMutex, WaitTimesOutNoEarlierThanRequested) {
     ChildProcess child("MutexUser", {name_});
     ASSERT_EQ(child.Ask("acquire 0"), "0");
     const auto start = std::chrono::steady_clock::now();
@@ -176,7 +177,7 @@ TEST_F(NamedMutex, WaitOfSecondsAndMillisecondsEndsWhenTheMutexIsReleased) {
     EXPECT_TRUE(waiter.get());
 }
 
-TEST_F(NamedMutex, WaitForEverEndsWhenTheMutexIsReleased) {
+TEST_F(NamedMutex, WaitForeverEndsWhenTheMutexIsReleased) {
     std::atomic<bool> released{false};
     ASSERT_EQ(mutex_.Acquire(kForever), kAcquired);
     std::future<bool> waiter = std::async(std::launch::async, [&] {
@@ -191,7 +192,7 @@ TEST_F(NamedMutex, WaitForEverEndsWhenTheMutexIsReleased) {
     EXPECT_TRUE(waiter.get());
 }
 
-TEST_F(NamedMutex, OfAKilledProcessIsHandedOnAsAbandoned) {
+TEST_F(NamedMutex, OfAKilledProcessIsAcquiredAsAbandoned) {
     ChildProcess child("MutexUser", {name_});
     ASSERT_EQ(child.Ask("acquire 0"), "0");
     child.Kill();
@@ -199,7 +200,7 @@ TEST_F(NamedMutex, OfAKilledProcessIsHandedOnAsAbandoned) {
     mutex_.Release();
 }
 
-TEST_F(NamedMutex, OfAProcessThatEndedInOrderIsHandedOnAsAbandoned) {
+TEST_F(NamedMutex, OfAProcessThatExitedIsAcquiredAsAbandoned) {
     ChildProcess child("MutexUser", {name_});
     ASSERT_EQ(child.Ask("acquire 0"), "0");
     EXPECT_EQ(child.Wait(), 0);
@@ -207,7 +208,7 @@ TEST_F(NamedMutex, OfAProcessThatEndedInOrderIsHandedOnAsAbandoned) {
     mutex_.Release();
 }
 
-TEST_F(NamedMutex, OfAThreadThatEndedIsHandedOnAsAbandoned) {
+TEST_F(NamedMutex, OfAThreadThatEndedIsAcquiredAsAbandoned) {
     ASSERT_EQ(OnAnotherThread([&] { return mutex_.Acquire(0); }), kAcquired);
     EXPECT_EQ(mutex_.Acquire(0), kAbandoned);
     mutex_.Release();
@@ -226,7 +227,7 @@ TEST_F(NamedMutex, EndsAWaitAsAbandonedWhenTheOwnerIsKilled) {
     EXPECT_EQ(waiter.get(), kAbandoned);
 }
 
-TEST_F(NamedMutex, BelongsToTheThreadThatGotItAsAbandoned) {
+TEST_F(NamedMutex, BelongsToTheThreadThatAcquiredItAsAbandoned) {
     ChildProcess first("MutexUser", {name_});
     ChildProcess second("MutexUser", {name_});
     ASSERT_EQ(first.Ask("acquire 0"), "0");
@@ -237,7 +238,7 @@ TEST_F(NamedMutex, BelongsToTheThreadThatGotItAsAbandoned) {
     EXPECT_EQ(second.Ask("acquire 0"), "0");
 }
 
-TEST_F(NamedMutex, ForgetsTheAcquisitionsOfAnOwnerThatEnded) {
+TEST_F(NamedMutex, ForgetsTheAcquisitionsOfADeadOwner) {
     ChildProcess first("MutexUser", {name_});
     ChildProcess second("MutexUser", {name_});
     first.Ask("acquire 0");
@@ -261,7 +262,7 @@ TEST_F(NamedMutex, IsReportedAbandonedOnce) {
     mutex_.Release();
 }
 
-TEST_F(NamedMutex, IsAbandonedAgainByTheOneThatGotItAsAbandoned) {
+TEST_F(NamedMutex, IsAbandonedAgainWhenItsNextOwnerIsKilled) {
     ChildProcess first("MutexUser", {name_});
     ChildProcess second("MutexUser", {name_});
     ASSERT_EQ(first.Ask("acquire 0"), "0");
@@ -284,7 +285,7 @@ TEST_F(NamedMutex, IsTheSameForAWideName) {
     wide.Release();
 }
 
-TEST(UnnamedMutex, IsAMutexOfItsOwnForEachHandle) {
+TEST(UnnamedMutex, IsAnotherMutexForEachHandle) {
     const char* const noName = nullptr;
     const MutexHandle first(Platform::OpenNamedMutex(noName));
     const MutexHandle second(Platform::OpenNamedMutex(noName));
@@ -301,7 +302,7 @@ TEST(UnnamedMutex, IsAMutexOfItsOwnForEachHandle) {
     first.Release();
 }
 
-TEST(UnnamedMutex, IsRecursiveAndReportsAnOwnerThatEnded) {
+TEST(UnnamedMutex, IsRecursiveAndReportsADeadOwner) {
     const wchar_t* const noName = nullptr;
     const MutexHandle mutex(Platform::OpenNamedMutex(noName));
     ASSERT_EQ(mutex.Acquire(0), kAcquired);
@@ -314,7 +315,7 @@ TEST(UnnamedMutex, IsRecursiveAndReportsAnOwnerThatEnded) {
     mutex.Release();
 }
 
-TEST_F(NamedMutex, RefusesToBeReleasedByAnotherThread) {
+TEST_F(NamedMutex, CannotBeReleasedByAnotherThread) {
     ASSERT_EQ(mutex_.Acquire(0), kAcquired);
     EXPECT_EQ(OnAnotherThread([&] {
                   mutex_.Release();
@@ -330,7 +331,7 @@ TEST_F(NamedMutex, RefusesToBeReleasedByAnotherThread) {
               kAcquired);
 }
 
-TEST_F(NamedMutex, RefusesToBeReleasedByAnotherProcess) {
+TEST_F(NamedMutex, CannotBeReleasedByAnotherProcess) {
     ChildProcess child("MutexUser", {name_});
     ASSERT_EQ(mutex_.Acquire(0), kAcquired);
     child.Ask("release");
@@ -338,7 +339,7 @@ TEST_F(NamedMutex, RefusesToBeReleasedByAnotherProcess) {
     mutex_.Release();
 }
 
-TEST_F(NamedMutex, DoesNotCountAReleaseThatItRefused) {
+TEST_F(NamedMutex, DoesNotCountRefusedReleases) {
     ChildProcess child("MutexUser", {name_});
     mutex_.Release();
     mutex_.Release();
@@ -348,7 +349,7 @@ TEST_F(NamedMutex, DoesNotCountAReleaseThatItRefused) {
     EXPECT_EQ(child.Ask("acquire 0"), "0");
 }
 
-TEST_F(NamedMutex, StaysAbandonedWhenAThreadThatNeverHadItReleasesIt) {
+TEST_F(NamedMutex, StaysAbandonedWhenAThreadThatNeverOwnedItReleasesIt) {
     ASSERT_EQ(OnAnotherThread([&] { return mutex_.Acquire(0); }), kAcquired);
     OnAnotherThread([&] { return mutex_.Release(), 0; });
     mutex_.Release();
@@ -386,9 +387,9 @@ TEST_F(NamedMutex, ClosedByItsOwnerIsAbandonedWhenThatProcessEnds) {
     mutex_.Release();
 }
 
-TEST_F(NamedMutex, ClosedByItsOwnerIsItsOwnersWhenThatOneOpensItAgain) {
+TEST_F(NamedMutex, ClosedByItsOwnerIsStillOwnedWhenReopened) {
     ChildProcess child("MutexUser", {name_});
-    child.Ask("release");  // has opened it
+    child.Ask("release");  // returns once the child has opened it
     ASSERT_EQ(mutex_.Acquire(0), kAcquired);
     mutex_.Close();
     const MutexHandle again(name_);
@@ -400,9 +401,9 @@ TEST_F(NamedMutex, ClosedByItsOwnerIsItsOwnersWhenThatOneOpensItAgain) {
     EXPECT_EQ(child.Ask("acquire 0"), "0");
 }
 
-TEST_F(NamedMutex, ClosedByItsOwnerVanishesWithTheLastOfTheOthers) {
+TEST_F(NamedMutex, ClosedByItsOwnerVanishesWithTheLastOtherHandle) {
     ChildProcess child("MutexUser", {name_});
-    child.Ask("release");  // has opened it
+    child.Ask("release");  // returns once the child has opened it
     ASSERT_EQ(mutex_.Acquire(0), kAcquired);
     mutex_.Close();
     child.Ask("close");
@@ -413,8 +414,8 @@ TEST_F(NamedMutex, ClosedByItsOwnerVanishesWithTheLastOfTheOthers) {
     EXPECT_EQ(next.Ask("acquire 0"), "0");
 }
 
-// The mutexes that a thread owns hang together; one that goes must not take others along.
-TEST_F(NamedMutex, ClosedByItsOwnerLeavesAnotherOneOfThatOwnerToBeAbandoned) {
+// The mutexes that a thread owns form a list. Removing one must not lose the others.
+TEST_F(NamedMutex, ClosedByItsOwnerDoesNotLoseTheOwnersOtherMutex) {
     const MutexHandle kept(UniqueName());
     OnAnotherThread([&] {
         const std::uint32_t first = kept.Acquire(0);
@@ -427,7 +428,7 @@ TEST_F(NamedMutex, ClosedByItsOwnerLeavesAnotherOneOfThatOwnerToBeAbandoned) {
     kept.Release();
 }
 
-TEST_F(NamedMutex, ClosedByAnotherThreadLeavesAnotherOneOfItsOwnerToBeAbandoned) {
+TEST_F(NamedMutex, ClosedByAnotherThreadDoesNotLoseTheOwnersOtherMutex) {
     const MutexHandle kept(UniqueName());
     std::promise<void> owned;
     std::promise<void> end;
@@ -445,8 +446,8 @@ TEST_F(NamedMutex, ClosedByAnotherThreadLeavesAnotherOneOfItsOwnerToBeAbandoned)
     kept.Release();
 }
 
-// Mutexes that are closed while a thread owns them are kept for it, and mean nothing to others.
-TEST_F(NamedMutex, IsNewAlthoughOthersWereClosedWhileTheirOwnerLives) {
+// A mutex that is closed while a thread owns it is kept for that thread. It must not affect others.
+TEST_F(NamedMutex, IsNewEvenIfOthersWereClosedWhileOwned) {
     MutexHandle unnamed(Platform::OpenNamedMutex(static_cast<const char*>(nullptr)));
     MutexHandle other(UniqueName());
     std::promise<void> owned;
@@ -488,7 +489,7 @@ TEST_F(NamedMutex, OpenedAndClosedByManyThreadsAtOnceStaysOneMutex) {
     EXPECT_FALSE(wasShared);
 }
 
-TEST_F(NamedMutex, VanishesWithItsLastHandleAlthoughItsOwnerHoldsIt) {
+TEST_F(NamedMutex, VanishesWithItsLastHandleEvenIfItsOwnerHoldsIt) {
     ChildProcess child("MutexUser", {name_});
     child.Ask("close");
     ASSERT_EQ(mutex_.Acquire(0), kAcquired);
@@ -498,7 +499,7 @@ TEST_F(NamedMutex, VanishesWithItsLastHandleAlthoughItsOwnerHoldsIt) {
     EXPECT_EQ(child.Ask("acquire 0"), "0");
 }
 
-TEST_F(NamedMutex, VanishesWithItsLastHandleAlthoughAnotherThreadHoldsIt) {
+TEST_F(NamedMutex, VanishesWithItsLastHandleEvenIfAnotherThreadHoldsIt) {
     std::promise<void> owned;
     std::promise<void> end;
     std::thread owner([&] {
@@ -517,7 +518,7 @@ TEST_F(NamedMutex, VanishesWithItsLastHandleAlthoughAnotherThreadHoldsIt) {
     owner.join();
 }
 
-TEST_F(NamedMutex, VanishesWithItsLastHandleAlthoughItIsAbandoned) {
+TEST_F(NamedMutex, VanishesWithItsLastHandleEvenIfItIsAbandoned) {
     ASSERT_EQ(OnAnotherThread([&] { return mutex_.Acquire(0); }), kAcquired);
     mutex_.Close();
     const MutexHandle next(name_);
@@ -525,7 +526,7 @@ TEST_F(NamedMutex, VanishesWithItsLastHandleAlthoughItIsAbandoned) {
     next.Release();
 }
 
-TEST_F(NamedMutex, VanishesWithItsLastHolderWhenThatIsKilled) {
+TEST_F(NamedMutex, VanishesWhenItsLastHolderIsKilled) {
     {
         ChildProcess child("MutexUser", {name_});
         ASSERT_EQ(child.Ask("acquire 0"), "0");
@@ -537,7 +538,7 @@ TEST_F(NamedMutex, VanishesWithItsLastHolderWhenThatIsKilled) {
     next.Release();
 }
 
-TEST_F(NamedMutex, LetsOneThreadOfAllProcessesInAtATime) {
+TEST_F(NamedMutex, AdmitsOneThreadOfAllProcessesAtATime) {
     constexpr int kProcesses = 3;
     constexpr int kTimes = 400;
     const std::string memoryName = name_ + "_sum";

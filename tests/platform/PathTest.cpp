@@ -6,7 +6,7 @@
 
 namespace Quorvel::Testing {
 
-TEST(PathSeparator, IsTheOneThatThePlatformPrefers) {
+TEST(PathSeparator, IsTheOneThePlatformPrefers) {
     EXPECT_EQ(Platform::kPathSeparator,
               static_cast<char>(std::filesystem::path::preferred_separator));
 }

@@ -19,12 +19,12 @@ QUORVEL_AGENT(ProcessIdTeller) {
 
 }  // namespace
 
-TEST(CurrentProcessId, IsWhatTheSystemCallsTheProcess) {
+TEST(CurrentProcessId, IsTheSystemsIdOfTheProcess) {
     ChildProcess child("ProcessIdTeller");
     EXPECT_EQ(child.Receive(), std::to_string(child.Id()));
 }
 
-TEST(CurrentProcessId, IsAnotherOneInEachProcess) {
+TEST(CurrentProcessId, DiffersBetweenProcesses) {
     ChildProcess first("ProcessIdTeller");
     ChildProcess second("ProcessIdTeller");
     const std::string firstId = first.Receive();

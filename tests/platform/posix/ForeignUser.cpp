@@ -24,14 +24,14 @@ namespace {
 
 constexpr std::uint64_t kBytes = 4096;
 
-// Where the numbers of users end that somebody might have.
+// Above the ids of all real users.
 constexpr uid_t kFirstForeignId = 0x40000000;
 
 bool BecomeUser(uid_t user) {
     if (user == ::geteuid()) {
         return true;
     }
-    // A process that has changed its user may no longer look at itself, as a leak checker does.
+    // A process that has changed its user may no longer inspect itself, as a leak checker does.
     return ::setgid(user) == 0 && ::setuid(user) == 0 && ::prctl(PR_SET_DUMPABLE, 1) == 0;
 }
 

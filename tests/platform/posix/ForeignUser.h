@@ -11,9 +11,8 @@
 
 namespace Quorvel::Testing {
 
-// A user whom nobody else uses, with a folder for named objects of his own, for tests that need a
-// second user or want to meddle with the folder. Both want the privilege of the superuser. The
-// folder is removed at the end of the scope.
+// An unused user id with its own folder for named objects, for tests that need a second user or
+// tamper with the folder. Both require root. The folder is removed on destruction.
 class ForeignUser {
 public:
     ForeignUser();
@@ -24,7 +23,7 @@ public:
     uid_t Id() const { return id_; }
     const std::filesystem::path& Folder() const { return folder_; }
 
-    // Makes the folder, or something in it, as the user would.
+    // Make the folder, or a file in it, and give it to the user.
     void MakeFolder(mode_t mode) const;
     void MakeFile(const std::filesystem::path& path, mode_t mode) const;
     void GiveAway(const std::filesystem::path& path) const;
@@ -40,19 +39,20 @@ private:
 // Starts an ObjectUser that runs as the user of the test.
 std::unique_ptr<ChildProcess> StartObjectUser();
 
-// An ObjectUser has named objects open and does as it is told; where it answers with a number, that
-// is 0 or the system's error:
+// An ObjectUser opens and uses named objects by commands. It answers as stated at the right; an
+// error is the system's number, or 0:
 //
-//     memory NAME      makes or opens a block of a page                  number
-//     attach NAME      opens a block                                     number
-//     mutex NAME       makes or opens a mutex                            number
+//     memory NAME      creates or opens a block of one page              error
+//     attach NAME      opens a block                                     error
+//     mutex NAME       creates or opens a mutex                          error
 //     acquire          acquires the last mutex without waiting           result of the wait
+//     release          releases the last mutex                           "released"
 //     write VALUE      writes the first byte of the last block           "written"
 //     read             reads it                                          value
 //     close            closes everything                                 "closed"
-//     look PATH        opens a file for reading                          number
-//     descriptors N    may open N more files from now on                 number
-//     bytes N          may make files of up to N bytes from now on       number
-//     inherited PATH   how many files below PATH it had open at start    number of files
+//     look PATH        opens a file for reading                          error
+//     descriptors N    limits itself to N more open files                error
+//     bytes N          limits the files it writes to N bytes             error
+//     inherited PATH   counts the files below PATH it had open at start  number of files
 
 }  // namespace Quorvel::Testing

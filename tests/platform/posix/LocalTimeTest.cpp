@@ -15,11 +15,12 @@ namespace {
 
 constexpr int kMinutesOfDay = 24 * 60;
 
-// Tells the minute of the day in a time zone, which it enters after it has told the time once.
+// Sends the minute of the day in a time zone that it sets after it has read the time once.
 QUORVEL_AGENT(ZoneClock) {
     Platform::CurrentLocalTime();
     ::setenv("TZ", arguments[0].c_str(), 1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(1010));  // a zone is kept for a second
+    std::this_thread::sleep_for(
+        std::chrono::milliseconds(1010));  // the zone is cached for a second
     const Platform::LocalTime time = Platform::CurrentLocalTime();
     AgentSend(std::to_string(time.hour * 60 + time.minute));
     return 0;
@@ -31,7 +32,7 @@ int MinuteIn(const std::string& zone) {
 
 }  // namespace
 
-TEST(CurrentLocalTimeOnPosix, IsTheTimeOfTheTimeZone) {
+TEST(CurrentLocalTimeOnPosix, FollowsTheTimeZone) {
     const int universal = MinuteIn("UTC0");
     const int east = MinuteIn("EAST-5:30");
     const int west = MinuteIn("WEST11");

@@ -13,7 +13,7 @@
 #include "platform/posix/NamedObject.h"
 #include "support/TemporaryDirectory.h"
 
-// Whose objects a user reaches, and what happens when something stands in their place that others
+// Which objects a user can reach, and what happens if their place is taken by something that others
 // might have planted.
 namespace Quorvel::Testing {
 
@@ -32,7 +32,7 @@ protected:
         return user_.Folder() / NamedObject::FileName("memory", name_.c_str());
     }
 
-    // The error with which the user's attempts end to make a block and a mutex of the name.
+    // The results of the user's attempts to create a block and a mutex with this name.
     std::string MakeBlock() const { return user_.StartObjectUser()->Ask("memory " + name_); }
     std::string MakeMutex() const { return user_.StartObjectUser()->Ask("mutex " + name_); }
 
@@ -48,7 +48,7 @@ protected:
 
 }  // namespace
 
-TEST_F(NamedObjectAccess, GivesEachUserABlockOfHisOwn) {
+TEST_F(NamedObjectAccess, GivesEachUserASeparateBlock) {
     const auto own = StartObjectUser();
     const auto foreign = user_.StartObjectUser();
     ASSERT_EQ(own->Ask("memory " + name_), "0");
@@ -60,7 +60,7 @@ TEST_F(NamedObjectAccess, GivesEachUserABlockOfHisOwn) {
     EXPECT_EQ(own->Ask("read"), "5");
 }
 
-TEST_F(NamedObjectAccess, GivesEachUserAMutexOfHisOwn) {
+TEST_F(NamedObjectAccess, GivesEachUserASeparateMutex) {
     const auto own = StartObjectUser();
     const auto foreign = user_.StartObjectUser();
     ASSERT_EQ(own->Ask("mutex " + name_), "0");
@@ -69,7 +69,7 @@ TEST_F(NamedObjectAccess, GivesEachUserAMutexOfHisOwn) {
     EXPECT_EQ(foreign->Ask("acquire"), "0");
 }
 
-TEST_F(NamedObjectAccess, KeepsOtherUsersFromTheFiles) {
+TEST_F(NamedObjectAccess, IsRefusedToOtherUsersFiles) {
     const std::string file = "/" + NamedObject::FileName("memory", name_.c_str());
     const auto own = StartObjectUser();
     const auto foreign = user_.StartObjectUser();
@@ -80,7 +80,7 @@ TEST_F(NamedObjectAccess, KeepsOtherUsersFromTheFiles) {
     EXPECT_EQ(foreign->Ask("look " + NamedObject::Folder() + "/gate"), kRefusedAccess);
 }
 
-TEST_F(NamedObjectAccess, IsGrantedInAFolderThatTheUserMade) {
+TEST_F(NamedObjectAccess, IsGrantedInAFolderOfTheUser) {
     user_.MakeFolder(0700);
     EXPECT_EQ(MakeBlock(), "0");
     EXPECT_EQ(MakeMutex(), "0");
@@ -96,7 +96,7 @@ TEST_F(NamedObjectAccess, IsRefusedInAFolderThatOthersMayEnter) {
     }
 }
 
-TEST_F(NamedObjectAccess, IsRefusedInAFolderThatSomebodyElseMade) {
+TEST_F(NamedObjectAccess, IsRefusedInAFolderOfAnotherUser) {
     std::filesystem::create_directory(user_.Folder());
     for (const mode_t mode : {0700U, 0777U}) {
         ASSERT_EQ(::chmod(user_.Folder().c_str(), mode), 0);
@@ -144,7 +144,7 @@ TEST_F(NamedObjectAccess, IsRefusedThroughADanglingLinkInPlaceOfTheObject) {
     EXPECT_FALSE(std::filesystem::exists(target));
 }
 
-TEST_F(NamedObjectAccess, IsRefusedToAnObjectThatOthersMayReach) {
+TEST_F(NamedObjectAccess, IsRefusedToAnObjectThatOthersMayAccess) {
     user_.MakeFolder(0700);
     for (const mode_t mode : {0610U, 0601U, 0640U, 0604U, 0666U}) {
         user_.MakeFile(ObjectPath(), mode);
@@ -154,15 +154,15 @@ TEST_F(NamedObjectAccess, IsRefusedToAnObjectThatOthersMayReach) {
     }
 }
 
-TEST_F(NamedObjectAccess, IsRefusedThroughAGateThatOthersMayReach) {
+TEST_F(NamedObjectAccess, IsRefusedThroughAGateThatOthersMayAccess) {
     user_.MakeFolder(0700);
     user_.MakeFile(user_.Folder() / "gate", 0660);
     EXPECT_EQ(MakeBlock(), kRefusedAccess);
     EXPECT_EQ(MakeMutex(), kRefusedAccess);
 }
 
-// The superuser could open the file; that it is somebody else's must count by itself.
-TEST_F(NamedObjectAccess, IsRefusedToAnObjectThatSomebodyElseMade) {
+// Root could open the file, so it must be refused because of its owner.
+TEST_F(NamedObjectAccess, IsRefusedToAnObjectOfAnotherUser) {
     const auto own = StartObjectUser();
     const std::filesystem::path path = std::filesystem::path(NamedObject::Folder()) /
                                        NamedObject::FileName("memory", name_.c_str());
@@ -174,7 +174,7 @@ TEST_F(NamedObjectAccess, IsRefusedToAnObjectThatSomebodyElseMade) {
     std::filesystem::remove(path);
 }
 
-TEST_F(NamedObjectAccess, IsRefusedToWhatIsNoRegularFile) {
+TEST_F(NamedObjectAccess, IsRefusedToAnObjectThatIsNotARegularFile) {
     user_.MakeFolder(0700);
     ASSERT_EQ(::mkfifo(ObjectPath().c_str(), 0600), 0);
     user_.GiveAway(ObjectPath());
@@ -184,7 +184,7 @@ TEST_F(NamedObjectAccess, IsRefusedToWhatIsNoRegularFile) {
     EXPECT_EQ(MakeBlock(), std::to_string(EISDIR));
 }
 
-TEST_F(NamedObjectAccess, IsRefusedThroughAGateThatIsNoRegularFile) {
+TEST_F(NamedObjectAccess, IsRefusedThroughAGateThatIsNotARegularFile) {
     user_.MakeFolder(0700);
     ASSERT_EQ(::mkfifo((user_.Folder() / "gate").c_str(), 0600), 0);
     user_.GiveAway(user_.Folder() / "gate");

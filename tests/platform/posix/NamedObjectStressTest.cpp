@@ -28,10 +28,10 @@ namespace {
 constexpr int kProcesses = 3;
 constexpr int kKills = 60;
 
-// What the players of a test tell each other, in a file that is there from beginning to end.
+// What the processes of a test share, in a file that exists from beginning to end.
 struct Referee {
     std::atomic<std::uint64_t> generation;  // what the last creator wrote into the object
-    std::atomic<std::uint64_t> owner;       // who says that he owns the mutex
+    std::atomic<std::uint64_t> owner;       // the process that claims to own the mutex
     std::atomic<std::uint64_t> openings;
     std::atomic<std::uint64_t> creations;
     std::atomic<std::uint64_t> abandonments;
@@ -70,7 +70,7 @@ private:
     int descriptor_;
 };
 
-// Leaves the processor to the others a number of times.
+// Yields the processor a number of times.
 void Pause(std::mt19937::result_type times) {
     for (; times > 0; --times) {
         std::this_thread::yield();
@@ -81,8 +81,8 @@ struct Block {
     std::atomic<std::uint64_t> generation;
 };
 
-// Opens and closes an object: NAME REFEREE ROUNDS SEED. Nobody may become its creator while it is
-// held, so what the creator wrote into it stays what the last creator of all wrote.
+// Opens and closes an object: NAME REFEREE ROUNDS SEED. No process may create it while another
+// holds it, so it must keep what the last creator wrote into it.
 QUORVEL_AGENT(Holder) {
     const RefereeFile file(arguments[1]);
     const MappedRecord<Referee> referee(file.Descriptor());
@@ -117,8 +117,8 @@ QUORVEL_AGENT(Holder) {
     return 0;
 }
 
-// Opens, acquires, releases and closes a mutex: NAME REFEREE ROUNDS SEED. Whoever gets it in order
-// finds that nobody says that he owns it.
+// Opens, acquires, releases and closes a mutex: NAME REFEREE ROUNDS SEED. Unless it was abandoned,
+// no other process may claim to own it.
 QUORVEL_AGENT(Owner) {
     const RefereeFile file(arguments[1]);
     const MappedRecord<Referee> referee(file.Descriptor());
@@ -148,7 +148,7 @@ QUORVEL_AGENT(Owner) {
     return 0;
 }
 
-// Keeps some processes at it, killing one now and then, and lets the last ones finish.
+// Keeps some processes running, kills one now and then, and lets the last ones finish.
 void RunPlayers(const std::string& agent, const std::string& name, const std::string& refereePath) {
     std::mt19937 random(4711);
     const auto start = [&](const char* rounds) {
@@ -175,7 +175,7 @@ void RunPlayers(const std::string& agent, const std::string& name, const std::st
 
 }  // namespace
 
-TEST(NamedObjectStress, NobodyCreatesAnObjectThatSomebodyHolds) {
+TEST(NamedObjectStress, AnObjectIsNotCreatedWhileAProcessHoldsIt) {
     const TemporaryDirectory directory;
     const std::string name = UniqueName();
     const RefereeFile file(directory.File("referee"));
@@ -188,7 +188,7 @@ TEST(NamedObjectStress, NobodyCreatesAnObjectThatSomebodyHolds) {
                                          NamedObject::FileName("stress", name.c_str())));
 }
 
-TEST(NamedObjectStress, AMutexHasOneOwnerAtATimeWhoeverIsKilled) {
+TEST(NamedObjectStress, AMutexHasOneOwnerAtATimeEvenIfProcessesAreKilled) {
     const TemporaryDirectory directory;
     const std::string name = UniqueName();
     const RefereeFile file(directory.File("referee"));

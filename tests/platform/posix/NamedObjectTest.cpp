@@ -47,7 +47,7 @@ mode_t ModeOf(const std::filesystem::path& path) {
     return status.st_mode & 07777;
 }
 
-// Whether this process has a file mapped whose name contains a text.
+// True if this process has mapped a file whose name contains the text.
 bool IsMapped(const std::string& text) {
     std::ifstream maps("/proc/self/maps");
     std::string line;
@@ -84,7 +84,7 @@ TEST(NamedObjectFileName, WritesOtherBytesAsTheirHexadecimalCodes) {
     EXPECT_EQ(NamedObject::FileName("mutex", "a/b.c\xC3%-~ "), "mutex-a%2fb%2ec%c3%25%2d%7e%20");
 }
 
-TEST(NamedObjectFileName, NeverLeavesTheFolderNorMeetsTheGate) {
+TEST(NamedObjectFileName, NeverLeavesTheFolderOrNamesTheGate) {
     for (const char* name : {"", ".", "..", "../x", "gate", "/"}) {
         const std::string file = NamedObject::FileName("memory", name);
         EXPECT_EQ(file.find('/'), std::string::npos) << name;
@@ -92,7 +92,7 @@ TEST(NamedObjectFileName, NeverLeavesTheFolderNorMeetsTheGate) {
     }
 }
 
-TEST(NamedObjectFileName, IsAnotherOneForEachKind) {
+TEST(NamedObjectFileName, DiffersBetweenKinds) {
     EXPECT_NE(NamedObject::FileName("memory", "x"), NamedObject::FileName("mutex", "x"));
 }
 
@@ -120,7 +120,7 @@ TEST(NamedObjectFileName, OfALongNameDiffersWhereverTheNameDiffers) {
     EXPECT_EQ(files.size(), name.size() + 1);
 }
 
-TEST_F(NamedObjectFile, OfALongNameIsOneObjectForEachName) {
+TEST_F(NamedObjectFile, OfALongNameIsAnotherObjectForEachName) {
     const std::string beginning = name_ + std::string(5000, '/');
     const auto first = OpenOrCreate(beginning + "a");
     const auto second = OpenOrCreate(beginning + "b");
@@ -152,7 +152,7 @@ TEST_F(NamedObjectFile, OfOneNameAndAnotherKindIsAnotherObject) {
     EXPECT_TRUE(std::filesystem::exists(PathOf("memory", name_)));
 }
 
-TEST_F(NamedObjectFile, TakesItsFileAlongWhenItsLastHolderLeaves) {
+TEST_F(NamedObjectFile, IsRemovedWhenItsLastHolderLeaves) {
     auto first = OpenOrCreate(name_);
     auto second = OpenOrCreate(name_);
     ASSERT_TRUE(first && second);
@@ -162,7 +162,7 @@ TEST_F(NamedObjectFile, TakesItsFileAlongWhenItsLastHolderLeaves) {
     EXPECT_FALSE(std::filesystem::exists(PathOf(kKind, name_)));
 }
 
-TEST_F(NamedObjectFile, OfBlockAndMutexTakesItsFileAlongWhenItsLastHolderLeaves) {
+TEST_F(NamedObjectFile, OfABlockOrMutexIsRemovedWhenItsLastHolderLeaves) {
     MutexHandle mutex(name_);
     MemoryHandle memory;
     ASSERT_TRUE(memory.Create(name_, kBytes));
@@ -199,7 +199,7 @@ TEST_F(NamedObjectFile, InitialisesOnlyANewObject) {
     EXPECT_EQ(calls, 2);
 }
 
-TEST_F(NamedObjectFile, ThatCanNotBeInitialisedLeavesNothingBehind) {
+TEST_F(NamedObjectFile, ThatCannotBeInitialisedLeavesNothingBehind) {
     const auto object =
         NamedObject::Open(kKind, name_.c_str(), NamedObject::IfAbsent::Create, kBytes, [](int) {
             errno = EDOM;
@@ -210,7 +210,7 @@ TEST_F(NamedObjectFile, ThatCanNotBeInitialisedLeavesNothingBehind) {
     EXPECT_FALSE(std::filesystem::exists(PathOf(kKind, name_)));
 }
 
-TEST_F(NamedObjectFile, WhoseHolderWasKilledLeavesAFileThatNobodyAttachesTo) {
+TEST_F(NamedObjectFile, WhoseHolderWasKilledCannotBeOpened) {
     const auto killed = StartObjectUser();
     ASSERT_EQ(killed->Ask("memory " + name_), "0");
     killed->Ask("write 9");
@@ -222,7 +222,7 @@ TEST_F(NamedObjectFile, WhoseHolderWasKilledLeavesAFileThatNobodyAttachesTo) {
     EXPECT_FALSE(std::filesystem::exists(PathOf("memory", name_)));
 }
 
-TEST_F(NamedObjectFile, WhoseHolderWasKilledStartsFromZeroesInItsNewSize) {
+TEST_F(NamedObjectFile, WhoseHolderWasKilledStartsWithZerosAndItsNewSize) {
     const auto killed = StartObjectUser();
     ASSERT_EQ(killed->Ask("memory " + name_), "0");
     killed->Ask("write 9");
@@ -234,7 +234,7 @@ TEST_F(NamedObjectFile, WhoseHolderWasKilledStartsFromZeroesInItsNewSize) {
     EXPECT_EQ(FirstByte(*object), "0");
 }
 
-TEST_F(NamedObjectFile, WhoseHolderWasKilledIsRemovedWhenAnotherProcessMakesItsFirstObject) {
+TEST_F(NamedObjectFile, WhoseHolderWasKilledIsRemovedWhenAnotherProcessCreatesItsFirstObject) {
     const std::string heldName = UniqueName();
     const auto holder = StartObjectUser();
     ASSERT_EQ(holder->Ask("memory " + heldName), "0");
@@ -252,7 +252,7 @@ TEST_F(NamedObjectFile, WhoseHolderWasKilledIsRemovedWhenAnotherProcessMakesItsF
     EXPECT_EQ(FirstByte(*held), "7");
 }
 
-TEST_F(NamedObjectFile, OfOthersStaysWhenAProcessTidiesUp) {
+TEST_F(NamedObjectFile, ThatOthersMayAccessIsNotRemovedAsADeadObject) {
     const std::filesystem::path planted = PathOf(kKind, name_);
     OpenOrCreate(UniqueName());  // makes the folder
     std::ofstream(planted) << "planted";
@@ -263,7 +263,7 @@ TEST_F(NamedObjectFile, OfOthersStaysWhenAProcessTidiesUp) {
     std::filesystem::remove(planted);
 }
 
-TEST_F(NamedObjectFile, TellsItsHolderWhoLeavesWhetherItIsTheLast) {
+TEST_F(NamedObjectFile, TellsALeavingHolderWhetherItIsTheLast) {
     const auto object = OpenOrCreate(name_);
     const auto other = StartObjectUser();
     ASSERT_EQ(other->Ask("memory " + name_), "0");
@@ -277,19 +277,19 @@ TEST_F(NamedObjectFile, TellsItsHolderWhoLeavesWhetherItIsTheLast) {
     EXPECT_TRUE(std::filesystem::exists(PathOf("memory", name_)));
 }
 
-TEST_F(NamedObjectFile, IsTheSameForAllWhoHoldItAndAnotherOnceItHasGone) {
+TEST_F(NamedObjectFile, IsTheSameForAllHoldersAndAnotherOneAfterTheLast) {
     const auto first = OpenOrCreate(name_);
     const auto second = OpenOrCreate(name_);
     EXPECT_TRUE(first->IsSameFileAs(*second));
     first->Leave();
     EXPECT_TRUE(first->IsSameFileAs(*second));
     second->Leave();
-    const MutexHandle between(name_);  // may get the number of the file that has gone
+    const MutexHandle between(name_);  // may get the inode number of the removed file
     EXPECT_FALSE(OpenOrCreate(UniqueName())->IsSameFileAs(*OpenOrCreate(name_)));
 }
 
-// A process that has closed an object may have it mapped still.
-TEST_F(NamedObjectFile, OfAKilledHolderIsNotUsedAgain) {
+// A process that has closed an object may still have it mapped.
+TEST_F(NamedObjectFile, OfAKilledHolderIsNotReused) {
     const auto killed = StartObjectUser();
     ASSERT_EQ(killed->Ask("memory " + name_), "0");
     const auto former = NamedObject::Open("memory", name_.c_str(), NamedObject::IfAbsent::Fail, 0);
@@ -310,8 +310,8 @@ TEST_F(NamedObjectFile, OfAKilledHolderIsNotUsedAgain) {
     ::close(descriptor);
 }
 
-// A process forked meanwhile has the gate's file open too.
-TEST_F(NamedObjectFile, CanBeOpenedWhileAProcessLivesThatWasForkedBehindTheGate) {
+// A process that is forked while the gate is locked also has the gate's file open.
+TEST_F(NamedObjectFile, CanBeOpenedWhileAProcessForkedUnderTheGateLives) {
     pid_t forked = -1;
     const auto object = NamedObject::Open(kKind, name_.c_str(), NamedObject::IfAbsent::Create,
                                           kBytes, [&forked](int) {
@@ -330,7 +330,7 @@ TEST_F(NamedObjectFile, CanBeOpenedWhileAProcessLivesThatWasForkedBehindTheGate)
     ::waitpid(forked, nullptr, 0);
 }
 
-TEST_F(NamedObjectFile, StaysItsHoldersWhenAForkedProcessLeaves) {
+TEST_F(NamedObjectFile, StaysHeldWhenAForkedProcessLeaves) {
     const auto object = OpenOrCreate(name_);
     const pid_t forked = ::fork();
     if (forked == 0) {
@@ -339,7 +339,7 @@ TEST_F(NamedObjectFile, StaysItsHoldersWhenAForkedProcessLeaves) {
     }
     ASSERT_GT(forked, 0);
     ::waitpid(forked, nullptr, 0);
-    const auto other = StartObjectUser();  // makes its first object, and tidies up
+    const auto other = StartObjectUser();  // removes dead objects with its first one
     ASSERT_EQ(other->Ask("memory " + UniqueName()), "0");
     EXPECT_TRUE(std::filesystem::exists(PathOf(kKind, name_)));
     EXPECT_TRUE(object->Leave());
@@ -356,7 +356,7 @@ TEST_F(NamedObjectFile, IsNotInheritedByOtherPrograms) {
 
 TEST_F(NamedObjectFile, IsRefusedWhenNoDescriptorIsLeft) {
     const auto user = StartObjectUser();
-    // The folder, the gate and the object's file are open at a time.
+    // The folder, the gate and the object's file need a descriptor each.
     for (const char* left : {"0", "1", "2"}) {
         ASSERT_EQ(user->Ask(std::string("descriptors ") + left), "0");
         EXPECT_EQ(user->Ask("memory " + name_), std::to_string(EMFILE)) << left;
@@ -368,7 +368,7 @@ TEST_F(NamedObjectFile, IsRefusedWhenNoDescriptorIsLeft) {
     EXPECT_EQ(user->Ask("memory " + name_), "0");
 }
 
-TEST_F(NamedObjectFile, ThatIsLeftWithoutADescriptorForTheGateStillEndsWithItsLastHolder) {
+TEST_F(NamedObjectFile, ClosedWithoutADescriptorForTheGateStillVanishesWithItsLastHolder) {
     const auto user = StartObjectUser();
     ASSERT_EQ(user->Ask("memory " + name_), "0");
     user->Ask("write 9");
@@ -380,14 +380,14 @@ TEST_F(NamedObjectFile, ThatIsLeftWithoutADescriptorForTheGateStillEndsWithItsLa
     EXPECT_EQ(memory.Map(kBytes)[0], 0);
 }
 
-TEST_F(NamedObjectFile, ThatCanNotGetItsBytesIsRefusedAndLeavesNothingBehind) {
+TEST_F(NamedObjectFile, ThatCannotGetItsBytesIsRefusedAndLeavesNothingBehind) {
     const auto user = StartObjectUser();
     ASSERT_EQ(user->Ask("bytes 1000"), "0");
     EXPECT_EQ(user->Ask("memory " + name_), std::to_string(EFBIG));
     EXPECT_FALSE(std::filesystem::exists(PathOf("memory", name_)));
 }
 
-TEST_F(NamedMutexOnPosix, OfAWideNameIsTheOneOfItsUtf8Form) {
+TEST_F(NamedMutexOnPosix, OfAWideNameIsTheMutexOfItsUtf8Name) {
     const std::string ascii = name_;
     const std::wstring wide =
         std::wstring(ascii.begin(), ascii.end()) + L"\u00E9\u07FF\u0800\uFFFD\U00010000\U0010FFFF";
@@ -402,7 +402,7 @@ TEST_F(NamedMutexOnPosix, OfAWideNameIsTheOneOfItsUtf8Form) {
     EXPECT_EQ(byWideName.Acquire(0), kTimedOut);
 }
 
-TEST_F(NamedMutexOnPosix, ThatWasFoundAbandonedIsLeftLikeAnyOther) {
+TEST_F(NamedMutexOnPosix, ThatWasFoundAbandonedVanishesLikeAnyOther) {
     MutexHandle mutex(name_);
     const auto owner = StartObjectUser();
     const auto other = StartObjectUser();
@@ -417,8 +417,8 @@ TEST_F(NamedMutexOnPosix, ThatWasFoundAbandonedIsLeftLikeAnyOther) {
     EXPECT_FALSE(std::filesystem::exists(PathOf("mutex", name_)));
 }
 
-// Its owner of this process ended, and another process has had and released it since.
-TEST_F(NamedMutexOnPosix, ThatWasOwnedHereOnceGoesWithTheLastOfTheOthers) {
+// Its owner in this process has ended, and another process has acquired and released it since.
+TEST_F(NamedMutexOnPosix, ThatWasOwnedHereOnceVanishesWithItsLastHolder) {
     MutexHandle mutex(name_);
     const auto other = StartObjectUser();
     ASSERT_EQ(other->Ask("mutex " + name_), "0");
@@ -430,7 +430,7 @@ TEST_F(NamedMutexOnPosix, ThatWasOwnedHereOnceGoesWithTheLastOfTheOthers) {
     EXPECT_FALSE(std::filesystem::exists(PathOf("mutex", name_)));
 }
 
-TEST_F(NamedMutexOnPosix, ThatWasReleasedTooOftenIsLeftLikeAnyOther) {
+TEST_F(NamedMutexOnPosix, ThatWasReleasedTooOftenVanishesLikeAnyOther) {
     MutexHandle mutex(name_);
     const auto other = StartObjectUser();
     ASSERT_EQ(other->Ask("mutex " + name_), "0");
@@ -449,7 +449,7 @@ TEST_F(NamedMutexOnPosix, LeavesNoMemoryBehindOnceTheNameIsOpenedAgain) {
     ASSERT_EQ(other->Ask("mutex " + name_), "0");
     ASSERT_EQ(OnAnotherThread([&] { return mutex.Acquire(0); }), kAcquired);
     mutex.Close();
-    EXPECT_TRUE(IsMapped(name_));  // others have it still
+    EXPECT_TRUE(IsMapped(name_));  // another process still has it open
     other->Ask("close");
     MutexHandle(name_).Close();
     EXPECT_FALSE(IsMapped(name_));
@@ -476,7 +476,7 @@ TEST_F(NamedMemoryOnPosix, OfNoBytesIsAnInvalidArgument) {
     EXPECT_EQ(Platform::LastSystemError(), static_cast<std::uint32_t>(EINVAL));
 }
 
-TEST_F(NamedMemoryOnPosix, RefusesAccessBeyondItsLastPage) {
+TEST_F(NamedMemoryOnPosix, RefusesAccessPastItsLastPage) {
     MemoryHandle memory;
     ASSERT_TRUE(memory.Create(name_, kBytes));
     EXPECT_EQ(memory.Map(kBytes + 1), nullptr);

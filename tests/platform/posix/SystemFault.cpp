@@ -64,9 +64,9 @@ using Quorvel::Testing::ErrorOr;
 using Quorvel::Testing::Fails;
 using Quorvel::Testing::SystemCall;
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker gives these names.
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker dictates these names.
 
-// The linker sends every call of a function to its __wrap_, and a __real_ to the system.
+// The linker redirects a function to __wrap_..., and __real_... to the system's function.
 extern "C" {
 
 int __real_mkdir(const char* path, mode_t mode);
@@ -83,7 +83,7 @@ int __wrap_mkdir(const char* path, mode_t mode) {
     return Fails(SystemCall::MakeFolder) ? -1 : __real_mkdir(path, mode);
 }
 
-// The mode is there whether the caller gave one or not; the system reads it only if it did.
+// The mode is undefined if the caller passed none, but then the system does not read it.
 int __wrap_open(const char* path, int flags, mode_t mode) {
     return Fails(SystemCall::Open) ? -1 : __real_open(path, flags, mode);
 }

@@ -2,7 +2,7 @@
 
 namespace Quorvel::Testing {
 
-// The calls of the system and of the C library through which named objects are made.
+// The calls of the system and of the C library that create named objects.
 enum class SystemCall {
     MakeFolder,       // mkdir
     Open,             // open
@@ -15,19 +15,18 @@ enum class SystemCall {
     TryMutex,         // pthread_mutex_trylock
 };
 
-// Makes calls of one kind fail in the thread that made this object while it lives, as the system's
-// do: with a result that says so, and the error in errno or in the result itself. A call that fails
-// does nothing. Only programs whose calls go through the linker's --wrap see it, and only one may
-// live at a time.
+// While it lives, makes calls of one kind fail in the thread that created it. A failing call does
+// nothing and returns the error as the real function does, in errno or as the result. Works only in
+// programs that are linked with --wrap, one at a time.
 class SystemFault {
 public:
-    // Lets the first `skipped` calls through and fails the next `failures`.
+    // Lets the first `skipped` calls through; the next `failures` calls fail.
     SystemFault(SystemCall call, int error, int skipped = 0, int failures = 1);
     SystemFault(const SystemFault&) = delete;
     SystemFault& operator=(const SystemFault&) = delete;
     ~SystemFault();
 
-    // Whether all the failures have happened.
+    // True if all the failures have happened.
     bool IsSpent() const;
 };
 

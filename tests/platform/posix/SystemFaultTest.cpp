@@ -17,7 +17,7 @@
 #include "support/ChildProcess.h"
 #include "support/TemporaryDirectory.h"
 
-// Named objects while the system refuses one call after the other.
+// Named objects while the system refuses one call after another.
 namespace Quorvel::Testing {
 
 using Platform::NamedObject;
@@ -31,12 +31,12 @@ struct RefusedCall {
     int skipped;
 };
 
-// What it takes to reach the gate of the folder, and to pass it.
+// The calls that open the folder and lock its gate.
 const std::vector<RefusedCall> kCallsToTheGate = {
     {SystemCall::MakeFolder, 0}, {SystemCall::Open, 0},   {SystemCall::Status, 0},
     {SystemCall::OpenAt, 0},     {SystemCall::Status, 1}, {SystemCall::Lock, 0}};
 
-// What it takes behind the gate to make an object.
+// The calls that create an object while the gate is locked.
 const std::vector<RefusedCall> kCallsToMakeAnObject = {{SystemCall::OpenAt, 1},
                                                        {SystemCall::OpenAt, 2},
                                                        {SystemCall::Allocate, 0},
@@ -53,7 +53,7 @@ std::filesystem::path PathOf(const char* kind, const std::string& name) {
     return std::filesystem::path(NamedObject::Folder()) / NamedObject::FileName(kind, name.c_str());
 }
 
-// The shared mappings of this process that no file stands for.
+// The number of this process's shared mappings that have no file.
 int CountUnnamedMappings() {
     std::ifstream maps("/proc/self/maps");
     int count = 0;
@@ -67,7 +67,7 @@ class SystemFaultTest : public ::testing::Test {
 protected:
     void TearDown() override { SweepUp(name_); }
 
-    // A block that another process has filled with something.
+    // Starts a process that holds a block and has written into it.
     std::unique_ptr<ChildProcess> StartHolderOfBlock() const {
         auto holder = StartObjectUser();
         EXPECT_EQ(holder->Ask("memory " + name_), "0");
@@ -82,7 +82,7 @@ using NamedMutexUnderFaults = SystemFaultTest;
 
 }  // namespace
 
-TEST_F(NamedMemoryUnderFaults, IsNotMadeAndTellsTheErrorOfTheCall) {
+TEST_F(NamedMemoryUnderFaults, IsNotCreatedAndReportsTheCallsError) {
     for (const RefusedCall& refused : kCallsToTheGate + kCallsToMakeAnObject) {
         SCOPED_TRACE(testing::Message()
                      << "call " << static_cast<int>(refused.call) << " after " << refused.skipped);
@@ -94,7 +94,7 @@ TEST_F(NamedMemoryUnderFaults, IsNotMadeAndTellsTheErrorOfTheCall) {
             ASSERT_EQ(errno, EIO);
             ASSERT_TRUE(fault.IsSpent());
         }
-        // Nothing is held, and the next one starts from zeroes.
+        // No block is left, and the next one starts with zeros.
         ASSERT_FALSE(block.Open(name_));
         ASSERT_EQ(errno, ENOENT);
         ASSERT_TRUE(block.Create(name_, kBytes));
@@ -127,14 +127,14 @@ TEST_F(NamedMemoryUnderFaults, IsNotOpenedAndKeepsItsBytes) {
     }
 }
 
-TEST_F(NamedMemoryUnderFaults, LeavesNoFileBehindThatItCouldNotFill) {
+TEST_F(NamedMemoryUnderFaults, LeavesNoUnfilledFileBehind) {
     const SystemFault fault(SystemCall::Allocate, ENOSPC);
     EXPECT_FALSE(MemoryHandle().Create(name_, kBytes));
     EXPECT_EQ(errno, ENOSPC);
     EXPECT_FALSE(std::filesystem::exists(PathOf("memory", name_)));
 }
 
-TEST_F(NamedMemoryUnderFaults, TriesAgainWhatASignalInterrupted) {
+TEST_F(NamedMemoryUnderFaults, RetriesInterruptedCalls) {
     for (const RefusedCall& interrupted : std::vector<RefusedCall>{
              {SystemCall::Lock, 0}, {SystemCall::Lock, 1}, {SystemCall::Allocate, 0}}) {
         const SystemFault fault(interrupted.call, EINTR, interrupted.skipped, 3);
@@ -156,8 +156,8 @@ TEST_F(NamedMemoryUnderFaults, IsNotMappedAndStaysOpen) {
     EXPECT_NE(block.Map(kBytes), nullptr);
 }
 
-// Who can't reach the gate when it closes a block leaves the file; it is no block any more.
-TEST_F(NamedMemoryUnderFaults, ThatIsClosedLeavesNoBytesToTheNext) {
+// Without the gate a closed block leaves its file behind, which must not count as a block any more.
+TEST_F(NamedMemoryUnderFaults, ThatIsClosedLeavesNoBytesForTheNext) {
     for (const RefusedCall& refused : kCallsToTheGate) {
         MemoryHandle block;
         ASSERT_TRUE(block.Create(name_, kBytes));
@@ -173,7 +173,7 @@ TEST_F(NamedMemoryUnderFaults, ThatIsClosedLeavesNoBytesToTheNext) {
     }
 }
 
-TEST_F(NamedMutexUnderFaults, IsNotMadeAndTellsTheErrorOfTheCall) {
+TEST_F(NamedMutexUnderFaults, IsNotCreatedAndReportsTheCallsError) {
     const std::vector<RefusedCall> calls = {{SystemCall::Map, 0}, {SystemCall::InitialiseMutex, 0}};
     const std::wstring wide(name_.begin(), name_.end());
     for (const RefusedCall& refused : kCallsToTheGate + kCallsToMakeAnObject + calls) {
@@ -197,7 +197,7 @@ TEST_F(NamedMutexUnderFaults, IsNotMadeAndTellsTheErrorOfTheCall) {
     }
 }
 
-TEST_F(NamedMutexUnderFaults, LeavesNoFileBehindThatHoldsNoMutex) {
+TEST_F(NamedMutexUnderFaults, LeavesNoFileWithoutAMutexBehind) {
     for (const SystemCall call : {SystemCall::Map, SystemCall::InitialiseMutex}) {
         const SystemFault fault(call, ENOMEM);
         EXPECT_FALSE(MutexHandle(name_).IsOpen());
@@ -206,7 +206,7 @@ TEST_F(NamedMutexUnderFaults, LeavesNoFileBehindThatHoldsNoMutex) {
     }
 }
 
-TEST_F(NamedMutexUnderFaults, OfAnotherProcessIsNotMappedAndStaysItsOwn) {
+TEST_F(NamedMutexUnderFaults, OfAnotherProcessStaysItsOwnIfItCannotBeMapped) {
     const auto holder = StartObjectUser();
     ASSERT_EQ(holder->Ask("mutex " + name_), "0");
     ASSERT_EQ(holder->Ask("acquire"), "0");
@@ -221,7 +221,7 @@ TEST_F(NamedMutexUnderFaults, OfAnotherProcessIsNotMappedAndStaysItsOwn) {
     EXPECT_EQ(mutex.Acquire(0), kTimedOut);
 }
 
-TEST_F(NamedMutexUnderFaults, WithoutANameIsNotMadeAndTellsTheErrorOfTheCall) {
+TEST_F(NamedMutexUnderFaults, WithoutANameIsNotCreatedAndReportsTheCallsError) {
     for (const SystemCall call : {SystemCall::Map, SystemCall::InitialiseMutex}) {
         const SystemFault fault(call, ENOMEM);
         errno = 0;
@@ -232,14 +232,14 @@ TEST_F(NamedMutexUnderFaults, WithoutANameIsNotMadeAndTellsTheErrorOfTheCall) {
     EXPECT_EQ(Platform::OpenNamedMutex(static_cast<const wchar_t*>(nullptr)), nullptr);
 }
 
-TEST_F(NamedMutexUnderFaults, TellsThatAWaitFailed) {
+TEST_F(NamedMutexUnderFaults, ReportsAFailedWait) {
     constexpr std::uint32_t kFailed = 0xFFFFFFFF;
     const MutexHandle mutex(name_);
     {
         const SystemFault fault(SystemCall::TryMutex, EAGAIN);
         EXPECT_EQ(mutex.Acquire(0), kFailed);
     }
-    // Nobody owns it.
+    // It has no owner.
     EXPECT_EQ(OnAnotherThread([&] {
                   const std::uint32_t result = mutex.Acquire(0);
                   mutex.Release();
@@ -248,8 +248,8 @@ TEST_F(NamedMutexUnderFaults, TellsThatAWaitFailed) {
               kAcquired);
 }
 
-// Whether others have the mutex open can't be told. Nobody has, so the next one is new.
-TEST_F(NamedMutexUnderFaults, ThatItsOwnerClosesHasGoneAlsoWhenTheGateIsOutOfReach) {
+// The process can't tell whether others have the mutex open. None have, so the next one is new.
+TEST_F(NamedMutexUnderFaults, ThatItsOwnerClosesVanishesEvenWithoutTheGate) {
     for (const RefusedCall& refused : kCallsToTheGate) {
         MutexHandle mutex(name_);
         ASSERT_EQ(mutex.Acquire(0), kAcquired);
@@ -268,7 +268,7 @@ TEST_F(NamedMutexUnderFaults, ThatItsOwnerClosesHasGoneAlsoWhenTheGateIsOutOfRea
     }
 }
 
-TEST_F(NamedMutexUnderFaults, WithoutANameGoesWithItsOwnersHandle) {
+TEST_F(NamedMutexUnderFaults, WithoutANameVanishesWithItsOwnersHandle) {
     const int before = CountUnnamedMappings();
     MutexHandle mutex(Platform::OpenNamedMutex(static_cast<const char*>(nullptr)));
     ASSERT_EQ(mutex.Acquire(0), kAcquired);
@@ -278,7 +278,7 @@ TEST_F(NamedMutexUnderFaults, WithoutANameGoesWithItsOwnersHandle) {
     EXPECT_EQ(CountUnnamedMappings(), before);
 }
 
-TEST_F(NamedMemoryUnderFaults, IsNotOpenedOnceOthersMayReachIt) {
+TEST_F(NamedMemoryUnderFaults, IsNotOpenedOnceOthersMayAccessIt) {
     for (const int mode : {0640, 0602}) {
         MemoryHandle block;
         ASSERT_TRUE(block.Create(name_, kBytes));
@@ -288,7 +288,7 @@ TEST_F(NamedMemoryUnderFaults, IsNotOpenedOnceOthersMayReachIt) {
     }
 }
 
-TEST_F(NamedMemoryUnderFaults, IsNotOpenedOnceItIsSomebodyElses) {
+TEST_F(NamedMemoryUnderFaults, IsNotOpenedOnceItBelongsToAnotherUser) {
     MemoryHandle block;
     ASSERT_TRUE(block.Create(name_, kBytes));
     const std::filesystem::path path = PathOf("memory", name_);
@@ -298,7 +298,7 @@ TEST_F(NamedMemoryUnderFaults, IsNotOpenedOnceItIsSomebodyElses) {
     EXPECT_EQ(errno, EACCES);
 }
 
-TEST_F(NamedMemoryUnderFaults, IsNotOpenedWhereSomethingElseStands) {
+TEST_F(NamedMemoryUnderFaults, IsNotOpenedUnlessItIsARegularFile) {
     const MutexHandle maker(name_);
     const std::filesystem::path path = PathOf("memory", name_);
     ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);

@@ -7,7 +7,7 @@
 #include "platform/SystemError.h"
 #include "support/TemporaryDirectory.h"
 
-// The numbers of the system's errors are part of what callers see.
+// Callers see the system's error numbers.
 static_assert(ERROR_PATH_NOT_FOUND == 3);
 static_assert(ERROR_ACCESS_DENIED == 5);
 static_assert(ERROR_INVALID_HANDLE == 6);
@@ -28,7 +28,7 @@ TEST(NamedMutexOnWindows, OfANameInAnUnknownNamespaceIsRefused) {
     EXPECT_EQ(Platform::LastSystemError(), DWORD{ERROR_PATH_NOT_FOUND});
 }
 
-TEST(NamedMutexOnWindows, OfANameThatABlockHasIsRefused) {
+TEST(NamedMutexOnWindows, WithTheNameOfABlockIsRefused) {
     const std::string name = UniqueName();
     MemoryHandle memory;
     ASSERT_TRUE(memory.Create(name, 4096));
@@ -39,7 +39,7 @@ TEST(NamedMutexOnWindows, OfANameThatABlockHasIsRefused) {
     EXPECT_EQ(Platform::LastSystemError(), DWORD{ERROR_INVALID_HANDLE});
 }
 
-TEST(NamedMemoryOnWindows, OfANameThatAMutexHasIsRefused) {
+TEST(NamedMemoryOnWindows, WithTheNameOfAMutexIsRefused) {
     const std::string name = UniqueName();
     const MutexHandle mutex(name);
     MemoryHandle memory;
@@ -55,7 +55,7 @@ TEST(NamedMemoryOnWindows, OfNoBytesIsAnInvalidParameter) {
     EXPECT_EQ(Platform::LastSystemError(), DWORD{ERROR_INVALID_PARAMETER});
 }
 
-TEST(NamedMemoryOnWindows, IsAnOrdinaryFileMappingOfItsNameAndSize) {
+TEST(NamedMemoryOnWindows, IsAnOrdinaryFileMappingWithItsNameAndSize) {
     const std::string name = UniqueName();
     MemoryHandle memory;
     ASSERT_TRUE(memory.Create(name, 8192));
@@ -70,7 +70,7 @@ TEST(NamedMemoryOnWindows, IsAnOrdinaryFileMappingOfItsNameAndSize) {
     ::CloseHandle(mapping);
 }
 
-TEST(NamedMutexOnWindows, IsAnOrdinaryMutexOfItsName) {
+TEST(NamedMutexOnWindows, IsAnOrdinaryMutexWithItsName) {
     const std::string name = UniqueName();
     const MutexHandle mutex(name);
     ASSERT_EQ(mutex.Acquire(0), kAcquired);

@@ -35,7 +35,7 @@ bool BaseHeadFileSeeker::PositionToPage(std::uint64_t& pageIndex, std::uint64_t&
         pageOffset = rangeTable_[index].start + behindFirst % kPageCapacity;
         return pageOffset <= rangeTable_[index].end;
     }
-    // The end of the file at a page boundary lies at the end of the page before.
+    // An end of the file at a page boundary maps to the end of the page before it.
     if (index > pageCount || behindFirst % kPageCapacity != 0) {
         return false;
     }
@@ -47,8 +47,8 @@ bool BaseHeadFileSeeker::PositionToPage(std::uint64_t& pageIndex, std::uint64_t&
 
 bool BaseHeadFileSeeker::MovePosition(std::uint64_t& pageIndex, std::uint64_t& pageOffset,
                                       const PagePosition& from, std::uint32_t distance) {
-    // The range is looked at before the page is loaded: a position that this seeker gave out
-    // always lies in a loaded page.
+    // The range is checked before the page is loaded: a position that this seeker returned always
+    // lies in a loaded page.
     if (pageNumberTable_.empty() || from.pageIndex >= pageCount ||
         from.pageOffset > rangeTable_[from.pageIndex].end) {
         return false;
@@ -86,7 +86,7 @@ bool BaseHeadFileSeeker::CreateHeadFile(const std::uint64_t* pages, const std::u
     Clear();
     byteSize = newByteSize;
     pageCount = newPageCount;
-    // Checked above already; a second guard of page 0's entries in the tables.
+    // Already checked above; a second guard for page 0's table entries.
     if (pageCount == 0) {
         throw InvalidParameterException();
     }
@@ -114,7 +114,7 @@ bool BaseHeadFileSeeker::OpenHeadFile() {
     }
     HeadFileHeader header;
     std::memcpy(&header, page.Data(), sizeof header);
-    // The bound on the size is loose: it does not count the page headers.
+    // The limit on the size is loose: it ignores the page headers.
     if (header.pageCount == 0 || header.pageCount > kPageCountLimit ||
         header.byteSize > header.pageCount * kPageSize) {
         throw FileDataCorruptException();

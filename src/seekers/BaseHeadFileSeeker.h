@@ -10,15 +10,15 @@
 
 namespace Quorvel {
 
-// What stands at the start of the head file's first page, page number 10.
+// The header of the head file's first page, page number 10.
 struct HeadFileHeader {
     std::uint64_t pageCount;
     std::uint64_t byteSize;
     std::uint64_t nextPage;  // 0 on the last page
-    std::uint64_t dataEnd;   // offset in this page of one past its last data byte
+    std::uint64_t dataEnd;   // offset in this page, one past its last data byte
 };
 
-// What stands at the start of each of its other pages.
+// The header of each of its other pages.
 struct HeadFilePageHeader {
     std::uint64_t nextPage;
     std::uint64_t dataEnd;
@@ -33,17 +33,17 @@ static_assert(offsetof(HeadFileHeader, dataEnd) == 24);
 static_assert(sizeof(HeadFilePageHeader) == kPageHeaderSize);
 static_assert(offsetof(HeadFilePageHeader, dataEnd) == 8);
 
-// Data bytes that the first page, and each of the others, holds.
+// Data bytes in the first page and in each other page.
 constexpr std::uint64_t kFirstPageCapacity = kPageSize - kFirstPageHeaderSize;
 constexpr std::uint64_t kPageCapacity = kPageSize - kPageHeaderSize;
 
-// The head file: a package's root logical file, which holds the package's own state. It is a chain
-// of pages that begins at page 10; each page has a small header that names the next one, and every
-// page but the last is full.
+// The head file is the logical file that holds the package's own state. It is a chain of pages that
+// begins at page 10. Each page has a small header that names the next one, and every page but the
+// last is full.
 //
-// The tables are filled in page order by LoadPageInfo, which the two subclasses implement: one
-// reads the pages' headers, the other writes them. Entries up to loadedThrough are known, the
-// others zero.
+// LoadPageInfo fills the tables in page order: one subclass reads the headers of the pages, the
+// other writes them. Entries after loadedThrough are zero, except for the page numbers and links
+// that were given to CreateHeadFile.
 class BaseHeadFileSeeker : public IPagedFileSeeker {
 public:
     // The cache must outlive the seeker.
@@ -55,31 +55,33 @@ public:
     bool MovePosition(std::uint64_t& pageIndex, std::uint64_t& pageOffset, const PagePosition& from,
                       std::uint32_t distance) override;
 
-    // Whether the table entries of a page are acceptable: a valid page number, a range that is not
-    // empty, and full unless the page is the last of the chain.
+    // True if the table entries of a page are acceptable: a valid page number and a range that is
+    // not empty, and that is full unless the page is the last of the chain.
     virtual bool ValidatePageInfo(std::uint64_t pageIndex);
 
     // Sets the seeker up for a head file of newByteSize bytes that is about to be written to the
-    // given pages, linked by the given next-page values, and writes the first page's header. False
-    // when newByteSize is 0. Throws InvalidParameterException, before anything changes, when the
-    // arguments don't fit each other; FileDataCorruptException when the cache has no page to give.
+    // given pages, linked by the given next-page values, and writes the first page's header.
+    // Returns false when newByteSize is 0. Throws InvalidParameterException, before anything
+    // changes, when the arguments contradict each other, and FileDataCorruptException when the
+    // cache can't provide the page.
     bool CreateHeadFile(const std::uint64_t* pages, const std::uint64_t* nextPages,
                         std::uint64_t newPageCount, std::uint64_t newByteSize);
 
-    // Reads and checks the first page's header. Returns true. Throws FileDataCorruptException.
+    // Reads and checks the first page's header. Always returns true. Throws
+    // FileDataCorruptException.
     bool OpenHeadFile();
 
-    // Number of pages that a head file of that many bytes needs.
+    // Number of pages that a head file of size bytes needs.
     static std::uint64_t PagesForSize(std::uint64_t size);
 
-    // The data end that a page of a head file of byteSize bytes records.
+    // The dataEnd of a page in a head file of byteSize bytes.
     std::uint64_t DataEndForPage(std::uint64_t pageIndex) const;
 
-    // Back to the state of a new seeker.
+    // Resets to the state of a new seeker.
     void Clear();
 
 protected:
-    // Gives the tables an entry for each of pageCount pages, all zero.
+    // Gives the tables a zero entry for each of pageCount pages.
     void SizeTables();
 
     FilePageCache* cache_;

@@ -32,7 +32,7 @@ bool ChildFileSeeker::PositionToPage(std::uint64_t& pageIndex, std::uint64_t& pa
         }
     }
     if (index >= pageCount) {
-        // The end of the data lies at the end of the last entry.
+        // The end of the data maps to the end of the last entry.
         if (index == 0 || index > pageCount || offset != 0) {
             return false;
         }
@@ -77,7 +77,7 @@ bool ChildFileSeeker::Attach(const Util::RefPtr<IPageAllocator>& allocator,
     return true;
 }
 
-// Checks with room for a tail in two pages, whatever the tail is like.
+// Checks as if the tail took two pages, even if it takes fewer.
 void ChildFileSeeker::CheckSizes() const {
     if (byteSize > pageCount * kPageSize ||
         byteSize != extent_.wholePageCount * kPageSize + tail_.tailLength ||
@@ -120,7 +120,8 @@ void ChildFileSeeker::AttachTail() {
             } else if (tail_.tailOffset + tail_.tailLength > kPageSize) {
                 throw FileDataCorruptException();
             }
-            // A tail that ends with its page gets an empty second entry: the file's end maps there.
+            // A tail that ends with its page gets an empty second entry, where the end of the file
+            // maps to.
             pageNumberTable_.push_back(tail_.followingPage);
             rangeTable_.push_back({0, tail_.tailLength - room});
             tailEntryCount_ = 2;
@@ -139,7 +140,7 @@ std::uint64_t ChildFileSeeker::PageToPosition(std::uint64_t pageIndex,
         return pageIndex * kPageSize + pageOffset;
     }
     const std::uint64_t wholeBytes = wholePages * kPageSize;
-    // One past the last entry begins nowhere: its offset counts from 0.
+    // The index after the last entry has no range: its offset counts from 0.
     const std::uint64_t start = pageIndex < pageCount ? rangeTable_[pageIndex].start : 0;
     if (pageIndex == wholePages) {
         return wholeBytes + pageOffset - start;

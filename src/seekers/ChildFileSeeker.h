@@ -22,18 +22,18 @@ static_assert(offsetof(ChildFileExtent, byteSize) == 8);
 static_assert(offsetof(ChildFileExtent, firstPage) == 16);
 static_assert(offsetof(ChildFileExtent, wholePageCount) == 24);
 
-// Where a stream's bytes behind its whole pages lie.
+// Where the bytes after a stream's whole pages lie.
 struct ChildFileTail {
     std::uint64_t tailPage;       // page in which the tail begins
-    std::uint64_t followingPage;  // page in which it goes on; 0 when it ends in the same page
+    std::uint64_t followingPage;  // page in which it continues; 0 when it ends in the same page
     std::uint64_t tailOffset;     // of its first byte in the tail page
     std::uint64_t tailLength;     // below 8192; 0 when there is no tail
 };
 
-// A child file: what a stream of the package is stored in. It is a chain of whole pages, full of
-// data, then a tail of less than a page, which stands somewhere in a block of pages that the tails
-// of several streams share. A tail may cross from one page of its block to the next, and so takes
-// up to two entries in the page table.
+// A child file stores one stream of the package: a chain of whole pages, full of data, then a tail
+// of less than a page. The tail lies in a block of pages that the tails of several streams share.
+// It may cross from one page of its block to the next, so it takes up to two entries in the page
+// table.
 class ChildFileSeeker : public IPagedFileSeeker {
 public:
     ChildFileSeeker() = default;
@@ -44,20 +44,20 @@ public:
     bool MovePosition(std::uint64_t& pageIndex, std::uint64_t& pageOffset, const PagePosition& from,
                       std::uint32_t distance) override;
 
-    // Nothing to do: every page is known once the seeker is attached.
+    // Does nothing: every page is known once the seeker is attached.
     void LoadPageInfo(std::uint64_t pageIndex) override;
 
-    // Builds the page table; the chain of whole pages comes from the allocator. Returns true.
-    // Throws FileDataCorruptException when extent, tail and chain don't fit each other, or when the
-    // file is empty.
+    // Builds the page table; the chain of whole pages comes from the allocator. Always returns
+    // true. Throws FileDataCorruptException when extent, tail and chain contradict each other, or
+    // when the file is empty.
     virtual bool Attach(const Util::RefPtr<IPageAllocator>& allocator,
                         const ChildFileExtent& extent, const ChildFileTail& tail);
 
     // The logical position of a page position. Throws InvalidParameterException when the page index
-    // lies beyond pageCount.
+    // is above pageCount.
     std::uint64_t PageToPosition(std::uint64_t pageIndex, std::uint64_t pageOffset) const;
 
-    // Back to the state of a new seeker.
+    // Resets to the state of a new seeker.
     void Clear();
 
 private:

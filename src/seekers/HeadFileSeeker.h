@@ -4,14 +4,13 @@
 
 namespace Quorvel {
 
-// The seeker that reads a head file: it follows the chain of pages as far as it is asked to, and
-// checks each page on the way.
+// Reads a head file: follows the chain of pages as far as needed and checks each page on the way.
 class HeadFileSeeker : public BaseHeadFileSeeker {
 public:
     using BaseHeadFileSeeker::BaseHeadFileSeeker;
 
-    // Throws FileDataCorruptException when a page can't be had, is not acceptable, or returns to an
-    // earlier one.
+    // Throws FileDataCorruptException when the cache can't provide a page, a page is not
+    // acceptable, or the chain returns to an earlier page.
     void LoadPageInfo(std::uint64_t pageIndex) override;
 };
 

@@ -7,10 +7,10 @@
 
 namespace Corvane {
 
-// Hands out small identifiers: the lowest free one first, starting at 0. Allocated identifiers are
-// numbered in ascending order. Every operation takes O(log n) time in the highest identifier.
+// Allocates small identifiers, the lowest free one first, starting at 0. Apart from growing, every
+// operation takes O(log n) time in the highest identifier.
 //
-// A bit per identifier, 64 to a word, and over the words a binary tree whose nodes count the
+// Each identifier has a bit, 64 to a word. Above the words is a binary tree whose nodes count the
 // identifiers allocated below them: node 1 is the root, nodes 2k and 2k + 1 are the children of
 // node k, and the leaves are the words in order.
 class IdentifierAllocator {
@@ -18,8 +18,8 @@ public:
     static constexpr std::uint64_t kHighestIdentifier = 0xFFFFFF;
     static constexpr std::uint64_t kNoIdentifier = ~std::uint64_t{0};
 
-    // Allocates the lowest free identifier, or returns all ones when every one up to
-    // kHighestIdentifier is taken. Throws std::bad_alloc, changing nothing.
+    // Allocates the lowest free identifier. Returns kNoIdentifier when all up to kHighestIdentifier
+    // are taken. Throws std::bad_alloc, with nothing changed.
     std::uint64_t Allocate() {
         if (allocated_ == Capacity()) {
             if (Capacity() > kHighestIdentifier) {
@@ -42,7 +42,7 @@ public:
         return word * kWordBits + bit;
     }
 
-    // Makes an allocated identifier free again; false if it was free.
+    // Frees an allocated identifier. Returns false if it was free.
     bool Free(std::uint64_t identifier) {
         if (!IsAllocated(identifier)) {
             return false;
@@ -76,8 +76,8 @@ public:
                (words_[identifier / kWordBits] >> (identifier % kWordBits) & 1) != 0;
     }
 
-    // Allocates the given identifier. False, changing nothing, if it is allocated already or above
-    // kHighestIdentifier. Throws std::bad_alloc, changing nothing.
+    // Allocates the given identifier. Returns false if it is already allocated or above
+    // kHighestIdentifier. Throws std::bad_alloc. Changes nothing when it fails.
     bool MarkAllocated(std::uint64_t identifier) {
         if (identifier > kHighestIdentifier || IsAllocated(identifier)) {
             return false;
@@ -91,8 +91,8 @@ public:
 
     std::uint64_t GetNumberOfAllocatedIdentifiers() const { return allocated_; }
 
-    // The index-th allocated identifier in ascending order, or all ones when there are no more
-    // than index.
+    // The index-th allocated identifier in ascending order, or kNoIdentifier when index is not
+    // below the number of allocated identifiers.
     std::uint64_t GetAllocatedIdentifier(std::uint64_t index) const {
         if (index >= allocated_) {
             return kNoIdentifier;

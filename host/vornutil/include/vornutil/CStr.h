@@ -9,9 +9,9 @@
 // An 8-bit string with a length. It may hold any byte, NUL included; data() always ends in a NUL
 // that the length does not count.
 //
-// It crosses the library's border, so it holds nothing of the standard library, whose strings
-// differ from one compiler to the next: its bytes lie on the heap that both sides share. What needs
-// memory throws std::bad_alloc, leaving the string as it was.
+// It crosses the DLL boundary, so it contains no standard library string, which differs between
+// compilers; its bytes are on the heap that both sides share. An operation that runs out of memory
+// throws std::bad_alloc and leaves the string unchanged.
 class CStr {
 public:
     CStr() = default;

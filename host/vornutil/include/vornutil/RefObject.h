@@ -15,17 +15,17 @@ public:
     // Adds a reference and returns the new count.
     virtual std::uint32_t AddRef() = 0;
 
-    // Drops a reference and returns the new count; at zero the object deletes itself through
-    // DeleteThis and must not be touched again.
+    // Releases a reference and returns the new count. At zero the object deletes itself through
+    // DeleteThis and must not be used again.
     virtual std::uint32_t Release() = 0;
 
 protected:
-    // Called once, when the last reference has gone.
+    // Called once, when the last reference has been released.
     virtual void DeleteThis() = 0;
 };
 
-// The intrusive count itself. A new object has no references; the first RefPtr that takes it adds
-// one. AddRef and Release may be called from any thread.
+// Implements the count. A new object has no references; the first RefPtr that holds it adds one.
+// AddRef and Release may be called from any thread.
 class ARefObject : public IRefObject {
 public:
     ARefObject() = default;

@@ -32,8 +32,8 @@ public:
     T& operator*() const { return *object_; }
     explicit operator bool() const { return object_ != nullptr; }
 
-    // Drops the reference. The pointer is empty before the object is released, so that a
-    // destructor that comes back here finds nothing.
+    // Releases the reference. The pointer is cleared first, so that a destructor that reaches it
+    // again finds it empty.
     void Reset() {
         if (T* object = std::exchange(object_, nullptr)) {
             object->Release();

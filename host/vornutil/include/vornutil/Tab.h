@@ -8,8 +8,8 @@
 #include <type_traits>
 #include <utility>
 
-// A growable array with a count. The storage comes from the heap that both sides of the library's
-// border share. Elements must be movable without throwing.
+// A growable array with a count. Its storage is on the heap that both sides of the DLL boundary
+// share. Elements must be movable without throwing.
 template <typename T>
 class Tab {
 public:
@@ -33,8 +33,8 @@ public:
 
     int Count() const { return count_; }
 
-    // Changes the count. New elements of a trivial type keep whatever the memory holds; others are
-    // value-initialised. Throws std::bad_alloc, leaving the array as it was.
+    // Changes the count. New elements of a trivial type are not initialised; others are
+    // value-initialised. Throws std::bad_alloc, with the array unchanged.
     void SetCount(int count) {
         if (count < count_) {
             std::destroy_n(items_ + count, count_ - count);
@@ -56,7 +56,7 @@ public:
         return items_[index];
     }
 
-    // The address of an element; Addr(0) of an empty array is null or unspecified, never read.
+    // The address of an element. Addr(0) of an empty array may be null and must not be read.
     T* Addr(int index) { return items_ + index; }
     const T* Addr(int index) const { return items_ + index; }
 

@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <new>
 
-// Routes the allocation of every class derived from it to the host's heap. Memory allocated on one
-// side of the library's border may be freed on the other, since both sides use this heap.
+// Allocates objects of every derived class on the host's heap. Memory allocated on one side of the
+// DLL boundary may be freed on the other, since both sides use this heap.
 class VornHeapOperators {
 public:
     static void* operator new(std::size_t size) {

@@ -1,8 +1,8 @@
-# Libraries of the distribution that are headers alone, for programs that are not the library itself.
+# Header-only libraries of the distribution, for programs other than the library itself.
 #
 # quorvel_header_library(NAME HEADER DEBIAN_PACKAGE): an interface library for a header such as
-# CLI/CLI.hpp. Only that header's own folder is made visible, through a link in the build tree, so
-# that a cross-build takes the build machine's headers and nothing else that stands beside them.
+# CLI/CLI.hpp. Only that header's own folder is visible, through a link in the build tree, so that a
+# cross-build takes these headers from the build machine and no others.
 function(quorvel_header_library name header package)
     if(TARGET ${name})
         return()

@@ -30,7 +30,7 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/QuorvelConfigVersion.cmake
 install(FILES ${CMAKE_BINARY_DIR}/QuorvelConfig.cmake ${CMAKE_BINARY_DIR}/QuorvelConfigVersion.cmake
         DESTINATION ${package_dir})
 
-# What scripts/pack packs: the installed files and what a reader wants to know of them.
+# For scripts/pack: adds the README and the licence to the installed files.
 if(WIN32 AND PROJECT_IS_TOP_LEVEL)
     install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/LICENCE.txt DESTINATION .)
     set(CPACK_GENERATOR ZIP)

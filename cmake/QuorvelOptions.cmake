@@ -1,8 +1,8 @@
 # Options and the compile settings that every target of this tree shares.
 set(whole_tree ${PROJECT_IS_TOP_LEVEL})
 if(MSVC)
-    # The tests replace functions as only GNU linkers can, and the programs want the libraries of a
-    # Linux distribution.
+    # The tests replace functions in a way that only GNU linkers support, and the programs need
+    # libraries of a Linux distribution.
     set(whole_tree OFF)
 endif()
 option(QUORVEL_BUILD_TESTS "Build the test programs" ${whole_tree})
@@ -26,13 +26,13 @@ set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
-# All programs and libraries land in one folder, so that a program finds the DLL beside itself.
+# Programs and DLLs go to one folder, so that a program finds the DLL beside itself.
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 
 find_program(QUORVEL_CCACHE ccache)
 if(QUORVEL_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-    # With precompiled headers it takes a promise not to use __TIME__.
+    # With precompiled headers, ccache must be told that the code does not use __TIME__.
     set(CMAKE_CXX_COMPILER_LAUNCHER
         ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${QUORVEL_CCACHE})
     if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
@@ -42,10 +42,10 @@ if(QUORVEL_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
     endif()
 endif()
 
-# quorvel_build_settings: linked privately by everything that is written in this tree.
+# quorvel_build_settings: every target of this tree links it privately.
 add_library(quorvel_build_settings INTERFACE)
 if(MSVC)
-    # Exported classes derive from classes of the host and hold records, which are not exported.
+    # Exported classes derive from host classes and contain records that are not exported.
     target_compile_options(quorvel_build_settings INTERFACE
         /W4 /wd4251 /wd4275 /permissive- /utf-8 $<$<BOOL:${QUORVEL_WARNINGS_AS_ERRORS}>:/WX>)
     target_compile_definitions(quorvel_build_settings INTERFACE _CRT_SECURE_NO_WARNINGS NOMINMAX)
@@ -70,7 +70,7 @@ else()
     set(QUORVEL_PLATFORM posix)
 endif()
 
-# The compiler's runtime stands beside the programs that need it, as on the host's machine.
+# The compiler's runtime DLLs lie beside the programs that need them, as on the host's machine.
 if(MINGW)
     foreach(runtime libstdc++-6.dll libgcc_s_seh-1.dll libwinpthread-1.dll)
         execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=${runtime}

@@ -1,4 +1,4 @@
-# Cross-builds for 64-bit Windows with mingw-w64 (POSIX threads) and runs what it built under Wine.
+# Cross-builds for 64-bit Windows with mingw-w64 (POSIX threads) and runs the programs under Wine.
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 

@@ -1,4 +1,4 @@
-// The allocation functions, over the heap of the C library, which all images of a process share.
+// The allocation functions. They use the C library's heap, which all images of a process share.
 #include <malloc.h>
 
 #include <cstdlib>

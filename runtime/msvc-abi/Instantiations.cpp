@@ -1,4 +1,4 @@
-// What libc++'s headers expect its compiled part to hold, which is not there.
+// libc++'s headers expect these in its compiled part, which this build does not have.
 #include <string>
 
 template class std::basic_string<char>;

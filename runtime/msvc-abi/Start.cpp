@@ -8,8 +8,8 @@ extern "C" void __cdecl _initterm(_PVFV* first, _PVFV* last);
 
 namespace {
 
-// The linker sorts sections by the letters behind the $. Those with the constructors, which the
-// compiler fills, stand between these two.
+// The linker sorts sections by the letters after the $. The sections that the compiler fills with
+// constructors lie between these two.
 [[gnu::section(".CRT$XCA"), gnu::used]] _PVFV first = nullptr;
 [[gnu::section(".CRT$XCZ"), gnu::used]] _PVFV last = nullptr;
 
@@ -17,8 +17,8 @@ _onexit_table_t destructors;
 
 }  // namespace
 
-// How the compiler has the destructor of a static object called. The C library's own atexit would
-// call it at the end of the process, when this image may be gone.
+// The compiler registers the destructors of static objects here. The C library's own atexit would
+// call them at the end of the process, when this image may already be unloaded.
 extern "C" int __cdecl atexit(_PVFV destructor) {
     return ::_register_onexit_function(&destructors, reinterpret_cast<_onexit_t>(destructor));
 }

@@ -1,5 +1,5 @@
 #pragma once
 
-// The static objects of this image: the library's or the program's.
+// These apply to the static objects of this image, which is the library or the program.
 void ConstructStaticObjects();
 void DestroyStaticObjects();

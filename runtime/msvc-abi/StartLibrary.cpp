@@ -2,8 +2,7 @@
 
 #include "Start.h"
 
-// Where the system tells a library what happens to it. Nothing happens to this one but that it is
-// loaded and leaves.
+// The system calls this to notify the library of events. Only loading and unloading matter here.
 extern "C" BOOL WINAPI _DllMainCRTStartup(HINSTANCE /*library*/, DWORD reason, void* /*reserved*/) {
     if (reason == DLL_PROCESS_ATTACH) {
         ConstructStaticObjects();

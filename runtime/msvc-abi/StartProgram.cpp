@@ -10,7 +10,7 @@ extern "C" {
 
 int __cdecl _configure_narrow_argv(int mode);
 
-// Where the system starts a program.
+// The system starts a program here.
 void mainCRTStartup() {
     constexpr int kWithoutWildcards = 1;
     ::_configure_narrow_argv(kWithoutWildcards);

@@ -4,7 +4,7 @@
 
 #include <vcruntime_new.h>
 
-// libc++ declares fewer of them itself.
+// Makes libc++ declare fewer of them itself.
 #define _HAS_EXCEPTIONS 1
 
 struct __std_exception_data {
@@ -26,7 +26,7 @@ public:
         const __std_exception_data data = {message, true};
         ::__std_exception_copy(&data, &_Data);
     }
-    // The message is not copied, and not freed.
+    // The message is neither copied nor freed.
     exception(const char* message, int) noexcept : _Data{message, false} {}
     exception(const exception& other) noexcept : _Data() {
         ::__std_exception_copy(&other._Data, &_Data);

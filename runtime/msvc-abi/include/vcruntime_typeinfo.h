@@ -1,5 +1,5 @@
-// What typeid returns, as Microsoft's compiler lays it out, over the functions of vcruntime140.dll.
-// libc++ includes this header in place of its own declarations.
+// The type that typeid returns, as Microsoft's compiler lays it out, implemented with functions of
+// vcruntime140.dll. libc++ includes this header in place of its own declarations.
 #pragma once
 
 #include <vcruntime_exception.h>

@@ -258,7 +258,7 @@ NamedMutex* Open(const std::string& name) {
 std::string ToUtf8(const wchar_t* name) {
     std::string text;
     for (; *name != L'\0'; ++name) {
-        const auto code = static_cast<std::uint32_t>(*name);
+        const auto code = static_cast<char32_t>(*name);
         if (code < 0x80) {
             text += static_cast<char>(code);
             continue;

@@ -4,7 +4,7 @@
 
 namespace Quorvel::Testing {
 
-// Watches what this program asks of operator new while it lives. Only one may live at a time.
+// While it lives, watches the calling thread's requests to operator new. Each thread may have one.
 class AllocationWatch {
 public:
     AllocationWatch();
@@ -12,7 +12,7 @@ public:
     AllocationWatch& operator=(const AllocationWatch&) = delete;
     ~AllocationWatch();
 
-    // The size of the largest single block asked for since construction, granted or not.
+    // The size of the largest single block requested since construction, granted or not.
     std::size_t Largest() const;
 };
 

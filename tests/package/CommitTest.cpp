@@ -48,7 +48,7 @@ TEST_F(CommitTest, OfAPackageWithoutAFileFails) {
     package->Abandon();
 }
 
-TEST_F(CommitTest, IsWhatBringsChangesIntoTheFile) {
+TEST_F(CommitTest, WritesTheChangesToTheFile) {
     Add(10000);
     SetHeaderData({1, 2, 3});
     const auto reader = NewPackage();
@@ -58,7 +58,7 @@ TEST_F(CommitTest, IsWhatBringsChangesIntoTheFile) {
     CommitAndExpectFile();
 }
 
-TEST_F(CommitTest, IsMadeByTheReleaseOfTheLastReference) {
+TEST_F(CommitTest, IsMadeWhenTheLastReferenceIsReleased) {
     Add(10000);
     SetHeaderData({1, 2, 3});
     package_.Reset();
@@ -130,7 +130,7 @@ TEST_F(CommitTest, FillsThePagesOfTheHeadFileOneAfterTheOther) {
 
 // Each page of the head file adds a link to the state that the head file holds. Without header data
 // and with k pages the state has 40 + 8k bytes; two pages hold 8160 + 8176.
-TEST_F(CommitTest, TakesOnePageMoreWhenTheLinksOfItsPagesDoNotFit) {
+TEST_F(CommitTest, TakesOneMorePageIfTheLinksOfItsPagesDoNotFit) {
     constexpr std::size_t kFullWithTwo = 8160 + 8176 - 40 - 2 * 8;
     const auto pagesFor = [this](std::size_t headerSize) {
         StartOver();
@@ -140,14 +140,14 @@ TEST_F(CommitTest, TakesOnePageMoreWhenTheLinksOfItsPagesDoNotFit) {
     };
     EXPECT_EQ(pagesFor(kFullWithTwo), 2U);
     for (std::size_t more = 1; more <= 8; ++more) {
-        // One page is known: it looks as if two sufficed.
+        // With one page known, two seem to suffice.
         EXPECT_LE(40 + 8 + kFullWithTwo + more, 8160U + 8176);
         EXPECT_EQ(pagesFor(kFullWithTwo + more), 3U) << more;
     }
     EXPECT_EQ(pagesFor(kFullWithTwo + 9), 3U);
 }
 
-TEST_F(CommitTest, UsesThePagesOfTheOldHeadFileAgain) {
+TEST_F(CommitTest, ReusesThePagesOfTheOldHeadFile) {
     SetHeaderData(Bytes(20000, 'a'));
     CommitAndExpectFile();
     const std::size_t size = File().size();
@@ -159,7 +159,7 @@ TEST_F(CommitTest, UsesThePagesOfTheOldHeadFileAgain) {
     }
 }
 
-TEST_F(CommitTest, LeavesThePagesThatTheHeadFileNoLongerNeedsToStreams) {
+TEST_F(CommitTest, FreesPagesThatTheHeadFileNoLongerNeeds) {
     SetHeaderData(Bytes(30000, 'a'));
     CommitAndExpectFile();
     const std::size_t size = File().size();
@@ -248,8 +248,7 @@ TEST_F(OnePageCommitTest, FailsWhileAStreamHasTheOnlyPagePinned) {
 
 // ---- Failures -----------------------------------------------------------------------------------
 
-// A package with a stream open, and changes that make the head file grow by pages that the file
-// does not have yet.
+// A package with an open stream, and changes that make the head file grow past the end of the file.
 class CommitFailureTest : public PackageTest {
 protected:
     void MakeChanges() {
@@ -265,7 +264,7 @@ protected:
         SetHeaderData(Format::Pattern(20000, 5));
     }
 
-    // The package works on, and commits what it could not.
+    // The package still works, and commits the pending changes.
     void ExpectThatALaterCommitWorks() {
         EXPECT_TRUE(package_->HasChanges());
         CommitAndExpectFile();
@@ -319,7 +318,7 @@ TEST_F(CommitFailureTest, OfReopeningTheFileLeavesTheChangesForALaterCommit) {
     ExpectThatALaterCommitWorks();
 }
 
-TEST_F(CommitFailureTest, AgainAndAgainLeavesTheChangesForALaterCommit) {
+TEST_F(CommitFailureTest, RepeatedLeavesTheChangesForALaterCommit) {
     MakeChanges();
     for (const StdioCall call : {StdioCall::Open, StdioCall::Write, StdioCall::Seek,
                                  StdioCall::Open, StdioCall::Read, StdioCall::Tell}) {
@@ -329,7 +328,7 @@ TEST_F(CommitFailureTest, AgainAndAgainLeavesTheChangesForALaterCommit) {
     ExpectThatALaterCommitWorks();
 }
 
-TEST_F(CommitFailureTest, GivesNoPageOfTheHeadFileAwayThatALaterCommitNeeds) {
+TEST_F(CommitFailureTest, FreesNoPageOfTheHeadFileThatALaterCommitNeeds) {
     for (const StdioCall call : {StdioCall::Read, StdioCall::Write}) {
         std::uint64_t failures = 1;
         for (std::uint64_t skipped = 0; failures > 0; ++skipped) {
@@ -354,7 +353,7 @@ TEST_F(CommitFailureTest, GivesNoPageOfTheHeadFileAwayThatALaterCommitNeeds) {
     }
 }
 
-// A link table that does not reach all pages of the head file that it stands in.
+// A link table that lacks an entry for a page of its own head file.
 TEST_F(CommitTest, OfADamagedHeadFileFailsOnceAndFreesNoPageTwice) {
     SetHeaderData(Format::Pattern(8192, 1));
     package_.Reset();
@@ -379,7 +378,7 @@ TEST_F(CommitTest, OfAHeadFileThatClaimsAPageTooManyFailsOnce) {
     package_.Reset();
     Bytes file = File();
     Format::StoreInteger(file, 0, 8, 2);      // page count
-    Format::StoreInteger(file, 24, 8, 8192);  // data end: a full page, and no next one
+    Format::StoreInteger(file, 24, 8, 8192);  // data end: a full page, but no next one
     Format::WriteWholeFile(path_, file);
     package_ = NewPackage();
     ASSERT_TRUE(package_->Load());
@@ -389,13 +388,13 @@ TEST_F(CommitTest, OfAHeadFileThatClaimsAPageTooManyFailsOnce) {
     CommitAndExpectFile();
 }
 
-// A cache of pages so small that what a commit has not written yet can't all stay in memory.
+// A page cache too small for all pages that a commit has yet to write.
 class SmallCommitTest : public PackageTest {
 protected:
     SmallCommitTest() : PackageTest({2, 100}) {}
 };
 
-TEST_F(SmallCommitTest, ThatFailsTwiceOnAFullVolumeIsMadeUpForOnceThereIsRoom) {
+TEST_F(SmallCommitTest, ThatFailedTwiceOnAFullVolumeSucceedsOnceThereIsRoom) {
     const Bytes later(100000, 'b');
     for (const bool commits : {true, false}) {
         StartOver();
@@ -414,7 +413,7 @@ TEST_F(SmallCommitTest, ThatFailsTwiceOnAFullVolumeIsMadeUpForOnceThereIsRoom) {
     }
 }
 
-TEST_F(SmallCommitTest, MarkThatCantBePreparedChangesNothing) {
+TEST_F(SmallCommitTest, MarkThatCannotBePreparedChangesNothing) {
     const std::uint64_t id = Add(10 * 8192);
     ASSERT_TRUE(package_->Commit());
     const Bytes old = File();
@@ -449,13 +448,13 @@ TEST_F(CommitTest, OfALongHeadFileThatClaimsAPageTooManyFailsOnce) {
     EXPECT_EQ(Format::GetHeaderData(*reopened), headerData_);
 }
 
-TEST_F(CommitTest, FreesThePagesOfAHeadFileThatTheStateDoesNotReach) {
+TEST_F(CommitTest, FreesHeadFilePagesThatTheStateDoesNotReach) {
     SetHeaderData(Format::Pattern(20000, 1));
     Add(8192);
     package_.Reset();
     const PackageImage image = Image();
     ASSERT_EQ(image.headPages.size(), 3U);
-    // As if the state had needed a page more: the chain goes on, and the page count counts it.
+    // As if the state needed one more page: the chain continues and the page count includes it.
     Bytes file = File();
     const std::uint64_t last = image.headPages.back().number;
     const std::uint64_t more = 10 + image.links.size();
@@ -475,15 +474,15 @@ TEST_F(CommitTest, FreesThePagesOfAHeadFileThatTheStateDoesNotReach) {
             SetHeaderData({1});
             package_->Commit();
         },
-        InvalidParameterException);  // the table of links does not have that page
+        InvalidParameterException);  // the link table has no entry for that page
     CommitAndExpectFile();
 }
 
-// ---- Packages that are marked as unfinished ---------------------------------------------------
+// ---- Packages marked as unfinished --------------------------------------------------------------
 
-TEST_F(CommitTest, MarkedPackageStaysAsItWasUntilItsFirstPageLeavesTheCache) {
+TEST_F(CommitTest, MarkedPackageLeavesTheFileUnchangedWhileItsFirstPageIsCached) {
     Add(10000);
-    EXPECT_TRUE(package_->MayHaveChangedFile());  // is not marked
+    EXPECT_TRUE(package_->MayHaveChangedFile());  // not marked
     ASSERT_TRUE(package_->Commit());
     const Bytes old = File();
     package_->MarkUnfinished();
@@ -494,7 +493,7 @@ TEST_F(CommitTest, MarkedPackageStaysAsItWasUntilItsFirstPageLeavesTheCache) {
     EXPECT_FALSE(package_->MayHaveChangedFile());
 }
 
-TEST_F(CommitTest, MarkedPackageOfWhichAPageWasWrittenCanNotBeOpenedUntilItIsCommitted) {
+TEST_F(CommitTest, MarkedPackageWithAWrittenPageCannotBeOpenedUntilCommitted) {
     const std::uint64_t old = Add(10000);
     ASSERT_TRUE(package_->Commit());
     package_->MarkUnfinished();
@@ -506,7 +505,7 @@ TEST_F(CommitTest, MarkedPackageOfWhichAPageWasWrittenCanNotBeOpenedUntilItIsCom
     CommitAndExpectFile();
 }
 
-TEST_F(CommitTest, MarkedPackageThatIsAbandonedBeforeAPageWasWrittenLeavesTheFileAsItWas) {
+TEST_F(CommitTest, MarkedPackageAbandonedBeforeAnyPageIsWrittenLeavesTheFileUnchanged) {
     Add(10000);
     ASSERT_TRUE(package_->Commit());
     const Bytes old = File();
@@ -525,7 +524,7 @@ TEST_F(CommitTest, MarkingAgainWritesNothing) {
     CommitAndExpectFile();
 }
 
-TEST_F(CommitTest, NextCommitAfterAMarkedOneIsAnOrdinaryOne) {
+TEST_F(CommitTest, NextCommitAfterAMarkedOneIsOrdinary) {
     package_->MarkUnfinished();
     ASSERT_TRUE(package_->Commit());
     Add(10000);
@@ -533,9 +532,9 @@ TEST_F(CommitTest, NextCommitAfterAMarkedOneIsAnOrdinaryOne) {
     CommitAndExpectFile();
 }
 
-// A process that dies leaves the file as its last write left it. Whichever write that is, the file
-// can be opened only before the first one, and when nothing is missing from it.
-TEST_F(CommitTest, OfAMarkedPackageMakesTheFileReadableByItsLastWrite) {
+// A process that dies leaves the file as its last write left it. The file can be opened only before
+// the first write of the commit and after the last.
+TEST_F(CommitTest, OfAMarkedPackageMakesTheFileReadableOnlyByItsLastWrite) {
     std::uint64_t writesDone = 0;
     for (bool isCommitted = false; !isCommitted; ++writesDone) {
         StartOver();

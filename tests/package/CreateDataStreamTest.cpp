@@ -65,7 +65,7 @@ TEST_F(CreateDataStreamTest, OfAByteMoreTakesAPageAndATailOfOneByte) {
     EXPECT_EQ(image.blocks[0].freeBytes, 65535U);
 }
 
-TEST_F(CreateDataStreamTest, OfLessThanAPageTakesATailAlone) {
+TEST_F(CreateDataStreamTest, OfLessThanAPageTakesOnlyATail) {
     Add(8191);
     CommitAndExpectFile();
     const PackageImage image = Image();
@@ -82,7 +82,7 @@ TEST_F(CreateDataStreamTest, ChainsItsWholePages) {
     EXPECT_EQ(image.links, Words({0, 12, 13, 14, 0}));
 }
 
-TEST_F(CreateDataStreamTest, NineTimesOf7500BytesFillsABlockWithEightAndOpensAnother) {
+TEST_F(CreateDataStreamTest, NineTailsOf7500BytesFillABlockWithEightAndOpenAnother) {
     for (int count = 0; count < 9; ++count) {
         Add(7500);
     }
@@ -137,7 +137,7 @@ TEST_F(CreateDataStreamTest, ManyTimesKeepsEveryStreamApart) {
 
 // ---- Ids and counts -----------------------------------------------------------------------------
 
-TEST_F(CreateDataStreamTest, HandsOutTheLowestFreeIdFirst) {
+TEST_F(CreateDataStreamTest, AllocatesTheLowestFreeIdFirst) {
     for (std::uint64_t id = 0; id < 5; ++id) {
         EXPECT_EQ(package_->CreateDataStream(10), id);
     }
@@ -205,7 +205,7 @@ TEST_F(StreamLimitTest, RefusesWithoutAChange) {
     EXPECT_FALSE(package_->HasChanges());
 }
 
-TEST_F(StreamLimitTest, BoundsALoadedPackageAlike) {
+TEST_F(StreamLimitTest, BoundsALoadedPackageToo) {
     Add(10);
     Add(10);
     package_.Reset();
@@ -223,7 +223,7 @@ TEST(StreamLimit, OfZeroAllowsNoStream) {
     EXPECT_EQ(package->CreateDataStream(0), kInvalidStreamId);
 }
 
-// A new package bounds its tail blocks far above its streams; only loading applies the limit.
+// A new package allows far more tail blocks than streams; only loading applies the limit.
 TEST(StreamLimit, BoundsTheTailBlocksOfALoadedPackageToAnEighth) {
     const TemporaryDirectory directory;
     const std::string path = directory.File("package");
@@ -241,7 +241,7 @@ TEST(StreamLimit, BoundsTheTailBlocksOfALoadedPackageToAnEighth) {
     EXPECT_EQ(package->GetNumberOfDataStreams(), 9U);
 }
 
-TEST_F(CreateDataStreamTest, RefusesMoreWholePagesThanThereCanBe) {
+TEST_F(CreateDataStreamTest, RefusesTooManyWholePages) {
     EXPECT_THROW(package_->CreateDataStream(std::uint64_t{0xFFFF7} << 13),
                  InvalidParameterException);
     EXPECT_THROW(package_->CreateDataStream(~std::uint64_t{0}), InvalidParameterException);
@@ -251,9 +251,9 @@ TEST_F(CreateDataStreamTest, RefusesMoreWholePagesThanThereCanBe) {
     EXPECT_EQ(Image().streams[0].firstPage, 11U);
 }
 
-// ---- What is left when it fails -----------------------------------------------------------------
+// ---- Failures -----------------------------------------------------------------------------------
 
-// A package that has three pages left.
+// A package with three free pages.
 class FullPackageTest : public PackageTest {
 protected:
     static constexpr std::uint64_t kFreePages = 3;
@@ -266,7 +266,7 @@ protected:
 
     void SetUp() override { ASSERT_TRUE(package_->Load()); }
 
-    // Takes the free pages, which are all there must be.
+    // Takes the free pages, and checks that there are no others.
     void ExpectFreePages() {
         EXPECT_EQ(package_->GetNumberOfDataStreams(), 0U);
         EXPECT_EQ(Add(kFreePages * 8192), 0U);
@@ -276,17 +276,17 @@ protected:
     }
 };
 
-TEST_F(FullPackageTest, GivesItsPagesBackWhenThereAreTooFewForAStream) {
+TEST_F(FullPackageTest, FreesItsPagesIfThereAreTooFewForAStream) {
     EXPECT_THROW(package_->CreateDataStream((kFreePages + 1) * 8192), OutOfMemoryException);
     ExpectFreePages();
 }
 
-TEST_F(FullPackageTest, GivesItsPagesBackWhenThereAreTooFewForATailBlock) {
+TEST_F(FullPackageTest, FreesItsPagesIfThereAreTooFewForATailBlock) {
     EXPECT_THROW(package_->CreateDataStream(8193), OutOfMemoryException);
     ExpectFreePages();
 }
 
-TEST_F(CreateDataStreamTest, ChangesNothingWhenTheFileCanNotGrow) {
+TEST_F(CreateDataStreamTest, ChangesNothingIfTheFileCannotGrow) {
     for (const StdioCall call : {StdioCall::Seek, StdioCall::Tell, StdioCall::Write}) {
         std::uint64_t failures = 1;
         for (std::uint64_t skipped = 0; failures > 0; ++skipped) {
@@ -313,7 +313,7 @@ TEST_F(CreateDataStreamTest, ChangesNothingWhenTheFileCanNotGrow) {
     }
 }
 
-TEST_F(CreateDataStreamTest, TakesThePagesAgainThatItGaveBack) {
+TEST_F(CreateDataStreamTest, ReusesThePagesThatAFailureFreed) {
     {
         const StdioFault fault(StdioCall::Write, ENOSPC, 2, 1);
         EXPECT_EQ(FileErrorOf([&] { package_->CreateDataStream(4 * 8192); }), ENOSPC);
@@ -323,7 +323,7 @@ TEST_F(CreateDataStreamTest, TakesThePagesAgainThatItGaveBack) {
     EXPECT_EQ(File().size(), 5 * 8192U);
 }
 
-// A block whose record counts bytes as free that a tail lies in.
+// A block whose record counts the bytes of a tail as free.
 TEST_F(CreateDataStreamTest, KeepsTheIdOfAStreamWhoseTailOverlapsAnother) {
     Add(100);
     Edit([](PackageImage& image) { image.blocks[0].freeBytes = 65536; });
@@ -336,7 +336,7 @@ TEST_F(CreateDataStreamTest, KeepsTheIdOfAStreamWhoseTailOverlapsAnother) {
     EXPECT_TRUE(package_->Commit());
 }
 
-// A tail that was left behind belongs to an id that is free now.
+// A leftover tail belongs to an id that is free.
 TEST_F(CreateDataStreamTest, FailsOnceWhereATailHasNoStream) {
     Add(100);
     Add(100);

@@ -15,7 +15,7 @@ using Words = std::vector<std::uint64_t>;
 
 using DeleteDataStreamTest = PackageTest;
 
-// What a stream reads from where it stands to its end.
+// Reads the bytes from the stream's position to its end.
 Bytes Rest(IDataStream& stream) {
     Bytes bytes(static_cast<std::size_t>(stream.GetSize() - stream.GetPosition()));
     EXPECT_EQ(stream.Read(bytes.data(), bytes.size()), bytes.size());
@@ -111,7 +111,7 @@ TEST_F(DeleteDataStreamTest, OfTheFirstOfTwoTailsMovesTheOtherDown) {
     EXPECT_EQ(image.blocks[0].freeBytes, 63536U);
 }
 
-TEST_F(DeleteDataStreamTest, MovesTailsDownAcrossThePageEndsOfTheirBlock) {
+TEST_F(DeleteDataStreamTest, MovesTailsDownAcrossPageBoundariesOfTheirBlock) {
     for (const std::size_t size : {8000U, 500U, 7000U, 8191U, 1U, 8190U, 8189U, 8188U}) {
         Add(size);
     }
@@ -133,11 +133,11 @@ TEST_F(DeleteDataStreamTest, LeavesTheBytesOfOtherBlocksAlone) {
     CommitAndExpectFile();
 }
 
-// ---- Streams that are open meanwhile ------------------------------------------------------------
+// ---- Open streams -------------------------------------------------------------------------------
 
-// The tail is 6000 bytes long and lies across a page end of its block before, and within a page
-// afterwards.
-TEST_F(DeleteDataStreamTest, MovesATailUnderAStreamThatReadsIt) {
+// The tail of 6000 bytes crosses a page boundary of its block before the deletion, and lies within
+// a page afterwards.
+TEST_F(DeleteDataStreamTest, MovesATailWhileAStreamReadsIt) {
     for (const std::int32_t position : {0, 1, 8191, 8192, 8193, 8383, 8384, 8385, 14191, 14192}) {
         StartOver();
         const std::uint64_t first = Add(8000);
@@ -156,7 +156,7 @@ TEST_F(DeleteDataStreamTest, MovesATailUnderAStreamThatReadsIt) {
     }
 }
 
-TEST_F(DeleteDataStreamTest, MovesATailUnderAStreamThatWritesIt) {
+TEST_F(DeleteDataStreamTest, MovesATailWhileAStreamWritesIt) {
     const std::uint64_t first = Add(8000);
     const std::uint64_t second = Add(5000);
     const std::uint64_t third = Add(700);
@@ -184,10 +184,10 @@ TEST_F(DeleteDataStreamTest, LeavesOpenStreamsOfOtherBlocksAlone) {
     EXPECT_TRUE(Rest(*stream) == From(streams_[8], 100));
 }
 
-// ---- When it fails ------------------------------------------------------------------------------
+// ---- Failures -----------------------------------------------------------------------------------
 
-// A fragment that reaches beyond its block, as no package writes it.
-TEST_F(DeleteDataStreamTest, ReturnsFalseAndLeavesTheTailWhenItCanNotBeCutOut) {
+// A fragment that reaches past its block. No package writes one.
+TEST_F(DeleteDataStreamTest, ReturnsFalseAndLeavesATailThatCannotBeRemoved) {
     Add(8191);
     Edit([](PackageImage& image) { image.fragments[0].offset = 65000; });
     EXPECT_FALSE(package_->DeleteDataStream(0));
@@ -209,7 +209,7 @@ TEST_F(DeleteDataStreamTest, RefusesABlockWhoseChainIsBroken) {
     ExpectPackage();
 }
 
-TEST_F(DeleteDataStreamTest, FreesAChainToItsEndWhateverTheRecordCounts) {
+TEST_F(DeleteDataStreamTest, FreesAChainToItsEndEvenIfTheRecordCountsFewerPages) {
     Add(3 * 8192);
     Edit([](PackageImage& image) {
         image.streams[0].pageCount = 2;
@@ -225,7 +225,7 @@ TEST_F(DeleteDataStreamTest, FreesAChainToItsEndWhateverTheRecordCounts) {
     }
 }
 
-TEST_F(DeleteDataStreamTest, LetsTheFilesErrorsThrough) {
+TEST_F(DeleteDataStreamTest, PassesOnFileErrors) {
     Add(100);
     package_.Reset();
     package_ = NewPackage();
@@ -239,11 +239,11 @@ protected:
     OnePageTest() : PackageTest({1, 100}) {}
 };
 
-TEST_F(OnePageTest, CanNotMoveATailFromOnePageToAnother) {
+TEST_F(OnePageTest, CannotMoveATailFromOnePageToAnother) {
     Add(100);
     Add(100);
     EXPECT_THROW(package_->DeleteDataStream(0), FileDataCorruptException);
-    // The stream has gone and its tail has not: one that gets its id can't have a tail.
+    // The stream is gone but its tail is not, so a stream that gets its id cannot have a tail.
     EXPECT_EQ(package_->GetNumberOfDataStreams(), 1U);
     EXPECT_THROW(package_->CreateDataStream(100), FileDataCorruptException);
     EXPECT_EQ(package_->CreateDataStream(100), 2U);

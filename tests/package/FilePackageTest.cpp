@@ -41,7 +41,7 @@ protected:
 
 // ---- CreateFilePackage --------------------------------------------------------------------------
 
-TEST_F(FilePackageTest, CreateMakesAFileOfOnePageWithNothingInIt) {
+TEST_F(FilePackageTest, CreateMakesAnEmptyPackageOfOnePage) {
     const auto package = Create(path_);
     ASSERT_TRUE(package);
     EXPECT_EQ(package->GetNumberOfDataStreams(), 0U);
@@ -51,7 +51,7 @@ TEST_F(FilePackageTest, CreateMakesAFileOfOnePageWithNothingInIt) {
     Format::ExpectFile(path_, {}, {});
 }
 
-TEST_F(FilePackageTest, CreateOfAPackageThatIsInUseStartsAnew) {
+TEST_F(FilePackageTest, CreateOnAPackageInUseStartsOver) {
     const Util::RefPtr<PagedFilePackage> package(new PagedFilePackage({path_.c_str(), 64, 8}));
     ASSERT_TRUE(package->Create());
     package->CreateDataStream(20000);
@@ -65,7 +65,7 @@ TEST_F(FilePackageTest, CreateOfAPackageThatIsInUseStartsAnew) {
     EXPECT_EQ(package->GetNumberOfDataStreams(), 0U);
     EXPECT_EQ(package->GetTotalDataSize(), 0U);
     EXPECT_EQ(package->GetHeaderDataSize(), 0U);
-    // A package that was loaded with that limit has room for one block only.
+    // A package that was loaded with this limit may have only one block.
     std::map<std::uint64_t, Bytes> streams;
     for (int stream = 0; stream < 3; ++stream) {
         const Bytes content = Format::Pattern(8191 + 8192 * 7, 1);
@@ -80,7 +80,7 @@ TEST_F(FilePackageTest, CreateOfAPackageThatIsInUseStartsAnew) {
     Format::ExpectFile(path_, streams, {});
 }
 
-TEST_F(FilePackageTest, CreateThatFailsIsCommittedByItsReleaseIfItCanBe) {
+TEST_F(FilePackageTest, FailedCreateIsCommittedByTheReleaseIfPossible) {
     {
         const StdioFault fault(StdioCall::Write, EIO, 1, 1);
         EXPECT_FALSE(Create(path_));
@@ -112,7 +112,7 @@ TEST_F(FilePackageTest, CreateOverAPackageMakesItEmptyWithoutShorteningTheFile) 
     Format::ExpectFile(path_, {}, {});
 }
 
-TEST_F(FilePackageTest, CreateOverAPackageWritesANewOneFromTheFirstPageOn) {
+TEST_F(FilePackageTest, CreateOverAPackageAllocatesFromTheFirstPage) {
     WritePackage();
     const auto package = Create(path_);
     ASSERT_TRUE(package);
@@ -132,21 +132,21 @@ TEST_F(FilePackageTest, CreateOverAnyOtherFileKeepsItsLengthToo) {
     }
 }
 
-TEST_F(FilePackageTest, CreateIsEmptyWhereThereIsNoFolder) {
+TEST_F(FilePackageTest, CreateReturnsNullIfTheFolderIsMissing) {
     EXPECT_FALSE(Create(directory_.File("no/package")));
     EXPECT_FALSE(std::filesystem::exists(directory_.Path() / "no"));
 }
 
-TEST_F(FilePackageTest, CreateIsEmptyWhereNothingCanBeWritten) {
+TEST_F(FilePackageTest, CreateReturnsNullIfThePathCannotBeWritten) {
     EXPECT_FALSE(Create(directory_.Path().string()));
     EXPECT_FALSE(Create(""));
 }
 
-TEST_F(FilePackageTest, CreateIsEmptyWithoutAPath) {
+TEST_F(FilePackageTest, CreateReturnsNullWithoutAPath) {
     EXPECT_FALSE(CreateFilePackage({nullptr, 64, 100}));
 }
 
-TEST_F(FilePackageTest, CreateIsEmptyWhenAnyTransferFails) {
+TEST_F(FilePackageTest, CreateReturnsNullIfAnyTransferFails) {
     for (const StdioCall call :
          {StdioCall::Seek, StdioCall::Tell, StdioCall::Read, StdioCall::Write}) {
         std::uint64_t failures = 1;
@@ -160,7 +160,7 @@ TEST_F(FilePackageTest, CreateIsEmptyWhenAnyTransferFails) {
     }
 }
 
-TEST_F(FilePackageTest, CreateTakesACapacityOfZeroAsOne) {
+TEST_F(FilePackageTest, CreateTreatsACapacityOfZeroAsOne) {
     const auto package = Format::CreatePackage(path_, {0, 100});
     ASSERT_TRUE(package);
     const Bytes content = Format::Pattern(20000, 3);
@@ -174,7 +174,7 @@ TEST_F(FilePackageTest, CreateTakesACapacityOfZeroAsOne) {
 
 // ---- OpenFilePackage ----------------------------------------------------------------------------
 
-TEST_F(FilePackageTest, OpenOfAMissingFileIsEmptyAndLeavesAnEmptyFile) {
+TEST_F(FilePackageTest, OpenOfAMissingFileReturnsNullAndLeavesAnEmptyFile) {
     EXPECT_FALSE(Open(path_));
     ASSERT_TRUE(std::filesystem::exists(path_));
     EXPECT_EQ(std::filesystem::file_size(path_), 0U);
@@ -196,13 +196,13 @@ TEST_F(FilePackageTest, OpenReadsWhatWasCommitted) {
     EXPECT_TRUE(Format::GetHeaderData(*package) == headerData_);
 }
 
-TEST_F(FilePackageTest, OpenAndReleaseLeavesTheFileAsItIs) {
+TEST_F(FilePackageTest, OpenAndReleaseLeaveTheFileUnchanged) {
     const Bytes file = WritePackage();
     ASSERT_TRUE(Open(path_));
     EXPECT_TRUE(Format::ReadWholeFile(path_) == file);
 }
 
-TEST_F(FilePackageTest, OpenIsAlwaysToWriteToo) {
+TEST_F(FilePackageTest, OpenedPackageCanBeChanged) {
     WritePackage();
     const auto package = Open(path_);
     ASSERT_TRUE(package);
@@ -212,7 +212,7 @@ TEST_F(FilePackageTest, OpenIsAlwaysToWriteToo) {
     Format::ExpectFile(path_, streams_, headerData_);
 }
 
-TEST_F(FilePackageTest, OpenOfAFileCutInItsHeadFileIsEmpty) {
+TEST_F(FilePackageTest, OpenOfAFileTruncatedInItsHeadFileReturnsNull) {
     Bytes file = WritePackage();
     const std::uint64_t lastPage = Format::ReadPackage(file).headPages.back().number;
     const std::size_t needed = Format::PageOffset(lastPage) + 8192;
@@ -230,7 +230,7 @@ TEST_F(FilePackageTest, OpenOfAFileCutInItsHeadFileIsEmpty) {
     EXPECT_TRUE(Open(path_));
 }
 
-TEST_F(FilePackageTest, OpenOfAnOverwrittenFileIsEmpty) {
+TEST_F(FilePackageTest, OpenOfAnOverwrittenFileReturnsNull) {
     const Bytes file = WritePackage();
     for (const Bytes& other :
          {Bytes(file.size(), 0), Bytes(file.size(), 0xFF), Format::Pattern(file.size(), 6)}) {
@@ -240,7 +240,7 @@ TEST_F(FilePackageTest, OpenOfAnOverwrittenFileIsEmpty) {
     }
 }
 
-TEST_F(FilePackageTest, OpenOfAFileWithAnyHeadPageOverwrittenIsEmpty) {
+TEST_F(FilePackageTest, OpenOfAFileWithAnyHeadPageOverwrittenReturnsNull) {
     const Bytes file = WritePackage();
     const Format::PackageImage image = Format::ReadPackage(file);
     ASSERT_EQ(image.headPages.size(), 3U);
@@ -253,14 +253,14 @@ TEST_F(FilePackageTest, OpenOfAFileWithAnyHeadPageOverwrittenIsEmpty) {
     }
 }
 
-TEST_F(FilePackageTest, OpenIsEmptyWhereThereIsNoFolderNorFile) {
+TEST_F(FilePackageTest, OpenReturnsNullWithoutAFolderOrFile) {
     EXPECT_FALSE(Open(directory_.File("no/package")));
     EXPECT_FALSE(Open(directory_.Path().string()));
     EXPECT_FALSE(Open(""));
     EXPECT_FALSE(OpenFilePackage({nullptr, 64, 100}));
 }
 
-TEST_F(FilePackageTest, OpenIsEmptyWhenAnyTransferFailsAndLeavesTheFileAsItIs) {
+TEST_F(FilePackageTest, OpenReturnsNullIfAnyTransferFailsAndLeavesTheFileUnchanged) {
     const Bytes file = WritePackage();
     for (const StdioCall call : {StdioCall::Seek, StdioCall::Tell, StdioCall::Read}) {
         std::uint64_t failures = 1;
@@ -275,7 +275,7 @@ TEST_F(FilePackageTest, OpenIsEmptyWhenAnyTransferFailsAndLeavesTheFileAsItIs) {
     EXPECT_TRUE(Open(path_));
 }
 
-TEST_F(FilePackageTest, OpenBoundsStreamsByTheLimitOfTheDay) {
+TEST_F(FilePackageTest, OpenAppliesTheConfiguredStreamLimit) {
     WritePackage();
     EXPECT_FALSE(Format::OpenPackage(path_, {64, 0}));
     EXPECT_TRUE(Format::OpenPackage(path_, {64, 1}));

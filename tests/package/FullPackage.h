@@ -6,8 +6,8 @@
 
 namespace Quorvel::Testing {
 
-// A package file without streams whose link table has an entry for every page that there can be,
-// all in use but so many behind the head file.
+// A package file without streams whose link table has an entry for every possible page. All pages
+// are in use except `freePages` pages after the head file.
 inline Format::Bytes FullPackage(std::uint64_t freePages) {
     constexpr std::uint64_t kStateSize = 8 + 8 * Format::kPageCountLimit + 8 + 16 + 8;
     constexpr std::uint64_t kHeadPages = 1 + (kStateSize - 8160 + 8175) / 8176;

@@ -46,7 +46,7 @@ TEST_F(HeaderDataTest, IsTheSameToReadAndToWrite) {
     EXPECT_EQ(ReadOnly(*package_), package_->GetHeaderData());
 }
 
-TEST_F(HeaderDataTest, IsAChangeWhenItIsResizedOrAskedForToWrite) {
+TEST_F(HeaderDataTest, IsAChangeWhenResizedOrAccessedForWriting) {
     EXPECT_TRUE(package_->SetHeaderDataSize(0));
     EXPECT_TRUE(package_->HasChanges());
     ASSERT_TRUE(package_->Commit());
@@ -54,7 +54,7 @@ TEST_F(HeaderDataTest, IsAChangeWhenItIsResizedOrAskedForToWrite) {
     EXPECT_TRUE(package_->HasChanges());
 }
 
-TEST_F(HeaderDataTest, IsNoChangeWhenItIsRead) {
+TEST_F(HeaderDataTest, IsNotAChangeWhenRead) {
     SetHeaderData({1, 2, 3});
     ASSERT_TRUE(package_->Commit());
     EXPECT_EQ(*ReadOnly(*package_), 1);

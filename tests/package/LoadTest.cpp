@@ -28,7 +28,7 @@ TEST_F(LoadTest, ReadsWhatAnotherPackageHasCommitted) {
     EXPECT_FALSE(other->HasChanges());
 }
 
-TEST_F(LoadTest, ReadsStreamsAnewThatWereInMemory) {
+TEST_F(LoadTest, ReadsCachedStreamsAgain) {
     const std::uint64_t id = Add(10000);
     CommitAndExpectFile();
     ExpectPackage();
@@ -84,7 +84,7 @@ TEST_F(LoadTest, ChangesNothingWhenAnyTransferFails) {
                 const StdioFault fault(call, EIO, skipped, 1);
                 const bool loaded = package_->Load();
                 failures = fault.Failures();
-                // What is written is what was read, by a package that nobody needs any more.
+                // Only the replaced package may write, so a failed write does not matter.
                 EXPECT_EQ(loaded, failures == 0 || call == StdioCall::Write);
             }
             EXPECT_FALSE(package_->HasChanges());
@@ -94,7 +94,7 @@ TEST_F(LoadTest, ChangesNothingWhenAnyTransferFails) {
     EXPECT_TRUE(File() == file);
 }
 
-TEST_F(LoadTest, IsFalseWhenTheFileCanNotBeOpened) {
+TEST_F(LoadTest, FailsIfTheFileCannotBeOpened) {
     SetHeaderData({1, 2, 3});
     const StdioFault fault(StdioCall::Open, EMFILE);
     EXPECT_FALSE(package_->Load());
@@ -125,7 +125,7 @@ TEST_F(LoadTest, WritesNothingNewWhenThereWereNoChanges) {
     EXPECT_TRUE(File() == file);
 }
 
-TEST_F(LoadTest, ForgetsChangesThatWereAbandoned) {
+TEST_F(LoadTest, DoesNotBringBackAbandonedChanges) {
     SetHeaderData({1, 2, 3});
     CommitAndExpectFile();
     Format::SetHeaderData(*package_, {4, 5, 6});
@@ -138,7 +138,7 @@ TEST_F(LoadTest, ForgetsChangesThatWereAbandoned) {
     Format::ExpectFile(path_, streams_, headerData_);
 }
 
-TEST_F(LoadTest, TakesAnyNumberOfTurns) {
+TEST_F(LoadTest, CanBeRepeated) {
     for (std::size_t turn = 0; turn < 5; ++turn) {
         Add(5000 + turn);
         SetHeaderData(Format::Pattern(turn * 5000, turn));
@@ -149,7 +149,7 @@ TEST_F(LoadTest, TakesAnyNumberOfTurns) {
     }
 }
 
-TEST_F(LoadTest, GoesOnWhereThePackageStood) {
+TEST_F(LoadTest, ContinuesFromTheCommittedState) {
     for (std::size_t size : {100U, 8192U, 8193U, 70000U}) {
         Add(size);
     }

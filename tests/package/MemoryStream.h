@@ -10,8 +10,8 @@
 
 namespace Quorvel::Testing {
 
-// A stream over bytes in memory. Like every stream it has a fixed size; it may claim another one
-// than it has, as the head file of a damaged package does.
+// A stream of fixed size over bytes in memory. It may claim a size other than its own, like the
+// head file of a damaged package.
 class MemoryStream : public IDataStream {
 public:
     explicit MemoryStream(Format::Bytes bytes)
@@ -40,7 +40,7 @@ public:
     }
 
 private:
-    // Moves ahead as far as there are bytes.
+    // Advances by up to `size` bytes. Returns how far.
     std::uint64_t Step(std::uint64_t size) {
         const std::uint64_t count = std::min(size, bytes_.size() - position_);
         position_ += count;
@@ -52,7 +52,7 @@ private:
     std::uint64_t position_ = 0;
 };
 
-// What a state of the package writes into a stream of just the size it says it needs.
+// The bytes that a part of a package's state saves to a stream of its StateSize; empty on failure.
 template <typename State>
 Format::Bytes Saved(const State& state) {
     MemoryStream stream(Format::Bytes(state.StateSize(), 0xEE));

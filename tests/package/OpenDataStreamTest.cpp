@@ -23,14 +23,14 @@ TEST_F(OpenDataStreamTest, StartsAtTheStart) {
     EXPECT_EQ(stream->GetSize(), 10000U);
 }
 
-TEST_F(OpenDataStreamTest, OfAnUnknownIdIsEmpty) {
+TEST_F(OpenDataStreamTest, OfAnUnknownIdReturnsNull) {
     EXPECT_FALSE(package_->OpenDataStream(0));
     EXPECT_FALSE(package_->OpenDataStream(kInvalidStreamId));
     Add(10);
     EXPECT_FALSE(package_->OpenDataStream(1));
 }
 
-TEST_F(OpenDataStreamTest, TwiceYieldsTheSameStreamWithItsPosition) {
+TEST_F(OpenDataStreamTest, TwiceReturnsTheSameStreamAtItsPosition) {
     const std::uint64_t id = Add(10000);
     const auto stream = package_->OpenDataStream(id);
     ASSERT_TRUE(stream->Seek(kSeekFromStart, 9000));
@@ -39,7 +39,7 @@ TEST_F(OpenDataStreamTest, TwiceYieldsTheSameStreamWithItsPosition) {
     EXPECT_EQ(again->GetPosition(), 9000U);
 }
 
-TEST_F(OpenDataStreamTest, StaysOpenUntilTheLastReferenceGoes) {
+TEST_F(OpenDataStreamTest, StaysOpenUntilTheLastReferenceIsReleased) {
     const std::uint64_t id = Add(10000);
     auto stream = package_->OpenDataStream(id);
     auto again = package_->OpenDataStream(id);
@@ -94,7 +94,7 @@ TEST_F(OpenDataStreamTest, RefusesATailThatDoesNotFitItsBlock) {
     EXPECT_THROW(package_->OpenDataStream(0), FileDataCorruptException);
 }
 
-TEST_F(OpenDataStreamTest, RefusesASizeThatPagesAndTailDoNotAddUpTo) {
+TEST_F(OpenDataStreamTest, RefusesASizeThatDiffersFromPagesPlusTail) {
     Add(8192 + 100);
     Edit([](PackageImage& image) { image.streams[0].size += 1; });
     EXPECT_THROW(package_->OpenDataStream(0), FileDataCorruptException);
@@ -108,7 +108,7 @@ TEST_F(OpenDataStreamTest, RefusesAChainThatIsTooShort) {
     EXPECT_TRUE(package_->DeleteDataStream(0));  // it is not open
 }
 
-TEST_F(OpenDataStreamTest, LetsTheFilesErrorsThroughWhenAStreamIsRead) {
+TEST_F(OpenDataStreamTest, PassesOnFileErrorsWhenAStreamIsRead) {
     Add(8192);
     package_.Reset();
     package_ = NewPackage();
@@ -123,9 +123,9 @@ TEST_F(OpenDataStreamTest, LetsTheFilesErrorsThroughWhenAStreamIsRead) {
     EXPECT_TRUE(content == streams_[0]);
 }
 
-// ---- A package that goes before its streams -----------------------------------------------------
+// ---- A package released before its streams ------------------------------------------------------
 
-TEST_F(OpenDataStreamTest, LeavesAnEmptyStreamBehindWhenThePackageGoesFirst) {
+TEST_F(OpenDataStreamTest, LeavesAnEmptyStreamIfThePackageIsReleasedFirst) {
     const std::uint64_t id = Add(10000);
     const auto stream = package_->OpenDataStream(id);
     std::uint8_t byte = 7;
@@ -143,7 +143,7 @@ TEST_F(OpenDataStreamTest, LeavesAnEmptyStreamBehindWhenThePackageGoesFirst) {
     Format::ExpectFile(path_, streams_, headerData_);
 }
 
-TEST_F(OpenDataStreamTest, LeavesEveryStreamEmptyAlsoWhenTheLastCommitFails) {
+TEST_F(OpenDataStreamTest, LeavesEveryStreamEmptyEvenIfTheLastCommitFails) {
     std::vector<Util::RefPtr<IDataStream>> streams;
     for (int count = 0; count < 5; ++count) {
         streams.push_back(package_->OpenDataStream(Add(9000)));
@@ -167,7 +167,7 @@ protected:
     TwoPagesTest() : PackageTest({2, 100}) {}
 };
 
-TEST_F(TwoPagesTest, ReadNothingWhenTheCacheHoldsNothingButPinnedPages) {
+TEST_F(TwoPagesTest, ReadsNothingIfAllCachedPagesArePinned) {
     const std::uint64_t first = Add(8192);
     const std::uint64_t second = Add(8192);
     const std::uint64_t third = Add(8192);

@@ -17,7 +17,7 @@
 
 namespace Quorvel::Testing {
 
-// A package in a folder of its own, and beside it what it ought to hold.
+// A package in its own folder, with its expected contents.
 class PackageTest : public ::testing::Test {
 protected:
     explicit PackageTest(Format::LibrarySettings settings = {}) : settings_(settings) {
@@ -59,13 +59,13 @@ protected:
         headerData_ = headerData;
     }
 
-    // Fails the test unless the package in memory holds what it ought to.
+    // Fails the test unless the package in memory has the expected contents.
     void ExpectPackage() {
         Format::ExpectStreams(*package_, streams_);
         EXPECT_TRUE(Format::GetHeaderData(*package_) == headerData_);
     }
 
-    // Commits, and fails the test unless the file is sound and holds what it ought to.
+    // Commits. Fails the test unless the file is sound and has the expected contents.
     void CommitAndExpectFile() {
         ASSERT_TRUE(package_->Commit());
         EXPECT_FALSE(package_->HasChanges());
@@ -75,7 +75,7 @@ protected:
     Format::Bytes File() const { return Format::ReadWholeFile(path_); }
     Format::PackageImage Image() const { return Format::ReadPackage(File()); }
 
-    // Releases the package, lets change have its way with what the file holds, and opens the file.
+    // Releases the package, applies `change` to the file's contents and loads the file.
     void Edit(const std::function<void(Format::PackageImage&)>& change) {
         package_.Reset();
         Format::PackageImage image = Image();
@@ -105,7 +105,7 @@ inline void PrintTo(const Damage& damage, std::ostream* out) {
     *out << damage.name;
 }
 
-// The error code of the FileIOException that an operation throws; nothing else may come out of it.
+// The error code of the FileIOException that the operation throws. Any other outcome is a failure.
 template <typename Operation>
 int FileErrorOf(const Operation& operation) {
     try {
@@ -113,7 +113,7 @@ int FileErrorOf(const Operation& operation) {
     } catch (const FileIOException& exception) {
         return static_cast<int>(exception.errorCode);
     }
-    ADD_FAILURE() << "throws no FileIOException";
+    ADD_FAILURE() << "no FileIOException was thrown";
     return -1;
 }
 

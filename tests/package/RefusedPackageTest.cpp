@@ -1,4 +1,4 @@
-// Package files that can't be loaded, each damaged in one place.
+// Package files that cannot be loaded, each damaged in one place.
 #include <string>
 
 #include "package/AllocationWatch.h"
@@ -26,8 +26,8 @@ protected:
         file_ = File();
     }
 
-    // Fails the test unless this file is refused, by the entry point and by a package that holds
-    // what the sound file does.
+    // Fails the test unless the file is refused by the entry point, and by a package that has the
+    // contents of the sound file.
     void ExpectRefusal(const Bytes& file) {
         Format::WriteWholeFile(path_, file);
         EXPECT_FALSE(Format::OpenPackage(path_, settings_));
@@ -38,7 +38,7 @@ protected:
         EXPECT_TRUE(File() == file);
     }
 
-    // The sound file with another value of a number of the head file's first page.
+    // The sound file with one number of the head file's first page replaced.
     Bytes WithWord(std::size_t offset, std::uint64_t value) const {
         Bytes file = file_;
         Format::StoreInteger(file, offset, 8, value);
@@ -59,7 +59,7 @@ Bytes Encoded(PackageImage image, const Damage& damage) {
     return Format::EncodePackage(image);
 }
 
-// Repeats the first of a list of records with ids from 0 up until there are so many.
+// Appends copies of the first record until there are `count`.
 template <typename Record>
 void Fill(std::vector<Record>& records, std::size_t count) {
     while (records.size() < count) {
@@ -102,8 +102,8 @@ INSTANTIATE_TEST_SUITE_P(
         {"TooManyStreams", [](PackageImage& image) { FillStreams(image, kLimit + 1); }},
         {"StreamIdTwice", [](PackageImage& image) { image.streams[2].id = 0; }},
         {"StreamIdAboveTheLimit", [](PackageImage& image) { image.streams[2].id = kLimit + 1; }},
-        {"StreamIdThatCanNotBeHad", [](PackageImage& image) { image.streams[2].id = 0x1000000; }},
-        {"StreamIdOfNoStream", [](PackageImage& image) { image.streams[2].id = kNone; }},
+        {"StreamIdAboveTheHighest", [](PackageImage& image) { image.streams[2].id = 0x1000000; }},
+        {"InvalidStreamId", [](PackageImage& image) { image.streams[2].id = kNone; }},
         {"TooManyWholePages", [](PackageImage& image) { image.streams[0].pageCount = 0xFFFF7; }},
         {"TooManyBlocks", [](PackageImage& image) { FillBlocks(image, kLimit / 8 + 1); }},
         {"BlockIdTwice",
@@ -112,16 +112,15 @@ INSTANTIATE_TEST_SUITE_P(
              image.blocks[1].id = 0;
          }},
         {"BlockIdAboveTheLimit", [](PackageImage& image) { image.blocks[0].id = kLimit / 8 + 1; }},
-        {"BlockPageBelowThePages", [](PackageImage& image) { image.blocks[0].pages[7] = 9; }},
-        {"BlockPageAboveThePages",
-         [](PackageImage& image) { image.blocks[0].pages[0] = 0x100000; }},
+        {"BlockPageBelowTheFirst", [](PackageImage& image) { image.blocks[0].pages[7] = 9; }},
+        {"BlockPageAboveTheLast", [](PackageImage& image) { image.blocks[0].pages[0] = 0x100000; }},
         {"TooManyFreeBytes", [](PackageImage& image) { image.blocks[0].freeBytes = 65537; }},
         {"TooManyFragments", [](PackageImage& image) { FillFragments(image, kLimit + 1); }},
         {"ListIndexAtTheLimit", [](PackageImage& image) { image.fragments[0].index = kLimit; }},
         {"FragmentOfAStreamAboveTheLimit",
          [](PackageImage& image) { image.fragments[2].streamId = kLimit + 1; }},
-        {"FragmentInNoBlock", [](PackageImage& image) { image.fragments[0].blockId = 1; }},
-        {"FragmentBehindItsBlock", [](PackageImage& image) { image.fragments[0].offset = 65536; }},
+        {"FragmentInAMissingBlock", [](PackageImage& image) { image.fragments[0].blockId = 1; }},
+        {"FragmentPastItsBlock", [](PackageImage& image) { image.fragments[0].offset = 65536; }},
         {"FragmentOfAWholePage", [](PackageImage& image) { image.fragments[0].length = 8192; }},
         {"SecondFragmentOfAStream", [](PackageImage& image) { image.fragments[2].streamId = 0; }},
     }),
@@ -129,7 +128,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 class AcceptedState : public RefusedPackageTest, public ::testing::WithParamInterface<Damage> {};
 
-// The same numbers, one short of what is refused.
+// The same fields, with the last values that are accepted.
 TEST_P(AcceptedState, IsLoaded) {
     Format::WriteWholeFile(path_, Encoded(Format::ReadPackage(file_), GetParam()));
     EXPECT_TRUE(Format::OpenPackage(path_, settings_));
@@ -142,7 +141,7 @@ INSTANTIATE_TEST_SUITE_P(
         {"AsManyStreamsAsTheLimit", [](PackageImage& image) { FillStreams(image, kLimit); }},
         {"StreamIdAtTheLimit", [](PackageImage& image) { image.streams[2].id = kLimit; }},
         {"AllWholePages", [](PackageImage& image) { image.streams[0].pageCount = 0xFFFF6; }},
-        {"AsManyBlocksAsThereMayBe", [](PackageImage& image) { FillBlocks(image, kLimit / 8); }},
+        {"AsManyBlocksAsAllowed", [](PackageImage& image) { FillBlocks(image, kLimit / 8); }},
         {"BlockIdAtTheLimit",
          [](PackageImage& image) {
              FillBlocks(image, 2);
@@ -164,7 +163,7 @@ INSTANTIATE_TEST_SUITE_P(
     }),
     NameOf);
 
-TEST_F(RefusedPackageTest, EndsAnywhereBeforeItsState) {
+TEST_F(RefusedPackageTest, HasASizeBelowThatOfItsState) {
     const std::uint64_t size = Format::ReadPackage(file_).stateSize;
     for (std::uint64_t shorter = 1; shorter < size; ++shorter) {
         Bytes file = WithWord(8, shorter);
@@ -182,12 +181,12 @@ TEST_F(RefusedPackageTest, HasMoreHeaderDataThanIsLeft) {
     }
 }
 
-TEST_F(RefusedPackageTest, HasHeaderDataThatReachesBehindTheEndOfTheHeadFile) {
+TEST_F(RefusedPackageTest, HasHeaderDataThatReachesPastTheEndOfTheHeadFile) {
     ExpectRefusal(WithWord(8, Format::ReadPackage(file_).stateSize - 1));
 }
 
-// The bytes are in the page, but behind the head file's size.
-TEST_F(RefusedPackageTest, HasAListThatReachesBehindTheEndOfTheHeadFile) {
+// The bytes are in the page, but past the end of the head file.
+TEST_F(RefusedPackageTest, HasAListThatReachesPastTheEndOfTheHeadFile) {
     PackageImage image = Format::LayOutPackage({{0, Bytes(3)}}, {}, {});
     file_ = Format::EncodePackage(image);
     const std::size_t blocks = 8 + 8 * image.links.size() + 8 + 32 * image.streams.size() + 8;
@@ -202,20 +201,20 @@ TEST_F(RefusedPackageTest, HasAHeadFileThatDoesNotValidate) {
     ExpectRefusal(WithWord(8, 8193));   // more bytes than one page has
     ExpectRefusal(WithWord(16, 11));    // a page that is not full and not the last
     ExpectRefusal(WithWord(24, 32));    // no data
-    ExpectRefusal(WithWord(24, 8193));  // data beyond the page
+    ExpectRefusal(WithWord(24, 8193));  // data past the page
 }
 
 TEST_F(RefusedPackageTest, IsEmpty) {
     ExpectRefusal({});
 }
 
-// A file of one page whose header claims as many pages as a head file can have, and 6 GiB.
+// A file of one page whose header claims the largest possible number of pages, and 6 GiB.
 class ClaimingPackageTest : public RefusedPackageTest {
 protected:
     static constexpr std::uint64_t kClaimedPages = 0xFFFF6;
     static constexpr std::uint64_t kClaimedBytes = 0x17FFF0000;
 
-    // The first page with other numbers behind the header, which claims that more follows.
+    // The first page with a header that claims more pages, followed by the given numbers.
     Bytes Claiming(const std::vector<std::uint64_t>& state) const {
         Bytes file(file_.begin(), file_.begin() + 8192);
         const std::vector<std::uint64_t> header = {kClaimedPages, kClaimedBytes, 11, 8192};
@@ -229,7 +228,7 @@ protected:
         return file;
     }
 
-    // The tables of the pages that the head file claims come to 16 MiB each.
+    // The tables for the claimed pages take up to 16 MiB each.
     void ExpectRefusalInLittleMemory(const Bytes& file) {
         const AllocationWatch watch;
         ExpectRefusal(file);
@@ -237,13 +236,13 @@ protected:
     }
 };
 
-TEST_F(ClaimingPackageTest, TakesNoMemoryForHeaderDataThatTheFileDoesNotHold) {
+TEST_F(ClaimingPackageTest, AllocatesNothingForHeaderDataThatTheFileDoesNotHold) {
     ExpectRefusalInLittleMemory(Claiming({0, 0, 0, 0, std::uint64_t{1} << 30}));
     ExpectRefusalInLittleMemory(Claiming({0, 0, 0, 0, std::uint64_t{5} << 30}));
     ExpectRefusalInLittleMemory(Claiming({0, 0, 0, 0, std::uint64_t{1} << 60}));
 }
 
-TEST_F(ClaimingPackageTest, TakesNoMemoryForAListThatTheFileDoesNotHold) {
+TEST_F(ClaimingPackageTest, AllocatesNothingForAListThatTheFileDoesNotHold) {
     ExpectRefusalInLittleMemory(
         Claiming({0, 0, 1, 0, 11, 12, 13, 14, 15, 16, 17, 18, 0, std::uint64_t{1} << 27}));
 }

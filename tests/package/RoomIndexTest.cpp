@@ -21,7 +21,7 @@ std::optional<std::uint64_t> FirstWith(const std::vector<std::uint32_t>& rooms,
     return std::nullopt;
 }
 
-TEST(RoomIndex, OfNoBlocksHasNoRoom) {
+TEST(RoomIndex, HasNoRoomWithoutBlocks) {
     EXPECT_EQ(RoomIndex().FirstWith(1), std::nullopt);
 }
 
@@ -48,7 +48,7 @@ TEST(RoomIndex, ForgetsRoomThatIsTaken) {
     EXPECT_EQ(rooms.FirstWith(100), 3u);
 }
 
-TEST(RoomIndex, BlocksThatWereNeverSetHaveNone) {
+TEST(RoomIndex, BlocksThatWereNeverSetHaveNoRoom) {
     RoomIndex rooms;
     rooms.Set(1000, 1);
     EXPECT_EQ(rooms.FirstWith(1), 1000u);
@@ -72,7 +72,7 @@ TEST(RoomIndex, SwapsEverything) {
     EXPECT_EQ(other.FirstWith(7), 5u);
 }
 
-TEST(RoomIndex, AnswersAsAWalkOverAllBlocksDoes) {
+TEST(RoomIndex, AgreesWithALinearSearch) {
     std::minstd_rand random(3);
     RoomIndex index;
     std::vector<std::uint32_t> rooms;

@@ -1,4 +1,4 @@
-// Packages that load, but whose pages or tails belong to two, or to nobody.
+// Packages that load although a page or tail has two owners, or none.
 #include <string>
 #include <vector>
 
@@ -11,7 +11,8 @@ namespace {
 
 using Format::PackageImage;
 
-// Streams 0 to 3, each with a page and a tail in block 0, and 4, of three pages; page 11 is free.
+// Streams 1 to 4, each with a page and a tail in block 0, and stream 5, of three pages. Page 11 is
+// free.
 class SoundnessTest : public PackageTest {
 protected:
     SoundnessTest() : PackageTest({64, 24}) {
@@ -87,11 +88,11 @@ TEST_F(SoundnessTest, HoldsForABlockOfAnyId) {
     EXPECT_TRUE(package_->IsSound());
 }
 
-TEST_F(SoundnessTest, IsDeniedWithoutAFile) {
+TEST_F(SoundnessTest, FailsWithoutAFile) {
     EXPECT_FALSE(NewPackage()->IsSound());
 }
 
-TEST_P(UnsoundPackage, IsSeen) {
+TEST_P(UnsoundPackage, IsDetected) {
     Edit(GetParam().apply);
     EXPECT_FALSE(package_->IsSound());
 }
@@ -101,7 +102,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::ValuesIn(std::vector<Damage>{
         {"TwoStreamsOfOnePage",
          [](PackageImage& image) { image.streams[0].firstPage = image.streams[1].firstPage; }},
-        {"StreamThatGoesOnInAnother",
+        {"StreamThatContinuesInAnother",
          [](PackageImage& image) {
              image.links[image.streams[0].firstPage - 10] = image.streams[1].firstPage;
          }},
@@ -111,7 +112,7 @@ INSTANTIATE_TEST_SUITE_P(
          }},
         {"StreamInAFreePage",
          [](PackageImage& image) { image.streams[0].firstPage = FreePage(image); }},
-        {"StreamThatGoesOnInAFreePage",
+        {"StreamThatContinuesInAFreePage",
          [](PackageImage& image) {
              image.links[image.streams[0].firstPage - 10] = FreePage(image);
          }},
@@ -129,11 +130,11 @@ INSTANTIATE_TEST_SUITE_P(
          [](PackageImage& image) { image.blocks[0].pages[7] = image.blocks[0].pages[0]; }},
         {"BlockThatEndsEarly",
          [](PackageImage& image) { image.links[image.blocks[0].pages[3] - 10] = 0; }},
-        {"BlockThatGoesOn",
+        {"BlockThatContinues",
          [](PackageImage& image) {
              image.links[image.blocks[0].pages[7] - 10] = image.streams[0].firstPage;
          }},
-        {"PageOfNobodyThatGoesOnInAFreeOne",
+        {"UnownedPageThatContinuesInAFreeOne",
          [](PackageImage& image) {
              const std::uint64_t free = FreePage(image);
              image.links.push_back(free);
@@ -141,12 +142,12 @@ INSTANTIATE_TEST_SUITE_P(
         {"FreeHeadPage", [](PackageImage& image) { image.links[0] = Format::kFreePage; }},
         {"TailInAnothersPlace",
          [](PackageImage& image) { image.fragments[1].offset = image.fragments[0].offset; }},
-        {"TailBehindAGap", [](PackageImage& image) { image.fragments[3].offset += 1; }},
-        {"TailsInExchangedPlaces",
+        {"TailAfterAGap", [](PackageImage& image) { image.fragments[3].offset += 1; }},
+        {"TailsInSwappedPlaces",
          [](PackageImage& image) {
              std::swap(image.fragments[0].offset, image.fragments[1].offset);
          }},
-        {"TailsOfExchangedStreams",
+        {"TailsOfSwappedStreams",
          [](PackageImage& image) {
              std::swap(image.fragments[0].streamId, image.fragments[1].streamId);
          }},
@@ -178,8 +179,8 @@ INSTANTIATE_TEST_SUITE_P(
              AddEmptyBlock(image);
              image.blocks[1].streams = {image.blocks[0].streams[0]};
          }},
-        {"MoreFreeBytesThanThereAre", [](PackageImage& image) { image.blocks[0].freeBytes -= 1; }},
-        {"PageInUseBehindTheFile", [](PackageImage& image) { image.links.push_back(0); }},
+        {"FewerFreeBytesThanThereAre", [](PackageImage& image) { image.blocks[0].freeBytes -= 1; }},
+        {"PageInUsePastTheEndOfTheFile", [](PackageImage& image) { image.links.push_back(0); }},
     }),
     [](const auto& test) { return test.param.name; });
 

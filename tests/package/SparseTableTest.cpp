@@ -50,7 +50,7 @@ TEST(SparseTable, ReplacesARecordWithoutCountingItTwice) {
     EXPECT_EQ(table.Count(), 1u);
 }
 
-TEST(SparseTable, VisitsRecordsInOrderOfIds) {
+TEST(SparseTable, VisitsRecordsInIdOrder) {
     Table table;
     for (const std::uint64_t id : {900u, 0u, 15u, 16u, 4u}) {
         table.Put(id, id + 1);
@@ -60,7 +60,7 @@ TEST(SparseTable, VisitsRecordsInOrderOfIds) {
     EXPECT_EQ(*table.Find(900), 1802u);
 }
 
-TEST(SparseTable, VisitsRunsOfRecordsThatStandTogether) {
+TEST(SparseTable, VisitsRunsOfAdjacentRecords) {
     Table table;
     for (const std::uint64_t id : {0u, 1u, 2u, 5u, 14u, 15u, 16u, 17u, 900u}) {
         table.Put(id, id);
@@ -82,7 +82,7 @@ TEST(SparseTable, VisitsRunsOfRecordsThatStandTogether) {
     EXPECT_EQ(visits, 1u);
 }
 
-TEST(SparseTable, RecordsStayWhereTheyAre) {
+TEST(SparseTable, RecordsKeepTheirAddresses) {
     Table table;
     table.Put(1, 10);
     const std::uint64_t* const record = table.Find(1);

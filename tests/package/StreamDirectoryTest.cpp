@@ -20,7 +20,7 @@ using Words = std::vector<std::uint64_t>;
 
 constexpr std::uint64_t kLimit = 10;
 
-// Two records as they stand in the file: ids 0 and 2.
+// Two records as they are stored, with ids 0 and 2.
 const Bytes kTwoRecords = {
     2,    0,    0,    0,    0,    0,    0,    0,     // two streams
     0,    0,    0,    0,    0,    0,    0,    0,     // id
@@ -41,7 +41,7 @@ void Load(StreamDirectory& directory, const Bytes& state, std::uint64_t limit = 
     EXPECT_TRUE(LoadFrom(directory, stream, limit));
 }
 
-// A directory of so many streams of one byte, with ids from 0 up.
+// Adds `count` streams of one byte, under the lowest free ids.
 void Fill(StreamDirectory& directory, std::uint64_t count) {
     for (std::uint64_t index = 0; index < count; ++index) {
         const std::uint64_t id = directory.AllocateId();
@@ -68,7 +68,7 @@ TEST(StreamDirectory, IsEmptyAtFirst) {
     EXPECT_EQ(directory.IdAt(0), kInvalidStreamId);
 }
 
-TEST(StreamDirectory, HandsOutTheLowestFreeIdFirst) {
+TEST(StreamDirectory, AllocatesTheLowestFreeIdFirst) {
     StreamDirectory directory;
     Fill(directory, 4);
     EXPECT_TRUE(directory.Remove(2));
@@ -85,14 +85,14 @@ TEST(StreamDirectory, ListsIdsInAscendingOrder) {
     EXPECT_EQ(directory.IdAt(3), kInvalidStreamId);
 }
 
-TEST(StreamDirectory, GivesBackAnIdWithoutARecord) {
+TEST(StreamDirectory, FreesAnIdWithoutARecord) {
     StreamDirectory directory;
     directory.FreeId(directory.AllocateId());
     EXPECT_EQ(directory.Count(), 0U);
     EXPECT_EQ(directory.AllocateId(), 0U);
 }
 
-TEST(StreamDirectory, StoresARecordUnderTheIdItIsToldWhateverTheRecordSays) {
+TEST(StreamDirectory, StoresARecordUnderTheGivenIdNotTheOneInTheRecord) {
     StreamDirectory directory;
     const std::uint64_t id = directory.AllocateId();
     directory.Store(id, {77, 100, 20, 3});
@@ -137,7 +137,7 @@ TEST(StreamDirectory, StoresAnIdAtItsLimitAndRefusesOneAbove) {
     EXPECT_EQ(directory.TotalBytes(), 1U);
 }
 
-TEST(StreamDirectory, StoresAsManyWholePagesAsThereCanBeAndRefusesOneMore) {
+TEST(StreamDirectory, StoresTheLargestNumberOfWholePagesAndRefusesOneMore) {
     StreamDirectory directory;
     const std::uint64_t id = directory.AllocateId();
     directory.Store(id, {id, 1, 10, kPageCountLimit});
@@ -176,7 +176,7 @@ TEST(StreamDirectory, ForgetsEverythingButItsNewLimitAtReset) {
     EXPECT_THROW(directory.Store(2, {2, 1, 0, 0}), InvalidParameterException);
 }
 
-TEST(StreamDirectory, HasALimitOfSixteenMillionIdsUntilItIsGivenAnother) {
+TEST(StreamDirectory, HasALimitOfSixteenMillionIdsByDefault) {
     EXPECT_EQ(kDefaultStreamLimit, 16777215U);
     StreamDirectory directory;
     directory.Reset(3);
@@ -212,7 +212,7 @@ TEST(StreamDirectory, IsLoadedAsItWasSaved) {
     EXPECT_THAT(Saved(directory), ElementsAreArray(kTwoRecords));
 }
 
-TEST(StreamDirectory, ReplacesWhatItHadByWhatItLoads) {
+TEST(StreamDirectory, ReplacesItsContentsWhenLoaded) {
     StreamDirectory directory;
     Fill(directory, 7);
     Load(directory, BytesOf({1, 3, 20, 0, 0}));
@@ -238,12 +238,12 @@ TEST(StreamDirectory, LoadsAsManyRecordsAsItsLimitAndRefusesOneMore) {
     EXPECT_THROW(LoadFrom(directory, stream, 2), FileDataCorruptException);
 }
 
-TEST(StreamDirectory, RefusesToLoadAnIdThatComesTwice) {
+TEST(StreamDirectory, RefusesToLoadADuplicateId) {
     MemoryStream stream(BytesOf({2, 4, 0, 0, 0, 4, 0, 0, 0}));
     EXPECT_THROW(LoadFrom(StreamDirectory(), stream, kLimit), FileDataCorruptException);
 }
 
-TEST(StreamDirectory, RefusesToLoadAnIdThatCanNotBeHad) {
+TEST(StreamDirectory, RefusesToLoadAnIdAboveTheHighestWithAnyLimit) {
     for (const std::uint64_t id : {std::uint64_t{0x1000000}, kInvalidStreamId}) {
         MemoryStream stream(BytesOf({1, id, 0, 0, 0}));
         EXPECT_THROW(LoadFrom(StreamDirectory(), stream, ~std::uint64_t{0}),
@@ -259,21 +259,21 @@ TEST(StreamDirectory, LoadsAnIdAtItsLimitAndRefusesOneAbove) {
     EXPECT_THROW(LoadFrom(directory, stream, kLimit), InvalidParameterException);
 }
 
-TEST(StreamDirectory, RefusesToLoadARecordOfMoreWholePagesThanThereCanBe) {
+TEST(StreamDirectory, RefusesToLoadARecordOfTooManyWholePages) {
     StreamDirectory directory;
     Load(directory, BytesOf({1, 0, 0, 10, 0xFFFF6}));
     MemoryStream stream(BytesOf({1, 0, 0, 10, 0xFFFF7}));
     EXPECT_THROW(LoadFrom(directory, stream, kLimit), InvalidParameterException);
 }
 
-TEST(StreamDirectory, RefusesToLoadFromAStreamThatEndsAnywhereBeforeItsEnd) {
+TEST(StreamDirectory, RefusesToLoadFromATruncatedStream) {
     for (std::size_t size = 0; size < kTwoRecords.size(); ++size) {
         MemoryStream stream(Prefix(kTwoRecords, size));
         EXPECT_THROW(LoadFrom(StreamDirectory(), stream, kLimit), FileIOException) << size;
     }
 }
 
-TEST(StreamDirectory, TakesNoMemoryForRecordsThatTheStreamDoesNotHold) {
+TEST(StreamDirectory, AllocatesNothingForRecordsThatTheStreamDoesNotHold) {
     MemoryStream stream(BytesOf({kDefaultStreamLimit, 0, 0, 0, 0}), ~std::uint64_t{0});
     StreamDirectory directory;
     const AllocationWatch watch;
@@ -281,7 +281,7 @@ TEST(StreamDirectory, TakesNoMemoryForRecordsThatTheStreamDoesNotHold) {
     EXPECT_LT(watch.Largest(), 4096U);
 }
 
-TEST(StreamDirectory, CanNotBeSavedToAStreamThatEndsAnywhereBeforeItsEnd) {
+TEST(StreamDirectory, CannotBeSavedToAStreamThatIsTooShort) {
     StreamDirectory directory;
     Fill(directory, 2);
     for (std::size_t size = 0; size < directory.StateSize(); ++size) {
@@ -290,7 +290,7 @@ TEST(StreamDirectory, CanNotBeSavedToAStreamThatEndsAnywhereBeforeItsEnd) {
     }
 }
 
-TEST(StreamDirectory, ExchangesEverythingWithAnother) {
+TEST(StreamDirectory, SwapsEverything) {
     StreamDirectory one;
     Load(one, kTwoRecords, 2);
     StreamDirectory other;

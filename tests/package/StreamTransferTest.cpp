@@ -21,7 +21,7 @@ Bytes Pattern(std::size_t size) {
     return bytes;
 }
 
-TEST(StateReader, ReadsRecordsOneAfterTheOther) {
+TEST(StateReader, ReadsConsecutiveRecords) {
     MemoryStream stream({1, 0, 0, 0, 2, 0, 3});
     StateReader reader(stream);
     EXPECT_EQ(reader.Read<std::uint32_t>(), 1u);
@@ -30,7 +30,7 @@ TEST(StateReader, ReadsRecordsOneAfterTheOther) {
     EXPECT_THROW(reader.Read<std::uint8_t>(), FileIOException);
 }
 
-TEST(StateReader, TouchesNothingBehindWhatIsWanted) {
+TEST(StateReader, ReadsNothingPastTheExpectedBytes) {
     MemoryStream stream(Pattern(100));
     StateReader reader(stream);
     reader.Read<std::uint64_t>();
@@ -45,7 +45,7 @@ TEST(StateReader, TouchesNothingBehindWhatIsWanted) {
     EXPECT_EQ(stream.GetPosition(), 29u);
 }
 
-TEST(StateReader, ExpectingMoreThanThereIsFailsOnlyWhereTheStreamEnds) {
+TEST(StateReader, ExpectingTooMuchFailsOnlyAtTheEndOfTheStream) {
     MemoryStream stream(Pattern(10));
     StateReader reader(stream);
     reader.Expect(1000000);
@@ -77,7 +77,7 @@ TEST(StateReader, ReadsNoItemsWhenTheStreamHasFewer) {
     EXPECT_EQ(items.size(), 2u);
 }
 
-TEST(StateReader, ItemsThatAStreamOnlyClaimsTakeNoMemory) {
+TEST(StateReader, ItemsThatAStreamOnlyClaimsAreNotAllocated) {
     MemoryStream stream(Pattern(16), std::uint64_t{1} << 40);
     StateReader reader(stream);
     std::vector<std::uint64_t> items;
@@ -105,7 +105,7 @@ TEST(StateWriter, WritesEverythingInOrder) {
               Bytes(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(written)));
 }
 
-TEST(StateWriter, AsksTheStreamForLargePieces) {
+TEST(StateWriter, WritesToTheStreamInLargePieces) {
     MemoryStream stream(Bytes(3 * kTransferBufferSize));
     StateWriter writer(stream);
     for (std::size_t index = 0; index < kTransferBufferSize / 8; ++index) {

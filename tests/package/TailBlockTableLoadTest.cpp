@@ -16,8 +16,8 @@ using Words = std::vector<std::uint64_t>;
 
 constexpr std::uint64_t kLimit = 24;
 
-// The numbers of a sound state, by their place in it: two blocks, the second of which holds the
-// tails of streams 5 and 2.
+// The numbers of a sound state, in order: two blocks, of which the second holds the tails of
+// streams 5 and 2.
 const Words kState = {2,                                           // blocks
                       0, 11, 12, 13,  14,  15, 16, 17, 18, 65536,  // the first one
                       0,                                           // its streams
@@ -53,7 +53,7 @@ bool Load(const Words& words, std::uint64_t limit = kLimit) {
     return LoadFrom(TailBlockTable(), stream, limit);
 }
 
-// So many blocks and nothing else.
+// A state of `count` blocks and nothing else.
 Words Blocks(std::uint64_t count) {
     Words words = {count};
     for (std::uint64_t id = 0; id < count; ++id) {
@@ -63,7 +63,7 @@ Words Blocks(std::uint64_t count) {
     return words;
 }
 
-// One block and so many fragments.
+// A state of one block and `count` fragments.
 Words Fragments(std::uint64_t count) {
     Words words = {1, 0, 11, 12, 13, 14, 15, 16, 17, 18, 0, 0, count};
     for (std::uint64_t id = 0; id < count; ++id) {
@@ -94,7 +94,7 @@ TEST(TailBlockTableLoad, ReadsWhatWasSaved) {
     EXPECT_TRUE(Saved(table) == BytesOf(kState));
 }
 
-TEST(TailBlockTableLoad, GoesOnWhereItWasSaved) {
+TEST(TailBlockTableLoad, ContinuesFromTheSavedState) {
     TailBlockTable table;
     MemoryStream stream(BytesOf(kState));
     EXPECT_TRUE(LoadFrom(table, stream, kLimit));
@@ -126,25 +126,25 @@ TEST(TailBlockTableLoad, KeepsTheLimit) {
     EXPECT_TRUE(table.Place(8, 0, 1));
 }
 
-TEST(TailBlockTableLoad, TakesAsManyBlocksAsAnEighthOfTheLimitAndRefusesOneMore) {
+TEST(TailBlockTableLoad, AcceptsAsManyBlocksAsAnEighthOfTheLimitAndRefusesOneMore) {
     EXPECT_TRUE(Load(Blocks(3), 24));
     EXPECT_TRUE(Load(Blocks(3), 31));
     EXPECT_THROW(Load(Blocks(4), 31), FileDataCorruptException);
     EXPECT_TRUE(Load(Blocks(4), 32));
 }
 
-TEST(TailBlockTableLoad, TakesOneBlockUnderTheSmallestLimitsAndRefusesTwo) {
+TEST(TailBlockTableLoad, AcceptsOneBlockUnderTheSmallestLimitsAndRefusesTwo) {
     for (const std::uint64_t limit : {0U, 1U, 7U, 8U, 15U}) {
         EXPECT_TRUE(Load(Blocks(1), limit));
         EXPECT_THROW(Load(Blocks(2), limit), FileDataCorruptException) << limit;
     }
 }
 
-TEST(TailBlockTableLoad, RefusesABlockIdThatComesTwice) {
+TEST(TailBlockTableLoad, RefusesADuplicateBlockId) {
     EXPECT_THROW(Load(With(kBlockId, 0)), FileDataCorruptException);
 }
 
-TEST(TailBlockTableLoad, TakesABlockIdAtAnEighthOfTheLimitAndRefusesOneAbove) {
+TEST(TailBlockTableLoad, AcceptsABlockIdAtAnEighthOfTheLimitAndRefusesOneAbove) {
     EXPECT_TRUE(Load(kState, 31));  // block 3
     EXPECT_THROW(Load(With(kBlockId, 4), 31), InvalidParameterException);
     EXPECT_THROW(Load(With(kBlockId, ~std::uint64_t{0}), 31), InvalidParameterException);
@@ -155,11 +155,11 @@ TEST(TailBlockTableLoad, TakesABlockIdAtAnEighthOfTheLimitAndRefusesOneAbove) {
     EXPECT_THROW(Load(one, 7), InvalidParameterException);
 }
 
-TEST(TailBlockTableLoad, RefusesABlockIdThatCanNotBeHad) {
+TEST(TailBlockTableLoad, RefusesABlockIdAboveTheHighestWithAnyLimit) {
     EXPECT_THROW(Load(With(kBlockId, 0x1000000), ~std::uint64_t{0}), InvalidParameterException);
 }
 
-TEST(TailBlockTableLoad, RefusesABlockWithAPageNumberThatIsNotValid) {
+TEST(TailBlockTableLoad, RefusesABlockWithAnInvalidPageNumber) {
     for (std::size_t index = 0; index < kTailBlockPages; ++index) {
         const auto page = static_cast<Field>(kPages + index);
         EXPECT_TRUE(Load(With(page, 10)));
@@ -170,18 +170,18 @@ TEST(TailBlockTableLoad, RefusesABlockWithAPageNumberThatIsNotValid) {
     }
 }
 
-TEST(TailBlockTableLoad, RefusesABlockWithMoreBytesFreeThanItHas) {
+TEST(TailBlockTableLoad, RefusesABlockWithMoreFreeBytesThanItsSize) {
     EXPECT_TRUE(Load(With(kFreeBytes, 65536)));
     EXPECT_THROW(Load(With(kFreeBytes, 65537)), InvalidParameterException);
 }
 
-TEST(TailBlockTableLoad, RefusesAListThatIsLongerThanTheRestOfTheStream) {
+TEST(TailBlockTableLoad, RefusesAListLongerThanTheRestOfTheStream) {
     EXPECT_THROW(Load(With(kListCount, 14)), FileDataCorruptException);
     EXPECT_THROW(Load(With(kListCount, std::uint64_t{1} << 61)), FileDataCorruptException);
     EXPECT_THROW(Load(With(kFirstListCount, ~std::uint64_t{0})), FileDataCorruptException);
 }
 
-TEST(TailBlockTableLoad, RefusesAListThatReachesBehindTheEndOfTheStreamAlsoWhereBytesFollow) {
+TEST(TailBlockTableLoad, RefusesAListThatReachesPastTheEndOfTheStreamEvenIfBytesFollow) {
     const auto loadFrom = [](std::uint64_t size) {
         MemoryStream stream(BytesOf(kState), size);
         return LoadFrom(TailBlockTable(), stream, kLimit);
@@ -190,7 +190,7 @@ TEST(TailBlockTableLoad, RefusesAListThatReachesBehindTheEndOfTheStreamAlsoWhere
     EXPECT_THROW(loadFrom(8 * kFragmentCount - 1), FileDataCorruptException);
 }
 
-TEST(TailBlockTableLoad, TakesAsManyFragmentsAsTheLimitAndRefusesOneMore) {
+TEST(TailBlockTableLoad, AcceptsAsManyFragmentsAsTheLimitAndRefusesOneMore) {
     EXPECT_TRUE(Load(Fragments(24), 24));
     EXPECT_THROW(Load(Fragments(25), 24), FileDataCorruptException);
     EXPECT_TRUE(Load(Fragments(1), 1));
@@ -208,20 +208,20 @@ TEST(TailBlockTableLoad, RefusesAFragmentOfAStreamAboveTheLimit) {
     EXPECT_THROW(Load(With(kStreamId, kLimit + 1)), InvalidParameterException);
 }
 
-TEST(TailBlockTableLoad, RefusesAFragmentOfAStreamAboveAllIdsWhateverTheLimit) {
+TEST(TailBlockTableLoad, RefusesAFragmentOfAStreamAboveTheHighestIdWithAnyLimit) {
     constexpr std::uint64_t kNoLimit = ~std::uint64_t{0};
     EXPECT_TRUE(Load(With(kStreamId, 0xFFFFFF), kNoLimit));
     EXPECT_THROW(Load(With(kStreamId, 0x1000000), kNoLimit), InvalidParameterException);
 }
 
-TEST(TailBlockTableLoad, RefusesAFragmentInABlockThatThereIsNot) {
+TEST(TailBlockTableLoad, RefusesAFragmentInAMissingBlock) {
     EXPECT_TRUE(Load(With(kFragmentBlock, 0)));
     for (const std::uint64_t block : {std::uint64_t{1}, std::uint64_t{4}, ~std::uint64_t{0}}) {
         EXPECT_THROW(Load(With(kFragmentBlock, block)), InvalidParameterException);
     }
 }
 
-TEST(TailBlockTableLoad, RefusesAFragmentThatBeginsBehindItsBlock) {
+TEST(TailBlockTableLoad, RefusesAFragmentThatBeginsPastItsBlock) {
     EXPECT_TRUE(Load(With(kOffset, 65535)));
     EXPECT_THROW(Load(With(kOffset, 65536)), InvalidParameterException);
 }
@@ -235,7 +235,7 @@ TEST(TailBlockTableLoad, RefusesASecondFragmentOfAStream) {
     EXPECT_THROW(Load(With(kSecondStreamId, 2)), FileDataCorruptException);
 }
 
-TEST(TailBlockTableLoad, RefusesAStreamThatEndsAnywhereBeforeItsEnd) {
+TEST(TailBlockTableLoad, RefusesAStreamTruncatedAnywhere) {
     const Bytes state = BytesOf(kState);
     const auto isInList = [](std::size_t size) {
         const std::size_t word = size / 8;
@@ -252,7 +252,7 @@ TEST(TailBlockTableLoad, RefusesAStreamThatEndsAnywhereBeforeItsEnd) {
     }
 }
 
-TEST(TailBlockTableLoad, TakesNoMemoryForIdsThatTheStreamClaimsButDoesNotHold) {
+TEST(TailBlockTableLoad, AllocatesNothingForIdsThatTheStreamClaimsButDoesNotHold) {
     MemoryStream stream(BytesOf(With(kListCount, std::uint64_t{1} << 28)), std::uint64_t{1} << 33);
     TailBlockTable table;
     const AllocationWatch watch;
@@ -260,7 +260,7 @@ TEST(TailBlockTableLoad, TakesNoMemoryForIdsThatTheStreamClaimsButDoesNotHold) {
     EXPECT_LT(watch.Largest(), 65536U);
 }
 
-TEST(TailBlockTableLoad, TakesNoMemoryForFragmentsThatTheStreamDoesNotHold) {
+TEST(TailBlockTableLoad, AllocatesNothingForFragmentsThatTheStreamDoesNotHold) {
     MemoryStream stream(BytesOf(With(kFragmentCount, kDefaultStreamLimit)), ~std::uint64_t{0});
     TailBlockTable table;
     const AllocationWatch watch;
@@ -268,7 +268,7 @@ TEST(TailBlockTableLoad, TakesNoMemoryForFragmentsThatTheStreamDoesNotHold) {
     EXPECT_LT(watch.Largest(), 65536U);
 }
 
-// ---- Lists and offsets that a damaged file has wrong --------------------------------------------
+// ---- Wrong lists and offsets in a damaged file --------------------------------------------------
 
 namespace {
 
@@ -279,7 +279,7 @@ Words WithList(std::uint64_t first, std::uint64_t second, Words words = kState) 
     return words;
 }
 
-// One fragment more, in the second block behind the others.
+// Adds a fragment to the second block, after the others.
 Words WithFragment(std::uint64_t streamId, std::uint64_t listIndex, Words words) {
     ++words[kFragmentCount];
     words.insert(words.end(), {streamId, 3, listIndex, 300, 10});
@@ -288,7 +288,7 @@ Words WithFragment(std::uint64_t streamId, std::uint64_t listIndex, Words words)
 
 }  // namespace
 
-TEST(TailBlockTableLoad, RemovesAFragmentOfABlockWhoseListNamesTheWrongStreams) {
+TEST(TailBlockTableLoad, RemovesAFragmentOfABlockThatListsTheWrongStreams) {
     for (const Words& words : {WithList(2, 5), WithList(5, 9), WithList(9, 2), WithList(5, 5)}) {
         TailBlockTable table;
         MemoryStream stream(BytesOf(words));
@@ -302,7 +302,7 @@ TEST(TailBlockTableLoad, RemovesAFragmentOfABlockWhoseListNamesTheWrongStreams) 
     }
 }
 
-TEST(TailBlockTableLoad, LeavesAFragmentOfAnotherBlockAloneThatTheListNames) {
+TEST(TailBlockTableLoad, LeavesAListedFragmentOfAnotherBlockAlone) {
     const Words inOtherBlock = With(kFragmentBlock, 0);
     for (const Words& words : {inOtherBlock, WithFragment(7, 1, inOtherBlock)}) {
         TailBlockTable table;
@@ -319,8 +319,8 @@ TEST(TailBlockTableLoad, LeavesAFragmentOfAnotherBlockAloneThatTheListNames) {
     }
 }
 
-// The block says that more of it is free than is: its fragments lie at 100 to 300 and 400 to 500.
-TEST(TailBlockTableLoad, PlacesATailOnlyWhereNoFragmentIs) {
+// The block claims too many free bytes: its fragments lie at 100 to 300 and 400 to 500.
+TEST(TailBlockTableLoad, PlacesATailOnlyWhereThereIsNoFragment) {
     struct {
         std::uint64_t offset, length;
         bool fits;

@@ -48,8 +48,7 @@ TailBlockTable Loaded(const Words& words) {
     return table;
 }
 
-// One block with so many bytes free according to its record, an empty list, and one fragment, of
-// stream 1.
+// One block with `freeBytes` in its record and an empty list, and one fragment, of stream 1.
 TailBlockTable WithFragment(std::uint64_t freeBytes, std::uint64_t offset, std::uint64_t length) {
     return Loaded({1, 0, 11, 12, 13, 14, 15, 16, 17, 18, freeBytes, 0, 1, 1, 0, 0, offset, length});
 }
@@ -78,7 +77,7 @@ TEST_F(TailBlockTableTest, AddsBlocksUnderTheLowestFreeIds) {
     EXPECT_TRUE(block->streamIds.empty());
 }
 
-TEST_F(TailBlockTableTest, RefusesABlockWithAPageNumberThatIsNotValid) {
+TEST_F(TailBlockTableTest, RefusesABlockWithAnInvalidPageNumber) {
     for (std::size_t index = 0; index < kTailBlockPages; ++index) {
         for (const std::uint64_t number : {0x0U, 0x9U, 0x100000U}) {
             TailBlockPageNumbers pages = kPages;
@@ -190,7 +189,7 @@ TEST(TailBlockTable, RefusesToPlaceATailInsideWhichAnotherBegins) {
     EXPECT_TRUE(table.Place(2, 0, 100));
 }
 
-TEST(TailBlockTable, MindsOverlapsOnlyWithTailsOfTheSameBlock) {
+TEST(TailBlockTable, ChecksOverlapsOnlyWithTailsOfTheSameBlock) {
     TailBlockTable table = WithFragment(65536, 0, 100);
     EXPECT_FALSE(table.Place(2, 0, 50));
     EXPECT_TRUE(table.Place(2, table.AddBlock(kOtherPages), 50));
@@ -198,7 +197,7 @@ TEST(TailBlockTable, MindsOverlapsOnlyWithTailsOfTheSameBlock) {
 
 // ---- Removing -----------------------------------------------------------------------------------
 
-TEST_F(TailBlockTableTest, MovesWhatLiesBehindARemovedTailDown) {
+TEST_F(TailBlockTableTest, MovesTailsAfterARemovedOneDown) {
     EXPECT_TRUE(table_.Place(1, block_, 100));
     EXPECT_TRUE(table_.Place(2, block_, 200));
     table_.Remove(1);
@@ -209,7 +208,7 @@ TEST_F(TailBlockTableTest, MovesWhatLiesBehindARemovedTailDown) {
     EXPECT_EQ(table_.FindBlock(block_)->streamIds, Words({2}));
 }
 
-TEST_F(TailBlockTableTest, LeavesWhatLiesBeforeARemovedTailAlone) {
+TEST_F(TailBlockTableTest, LeavesTailsBeforeARemovedOneAlone) {
     EXPECT_TRUE(table_.Place(4, block_, 100));
     EXPECT_TRUE(table_.Place(3, block_, 200));
     EXPECT_TRUE(table_.Place(2, block_, 300));
@@ -245,7 +244,7 @@ TEST_F(TailBlockTableTest, KeepsABlockThatBecameEmpty) {
     EXPECT_EQ(table_.StateSize(), 16U + 80 + 8);
 }
 
-TEST(TailBlockTable, MovesTailsDownThatItsListDoesNotName) {
+TEST(TailBlockTable, MovesUnlistedTailsDownToo) {
     TailBlockTable table = Loaded({1, 0, 11, 12, 13, 14,  15, 16, 17, 18,  65000, 1, 9,  // lists 9
                                    2, 1, 0,  0,  0,  100, 2,  0,  5,  100, 200});
     table.Remove(1);
@@ -317,7 +316,7 @@ TEST(TailBlockTable, IsSavedByteForByte) {
     EXPECT_THAT(Saved(table), ElementsAreArray(expected));
 }
 
-TEST_F(TailBlockTableTest, SaysHowManyBytesItsStateTakes) {
+TEST_F(TailBlockTableTest, ReportsTheSizeOfItsState) {
     EXPECT_EQ(table_.StateSize(), 16U + 88);
     EXPECT_TRUE(table_.Place(1, block_, 100));
     EXPECT_EQ(table_.StateSize(), 16U + 88 + 8 + 40);
@@ -325,7 +324,7 @@ TEST_F(TailBlockTableTest, SaysHowManyBytesItsStateTakes) {
     EXPECT_EQ(table_.StateSize(), 16U + 2 * (88 + 8 + 40));
 }
 
-TEST_F(TailBlockTableTest, CanNotBeSavedToAStreamThatEndsAnywhereBeforeItsEnd) {
+TEST_F(TailBlockTableTest, CannotBeSavedToAStreamThatIsTooShort) {
     EXPECT_TRUE(table_.Place(1, block_, 100));
     for (std::size_t size = 0; size < table_.StateSize(); ++size) {
         MemoryStream stream(Bytes(size, 0));
@@ -333,7 +332,7 @@ TEST_F(TailBlockTableTest, CanNotBeSavedToAStreamThatEndsAnywhereBeforeItsEnd) {
     }
 }
 
-TEST_F(TailBlockTableTest, ExchangesEverythingWithAnother) {
+TEST_F(TailBlockTableTest, SwapsEverything) {
     EXPECT_TRUE(table_.Place(1, block_, 100));
     const Bytes mine = Saved(table_);
     TailBlockTable other;
@@ -347,9 +346,9 @@ TEST_F(TailBlockTableTest, ExchangesEverythingWithAnother) {
     EXPECT_EQ(other.AddBlock(kPages), 1U);
 }
 
-// ---- The tail as a seeker takes it --------------------------------------------------------------
+// ---- Tails as seekers see them ------------------------------------------------------------------
 
-TEST_F(TailBlockTableTest, DescribesNoTailAsAllZero) {
+TEST_F(TailBlockTableTest, DescribesAMissingTailAsAllZero) {
     ChildFileTail tail = {1, 2, 3, 4};
     EXPECT_TRUE(GetChildFileTail(tail, table_, 1));
     EXPECT_EQ(tail.tailPage, 0U);
@@ -358,7 +357,7 @@ TEST_F(TailBlockTableTest, DescribesNoTailAsAllZero) {
     EXPECT_EQ(tail.tailLength, 0U);
 }
 
-TEST_F(TailBlockTableTest, DescribesATailByItsPageAndTheOneItGoesOnIn) {
+TEST_F(TailBlockTableTest, DescribesATailByItsPageAndTheFollowingOne) {
     // Offsets 0, 5000 and 10000 of the block: inside page 11, across its end, inside page 12.
     for (std::uint64_t id = 0; id < 3; ++id) {
         EXPECT_TRUE(table_.Place(id, block_, 5000));
@@ -379,7 +378,7 @@ TEST_F(TailBlockTableTest, DescribesATailByItsPageAndTheOneItGoesOnIn) {
     EXPECT_EQ(tail.tailOffset, 10000U - 8192);
 }
 
-TEST_F(TailBlockTableTest, DescribesATailThatEndsWithItsPageAsOneThatGoesOnNowhere) {
+TEST_F(TailBlockTableTest, DescribesATailThatEndsWithItsPageWithoutAFollowingOne) {
     EXPECT_TRUE(table_.Place(1, block_, 8000));
     EXPECT_TRUE(table_.Place(2, block_, 192));
     EXPECT_TRUE(table_.Place(3, block_, 8191));
@@ -413,7 +412,7 @@ TEST(TailBlockTable, RefusesToDescribeATailThatReachesIntoTheFreeBytesOfItsBlock
     EXPECT_THROW(GetChildFileTail(tail, WithFragment(65536, 0, 1), 1), FileDataCorruptException);
 }
 
-TEST(TailBlockTable, RefusesToDescribeATailThatReachesBeyondItsBlock) {
+TEST(TailBlockTable, RefusesToDescribeATailThatReachesPastItsBlock) {
     ChildFileTail tail;
     EXPECT_TRUE(GetChildFileTail(tail, WithFragment(0, 65535, 1), 1));
     EXPECT_THROW(GetChildFileTail(tail, WithFragment(0, 65535, 2), 1), FileDataCorruptException);

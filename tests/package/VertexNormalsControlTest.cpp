@@ -7,7 +7,7 @@
 
 namespace Quorvel::Testing {
 
-TEST(VertexNormalsControl, IsOnAndRefersToNothingWhateverItsMemoryHeld) {
+TEST(VertexNormalsControl, IsOnAndRefersToNothingOverAnyMemoryContents) {
     alignas(VertexNormalsControl) unsigned char memory[sizeof(VertexNormalsControl)];
     std::memset(memory, 0, sizeof memory);
     auto* control = new (memory) VertexNormalsControl;

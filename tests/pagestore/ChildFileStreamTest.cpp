@@ -25,7 +25,7 @@ protected:
         package_->Create();
     }
 
-    // A stream of the package that holds a pattern.
+    // Creates a stream with that content in the package.
     std::uint64_t CreateStream(const Bytes& content) {
         const std::uint64_t id = package_->CreateDataStream(content.size());
         EXPECT_EQ(package_->OpenDataStream(id)->Write(content.data(), content.size()),
@@ -70,7 +70,7 @@ TEST_F(ChildFileStreamTest, IsOpenInItsPackageUntilItDies) {
     EXPECT_FALSE(package_->OpenDataStream(id));
 }
 
-TEST_F(ChildFileStreamTest, ItsDeathLeavesTheOtherStreamsOpen) {
+TEST_F(ChildFileStreamTest, LeavesTheOtherStreamsOpenWhenItDies) {
     const std::uint64_t first = CreateStream(PatternBytes(kSize, 1));
     const std::uint64_t second = CreateStream(PatternBytes(kSize, 2));
     Util::RefPtr<IDataStream> dying = package_->OpenDataStream(first);
@@ -80,7 +80,7 @@ TEST_F(ChildFileStreamTest, ItsDeathLeavesTheOtherStreamsOpen) {
     EXPECT_EQ(ReadAll(*living), PatternBytes(kSize, 2));
 }
 
-TEST_F(ChildFileStreamTest, ReadsAndWritesAsAPagedFileStreamOverTheSameSeeker) {
+TEST_F(ChildFileStreamTest, ReadsAndWritesLikeAPagedFileStreamOverTheSameSeeker) {
     const Bytes file = PatternBytes(6 * kPageSize);
     const std::string path = directory_.File("pages");
     WriteFile(path, file);
@@ -114,7 +114,7 @@ TEST_F(ChildFileStreamTest, ReadsAndWritesAsAPagedFileStreamOverTheSameSeeker) {
     }
 }
 
-TEST_F(ChildFileStreamTest, NeedsASeekerThatHasAStart) {
+TEST_F(ChildFileStreamTest, NeedsAnAttachedSeeker) {
     FilePageCache cache(directory_.File("pages").c_str(), 8);
     for (const Util::RefPtr<ChildFileSeeker>& seeker :
          {Util::RefPtr<ChildFileSeeker>(), Util::RefPtr<ChildFileSeeker>(new ChildFileSeeker)}) {
@@ -123,7 +123,7 @@ TEST_F(ChildFileStreamTest, NeedsASeekerThatHasAStart) {
     }
 }
 
-// A child file of two whole pages and a tail that lies across a page end, with a stream of each
+// A child file of two whole pages and a tail that crosses a page boundary, with a stream of each
 // class over it.
 class TwoStreamsTest : public ChildFileStreamTest {
 protected:
@@ -144,7 +144,7 @@ protected:
     Util::RefPtr<PagedFileStream> plain_;
 };
 
-TEST_F(TwoStreamsTest, ReadWriteAndSeekAlikeThroughARandomHistory) {
+TEST_F(TwoStreamsTest, ReadWriteAndSeekAlikeInRandomOrder) {
     std::minstd_rand random(1);
     const auto below = [&random](std::uint32_t limit) {
         return static_cast<std::uint32_t>(random() % limit);
@@ -168,7 +168,7 @@ TEST_F(TwoStreamsTest, ReadWriteAndSeekAlikeThroughARandomHistory) {
     }
 }
 
-TEST_F(TwoStreamsTest, ASeekerThatAnotherHoldsIsLeftToItWhenTheChildDies) {
+TEST_F(TwoStreamsTest, ASeekerThatAnotherStreamHoldsOutlivesTheChild) {
     const Bytes content = PatternBytes(kSize);
     ASSERT_EQ(plain_->Write(content.data(), kSize), kSize);
     child_.Reset();
@@ -197,7 +197,7 @@ TEST_F(ChildFileStreamTest, HasNoBytesOnceItLeftItsPackage) {
     ExpectNoBytes(*stream);
 }
 
-TEST_F(ChildFileStreamTest, ThatLeftItsPackageDiesWithoutTellingIt) {
+TEST_F(ChildFileStreamTest, ThatLeftItsPackageDoesNotNotifyItWhenItDies) {
     const std::uint64_t id = CreateStream(PatternBytes(kSize));
     Util::RefPtr<IDataStream> former = package_->OpenDataStream(id);
     package_->ForgetOpenStream(id);
@@ -207,7 +207,7 @@ TEST_F(ChildFileStreamTest, ThatLeftItsPackageDiesWithoutTellingIt) {
     EXPECT_EQ(package_->OpenDataStream(id), current);
 }
 
-TEST_F(ChildFileStreamTest, MayOutliveItsPackageAndHasNoBytesThen) {
+TEST_F(ChildFileStreamTest, MayOutliveItsPackageButThenHasNoBytes) {
     const std::uint64_t id = CreateStream(PatternBytes(kSize));
     const Util::RefPtr<IDataStream> stream = package_->OpenDataStream(id);
     std::uint8_t byte = 3;
@@ -231,7 +231,7 @@ TEST_F(ChildFileStreamTest, KeepsItsPositionAndBytesWhenItsTailMoves) {
     EXPECT_EQ(ReadAll(*stream), content);
 }
 
-TEST_F(ChildFileStreamTest, KeepsPackageAndNumberBehindThePagedFileStream) {
+TEST_F(ChildFileStreamTest, KeepsPackageAndIdAfterThePagedFileStream) {
     static_assert(sizeof(ChildFileStream) == sizeof(PagedFileStream) + 16);
     const std::uint64_t id = CreateStream(PatternBytes(10));
     const Util::RefPtr<IDataStream> stream = package_->OpenDataStream(id);

@@ -17,8 +17,8 @@
 #include "quorvel/IDataStream.h"
 #include "seekers/IPagedFileSeeker.h"
 
-// What the tests of the page store and of the seekers share: bytes and files to work on, and
-// stand-ins for a stream and a seeker.
+// Helpers for the tests of the page store and the seekers: test bytes and files, a fake stream and
+// a fake seeker.
 namespace Quorvel::Testing {
 
 using Bytes = std::vector<std::uint8_t>;
@@ -39,7 +39,7 @@ inline Bytes Slice(const Bytes& bytes, std::uint64_t offset, std::uint64_t size)
     return {first, first + static_cast<std::ptrdiff_t>(size)};
 }
 
-// The 8192 bytes that a pointer of the page cache leads to.
+// The 8192 bytes at a pointer from the page cache.
 inline Bytes PageBytes(const std::uint8_t* data) {
     return {data, data + kPageSize};
 }
@@ -63,7 +63,7 @@ inline void WriteFile(const std::string& path, const Bytes& bytes) {
                static_cast<std::streamsize>(bytes.size()));
 }
 
-// The error code of the FileIOException that an action throws; nothing when it throws none.
+// The error code of the FileIOException that an action throws; empty if it throws none.
 template <typename Action>
 std::optional<int> FileErrorOf(Action&& action) {
     try {
@@ -74,7 +74,7 @@ std::optional<int> FileErrorOf(Action&& action) {
     return std::nullopt;
 }
 
-// A data member that no accessor shows, by its offset in the object.
+// A data member without an accessor, by its offset in the object.
 template <typename Field>
 Field FieldAt(const void* object, std::size_t offset) {
     Field field;
@@ -82,7 +82,7 @@ Field FieldAt(const void* object, std::size_t offset) {
     return field;
 }
 
-// Where a data member lies in its object.
+// The offset of a data member in its object.
 template <typename Object, typename Field>
 std::ptrdiff_t OffsetIn(const Object& object, const Field& field) {
     return reinterpret_cast<const std::uint8_t*>(&field) -
@@ -97,7 +97,7 @@ std::size_t VirtualSlot(Function function) {
     return offset / sizeof(void*);
 }
 
-// A stream over bytes in memory that notes the size of every transfer asked for.
+// A stream over bytes in memory that records the size of every requested transfer.
 class MemoryStream : public IDataStream {
 public:
     explicit MemoryStream(Bytes content) : bytes(std::move(content)) {}
@@ -134,8 +134,8 @@ private:
     }
 };
 
-// A seeker over the pages and ranges it is given, which notes what it is asked. Its tables show a
-// page only once it was loaded.
+// A seeker over the given pages and ranges that records its calls. Its tables show a page only
+// after the page is loaded.
 class ListSeeker : public IPagedFileSeeker {
 public:
     struct Entry {
@@ -177,12 +177,12 @@ public:
         }
     }
 
-    // How often it was asked, and for which pages.
+    // The calls so far.
     int positionsAsked = 0;
     int movesAsked = 0;
     Numbers pagesLoaded;
 
-    // Whether there is any position at all.
+    // If false, no position exists.
     bool placesPositions = true;
 
 private:

@@ -41,7 +41,7 @@ class FilePageCacheTest : public ::testing::Test {
 protected:
     void MakeZeroFile(std::uint64_t pages) { WriteFile(path_, Bytes(pages * kPageSize)); }
 
-    // Loads a page for reading and lets it go again.
+    // Loads a page for reading and releases it.
     static void Touch(FilePageCache& cache, std::uint64_t page) {
         ASSERT_NE(cache.GetPageForRead(page), nullptr);
         cache.ReleasePageForRead(page);
@@ -61,7 +61,7 @@ protected:
         cache.ReleasePageForWrite(page);
     }
 
-    // Which pages of a file that was zero hold what Fill puts there, and all of it.
+    // The pages of a zero-filled file that hold exactly the bytes that Fill writes.
     Numbers FilledPagesOfFile() const {
         Numbers filled;
         const Bytes file = ReadFile(path_);
@@ -90,7 +90,7 @@ TEST_F(FilePageCacheTest, OpeningAMissingFileCreatesItEmpty) {
 
 TEST_F(FilePageCacheTest, ReadingAPageOfAnEmptyFileThrowsFileIOWithoutAnErrorNumber) {
     FilePageCache cache(path_.c_str(), 4);
-    errno = EBUSY;  // left by somebody else
+    errno = EBUSY;  // left over from an earlier call
     EXPECT_EQ(FileErrorOf([&] { cache.GetPageForRead(10); }), 0);
 }
 
@@ -143,7 +143,7 @@ TEST_F(FilePageCacheTest, ACacheThatCouldNotOpenStaysClosedAndCanOpenLater) {
     EXPECT_EQ(std::filesystem::file_size(other), 8192u);
 }
 
-TEST_F(FilePageCacheTest, AFileWhoseLengthIsRefusedIsClosedWhenTheConstructorThrows) {
+TEST_F(FilePageCacheTest, AFileOfUnknownLengthIsClosedWhenTheConstructorThrows) {
     for (const StdioCall call : {StdioCall::Seek, StdioCall::Tell}) {
         const StdioCounts before = CountStdioCalls();
         const StdioFault fault(call, EIO);
@@ -152,7 +152,7 @@ TEST_F(FilePageCacheTest, AFileWhoseLengthIsRefusedIsClosedWhenTheConstructorThr
     }
 }
 
-TEST_F(FilePageCacheTest, AFileWhoseLengthIsRefusedIsClosedWhenOpenThrows) {
+TEST_F(FilePageCacheTest, AFileOfUnknownLengthIsClosedWhenOpenThrows) {
     FilePageCache cache(path_.c_str(), 4);
     for (const StdioCall call : {StdioCall::Seek, StdioCall::Tell}) {
         cache.Close();
@@ -164,7 +164,7 @@ TEST_F(FilePageCacheTest, AFileWhoseLengthIsRefusedIsClosedWhenOpenThrows) {
     EXPECT_EQ(FileErrorOf([&] { cache.GetPageForRead(10); }), 0);
 }
 
-TEST_F(FilePageCacheTest, OpenWritesBackWhatTheEarlierFileLeftResident) {
+TEST_F(FilePageCacheTest, OpenWritesBackTheResidentPagesOfTheEarlierFile) {
     MakeZeroFile(2);
     FilePageCache cache(path_.c_str(), 4);
     ASSERT_NE(PinFilled(cache, 11), nullptr);
@@ -175,7 +175,7 @@ TEST_F(FilePageCacheTest, OpenWritesBackWhatTheEarlierFileLeftResident) {
     EXPECT_EQ(FileErrorOf([&] { cache.GetPageForRead(11); }), 0);
 }
 
-TEST_F(FilePageCacheTest, OpenThatCantWriteBackTheEarlierFileStaysWithIt) {
+TEST_F(FilePageCacheTest, OpenThatCannotWriteBackTheEarlierFileKeepsIt) {
     MakeZeroFile(1);
     FilePageCache cache(path_.c_str(), 4);
     Fill(cache, 10);
@@ -188,7 +188,7 @@ TEST_F(FilePageCacheTest, OpenThatCantWriteBackTheEarlierFileStaysWithIt) {
     EXPECT_THAT(FilledPagesOfFile(), ElementsAre(10));
 }
 
-TEST_F(FilePageCacheTest, CapacityZeroIsTakenAsOne) {
+TEST_F(FilePageCacheTest, CapacityZeroIsTreatedAsOne) {
     MakeZeroFile(2);
     FilePageCache cache(path_.c_str(), 0);
     ASSERT_NE(cache.GetPageForRead(10), nullptr);
@@ -199,7 +199,7 @@ TEST_F(FilePageCacheTest, CapacityZeroIsTakenAsOne) {
 
 // ---- Getting pages ------------------------------------------------------------------------------
 
-TEST_F(FilePageCacheTest, NumbersThatAreNotValidHaveNoPage) {
+TEST_F(FilePageCacheTest, InvalidNumbersHaveNoPage) {
     MakeZeroFile(1);
     FilePageCache cache(path_.c_str(), 4);
     const StdioCounts before = CountStdioCalls();
@@ -212,7 +212,7 @@ TEST_F(FilePageCacheTest, NumbersThatAreNotValidHaveNoPage) {
     EXPECT_EQ(std::filesystem::file_size(path_), 8192u);
 }
 
-TEST_F(FilePageCacheTest, ReleasingANumberThatIsNotValidDoesNothing) {
+TEST_F(FilePageCacheTest, ReleasingAnInvalidNumberDoesNothing) {
     MakeZeroFile(1);
     FilePageCache cache(path_.c_str(), 4);
     std::uint8_t* const data = cache.GetPageForRead(10);
@@ -229,7 +229,7 @@ TEST_F(FilePageCacheTest, TheHighestValidNumberNamesAPage) {
     EXPECT_THROW(cache.GetPageForRead(kFirstInvalidPage - 1), FileIOException);
 }
 
-TEST_F(FilePageCacheTest, PageNumberTenLiesAtTheStartOfTheFileAndTheOthersBehindIt) {
+TEST_F(FilePageCacheTest, PageTenIsAtTheStartOfTheFileAndTheOthersFollow) {
     const Bytes content = PatternBytes(4 * kPageSize);
     WriteFile(path_, content);
     FilePageCache cache(path_.c_str(), 4);
@@ -245,7 +245,7 @@ TEST_F(FilePageCacheTest, ReadingAPageThatLiesPartlyBeyondTheEndThrowsFileIO) {
     EXPECT_EQ(FileErrorOf([&] { cache.GetPageForRead(11); }), 0);
 }
 
-TEST_F(FilePageCacheTest, APageThatCouldNotBeReadCanBeHadOnceTheFileCoversIt) {
+TEST_F(FilePageCacheTest, APageThatCouldNotBeReadIsAvailableOnceTheFileCoversIt) {
     FilePageCache cache(path_.c_str(), 1);
     EXPECT_THROW(cache.GetPageForRead(11), FileIOException);
     cache.EnsurePageInFile(11);
@@ -331,7 +331,7 @@ TEST_F(FilePageCacheTest, APinForWritingMakesAPageDirtyAndOneForReadingLeavesItS
     EXPECT_EQ(RecordOf(read).dirty, 1);
 }
 
-TEST_F(FilePageCacheTest, PagesWithoutMemoryThrowOutOfMemoryAndCanBeHadLater) {
+TEST_F(FilePageCacheTest, GettingAPageWithoutMemoryThrowsOutOfMemoryAndCanBeRepeated) {
     const Bytes content = PatternBytes(kPageSize);
     WriteFile(path_, content);
     FilePageCache cache(path_.c_str(), 1);
@@ -386,7 +386,7 @@ TEST_F(FilePageCacheTest, AReadOfPartOfAPageIsAFailure) {
     EXPECT_EQ(PageBytes(cache.GetPageForRead(10)), content);
 }
 
-TEST_F(FilePageCacheTest, AGrowthThatFailsThrowsTheErrorNumberAndCanBeMadeUpFor) {
+TEST_F(FilePageCacheTest, AGrowthThatFailsThrowsTheErrorNumberAndCanBeRepeated) {
     FilePageCache cache(path_.c_str(), 1);
     {
         const StdioFault fault(StdioCall::Write, ENOSPC, 1, 1, 3000);
@@ -419,7 +419,7 @@ TEST_F(FilePageCacheTest, AnEvictionThatFailsKeepsThePageAndLoadsNoOther) {
 
 // ---- Pins and eviction --------------------------------------------------------------------------
 
-TEST_F(FilePageCacheTest, WithCapacityOneASecondPageWaitsForTheFirstToBeReleased) {
+TEST_F(FilePageCacheTest, WithCapacityOneASecondPageIsRefusedUntilTheFirstIsReleased) {
     MakeZeroFile(2);
     FilePageCache cache(path_.c_str(), 1);
     ASSERT_NE(PinFilled(cache, 10), nullptr);
@@ -442,7 +442,7 @@ TEST_F(FilePageCacheTest, APagePinnedTwiceCanBeEvictedAfterTwoReleases) {
     EXPECT_NE(cache.GetPageForRead(11), nullptr);
 }
 
-TEST_F(FilePageCacheTest, AReleaseTooManyMakesThePinCountNegativeAndThePageStaysEvictable) {
+TEST_F(FilePageCacheTest, AnExtraReleaseMakesThePinCountNegativeAndThePageStaysEvictable) {
     MakeZeroFile(2);
     FilePageCache cache(path_.c_str(), 1);
     std::uint8_t* const data = cache.GetPageForRead(10);
@@ -455,7 +455,7 @@ TEST_F(FilePageCacheTest, AReleaseTooManyMakesThePinCountNegativeAndThePageStays
     EXPECT_NE(cache.GetPageForRead(11), nullptr);
 }
 
-TEST_F(FilePageCacheTest, APinAfterAReleaseTooManyDoesNotHoldThePage) {
+TEST_F(FilePageCacheTest, APinAfterAnExtraReleaseDoesNotHoldThePage) {
     MakeZeroFile(2);
     FilePageCache cache(path_.c_str(), 1);
     std::uint8_t* const data = cache.GetPageForRead(10);
@@ -478,7 +478,7 @@ TEST_F(FilePageCacheTest, ReleasingAPageThatIsNotResidentDoesNothing) {
     EXPECT_EQ(RecordOf(data).pinCount, 1);
 }
 
-TEST_F(FilePageCacheTest, TheLeastRecentlyUsedPageLeavesFirst) {
+TEST_F(FilePageCacheTest, TheLeastRecentlyUsedPageIsEvictedFirst) {
     MakeZeroFile(5);
     FilePageCache cache(path_.c_str(), 3);
     Fill(cache, 10);
@@ -518,7 +518,7 @@ TEST_F(FilePageCacheTest, ReleasingAPageDoesNotMakeItMoreRecentAndWritesNothing)
     EXPECT_THAT(FilledPagesOfFile(), ElementsAre(10));
 }
 
-TEST_F(FilePageCacheTest, PinnedPagesAreSteppedOverAndKeepTheirPlaces) {
+TEST_F(FilePageCacheTest, PinnedPagesAreSkippedAndKeepTheirPlaces) {
     MakeZeroFile(6);
     FilePageCache cache(path_.c_str(), 4);
     ASSERT_NE(PinFilled(cache, 10), nullptr);
@@ -535,7 +535,7 @@ TEST_F(FilePageCacheTest, PinnedPagesAreSteppedOverAndKeepTheirPlaces) {
     EXPECT_THAT(FilledPagesOfFile(), ElementsAre(10, 11, 12));
 }
 
-TEST_F(FilePageCacheTest, WhenEveryPageIsPinnedThereIsNoPageAndNoneIsLost) {
+TEST_F(FilePageCacheTest, WhenEveryPageIsPinnedNoneIsReturnedAndNoneIsLost) {
     MakeZeroFile(4);
     FilePageCache cache(path_.c_str(), 3);
     for (const std::uint64_t page : Numbers{10, 11, 12}) {
@@ -550,7 +550,7 @@ TEST_F(FilePageCacheTest, WhenEveryPageIsPinnedThereIsNoPageAndNoneIsLost) {
     EXPECT_THAT(FilledPagesOfFile(), ElementsAre(11));
 }
 
-TEST_F(FilePageCacheTest, APageThatWasOnlyReadIsWrittenWhenItLeaves) {
+TEST_F(FilePageCacheTest, APageThatWasOnlyReadIsWrittenWhenEvicted) {
     const Bytes content = PatternBytes(2 * kPageSize);
     WriteFile(path_, content);
     FilePageCache cache(path_.c_str(), 1);
@@ -571,7 +571,7 @@ TEST_F(FilePageCacheTest, AnEvictedPageIsInTheFileAtOnce) {
     EXPECT_EQ(ReadFilePage(path_, 11), content);
 }
 
-TEST_F(FilePageCacheTest, AnEvictedPageComesBackAsItLeft) {
+TEST_F(FilePageCacheTest, AnEvictedPageIsReadBackUnchanged) {
     MakeZeroFile(3);
     FilePageCache cache(path_.c_str(), 1);
     for (const std::uint64_t page : Numbers{10, 11, 12}) {
@@ -637,7 +637,7 @@ TEST_F(FilePageCacheTest, CloseWritesBackPagesInAscendingOrder) {
     EXPECT_THAT(FilledPagesOfFile(), ElementsAre(10, 11, 12, 13));
 }
 
-TEST_F(FilePageCacheTest, ACloseThatCantWriteAPageKeepsItAndThoseBehindItAndTheFile) {
+TEST_F(FilePageCacheTest, ACloseThatCannotWriteAPageKeepsItTheLaterOnesAndTheFile) {
     MakeZeroFile(3);
     for (const StdioCall call : {StdioCall::Seek, StdioCall::Write}) {
         FilePageCache cache(path_.c_str(), 4);
@@ -684,7 +684,7 @@ TEST_F(FilePageCacheTest, ClosingAClosedCacheTouchesNothing) {
     EXPECT_EQ(CountStdioCalls().writes, before.writes);
 }
 
-TEST_F(FilePageCacheTest, ARefusalToCloseTheFileLeavesTheCacheClosed) {
+TEST_F(FilePageCacheTest, AFailureToCloseTheFileLeavesTheCacheClosed) {
     MakeZeroFile(1);
     FilePageCache cache(path_.c_str(), 4);
     Fill(cache, 10);
@@ -710,7 +710,7 @@ TEST_F(FilePageCacheTest, TheDestructorWritesBackAndClosesTheFile) {
     EXPECT_THAT(FilledPagesOfFile(), ElementsAre(11));
 }
 
-TEST_F(FilePageCacheTest, TheDestructorClosesTheFileWhenPagesCantBeWritten) {
+TEST_F(FilePageCacheTest, TheDestructorClosesTheFileEvenIfPagesCannotBeWritten) {
     MakeZeroFile(3);
     const StdioCounts before = CountStdioCalls();
     {
@@ -763,7 +763,7 @@ TEST_F(FilePageCacheTest, DiscardAllOfAnEmptyCacheDoesNothing) {
 
 // ---- Writing one page ---------------------------------------------------------------------------
 
-TEST_F(FilePageCacheTest, WritePagePutsAResidentPageIntoTheFileAndKeepsIt) {
+TEST_F(FilePageCacheTest, WritePageWritesAResidentPageToTheFileAndKeepsIt) {
     FilePageCache cache(path_.c_str(), 4);
     Fill(cache, 10);
     Fill(cache, 11);
@@ -777,14 +777,14 @@ TEST_F(FilePageCacheTest, WritePagePutsAResidentPageIntoTheFileAndKeepsIt) {
     EXPECT_EQ(CountStdioCalls().reads, before.reads);
 }
 
-TEST_F(FilePageCacheTest, WritePageThrowsWhenThePageCanNotBeWritten) {
+TEST_F(FilePageCacheTest, WritePageThrowsIfThePageCannotBeWritten) {
     FilePageCache cache(path_.c_str(), 4);
     Fill(cache, 10);
     const StdioFault fault(StdioCall::Write, ENOSPC);
     EXPECT_THROW(cache.WritePage(10), FileIOException);
 }
 
-TEST_F(FilePageCacheTest, APageToBeWrittenBeforeOthersIsWrittenWhenTheFirstOfThemLeaves) {
+TEST_F(FilePageCacheTest, APageToBeWrittenBeforeOthersIsWrittenWhenTheFirstOfThemIsEvicted) {
     MakeZeroFile(4);
     FilePageCache cache(path_.c_str(), 3);
     Fill(cache, 10);
@@ -797,7 +797,7 @@ TEST_F(FilePageCacheTest, APageToBeWrittenBeforeOthersIsWrittenWhenTheFirstOfThe
     EXPECT_TRUE(cache.IsHoldingBack());
     EXPECT_EQ(FilledPagesOfFile(), Numbers());
     StdioTrace trace;
-    Touch(cache, 13);  // 11 leaves
+    Touch(cache, 13);  // evicts 11
     Numbers written;
     for (const StdioTransfer& transfer : trace.Take()) {
         if (transfer.kind == StdioTransfer::Kind::Write) {
@@ -807,11 +807,11 @@ TEST_F(FilePageCacheTest, APageToBeWrittenBeforeOthersIsWrittenWhenTheFirstOfThe
     EXPECT_EQ(written, (Numbers{0, 8192}));
     EXPECT_FALSE(cache.IsHoldingBack());
     const StdioCounts before = CountStdioCalls();
-    Touch(cache, 10);  // has stayed
+    Touch(cache, 10);  // still resident
     EXPECT_EQ(CountStdioCalls().reads, before.reads);
 }
 
-TEST_F(FilePageCacheTest, APageToBeWrittenBeforeOthersMayBeTheFirstToLeave) {
+TEST_F(FilePageCacheTest, APageToBeWrittenBeforeOthersMayBeEvictedFirst) {
     MakeZeroFile(4);
     FilePageCache cache(path_.c_str(), 1);
     Fill(cache, 10);
@@ -822,7 +822,7 @@ TEST_F(FilePageCacheTest, APageToBeWrittenBeforeOthersMayBeTheFirstToLeave) {
     EXPECT_FALSE(cache.IsHoldingBack());
 }
 
-TEST_F(FilePageCacheTest, APageThatCantBeWrittenBeforeOthersKeepsThemBack) {
+TEST_F(FilePageCacheTest, APageThatCannotBeWrittenBeforeOthersHoldsThemBack) {
     MakeZeroFile(4);
     FilePageCache cache(path_.c_str(), 2);
     Fill(cache, 10);
@@ -922,7 +922,7 @@ TEST_F(FilePageCacheTest, ResidentPagesAreLinkedFromTheOldestToTheNewest) {
     EXPECT_EQ(NewerThan(twelve), nullptr);
 }
 
-// What the cache keeps, in its order.
+// The cache's fields, in order.
 struct CacheFields {
     const void* virtualTable;
     std::FILE* file;
@@ -970,7 +970,7 @@ TEST_F(FilePageCacheTest, KeepsItsStateInOneFixedOrder) {
     EXPECT_EQ(fields.leastRecent, nullptr);
 }
 
-// Nothing sets the capacity to 0; the guard is there for the subtraction behind it.
+// No call sets the capacity to 0; the check guards the subtraction after it.
 TEST_F(FilePageCacheTest, ACapacityOfZeroIsRefusedWhenAPageIsToBeLoaded) {
     MakeZeroFile(1);
     FilePageCache cache(path_.c_str(), 1);

@@ -19,7 +19,7 @@ using ::testing::IsEmpty;
 
 constexpr std::uint64_t kMostPages = 0xFFFF6;
 
-// What an allocator keeps, in its order, behind the reference count of its base.
+// The allocator's fields, in order, after the reference count of its base.
 struct AllocatorFields {
     const void* virtualTable;
     std::uint32_t references;
@@ -53,7 +53,7 @@ Bytes Save(const PageAllocator& allocator) {
     return stream->bytes;
 }
 
-// Puts pages 10 to 10 + count - 1 into one chain.
+// Allocates pages 10 to 10 + count - 1 as one chain.
 void AllocateChain(PageAllocator& allocator, std::uint64_t count) {
     std::uint64_t last = 0;
     for (std::uint64_t i = 0; i < count; ++i) {
@@ -71,7 +71,7 @@ protected:
 
 }  // namespace
 
-// ---- Taking pages -------------------------------------------------------------------------------
+// ---- Allocating pages ---------------------------------------------------------------------------
 
 TEST_F(PageAllocatorTest, IsEmptyAtFirst) {
     EXPECT_EQ(allocator_.GetStateSize(), 8u);
@@ -79,7 +79,7 @@ TEST_F(PageAllocatorTest, IsEmptyAtFirst) {
     EXPECT_EQ(FieldsOf(allocator_).highestPage, 10u);
 }
 
-TEST_F(PageAllocatorTest, AnEmptyAllocatorGivesTenElevenTwelveWithoutLinks) {
+TEST_F(PageAllocatorTest, AnEmptyAllocatorAllocatesTenElevenTwelveWithoutLinks) {
     for (const std::uint64_t page : Numbers{10, 11, 12}) {
         EXPECT_EQ(allocator_.AllocatePage(0), page);
     }
@@ -99,7 +99,7 @@ TEST_F(PageAllocatorTest, ANewPageBecomesTheSuccessorOfThePreviousOne) {
     EXPECT_THAT(FieldsOf(allocator_).previousPages, ElementsAre(0, 10));
 }
 
-TEST_F(PageAllocatorTest, APageThatIsUsedAgainBecomesTheSuccessorOfThePreviousOne) {
+TEST_F(PageAllocatorTest, AReusedPageBecomesTheSuccessorOfThePreviousOne) {
     AllocateChain(allocator_, 1);
     allocator_.AllocatePage(0);
     allocator_.FreePage(10);
@@ -137,7 +137,7 @@ TEST_F(PageAllocatorTest, APreviousPageThatIsFreeIsRefused) {
     EXPECT_EQ(allocator_.GetNextPage(11), 1u);
 }
 
-TEST_F(PageAllocatorTest, ARefusedPreviousPageCostsThePageThatWasTakenForIt) {
+TEST_F(PageAllocatorTest, ARefusedPreviousPageLosesThePageTakenForIt) {
     AllocateChain(allocator_, 2);
     EXPECT_THROW(allocator_.AllocatePage(10), InvalidParameterException);  // a new page
     EXPECT_TRUE(allocator_.IsPageAllocated(12));
@@ -150,7 +150,7 @@ TEST_F(PageAllocatorTest, ARefusedPreviousPageCostsThePageThatWasTakenForIt) {
     EXPECT_EQ(allocator_.AllocatePage(0), 15u);
 }
 
-TEST_F(PageAllocatorTest, ARefusedPreviousPageIsNotNamedAsThePredecessorOfAPageUsedAgain) {
+TEST_F(PageAllocatorTest, ARefusedPreviousPageIsNotRecordedAsThePredecessorOfAReusedPage) {
     AllocateChain(allocator_, 2);
     allocator_.MarkPageAllocated(13);  // 12 is free now
     EXPECT_THROW(allocator_.AllocatePage(10), InvalidParameterException);
@@ -159,14 +159,14 @@ TEST_F(PageAllocatorTest, ARefusedPreviousPageIsNotNamedAsThePredecessorOfAPageU
     EXPECT_THAT(FieldsOf(allocator_).previousPages, ElementsAre(0, 10, 0, 0, 10));
 }
 
-TEST_F(PageAllocatorTest, APreviousPageWhoseLinkIsNoPageNumberIsRefused) {
+TEST_F(PageAllocatorTest, APreviousPageWhoseLinkIsNotAPageNumberIsRefused) {
     Load(allocator_, StateOf({2, 0x100000}));
     EXPECT_THROW(allocator_.AllocatePage(10), InvalidParameterException);
     EXPECT_THROW(allocator_.AllocatePage(11), InvalidParameterException);
 }
 
-// Nobody asks for it; a page that is taken is in use, and without a successor, before it is linked.
-TEST_F(PageAllocatorTest, ThePageTakenMayBeTheOneNamedAsPrevious) {
+// No caller does this. A page that is taken is in use and has no successor before it is linked.
+TEST_F(PageAllocatorTest, ThePageTakenMayBeThePreviousPageItself) {
     EXPECT_EQ(allocator_.AllocatePage(10), 10u);
     EXPECT_EQ(allocator_.GetNextPage(10), 10u);
     AllocateChain(allocator_, 2);
@@ -175,7 +175,7 @@ TEST_F(PageAllocatorTest, ThePageTakenMayBeTheOneNamedAsPrevious) {
     EXPECT_EQ(allocator_.GetNextPage(11), 11u);
 }
 
-TEST_F(PageAllocatorTest, ThePageThatWasFreedFirstIsUsedFirst) {
+TEST_F(PageAllocatorTest, ThePageFreedFirstIsReusedFirst) {
     AllocateChain(allocator_, 4);
     allocator_.FreePage(12);
     allocator_.FreePage(11);
@@ -184,7 +184,7 @@ TEST_F(PageAllocatorTest, ThePageThatWasFreedFirstIsUsedFirst) {
     EXPECT_EQ(allocator_.AllocatePage(0), 14u);
 }
 
-TEST_F(PageAllocatorTest, TheHighestPageStaysWhenALowerOneIsUsedAgain) {
+TEST_F(PageAllocatorTest, TheHighestPageStaysWhenALowerOneIsReused) {
     AllocateChain(allocator_, 4);
     allocator_.FreePage(10);
     allocator_.AllocatePage(0);
@@ -199,7 +199,7 @@ TEST_F(PageAllocatorTest, TheHighestPageRisesWithAFreePageThatIsTakenOrMarked) {
     EXPECT_EQ(allocator_.HighestPage(), 14u);
 }
 
-TEST_F(PageAllocatorTest, TheHighestPageRisesAlsoWhenAPageIsInUseAlready) {
+TEST_F(PageAllocatorTest, TheHighestPageRisesEvenIfThePageIsAlreadyInUse) {
     AllocateChain(allocator_, 2);
     EXPECT_THROW(allocator_.AllocatePage(10), InvalidParameterException);  // 12 is lost
     EXPECT_EQ(allocator_.HighestPage(), 11u);
@@ -207,13 +207,13 @@ TEST_F(PageAllocatorTest, TheHighestPageRisesAlsoWhenAPageIsInUseAlready) {
     EXPECT_EQ(allocator_.HighestPage(), 12u);
 }
 
-TEST_F(PageAllocatorTest, WithoutANumberLeftItThrowsOutOfMemory) {
+TEST_F(PageAllocatorTest, ThrowsOutOfMemoryWhenNoNumberIsLeft) {
     Load(allocator_, StateOf(Numbers(kMostPages, 0)));
     EXPECT_THROW(allocator_.AllocatePage(0), OutOfMemoryException);
     EXPECT_EQ(allocator_.GetStateSize(), 8 * kMostPages + 8);
 }
 
-TEST_F(PageAllocatorTest, TheLastNumberIsGivenBeforeItThrowsOutOfMemory) {
+TEST_F(PageAllocatorTest, TheLastNumberIsAllocatedBeforeItThrowsOutOfMemory) {
     Load(allocator_, StateOf(Numbers(kMostPages - 1, 0)));
     EXPECT_EQ(allocator_.AllocatePage(0), 0xFFFFFu);
     EXPECT_THROW(allocator_.AllocatePage(0), OutOfMemoryException);
@@ -232,7 +232,7 @@ TEST_F(PageAllocatorTest, AFreedPageIsFreeAndItsSuccessorHasNoPredecessor) {
     EXPECT_THAT(FieldsOf(allocator_).previousPages, ElementsAre(0, 0, 11));
 }
 
-TEST_F(PageAllocatorTest, ThePredecessorOfAFreedPageStillNamesIt) {
+TEST_F(PageAllocatorTest, ThePredecessorOfAFreedPageStillLinksToIt) {
     AllocateChain(allocator_, 3);
     allocator_.FreePage(11);
     EXPECT_EQ(allocator_.GetNextPage(10), 11u);
@@ -246,7 +246,7 @@ TEST_F(PageAllocatorTest, FreeingAPageThatIsUnknownIsRefused) {
     EXPECT_EQ(allocator_.AllocatePage(0), 12u);
 }
 
-TEST_F(PageAllocatorTest, APageFreedTwiceIsGivenOutOnce) {
+TEST_F(PageAllocatorTest, APageFreedTwiceIsReusedOnce) {
     AllocateChain(allocator_, 2);
     allocator_.FreePage(10);
     allocator_.FreePage(10);
@@ -257,7 +257,7 @@ TEST_F(PageAllocatorTest, APageFreedTwiceIsGivenOutOnce) {
 
 // ---- Marking pages ------------------------------------------------------------------------------
 
-TEST_F(PageAllocatorTest, MarkingAPageMakesThoseBelowItFreeInTheirOrder) {
+TEST_F(PageAllocatorTest, MarkingAPageFreesThoseBelowItInOrder) {
     EXPECT_TRUE(allocator_.MarkPageAllocated(15));
     for (const std::uint64_t page : Numbers{10, 11, 12, 13, 14}) {
         EXPECT_FALSE(allocator_.IsPageAllocated(page));
@@ -277,7 +277,7 @@ TEST_F(PageAllocatorTest, MarkingAPageThatIsInUseReturnsFalse) {
     EXPECT_FALSE(allocator_.MarkPageAllocated(15));
 }
 
-TEST_F(PageAllocatorTest, MarkingTheNextNewPageMakesNoOtherFree) {
+TEST_F(PageAllocatorTest, MarkingTheNextNewPageFreesNoOther) {
     AllocateChain(allocator_, 2);
     EXPECT_TRUE(allocator_.MarkPageAllocated(12));
     EXPECT_THAT(FieldsOf(allocator_).freeQueue, IsEmpty());
@@ -295,7 +295,7 @@ TEST_F(PageAllocatorTest, APageThatWasMarkedAfterItWasFreedIsSkippedInTheQueue) 
     EXPECT_EQ(allocator_.AllocatePage(0), 12u);
 }
 
-TEST_F(PageAllocatorTest, AQueueOfStaleEntriesOnlyGivesANewPage) {
+TEST_F(PageAllocatorTest, AQueueOfOnlyStaleEntriesLeadsToANewPage) {
     AllocateChain(allocator_, 3);
     allocator_.FreePage(10);
     allocator_.FreePage(12);
@@ -305,14 +305,14 @@ TEST_F(PageAllocatorTest, AQueueOfStaleEntriesOnlyGivesANewPage) {
     EXPECT_THAT(FieldsOf(allocator_).freeQueue, IsEmpty());
 }
 
-TEST_F(PageAllocatorTest, MarkingThePageAtTheTopUsesUpEveryNumber) {
+TEST_F(PageAllocatorTest, MarkingTheHighestPageUsesUpEveryNumber) {
     EXPECT_TRUE(allocator_.MarkPageAllocated(0xFFFFF));
     EXPECT_EQ(FieldsOf(allocator_).highestPage, 0xFFFFFu);
     EXPECT_EQ(allocator_.GetStateSize(), 8 * kMostPages + 8);
     EXPECT_EQ(allocator_.AllocatePage(0), 10u);
 }
 
-// ---- Asking -------------------------------------------------------------------------------------
+// ---- Queries ------------------------------------------------------------------------------------
 
 TEST_F(PageAllocatorTest, APageBeyondTheTablesIsFree) {
     AllocateChain(allocator_, 2);
@@ -322,7 +322,7 @@ TEST_F(PageAllocatorTest, APageBeyondTheTablesIsFree) {
     }
 }
 
-TEST_F(PageAllocatorTest, NumbersThatNoPageCanHaveAreRefused) {
+TEST_F(PageAllocatorTest, InvalidNumbersAreRefused) {
     AllocateChain(allocator_, 2);
     for (const std::uint64_t page : kInvalidNumbers) {
         EXPECT_THROW(allocator_.FreePage(page), InvalidParameterException) << page;
@@ -360,7 +360,7 @@ public:
 
 }  // namespace
 
-TEST(DerivedPageAllocator, DecidesWhichFreedPagesAreTakenAgain) {
+TEST(DerivedPageAllocator, DecidesWhichFreedPagesAreReused) {
     const Util::RefPtr<ReservingAllocator> allocator(new ReservingAllocator);
     AllocateChain(*allocator, 3);
     allocator->FreePage(10);
@@ -370,7 +370,7 @@ TEST(DerivedPageAllocator, DecidesWhichFreedPagesAreTakenAgain) {
     EXPECT_EQ(allocator->AllocatePage(0), 13u);
 }
 
-TEST(IPageAllocatorInterface, HasItsOperationsBehindTheReferenceCountingInOrder) {
+TEST(IPageAllocatorInterface, HasItsOperationsInOrderAfterTheReferenceCounting) {
     const std::size_t first = VirtualSlot(&IPageAllocator::AddRef) + 3;
     EXPECT_EQ(VirtualSlot(&IPageAllocator::AllocatePage), first);
     EXPECT_EQ(VirtualSlot(&IPageAllocator::FreePage), first + 1);
@@ -410,7 +410,7 @@ TEST_F(PageAllocatorTest, ALinkIsSavedWithItsLowestByteFirst) {
     EXPECT_EQ(Slice(Save(allocator_), 8, 8), (Bytes{0xDF, 0xBC, 0x0A, 0, 0, 0, 0, 0}));
 }
 
-TEST_F(PageAllocatorTest, AnEmptyAllocatorSavesItsCountOnly) {
+TEST_F(PageAllocatorTest, AnEmptyAllocatorSavesOnlyItsCount) {
     const Util::RefPtr<MemoryStream> stream(new MemoryStream(Bytes(100, 0xEE)));
     EXPECT_TRUE(allocator_.SaveState(stream));
     EXPECT_EQ(Slice(stream->bytes, 0, 9), (Bytes{0, 0, 0, 0, 0, 0, 0, 0, 0xEE}));
@@ -455,7 +455,7 @@ TEST_F(PageAllocatorTest, AStateIsLoadedByteForByte) {
     EXPECT_EQ(allocator_.AllocatePage(0), 15u);
 }
 
-TEST_F(PageAllocatorTest, LoadingWhatWasSavedGivesTheSameState) {
+TEST_F(PageAllocatorTest, LoadingASavedStateRestoresIt) {
     AllocateChain(allocator_, 20);
     allocator_.FreePage(10);
     allocator_.FreePage(11);
@@ -466,7 +466,7 @@ TEST_F(PageAllocatorTest, LoadingWhatWasSavedGivesTheSameState) {
     EXPECT_EQ(Save(*other), state);
 }
 
-TEST_F(PageAllocatorTest, LoadingForgetsWhatWasThereBefore) {
+TEST_F(PageAllocatorTest, LoadingReplacesTheEarlierState) {
     AllocateChain(allocator_, 6);
     allocator_.FreePage(10);
     EXPECT_TRUE(Load(allocator_, StateOf({0, 0})));
@@ -475,7 +475,7 @@ TEST_F(PageAllocatorTest, LoadingForgetsWhatWasThereBefore) {
     EXPECT_EQ(allocator_.AllocatePage(0), 12u);
 }
 
-TEST_F(PageAllocatorTest, AnEmptyStateGivesAnEmptyAllocator) {
+TEST_F(PageAllocatorTest, AnEmptyStateLeadsToAnEmptyAllocator) {
     AllocateChain(allocator_, 3);
     allocator_.FreePage(11);
     const Util::RefPtr<MemoryStream> stream(new MemoryStream(Bytes(8)));
@@ -500,7 +500,7 @@ TEST_F(PageAllocatorTest, TheStateIsLoadedInTwoTransfers) {
     EXPECT_THAT(stream->transfers, ElementsAre(8, 8000));
 }
 
-TEST_F(PageAllocatorTest, TheStateMayStandAnywhereInItsStream) {
+TEST_F(PageAllocatorTest, TheStateMayBeAnywhereInItsStream) {
     Bytes content(24, 0xEE);
     const Bytes state = StateOf({11, 0});
     content.insert(content.begin() + 16, state.begin(), state.end());
@@ -522,20 +522,20 @@ public:
 
 }  // namespace
 
-TEST_F(PageAllocatorTest, OnlyWhatCanBeReadDecidesWhetherTheStateIsWhole) {
+TEST_F(PageAllocatorTest, OnlyTheReadableBytesDecideIfTheStateIsWhole) {
     const Util::RefPtr<IDataStream> stream(new UnderstatedStream(StateOf({11, 0})));
     EXPECT_TRUE(allocator_.LoadState(stream));
     EXPECT_EQ(allocator_.GetNextPage(10), 11u);
 }
 
-TEST_F(PageAllocatorTest, AStateThatCantBeReadLeavesNothingOfTheOneBefore) {
+TEST_F(PageAllocatorTest, AStateThatCannotBeReadClearsTheEarlierOne) {
     AllocateChain(allocator_, 3);
     EXPECT_THROW(Load(allocator_, {}), FileDataCorruptException);
     EXPECT_EQ(allocator_.GetStateSize(), 8u);
     EXPECT_EQ(allocator_.HighestPage(), 10u);
 }
 
-TEST_F(PageAllocatorTest, TheTablesAreOfOneLengthAlsoAfterAShortRead) {
+TEST_F(PageAllocatorTest, TheTablesHaveEqualLengthsEvenAfterAShortRead) {
     EXPECT_THROW(Load(allocator_, Slice(StateOf({11, 12, 0}), 0, 16)), FileDataCorruptException);
     EXPECT_EQ(FieldsOf(allocator_).links.size(), 3u);
     EXPECT_EQ(FieldsOf(allocator_).previousPages.size(), 3u);
@@ -565,7 +565,7 @@ TEST_F(PageAllocatorTest, ASuccessorBeyondTheTablesIsCorrupt) {
     EXPECT_THROW(Load(allocator_, StateOf({0xFFFFF})), FileDataCorruptException);
 }
 
-TEST_F(PageAllocatorTest, ALinkThatIsNoPageNumberMeansInUseWithoutSuccessor) {
+TEST_F(PageAllocatorTest, ALinkThatIsNotAPageNumberMeansInUseWithoutSuccessor) {
     EXPECT_TRUE(Load(allocator_, StateOf({2, 9, 9, 0x100000, 0x100000, ~std::uint64_t{0}})));
     for (const std::uint64_t page : Numbers{10, 11, 12, 13, 14, 15}) {
         EXPECT_TRUE(allocator_.IsPageAllocated(page));
@@ -583,7 +583,7 @@ TEST_F(PageAllocatorTest, APageMayFollowItself) {
     EXPECT_EQ(allocator_.GetNextPage(10), 10u);
 }
 
-TEST_F(PageAllocatorTest, AFreePageMayBeNamedAsASuccessor) {
+TEST_F(PageAllocatorTest, AFreePageMayBeASuccessor) {
     EXPECT_TRUE(Load(allocator_, StateOf({11, 1})));
     EXPECT_EQ(allocator_.GetNextPage(10), 11u);
     EXPECT_EQ(allocator_.AllocatePage(0), 11u);

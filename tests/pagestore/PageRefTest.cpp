@@ -16,7 +16,7 @@ protected:
         cache_.Open(path_.c_str(), 1);
     }
 
-    // Whether nothing is pinned: the cache has room for one page only.
+    // True if nothing is pinned. The cache has capacity for only one page.
     bool NothingIsPinned() {
         const bool free = cache_.GetPageForRead(12) != nullptr;
         if (free) {
@@ -62,7 +62,7 @@ TEST_F(PageRefTest, PinsAPageForWritingUntilItDies) {
     EXPECT_TRUE(NothingIsPinned());
 }
 
-TEST_F(PageRefTest, TakingAnotherPageReleasesTheOneHeld) {
+TEST_F(PageRefTest, SettingAnotherPageReleasesTheFirst) {
     PageRef page(&cache_);
     page.SetReadPage(10);
     page.SetReadPage(11);
@@ -73,7 +73,7 @@ TEST_F(PageRefTest, TakingAnotherPageReleasesTheOneHeld) {
     EXPECT_EQ(PageBytes(page.Data()), Slice(content_, 8192, 8192));
 }
 
-TEST_F(PageRefTest, EitherReleaseUnpinsWhicheverWayThePageWasPinned) {
+TEST_F(PageRefTest, EitherReleaseUnpinsReadAndWritePages) {
     PageRef page(&cache_);
     page.SetReadPage(10);
     page.ReleaseWritePage();
@@ -85,7 +85,7 @@ TEST_F(PageRefTest, EitherReleaseUnpinsWhicheverWayThePageWasPinned) {
     EXPECT_TRUE(NothingIsPinned());
 }
 
-TEST_F(PageRefTest, ReleasingTwiceTakesOnePin) {
+TEST_F(PageRefTest, ReleasingTwiceReleasesOnePin) {
     ASSERT_NE(cache_.GetPageForRead(10), nullptr);
     PageRef page(&cache_);
     page.SetReadPage(10);
@@ -96,7 +96,7 @@ TEST_F(PageRefTest, ReleasingTwiceTakesOnePin) {
     EXPECT_TRUE(NothingIsPinned());
 }
 
-TEST_F(PageRefTest, HoldsNothingAfterANumberThatIsNotValid) {
+TEST_F(PageRefTest, HoldsNothingAfterAnInvalidNumber) {
     PageRef page(&cache_);
     for (const std::uint64_t invalid : Numbers{0, 9, 0x100000}) {
         page.SetReadPage(10);
@@ -129,7 +129,7 @@ TEST_F(PageRefTest, HoldsNothingAfterTheCacheThrew) {
     EXPECT_TRUE(NothingIsPinned());
 }
 
-TEST_F(PageRefTest, RecordsTheNumberAlsoOfAPageThatItDoesNotGet) {
+TEST_F(PageRefTest, RecordsTheNumberEvenIfItGetsNoPage) {
     PageRef page(&cache_);
     page.SetReadPage(0x100000);
     EXPECT_EQ(page.Data(), nullptr);

@@ -24,8 +24,7 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-// Three pages out of order, whose data begins and ends at places of its own: 1000 bytes, then 8092,
-// then 500.
+// Three pages out of order, each with its own range of data: 1000 bytes, then 8092, then 500.
 constexpr ListSeeker::Entry kFirst = {12, {7192, 8192}};
 constexpr ListSeeker::Entry kSecond = {10, {100, 8192}};
 constexpr ListSeeker::Entry kThird = {13, {16, 516}};
@@ -39,7 +38,7 @@ protected:
         OpenStream({kFirst, kSecond, kThird});
     }
 
-    // Starts again with an empty cache of another capacity; a stream must be opened next.
+    // Starts again with an empty cache of the given capacity. The test must open a stream next.
     void OpenCache(std::uint64_t capacity) {
         stream_.Reset();
         cache_.Open(path_.c_str(), capacity);
@@ -70,7 +69,7 @@ protected:
         return Read(content_.size() + 1);
     }
 
-    // How many further pages the cache can pin.
+    // The number of further pages that the cache can pin.
     int FreePins() {
         Numbers pinned;
         for (std::uint64_t page = 14; page < 20 && cache_.GetPageForRead(page); ++page) {
@@ -88,12 +87,12 @@ protected:
     FilePageCache cache_{directory_.File("empty").c_str(), 1};
     Util::RefPtr<ListSeeker> seeker_;
     Util::RefPtr<PagedFileStream> stream_;
-    Bytes content_;  // what the stream holds
+    Bytes content_;  // expected content of the stream
 };
 
 }  // namespace
 
-// ---- Making -------------------------------------------------------------------------------------
+// ---- Construction -------------------------------------------------------------------------------
 
 TEST_F(PagedFileStreamTest, StartsAtPositionZeroWithTheSizeOfItsSeeker) {
     EXPECT_EQ(stream_->GetPosition(), 0u);
@@ -102,12 +101,12 @@ TEST_F(PagedFileStreamTest, StartsAtPositionZeroWithTheSizeOfItsSeeker) {
     EXPECT_EQ(FreePins(), 4);
 }
 
-TEST_F(PagedFileStreamTest, CantBeMadeWithoutASeeker) {
+TEST_F(PagedFileStreamTest, CannotBeConstructedWithoutASeeker) {
     EXPECT_THROW(Util::RefPtr<IDataStream>(new PagedFileStream(&cache_, {})),
                  InvalidParameterException);
 }
 
-TEST_F(PagedFileStreamTest, CantBeMadeOverASeekerWithoutAPositionZero) {
+TEST_F(PagedFileStreamTest, CannotBeConstructedOverASeekerWithoutAPositionZero) {
     const Util::RefPtr<ListSeeker> seeker(new ListSeeker({kFirst}));
     seeker->placesPositions = false;
     EXPECT_THROW(Util::RefPtr<IDataStream>(new PagedFileStream(&cache_, seeker)),
@@ -192,7 +191,7 @@ TEST_F(PagedFileStreamTest, ARefusedPositionKeepsThePagePinned) {
     EXPECT_EQ(FreePins(), 3);
 }
 
-TEST_F(PagedFileStreamTest, SeekingToTheCurrentPositionAsksNobodyAndKeepsThePins) {
+TEST_F(PagedFileStreamTest, SeekingToTheCurrentPositionDoesNotAskTheSeekerAndKeepsThePins) {
     ASSERT_TRUE(stream_->Seek(0, 1500));
     Read(1);
     seeker_->positionsAsked = 0;
@@ -236,7 +235,7 @@ public:
 
 }  // namespace
 
-TEST_F(PagedFileStreamTest, TheEndIsWhereADerivedStreamSaysItIs) {
+TEST_F(PagedFileStreamTest, TheEndIsDefinedByTheSizeOfADerivedStream) {
     const Util::RefPtr<StreamOfOtherSize> stream(new StreamOfOtherSize(&cache_, seeker_));
     EXPECT_TRUE(stream->Seek(2, -100));
     EXPECT_EQ(stream->GetPosition(), 1100u);
@@ -270,7 +269,7 @@ TEST_F(PagedFileStreamTest, AReadOfNothingReadsNothingAndPinsNothing) {
     EXPECT_EQ(FreePins(), 4);
 }
 
-TEST_F(PagedFileStreamTest, AReadAcrossAPageGoesOnWhereTheDataOfTheNextBegins) {
+TEST_F(PagedFileStreamTest, AReadAcrossAPageContinuesWhereTheDataOfTheNextBegins) {
     ASSERT_TRUE(stream_->Seek(0, 990));
     Bytes expected = Slice(file_, FileOffset(12) + 8182, 10);
     const Bytes next = Slice(file_, FileOffset(10) + 100, 20);
@@ -312,7 +311,7 @@ TEST_F(PagedFileStreamTest, ReadsAndWritesInOnePageAskTheCacheOnceEach) {
     EXPECT_EQ(pinsOfFirstPage(), 2);
 }
 
-TEST_F(PagedFileStreamTest, EveryPageIsMadeKnownBeforeItIsUsed) {
+TEST_F(PagedFileStreamTest, EveryPageIsLoadedBeforeItIsUsed) {
     EXPECT_THAT(seeker_->pagesLoaded, IsEmpty());
     Read(1);
     EXPECT_EQ(seeker_->pagesLoaded.front(), 0u);
@@ -334,7 +333,7 @@ TEST_F(PagedFileStreamTest, AFullCacheMakesReadsAndWritesShort) {
     EXPECT_EQ(Read(2000), Slice(content_, 0, 2000));
 }
 
-TEST_F(PagedFileStreamTest, AReadStopsAtAPageThatHasNoValidNumber) {
+TEST_F(PagedFileStreamTest, AReadStopsAtAPageWithAnInvalidNumber) {
     OpenStream({kFirst, {0, {0, 0}}});
     EXPECT_EQ(Read(1000), content_);
     EXPECT_THAT(Read(1), IsEmpty());
@@ -371,7 +370,7 @@ TEST_F(PagedFileStreamTest, WritesEveryByteInItsPlaceAndNoOther) {
     EXPECT_EQ(ReadFile(path_), expected);
 }
 
-TEST_F(PagedFileStreamTest, AWriteBeyondTheEndReturnsWhatFittedAndStopsThere) {
+TEST_F(PagedFileStreamTest, AWriteBeyondTheEndIsShortAndStopsThere) {
     ASSERT_TRUE(stream_->Seek(2, -30));
     const Bytes written = PatternBytes(100, 9);
     EXPECT_EQ(stream_->Write(written.data(), 100), 30u);
@@ -409,7 +408,7 @@ TEST_F(PagedFileStreamTest, ReadingAndWritingPinThePageSeparately) {
     EXPECT_EQ(FreePins(), 4);
 }
 
-TEST_F(PagedFileStreamTest, ReadingOverAPageEndLetsGoOfThePageWrittenToo) {
+TEST_F(PagedFileStreamTest, ReadingPastAPageEndReleasesTheWrittenPageToo) {
     const Bytes written = {1, 2};
     ASSERT_EQ(stream_->Write(&written[0], 1), 1u);
     Read(999);
@@ -420,7 +419,7 @@ TEST_F(PagedFileStreamTest, ReadingOverAPageEndLetsGoOfThePageWrittenToo) {
     EXPECT_EQ(ReadAll(), content_);
 }
 
-TEST_F(PagedFileStreamTest, WritingOverAPageEndLetsGoOfThePageReadToo) {
+TEST_F(PagedFileStreamTest, WritingPastAPageEndReleasesTheReadPageToo) {
     Read(1);
     ASSERT_EQ(stream_->Write(&content_[1], 999), 999u);
     EXPECT_EQ(FreePins(), 4);
@@ -438,7 +437,7 @@ TEST_F(PagedFileStreamTest, ReleasedPagesArePinnedAgainByTheNextAccess) {
 
 // ---- Removing bytes -----------------------------------------------------------------------------
 
-TEST_F(PagedFileStreamTest, RemoveRangeMovesWhatStandsBehindDownAndSeeksThere) {
+TEST_F(PagedFileStreamTest, RemoveRangeMovesTheBytesAfterItDownAndSeeksThere) {
     for (const std::int32_t position : {0, 1, 990, 1000, 5000, 9000, 9092, 9300}) {
         for (const std::int32_t length : {1, 10, 150, 291, 292}) {
             ASSERT_TRUE(stream_->Seek(0, 0));
@@ -495,7 +494,7 @@ TEST_F(PagedFileStreamTest, RemoveRangeOutsideTheStreamIsRefusedAndChangesNothin
     EXPECT_EQ(ReadAll(), content_);
 }
 
-// Places no position after so many moves.
+// Places no position after `movesPlaced` moves.
 class TiringSeeker : public ListSeeker {
 public:
     using ListSeeker::ListSeeker;
@@ -511,7 +510,7 @@ public:
     int movesPlaced = 0;
 };
 
-TEST_F(PagedFileStreamTest, RemoveRangeIsRefusedWhenAPlaceOnTheWayIsAndStaysWhereItWas) {
+TEST_F(PagedFileStreamTest, RemoveRangeIsRefusedAndKeepsThePositionIfAnyMoveIsRefused) {
     for (int moves = 0; moves < 5; ++moves) {
         const Util::RefPtr<TiringSeeker> seeker(new TiringSeeker({kFirst, kSecond, kThird}));
         stream_ = new PagedFileStream(&cache_, seeker);
@@ -524,7 +523,7 @@ TEST_F(PagedFileStreamTest, RemoveRangeIsRefusedWhenAPlaceOnTheWayIsAndStaysWher
     }
 }
 
-// Places every position it is asked for at one place.
+// Places every position at the same place.
 class FixedSeeker : public ListSeeker {
 public:
     FixedSeeker(std::initializer_list<Entry> entries, const PagePosition& place)
@@ -541,7 +540,7 @@ private:
     const PagePosition place_;
 };
 
-TEST_F(PagedFileStreamTest, HasNothingAtAPlaceBehindItsPages) {
+TEST_F(PagedFileStreamTest, HasNoBytesPastItsPages) {
     const Util::RefPtr<IPagedFileSeeker> seeker(new FixedSeeker({kFirst, kSecond}, {2, 0}));
     stream_ = new PagedFileStream(&cache_, seeker);
     EXPECT_EQ(Read(10), Bytes());
@@ -558,7 +557,7 @@ TEST_F(PagedFileStreamTest, RemoveRangeToAPlaceWithoutBytesThrowsCorrupt) {
     EXPECT_EQ(FreePins(), 4);
 }
 
-TEST_F(PagedFileStreamTest, RemoveRangeThatCantPinBothPagesThrowsCorruptAndUnpins) {
+TEST_F(PagedFileStreamTest, RemoveRangeThatCannotPinBothPagesThrowsCorruptAndUnpins) {
     OpenCache(1);
     OpenStream({kFirst, kSecond});
     EXPECT_THROW(stream_->RemoveRange(0, 1000), FileDataCorruptException);
@@ -566,7 +565,7 @@ TEST_F(PagedFileStreamTest, RemoveRangeThatCantPinBothPagesThrowsCorruptAndUnpin
     EXPECT_EQ(ReadAll(), content_);
 }
 
-TEST_F(PagedFileStreamTest, RemoveRangeThatCantPinItsDestinationThrowsCorrupt) {
+TEST_F(PagedFileStreamTest, RemoveRangeThatCannotPinItsDestinationThrowsCorrupt) {
     OpenCache(1);
     OpenStream({kFirst, kSecond});
     ASSERT_NE(cache_.GetPageForRead(19), nullptr);
@@ -595,7 +594,7 @@ TEST_F(PagedFileStreamTest, RemoveRangePinsItsSourceForReadingAndItsDestinationF
     EXPECT_EQ(std::filesystem::file_size(path_), 16 * kPageSize);
 }
 
-// Notes what the cache can still pin while it moves a position.
+// Records at each move how many pages the cache can still pin.
 class PinWatchingSeeker : public ListSeeker {
 public:
     using ListSeeker::ListSeeker;
@@ -624,7 +623,7 @@ TEST_F(PagedFileStreamTest, RemoveRangeEndsInTheLastPageOnly) {
     EXPECT_THROW(stream_->RemoveRange(0, 0), FileDataCorruptException);
 }
 
-TEST_F(PagedFileStreamTest, RemoveRangeWithinOnePageNeedsRoomForOne) {
+TEST_F(PagedFileStreamTest, RemoveRangeWithinOnePageNeedsCapacityForOne) {
     OpenCache(1);
     OpenStream({kFirst});
     EXPECT_TRUE(stream_->RemoveRange(100, 50));
@@ -647,7 +646,7 @@ public:
 
 }  // namespace
 
-TEST_F(PagedFileStreamTest, RemoveRangeReturnsWhatTheSeekOfADerivedStreamSays) {
+TEST_F(PagedFileStreamTest, RemoveRangeReturnsTheResultOfADerivedSeek) {
     const Util::RefPtr<StreamThatCantSeek> stream(new StreamThatCantSeek(&cache_, seeker_));
     EXPECT_FALSE(stream->RemoveRange(9000, 10));
     EXPECT_EQ(stream->asked, std::make_pair(std::uint32_t{0}, std::int32_t{9000}));
@@ -655,10 +654,10 @@ TEST_F(PagedFileStreamTest, RemoveRangeReturnsWhatTheSeekOfADerivedStreamSays) {
 
 // ---- Moving to other pages ----------------------------------------------------------------------
 
-TEST_F(PagedFileStreamTest, MoveToKeepsThePositionAndGoesOnInTheOtherPlaces) {
+TEST_F(PagedFileStreamTest, MoveToKeepsThePositionAndContinuesInTheOtherPages) {
     ASSERT_TRUE(stream_->Seek(0, 1500));
     Read(1);
-    // The same number of bytes, cut in other places of other pages.
+    // The same number of bytes, in other ranges of other pages.
     const Util::RefPtr<ListSeeker> other(new ListSeeker({{17, {0, 8192}}, {15, {40, 1440}}}));
     stream_->MoveTo(other);
     EXPECT_EQ(FreePins(), 4);
@@ -669,11 +668,11 @@ TEST_F(PagedFileStreamTest, MoveToKeepsThePositionAndGoesOnInTheOtherPlaces) {
     EXPECT_EQ(Read(8000), Slice(moved, 1501, 8000));
     EXPECT_EQ(stream_->GetSize(), kSize);
     EXPECT_EQ(ReadAll(), moved);
-    EXPECT_EQ(seeker_->AddRef(), 2u);  // nobody but the test holds it now
+    EXPECT_EQ(seeker_->AddRef(), 2u);  // only the test holds it now
     seeker_->Release();
 }
 
-TEST_F(PagedFileStreamTest, MoveToPlacesWithoutThePositionThrowsCorruptAndChangesNothing) {
+TEST_F(PagedFileStreamTest, MoveToPagesWithoutThePositionThrowsCorruptAndChangesNothing) {
     ASSERT_TRUE(stream_->Seek(0, 1500));
     const Util::RefPtr<ListSeeker> shorter(new ListSeeker({{17, {0, 1499}}}));
     EXPECT_THROW(stream_->MoveTo(shorter), FileDataCorruptException);
@@ -725,7 +724,7 @@ TEST_F(PagedFileStreamTest, KeepsItsStateInOneFixedOrder) {
     EXPECT_EQ(FieldAt<std::uint64_t>(stream, 96), 10u);
 }
 
-TEST(IDataStreamInterface, HasItsOperationsBehindTheReferenceCountingInOrder) {
+TEST(IDataStreamInterface, HasItsOperationsInOrderAfterTheReferenceCounting) {
     const std::size_t first = VirtualSlot(&IDataStream::AddRef) + 3;
     EXPECT_EQ(VirtualSlot(&IDataStream::GetPosition), first);
     EXPECT_EQ(VirtualSlot(&IDataStream::GetSize), first + 1);

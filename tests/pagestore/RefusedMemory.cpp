@@ -21,7 +21,7 @@ RefusedMemory::~RefusedMemory() {
 
 }  // namespace Quorvel::Testing
 
-// Replaces the standard library's own, which does the same but for the refusal.
+// Does the same as the standard library's own, except for the refusal.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     if (refused) {
         return nullptr;

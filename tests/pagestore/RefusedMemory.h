@@ -2,7 +2,7 @@
 
 namespace Quorvel::Testing {
 
-// Makes the forms of operator new that don't throw return null while it lives.
+// While it lives, operator new with std::nothrow returns null in the calling thread.
 class RefusedMemory {
 public:
     RefusedMemory();

@@ -60,7 +60,7 @@ TEST_F(StdioFileTest, AFailureWithoutAnErrorNumberIsStillAFailure) {
     EXPECT_NE(file.Open(path_.c_str(), "w+b"), 0);
 }
 
-TEST_F(StdioFileTest, OpenClosesWhatIsOpenEvenWhenItFails) {
+TEST_F(StdioFileTest, OpenClosesTheEarlierFileEvenIfItFails) {
     StdioFile file;
     ASSERT_EQ(file.Open(path_.c_str(), "w+b"), 0);
     StdioCounts before = CountStdioCalls();
@@ -82,7 +82,7 @@ TEST_F(StdioFileTest, CloseClosesOnce) {
     EXPECT_EQ(file.Detach(), nullptr);
 }
 
-TEST_F(StdioFileTest, TheDestructorClosesAnOpenFileOnly) {
+TEST_F(StdioFileTest, TheDestructorClosesOnlyAnOpenFile) {
     const StdioCounts before = CountStdioCalls();
     {
         StdioFile open;
@@ -92,7 +92,7 @@ TEST_F(StdioFileTest, TheDestructorClosesAnOpenFileOnly) {
     EXPECT_EQ(ClosesSince(before), 1u);
 }
 
-TEST_F(StdioFileTest, DetachGivesTheFileAwayOpen) {
+TEST_F(StdioFileTest, DetachReturnsTheFileOpen) {
     const StdioCounts before = CountStdioCalls();
     {
         StdioFile file;
@@ -105,7 +105,7 @@ TEST_F(StdioFileTest, DetachGivesTheFileAwayOpen) {
     EXPECT_EQ(std::fwrite("abc", 3, 1, opened_), 1u);
 }
 
-TEST_F(StdioFileTest, GetShowsTheFileAndKeepsIt) {
+TEST_F(StdioFileTest, GetReturnsTheFileAndKeepsIt) {
     StdioFile file;
     EXPECT_EQ(file.Get(), nullptr);
     ASSERT_EQ(file.Open(path_.c_str(), "w+b"), 0);
@@ -115,7 +115,7 @@ TEST_F(StdioFileTest, GetShowsTheFileAndKeepsIt) {
     EXPECT_EQ(file.Get(), nullptr);
 }
 
-TEST_F(StdioFileTest, WhatIsWrittenIsInTheFileAtOnce) {
+TEST_F(StdioFileTest, WritesReachTheFileAtOnce) {
     std::FILE* const file = OpenFile({});
     ASSERT_EQ(std::fwrite("abc", 3, 1, file), 1u);
     EXPECT_EQ(ReadFile(path_), (Bytes{'a', 'b', 'c'}));
@@ -138,7 +138,7 @@ TEST_F(GetFileSizeTest, OfNoFileThrowsInvalidParameter) {
     EXPECT_THROW(GetFileSize(nullptr), InvalidParameterException);
 }
 
-TEST_F(GetFileSizeTest, ThrowsTheErrorNumberOfWhatFails) {
+TEST_F(GetFileSizeTest, ThrowsTheErrorNumberOfTheFailedCall) {
     std::FILE* const file = OpenFile(Bytes(300));
     for (const StdioCall call : {StdioCall::Seek, StdioCall::Tell}) {
         const StdioFault fault(call, ESPIPE);
@@ -159,7 +159,7 @@ TEST_F(GrowFileTest, AppendsZerosUpToTheNewSize) {
     }
 }
 
-TEST_F(GrowFileTest, WritesWholePagesAndThenWhatIsLeft) {
+TEST_F(GrowFileTest, WritesWholePagesAndThenTheRest) {
     std::FILE* const file = OpenFile({});
     const auto writesTo = [&](std::uint64_t newSize) {
         const StdioCounts before = CountStdioCalls();
@@ -187,7 +187,7 @@ TEST_F(GrowFileTest, OfNoFileThrowsInvalidParameter) {
     EXPECT_THROW(GrowFile(nullptr, 8192), InvalidParameterException);
 }
 
-TEST_F(GrowFileTest, ThrowsTheErrorNumberWhenTheEndCantBeReached) {
+TEST_F(GrowFileTest, ThrowsTheErrorNumberIfTheEndCannotBeReached) {
     std::FILE* const file = OpenFile(Bytes(10));
     for (const std::uint64_t skipped : Numbers{0, 1}) {
         const StdioFault fault(StdioCall::Seek, EIO, skipped);
@@ -196,21 +196,21 @@ TEST_F(GrowFileTest, ThrowsTheErrorNumberWhenTheEndCantBeReached) {
     EXPECT_EQ(std::filesystem::file_size(path_), 10u);
 }
 
-TEST_F(GrowFileTest, ThrowsTheErrorNumberWhenAWholePageCantBeWritten) {
+TEST_F(GrowFileTest, ThrowsTheErrorNumberIfAWholePageCannotBeWritten) {
     std::FILE* const file = OpenFile({});
     const StdioFault fault(StdioCall::Write, ENOSPC, 1);
     EXPECT_EQ(FileErrorOf([&] { GrowFile(file, 3 * 8192); }), ENOSPC);
     EXPECT_EQ(std::filesystem::file_size(path_), 8192u);
 }
 
-TEST_F(GrowFileTest, ThrowsTheErrorNumberWhenTheLastPartCantBeWritten) {
+TEST_F(GrowFileTest, ThrowsTheErrorNumberIfTheLastPartCannotBeWritten) {
     std::FILE* const file = OpenFile({});
     const StdioFault fault(StdioCall::Write, EFBIG, 1);
     EXPECT_EQ(FileErrorOf([&] { GrowFile(file, 8192 + 100); }), EFBIG);
     EXPECT_EQ(std::filesystem::file_size(path_), 8192u);
 }
 
-TEST_F(GrowFileTest, GoesOnWhereAFailureStopped) {
+TEST_F(GrowFileTest, ContinuesAfterAFailure) {
     std::FILE* const file = OpenFile(Bytes(100, 5));
     {
         const StdioFault fault(StdioCall::Write, ENOSPC, 1, 1, 700);

@@ -19,13 +19,13 @@ TEST(CStr, TakesTextUpToItsNul) {
     EXPECT_STREQ(text.data(), "name");
 }
 
-TEST(CStr, TakesANullPointerAsNoText) {
+TEST(CStr, TreatsANullPointerAsNoText) {
     const CStr text(nullptr);
     EXPECT_EQ(text.Length(), 0U);
     EXPECT_STREQ(text.data(), "");
 }
 
-TEST(CStr, HoldsAnyBytesOfAGivenLengthAndANulBehindThem) {
+TEST(CStr, HoldsAnyBytesOfAGivenLengthFollowedByANul) {
     const CStr text("a\0b\xFF", 4);
     EXPECT_EQ(text.Length(), 4U);
     EXPECT_EQ(std::memcmp(text.data(), "a\0b\xFF", 5), 0);
@@ -61,7 +61,7 @@ TEST(CStr, Concatenates) {
     EXPECT_EQ(text, CStr("cache.datcache.dat"));
 }
 
-TEST(CStr, IsEqualToTheSameBytesInTheSameNumber) {
+TEST(CStr, IsEqualToTheSameBytesOfTheSameLength) {
     EXPECT_TRUE(CStr("a\0b", 3) == CStr("a\0b", 3));
     EXPECT_FALSE(CStr("a\0b", 3) == CStr("a\0c", 3));
     EXPECT_FALSE(CStr("a\0b", 3) == CStr("a"));

@@ -13,7 +13,7 @@ using Corvane::IdentifierAllocator;
 constexpr std::uint64_t kHighest = 0xFFFFFF;
 constexpr std::uint64_t kNone = ~std::uint64_t{0};
 
-// The identifiers that an allocator has out, by its own account.
+// The identifiers that an allocator lists as allocated.
 std::set<std::uint64_t> ContentOf(const IdentifierAllocator& allocator) {
     std::set<std::uint64_t> content;
     for (std::uint64_t index = 0; index < allocator.GetNumberOfAllocatedIdentifiers(); ++index) {
@@ -22,14 +22,14 @@ std::set<std::uint64_t> ContentOf(const IdentifierAllocator& allocator) {
     return content;
 }
 
-TEST(IdentifierAllocator, HasNothingOutAtFirst) {
+TEST(IdentifierAllocator, HasNothingAllocatedAtFirst) {
     const IdentifierAllocator allocator;
     EXPECT_EQ(allocator.GetNumberOfAllocatedIdentifiers(), 0U);
     EXPECT_EQ(allocator.GetAllocatedIdentifier(0), kNone);
     EXPECT_FALSE(allocator.IsAllocated(0));
 }
 
-TEST(IdentifierAllocator, HandsOutTheLowestFreeIdentifierFirst) {
+TEST(IdentifierAllocator, AllocatesTheLowestFreeIdentifierFirst) {
     IdentifierAllocator allocator;
     for (std::uint64_t expected = 0; expected < 1000; ++expected) {
         ASSERT_EQ(allocator.Allocate(), expected);
@@ -43,7 +43,7 @@ TEST(IdentifierAllocator, HandsOutTheLowestFreeIdentifierFirst) {
     EXPECT_EQ(allocator.Allocate(), 1000U);
 }
 
-TEST(IdentifierAllocator, SkipsIdentifiersThatWereMarked) {
+TEST(IdentifierAllocator, SkipsMarkedIdentifiers) {
     IdentifierAllocator allocator;
     EXPECT_TRUE(allocator.MarkAllocated(0));
     EXPECT_TRUE(allocator.MarkAllocated(2));
@@ -71,7 +71,7 @@ TEST(IdentifierAllocator, RefusesToMarkAnIdentifierAboveTheHighest) {
     EXPECT_EQ(allocator.Allocate(), 0U);
 }
 
-TEST(IdentifierAllocator, RefusesToFreeWhatIsFree) {
+TEST(IdentifierAllocator, RefusesToFreeAFreeIdentifier) {
     IdentifierAllocator allocator;
     EXPECT_FALSE(allocator.Free(0));
     EXPECT_FALSE(allocator.Free(kNone));
@@ -81,7 +81,7 @@ TEST(IdentifierAllocator, RefusesToFreeWhatIsFree) {
     EXPECT_EQ(allocator.GetNumberOfAllocatedIdentifiers(), 0U);
 }
 
-TEST(IdentifierAllocator, SaysWhichIdentifiersAreOut) {
+TEST(IdentifierAllocator, KnowsWhichIdentifiersAreAllocated) {
     IdentifierAllocator allocator;
     allocator.MarkAllocated(63);
     allocator.MarkAllocated(64);
@@ -93,7 +93,7 @@ TEST(IdentifierAllocator, SaysWhichIdentifiersAreOut) {
     EXPECT_FALSE(allocator.IsAllocated(kNone));
 }
 
-TEST(IdentifierAllocator, NumbersWhatIsOutInAscendingOrder) {
+TEST(IdentifierAllocator, ListsAllocatedIdentifiersInAscendingOrder) {
     IdentifierAllocator allocator;
     for (const std::uint64_t identifier : {9000U, 5U, 127U, 128U, 4096U, 63U}) {
         ASSERT_TRUE(allocator.MarkAllocated(identifier));
@@ -106,7 +106,7 @@ TEST(IdentifierAllocator, NumbersWhatIsOutInAscendingOrder) {
     EXPECT_EQ(allocator.GetAllocatedIdentifier(kNone), kNone);
 }
 
-TEST(IdentifierAllocator, FreesEverythingWhenItIsCleared) {
+TEST(IdentifierAllocator, FreesEverythingWhenCleared) {
     IdentifierAllocator allocator;
     for (int times = 0; times < 200; ++times) {
         allocator.Allocate();
@@ -131,7 +131,7 @@ TEST(IdentifierAllocator, ExchangesItsContentWithAnother) {
     EXPECT_EQ(ContentOf(first), (std::set<std::uint64_t>{9, 8000}));
 }
 
-TEST(IdentifierAllocator, AgreesWithAnOrderedSetWhateverIsDoneToIt) {
+TEST(IdentifierAllocator, AgreesWithAnOrderedSetAfterRandomOperations) {
     constexpr std::uint64_t kRange = 3000;
     std::mt19937 random(20);
     IdentifierAllocator allocator;
@@ -160,7 +160,7 @@ TEST(IdentifierAllocator, AgreesWithAnOrderedSetWhateverIsDoneToIt) {
     }
 }
 
-TEST(IdentifierAllocator, HandsOutEveryIdentifierUpToTheHighestAndThenNone) {
+TEST(IdentifierAllocator, AllocatesEveryIdentifierUpToTheHighestAndThenNone) {
     IdentifierAllocator allocator;
     std::uint64_t outOfOrder = 0;
     for (std::uint64_t expected = 0; expected <= kHighest; ++expected) {

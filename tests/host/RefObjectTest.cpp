@@ -10,7 +10,7 @@
 
 namespace {
 
-// Counts its deaths.
+// Counts destructions.
 class Mortal : public Util::ARefObject {
 public:
     explicit Mortal(int& deaths) : deaths_(deaths) {}
@@ -20,7 +20,7 @@ private:
     int& deaths_;
 };
 
-// Lives on when the last reference has gone.
+// Outlives its last reference.
 class Immortal : public Util::ARefObject {
 public:
     int deletions = 0;
@@ -84,15 +84,15 @@ TEST(ARefObject, CountsTheReferencesOfAllThreads) {
     EXPECT_EQ(deaths, 1);
 }
 
-TEST(ARefObject, IsNotCopied) {
+TEST(ARefObject, CannotBeCopied) {
     EXPECT_FALSE(std::is_copy_constructible_v<Immortal>);
     EXPECT_FALSE(std::is_copy_assignable_v<Immortal>);
     EXPECT_TRUE(std::has_virtual_destructor_v<Util::IRefObject>);
     EXPECT_TRUE((std::is_base_of_v<VornHeapOperators, Util::ARefObject>));
 }
 
-// A pointer to a virtual function holds its place in the table of virtual functions; from one
-// function to the next it grows by the size of a pointer.
+// A pointer to a virtual function holds the function's place in the virtual table, which grows by
+// the size of a pointer from one function to the next.
 template <typename Function>
 std::ptrdiff_t PlaceOf(Function function) {
     std::ptrdiff_t place;
@@ -100,7 +100,7 @@ std::ptrdiff_t PlaceOf(Function function) {
     return place;
 }
 
-TEST(ARefObject, HasItsThreeOperationsInARowBehindTheDestructor) {
+TEST(ARefObject, HasItsThreeOperationsInARowAfterTheDestructor) {
     constexpr auto kSlot = static_cast<std::ptrdiff_t>(sizeof(void*));
     class WithOneMore : public Immortal {
     public:

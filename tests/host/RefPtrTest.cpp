@@ -25,7 +25,7 @@ struct Object : Util::ARefObject {
 
 struct Derived : Object {};
 
-// Empties the reference that leads to it while it dies.
+// Resets the reference to itself in its destructor.
 struct Returning : Util::ARefObject {
     ~Returning() override {
         wasEmpty = !*home;
@@ -51,7 +51,7 @@ TEST_F(RefPtrTest, IsEmptyAtFirst) {
     EXPECT_EQ(none.Get(), nullptr);
 }
 
-TEST_F(RefPtrTest, HoldsAReferenceForTheLengthOfItsLife) {
+TEST_F(RefPtrTest, HoldsAReferenceForItsLifetime) {
     {
         const RefPtr<Object> pointer(new Object(5));
         EXPECT_TRUE(pointer);
@@ -72,7 +72,7 @@ TEST_F(RefPtrTest, SharesItsObjectWithACopy) {
     EXPECT_EQ(copy->References(), 1U);
 }
 
-TEST_F(RefPtrTest, HandsItsReferenceOnWhenItIsMoved) {
+TEST_F(RefPtrTest, PassesOnItsReferenceWhenMoved) {
     RefPtr<Object> pointer(new Object);
     const RefPtr<Object> moved(std::move(pointer));
     EXPECT_EQ(moved->References(), 1U);
@@ -82,7 +82,7 @@ TEST_F(RefPtrTest, HandsItsReferenceOnWhenItIsMoved) {
     EXPECT_EQ(moved->References(), 2U);
 }
 
-TEST_F(RefPtrTest, ReleasesWhatItHeldWhenItIsAssigned) {
+TEST_F(RefPtrTest, ReleasesItsObjectWhenAssigned) {
     const RefPtr<Object> first(new Object(1));
     RefPtr<Object> pointer(new Object(2));
     pointer = first;
@@ -118,7 +118,7 @@ TEST_F(RefPtrTest, IsEqualToAnotherReferenceToItsObject) {
     EXPECT_TRUE(first != second);
 }
 
-TEST(RefPtr, IsEmptyBeforeItsObjectDies) {
+TEST(RefPtr, IsEmptyBeforeItsObjectIsDestroyed) {
     RefPtr<Returning> pointer(new Returning);
     pointer->home = &pointer;
     pointer.Reset();

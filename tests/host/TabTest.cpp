@@ -28,7 +28,7 @@ void ExpectNumbers(const Tab<int>& tab, int count) {
     }
 }
 
-// Counts the living objects of its kind; copying throws when it is told to.
+// Counts the living objects; copying throws after copiesLeft copies.
 struct Counted {
     Counted() { ++living; }
     Counted(const Counted& other) : value(other.value) {
@@ -60,14 +60,14 @@ TEST(Tab, KeepsItsElementsWhenItGrowsAndShrinks) {
     EXPECT_EQ(tab.Count(), 0);
 }
 
-TEST(Tab, LeavesNewElementsOfATrivialTypeAsTheyAre) {
+TEST(Tab, DoesNotInitialiseNewElementsOfATrivialType) {
     Tab<int> tab = Numbers(10);
     tab.SetCount(0);
     tab.SetCount(10);
     ExpectNumbers(tab, 10);
 }
 
-TEST(Tab, MakesNewElementsOfOtherTypesAndDestroysOldOnes) {
+TEST(Tab, ConstructsNewElementsOfOtherTypesAndDestroysOldOnes) {
     {
         Tab<Counted> tab;
         tab.SetCount(3);
@@ -83,7 +83,7 @@ TEST(Tab, MakesNewElementsOfOtherTypesAndDestroysOldOnes) {
     EXPECT_EQ(Counted::living, 0);
 }
 
-TEST(Tab, GivesTheAddressesOfElementsInARow) {
+TEST(Tab, HoldsItsElementsAtConsecutiveAddresses) {
     Tab<int> tab = Numbers(4);
     const Tab<int>& constant = tab;
     *tab.Addr(2) = 99;
@@ -132,7 +132,7 @@ TEST(Tab, HoldsElementsThatOwnMemory) {
     EXPECT_EQ(copy[0], "");
 }
 
-TEST(Tab, StaysAsItWasWhenThereIsNoMemoryToGrow) {
+TEST(Tab, IsUnchangedWhenThereIsNoMemoryToGrow) {
     Tab<int> tab = Numbers(10);
     {
         const HeapFault fault;
@@ -143,7 +143,7 @@ TEST(Tab, StaysAsItWasWhenThereIsNoMemoryToGrow) {
     EXPECT_EQ(tab.Count(), 1000);
 }
 
-TEST(Tab, LeavesNothingBehindWhenAnElementCanNotBeCopied) {
+TEST(Tab, LeavesNothingBehindWhenAnElementCannotBeCopied) {
     {
         Tab<Counted> tab;
         tab.SetCount(5);

@@ -32,7 +32,7 @@ TEST(VornHeapOperators, ThrowWhenTheHeapIsExhausted) {
     EXPECT_EQ(fault.Failures(), 1U);
 }
 
-TEST(VornHeapOperators, ReturnNullInsteadWhenAsked) {
+TEST(VornHeapOperators, ReturnNullFromNothrowNew) {
     std::unique_ptr<Hosted> object;
     {
         const HeapFault fault;
@@ -45,7 +45,7 @@ TEST(VornHeapOperators, ReturnNullInsteadWhenAsked) {
     EXPECT_EQ(object->value, 3);
 }
 
-TEST(VornHeapOperators, MakeObjectsInAGivenPlace) {
+TEST(VornHeapOperators, SupportPlacementNew) {
     alignas(Hosted) unsigned char place[sizeof(Hosted)];
     auto* const object = new (place) Hosted(9);
     EXPECT_EQ(static_cast<void*>(object), static_cast<void*>(place));

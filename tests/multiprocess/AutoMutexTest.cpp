@@ -23,7 +23,7 @@ protected:
 
 }  // namespace
 
-TEST_F(AutoMutexTest, HoldsTheMutexForTheLengthOfItsScope) {
+TEST_F(AutoMutexTest, HoldsTheMutexForItsScope) {
     {
         const AutoMutex guard(mutex_, kWaitForever);
         EXPECT_EQ(guard.WaitResult(), kWaitAcquired);
@@ -56,7 +56,7 @@ TEST_F(AutoMutexTest, GuardWhoseWaitEndsAbandonedLeavesTheMutexOwned) {
     EXPECT_TRUE(other_.FindsItFree());
 }
 
-TEST_F(AutoMutexTest, GuardInsideAnAbandonedOneReleasesItsOwnAcquisitionOnly) {
+TEST_F(AutoMutexTest, GuardInsideAnAbandonedOneReleasesOnlyItsOwnAcquisition) {
     AbandonOnAnotherThread(mutex_);
     {
         const AutoMutex outer(mutex_, kWaitForever);
@@ -78,8 +78,8 @@ TEST_F(AutoMutexTest, GuardWhoseWaitTimesOutTakesNothingFromTheOwner) {
     EXPECT_EQ(mutex_.Acquire(0), kWaitTimedOut);
 }
 
-// A wait that timed out is released all the same. Seen from outside when what made it time out has
-// passed by the end of the scope.
+// A guard whose wait timed out releases too. That shows if the thread owns the mutex by the end of
+// the scope.
 TEST_F(AutoMutexTest, GuardWhoseWaitTimesOutReleasesAtItsEnd) {
     ASSERT_EQ(other_.Acquire(), kWaitAcquired);
     {
@@ -91,7 +91,7 @@ TEST_F(AutoMutexTest, GuardWhoseWaitTimesOutReleasesAtItsEnd) {
     EXPECT_TRUE(other_.FindsItFree());
 }
 
-TEST(AutoMutex, GuardOverNoMutexReleasesNothing) {
+TEST(AutoMutex, GuardWithoutAMutexReleasesNothing) {
     MutexObject none;
     {
         const AutoMutex guard(none, kWaitForever);
@@ -100,7 +100,7 @@ TEST(AutoMutex, GuardOverNoMutexReleasesNothing) {
     EXPECT_EQ(none.Acquire(kWaitForever), kWaitAbandoned);
 }
 
-TEST_F(AutoMutexTest, IsThePointerToTheMutexAndTheWaitResult) {
+TEST_F(AutoMutexTest, HoldsThePointerToTheMutexAndTheWaitResult) {
     static_assert(sizeof(AutoMutex) == 2 * sizeof(void*));
     ASSERT_EQ(other_.Acquire(), kWaitAcquired);
     const AutoMutex guard(mutex_, 0);
@@ -112,7 +112,7 @@ TEST_F(AutoMutexTest, IsThePointerToTheMutexAndTheWaitResult) {
     EXPECT_EQ(result, kWaitTimedOut);
 }
 
-TEST(AutoMutex, IsNeitherCopiedNorMoved) {
+TEST(AutoMutex, CannotBeCopiedOrMoved) {
     EXPECT_FALSE(std::is_copy_constructible_v<AutoMutex>);
     EXPECT_FALSE(std::is_move_constructible_v<AutoMutex>);
     EXPECT_FALSE(std::is_copy_assignable_v<AutoMutex>);

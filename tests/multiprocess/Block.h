@@ -10,7 +10,7 @@
 
 namespace Quorvel::Testing {
 
-// A MultiProcessMemory that anybody may initialise and that notes which hooks were called.
+// A MultiProcessMemory with a public Initialize that records the calls of its hooks.
 class Block : public MultiProcessMemory {
 public:
     using MultiProcessMemory::Initialize;
@@ -21,7 +21,7 @@ public:
 
     std::vector<std::string> calls;
     void* passed = nullptr;                 // to the last hook
-    std::function<void(void*)> whenCalled;  // what the hooks do besides
+    std::function<void(void*)> whenCalled;  // called by the hooks
 
 protected:
     void OnMemoryCreated(void* block) override { Note("created", block); }
@@ -37,7 +37,7 @@ private:
     }
 };
 
-// A field of an object by its place in it.
+// A field of an object, by its offset.
 template <typename Field>
 Field FieldAt(const void* object, std::size_t offset) {
     Field field;
@@ -45,7 +45,7 @@ Field FieldAt(const void* object, std::size_t offset) {
     return field;
 }
 
-// Where MultiProcessMemory keeps its four fields, behind the pointer to its virtual table.
+// Offsets of the four fields of MultiProcessMemory, after the pointer to the virtual table.
 constexpr std::size_t kMutexOffset = 8;
 constexpr std::size_t kBytesOffset = 16;
 constexpr std::size_t kMappingOffset = 24;

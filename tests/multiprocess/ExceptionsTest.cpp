@@ -10,14 +10,13 @@ namespace Quorvel::Testing {
 
 namespace {
 
-// Derived from std::exception publicly, or it would not convert; directly, or adding nothing to it
-// would not leave its size.
+// True if the class derives publicly from std::exception, can be copied, and adds no fields.
 template <typename Exception>
 constexpr bool IsBareException =
     std::is_convertible_v<Exception*, std::exception*>&& std::is_copy_constructible_v<Exception> &&
     sizeof(Exception) == sizeof(std::exception);
 
-// What a handler of std::exception reads.
+// The text that a handler of std::exception gets.
 template <typename Exception>
 std::string CaughtText(const Exception& exception) {
     try {
@@ -43,13 +42,13 @@ TYPED_TEST_SUITE(ErrorClass, ErrorClasses);
 
 }  // namespace
 
-TYPED_TEST(ErrorClass, SaysWhatTheStandardLibraryDoesByDefault) {
+TYPED_TEST(ErrorClass, HasTheStandardLibrarysDefaultText) {
     const std::exception standard;
     EXPECT_STREQ(TypeParam().what(), standard.what());
     EXPECT_EQ(CaughtText(TypeParam()), standard.what());
 }
 
-TYPED_TEST(ErrorClass, IsNoneOfTheOthers) {
+TYPED_TEST(ErrorClass, IsNotOneOfTheOthers) {
     int caughtAs = 0;
     const TypeParam exception;
     const auto countIf = [&]<typename Other>() {
@@ -108,7 +107,7 @@ TEST(Win32APICallFailedException, CarriesItsCodeAndCopiesIt) {
     }
 }
 
-TEST(Win32APICallFailedException, IsNotMadeWithoutACode) {
+TEST(Win32APICallFailedException, RequiresACode) {
     EXPECT_FALSE(std::is_default_constructible_v<Win32APICallFailedException>);
     EXPECT_FALSE((std::is_convertible_v<std::uint32_t, Win32APICallFailedException>));
     EXPECT_FALSE((std::is_convertible_v<std::uint32_t, FileIOException>));

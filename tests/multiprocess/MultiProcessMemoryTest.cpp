@@ -28,8 +28,8 @@ namespace {
 
 constexpr std::uint64_t kBytes = 4096;
 
-// Opens the block of a name, tells which hook was called and the first byte, and stays until told
-// to end.
+// Opens a block, sends the name of the hook that was called and the first byte, and waits until it
+// may end. Argument: the block's name.
 QUORVEL_AGENT(BlockUser) {
     Block block;
     block.Initialize(arguments[0], kBytes);
@@ -45,11 +45,11 @@ unsigned char& FirstByte(Block& block) {
 
 class MultiProcessMemoryTest : public ::testing::Test {
 protected:
-    // Whether another process finds the block's mutex free.
+    // True if another process finds the block's mutex free.
     bool MutexIsFree() { return MutexUser(MutexName()).FindsItFree(); }
     std::string MutexName() const { return name_ + "_mutex"; }
 
-    // Lets a thread end that holds the block's mutex, which somebody else has to have open.
+    // Ends a thread that holds the block's mutex. Another object must have the mutex open.
     void AbandonMutex() {
         MutexObject mutex(MutexName().c_str());
         AbandonOnAnotherThread(mutex);
@@ -60,14 +60,14 @@ protected:
 
 }  // namespace
 
-TEST_F(MultiProcessMemoryTest, TellsTheFirstObjectThatTheBlockIsNew) {
+TEST_F(MultiProcessMemoryTest, ReportsANewBlockToTheFirstObject) {
     Block block;
     EXPECT_TRUE(block.Initialize(name_, kBytes));
     EXPECT_THAT(block.calls, ElementsAre("created"));
     EXPECT_NE(block.passed, nullptr);
 }
 
-TEST_F(MultiProcessMemoryTest, TellsAnotherObjectOfTheProcessThatTheBlockWasThere) {
+TEST_F(MultiProcessMemoryTest, ReportsAnExistingBlockToAnotherObjectOfTheProcess) {
     Block first;
     Block second;
     first.whenCalled = [](void* block) { *static_cast<unsigned char*>(block) = 42; };
@@ -77,7 +77,7 @@ TEST_F(MultiProcessMemoryTest, TellsAnotherObjectOfTheProcessThatTheBlockWasTher
     EXPECT_EQ(FirstByte(second), 42);
 }
 
-TEST_F(MultiProcessMemoryTest, TellsAnotherProcessThatTheBlockWasThere) {
+TEST_F(MultiProcessMemoryTest, ReportsAnExistingBlockToAnotherProcess) {
     Block first;
     first.whenCalled = [](void* block) { *static_cast<unsigned char*>(block) = 42; };
     first.Initialize(name_, kBytes);
@@ -95,7 +95,7 @@ TEST_F(MultiProcessMemoryTest, AttachesToTheBlockOfAnotherProcess) {
     child.Wait();
 }
 
-TEST_F(MultiProcessMemoryTest, IsFullOfZeroesWhenItIsNew) {
+TEST_F(MultiProcessMemoryTest, IsAllZerosWhenNew) {
     Block block;
     block.Initialize(name_, kBytes);
     const auto* const bytes = static_cast<const unsigned char*>(block.passed);
@@ -118,7 +118,7 @@ TEST_F(MultiProcessMemoryTest, CallsTheHooksUnderItsMutex) {
     EXPECT_TRUE(MutexIsFree());
 }
 
-TEST_F(MultiProcessMemoryTest, WaitsForItsMutexBeforeItLooksForTheBlock) {
+TEST_F(MultiProcessMemoryTest, WaitsForItsMutexBeforeItOpensTheBlock) {
     MutexObject mutex(MutexName().c_str());
     ASSERT_EQ(mutex.Acquire(0), kWaitAcquired);
     std::atomic<bool> released{false};
@@ -147,28 +147,28 @@ TEST_F(MultiProcessMemoryTest, HoldsTheCallersBytesAndNothingBeforeThem) {
     Platform::CloseNamedMemory(handle);
 }
 
-TEST_F(MultiProcessMemoryTest, HasNoSizeWhateverItsBlockHas) {
+TEST_F(MultiProcessMemoryTest, AlwaysReportsASizeOfZero) {
     Block block;
     EXPECT_EQ(block.GetBytes(), 0U);
     block.Initialize(name_, kBytes);
     EXPECT_EQ(block.GetBytes(), 0U);
 }
 
-TEST_F(MultiProcessMemoryTest, CountsTheLow32BitsOfTheSizeWhenItMakesABlock) {
+TEST_F(MultiProcessMemoryTest, CreatesABlockWithTheLow32BitsOfTheSize) {
     constexpr std::uint64_t kHighPart = std::uint64_t{1} << 32;
     Block block;
     EXPECT_THROW(block.Initialize(name_, kHighPart + kBytes), Win32APICallFailedException);
     EXPECT_TRUE(block.calls.empty());
 }
 
-TEST_F(MultiProcessMemoryTest, ReturnsTheBlockWhenItIsLocked) {
+TEST_F(MultiProcessMemoryTest, ReturnsTheBlockWhenLocked) {
     Block block;
     block.Initialize(name_, kBytes);
     EXPECT_EQ(block.Lock(kWaitForever), block.passed);
     block.Unlock();
 }
 
-TEST_F(MultiProcessMemoryTest, ExcludesOthersWhileItIsLocked) {
+TEST_F(MultiProcessMemoryTest, ExcludesOthersWhileLocked) {
     Block block;
     block.Initialize(name_, kBytes);
     MutexUser other(MutexName());
@@ -181,7 +181,7 @@ TEST_F(MultiProcessMemoryTest, ExcludesOthersWhileItIsLocked) {
     EXPECT_TRUE(other.FindsItFree());
 }
 
-TEST(MultiProcessMemory, LocksToNullWithoutABlock) {
+TEST(MultiProcessMemory, LockReturnsNullWithoutABlock) {
     Block block;
     EXPECT_EQ(block.Lock(0), nullptr);
     EXPECT_EQ(block.Lock(kWaitForever), nullptr);
@@ -189,7 +189,7 @@ TEST(MultiProcessMemory, LocksToNullWithoutABlock) {
     EXPECT_EQ(block.Lock(kWaitForever), nullptr);
 }
 
-TEST_F(MultiProcessMemoryTest, LocksToTheBlockAlthoughTheWaitTimedOut) {
+TEST_F(MultiProcessMemoryTest, LockReturnsTheBlockEvenIfTheWaitTimedOut) {
     Block block;
     block.Initialize(name_, kBytes);
     MutexUser other(MutexName());
@@ -200,14 +200,14 @@ TEST_F(MultiProcessMemoryTest, LocksToTheBlockAlthoughTheWaitTimedOut) {
     other.Release();
 }
 
-TEST_F(MultiProcessMemoryTest, LocksToNullWhenTheLastHolderEndedWithoutUnlocking) {
+TEST_F(MultiProcessMemoryTest, LockReturnsNullIfTheLastHolderEndedWithoutUnlocking) {
     Block block;
     block.Initialize(name_, kBytes);
     AbandonMutex();
     EXPECT_EQ(block.Lock(kWaitForever), nullptr);
 }
 
-TEST_F(MultiProcessMemoryTest, IsHeldByWhoFoundItAbandonedUntilThatOneUnlocksIt) {
+TEST_F(MultiProcessMemoryTest, IsHeldByTheThreadThatFoundItAbandonedUntilItUnlocks) {
     Block block;
     block.Initialize(name_, kBytes);
     MutexUser other(MutexName());
@@ -220,7 +220,7 @@ TEST_F(MultiProcessMemoryTest, IsHeldByWhoFoundItAbandonedUntilThatOneUnlocksIt)
     block.Unlock();
 }
 
-TEST_F(MultiProcessMemoryTest, LeavesItsBlockWhenItIsDestroyed) {
+TEST_F(MultiProcessMemoryTest, ClosesItsBlockWhenDestroyed) {
     {
         Block block;
         block.Initialize(name_, kBytes);
@@ -232,7 +232,7 @@ TEST_F(MultiProcessMemoryTest, LeavesItsBlockWhenItIsDestroyed) {
     EXPECT_EQ(FirstByte(next), 0);
 }
 
-TEST_F(MultiProcessMemoryTest, LeavesItsMutexWhenItIsDestroyed) {
+TEST_F(MultiProcessMemoryTest, ClosesItsMutexWhenDestroyed) {
     {
         Block block;
         block.Initialize(name_, kBytes);
@@ -241,7 +241,7 @@ TEST_F(MultiProcessMemoryTest, LeavesItsMutexWhenItIsDestroyed) {
     EXPECT_TRUE(MutexIsFree());
 }
 
-TEST_F(MultiProcessMemoryTest, KeepsTheBlockAliveForOthersWhenItIsDestroyed) {
+TEST_F(MultiProcessMemoryTest, KeepsTheBlockAliveForOthersWhenDestroyed) {
     auto first = std::make_unique<Block>();
     Block second;
     first->Initialize(name_, kBytes);
@@ -254,7 +254,7 @@ TEST_F(MultiProcessMemoryTest, KeepsTheBlockAliveForOthersWhenItIsDestroyed) {
     EXPECT_THAT(third.calls, ElementsAre("attached"));
 }
 
-TEST_F(MultiProcessMemoryTest, LeavesBlockAndMutexOfItsFirstNameForAnotherName) {
+TEST_F(MultiProcessMemoryTest, ClosesItsBlockAndMutexWhenItOpensAnotherName) {
     Block block;
     block.Initialize(name_, kBytes);
     FirstByte(block) = 1;
@@ -268,7 +268,7 @@ TEST_F(MultiProcessMemoryTest, LeavesBlockAndMutexOfItsFirstNameForAnotherName) 
     EXPECT_EQ(FirstByte(next), 0);
 }
 
-TEST_F(MultiProcessMemoryTest, LeavesItsBlockBeforeItOpensTheSameNameAgain) {
+TEST_F(MultiProcessMemoryTest, ClosesItsBlockBeforeItReopensTheSameName) {
     Block block;
     block.Initialize(name_, kBytes);
     FirstByte(block) = 1;
@@ -277,7 +277,7 @@ TEST_F(MultiProcessMemoryTest, LeavesItsBlockBeforeItOpensTheSameNameAgain) {
     EXPECT_EQ(FirstByte(block), 0);
 }
 
-TEST_F(MultiProcessMemoryTest, LeavesItsMutexBeforeItOpensTheSameNameAgain) {
+TEST_F(MultiProcessMemoryTest, ClosesItsMutexBeforeItReopensTheSameName) {
     Block block;
     block.Initialize(name_, kBytes);
     ASSERT_NE(block.Lock(0), nullptr);
@@ -285,7 +285,7 @@ TEST_F(MultiProcessMemoryTest, LeavesItsMutexBeforeItOpensTheSameNameAgain) {
     EXPECT_TRUE(MutexIsFree());
 }
 
-TEST_F(MultiProcessMemoryTest, AttachesToAllOfABlockWhenNoBytesAreAskedFor) {
+TEST_F(MultiProcessMemoryTest, AttachesToAWholeBlockForASizeOfZero) {
     Block made;
     Block block;
     made.Initialize(name_, kBytes);
@@ -301,7 +301,7 @@ TEST_F(MultiProcessMemoryTest, ThrowsForABlockOfNoBytes) {
     EXPECT_TRUE(block.calls.empty());
 }
 
-TEST_F(MultiProcessMemoryTest, ThrowsWhenTheBlockIsSmallerThanAskedFor) {
+TEST_F(MultiProcessMemoryTest, ThrowsWhenTheBlockIsSmallerThanRequested) {
     Block small;
     Block large;
     small.Initialize(name_, kBytes);
@@ -309,7 +309,7 @@ TEST_F(MultiProcessMemoryTest, ThrowsWhenTheBlockIsSmallerThanAskedFor) {
     EXPECT_TRUE(large.calls.empty());
 }
 
-TEST_F(MultiProcessMemoryTest, AttachesToABlockThatIsLargerThanAskedFor) {
+TEST_F(MultiProcessMemoryTest, AttachesToABlockThatIsLargerThanRequested) {
     Block large;
     Block small;
     large.Initialize(name_, 64 * kBytes);
@@ -355,7 +355,7 @@ TEST_F(MultiProcessMemoryTest, ReleasesItsMutexWhenItFails) {
     EXPECT_TRUE(MutexIsFree());
 }
 
-TEST_F(MultiProcessMemoryTest, KeepsWhatItHadOpenedWhenItFails) {
+TEST_F(MultiProcessMemoryTest, KeepsWhatItHasOpenedWhenItFails) {
     Block existing;
     existing.Initialize(name_, kBytes);
     Block block;
@@ -367,7 +367,7 @@ TEST_F(MultiProcessMemoryTest, KeepsWhatItHadOpenedWhenItFails) {
     block.Unlock();
 }
 
-TEST_F(MultiProcessMemoryTest, OpensABlockAfterItFailed) {
+TEST_F(MultiProcessMemoryTest, CanOpenABlockAfterAFailure) {
     Block block;
     ASSERT_THROW(block.Initialize(name_, 0), Win32APICallFailedException);
     EXPECT_TRUE(block.Initialize(name_, kBytes));
@@ -402,7 +402,7 @@ TEST(MultiProcessMemory, DoesNothingInItsOwnHooks) {
     second.Unlock();
 }
 
-TEST_F(MultiProcessMemoryTest, IsMutexSizeMappingAndViewBehindItsVirtualTable) {
+TEST_F(MultiProcessMemoryTest, HoldsMutexSizeMappingAndViewAfterItsVirtualTable) {
     static_assert(sizeof(MultiProcessMemory) == 40);
     Block block;
     for (const std::size_t offset : {kMutexOffset, kBytesOffset, kMappingOffset, kViewOffset}) {
@@ -418,14 +418,14 @@ TEST_F(MultiProcessMemoryTest, IsMutexSizeMappingAndViewBehindItsVirtualTable) {
     mutex->Release();
 }
 
-TEST(MultiProcessMemory, IsNotCopied) {
+TEST(MultiProcessMemory, CannotBeCopied) {
     EXPECT_FALSE(std::is_copy_constructible_v<MultiProcessMemory>);
     EXPECT_FALSE(std::is_copy_assignable_v<MultiProcessMemory>);
     EXPECT_TRUE((std::is_base_of_v<VornHeapOperators, MultiProcessMemory>));
     EXPECT_TRUE(std::has_virtual_destructor_v<MultiProcessMemory>);
 }
 
-// What the players of the test below tell each other in a block that the test keeps open.
+// What the processes of the test below share, in a block that the test keeps open.
 namespace {
 
 struct Referee {
@@ -435,8 +435,8 @@ struct Referee {
     std::atomic<std::uint64_t> violations;
 };
 
-// Opens and leaves a block: NAME REFEREE ROUNDS SEED. While anybody has it open nobody creates it,
-// so what its creator wrote stays what the last creator of all wrote.
+// Opens and closes a block: NAME REFEREE ROUNDS SEED. No process may create it while another has it
+// open, so it must keep what the last creator wrote into it.
 QUORVEL_AGENT(BlockPlayer) {
     Block refereeBlock;
     refereeBlock.Initialize(arguments[1], sizeof(Referee));
@@ -474,7 +474,7 @@ QUORVEL_AGENT(BlockPlayer) {
 
 }  // namespace
 
-TEST_F(MultiProcessMemoryTest, IsCreatedByOneProcessOfAllThatOpenItAtATime) {
+TEST_F(MultiProcessMemoryTest, IsCreatedByOneProcessAtATime) {
     constexpr int kPlayers = 3;
     constexpr std::uint64_t kRounds = 300;
     const std::string refereeName = name_ + "_referee";

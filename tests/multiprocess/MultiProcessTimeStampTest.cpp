@@ -29,8 +29,8 @@ namespace {
 
 constexpr std::size_t kLastSeenOffset = 40;
 
-// Has the stamp of a name open and uses it as it is told: "update", "changed", "lock", which never
-// unlocks.
+// Uses a time stamp by commands: "update", "changed", "lock" (never unlocks). Argument: the stamp's
+// name.
 QUORVEL_AGENT(TimeStampUser) {
     MultiProcessTimeStamp stamp;
     stamp.Initialize(arguments[0].c_str());
@@ -85,7 +85,7 @@ TEST(TimeStampRecord, IsSecondsCounterRandomAndProcess) {
     EXPECT_TRUE((std::is_same_v<decltype(TimeStampRecord::process), std::uint32_t>));
 }
 
-TEST_F(MultiProcessTimeStampTest, PutsTheFourSourcesAtTheirPlacesInTheBlock) {
+TEST_F(MultiProcessTimeStampTest, StoresEachFieldAtItsOffsetInTheBlock) {
     std::srand(99);
     const auto random = static_cast<std::uint32_t>(std::rand());
     const std::int64_t earliestSecond = std::time(nullptr);
@@ -104,13 +104,13 @@ TEST_F(MultiProcessTimeStampTest, PutsTheFourSourcesAtTheirPlacesInTheBlock) {
     EXPECT_EQ(FieldAt<std::uint32_t>(bytes.data(), 20), Platform::CurrentProcessId());
 }
 
-TEST_F(MultiProcessTimeStampTest, IsNotChangedWhenItWasJustMade) {
+TEST_F(MultiProcessTimeStampTest, IsNotChangedWhenNew) {
     ASSERT_TRUE(stamp_.Initialize(name_.c_str()));
     EXPECT_NE(SharedBytes(), std::string(sizeof(TimeStampRecord), '\0'));
     EXPECT_FALSE(stamp_.IsChanged());
 }
 
-TEST_F(MultiProcessTimeStampTest, IsNotChangedWhenItAttached) {
+TEST_F(MultiProcessTimeStampTest, IsNotChangedAfterAttaching) {
     const auto user = StartUser();
     user->Ask("update");
     const std::string bytes = SharedBytes();
@@ -127,7 +127,7 @@ TEST_F(MultiProcessTimeStampTest, AdoptsTheRecordThatItAttachesTo) {
               SharedBytes());
 }
 
-TEST_F(MultiProcessTimeStampTest, ShowsAnotherProcesssUpdateOnce) {
+TEST_F(MultiProcessTimeStampTest, ReportsAnUpdateByAnotherProcessOnce) {
     ASSERT_TRUE(stamp_.Initialize(name_.c_str()));
     const auto user = StartUser();
     user->Ask("update");
@@ -136,7 +136,7 @@ TEST_F(MultiProcessTimeStampTest, ShowsAnotherProcesssUpdateOnce) {
     EXPECT_EQ(user->Ask("changed"), "no");
 }
 
-TEST_F(MultiProcessTimeStampTest, ShowsItsUpdateToEveryOtherProcessOnceAndNotToItself) {
+TEST_F(MultiProcessTimeStampTest, ReportsItsUpdateOnceToEveryOtherProcessAndNotToItself) {
     const auto first = StartUser();
     const auto second = StartUser();
     ASSERT_TRUE(stamp_.Initialize(name_.c_str()));
@@ -148,7 +148,7 @@ TEST_F(MultiProcessTimeStampTest, ShowsItsUpdateToEveryOtherProcessOnceAndNotToI
     EXPECT_EQ(second->Ask("changed"), "no");
 }
 
-TEST_F(MultiProcessTimeStampTest, ShowsItsUpdateToAnotherObjectOfItsProcess) {
+TEST_F(MultiProcessTimeStampTest, ReportsItsUpdateToAnotherObjectOfItsProcess) {
     MultiProcessTimeStamp other;
     stamp_.Initialize(name_.c_str());
     other.Initialize(name_.c_str());
@@ -158,7 +158,7 @@ TEST_F(MultiProcessTimeStampTest, ShowsItsUpdateToAnotherObjectOfItsProcess) {
     EXPECT_FALSE(stamp_.IsChanged());
 }
 
-TEST_F(MultiProcessTimeStampTest, ShowsManyUpdatesAsOneUntilItIsAsked) {
+TEST_F(MultiProcessTimeStampTest, ReportsSeveralUpdatesAsOne) {
     stamp_.Initialize(name_.c_str());
     const auto user = StartUser();
     for (int updates = 0; updates < 5; ++updates) {
@@ -211,7 +211,7 @@ TEST_F(MultiProcessTimeStampTest, NoticesADifferenceInAnyOfItsBytes) {
     }
 }
 
-TEST_F(MultiProcessTimeStampTest, StartsAnewWhenEverybodyHasLeft) {
+TEST_F(MultiProcessTimeStampTest, StartsAnewAfterAllObjectsHaveClosed) {
     {
         MultiProcessTimeStamp earlier;
         earlier.Initialize(name_.c_str());
@@ -222,7 +222,7 @@ TEST_F(MultiProcessTimeStampTest, StartsAnewWhenEverybodyHasLeft) {
     EXPECT_FALSE(stamp_.IsChanged());
 }
 
-TEST_F(MultiProcessTimeStampTest, CountsWhatItFindsUnderAnotherNameAsSeen) {
+TEST_F(MultiProcessTimeStampTest, IsNotChangedAfterItOpensAnotherName) {
     const auto user = StartUser();
     stamp_.Initialize((name_ + "_other").c_str());
     stamp_.UpdateTimeStamp();
@@ -239,7 +239,7 @@ TEST(MultiProcessTimeStamp, DoesNothingBeforeItIsInitialised) {
     EXPECT_EQ(stamp.Lock(0), nullptr);
 }
 
-TEST(MultiProcessTimeStamp, HasSeenZeroesAtFirst) {
+TEST(MultiProcessTimeStamp, HasSeenZerosAtFirst) {
     static_assert(sizeof(MultiProcessTimeStamp) == kLastSeenOffset + sizeof(TimeStampRecord));
     const MultiProcessTimeStamp stamp;
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(&stamp) + kLastSeenOffset,
@@ -256,7 +256,7 @@ TEST_F(MultiProcessTimeStampTest, LeavesItsLockFree) {
     EXPECT_TRUE(other.FindsItFree());
 }
 
-// The record is made before the lock is had.
+// The record is made before the lock is acquired.
 TEST_F(MultiProcessTimeStampTest, WaitsForItsLockWithTheRecordThatItHasMade) {
     stamp_.Initialize(name_.c_str());
     MultiProcessTimeStamp other;
@@ -275,13 +275,13 @@ TEST_F(MultiProcessTimeStampTest, WaitsForItsLockWithTheRecordThatItHasMade) {
     }
 }
 
-TEST_F(MultiProcessTimeStampTest, PassesOnThatItsMutexIsAbandoned) {
+TEST_F(MultiProcessTimeStampTest, ThrowsIfItsMutexIsAbandoned) {
     MutexObject mutex((name_ + "_mutex").c_str());
     AbandonOnAnotherThread(mutex);
     EXPECT_THROW(stamp_.Initialize(name_.c_str()), Win32APICallFailedException);
 }
 
-TEST_F(MultiProcessTimeStampTest, IsNotChangedByAProcessThatWasKilledWithTheLock) {
+TEST_F(MultiProcessTimeStampTest, IsNotChangedByAProcessKilledWithTheLock) {
     stamp_.Initialize(name_.c_str());
     const auto user = StartUser();
     ASSERT_EQ(user->Ask("lock"), "locked");
@@ -290,7 +290,7 @@ TEST_F(MultiProcessTimeStampTest, IsNotChangedByAProcessThatWasKilledWithTheLock
     EXPECT_TRUE(MutexUser(name_ + "_mutex").FindsItFree());
 }
 
-TEST_F(MultiProcessTimeStampTest, ShowsTheUpdateOfAProcessThatWasKilledWithTheLock) {
+TEST_F(MultiProcessTimeStampTest, ReportsTheUpdateOfAProcessKilledWithTheLock) {
     stamp_.Initialize(name_.c_str());
     const auto user = StartUser();
     user->Ask("update");
@@ -300,7 +300,7 @@ TEST_F(MultiProcessTimeStampTest, ShowsTheUpdateOfAProcessThatWasKilledWithTheLo
     EXPECT_FALSE(stamp_.IsChanged());
 }
 
-TEST_F(MultiProcessTimeStampTest, IsUpdatedAfterAProcessWasKilledWithTheLock) {
+TEST_F(MultiProcessTimeStampTest, CanBeUpdatedAfterAProcessWasKilledWithTheLock) {
     stamp_.Initialize(name_.c_str());
     const auto killed = StartUser();
     const auto survivor = StartUser();

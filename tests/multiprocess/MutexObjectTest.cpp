@@ -32,7 +32,7 @@ protected:
 
 }  // namespace
 
-TEST(MutexObject, IsOneHandle) {
+TEST(MutexObject, HoldsOneHandle) {
     static_assert(sizeof(MutexObject) == sizeof(void*));
     const MutexObject none;
     const MutexObject mutex(UniqueName().c_str());
@@ -40,7 +40,7 @@ TEST(MutexObject, IsOneHandle) {
     EXPECT_NE(HandleOf(mutex), 0U);
 }
 
-TEST(MutexObject, IsNeitherCopiedNorMoved) {
+TEST(MutexObject, CannotBeCopiedOrMoved) {
     EXPECT_FALSE(std::is_copy_constructible_v<MutexObject>);
     EXPECT_FALSE(std::is_move_constructible_v<MutexObject>);
     EXPECT_FALSE(std::is_copy_assignable_v<MutexObject>);
@@ -92,7 +92,7 @@ TEST_F(NamedMutexObject, SerialisesProcesses) {
     mutex_.Release();
 }
 
-TEST_F(NamedMutexObject, IsTheSameByItsWideName) {
+TEST_F(NamedMutexObject, IsTheSameUnderItsWideName) {
     const std::wstring wideName(name_.begin(), name_.end());
     MutexObject wide(wideName.c_str());
     MutexUser other(name_);
@@ -102,7 +102,7 @@ TEST_F(NamedMutexObject, IsTheSameByItsWideName) {
     EXPECT_TRUE(other.FindsItFree());
 }
 
-TEST(MutexObject, OfANullNameIsAMutexOfItsOwn) {
+TEST(MutexObject, WithANullNameIsNotShared) {
     MutexObject first(static_cast<const char*>(nullptr));
     MutexObject second(static_cast<const wchar_t*>(nullptr));
     ASSERT_EQ(first.Acquire(0), kWaitAcquired);
@@ -141,7 +141,7 @@ TEST_F(NamedMutexObject, IsAbandonedByAThreadThatEnded) {
     mutex_.Release();
 }
 
-TEST_F(NamedMutexObject, IgnoresAReleaseByWhoDoesNotOwnIt) {
+TEST_F(NamedMutexObject, IgnoresAReleaseByAThreadThatDoesNotOwnIt) {
     MutexUser other(name_);
     mutex_.Release();
     ASSERT_EQ(other.Acquire(), kWaitAcquired);
@@ -149,7 +149,7 @@ TEST_F(NamedMutexObject, IgnoresAReleaseByWhoDoesNotOwnIt) {
     EXPECT_EQ(mutex_.Acquire(0), kWaitTimedOut);
 }
 
-TEST_F(NamedMutexObject, LivesAsLongAsAnybodyHasItOpen) {
+TEST_F(NamedMutexObject, LivesAsLongAsAnObjectHasItOpen) {
     auto second = std::make_unique<MutexObject>(name_.c_str());
     AbandonOnAnotherThread(*second);
     second.reset();
@@ -157,7 +157,7 @@ TEST_F(NamedMutexObject, LivesAsLongAsAnybodyHasItOpen) {
     mutex_.Release();
 }
 
-TEST(MutexObject, ClosesItsMutexWhenItIsDestroyed) {
+TEST(MutexObject, ClosesItsMutexWhenDestroyed) {
     const std::string name = UniqueName();
     {
         MutexObject mutex(name.c_str());

@@ -9,7 +9,7 @@
 
 namespace Quorvel::Testing {
 
-// A process that has the mutex of a name open and uses it as it is told.
+// Another process, which has a mutex open and uses it on request.
 class MutexUser {
 public:
     explicit MutexUser(const std::string& name);
@@ -21,20 +21,20 @@ public:
     void Release();
     void Kill() { process_.Kill(); }
 
-    // Whether nobody owns the mutex. Leaves it so.
+    // True if the mutex has no owner. Does not keep the mutex.
     bool FindsItFree();
 
 private:
     ChildProcess process_;
 };
 
-// Runs a function on a thread of its own, to that thread's end, and returns its result.
+// Runs a function on a new thread, waits for the thread's end, and returns the function's result.
 template <typename Function>
 auto OnAnotherThread(const Function& function) {
     return std::async(std::launch::async, function).get();
 }
 
-// Acquires a mutex without waiting on a thread that ends with it.
+// Acquires a mutex, without waiting, on a thread that ends without releasing it.
 inline void AbandonOnAnotherThread(MutexObject& mutex) {
     OnAnotherThread([&] { return mutex.Acquire(0); });
 }

@@ -6,7 +6,7 @@
 
 #include "effectcache/CacheClient.h"
 
-// Many threads of one host on one cache.
+// Many threads of one process on one cache.
 namespace Quorvel::Testing {
 
 namespace {
@@ -20,12 +20,12 @@ std::string NameOf(int index) {
     return "effect " + std::to_string(index);
 }
 
-// The bytes of a name begin with it; which of its versions they are, the rest tells.
+// The bytes of an effect. They begin with its name and version, on which the rest depends.
 Bytes BytesOf(int index, int version) {
     return EffectBytes('[' + NameOf(index) + " version " + std::to_string(version) + ']', kSize);
 }
 
-// Whether the bytes are one of the versions of the name, whole.
+// True if the bytes are a complete version of the effect.
 bool BelongTo(const Bytes& bytes, int index) {
     const auto end = std::find(bytes.begin(), bytes.end(), static_cast<unsigned char>(']'));
     const std::string label(bytes.begin(), end);
@@ -33,8 +33,8 @@ bool BelongTo(const Bytes& bytes, int index) {
            bytes == EffectBytes(label + ']', kSize);
 }
 
-// Caches and searches in an order of the thread's own. Effects come to the size at which the cache
-// saves by itself again and again.
+// Caches and searches effects in an order of the thread's own. The pending effects often reach the
+// size at which the cache saves by itself.
 void Work(CacheClient& cache, int thread, std::atomic<int>& wrong) {
     for (int round = 0; round < kRounds; ++round) {
         const int added = (thread * 5 + round * 7) % kNames;
@@ -84,7 +84,7 @@ TEST(EffectCacheThreads, ShareOneCache) {
     ExpectWholeCache(directory);
 }
 
-TEST(EffectCacheThreads, EachWithACacheOfItsOwnShareOneFile) {
+TEST(EffectCacheThreads, WithACacheEachShareOneFile) {
     const TemporaryDirectory directory;
     std::atomic<int> wrong{0};
     RunThreads([&](int thread) {
@@ -101,7 +101,7 @@ TEST(EffectCacheThreads, EachWithACacheOfItsOwnShareOneFile) {
     ExpectWholeCache(directory);
 }
 
-// The threads know what they have put in; nobody else touches their names.
+// Each thread caches one name of its own, so it knows which bytes to find.
 TEST(EffectCacheThreads, FindTheLastBytesThatTheyCached) {
     const TemporaryDirectory directory;
     CacheClient cache(directory);

@@ -13,7 +13,7 @@
 #include "support/ChildProcess.h"
 #include "support/TemporaryDirectory.h"
 
-// The system's error codes that come through when it refuses to make a mutex or a block.
+// The system's error codes that callers get if it refuses to create a mutex or a block.
 namespace Quorvel::Testing {
 
 namespace {
@@ -40,8 +40,8 @@ void Make(const std::string& kind, const std::string& name) {
     }
 }
 
-// Makes what it is told, then tries again when the process may open no more files, and tells the
-// errors of both: KIND NAME.
+// Creates an object, tries again with no descriptor left, and sends the errors of both attempts.
+// Arguments: KIND NAME.
 QUORVEL_AGENT(MakerWithoutDescriptors) {
     const auto make = [&] { Make(arguments[0], arguments[1]); };
     AgentSend(std::to_string(ErrorOf(make)));
@@ -67,12 +67,12 @@ std::string ErrorWithoutDescriptors(const std::string& kind) {
 
 }  // namespace
 
-TEST(SystemRefusal, OfAMutexComesWithTheErrorOfTheFailedCall) {
+TEST(SystemRefusal, OfAMutexCarriesTheErrorOfTheFailedCall) {
     EXPECT_EQ(ErrorWithoutDescriptors("mutex"), std::to_string(EMFILE));
     EXPECT_EQ(ErrorWithoutDescriptors("wide mutex"), std::to_string(EMFILE));
 }
 
-TEST(SystemRefusal, OfABlocksMutexComesWithTheErrorOfTheFailedCall) {
+TEST(SystemRefusal, OfABlocksMutexCarriesTheErrorOfTheFailedCall) {
     EXPECT_EQ(ErrorWithoutDescriptors("block"), std::to_string(EMFILE));
 }
 
@@ -81,7 +81,7 @@ TEST(SystemRefusal, OfABlockOfNoBytesIsAnInvalidArgument) {
               static_cast<std::uint32_t>(EINVAL));
 }
 
-TEST(SystemRefusal, OfAViewBeyondTheBlockIsARefusedAccess) {
+TEST(SystemRefusal, OfAViewLargerThanTheBlockIsADeniedAccess) {
     const std::string name = UniqueName();
     Block existing;
     existing.Initialize(name, kBytes);

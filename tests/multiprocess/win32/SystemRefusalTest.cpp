@@ -9,7 +9,7 @@
 #include "quorvel/MutexObject.h"
 #include "support/TemporaryDirectory.h"
 
-// The system's error codes that come through when it refuses to make a mutex or a block.
+// The system's error codes that callers get if it refuses to create a mutex or a block.
 namespace Quorvel::Testing {
 
 namespace {
@@ -28,12 +28,12 @@ DWORD ErrorOf(const Operation& operation) {
 
 }  // namespace
 
-TEST(SystemRefusal, OfAMutexNameBeyondAPathsLength) {
+TEST(SystemRefusal, OfAMutexNameLongerThanAPath) {
     const std::string name(MAX_PATH + 1, 'x');
     EXPECT_EQ(ErrorOf([&] { MutexObject mutex(name.c_str()); }), DWORD{ERROR_FILENAME_EXCED_RANGE});
 }
 
-TEST(SystemRefusal, OfAMutexNameThatABlockHas) {
+TEST(SystemRefusal, OfAMutexWithTheNameOfABlock) {
     const std::string name = UniqueName();
     Block block;
     block.Initialize(name, kBytes);
@@ -42,14 +42,14 @@ TEST(SystemRefusal, OfAMutexNameThatABlockHas) {
     EXPECT_EQ(ErrorOf([&] { MutexObject mutex(wideName.c_str()); }), DWORD{ERROR_INVALID_HANDLE});
 }
 
-TEST(SystemRefusal, OfABlockWhoseMutexNameABlockHas) {
+TEST(SystemRefusal, OfABlockWhoseMutexHasTheNameOfABlock) {
     const std::string name = UniqueName();
     Block taker;
     taker.Initialize(name + "_mutex", kBytes);
     EXPECT_EQ(ErrorOf([&] { Block().Initialize(name, kBytes); }), DWORD{ERROR_INVALID_HANDLE});
 }
 
-TEST(SystemRefusal, OfABlockNameThatAMutexHas) {
+TEST(SystemRefusal, OfABlockWithTheNameOfAMutex) {
     const std::string name = UniqueName();
     const MutexObject taker(name.c_str());
     EXPECT_EQ(ErrorOf([&] { Block().Initialize(name, kBytes); }), DWORD{ERROR_INVALID_HANDLE});
@@ -59,7 +59,7 @@ TEST(SystemRefusal, OfABlockOfNoBytes) {
     EXPECT_EQ(ErrorOf([] { Block().Initialize(UniqueName(), 0); }), DWORD{ERROR_INVALID_PARAMETER});
 }
 
-TEST(SystemRefusal, OfAViewBeyondTheBlock) {
+TEST(SystemRefusal, OfAViewLargerThanTheBlock) {
     const std::string name = UniqueName();
     Block existing;
     existing.Initialize(name, kBytes);

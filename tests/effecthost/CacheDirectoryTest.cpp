@@ -19,7 +19,7 @@ std::string RefusalOf(const std::filesystem::path& path) {
     return FailureOf(ExitCode::NoCacheDirectory, [&] { FindCacheDirectory(path); });
 }
 
-TEST(CacheDirectory, HasOneSpellingHoweverItIsNamed) {
+TEST(CacheDirectory, HasOneSpellingForAllItsNames) {
     const TemporaryDirectory folder;
     const auto cache = folder.Path() / "cache";
     std::filesystem::create_directory(cache);
@@ -35,14 +35,14 @@ TEST(CacheDirectory, HasOneSpellingHoweverItIsNamed) {
     EXPECT_EQ(FindCacheDirectory("."), spelling);
 }
 
-TEST(CacheDirectory, MayHaveBlanksAndLettersBeyondAscii) {
+TEST(CacheDirectory, MayHaveSpacesAndNonAsciiLetters) {
     const TemporaryDirectory folder;
     const auto cache = folder.Path() / u8"x h\u00f6hle";
     std::filesystem::create_directory(cache);
     EXPECT_TRUE(equivalent(FindCacheDirectory(cache), cache));
 }
 
-TEST(CacheDirectory, IsRefusedWhenItIsMissingOrAFile) {
+TEST(CacheDirectory, IsRefusedIfItIsMissingOrAFile) {
     const TemporaryDirectory folder;
     EXPECT_THAT(RefusalOf(folder.Path() / "none"), HasSubstr("there is no cache directory"));
     EXPECT_THAT(RefusalOf(""), HasSubstr("there is no cache directory"));
@@ -52,7 +52,7 @@ TEST(CacheDirectory, IsRefusedWhenItIsMissingOrAFile) {
     RefusalOf(file / "below");
 }
 
-TEST(CacheDirectory, IsRefusedWhenItsNameIsTooLong) {
+TEST(CacheDirectory, IsRefusedIfItsNameIsTooLong) {
     const TemporaryDirectory folder;
     RefusalOf(folder.Path() / std::string(5000, 'x'));
 }

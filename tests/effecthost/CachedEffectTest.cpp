@@ -21,7 +21,7 @@ TEST(CachedEffect, UnpackingReturnsTheBytesTheCompileTimeAndWhetherItIsPermanent
     EXPECT_TRUE(effect->permanent);
 }
 
-TEST(CachedEffect, AnEffectWithoutBytesSurvivesTheRoundTrip) {
+TEST(CachedEffect, AnEffectWithoutBytesCanBePackedAndUnpacked) {
     const Bytes block = PackCachedEffect("name", {7, {}});
     const auto effect = UnpackCachedEffect("name", block.data(), block.size());
     ASSERT_TRUE(effect);
@@ -34,7 +34,7 @@ TEST(CachedEffect, ABlockOfAnotherNameIsRefused) {
     EXPECT_FALSE(UnpackCachedEffect("mane", block.data(), block.size()));
 }
 
-TEST(CachedEffect, EveryFlippedBitOfHeaderAndBytesIsNoticed) {
+TEST(CachedEffect, EveryFlippedBitIsDetected) {
     const Bytes intact = SomeBlock();
     for (std::size_t bit = 0; bit < intact.size() * 8; ++bit) {
         Bytes block = intact;
@@ -43,14 +43,14 @@ TEST(CachedEffect, EveryFlippedBitOfHeaderAndBytesIsNoticed) {
     }
 }
 
-TEST(CachedEffect, ABlockThatLostItsEndIsRefused) {
+TEST(CachedEffect, ATruncatedBlockIsRefused) {
     const Bytes block = SomeBlock();
     for (std::size_t size = 0; size < block.size(); ++size) {
         EXPECT_FALSE(UnpackCachedEffect("name", block.data(), size)) << size << " bytes";
     }
 }
 
-TEST(CachedEffect, ABlockThatGrewIsRefused) {
+TEST(CachedEffect, ABlockWithAnExtraByteIsRefused) {
     Bytes block = SomeBlock();
     block.push_back(0);
     EXPECT_FALSE(UnpackCachedEffect("name", block.data(), block.size()));

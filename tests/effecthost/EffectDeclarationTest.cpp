@@ -14,7 +14,7 @@ std::string RefusalOf(const std::string& text) {
     return FailureOf(ExitCode::BadEffects, [&] { ParseEffectDeclaration("e.hlsl", text); });
 }
 
-TEST(EffectDeclaration, AProgramKeepsAllValuesOfItsAxesAndTheFirstOfOthers) {
+TEST(EffectDeclaration, AProgramHasAllValuesOfItsAxesAndTheFirstOfOthers) {
     const EffectDeclaration declaration = ParseEffectDeclaration(
         "e.hlsl",
         "// an effect\n//@ axis LIGHTS 1 2 4\n//@ axis FOG 0 1\n"
@@ -29,7 +29,7 @@ TEST(EffectDeclaration, AProgramKeepsAllValuesOfItsAxesAndTheFirstOfOthers) {
     EXPECT_THAT(pixel.axes[1].values, ElementsAre("0"));
 }
 
-TEST(EffectDeclaration, LinesThatEndInCarriageReturnsAreReadAlike) {
+TEST(EffectDeclaration, LinesMayEndWithCarriageReturns) {
     const EffectDeclaration declaration =
         ParseEffectDeclaration("e.hlsl", "//@ axis A 0 1\r\n//@ program P ps_4_0 A\r\n");
     EXPECT_THAT(declaration.programs[0].axes[0].values, ElementsAre("0", "1"));
@@ -54,7 +54,7 @@ TEST(EffectDeclaration, AnAxisThatNoProgramUsesIsRefused) {
                 HasSubstr("no program uses the axis A"));
 }
 
-TEST(EffectDeclaration, AnAxisMayNotHaveAValueTwice) {
+TEST(EffectDeclaration, AnAxisMayNotHaveDuplicateValues) {
     EXPECT_THAT(RefusalOf("//@ axis A 0 1 0\n//@ program P ps_4_0 A\n"),
                 HasSubstr("e.hlsl:1: the axis A has a value twice"));
 }

@@ -30,7 +30,7 @@ std::vector<std::string> MacroTexts(const std::vector<std::vector<MacroValue>>& 
     return texts;
 }
 
-// The name of the only variant of a folder.
+// The name of a folder's only variant.
 std::string OnlyName(const TemporaryDirectory& folder) {
     const EffectLibrary library = LoadEffectLibrary(folder.Path());
     EXPECT_EQ(library.variants.size(), 1u);
@@ -42,11 +42,11 @@ TEST(EffectLibrary, AxesExpandToEveryCombinationWithTheLastChangingFastest) {
                 ElementsAre("A=0,B=1", "A=0,B=2", "A=0,B=4", "A=1,B=1", "A=1,B=2", "A=1,B=4"));
 }
 
-TEST(EffectLibrary, NoAxesMeanOneVariantWithoutMacros) {
+TEST(EffectLibrary, WithoutAxesThereIsOneVariantWithoutMacros) {
     EXPECT_THAT(MacroTexts(ExpandAxes({})), ElementsAre(""));
 }
 
-TEST(EffectLibrary, VariantsComeFileByFileInAlphabeticalOrder) {
+TEST(EffectLibrary, VariantsAreSortedByFileName) {
     const TemporaryDirectory folder;
     Write(folder, "b.hlsl", "//@ program P ps_4_0\n");
     Write(folder, "a.hlsl", "//@ axis X 0 1\n//@ program Q vs_4_0 X\n");
@@ -59,7 +59,7 @@ TEST(EffectLibrary, VariantsComeFileByFileInAlphabeticalOrder) {
     EXPECT_EQ(library.variants[2].file, "b.hlsl");
 }
 
-TEST(EffectLibrary, ANameSaysSourceEntryPointProfileMacrosAndCompiler) {
+TEST(EffectLibrary, ANameContainsSourceEntryPointProfileMacrosAndCompiler) {
     const TemporaryDirectory folder;
     Write(folder, "a.hlsl", "//@ axis X 3\n//@ program Q vs_4_0 X\n");
     EXPECT_THAT(OnlyName(folder), StartsWith("a.hlsl:Q:vs_4_0:X=3:compiler-"));
@@ -104,7 +104,7 @@ TEST(EffectLibrary, MissingFoldersEmptyFoldersAndMissingIncludesAreRefused) {
     EXPECT_THAT(load(folder.Path()), HasSubstr("a.hlsl:2"));
 }
 
-TEST(EffectLibrary, VariantsThatAreAlikeAreRefused) {
+TEST(EffectLibrary, DuplicateVariantsAreRefused) {
     const TemporaryDirectory folder;
     const auto refusal = [&](const char* declaration) {
         Write(folder, "a.hlsl", declaration);
@@ -116,21 +116,21 @@ TEST(EffectLibrary, VariantsThatAreAlikeAreRefused) {
                 HasSubstr("two variants are alike: Q vs_4_0 A=0"));
 }
 
-TEST(EffectLibrary, TheExtensionMayHaveCapitals) {
+TEST(EffectLibrary, TheExtensionMayBeInUpperCase) {
     const TemporaryDirectory folder;
     Write(folder, "A.HLSL", "//@ program Q vs_4_0\n");
     Write(folder, "b.Hlsl", "//@ program Q vs_4_0\n");
     EXPECT_EQ(LoadEffectLibrary(folder.Path()).sourceCount, 2u);
 }
 
-TEST(EffectLibrary, AFolderThatIsNamedLikeAnEffectIsRefused) {
+TEST(EffectLibrary, AFolderNamedLikeAnEffectIsRefused) {
     const TemporaryDirectory folder;
     std::filesystem::create_directory(folder.Path() / "x.hlsl");
     EXPECT_THAT(FailureOf(ExitCode::BadEffects, [&] { LoadEffectLibrary(folder.Path()); }),
                 HasSubstr("x.hlsl is no file"));
 }
 
-// What the text of an effect includes, in a folder with b.hlsli alone.
+// The files that an effect with this text includes, in a folder that has only b.hlsli.
 std::vector<std::string> IncludesOf(const std::string& text) {
     const TemporaryDirectory folder;
     Write(folder, "b.hlsli", "float b;\n");
@@ -143,7 +143,7 @@ std::vector<std::string> IncludesOf(const std::string& text) {
     return names;
 }
 
-TEST(EffectLibrary, IncludesMayHaveBlanksAndComments) {
+TEST(EffectLibrary, IncludesMayHaveSpacesAndComments) {
     for (const char* text :
          {"#include \"b.hlsli\" // the \"b\" file\n", "# include \"b.hlsli\"\n",
           "  #\tinclude\t\"b.hlsli\"\r\n", "/* b */ #include \"b.hlsli\" /* \"b\" */\n",
@@ -152,7 +152,7 @@ TEST(EffectLibrary, IncludesMayHaveBlanksAndComments) {
     }
 }
 
-TEST(EffectLibrary, WhatIsCommentedOutIsNotIncluded) {
+TEST(EffectLibrary, CommentedOutIncludesAreIgnored) {
     for (const char* text :
          {"// #include \"none\"\n", "/* a\n#include \"none\"\n*/\n", "/* #include \"none\"",
           "//* #include \"none\"\n", "#includes \"none\"\n", "#define include \"none\"\n"}) {
@@ -160,7 +160,7 @@ TEST(EffectLibrary, WhatIsCommentedOutIsNotIncluded) {
     }
 }
 
-TEST(EffectLibrary, DirectivesGetOneShapeAndEverythingElseStays) {
+TEST(EffectLibrary, IncludeDirectivesAreNormalisedAndEverythingElseStays) {
     const TemporaryDirectory folder;
     Write(folder, "b.hlsli", "# include \"b.hlsli\"\n");
     Write(folder, "a.hlsl", "//@ program Q vs_4_0\n  # include  \"b.hlsli\" // b\nfloat a;\n");
@@ -170,7 +170,7 @@ TEST(EffectLibrary, DirectivesGetOneShapeAndEverythingElseStays) {
     EXPECT_EQ(source.includes.at("b.hlsli"), "#include\"b.hlsli\"\n");
 }
 
-TEST(EffectLibrary, TheEffectsBesideTheProgramHaveDistinctNames) {
+TEST(EffectLibrary, TheEffectsShippedWithTheProgramHaveDistinctNames) {
     const EffectLibrary library = LoadEffectLibrary(ExecutablePath().parent_path() / "effects");
     EXPECT_GE(library.sourceCount, 12u);
     EXPECT_GE(library.variants.size(), 500u);

@@ -22,7 +22,7 @@ Options Parse(const std::vector<std::string>& words) {
     return Parse(words, out).value();
 }
 
-TEST(Options, TheCacheDirectoryAloneIsEnough) {
+TEST(Options, OnlyTheCacheDirectoryIsRequired) {
     const Options options = Parse({"--cache", "there"});
     EXPECT_EQ(options.cacheDirectory, "there");
     EXPECT_EQ(options.effectsFolder, "default");
@@ -34,7 +34,7 @@ TEST(Options, TheCacheDirectoryAloneIsEnough) {
     EXPECT_FALSE(options.json);
 }
 
-TEST(Options, OptionalNumbersHaveAValueWhenLeftOut) {
+TEST(Options, OptionalNumbersHaveADefault) {
     const Options options = Parse({"--cache", "c", "--verify", "--force-save"});
     EXPECT_EQ(options.verify, 20u);
     EXPECT_EQ(options.saveEvery, 1u);
@@ -43,12 +43,12 @@ TEST(Options, OptionalNumbersHaveAValueWhenLeftOut) {
     EXPECT_EQ(given.saveEvery, 0u);
 }
 
-TEST(Options, SeveralProcessesSaveOftenUnlessTold) {
+TEST(Options, SeveralProcessesSaveOftenByDefault) {
     EXPECT_EQ(Parse({"--cache", "c", "--processes", "4"}).saveEvery, 16u);
     EXPECT_EQ(Parse({"--cache", "c", "--processes", "4", "--force-save", "3"}).saveEvery, 3u);
 }
 
-TEST(Options, PermanentPatternsAddUp) {
+TEST(Options, PermanentPatternsAccumulate) {
     EXPECT_THAT(Parse({"--cache", "c", "--permanent", "a*", "--permanent", "b"}).permanent,
                 ElementsAre("a*", "b"));
 }
@@ -84,7 +84,7 @@ TEST(Options, BadCommandLinesAreRefused) {
     }
 }
 
-TEST(Options, AWordThatIsNoNumberIsNamedInAShortMessage) {
+TEST(Options, AWordThatIsNotANumberIsNamedInAShortMessage) {
     const std::string message = FailureOf(ExitCode::BadUsage, [] {
         Parse({"--cache", "c", "--verify", "abc"});
     });
@@ -92,7 +92,7 @@ TEST(Options, AWordThatIsNoNumberIsNamedInAShortMessage) {
     EXPECT_LT(message.size(), 100u);
 }
 
-TEST(Options, AWorkerGetsTheSameWorkWithItsOwnStart) {
+TEST(Options, AWorkerGetsTheSameWorkWithADifferentStart) {
     const Options options = Parse({"--cache", "c", "--effects", "e", "--processes", "2",
                                    "--permanent", "p*", "--verify", "--list", "l"});
     const Options worker = Parse(WorkerArguments(options, 7));

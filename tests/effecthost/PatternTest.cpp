@@ -5,7 +5,7 @@
 namespace EffectHost {
 namespace {
 
-TEST(Pattern, WithoutWildcardsMatchesItselfAlone) {
+TEST(Pattern, WithoutWildcardsMatchesOnlyItself) {
     EXPECT_TRUE(MatchesPattern("sky", "sky"));
     EXPECT_FALSE(MatchesPattern("sky", "skyline"));
     EXPECT_FALSE(MatchesPattern("sky", "sk"));
@@ -13,13 +13,13 @@ TEST(Pattern, WithoutWildcardsMatchesItselfAlone) {
     EXPECT_FALSE(MatchesPattern("", "sky"));
 }
 
-TEST(Pattern, AQuestionMarkStandsForOneCharacter) {
+TEST(Pattern, AQuestionMarkMatchesOneCharacter) {
     EXPECT_TRUE(MatchesPattern("s?y", "sky"));
     EXPECT_FALSE(MatchesPattern("s?y", "sy"));
     EXPECT_FALSE(MatchesPattern("sky?", "sky"));
 }
 
-TEST(Pattern, AStarStandsForAnyRunOfCharacters) {
+TEST(Pattern, AStarMatchesAnyRunOfCharacters) {
     EXPECT_TRUE(MatchesPattern("*", ""));
     EXPECT_TRUE(MatchesPattern("sky*", "sky"));
     EXPECT_TRUE(MatchesPattern("*PixelMain*FOG=1*", "lighting.hlsl:PixelMain:ps_4_0:A=0,FOG=1:x"));
@@ -27,7 +27,7 @@ TEST(Pattern, AStarStandsForAnyRunOfCharacters) {
     EXPECT_FALSE(MatchesPattern("sky*", "blue sky"));
 }
 
-TEST(Pattern, AStarTakesMoreWhenTheRestComesAgainLater) {
+TEST(Pattern, AStarMatchesMoreIfTheRestAppearsAgainLater) {
     EXPECT_TRUE(MatchesPattern("*ab", "aab"));
     EXPECT_TRUE(MatchesPattern("*a*b?c", "xaabxbyc"));
     EXPECT_FALSE(MatchesPattern("*ab", "aba"));

@@ -50,7 +50,7 @@ protected:
         std::ofstream(effects_ / name, std::ios::binary) << text;
     }
 
-    // Replaces the effects by one with so many variants.
+    // Replaces the effects by one with this number of variants.
     void WriteVariants(std::size_t count) {
         std::string values;
         for (std::size_t i = 0; i < count; ++i) {
@@ -62,7 +62,7 @@ protected:
                           values));
     }
 
-    // The program, which stands beside the tests.
+    // The path of the program, which lies next to the tests.
     static std::filesystem::path ProgramPath() {
         const std::filesystem::path self = ExecutablePath();
         return (self.parent_path() / "effecthost").replace_extension(self.extension());
@@ -85,7 +85,7 @@ protected:
         return RunWith(arguments);
     }
 
-    // Starts the program on the cache, spelled that way.
+    // Starts the program with this spelling of the cache directory.
     ChildProcess Start(const std::filesystem::path& cache,
                        const std::vector<std::string>& more = {}) const {
         std::vector<std::string> arguments{"--cache", cache.string(), "--effects",
@@ -94,7 +94,7 @@ protected:
         return ChildProcess(ProgramPath(), arguments, ChildProcess::Errors::Captured);
     }
 
-    // Ends a program that was started.
+    // Waits for the end of a program that was started.
     static Result Finish(ChildProcess& process) {
         const std::string output = process.ReadOutput();
         return {process.Wait(), output};
@@ -116,12 +116,12 @@ protected:
         return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
     }
 
-    // The name of the first variant, as the program makes it.
+    // The name that the program gives the first variant.
     std::string FirstName() const {
         return EffectName(LoadEffectLibrary(effects_).variants.at(0), ShaderCompiler().Identity());
     }
 
-    // Puts a block into the cache, past the program.
+    // Puts a block into the cache without the program.
     void Cache(const std::string& name, const Bytes& block) const {
         const std::string directory = FindCacheDirectory(cache_).string();
         const Util::RefPtr<Quorvel::EffectCacheSystem> cache(

@@ -17,7 +17,7 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
 
-// An effect whose only variant has a longer name than the cache takes.
+// An effect whose only variant has a name that is too long for the cache.
 std::string EffectWithLongName() {
     std::string text;
     std::string axes;
@@ -29,7 +29,7 @@ std::string EffectWithLongName() {
            "\nfloat4 PixelMain() : SV_Target\n{\n    return 0.5;\n}\n";
 }
 
-// More variants than any test waits for.
+// More variants than a test can wait for.
 constexpr std::size_t kEndless = 3000;
 
 TEST_F(Program, ASecondRunCompilesNothingAndGetsTheSameBytes) {
@@ -49,7 +49,7 @@ TEST_F(Program, ASecondRunCompilesNothingAndGetsTheSameBytes) {
     EXPECT_LE(warm.sparedTime, cold.compileTime);
 }
 
-TEST_F(Program, EveryProfileThatIsKnownIsCompiled) {
+TEST_F(Program, EveryKnownProfileIsCompiled) {
     for (const char* profile : {"vs_4_0", "vs_4_1", "vs_5_0", "ps_4_0", "ps_4_1", "ps_5_0"}) {
         const char* semantic = profile[0] == 'v' ? "SV_Position" : "SV_Target";
         Write("shade.hlsl", fmt::format("//@ program Main {}\n"
@@ -59,14 +59,14 @@ TEST_F(Program, EveryProfileThatIsKnownIsCompiled) {
     }
 }
 
-TEST_F(Program, NamesSayTheCompilerItsOptionsAndWhatItMakes) {
+TEST_F(Program, NamesContainTheCompilersIdentity) {
     const std::string identity = ShaderCompiler().Identity();
     EXPECT_TRUE(MatchesPattern("*-*-*-????????", identity)) << identity;
     EXPECT_THAT(FirstName(), HasSubstr(":" + identity + "-"));
     EXPECT_EQ(ShaderCompiler().Identity(), identity);
 }
 
-TEST_F(Program, AnEditedIncludeIsCompiledAnew) {
+TEST_F(Program, AnEditedIncludeIsCompiledAgain) {
     RunForSummary();
     Write("tint.hlsli", "static const float tint = 0.25;\n");
     EXPECT_EQ(RunForSummary().misses, kEffectVariants);
@@ -83,13 +83,13 @@ TEST_F(Program, SeveralProcessesShareOneFile) {
     EXPECT_EQ(RunForSummary({"--processes", "2"}).hits, 2 * kEffectVariants);
 }
 
-TEST_F(Program, SeveralProcessesShowTheProgressOfAll) {
+TEST_F(Program, SeveralProcessesShowTheirCommonProgress) {
     const Result result = Run({"--processes", "2"});
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_THAT(result.output, HasSubstr("6 of 6 effects"));
 }
 
-TEST_F(Program, SeveralProcessesMayBeginAnywhere) {
+TEST_F(Program, SeveralProcessesMayStartAtAnyVariant) {
     const Summary summary = RunForSummary({"--processes", "3", "--start", "1000000"});
     EXPECT_EQ(summary.hits + summary.misses, 3 * kEffectVariants);
 }
@@ -103,7 +103,7 @@ TEST_F(Program, TwoSpellingsOfADirectoryAtOnceShareOneCache) {
     EXPECT_EQ(RunForSummary({"--verify"}).hits, 40u);
 }
 
-TEST_F(Program, ADirectoryMayHaveBlanksAndLettersBeyondAscii) {
+TEST_F(Program, ADirectoryMayHaveSpacesAndNonAsciiLetters) {
     cache_ = folder_.Path() / u8"x h\u00f6hle";
     std::filesystem::create_directory(cache_);
     const auto listing = folder_.Path() / u8"l\u00e4nge.txt";
@@ -113,7 +113,7 @@ TEST_F(Program, ADirectoryMayHaveBlanksAndLettersBeyondAscii) {
     EXPECT_EQ(RunForSummary({"--processes", "2"}).hits, 2 * kEffectVariants);
 }
 
-TEST_F(Program, TheEffectsMayStandInAFolderWithBlanksAndLettersBeyondAscii) {
+TEST_F(Program, TheEffectsFolderMayHaveSpacesAndNonAsciiLetters) {
     const auto renamed = folder_.Path() / u8"w \u00e4rme";
     std::filesystem::rename(effects_, renamed);
     effects_ = renamed;
@@ -129,7 +129,7 @@ TEST_F(Program, RelativePathsWork) {
     EXPECT_EQ(RunForSummary({"--processes", "2"}).hits, 2 * kEffectVariants);
 }
 
-TEST_F(Program, ADirectoryThatCanNotBeReachedIsExitCode4) {
+TEST_F(Program, AnUnreachableDirectoryIsExitCode4) {
     std::ofstream(folder_.Path() / "file") << "text";
     for (const auto& cache : {folder_.Path() / "file", folder_.Path() / std::string(5000, 'x')}) {
         ChildProcess process = Start(cache);
@@ -140,7 +140,7 @@ TEST_F(Program, ADirectoryThatCanNotBeReachedIsExitCode4) {
 TEST_F(Program, AProcessThatIsAskedToStopSavesAndReturnsExitCode11) {
     WriteVariants(kEndless);
     ChildProcess process = Start(cache_, {"--worker"});
-    ASSERT_TRUE(process.ReadLine());  // of its progress
+    ASSERT_TRUE(process.ReadLine());  // a line of progress
     process.RequestStop();
     const Result result = Finish(process);
     EXPECT_EQ(result.exitCode, 11);
@@ -162,7 +162,7 @@ TEST_F(Program, ADamagedEffectIsCompiledAgainAndReplaced) {
     EXPECT_EQ(repaired.hits, kEffectVariants);
 }
 
-TEST_F(Program, VerificationFindsBytesThatTheCompilerDoesNotMake) {
+TEST_F(Program, VerificationFindsBytesThatDifferFromTheCompilers) {
     const std::string name = FirstName();
     Cache(name, PackCachedEffect(name, {1, {1, 2, 3}}));
     const Result result = Run({"--verify", "--quiet"});
@@ -171,7 +171,7 @@ TEST_F(Program, VerificationFindsBytesThatTheCompilerDoesNotMake) {
     EXPECT_THAT(result.output, HasSubstr(name));
 }
 
-TEST_F(Program, TheListingMarksWhatIsPermanent) {
+TEST_F(Program, TheListingMarksPermanentEffects) {
     const std::filesystem::path listing = folder_.Path() / "list.txt";
     RunForSummary({"--permanent", "*SHADE=1*", "--list", listing.string()});
     std::ifstream file(listing);
@@ -209,20 +209,20 @@ TEST_F(Program, AListingThatWouldOverwriteTheCacheIsExitCode2AndHarmless) {
     EXPECT_EQ(RunForSummary().hits, kEffectVariants);
 }
 
-TEST_F(Program, AListingThatWouldBecomeTheCacheIsExitCode2AndMakesNoFile) {
+TEST_F(Program, AListingWithTheNameOfTheCacheFileIsExitCode2AndMakesNoFile) {
     const std::filesystem::path file = cache_ / "vornFxoCache.dat";
     EXPECT_EQ(Run({"--list", file.string()}).exitCode, 2);
     EXPECT_FALSE(std::filesystem::exists(file));
 }
 
-TEST_F(Program, AnUnwritableListingIsFoundBeforeAnythingIsCompiled) {
+TEST_F(Program, AnUnwritableListingIsReportedBeforeAnythingIsCompiled) {
     const Result result = Run({"--list", (folder_.Path() / "none" / "list.txt").string()});
     EXPECT_EQ(result.exitCode, 2);
     EXPECT_THAT(result.output, StartsWith("effecthost: can't write the listing"));
     EXPECT_FALSE(std::filesystem::exists(cache_ / "vornFxoCache.dat"));
 }
 
-TEST_F(Program, AnEffectThatTheCacheDoesNotTakeIsExitCode6AfterTheSummary) {
+TEST_F(Program, AnEffectThatTheCacheRefusesIsExitCode6AfterTheSummary) {
     Write("long.hlsl", EffectWithLongName().c_str());
     for (const std::vector<std::string>& more :
          {std::vector<std::string>{}, {"--verify"}, {"--processes", "2"}}) {
@@ -235,7 +235,7 @@ TEST_F(Program, AnEffectThatTheCacheDoesNotTakeIsExitCode6AfterTheSummary) {
     }
 }
 
-TEST_F(Program, ASessionThatFindsNoEffectInTheCacheSaysSoAndVerifiesNothing) {
+TEST_F(Program, ASessionThatFindsNoEffectsInTheCacheReportsThatAndVerifiesNothing) {
     Options options;
     options.cacheDirectory = FindCacheDirectory(cache_);
     const EffectLibrary library = LoadEffectLibrary(effects_);
@@ -249,7 +249,7 @@ TEST_F(Program, ASessionThatFindsNoEffectInTheCacheSaysSoAndVerifiesNothing) {
 
 TEST_F(Program, AnEffectOverAMebibyteIsNotInTheCache) {
     HostCache cache(FindCacheDirectory(cache_));
-    cache.Store("large", {1, Bytes(1048576 - 31), false});  // with 32 bytes in front of it
+    cache.Store("large", {1, Bytes(1048576 - 31), false});  // plus a header of 32 bytes
     cache.Store("largest", {1, Bytes(1048576 - 32), false});
     CachedEffect effect;
     EXPECT_EQ(cache.Find("large", effect), HostCache::Result::Missing);
@@ -294,7 +294,7 @@ TEST_F(Program, AMissingCacheDirectoryIsExitCode4AndMakesNoFile) {
     EXPECT_FALSE(std::filesystem::exists(none));
 }
 
-TEST_F(Program, AnEffectThatDoesNotCompileIsExitCode5WithAllThatIsNeededToFindIt) {
+TEST_F(Program, AnEffectThatDoesNotCompileIsExitCode5WithItsLocation) {
     Write("broken.hlsl",
           "//@ axis DEPTH 1 2\n//@ program BrokenMain ps_4_0 DEPTH\n"
           "float4 BrokenMain() : SV_Target\n{\n    return unheardOf;\n}\n");
@@ -317,7 +317,7 @@ TEST_F(Program, AProfileThatTheCompilerDoesNotKnowIsExitCode5) {
     }
 }
 
-TEST_F(Program, ACacheFileThatCanNotBeOpenedIsExitCode6) {
+TEST_F(Program, ACacheFileThatCannotBeOpenedIsExitCode6) {
     std::filesystem::create_directory(cache_ / "vornFxoCache.dat");
     const Result result = Run();
     EXPECT_EQ(result.exitCode, 6);
@@ -333,7 +333,7 @@ TEST_F(Program, SeveralProcessesPassOnTheExitCodeOfTheOneThatFailed) {
     EXPECT_EQ(result.output.find("does not compile"), result.output.rfind("does not compile"));
 }
 
-TEST(Processes, AProgramThatIsNotThereCanNotBeStarted) {
+TEST(Processes, AMissingProgramCannotBeStarted) {
     const auto none = ExecutablePath().parent_path() / "no-such-program";
     EXPECT_THAT(FailureOf(ExitCode::ProcessFailed, [&] { ChildProcess process(none, {}); }),
                 HasSubstr("no-such-program"));

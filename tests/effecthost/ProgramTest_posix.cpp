@@ -1,4 +1,4 @@
-// What the program does in situations that only a POSIX system makes at will.
+// Situations that only a POSIX system can create at will.
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -12,12 +12,12 @@ using ::testing::HasSubstr;
 
 constexpr std::size_t kManyVariants = 60;
 
-// More variants than any test waits for.
+// More variants than a test can wait for.
 constexpr std::size_t kEndless = 1000;
 
 class PosixProgram : public Program {
 protected:
-    // Runs the program behind a line of shell, which ends in exec "$@".
+    // Runs the program through a shell command that runs "$@".
     Result RunBehind(const std::string& shellLine,
                      const std::vector<std::string>& more = {}) const {
         std::vector<std::string> words{
@@ -27,14 +27,14 @@ protected:
         return RunOther("/bin/sh", words);
     }
 
-    // Whether a process of ours may mount volumes in a namespace of its own.
+    // True if a child process may mount volumes in its own namespace.
     bool MayMount() const {
         return RunOther("/bin/sh",
                         {"-c", "unshare -rm mount -t tmpfs none \"$0\"", cache_.string()})
                    .exitCode == 0;
     }
 
-    // Runs the program with a volume of so many KiB as its cache directory.
+    // Runs the program with a volume of this size in KiB as its cache directory.
     Result RunOnSmallVolume(int size, const std::vector<std::string>& more) const {
         return RunBehind(
             fmt::format("exec unshare -rm sh -c 'mount -t tmpfs -o size={}k none {} && "
@@ -46,7 +46,7 @@ protected:
 
 TEST_F(PosixProgram, AVolumeWithoutRoomIsExitCode6AfterTheSummary) {
     if (!MayMount()) {
-        GTEST_SKIP() << "this system lets nobody mount a small volume";
+        GTEST_SKIP() << "this system does not allow mounting a small volume";
     }
     WriteVariants(kManyVariants);
     for (const std::vector<std::string>& more :
@@ -59,7 +59,7 @@ TEST_F(PosixProgram, AVolumeWithoutRoomIsExitCode6AfterTheSummary) {
     }
 }
 
-TEST_F(PosixProgram, AFileThatCanNotGrowIsExitCode6) {
+TEST_F(PosixProgram, AFileThatCannotGrowIsExitCode6) {
     WriteVariants(4 * kManyVariants);
     const Result result =
         RunBehind("trap '' XFSZ; ulimit -f 144; exec \"$@\"", {"--force-save", "5"});
@@ -67,7 +67,7 @@ TEST_F(PosixProgram, AFileThatCanNotGrowIsExitCode6) {
     EXPECT_THAT(result.output, HasSubstr("saving failed; is the disk full"));
 }
 
-TEST_F(PosixProgram, AProcessThatIsKilledIsExitCode8) {
+TEST_F(PosixProgram, AKilledProcessIsExitCode8) {
     const Result result = RunBehind("ulimit -f 0; exec \"$@\"", {"--processes", "2"});
     EXPECT_EQ(result.exitCode, 8);
     EXPECT_THAT(result.output, HasSubstr(fmt::format("was killed by signal {}", SIGXFSZ)));
@@ -89,14 +89,14 @@ TEST_F(PosixProgram, AnInterruptSavesWhatWasCompiledAndIsExitCode11) {
     }
 }
 
-TEST_F(PosixProgram, ClosedStreamsDoNotLeadIntoTheCache) {
+TEST_F(PosixProgram, OutputToClosedStreamsDoesNotReachTheCache) {
     EXPECT_EQ(RunBehind("exec \"$@\" <&- >&- 2>&-").exitCode, 0);
     EXPECT_EQ(RunForSummary({"--verify"}).hits, kEffectVariants);
     EXPECT_EQ(RunBehind("exec \"$@\" <&- >&- 2>&-", {"--processes", "2"}).exitCode, 0);
     EXPECT_EQ(RunForSummary({"--verify"}).hits, kEffectVariants);
 }
 
-TEST_F(PosixProgram, AReaderWhoLeavesDoesNotEndTheWork) {
+TEST_F(PosixProgram, AReaderThatClosesThePipeDoesNotEndTheRun) {
     const Result result = RunBehind("(sleep 0.2; \"$@\"; echo code $? >&2) | true");
     EXPECT_THAT(result.output, HasSubstr("can't write the output"));
     EXPECT_THAT(result.output, HasSubstr("code 10"));
@@ -114,7 +114,7 @@ TEST_F(PosixProgram, ALinkToADirectoryAndTheDirectoryAtOnceShareOneCache) {
     EXPECT_EQ(RunForSummary({"--verify"}).hits, 40u);
 }
 
-TEST_F(PosixProgram, ALinkThatLeadsNowhereIsExitCode4) {
+TEST_F(PosixProgram, ALinkToItselfIsExitCode4) {
     const auto loop = folder_.Path() / "loop";
     std::filesystem::create_symlink(loop, loop);
     ChildProcess process = Start(loop);
@@ -123,26 +123,26 @@ TEST_F(PosixProgram, ALinkThatLeadsNowhereIsExitCode4) {
     EXPECT_THAT(result.output, HasSubstr("can't use the cache directory"));
 }
 
-TEST_F(PosixProgram, APipeThatIsNamedLikeAnEffectIsExitCode3) {
+TEST_F(PosixProgram, APipeNamedLikeAnEffectIsExitCode3) {
     ASSERT_EQ(mkfifo((effects_ / "pipe.hlsl").c_str(), 0600), 0);
     EXPECT_EQ(Run().exitCode, 3);
 }
 
-TEST_F(PosixProgram, OutputThatIsLostIsExitCode10) {
+TEST_F(PosixProgram, LostOutputIsExitCode10) {
     const Result result = RunBehind("exec \"$@\" >/dev/full");
     EXPECT_EQ(result.exitCode, 10);
     EXPECT_THAT(result.output, HasSubstr("can't write the output"));
     EXPECT_EQ(RunForSummary().hits, kEffectVariants);
 }
 
-TEST_F(PosixProgram, AListingThatIsLostIsExitCode10AfterTheSummary) {
+TEST_F(PosixProgram, ALostListingIsExitCode10AfterTheSummary) {
     const Result result = Run({"--list", "/dev/full"});
     EXPECT_EQ(result.exitCode, 10);
     EXPECT_THAT(result.output, HasSubstr("misses     3"));
     EXPECT_THAT(result.output, HasSubstr("can't write the listing /dev/full"));
 }
 
-TEST_F(PosixProgram, ALinkToTheCacheIsNoPlaceForAListing) {
+TEST_F(PosixProgram, ALinkToTheCacheIsRefusedForAListing) {
     RunForSummary();
     const auto link = folder_.Path() / "link";
     std::filesystem::create_symlink(cache_ / "vornFxoCache.dat", link);

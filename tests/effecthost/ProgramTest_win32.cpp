@@ -1,4 +1,4 @@
-// What the program does in situations that only Windows makes at will.
+// Situations that only Windows can create at will.
 #include <gmock/gmock.h>
 
 #include <cwctype>
@@ -10,7 +10,7 @@ namespace {
 
 using ::testing::HasSubstr;
 
-TEST_F(Program, ADirectoryWhoseNameTheCodePageLacksIsExitCode4) {
+TEST_F(Program, ADirectoryWhoseNameIsNotInTheCodePageIsExitCode4) {
     cache_ = folder_.Path() / u8"\u6d1e\u7a74";
     std::filesystem::create_directory(cache_);
     const Result result = Run();
@@ -18,7 +18,7 @@ TEST_F(Program, ADirectoryWhoseNameTheCodePageLacksIsExitCode4) {
     EXPECT_THAT(result.output, HasSubstr("not in the code page of this system"));
 }
 
-TEST_F(Program, CapitalsAndSlashesAndPrefixesDoNotMakeAnotherDirectory) {
+TEST_F(Program, CapitalsSlashesAndPrefixesDoNotChangeTheSpellingOfADirectory) {
     const std::filesystem::path spelling = FindCacheDirectory(cache_);
     std::wstring other = cache_.native();
     for (wchar_t& letter : other) {
@@ -28,7 +28,7 @@ TEST_F(Program, CapitalsAndSlashesAndPrefixesDoNotMakeAnotherDirectory) {
     EXPECT_EQ(FindCacheDirectory(L"\\\\?\\" + cache_.native()), spelling);
 }
 
-TEST_F(Program, ACompilerThatCanNotBeLoadedIsExitCode9) {
+TEST_F(Program, ACompilerThatCannotBeLoadedIsExitCode9) {
     const std::filesystem::path copies = folder_.Path() / "bin";
     std::filesystem::create_directory(copies);
     std::filesystem::copy_file(ProgramPath(), copies / "effecthost.exe");

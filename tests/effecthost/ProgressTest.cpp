@@ -21,20 +21,20 @@ std::string Shown(ProgressStyle style, std::size_t total) {
     return out.str();
 }
 
-TEST(Progress, LinesComeForEveryTenthOfTheWork) {
+TEST(Progress, ALineIsPrintedForEachTenthOfTheWork) {
     const std::string text = Shown(ProgressStyle::Lines, 200);
     EXPECT_THAT(text, StartsWith("20 of 200 effects, 10 compiled\n"));
     EXPECT_THAT(text, EndsWith("200 of 200 effects, 100 compiled\n"));
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 10);
 }
 
-TEST(Progress, ABarEndsFullAndWithALineEnd) {
+TEST(Progress, ABarEndsFullAndWithALineBreak) {
     const std::string text = Shown(ProgressStyle::Bar, 3);
     EXPECT_THAT(text, EndsWith("[########################################] 3/3, 2 compiled\n"));
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
 }
 
-TEST(Progress, ABarThatIsLeftEndsItsLine) {
+TEST(Progress, AnUnfinishedBarEndsItsLine) {
     std::ostringstream out;
     {
         Progress progress(out, ProgressStyle::Bar, 3);
@@ -54,7 +54,7 @@ TEST(Progress, ABarLeavesTheLastColumnOfANarrowTerminalFree) {
     }
 }
 
-TEST(Progress, SeveralStepsAtOnceCountAsMany) {
+TEST(Progress, SeveralStepsAtOncePrintOneLine) {
     std::ostringstream out;
     Progress progress(out, ProgressStyle::Lines, 100);
     progress.Show(35, 20);
@@ -62,7 +62,7 @@ TEST(Progress, SeveralStepsAtOnceCountAsMany) {
     EXPECT_EQ(out.str(), "35 of 100 effects, 20 compiled\n");
 }
 
-TEST(Progress, AReportIsUnderstoodAndOtherLinesAreNot) {
+TEST(Progress, AReportIsParsedAndOtherLinesAreNot) {
     std::ostringstream out;
     Progress(out, ProgressStyle::Reports, 9).Show(5, 2);
     std::string line = out.str();
@@ -77,7 +77,7 @@ TEST(Progress, AReportIsUnderstoodAndOtherLinesAreNot) {
     }
 }
 
-TEST(Progress, NothingIsShownWhenNothingIsAskedFor) {
+TEST(Progress, TheStyleNoneShowsNothing) {
     EXPECT_EQ(Shown(ProgressStyle::None, 10), "");
 }
 

@@ -1,5 +1,5 @@
-// A thousand shaders, compiled by the platform's real compiler, through the life of an effect cache
-// and of a package: what is read back is what was compiled, and the files are sound throughout.
+// Stores a thousand shaders, compiled by the platform's real compiler, in an effect cache and in a
+// package, and changes and reloads them: the stored bytes stay right and the files sound.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -70,7 +70,7 @@ protected:
 
     void SetUp() override { ASSERT_GE(shaders_.size(), 1000u); }
 
-    // The code of another shader, for replacing.
+    // The code of another shader, as a replacement.
     static const Bytes& OtherCode(std::size_t index) {
         return shaders_[(index + 1) % shaders_.size()].bytes;
     }
@@ -87,7 +87,7 @@ protected:
 
 std::vector<Shader> RealShaders::shaders_;
 
-TEST_F(RealShaders, ComeBackFromTheCacheAfterSaveReopenReplaceAndReload) {
+TEST_F(RealShaders, AreReadBackFromTheCacheAfterSaveReopenReplaceAndReload) {
     const std::string file = Quorvel::Format::CacheFile(directory_);
     CachedEffects effects;
     {
@@ -122,7 +122,7 @@ TEST_F(RealShaders, ComeBackFromTheCacheAfterSaveReopenReplaceAndReload) {
     ExpectAllFound(reopened, effects);
 }
 
-TEST_F(RealShaders, ComeBackFromAPackageAfterSaveReopenDeleteReplaceAndReload) {
+TEST_F(RealShaders, AreReadBackFromAPackageAfterSaveReopenDeleteReplaceAndReload) {
     const std::string file = directory_.File("shaders.pkg");
     std::map<std::uint64_t, Bytes> streams;
     {

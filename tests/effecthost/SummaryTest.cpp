@@ -28,7 +28,7 @@ Summary SomeSummary() {
     return summary;
 }
 
-TEST(Summary, JsonIsOneLineAndBringsEverythingBack) {
+TEST(Summary, JsonIsOneLineAndKeepsEverything) {
     const Summary summary = SomeSummary();
     const std::string line = ToJson(summary);
     EXPECT_EQ(line.find('\n'), line.npos);
@@ -38,7 +38,7 @@ TEST(Summary, JsonIsOneLineAndBringsEverythingBack) {
     EXPECT_EQ(back.compiledEffects, summary.compiledEffects);
 }
 
-TEST(Summary, TextThatIsNoSummaryIsRefused) {
+TEST(Summary, TextThatIsNotASummaryIsRefused) {
     EXPECT_THROW(FromJson(""), std::exception);
     EXPECT_THROW(FromJson("{}"), std::exception);
 }
@@ -58,7 +58,7 @@ TEST(Summary, ProcessesAddUpAndTheMostCompiledEffectIsCounted) {
     EXPECT_EQ(sum.mostCompilations, 2u);
 }
 
-// A run of its own that found everything.
+// The summary of a single process that found every effect.
 Summary WarmSummary() {
     Summary summary = SomeSummary();
     summary.hits = summary.effects;
@@ -68,7 +68,7 @@ Summary WarmSummary() {
     return summary;
 }
 
-TEST(Summary, AWarmRunSaysHowManyTimesFasterThanCompilingTheCacheWas) {
+TEST(Summary, AWarmRunReportsHowMuchFasterTheCacheWasThanCompiling) {
     EXPECT_THAT(ToText(WarmSummary()), HasSubstr("3 us, 1000 times faster than compiling"));
 }
 
@@ -79,7 +79,7 @@ TEST(Summary, VerifyingAndStoringDoNotMakeTheCacheLookSlower) {
     EXPECT_THAT(ToText(summary), HasSubstr("1000 times faster than compiling"));
 }
 
-TEST(Summary, TheTextComparesNothingAfterCompilingOrForSeveralProcesses) {
+TEST(Summary, TheTextMakesNoComparisonAfterCompilingOrForSeveralProcesses) {
     EXPECT_THAT(ToText(SomeSummary()), Not(HasSubstr("faster")));
     Summary summary = WarmSummary();
     summary.processes = 2;
@@ -97,7 +97,7 @@ TEST(Summary, TheTimesOfARunAddUp) {
     EXPECT_THAT(text, HasSubstr("run        100 us\n"));
 }
 
-TEST(Summary, HowOftenAnEffectWasCompiledIsSaidInWords) {
+TEST(Summary, TheTextSaysHowOftenAnEffectWasCompiled) {
     Summary summary = SomeSummary();
     summary.processes = 3;
     EXPECT_THAT(ToText(summary), HasSubstr("no effect more than once\n"));
@@ -109,7 +109,7 @@ TEST(Summary, HowOftenAnEffectWasCompiledIsSaidInWords) {
     EXPECT_THAT(ToText(summary), Not(HasSubstr("no effect more")));
 }
 
-TEST(Summary, TimesAreWrittenInTheUnitThatFits) {
+TEST(Summary, TimesAreFormattedWithASuitableUnit) {
     EXPECT_EQ(FormatTime(999), "999 us");
     EXPECT_EQ(FormatTime(12345), "12.3 ms");
     EXPECT_EQ(FormatTime(999949), "999.9 ms");

@@ -11,6 +11,8 @@ namespace Quorvel::Testing {
 namespace {
 
 constexpr UINT kKilledExitCode = static_cast<UINT>(-1);
+constexpr int kStartAttempts = 5;
+constexpr DWORD kStartPauseMilliseconds = 200;
 
 class Handle {
 public:
@@ -152,10 +154,16 @@ ChildProcess::ChildProcess(const std::string& agent, const std::vector<std::stri
     start.StartupInfo.hStdError = childError.Get();
     start.lpAttributeList = attributes.List();
     PROCESS_INFORMATION process{};
-    if (!::CreateProcessA(program.c_str(), commandLine.data(), nullptr, nullptr, TRUE,
-                          EXTENDED_STARTUPINFO_PRESENT, nullptr, nullptr, &start.StartupInfo,
-                          &process)) {
-        Refuse("CreateProcess");
+    int attempts = 1;
+    while (!::CreateProcessA(program.c_str(), commandLine.data(), nullptr, nullptr, TRUE,
+                             EXTENDED_STARTUPINFO_PRESENT, nullptr, nullptr, &start.StartupInfo,
+                             &process)) {
+        // Wine on a loaded machine sometimes gives up with this error, and the next attempt works.
+        if (::GetLastError() != ERROR_INTERNAL_ERROR || attempts == kStartAttempts) {
+            Refuse("CreateProcess");
+        }
+        ::Sleep(kStartPauseMilliseconds);
+        ++attempts;
     }
     ::CloseHandle(process.hThread);
     state_->process.Set(process.hProcess);

@@ -21,7 +21,7 @@ constexpr std::size_t kMostZeroPages = 15;
 constexpr std::size_t kMostLinks = 3000;
 constexpr std::size_t kNumberedBytes = 256;  // of each stream, from its start
 
-// Values that stand at a border somewhere in the format.
+// Boundary values of fields of the format.
 constexpr std::uint64_t kBorders[] = {
     0,          1,          2,          7,          8,          9,          10,         11,
     12,         16,         17,         28,         32,         33,         40,         44,
@@ -30,7 +30,7 @@ constexpr std::uint64_t kBorders[] = {
     0x100001,   8388608,    8388609,    0xFFFFFE,   0xFFFFFF,   0x1000000,  0x7FFFFFFF, 0x80000000,
     0xFFFFFFFF, 1ull << 32, 1ull << 51, 1ull << 60, 1ull << 61, 1ull << 63, ~0ull - 7,  ~0ull};
 
-// Where a stream's bytes stand in the file of a sound image, up to a number of them.
+// The offsets of a stream's first bytes in the file of a sound image, at most this number.
 std::vector<std::size_t> PlacesOf(const PackageImage& image, const Format::StreamRecord& stream,
                                   std::size_t most) {
     std::vector<std::size_t> places;
@@ -72,7 +72,7 @@ void EraseOrDouble(std::vector<Record>& records, FuzzedDataProvider& input) {
     }
 }
 
-// Changes that move what stands behind them, with all counts as they must be.
+// Makes one change to the tables. Later bytes move, and all counts stay right.
 void EditRecords(PackageImage& image, FuzzedDataProvider& input) {
     const auto number = [&] { return input.ConsumeIntegral<std::uint8_t>(); };
     switch (number() % 8) {
@@ -160,7 +160,7 @@ Bytes PatchedFile(const FileBase& base, FuzzedDataProvider& input) {
         try {
             file = Format::EncodePackage(image);
         } catch (const std::logic_error&) {
-            // The state takes another number of pages now.
+            // The state now needs a different number of pages.
         }
     }
     for (int patch = 0; patch < kMostPatches && input.remaining_bytes() > 0; ++patch) {

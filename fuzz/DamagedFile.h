@@ -11,7 +11,7 @@
 
 namespace Quorvel::Fuzz {
 
-// A sound file, and where its numbers stand.
+// A sound file and the places of its numbers.
 struct FileBase {
     struct Field {
         std::size_t offset;  // in the file
@@ -23,23 +23,25 @@ struct FileBase {
     std::vector<Field> fields;
 };
 
-// A base from an image. The fields are those of the head file, and the first numbers of each
+// Makes a base from an image. The fields are those of the head file, and the first numbers of each
 // stream.
 FileBase MakeBase(const Format::PackageImage& image);
 
-// A package file out of a fuzzer's input, which is used up. Two kinds of input make two kinds of
-// files:
+// Makes a package file from all of a fuzzer's input, in one of two ways:
 //
-// - Plain: each run of bytes up to a backslash and another byte fills a page from its start, the
-//   rest of which is zero; a backslash itself stands twice. Pages of zeros follow.
-// - Patched: one of the bases, with a few records taken out, doubled or counted anew, and then a
-//   few of its fields set to values that mean something.
+// - Plain: each run of bytes, up to a backslash followed by another byte, fills a page from its
+//   start; the rest of the page is zero. A backslash is written as two. Pages of zeros follow, or
+//   the file ends with the last run.
+// - Patched: one of the bases, with a few records removed, duplicated or renumbered, and then with
+// a
+//   few fields set to values that have a meaning, or another size.
 Format::Bytes TakeFile(FuzzedDataProvider& input, const std::vector<FileBase>& bases);
 
-// How much longer a package may make such a file. Its link table may reach behind its end, so far.
+// The most bytes by which the library may make such a file longer. The file's link table may cover
+// that number of bytes past its end.
 constexpr std::uint64_t kMostGrowth = 1 << 25;
 
-// The first number that TakeFile takes for a plain file, and for a file out of a base.
+// The first number of TakeFile's input for a plain file, and for a file from the first base.
 constexpr std::uint8_t kPlainFile = 0;
 constexpr std::uint8_t kFirstBase = 1;
 

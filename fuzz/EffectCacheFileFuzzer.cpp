@@ -1,6 +1,6 @@
-// Opens an effect cache over any bytes, searches it for every name in its index and for others,
-// adds to it, saves and opens it again. What an independent reader of the format finds, and nothing
-// else, is found; and a cache that was sound loses nothing and stays sound.
+// Opens an effect cache over arbitrary bytes, searches it for every name in its index and for
+// others, adds effects, saves it and opens it again. It must find exactly what an independent
+// reader of the format finds, and a sound cache must lose nothing and stay sound.
 #include <cctype>
 #include <cstdint>
 #include <filesystem>
@@ -25,7 +25,7 @@ namespace {
 using Format::Bytes;
 using Cache = Util::RefPtr<EffectCacheSystem>;
 
-// What a search for a name gives: its bytes, or nothing.
+// The result of a search for each name: its bytes, or nothing.
 using Results = std::map<std::string, std::optional<Bytes>>;
 
 // A cache whose streams claim more than this may be trimmed when it is opened.
@@ -33,12 +33,12 @@ constexpr std::uint64_t kSurelyWithinBudget = 1 << 26;
 
 constexpr int kMostNewEffects = 4;
 
-// What the format says of a file.
+// What an independent reader finds in a file.
 struct Expectation {
     bool isCache = false;    // the package and the cache's header can be read
-    bool isIndexed = false;  // the index too
+    bool isIndexed = false;  // the index can be read too
     bool isSound = false;
-    Results results;  // of an indexed one
+    Results results;  // if isIndexed
 };
 
 std::optional<Bytes> EffectOf(const Format::PackageImage& image, const Format::StreamReader& reader,
@@ -59,7 +59,7 @@ std::optional<Bytes> EffectOf(const Format::PackageImage& image, const Format::S
     return std::nullopt;
 }
 
-// Whether a cache surely keeps all of these streams.
+// True if a cache certainly keeps all of these streams.
 bool IsWithinBudget(const Format::PackageImage& image) {
     std::uint64_t total = 0;
     for (const Format::StreamRecord& stream : image.streams) {
@@ -100,7 +100,7 @@ void RequireResults(EffectCacheSystem& cache, const Results& results) {
     for (const auto& [name, expected] : results) {
         Tab<unsigned char> data;
         const bool found = cache.SearchCachedEffects(TextOf(name), data);
-        Require(found == expected.has_value(), "found just what is there");
+        Require(found == expected.has_value(), "found if and only if it exists");
         if (found) {
             const auto size = static_cast<std::size_t>(data.Count());
             Require(size == expected->size(), "an effect's size");
@@ -109,13 +109,13 @@ void RequireResults(EffectCacheSystem& cache, const Results& results) {
     }
 }
 
-// Names that are in the bases' indexes or in none.
+// A name from the index of a base, or one that is in none.
 std::string TakeName(FuzzedDataProvider& input) {
     static const char* const kNames[] = {"a", "b", "c", "bb", "cc", "long name", "absent", "d"};
     return input.PickValueInArray(kNames);
 }
 
-// Adds effects and saves them; what they replace is replaced in the results too.
+// Adds effects, saves them, and updates the results.
 void AddEffects(EffectCacheSystem& cache, FuzzedDataProvider& input, Results& results) {
     static constexpr std::size_t kSizes[] = {1, 9, 100, 8184, 8183, 20000, 70000};
     for (int count = input.ConsumeIntegral<std::uint8_t>() % kMostNewEffects; count > 0; --count) {
@@ -133,7 +133,7 @@ public:
     std::string File() const { return directory_.File("vornFxoCache.dat"); }
     Cache Open() const { return Cache(new EffectCacheSystem(TextOf(Path()))); }
 
-    // Tells those who have the cache open that somebody has rewritten its file.
+    // Tells open caches that their file has been rewritten.
     void AnnounceChange() const {
         std::string name = File();
         for (char& byte : name) {
@@ -149,7 +149,7 @@ private:
     const Testing::TemporaryDirectory directory_;
 };
 
-// Opens a cache that has the file, by itself or because it is told of the file's change.
+// Opens a cache with the file, either directly or by a reload after a change.
 Cache OpenOver(const Directory& directory, const Bytes& file, bool byReload) {
     if (!byReload) {
         Format::WriteWholeFile(directory.File(), file);
@@ -166,7 +166,7 @@ Cache OpenOver(const Directory& directory, const Bytes& file, bool byReload) {
     return cache;
 }
 
-// Whether a cache that can be read has been taken for a damaged one, as it may be unless it is
+// True if the cache has refused a file with a readable index, which it may do unless the file is
 // sound.
 bool IsRefused(EffectCacheSystem& cache, const Expectation& expected) {
     if (!expected.isIndexed) {
@@ -176,14 +176,14 @@ bool IsRefused(EffectCacheSystem& cache, const Expectation& expected) {
     if (cache.IsEnabled() && count == expected.results.size()) {
         return false;
     }
-    Require(!expected.isSound, "a sound cache is taken as it is");
-    Require(!cache.IsEnabled() || count == 0, "taken as a whole or not at all");
+    Require(!expected.isSound, "a sound cache is accepted");
+    Require(!cache.IsEnabled() || count == 0, "accepted as a whole or not at all");
     return true;
 }
 
 void TryFile(const Directory& directory, FuzzedDataProvider& input) {
     const bool byReload = input.ConsumeIntegral<std::uint8_t>() % 4 == 0;
-    // From the other end of the input than the numbers that the file is made of.
+    // These come from the front of the input, the numbers that make the file from its end.
     const std::vector<std::uint8_t> additions = input.ConsumeBytes<std::uint8_t>(12);
     FuzzedDataProvider adding(additions.data(), additions.size());
     const Bytes file = TakeFile(input, EffectCacheBases());

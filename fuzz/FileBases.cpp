@@ -12,7 +12,7 @@ namespace {
 using Format::PackageLayout;
 using Format::Pattern;
 
-// Links of free pages behind the file, enough for a second head page.
+// Free pages past the end of the file: their links need a second head page.
 constexpr unsigned kLinksOfTwoPages = 1100;
 
 PackageLayout Scattered() {
@@ -31,7 +31,7 @@ PackageLayout LongState() {
     return layout;
 }
 
-// Most of one size: bytes of another would be noticed.
+// Most have a size in common, so that the library can't tell wrong bytes by their number.
 std::vector<Format::NewEffect> SomeEffects() {
     return {{"a", Pattern(100, 1)},   {"b", Pattern(100, 2)},   {"c", Pattern(100, 3), true},
             {"bb", Pattern(8184, 4)}, {"cc", Pattern(8184, 5)}, {"long name", Pattern(20000, 6)}};

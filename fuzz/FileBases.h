@@ -6,7 +6,7 @@
 
 namespace Quorvel::Fuzz {
 
-// Sound files that the harnesses of damaged files start from. The first of each is the smallest.
+// Sound files that the harnesses for damaged files start from.
 const std::vector<FileBase>& PackageBases();
 const std::vector<FileBase>& EffectCacheBases();
 

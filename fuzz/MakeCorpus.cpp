@@ -1,5 +1,5 @@
-// Writes the seeds of the two harnesses of files into the folder of corpora: make-corpus FOLDER.
-// Each is an input out of which TakeFile makes a sound file, whole or with one field changed.
+// make-corpus FOLDER: writes the seeds of the two file harnesses into the folder of corpora. From
+// each seed TakeFile makes a sound file, unchanged or with one field changed.
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
@@ -16,8 +16,8 @@ namespace {
 
 using Format::Bytes;
 
-// An input for a FuzzedDataProvider: it takes runs of bytes from the front and numbers, the first
-// one first, from the end.
+// An input for a FuzzedDataProvider, which takes runs of bytes from the front, and numbers
+// backwards from the end.
 class Input {
 public:
     Input& Byte(std::uint8_t number) {
@@ -32,7 +32,7 @@ public:
         return *this;
     }
 
-    // A page of a plain file: what stands behind its last byte that means something is left out.
+    // A page of a plain file, without the unused bytes at its end.
     Input& Page(const Bytes& page) {
         constexpr std::uint8_t kUnused = 0xEE;
         std::size_t size = page.size();
@@ -63,7 +63,7 @@ private:
     Bytes back_;
 };
 
-// What the two harnesses take before the file.
+// A harness's input before the file, and its files.
 struct Harness {
     Input start;
     const std::vector<FileBase>& bases;

@@ -1,5 +1,5 @@
-// Opens any bytes as a package, and takes from it just what an independent reader of the format
-// takes; then deletes, creates and commits in it. A file that was sound must stay so.
+// Opens arbitrary bytes as a package, which must read exactly what an independent reader of the
+// format reads; then deletes and creates streams and commits. A sound file must stay sound.
 #include <algorithm>
 #include <cstdint>
 #include <filesystem>
@@ -26,11 +26,11 @@ constexpr std::uint64_t kLargestCompared = 1 << 18;
 constexpr std::uint64_t kLargestCreated = 1 << 16;
 constexpr std::uint64_t kAddedSize = 50;
 
-// With room for no more than a few streams a sound package may not take others of their sizes.
+// Under this stream limit even a sound package may have no room for the replacements.
 constexpr std::uint64_t kTightLimit = 16;
 
-// Runs a step of the package that a damaged file may make throw; false when it did. What is none of
-// the library's errors goes on.
+// Runs a step that may throw if the file is damaged; false if it throws an exception that packages
+// may throw. Others propagate.
 template <typename Step>
 bool Succeeds(const Step& step) {
     try {
@@ -85,14 +85,14 @@ void CompareWithFormat(IDataStreamSet& package, const PackageImage& image) {
             Require(ReadByLibrary(package, stream.id) == ReadByFormat(reader, stream.id),
                     "a stream's bytes");
         } else {
-            // Too long to be read to its end, but not to be opened.
+            // Too long to read, but not to open.
             Succeeds([&] { return static_cast<bool>(package.OpenDataStream(stream.id)); });
         }
     }
     Require(package.GetTotalDataSize() == total, "total size");
 }
 
-// Creates a stream and fills it; false when a step was refused.
+// Creates a stream and fills it; false if a step was refused.
 bool AddStream(IDataStreamSet& package, const Bytes& content, Streams& streams) {
     return Succeeds([&] {
         const std::uint64_t id = package.CreateDataStream(content.size());
@@ -105,8 +105,8 @@ bool AddStream(IDataStreamSet& package, const Bytes& content, Streams& streams) 
     });
 }
 
-// Adds a stream, then replaces every other by one of its size, or of one byte more, and says what
-// they hold. False when a step was refused.
+// Adds a stream, then replaces each of the others by one of its size, within limits, or one byte
+// more. Keeps their content in streams. False if a step was refused.
 bool ChangeStreams(IDataStreamSet& package, const PackageImage& image, Streams& streams) {
     std::uint8_t filler = 1;
     bool complete = AddStream(package, Bytes(kAddedSize, filler), streams);
@@ -128,9 +128,10 @@ void TryFile(const Bytes& file, const std::string& path, std::uint64_t limit,
     const std::optional<PackageImage> image = ReadByFormat(file, limit);
     Format::WriteWholeFile(path, file);
     Util::RefPtr<IDataStreamSet> package = OpenFilePackage(config);
-    Require(static_cast<bool>(package) == image.has_value(), "opened just when the format says so");
+    Require(static_cast<bool>(package) == image.has_value(),
+            "opened if and only if the format allows it");
     if (!package || !image) {
-        Require(Format::ReadWholeFile(path) == file, "a refused file stays as it is");
+        Require(Format::ReadWholeFile(path) == file, "a refused file is not changed");
         return;
     }
     CompareWithFormat(*package, *image);
@@ -152,7 +153,7 @@ void TryFile(const Bytes& file, const std::string& path, std::uint64_t limit,
     const Bytes after = Format::ReadWholeFile(path);
     Require(Format::CheckPackage(after, limit).empty(), "a sound package stays sound");
     const PackageImage changedImage = Format::ReadPackage(after, limit);
-    Require(Format::ReadAllStreams(changedImage) == streams, "what was written");
+    Require(Format::ReadAllStreams(changedImage) == streams, "the streams written");
     CompareWithFormat(*package, changedImage);
 }
 

@@ -1,5 +1,5 @@
 // Runs a sequence of operations on a page allocator and on a plain model of it, and compares the
-// two after each. The state is saved, loaded into another allocator, and loaded from any links.
+// two after each. Also saves the state, loads it into another allocator, and loads arbitrary links.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
@@ -57,7 +57,7 @@ private:
     Util::RefPtr<PageAllocator> allocator_;
 
     std::vector<std::uint64_t> links_;
-    std::deque<std::uint64_t> queue_;  // every page once for each time that it became free
+    std::deque<std::uint64_t> queue_;  // each page once for each time it became free
     std::uint64_t highest_ = kHeadPageNumber;
 };
 
@@ -100,7 +100,7 @@ void Runner::Step() {
     }
 }
 
-// A page of the table, mostly.
+// Usually a page of the table.
 std::uint64_t Runner::AnyPage() {
     static constexpr std::uint64_t kOthers[] = {0,        1,          9,    kPageNumberLimit,
                                                 1u << 30, 1ull << 63, ~0ull};
@@ -132,7 +132,7 @@ void Runner::Allocate() {
     if (IsValidPageNumber(previous)) {
         if (previous >= End() || links_[previous - kHeadPageNumber] != kEndOfChain) {
             RequireRefusal([&] { allocator_->AllocatePage(previous); },
-                           "no second page behind one");
+                           "a page has no second successor");
             return;
         }
         links_[previous - kHeadPageNumber] = page;
@@ -181,7 +181,7 @@ void Runner::Ask() {
                 "a page's successor");
         return;
     }
-    RequireRefusal([&] { allocator_->IsPageAllocated(page); }, "only pages are in use or free");
+    RequireRefusal([&] { allocator_->IsPageAllocated(page); }, "only pages can be in use");
     RequireRefusal([&] { allocator_->GetNextPage(page); }, "only pages have successors");
 }
 
@@ -194,7 +194,7 @@ Format::Bytes StateOf(const std::vector<std::uint64_t>& links) {
     return state;
 }
 
-// Whether no page follows two, and each that follows one is there.
+// True if no page follows two others, and every page that follows one is in the table.
 bool AreChains(const std::vector<std::uint64_t>& links) {
     std::set<std::uint64_t> successors;
     return std::all_of(links.begin(), links.end(), [&](std::uint64_t link) {
@@ -203,7 +203,7 @@ bool AreChains(const std::vector<std::uint64_t>& links) {
     });
 }
 
-// Loads a state into a new allocator; null when it is refused.
+// Loads a state into a new allocator; null if it is refused.
 Util::RefPtr<PageAllocator> Loaded(const Format::Bytes& state) {
     const Util::RefPtr<PageAllocator> allocator(new PageAllocator);
     try {
@@ -215,7 +215,7 @@ Util::RefPtr<PageAllocator> Loaded(const Format::Bytes& state) {
     }
 }
 
-// What a load makes of the links.
+// Derives the rest of the model from the links, as a load does.
 void Runner::Rebuild() {
     queue_.clear();
     highest_ = kHeadPageNumber;
@@ -228,8 +228,8 @@ void Runner::Rebuild() {
     }
 }
 
-// Freeing a page that another names as its successor, as nobody but the end of a chain does, can
-// leave two pages with one successor: such a state can be saved, but not loaded.
+// Freeing and reusing a page that is another's successor can leave two pages with one successor.
+// Such a state can be saved, but not loaded.
 void Runner::Reload() {
     const Util::RefPtr<Testing::MemoryStream> stream(
         new Testing::MemoryStream(Format::Bytes(allocator_->GetStateSize())));
@@ -270,9 +270,10 @@ void Runner::Compare() {
     for (std::uint64_t page = kHeadPageNumber; page < End(); ++page) {
         const std::uint64_t link = links_[page - kHeadPageNumber];
         Require(allocator_->GetNextPage(page) == link, "a page's link");
-        Require(allocator_->IsPageAllocated(page) == (link != kFreePage), "a page's use");
+        Require(allocator_->IsPageAllocated(page) == (link != kFreePage),
+                "whether a page is in use");
     }
-    Require(!allocator_->IsPageAllocated(End()), "nothing behind the table");
+    Require(!allocator_->IsPageAllocated(End()), "nothing past the table");
     Require(allocator_->HighestPage() == highest_, "the highest page");
 }
 

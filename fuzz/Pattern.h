@@ -12,7 +12,7 @@ namespace Quorvel::Fuzz {
 
 constexpr std::size_t kLongestPattern = 1 << 17;
 
-// Bytes that tell places apart, and those of one seed from those of another. Quick.
+// Bytes that differ from place to place and from seed to seed. Quick.
 inline Format::Bytes PatternOf(std::size_t size, std::uint8_t seed) {
     constexpr std::size_t kStep = 61;
     static const Format::Bytes table = [] {
@@ -22,7 +22,7 @@ inline Format::Bytes PatternOf(std::size_t size, std::uint8_t seed) {
                       [&] { return static_cast<std::uint8_t>(random()); });
         return bytes;
     }();
-    Require(size <= kLongestPattern, "a pattern of that length");
+    Require(size <= kLongestPattern, "a pattern is not too long");
     const auto from = table.begin() + static_cast<std::ptrdiff_t>(seed * kStep);
     return Format::Bytes(from, from + static_cast<std::ptrdiff_t>(size));
 }

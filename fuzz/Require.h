@@ -5,8 +5,8 @@
 
 namespace Quorvel::Fuzz {
 
-// Ends the program when something that must hold does not: libFuzzer then keeps the input that led
-// here, and the stack says where.
+// Aborts the program if a condition does not hold. libFuzzer then keeps the input, and the stack
+// trace shows the place.
 inline void Require(bool holds, const char* what) {
     if (!holds) {
         std::fprintf(stderr, "REQUIRED: %s\n", what);

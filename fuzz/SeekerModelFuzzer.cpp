@@ -1,5 +1,5 @@
-// Lays a logical file out over pages, as a child file or as a head file, and compares its seeker
-// and a stream over it with plain bytes in memory and a list of where each of them lies.
+// Lays out a logical file over pages, as a child file or as a head file, and compares its seeker
+// and a stream over it with plain bytes in memory and a list of their places.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
@@ -31,7 +31,7 @@ constexpr std::uint64_t kMostWholePages = 4;
 constexpr std::uint64_t kMostHeadBytes = 4 * kPageSize;
 constexpr int kMostOperations = 60;
 
-// A stream may pin one page twice; taking a range out of it wants two more, its seeker a fourth.
+// A stream may pin one page twice; removing a range from it needs two more, its seeker a fourth.
 constexpr std::uint64_t kCacheCapacity = 4;
 
 // Where a byte lies in the package's file.
@@ -81,7 +81,7 @@ std::vector<std::uint64_t> TakePageOrder(FuzzedDataProvider& input) {
     return pages;
 }
 
-// A number that likes both ends of its range.
+// A number up to limit, often close to 0 or to limit.
 std::uint64_t TakeSize(FuzzedDataProvider& input, std::uint64_t limit) {
     const auto number = input.ConsumeIntegral<std::uint8_t>();
     if (number < 32) {
@@ -93,7 +93,7 @@ std::uint64_t TakeSize(FuzzedDataProvider& input, std::uint64_t limit) {
     return input.ConsumeIntegral<std::uint32_t>() % (limit + 1);
 }
 
-// A child file; without a seeker when it would be empty.
+// A child file; without a seeker if it would be empty.
 LogicalFile TakeChildFile(FuzzedDataProvider& input) {
     std::vector<std::uint64_t> pages = TakePageOrder(input);
     const std::uint64_t wholePages = input.ConsumeIntegral<std::uint8_t>() % (kMostWholePages + 1);
@@ -106,7 +106,7 @@ LogicalFile TakeChildFile(FuzzedDataProvider& input) {
     for (std::uint64_t page = kHeadPageNumber; page < kHeadPageNumber + kPages; ++page) {
         allocator->MarkPageAllocated(page);
     }
-    // The allocator gives a page that is free a predecessor: the next of the order.
+    // Makes a page follow another: the allocator links the only free page to it.
     const auto follow = [&](std::uint64_t previous, std::uint64_t page) {
         allocator->FreePage(page);
         Require(allocator->AllocatePage(previous) == page, "the only free page is allocated");
@@ -124,7 +124,7 @@ LogicalFile TakeChildFile(FuzzedDataProvider& input) {
             follow(tail.tailPage, tail.followingPage);
             file.Append(tail.followingPage, 0, tail.tailLength - here);
         } else if (tail.tailOffset + here == kPageSize) {
-            file.end = {0, 0};  // an entry without a page
+            file.end = {0, 0};  // an entry of the seeker without a page
         }
     }
 
@@ -141,8 +141,8 @@ LogicalFile TakeChildFile(FuzzedDataProvider& input) {
     return file;
 }
 
-// A head file that has been written from front to back and is read now; without a seeker when it
-// would be empty.
+// A head file that has been written from front to back and opened for reading; without a seeker if
+// it would be empty.
 LogicalFile TakeHeadFile(FuzzedDataProvider& input, FilePageCache& cache) {
     std::vector<std::uint64_t> pages = TakePageOrder(input);
     std::swap(pages[0], *std::find(pages.begin(), pages.end(), kHeadPageNumber));
@@ -267,7 +267,7 @@ void Runner::RequirePlace(const PagePosition& found, std::uint64_t position) {
     Require(place == file_.PlaceOf(position), "a byte's place");
 }
 
-// A position in the file or a little outside, or any.
+// A position in the file or just outside it; sometimes any number.
 std::int32_t Runner::AnyPosition() {
     if (input_.ConsumeIntegral<std::uint8_t>() < 16) {
         return input_.ConsumeIntegral<std::int32_t>();
@@ -279,11 +279,11 @@ void Runner::Find() {
     const std::int32_t position = AnyPosition();
     PagePosition found = {77, 88};
     const bool inside = seeker_.PositionToPage(found.pageIndex, found.pageOffset, position);
-    Require(inside == IsInside(position), "a place for each position inside");
+    Require(inside == IsInside(position), "every position inside has a place");
     if (inside) {
         RequirePlace(found, static_cast<std::uint64_t>(position));
     } else {
-        Require(found.pageIndex == 0 && found.pageOffset == 0, "no place outside");
+        Require(found.pageIndex == 0 && found.pageOffset == 0, "a position outside has no place");
     }
 }
 
@@ -338,7 +338,7 @@ void Runner::Write() {
     position_ += expected;
 }
 
-// What the bytes behind the range leave at the end of the file stays as it was.
+// The bytes after the range move forward; the file's last bytes stay as they were.
 void Runner::RemoveRange() {
     const std::int32_t position = AnyPosition();
     const std::int32_t length = AnyPosition();
@@ -354,13 +354,13 @@ void Runner::RemoveRange() {
     content_ = cut;
     position_ = static_cast<std::uint64_t>(position);
     Compare();
-    Require(stream_->Seek(kSeekFromStart, position), "back to where it was");
+    Require(stream_->Seek(kSeekFromStart, position), "the stream can return to its position");
 }
 
 void Runner::Compare() {
     Bytes buffer(Size());
     Require(stream_->Seek(kSeekFromStart, 0), "the file has a start");
-    Require(stream_->Read(buffer.data(), buffer.size()) == buffer.size(), "all bytes are there");
+    Require(stream_->Read(buffer.data(), buffer.size()) == buffer.size(), "all bytes can be read");
     Require(buffer == content_, "all bytes are as written");
 }
 

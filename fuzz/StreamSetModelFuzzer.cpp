@@ -1,6 +1,6 @@
 // Runs a sequence of operations on a package and on a plain model of it in memory, and compares the
-// two after each. After a commit the file is sound, and an independent reader finds the model's
-// streams in it.
+// two after each. After a commit the file must be sound, and an independent reader must find the
+// model's streams in it.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
@@ -27,7 +27,7 @@ constexpr std::size_t kMostStreams = 20;
 constexpr std::size_t kMostOpen = 4;
 constexpr int kMostOperations = 100;
 
-// Each open stream may pin two pages; an operation wants up to three more.
+// Each open stream may pin two pages; an operation needs up to three more.
 constexpr std::uint64_t kLeastCapacity = 2 * kMostOpen + 3;
 
 constexpr std::uint64_t kStreamLimits[] = {3, 8, 64};
@@ -89,13 +89,13 @@ private:
     FuzzedDataProvider& input_;
     const std::uint64_t limit_;
     const std::uint64_t capacity_;
-    const bool comparesAlways_;  // or else leaves the pages that streams hold pinned alone
+    const bool comparesAlways_;  // if false, leaves the pages that streams pin alone
     Util::RefPtr<IDataStreamSet> package_;
 
     std::map<std::uint64_t, Bytes> streams_;
     std::map<std::uint64_t, OpenStream> open_;
     Bytes headerData_;
-    bool changed_ = false;  // since the last commit, in what a commit looks at
+    bool changed_ = false;  // whether the next commit has something to write
     std::uint8_t fill_ = 0;
 };
 
@@ -140,7 +140,7 @@ void Runner::Step() {
     }
 }
 
-// An id that is in use, mostly.
+// Usually an id in use.
 std::uint64_t Runner::AnyId() {
     const std::uint8_t number = Number();
     if (number >= 250 || streams_.empty()) {
@@ -202,7 +202,7 @@ void Runner::Open() {
     const auto content = streams_.find(id);
     try {
         const Util::RefPtr<IDataStream> stream = package_->OpenDataStream(id);
-        Require(static_cast<bool>(stream) == (content != streams_.end()), "opened if it is there");
+        Require(static_cast<bool>(stream) == (content != streams_.end()), "opened if it exists");
         if (!stream) {
             return;
         }
@@ -215,7 +215,7 @@ void Runner::Open() {
         }
     } catch (const FileDataCorruptException&) {
         Require(content != streams_.end() && content->second.empty(),
-                "only empty ones are refused");
+                "only empty streams are refused");
     }
 }
 
@@ -239,7 +239,7 @@ void Runner::Read() {
     Require(std::equal(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(expected),
                        content.begin() + static_cast<std::ptrdiff_t>(position)),
             "what was read");
-    Require(buffer[expected] == 0xEE, "nothing behind what was read");
+    Require(buffer[expected] == 0xEE, "nothing past what was read");
     position += expected;
 }
 
@@ -285,7 +285,7 @@ void Runner::SetHeaderData() {
     headerData_.resize(size);
     changed_ = true;
     std::uint8_t* const data = package_->GetHeaderData();
-    Require((data == nullptr) == (size == 0), "header data unless empty");
+    Require((data == nullptr) == (size == 0), "no header data if and only if it is empty");
     Require(std::equal(headerData_.begin(), headerData_.end(), data), "header data is kept");
     if (Number() % 2 == 0) {
         headerData_ = PatternOf(size, ++fill_);
@@ -306,7 +306,7 @@ void Runner::Load() {
         Require(!package_->Load(), "not reloaded while a stream is open");
         return;
     }
-    // What was written into streams reaches the file with the next commit that has something to do.
+    // Counts as a change, without which a commit does not write what was written into streams.
     package_->GetHeaderData();
     changed_ = true;
     Commit();
@@ -346,7 +346,7 @@ void Runner::CompareSizes() {
     }
 }
 
-// An open stream is read from where it stands and put back there.
+// Reads whole streams; an open stream keeps its position.
 void Runner::CompareContents() {
     for (const auto& [id, content] : streams_) {
         if (content.empty()) {
@@ -358,7 +358,8 @@ void Runner::CompareContents() {
         Bytes buffer(content.size());
         Require(stream->Read(buffer.data(), buffer.size()) == buffer.size(), "a stream's length");
         Require(buffer == content, "a stream's bytes");
-        Require(stream->Seek(kSeekFromStart, static_cast<std::int32_t>(position)), "back again");
+        Require(stream->Seek(kSeekFromStart, static_cast<std::int32_t>(position)),
+                "a stream can return to its position");
     }
     const IDataStreamSet& reading = *package_;
     Require(std::equal(headerData_.begin(), headerData_.end(), reading.GetHeaderData()),

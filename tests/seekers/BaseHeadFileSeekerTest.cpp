@@ -75,7 +75,7 @@ TEST_F(BaseHeadFileSeekerTest, DataEndForPageIsTheEndOfThePageExceptInThePartlyF
 
 // ---- Positions ----------------------------------------------------------------------------------
 
-TEST_F(BaseHeadFileSeekerTest, EveryPositionLiesBehindTheHeaderOfItsPage) {
+TEST_F(BaseHeadFileSeekerTest, EveryPositionLiesAfterTheHeaderOfItsPage) {
     for (const std::uint64_t size :
          Numbers{1, kFirst - 1, kFirst, kFirst + 1, kFirst + kLater - 1, kFirst + kLater,
                  kFirst + kLater + 1, kFirst + 2 * kLater, kFirst + 3 * kLater + 100}) {
@@ -136,8 +136,8 @@ TEST_F(BaseHeadFileSeekerTest, PositionsAreComparedWithTheLow32BitsOfTheSizeAsAS
     EXPECT_EQ(PlaceOf(*writer_, 6), kNowhere);
 }
 
-// The header's size is only bounded by whole pages, and so may reach behind the data.
-TEST_F(BaseHeadFileSeekerTest, APositionBehindTheDataOfTheLastPageIsNowhere) {
+// The size in the header is bounded only by whole pages, so it may reach past the data.
+TEST_F(BaseHeadFileSeekerTest, APositionPastTheDataOfTheLastPageIsNowhere) {
     WriteHeaders({10}, kFirst + 10, 8192);
     ASSERT_TRUE(reader_->OpenHeadFile());
     EXPECT_EQ(PlaceOf(*reader_, kFirst), (Place{true, 0, 8192}));
@@ -145,14 +145,14 @@ TEST_F(BaseHeadFileSeekerTest, APositionBehindTheDataOfTheLastPageIsNowhere) {
     EXPECT_EQ(PlaceOf(*reader_, kFirst + 10), kNowhere);
 }
 
-TEST_F(BaseHeadFileSeekerTest, APositionBehindThePartOfThePageThatHoldsDataIsRefusedWithItsPlace) {
+TEST_F(BaseHeadFileSeekerTest, APositionPastTheDataOfItsPageIsRefusedWithItsPlace) {
     WriteHeaders({10, 11}, kFirst + 100, 16 + 50);
     ASSERT_TRUE(reader_->OpenHeadFile());
     EXPECT_EQ(PlaceOf(*reader_, kFirst + 50), (Place{true, 1, 66}));
     EXPECT_EQ(PlaceOf(*reader_, kFirst + 51), (Place{false, 1, 67}));
 }
 
-TEST_F(BaseHeadFileSeekerTest, APositionTwoPagesBehindTheLastIsNowhere) {
+TEST_F(BaseHeadFileSeekerTest, APositionTwoPagesPastTheLastIsNowhere) {
     WriteHeaders({10}, 60, 8192);
     SetWord(10, 24, 33);  // one byte of data in a file of 8192
     SetWord(10, 8, 8192);
@@ -162,7 +162,7 @@ TEST_F(BaseHeadFileSeekerTest, APositionTwoPagesBehindTheLastIsNowhere) {
     EXPECT_EQ(PlaceOf(*reader_, 1 + 8176), kNowhere);
 }
 
-TEST_F(BaseHeadFileSeekerTest, TheEndAtAPageBoundaryIsFoundBeforeThatPageWasRead) {
+TEST_F(BaseHeadFileSeekerTest, TheEndAtAPageBoundaryIsFoundBeforeThatPageIsRead) {
     WriteHeaders({10, 12, 11}, kFirst + 2 * kLater, 8192);
     ASSERT_TRUE(reader_->OpenHeadFile());
     EXPECT_EQ(PlaceOf(*reader_, kFirst + 2 * kLater), (Place{true, 2, 8192}));
@@ -226,7 +226,7 @@ TEST_F(BaseHeadFileSeekerTest, MovingFromOutsideTheFileIsRefused) {
     EXPECT_TRUE(Moved(*writer_, {0, 132}, 0).found);
 }
 
-TEST_F(BaseHeadFileSeekerTest, MovingFromAPageThatIsNotKnownYetIsRefused) {
+TEST_F(BaseHeadFileSeekerTest, MovingFromAPageThatIsNotLoadedYetIsRefused) {
     WriteHeaders({10, 11, 12}, kFirst + kLater + 5, 21);
     ASSERT_TRUE(reader_->OpenHeadFile());
     EXPECT_FALSE(Moved(*reader_, {1, 16}, 0).found);
@@ -234,9 +234,9 @@ TEST_F(BaseHeadFileSeekerTest, MovingFromAPageThatIsNotKnownYetIsRefused) {
     EXPECT_EQ(Moved(*reader_, {1, 16}, 0), (Place{true, 1, 16}));
 }
 
-// Offset 0 is inside the page's header, 16 bytes before its data, so the place lies in the page
-// before.
-TEST_F(BaseHeadFileSeekerTest, MovingFromTheStartOfAPageMakesThePageKnown) {
+// Offset 0 is inside the page's header, 16 bytes before its data, so the place lies in the previous
+// page.
+TEST_F(BaseHeadFileSeekerTest, MovingFromTheStartOfAPageLoadsThePage) {
     WriteHeaders({10, 11, 12}, kFirst + kLater + 5, 21);
     ASSERT_TRUE(reader_->OpenHeadFile());
     EXPECT_EQ(Moved(*reader_, {1, 0}, 0), (Place{true, 0, 8192 - 16}));
@@ -260,7 +260,7 @@ public:
 
 }  // namespace
 
-TEST_F(BaseHeadFileSeekerTest, MovePositionAsksPositionToPageOfADerivedSeeker) {
+TEST_F(BaseHeadFileSeekerTest, MovePositionCallsPositionToPageOfADerivedSeeker) {
     const Util::RefPtr<ConstantPlaceSeeker> seeker(new ConstantPlaceSeeker(&cache_));
     ASSERT_TRUE(Create(*seeker, 100));
     EXPECT_EQ(Moved(*seeker, {0, 42}, 7), (Place{true, 5, 6}));
@@ -269,7 +269,7 @@ TEST_F(BaseHeadFileSeekerTest, MovePositionAsksPositionToPageOfADerivedSeeker) {
     EXPECT_EQ(seeker->asked, -20);
 }
 
-// ---- What a page's entry must be like -----------------------------------------------------------
+// ---- Validation of page entries -----------------------------------------------------------------
 
 namespace {
 
@@ -290,7 +290,7 @@ public:
 
 }  // namespace
 
-TEST_F(BaseHeadFileSeekerTest, ValidatePageInfoWantsAValidPageNumber) {
+TEST_F(BaseHeadFileSeekerTest, ValidatePageInfoRequiresAValidPageNumber) {
     const Util::RefPtr<OpenTablesSeeker> seeker(new OpenTablesSeeker(&cache_));
     for (const std::uint64_t number : Numbers{0, 1, 9, 0x100000}) {
         EXPECT_FALSE(seeker->IsValid(1, number, 0, {16, 8192})) << number;
@@ -299,7 +299,7 @@ TEST_F(BaseHeadFileSeekerTest, ValidatePageInfoWantsAValidPageNumber) {
     EXPECT_TRUE(seeker->IsValid(1, 0xFFFFF, 0, {16, 8192}));
 }
 
-TEST_F(BaseHeadFileSeekerTest, ValidatePageInfoWantsARangeThatIsNotEmptyAndInThePage) {
+TEST_F(BaseHeadFileSeekerTest, ValidatePageInfoRequiresANonEmptyRangeInThePage) {
     const Util::RefPtr<OpenTablesSeeker> seeker(new OpenTablesSeeker(&cache_));
     for (const std::uint64_t end : Numbers{0, 15, 16, 8193}) {
         EXPECT_FALSE(seeker->IsValid(1, 12, 0, {16, end})) << end;
@@ -309,7 +309,7 @@ TEST_F(BaseHeadFileSeekerTest, ValidatePageInfoWantsARangeThatIsNotEmptyAndInThe
     EXPECT_TRUE(seeker->IsValid(1, 12, 0, {16, 8192}));
 }
 
-TEST_F(BaseHeadFileSeekerTest, ValidatePageInfoWantsEveryPageButTheLastFull) {
+TEST_F(BaseHeadFileSeekerTest, ValidatePageInfoRequiresEveryPageButTheLastToBeFull) {
     const Util::RefPtr<OpenTablesSeeker> seeker(new OpenTablesSeeker(&cache_));
     EXPECT_TRUE(seeker->IsValid(0, 10, 11, {32, 8192}));
     EXPECT_FALSE(seeker->IsValid(0, 10, 11, {32, 8191}));
@@ -367,7 +367,7 @@ TEST_F(CreateHeadFileTest, GrowsTheFileToCoverTheFirstPage) {
     EXPECT_EQ(std::filesystem::file_size(path_), 8192u);
 }
 
-TEST_F(CreateHeadFileTest, SetsTheTablesUp) {
+TEST_F(CreateHeadFileTest, SetsUpTheTables) {
     ASSERT_TRUE(Create(*writer_, kFirst + kLater + 1));
     EXPECT_EQ(writer_->byteSize, kFirst + kLater + 1);
     EXPECT_EQ(writer_->pageCount, 3u);
@@ -396,7 +396,7 @@ TEST_F(CreateHeadFileTest, OfNoBytesReturnsFalseAndWritesNothing) {
     EXPECT_EQ(writer_->pageCount, 1u);
 }
 
-TEST_F(CreateHeadFileTest, RefusesArgumentsThatDontFitBeforeAnythingChanges) {
+TEST_F(CreateHeadFileTest, RefusesInconsistentArgumentsBeforeAnythingChanges) {
     ASSERT_TRUE(Create(*writer_, 100));
     const Bytes file = File();
     const auto refused = [&](const Numbers& pages, std::uint64_t pageCount, std::uint64_t size) {
@@ -435,7 +435,7 @@ TEST_F(CreateHeadFileTest, ReleasesThePage) {
     EXPECT_TRUE(NothingIsPinned());
 }
 
-TEST_F(CreateHeadFileTest, PassesTheErrorsOfTheCacheOn) {
+TEST_F(CreateHeadFileTest, PassesOnTheErrorsOfTheCache) {
     const StdioFault fault(StdioCall::Read, EIO);
     EXPECT_EQ(FileErrorOf([&] { Create(*writer_, 100); }), EIO);
 }
@@ -488,7 +488,7 @@ TEST_F(OpenHeadFileTest, APageCountOutsideItsRangeIsCorrupt) {
     EXPECT_EQ(reader_->pageCount, 1048566u);
 }
 
-TEST_F(OpenHeadFileTest, APageCountOfZeroIsCorruptAlsoForNoBytes) {
+TEST_F(OpenHeadFileTest, APageCountOfZeroIsCorruptEvenForNoBytes) {
     WriteHeaders({10}, 5, 37);
     SetWord(10, 0, 0);
     SetWord(10, 8, 0);
@@ -527,14 +527,14 @@ TEST_F(OpenHeadFileTest, WithoutAPageFromTheCacheThrowsCorrupt) {
     EXPECT_TRUE(reader_->OpenHeadFile());
 }
 
-TEST_F(OpenHeadFileTest, PassesTheErrorsOfTheCacheOn) {
+TEST_F(OpenHeadFileTest, PassesOnTheErrorsOfTheCache) {
     SetFile({});
     EXPECT_EQ(FileErrorOf([&] { reader_->OpenHeadFile(); }), 0);
     const StdioFault fault(StdioCall::Seek, EIO);
     EXPECT_EQ(FileErrorOf([&] { reader_->OpenHeadFile(); }), EIO);
 }
 
-TEST_F(OpenHeadFileTest, ForgetsTheFileThatWasOpenBefore) {
+TEST_F(OpenHeadFileTest, ForgetsTheFileOpenedBefore) {
     WriteHeaders({10, 11, 12}, kFirst + kLater + 5, 21);
     ASSERT_TRUE(reader_->OpenHeadFile());
     reader_->LoadPageInfo(2);
@@ -547,7 +547,7 @@ TEST_F(OpenHeadFileTest, ForgetsTheFileThatWasOpenBefore) {
     EXPECT_EQ(reader_->pageRanges[1].end, 25u);
 }
 
-TEST_F(OpenHeadFileTest, OfAnUnacceptableFileForgetsTheOneBefore) {
+TEST_F(OpenHeadFileTest, OfAnInvalidFileForgetsTheOneBefore) {
     WriteHeaders({10, 11}, kFirst + 9, 25);
     ASSERT_TRUE(reader_->OpenHeadFile());
     SetWord(10, 0, 0);
@@ -555,7 +555,7 @@ TEST_F(OpenHeadFileTest, OfAnUnacceptableFileForgetsTheOneBefore) {
     EXPECT_EQ(PlaceOf(*reader_, 0), kNowhere);
 }
 
-TEST_F(OpenHeadFileTest, ThatCantReadTheFirstPageForgetsTheFileBeforeToo) {
+TEST_F(OpenHeadFileTest, ThatCannotReadTheFirstPageForgetsTheFileBeforeToo) {
     WriteHeaders({10, 11}, kFirst + 9, 25);
     ASSERT_TRUE(reader_->OpenHeadFile());
     ASSERT_NE(cache_.GetPageForRead(12), nullptr);
@@ -579,7 +579,7 @@ public:
 
 }  // namespace
 
-TEST_F(OpenHeadFileTest, ADerivedSeekerJudgesThePages) {
+TEST_F(OpenHeadFileTest, ADerivedSeekerValidatesThePages) {
     const Util::RefPtr<JudgingSeeker> seeker(new JudgingSeeker(&cache_));
     WriteHeaders({10, 11}, kFirst + 9, 9000);  // its second page is too long
     EXPECT_TRUE(seeker->OpenHeadFile());
@@ -589,7 +589,7 @@ TEST_F(OpenHeadFileTest, ADerivedSeekerJudgesThePages) {
     EXPECT_THROW(seeker->OpenHeadFile(), FileDataCorruptException);
 }
 
-// ---- Life ---------------------------------------------------------------------------------------
+// ---- Lifetime -----------------------------------------------------------------------------------
 
 TEST_F(BaseHeadFileSeekerTest, IsEmptyAtFirstAndAfterClear) {
     ExpectNew(*writer_);
@@ -604,7 +604,7 @@ TEST_F(BaseHeadFileSeekerTest, IsEmptyAtFirstAndAfterClear) {
     EXPECT_EQ(PlaceOf(*writer_, kFirst), (Place{true, 1, 16}));
 }
 
-TEST_F(BaseHeadFileSeekerTest, WhatWasWrittenIsReadAgainForEverySize) {
+TEST_F(BaseHeadFileSeekerTest, WrittenBytesAreReadBackForEverySize) {
     for (const std::uint64_t size :
          Numbers{1, kFirst - 1, kFirst, kFirst + 1, kFirst + kLater - 1, kFirst + kLater,
                  kFirst + kLater + 1, kFirst + 4 * kLater, kFirst + 4 * kLater + 1}) {
@@ -630,7 +630,7 @@ TEST_F(BaseHeadFileSeekerTest, WhatWasWrittenIsReadAgainForEverySize) {
 
 // ---- Layout -------------------------------------------------------------------------------------
 
-TEST(HeadFileRecords, StandInTheFileAsTheirFieldsAreOrdered) {
+TEST(HeadFileRecords, HaveTheirFieldsInFileOrder) {
     EXPECT_EQ(sizeof(HeadFileHeader), 32u);
     EXPECT_EQ(offsetof(HeadFileHeader, pageCount), 0u);
     EXPECT_EQ(offsetof(HeadFileHeader, byteSize), 8u);
@@ -671,7 +671,7 @@ TEST_F(BaseHeadFileSeekerTest, KeepsItsStateInOneFixedOrder) {
     EXPECT_EQ(ranges, seeker.pageRanges);
 }
 
-TEST(SeekerInterface, HasItsOperationsBehindTheReferenceCountingInOrder) {
+TEST(SeekerInterface, HasItsOperationsInOrderAfterTheReferenceCounting) {
     const std::size_t first = VirtualSlot(&IPagedFileSeeker::AddRef) + 3;
     EXPECT_EQ(VirtualSlot(&IPagedFileSeeker::PositionToPage), first);
     EXPECT_EQ(VirtualSlot(&IPagedFileSeeker::MovePosition), first + 1);

@@ -21,7 +21,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-// Knows the successors that a test gives it, and notes for which pages it is asked.
+// Returns the successors that a test sets, and records the pages for which it is asked.
 class LinkAllocator : public IPageAllocator {
 public:
     std::uint64_t AllocatePage(std::uint64_t) override { return 0; }
@@ -48,7 +48,7 @@ protected:
         allocator_->links = {{20, 31}, {31, 12}, {12, 0}, {40, 41}, {41, 42}, {42, 0}};
     }
 
-    // Attaches a file of so many whole pages, which begin at page 20, and a tail.
+    // Attaches a file of `wholePages` whole pages, from page 20 on, and a tail.
     void Attach(std::uint64_t wholePages, const ChildFileTail& tail) {
         EXPECT_TRUE(seeker_->Attach(allocator_, ExtentFor(wholePages, tail), tail));
     }
@@ -93,14 +93,14 @@ TEST_F(ChildFileSeekerTest, IsEmptyAtFirst) {
     EXPECT_FALSE(PlaceAt(0).found);
 }
 
-TEST_F(ChildFileSeekerTest, WholePagesStandInTheOrderOfTheChain) {
+TEST_F(ChildFileSeekerTest, WholePagesAreInChainOrder) {
     Attach(3, kNoTail);
     EXPECT_EQ(seeker_->byteSize, 24576u);
     EXPECT_THAT(PageNumbers(), ElementsAre(20, 31, 12));
     EXPECT_THAT(Ranges(), ElementsAre(Range(0, 8192), Range(0, 8192), Range(0, 8192)));
 }
 
-TEST_F(ChildFileSeekerTest, ATailWithinAPageIsOneEntryBehindTheWholePages) {
+TEST_F(ChildFileSeekerTest, ATailWithinAPageIsOneEntryAfterTheWholePages) {
     Attach(2, {40, 0, 100, 50});
     EXPECT_EQ(seeker_->byteSize, 16434u);
     EXPECT_THAT(PageNumbers(), ElementsAre(20, 31, 40));
@@ -128,7 +128,7 @@ TEST_F(ChildFileSeekerTest, ATailThatEndsOneByteBeforeItsPageIsOneEntry) {
     EXPECT_THAT(Ranges(), ElementsAre(Range(4096, 8191)));
 }
 
-TEST_F(ChildFileSeekerTest, TheLongestAndTheShortestTailsAreTaken) {
+TEST_F(ChildFileSeekerTest, TheLongestAndTheShortestTailsAreAccepted) {
     Attach(0, {40, 41, 8191, 8191});
     EXPECT_THAT(Ranges(), ElementsAre(Range(8191, 8192), Range(0, 8190)));
     Attach(0, {40, 0, 0, 1});
@@ -139,14 +139,14 @@ TEST_F(ChildFileSeekerTest, TheLongestAndTheShortestTailsAreTaken) {
     EXPECT_THAT(Ranges(), ElementsAre(Range(0, 8191)));
 }
 
-TEST_F(ChildFileSeekerTest, TheAllocatorIsAskedForTheSuccessorOfTheLastPageAndItsAnswerNotUsed) {
+TEST_F(ChildFileSeekerTest, TheSuccessorOfTheLastPageIsRequestedButNotUsed) {
     allocator_->links[12] = ~std::uint64_t{0};
     Attach(3, kNoTail);
     EXPECT_THAT(allocator_->asked, ElementsAre(20, 31, 12));
     EXPECT_THAT(PageNumbers(), ElementsAre(20, 31, 12));
 }
 
-TEST_F(ChildFileSeekerTest, TheAllocatorIsOnlyAskedWhileAttaching) {
+TEST_F(ChildFileSeekerTest, TheAllocatorIsAskedOnlyWhileAttaching) {
     Attach(3, {40, 41, 8000, 500});
     allocator_->asked.clear();
     for (std::int32_t position = 0; position < 25000; position += 100) {
@@ -156,7 +156,7 @@ TEST_F(ChildFileSeekerTest, TheAllocatorIsOnlyAskedWhileAttaching) {
     EXPECT_THAT(allocator_->asked, IsEmpty());
 }
 
-TEST_F(ChildFileSeekerTest, LoadPageInfoDoesNothingWhateverThePage) {
+TEST_F(ChildFileSeekerTest, LoadPageInfoDoesNothingForAnyPage) {
     Attach(2, {40, 0, 100, 50});
     const Numbers numbers = PageNumbers();
     const auto ranges = Ranges();
@@ -175,7 +175,7 @@ TEST_F(ChildFileSeekerTest, AttachingAgainRebuildsEverything) {
     EXPECT_THAT(Ranges(), ElementsAre(Range(0, 8192), Range(10, 30)));
 }
 
-TEST_F(ChildFileSeekerTest, TakesTheChainOfARealAllocator) {
+TEST_F(ChildFileSeekerTest, FollowsTheChainOfARealAllocator) {
     const Util::RefPtr<PageAllocator> allocator(new PageAllocator);
     allocator->AllocatePage(0);
     allocator->AllocatePage(0);
@@ -184,7 +184,7 @@ TEST_F(ChildFileSeekerTest, TakesTheChainOfARealAllocator) {
     EXPECT_THAT(PageNumbers(), ElementsAre(10, 12));
 }
 
-// ---- What does not fit together -----------------------------------------------------------------
+// ---- Inconsistent records -----------------------------------------------------------------------
 
 TEST_F(ChildFileSeekerTest, AnEmptyFileIsCorrupt) {
     ExpectCorrupt({7, 0, 0, 0}, kNoTail);
@@ -192,7 +192,7 @@ TEST_F(ChildFileSeekerTest, AnEmptyFileIsCorrupt) {
     EXPECT_EQ(seeker_->pageRanges, nullptr);
 }
 
-TEST_F(ChildFileSeekerTest, ASizeThatIsNotThatOfThePagesAndTheTailIsCorrupt) {
+TEST_F(ChildFileSeekerTest, ASizeThatDiffersFromPagesPlusTailIsCorrupt) {
     const ChildFileTail tail = {40, 0, 100, 50};
     ExpectCorrupt({7, 16433, 20, 2}, tail);
     ExpectCorrupt({7, 16435, 20, 2}, tail);
@@ -242,7 +242,7 @@ TEST_F(ChildFileSeekerTest, AWholePageWithoutAValidNumberIsCorrupt) {
     }
 }
 
-TEST_F(ChildFileSeekerTest, TheLowestAndTheHighestPageNumbersAreTaken) {
+TEST_F(ChildFileSeekerTest, TheLowestAndTheHighestPageNumbersAreAccepted) {
     allocator_->links = {{10, 0xFFFFF}, {0xFFFFF, 0}};
     EXPECT_TRUE(seeker_->Attach(allocator_, {7, 16384, 10, 2}, kNoTail));
     EXPECT_THAT(PageNumbers(), ElementsAre(10, 0xFFFFF));
@@ -274,7 +274,7 @@ TEST_F(ChildFileSeekerTest, ATailThatCrossesItsPageEndWithoutAFollowingPageIsCor
     ExpectCorrupt({7, 500, 0, 0}, {40, 0, 8000, 500});
 }
 
-TEST_F(ChildFileSeekerTest, AFollowingPageIsNotLookedAtWhenTheTailEndsBeforeIt) {
+TEST_F(ChildFileSeekerTest, AFollowingPageIsIgnoredIfTheTailEndsBeforeIt) {
     Attach(0, {40, 99, 100, 50});
     EXPECT_THAT(PageNumbers(), ElementsAre(40));
     EXPECT_THAT(allocator_->asked, IsEmpty());
@@ -298,7 +298,7 @@ TEST_F(ChildFileSeekerTest, ATailWithinAPageBeginsAtItsOffset) {
     EXPECT_EQ(PlaceAt(50), (Place{true, 0, 150}));
 }
 
-TEST_F(ChildFileSeekerTest, ATailThatCrossesGoesOnAtTheStartOfTheFollowingPage) {
+TEST_F(ChildFileSeekerTest, ATailThatCrossesContinuesAtTheStartOfTheFollowingPage) {
     Attach(0, {40, 41, 8000, 500});
     EXPECT_EQ(PlaceAt(0), (Place{true, 0, 8000}));
     EXPECT_EQ(PlaceAt(191), (Place{true, 0, 8191}));
@@ -312,7 +312,7 @@ TEST_F(ChildFileSeekerTest, TheEndOfATailThatEndsWithItsPageLiesInTheEmptyEntry)
     EXPECT_EQ(PlaceAt(4096), (Place{true, 1, 0}));
 }
 
-TEST_F(ChildFileSeekerTest, ATailBeginsBehindTheWholePages) {
+TEST_F(ChildFileSeekerTest, ATailBeginsAfterTheWholePages) {
     Attach(2, {40, 41, 8000, 500});
     EXPECT_EQ(PlaceAt(16383), (Place{true, 1, 8191}));
     EXPECT_EQ(PlaceAt(16384), (Place{true, 2, 8000}));
@@ -333,7 +333,7 @@ TEST_F(ChildFileSeekerTest, APositionOutsideTheFileIsNowhere) {
     }
 }
 
-TEST_F(ChildFileSeekerTest, APositionBehindThePagesIsNowhereWhateverTheSizeSays) {
+TEST_F(ChildFileSeekerTest, APositionPastThePagesIsNowhereEvenIfTheSizeIncludesIt) {
     Attach(1, kNoTail);
     seeker_->byteSize = 4 * 8192;
     EXPECT_EQ(PlaceAt(8192), (Place{true, 0, 8192}));
@@ -352,7 +352,7 @@ TEST_F(ChildFileSeekerTest, PositionsAreComparedWithTheLow32BitsOfTheSizeAsASign
     EXPECT_EQ(PlaceAt(51), kNowhere);
 }
 
-TEST_F(ChildFileSeekerTest, APositionAndItsPlaceLeadToEachOther) {
+TEST_F(ChildFileSeekerTest, PositionsAndPlacesConvertBothWays) {
     for (const std::uint64_t wholePages : Numbers{0, 1, 2}) {
         for (const ChildFileTail& tail :
              {ChildFileTail{40, 0, 0, 1}, ChildFileTail{40, 0, 100, 50},
@@ -371,13 +371,13 @@ TEST_F(ChildFileSeekerTest, APositionAndItsPlaceLeadToEachOther) {
     }
 }
 
-TEST_F(ChildFileSeekerTest, PageToPositionRefusesAPageBehindTheOneBehindTheLast) {
+TEST_F(ChildFileSeekerTest, PageToPositionRefusesAPageMoreThanOnePastTheLast) {
     Attach(2, {40, 0, 100, 50});
     EXPECT_THROW(seeker_->PageToPosition(4, 0), InvalidParameterException);
     EXPECT_EQ(seeker_->PageToPosition(3, 0), 16434u);
     Attach(2, {40, 41, 8000, 500});
     EXPECT_THROW(seeker_->PageToPosition(5, 0), InvalidParameterException);
-    EXPECT_EQ(seeker_->PageToPosition(4, 0), 16384u + 308u);  // counts the entry before it alone
+    EXPECT_EQ(seeker_->PageToPosition(4, 0), 16384u + 308u);  // counts only the entry before it
     Attach(2, kNoTail);
     EXPECT_THROW(seeker_->PageToPosition(3, 0), InvalidParameterException);
     EXPECT_EQ(seeker_->PageToPosition(2, 0), 16384u);
@@ -410,13 +410,13 @@ TEST_F(ChildFileSeekerTest, MovingOutOfTheFileLeadsNowhere) {
     EXPECT_EQ(Moved(*seeker_, {0, 5}, 0x80000000u), kNowhere);
 }
 
-TEST_F(ChildFileSeekerTest, MovingFromAPageBeyondTheOneBehindTheLastIsRefused) {
+TEST_F(ChildFileSeekerTest, MovingFromAPageMoreThanOnePastTheLastIsRefused) {
     Attach(2, {40, 0, 100, 50});
     EXPECT_FALSE(Moved(*seeker_, {4, 0}, 0).found);
     EXPECT_FALSE(Moved(*seeker_, {~std::uint64_t{0}, 0}, 0).found);
 }
 
-TEST_F(ChildFileSeekerTest, MovingFromThePageBehindTheLastStartsAtTheEnd) {
+TEST_F(ChildFileSeekerTest, MovingFromThePagePastTheLastStartsAfterTheLastEntry) {
     Attach(2, {40, 0, 100, 50});
     EXPECT_EQ(Moved(*seeker_, {3, 0}, 0), PlaceAt(16434));
     EXPECT_EQ(Moved(*seeker_, {3, 0}, static_cast<std::uint32_t>(-50)), PlaceAt(16384));
@@ -443,7 +443,7 @@ public:
 
 }  // namespace
 
-TEST_F(ChildFileSeekerTest, MovePositionAsksPositionToPageOfADerivedSeeker) {
+TEST_F(ChildFileSeekerTest, MovePositionCallsPositionToPageOfADerivedSeeker) {
     const Util::RefPtr<ConstantPlaceSeeker> seeker(new ConstantPlaceSeeker);
     seeker->Attach(allocator_, {7, 50, 0, 0}, {40, 0, 100, 50});
     EXPECT_EQ(Moved(*seeker, {0, 110}, 7), (Place{true, 5, 6}));
@@ -452,7 +452,7 @@ TEST_F(ChildFileSeekerTest, MovePositionAsksPositionToPageOfADerivedSeeker) {
     EXPECT_EQ(seeker->asked, -20);
 }
 
-// ---- Life ---------------------------------------------------------------------------------------
+// ---- Lifetime -----------------------------------------------------------------------------------
 
 TEST_F(ChildFileSeekerTest, HoldsTheAllocatorUntilItIsClearedOrDies) {
     const auto references = [&] {
@@ -490,7 +490,7 @@ TEST_F(ChildFileSeekerTest, IsEmptyAfterClear) {
               (std::array<std::uint64_t, 9>{}));
 }
 
-TEST_F(ChildFileSeekerTest, AFailedAttachLeavesNothingOfTheFileBefore) {
+TEST_F(ChildFileSeekerTest, AFailedAttachForgetsTheFileBefore) {
     Attach(2, {40, 41, 8000, 500});
     ExpectCorrupt({7, 8192, 0, 1}, kNoTail);
     EXPECT_EQ(seeker_->pageNumbers, nullptr);
@@ -545,7 +545,7 @@ TEST_F(ChildFileSeekerTest, CountsTheEntriesOfItsTail) {
     EXPECT_EQ(tailEntries({42, 0, 4096, 4096}), 2u);
 }
 
-TEST(ChildFileSeekerClass, HasAttachBehindTheOperationsOfTheSeeker) {
+TEST(ChildFileSeekerClass, HasAttachAfterTheOperationsOfTheSeeker) {
     EXPECT_EQ(VirtualSlot(&ChildFileSeeker::Attach),
               VirtualSlot(&IPagedFileSeeker::LoadPageInfo) + 1);
 }

@@ -14,7 +14,7 @@
 
 namespace Quorvel::Testing {
 
-// How many bytes the first page of a head file holds, and each of the others.
+// The data bytes of the first page of a head file, and of each later page.
 constexpr std::uint64_t kFirst = 8160;
 constexpr std::uint64_t kLater = 8176;
 
@@ -45,8 +45,8 @@ inline Place Moved(IPagedFileSeeker& seeker, const PagePosition& from, std::uint
     return place;
 }
 
-// A file of zeros that a head file is written into or read from, behind a page cache with room for
-// a single page: whatever keeps a pin, or asks for two pages at once, is noticed.
+// A zero-filled file for a head file, and a page cache of capacity 1 over it: a test fails if a pin
+// is not released, or if two pages are needed at once.
 class HeadFileFixture : public ::testing::Test {
 protected:
     HeadFileFixture() { SetFile(Bytes(8 * kPageSize)); }
@@ -58,7 +58,7 @@ protected:
         cache_.Open(path_.c_str(), 1);
     }
 
-    // The file as it stands, with everything that the cache holds written back.
+    // The bytes of the file, after the cache has written back all its pages.
     Bytes File() {
         cache_.Close();
         const Bytes file = ReadFile(path_);
@@ -66,7 +66,7 @@ protected:
         return file;
     }
 
-    // Puts a number of 8 bytes, lowest byte first, into a page of the file.
+    // Stores a little-endian 64-bit number in a page of the file.
     void SetWord(std::uint64_t page, std::uint64_t offset, std::uint64_t value) {
         Bytes file = File();
         for (std::uint64_t i = 0; i < 8; ++i) {
@@ -75,7 +75,7 @@ protected:
         SetFile(file);
     }
 
-    // Writes the headers of a head file: the first page is page 10, and each page but the last is
+    // Writes the headers of a head file. The first page is page 10; all pages but the last are
     // full.
     void WriteHeaders(const Numbers& pages, std::uint64_t byteSize, std::uint64_t lastDataEnd) {
         for (std::size_t i = 0; i < pages.size(); ++i) {
@@ -88,7 +88,7 @@ protected:
         SetWord(10, 8, byteSize);
     }
 
-    // Whether no page is pinned.
+    // True if no page is pinned.
     bool NothingIsPinned() {
         const bool free = cache_.GetPageForRead(17) != nullptr;
         if (free) {
@@ -102,7 +102,7 @@ protected:
     FilePageCache cache_{path_.c_str(), 1};
 };
 
-// Consecutive page numbers from 10 on, and the successor of each; 0 behind the last.
+// Consecutive page numbers from 10 on, and the successor of each; 0 for the last.
 struct Chain {
     explicit Chain(std::uint64_t count) {
         for (std::uint64_t i = 0; i < count; ++i) {

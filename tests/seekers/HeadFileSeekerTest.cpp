@@ -19,7 +19,7 @@ protected:
         return {seeker_->pageNumbers, seeker_->pageNumbers + seeker_->pageCount};
     }
 
-    // Reads of the file that an action makes.
+    // The number of file reads that an action makes.
     template <typename Action>
     static std::uint64_t ReadsOf(Action&& action) {
         const std::uint64_t before = CountStdioCalls().reads;
@@ -50,7 +50,7 @@ TEST_F(HeadFileSeekerTest, ReadsTheHeaderOfALaterPage) {
     EXPECT_EQ(seeker_->pageRanges[2].end, 21u);
 }
 
-TEST_F(HeadFileSeekerTest, FollowsTheChainOnlyAsFarAsItIsAskedTo) {
+TEST_F(HeadFileSeekerTest, FollowsTheChainOnlyAsFarAsRequested) {
     WriteHeaders({10, 16, 11, 15}, kFirst + 2 * kLater + 5, 21);
     ASSERT_TRUE(seeker_->OpenHeadFile());
     EXPECT_EQ(ReadsOf([&] { seeker_->LoadPageInfo(0); }), 0u);
@@ -71,7 +71,7 @@ TEST_F(HeadFileSeekerTest, ReadsEachPagesHeaderOnce) {
     EXPECT_EQ(ReadsOf([&] { seeker_->LoadPageInfo(3); }), 1u);
 }
 
-TEST_F(HeadFileSeekerTest, APositionMakesThePagesUpToItsOwnKnown) {
+TEST_F(HeadFileSeekerTest, APositionLoadsThePagesUpToItsOwn) {
     WriteHeaders({10, 16, 11, 15}, kFirst + 2 * kLater + 5, 21);
     ASSERT_TRUE(seeker_->OpenHeadFile());
     EXPECT_EQ(PlaceOf(*seeker_, kFirst - 1), (Place{true, 0, 8191}));
@@ -127,7 +127,7 @@ TEST_F(HeadFileSeekerTest, AChainThatEndsTooEarlyIsCorruptWhenTheMissingPageIsLo
     EXPECT_THROW(PlaceOf(*seeker_, kFirst), FileDataCorruptException);
 }
 
-TEST_F(HeadFileSeekerTest, ALinkToANumberThatNoPageHasIsCorrupt) {
+TEST_F(HeadFileSeekerTest, ALinkToAnInvalidPageNumberIsCorrupt) {
     for (const std::uint64_t number : Numbers{1, 9, 0x100000, ~std::uint64_t{0}}) {
         WriteHeaders({10, 11}, kFirst + 5, 21);
         SetWord(10, 16, number);
@@ -169,19 +169,19 @@ TEST_F(HeadFileSeekerTest, WithoutAPageFromTheCacheThrowsCorrupt) {
     EXPECT_THROW(seeker_->LoadPageInfo(1), FileDataCorruptException);
 }
 
-TEST_F(HeadFileSeekerTest, KeepsWhatItHadRecordedWhenAPageFails) {
+TEST_F(HeadFileSeekerTest, KeepsTheRecordedPageNumberWhenAPageFails) {
     WriteHeaders({10, 11}, kFirst + 5, 21);
     ASSERT_TRUE(seeker_->OpenHeadFile());
     ASSERT_NE(cache_.GetPageForRead(12), nullptr);
     EXPECT_THROW(seeker_->LoadPageInfo(1), FileDataCorruptException);
     EXPECT_EQ(KnownNumbers(), (Numbers{10, 11}));
-    seeker_->LoadPageInfo(1);  // known, so the page is not asked for again
+    seeker_->LoadPageInfo(1);  // known, so the page is not loaded again
     EXPECT_EQ(seeker_->pageRanges[1].end, 0u);
 }
 
-TEST_F(HeadFileSeekerTest, PassesTheErrorsOfTheCacheOn) {
+TEST_F(HeadFileSeekerTest, PassesOnTheErrorsOfTheCache) {
     WriteHeaders({10, 11}, kFirst + 5, 21);
-    SetWord(10, 16, 500);  // beyond the end of the file
+    SetWord(10, 16, 500);  // past the end of the file
     ASSERT_TRUE(seeker_->OpenHeadFile());
     EXPECT_EQ(FileErrorOf([&] { seeker_->LoadPageInfo(1); }), 0);
     EXPECT_TRUE(NothingIsPinned());

@@ -33,7 +33,7 @@ protected:
 
 }  // namespace
 
-TEST_F(HeadFileWriteOnlySeekerTest, WritesTheHeadersUpToThePageAsked) {
+TEST_F(HeadFileWriteOnlySeekerTest, WritesTheHeadersUpToTheRequestedPage) {
     CreateThreePages(kFirst + kLater + 5);
     seeker_->LoadPageInfo(2);
     EXPECT_EQ(HeaderOf(14), (Bytes{
@@ -61,7 +61,7 @@ TEST_F(HeadFileWriteOnlySeekerTest, WritesALinkWithItsLowestByteFirst) {
                             }));
 }
 
-TEST_F(HeadFileWriteOnlySeekerTest, APageThatIsNeverReachedKeepsNoHeader) {
+TEST_F(HeadFileWriteOnlySeekerTest, APageThatIsNeverReachedGetsNoHeader) {
     CreateThreePages(kFirst + kLater + 5);
     EXPECT_EQ(HeaderOf(14), UntouchedHeaderOf(14));
     seeker_->LoadPageInfo(0);
@@ -71,7 +71,7 @@ TEST_F(HeadFileWriteOnlySeekerTest, APageThatIsNeverReachedKeepsNoHeader) {
     EXPECT_EQ(HeaderOf(12), UntouchedHeaderOf(12));
 }
 
-TEST_F(HeadFileWriteOnlySeekerTest, ChangesNothingBehindTheHeaders) {
+TEST_F(HeadFileWriteOnlySeekerTest, ChangesNothingAfterTheHeaders) {
     CreateThreePages(kFirst + kLater + 5);
     seeker_->LoadPageInfo(2);
     const Bytes after = File();
@@ -84,7 +84,7 @@ TEST_F(HeadFileWriteOnlySeekerTest, ChangesNothingBehindTheHeaders) {
     }
 }
 
-TEST_F(HeadFileWriteOnlySeekerTest, WritesAHeaderOnTheFirstTouchOnly) {
+TEST_F(HeadFileWriteOnlySeekerTest, WritesAHeaderOnlyOnFirstUse) {
     CreateThreePages(kFirst + kLater + 5);
     seeker_->LoadPageInfo(1);
     SetWord(14, 0, 99);
@@ -153,7 +153,7 @@ TEST_F(HeadFileWriteOnlySeekerTest, WithoutAPageFromTheCacheThrowsCorrupt) {
 }
 
 TEST_F(HeadFileWriteOnlySeekerTest, AHeaderWrittenBeforeAFailureIsNotWrittenAgain) {
-    const Numbers pages = {10, 11, 9};  // the last is no page
+    const Numbers pages = {10, 11, 9};  // the last is not a page number
     const Numbers nextPages = {11, 9, 0};
     ASSERT_TRUE(seeker_->CreateHeadFile(pages.data(), nextPages.data(), 3, kFirst + kLater + 5));
     EXPECT_THROW(seeker_->LoadPageInfo(2), FileDataCorruptException);
@@ -163,14 +163,14 @@ TEST_F(HeadFileWriteOnlySeekerTest, AHeaderWrittenBeforeAFailureIsNotWrittenAgai
     EXPECT_EQ(CountStdioCalls().reads, before.reads);
 }
 
-TEST_F(HeadFileWriteOnlySeekerTest, APageWhoseNumberIsNotValidThrowsCorrupt) {
+TEST_F(HeadFileWriteOnlySeekerTest, AnInvalidPageNumberThrowsCorrupt) {
     const Numbers pages = {10, 9};
     const Numbers nextPages = {9, 0};
     ASSERT_TRUE(seeker_->CreateHeadFile(pages.data(), nextPages.data(), 2, kFirst + 1));
     EXPECT_THROW(seeker_->LoadPageInfo(1), FileDataCorruptException);
 }
 
-TEST_F(HeadFileWriteOnlySeekerTest, PassesTheErrorsOfTheCacheOn) {
+TEST_F(HeadFileWriteOnlySeekerTest, PassesOnTheErrorsOfTheCache) {
     CreateThreePages(kFirst + kLater + 5);
     const StdioFault fault(StdioCall::Write, ENOSPC);
     EXPECT_EQ(FileErrorOf([&] { seeker_->LoadPageInfo(1); }), ENOSPC);

@@ -29,7 +29,7 @@ std::string NameOf(int number) {
     return "effect " + std::to_string(number);
 }
 
-// From 1 byte to some three pages, mostly around 2 KiB.
+// From 1 byte to about three pages, mostly around 2 KiB.
 Bytes BytesOf(int number) {
     std::minstd_rand random(static_cast<unsigned>(number) + 1);
     const std::uint64_t size = number % 50 == 0 ? 1 + random() % 25000 : 1000 + random() % 2500;
@@ -56,9 +56,9 @@ protected:
     TemporaryDirectory directory_;
 };
 
-// The order in which pages are wanted follows from where the file keeps the effects; a pass before
-// the one that is looked at brings the model to the pages that the cache holds.
-TEST_F(EffectCacheTransfers, OfSearchesAreThoseThatTheModelMakesForTheEffectsPages) {
+// The order of page requests follows from where the file stores the effects. A first pass, which is
+// not compared, brings the model to the pages that the cache holds.
+TEST_F(EffectCacheTransfers, OfSearchesMatchTheModel) {
     {
         Format::LibraryCache cache(directory_);
         AddAll(cache);
@@ -97,7 +97,8 @@ TEST_F(EffectCacheTransfers, OfSearchesAreThoseThatTheModelMakesForTheEffectsPag
     }
 }
 
-// Whole pages; what comes in is read from the file, and never comes in again before it was written.
+// All transfers are whole pages. A page is read only if the file has it, and not again before it is
+// written.
 TEST_F(EffectCacheTransfers, OfSavesWriteEachPageThatTheyRead) {
     Format::LibraryCache cache(directory_);
     const std::uint64_t sizeBefore = FileSize();
@@ -123,9 +124,9 @@ TEST_F(EffectCacheTransfers, OfSavesWriteEachPageThatTheyRead) {
     EXPECT_TRUE(inMemory.empty());
 }
 
-// The numbers follow from what is saved and from the format: with fewer transfers something is left
-// out, with more something is wasted.
-TEST_F(EffectCacheTransfers, OfAKnownSaveAreSoMany) {
+// The numbers follow from the saved effects and the format: with fewer transfers something is
+// missing, with more something is wasted.
+TEST_F(EffectCacheTransfers, OfAKnownSaveHaveTheExpectedNumbers) {
     Format::LibraryCache cache(directory_);
     std::uint64_t end = FileSize();
     StdioTrace trace;

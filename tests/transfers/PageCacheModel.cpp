@@ -34,8 +34,7 @@ bool PageCacheModel::Get(std::uint64_t page, bool forWrite) {
     return true;
 }
 
-// Pages without a pin go, the one that was used longest ago first, until there is room for one
-// more.
+// Evicts unpinned pages, the least recently used one first, until there is room for one more.
 bool PageCacheModel::MakeRoom() {
     for (auto next = recent_.end(); pins_.size() >= capacity_ && next != recent_.begin();) {
         const auto page = std::prev(next);

@@ -11,21 +11,21 @@ namespace Quorvel::Testing {
 
 using Transfers = std::vector<StdioTransfer>;
 
-// What a page cache transfers when it is asked for pages: each page that comes in is read, each one
-// that goes out is written, whether it was changed or not, the one that was used longest ago first,
-// and each page by which the file grows is written before.
+// The transfers of a page cache. A loaded page is read. An evicted page is written, changed or not;
+// the least recently used page is evicted first. A page by which the file grows is written before
+// it is read.
 class PageCacheModel {
 public:
     PageCacheModel(std::uint64_t capacity, std::uint64_t fileSize)
         : capacity_(capacity), fileSize_(fileSize) {}
 
-    // Whether there is a place for the page; one more pin on it if there is.
+    // Pins the page. False if the cache has no room for it.
     bool Get(std::uint64_t page, bool forWrite);
     void Release(std::uint64_t page);
     void Ensure(std::uint64_t page);
     void Close();
 
-    // What was transferred since the last call.
+    // The transfers since the last call.
     Transfers Take();
 
 private:
@@ -34,8 +34,8 @@ private:
 
     std::uint64_t capacity_;
     std::uint64_t fileSize_;
-    std::list<std::uint64_t> recent_;    // the pages in the cache, the last used one first
-    std::map<std::uint64_t, int> pins_;  // of those
+    std::list<std::uint64_t> recent_;    // the pages in the cache, the most recently used first
+    std::map<std::uint64_t, int> pins_;  // of those pages
     Transfers transfers_;
 };
 

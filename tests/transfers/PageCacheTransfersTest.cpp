@@ -17,9 +17,9 @@ namespace {
 
 class PageCacheTransfers : public ::testing::TestWithParam<std::uint64_t> {};
 
-// Pages at random, most of them among few, some pinned for a while: after each step the cache has
-// made just the transfers that it had to make, in their order.
-TEST_P(PageCacheTransfers, AreThoseOfTheModelStepByStep) {
+// Random pages, mostly from a small set, some pinned for a while. After each step the cache must
+// have made exactly the transfers of the model, in the same order.
+TEST_P(PageCacheTransfers, MatchTheModelAtEachStep) {
     const TemporaryDirectory directory;
     std::minstd_rand random(5);
     FilePageCache cache(directory.File("pages").c_str(), GetParam());

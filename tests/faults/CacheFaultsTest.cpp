@@ -1,7 +1,7 @@
-// Two objects on one effect cache, from the opening to the end, with each of their calls of the
-// file system and each of their allocations failing in turn. Whatever fails: nothing is thrown but
-// by a constructor that gets no memory, every lock is free at once, an object finds whole effects
-// of their own name only, and the file holds one of the states that the saves led to, or none.
+// Two objects on one effect cache, from opening to release, with each of their file system calls
+// and allocations failing in turn. After any failure: only a constructor that gets no memory
+// throws, every lock is free at once, an object finds only whole effects under their own names, and
+// the file holds one of the states that the saves lead to, or no effects.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -29,8 +29,8 @@ namespace Quorvel::Testing {
 
 namespace {
 
-// Most effects have this size, a page and a tail with the length in front, so that one taken for
-// another one passes every check but that of its bytes.
+// The size of most effects: with the length prefix, a page and a tail. If the cache mistakes one
+// for another, only its bytes give it away.
 constexpr std::size_t kUsualSize = 8700;
 constexpr std::size_t kSmallSize = 300;
 
@@ -71,7 +71,7 @@ const Bytes& OldFile() {
     return file;
 }
 
-// Whether another thread gets a mutex at once.
+// True if another thread can acquire the mutex at once.
 bool IsFree(const std::string& name) {
     std::uint32_t result = kWaitTimedOut;
     std::thread other([&] {
@@ -95,16 +95,16 @@ public:
           failure_(failure),
           armed_(std::in_place, failure, skipped) {}
 
-    // Two objects take turns in saving, and notice each other.
+    // Two objects take turns saving and see each other's saves.
     void Share();
 
-    // The cache does not fit the volume any more.
+    // The cache no longer fits on the volume.
     void Trim();
 
-    // Ends the failures. Whether there were any.
+    // Ends the failures. True if there were any.
     bool Disarm();
 
-    // Opens the file anew: it must hold one of the states there can be, and work.
+    // Opens the file again. It must hold one of the possible states and be usable.
     void ExpectFile();
 
 private:
@@ -126,7 +126,7 @@ private:
     std::optional<ArmedFailure> armed_;
     bool hasFailed_ = false;
     bool mayBeTrimmed_ = false;
-    std::set<State> states_ = {OldState()};  // that the file can be in
+    std::set<State> states_ = {OldState()};  // that the file may be in
 };
 
 template <typename Operation>
@@ -162,7 +162,7 @@ void CacheScript::Open(Cache& cache) {
     }
 }
 
-// Queues effects. Those that were queued: some are not where memory runs out.
+// Queues effects and returns those that were queued. If memory runs out, some are not.
 State CacheScript::Add(Cache& cache, const State& effects) {
     State queued;
     if (!cache) {
@@ -320,7 +320,7 @@ protected:
 
 }  // namespace
 
-TEST_P(CacheFaults, LeaveOneOfTheStatesOfTheSavesOrNone) {
+TEST_P(CacheFaults, LeaveTheStateOfASaveOrAnEmptyCache) {
     ForEach(&CacheScript::Share);
 }
 

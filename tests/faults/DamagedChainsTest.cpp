@@ -1,5 +1,5 @@
-// Files that are wrong in more than one field: chains that loop, cross and end early, pages of two
-// owners, counts that the file does not hold, files cut short and grown, and random bytes.
+// Files with more than one wrong field: chains that loop, cross and end early, pages with two
+// owners, counts too large for the file, truncated and grown files, and random bytes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -26,11 +26,11 @@ using Format::Bytes;
 using Format::PackageImage;
 using Format::StreamRecord;
 
-constexpr std::uint64_t kLongestChain = 262143;  // whose size is still a signed 32-bit number
+constexpr std::uint64_t kLongestChain = 262143;  // its size still fits a signed 32-bit number
 
 class DamagedChains : public ::testing::Test {
 protected:
-    // Changes what the sound file says, and examines the file that says so.
+    // Applies `damage` to the contents of the sound file and examines the resulting file.
     void Examine(const std::string& name, const std::function<void(PackageImage&)>& damage) {
         PackageImage image = examiner_.Map().Image();
         damage(image);
@@ -63,7 +63,7 @@ protected:
 
 }  // namespace
 
-TEST_F(DamagedChains, OfAStreamThatLoop) {
+TEST_F(DamagedChains, OfAStreamLoop) {
     for (const std::uint64_t pageCount : {std::uint64_t{2}, std::uint64_t{100}, kLongestChain}) {
         Examine("one page that follows itself", [&](PackageImage& image) {
             StreamRecord& record = EffectRecord(image, 0);
@@ -80,8 +80,8 @@ TEST_F(DamagedChains, OfAStreamThatLoop) {
     }
 }
 
-// One page holds an index that never ends: each time round it names the same effects.
-TEST_F(DamagedChains, OfTheIndexThatLoop) {
+// The index lies in a page that follows itself, so it repeats the same effect without end.
+TEST_F(DamagedChains, OfTheIndexLoop) {
     for (const std::uint64_t count : {1ull, 1000ull, 8388608ull}) {
         Examine("index", [&](PackageImage& image) {
             const std::uint64_t page = EffectRecord(image, 0).firstPage;
@@ -102,7 +102,7 @@ TEST_F(DamagedChains, OfTheIndexThatLoop) {
     }
 }
 
-TEST_F(DamagedChains, ThatCrossEndEarlyAndGoOn) {
+TEST_F(DamagedChains, ThatCrossEndEarlyAndContinue) {
     Examine("cross", [&](PackageImage& image) {
         Link(image, EffectRecord(image, 0).firstPage) = EffectRecord(image, 1).firstPage;
     });
@@ -112,10 +112,10 @@ TEST_F(DamagedChains, ThatCrossEndEarlyAndGoOn) {
     });
     Examine("end early",
             [&](PackageImage& image) { Link(image, EffectRecord(image, 9).firstPage) = 0; });
-    Examine("go on in the head file", [&](PackageImage& image) {
+    Examine("continue in the head file", [&](PackageImage& image) {
         Link(image, EffectRecord(image, 0).firstPage) = Format::kFirstPage;
     });
-    Examine("go on in a tail block", [&](PackageImage& image) {
+    Examine("continue in a tail block", [&](PackageImage& image) {
         Link(image, EffectRecord(image, 0).firstPage) = image.blocks[0].pages[0];
     });
     Examine("tail block ends early",
@@ -131,7 +131,7 @@ TEST_F(DamagedChains, ThatCrossEndEarlyAndGoOn) {
     });
 }
 
-TEST_F(DamagedChains, WhosePagesBelongToTwo) {
+TEST_F(DamagedChains, WhosePagesHaveTwoOwners) {
     for (std::size_t effect = 0; effect < 7; ++effect) {
         const std::string name = "effect " + std::to_string(effect);
         Examine(name + " and the next", [&](PackageImage& image) {
@@ -143,7 +143,7 @@ TEST_F(DamagedChains, WhosePagesBelongToTwo) {
         Examine(name + " and a tail block", [&](PackageImage& image) {
             EffectRecord(image, effect).firstPage = image.blocks[0].pages[7];
         });
-        Examine(name + " and nobody", [&](PackageImage& image) {
+        Examine(name + " in a free page", [&](PackageImage& image) {
             const auto free = std::find(image.links.begin(), image.links.end(), Format::kFreePage);
             const auto page = static_cast<std::uint64_t>(free - image.links.begin()) + 10;
             EffectRecord(image, effect).firstPage = page;
@@ -153,7 +153,7 @@ TEST_F(DamagedChains, WhosePagesBelongToTwo) {
         Examine("a tail block and a stream", [&](PackageImage& image) {
             image.blocks[0].pages[slot] = EffectRecord(image, 0).firstPage;
         });
-        Examine("two places of a tail block", [&](PackageImage& image) {
+        Examine("a tail block with a page twice", [&](PackageImage& image) {
             image.blocks[0].pages[slot] = image.blocks[0].pages[(slot + 1) % 8];
         });
         Examine("a second tail block", [&](PackageImage& image) {
@@ -172,10 +172,10 @@ TEST_F(DamagedChains, WhoseTailsOverlap) {
             Examine("the same place", [&](PackageImage& image) {
                 image.fragments[first].offset = image.fragments[second].offset;
             });
-            Examine("each in the other's place", [&](PackageImage& image) {
+            Examine("swapped places", [&](PackageImage& image) {
                 std::swap(image.fragments[first].offset, image.fragments[second].offset);
             });
-            Examine("each of the other's stream", [&](PackageImage& image) {
+            Examine("swapped streams", [&](PackageImage& image) {
                 std::swap(image.fragments[first].streamId, image.fragments[second].streamId);
             });
         }
@@ -210,7 +210,7 @@ TEST_F(DamagedChains, OfRandomBytes) {
         for (std::uint8_t& byte : file) {
             byte = static_cast<std::uint8_t>(random());
         }
-        // Half of them begin with a head page that looks sound.
+        // Half of the files begin with a head page that looks sound.
         if (round % 2 != 0 && file.size() > 8192) {
             std::copy_n(examiner_.Sound().begin(), 32 + random() % 500, file.begin());
         }
@@ -218,7 +218,7 @@ TEST_F(DamagedChains, OfRandomBytes) {
     }
 }
 
-// Files of 1 MiB that make as much of it as they can.
+// Files of about 1 MiB that claim as much as they can.
 class GreedyFiles : public DamagedChains {
 protected:
     static constexpr std::size_t kMiB = std::size_t{1} << 20;
@@ -231,7 +231,7 @@ protected:
         examiner_.Examine(file, name);
     }
 
-    // A package of these tables.
+    // A package with the tables that `fill` sets.
     static Bytes Package(const std::function<void(PackageImage&)>& fill) {
         PackageImage image = Format::LayOutPackage({}, {}, {});
         fill(image);
@@ -258,7 +258,7 @@ TEST_F(GreedyFiles, OfManyPagesInUse) {
                 }));
 }
 
-// Who takes a page behind all of these makes the file a hundred times as long.
+// Taking a page after all of these would make the file about 800 MB long.
 TEST_F(GreedyFiles, OfACacheWithManyPagesInUseThatTheFileDoesNotHold) {
     Format::EffectCacheLayout layout;
     layout.package.freePagesAtEnd = 100000;

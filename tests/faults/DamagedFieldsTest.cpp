@@ -38,7 +38,7 @@ std::set<std::uint64_t> ValuesFor(const Field& field, const Place& place,
                                       std::uint64_t{1} << 63,
                                       ~std::uint64_t{0} - 7,
                                       ~std::uint64_t{0}};
-    // What the field holds elsewhere: in its neighbours, and far away.
+    // The values of the field in other places, near and far.
     const std::size_t here = static_cast<std::size_t>(&place - places.data());
     for (const std::size_t other : {here + 1, here + 2, here + places.size() / 2}) {
         const Place& there = places[other % places.size()];
@@ -53,7 +53,7 @@ std::set<std::uint64_t> ValuesFor(const Field& field, const Place& place,
     return fitting;
 }
 
-// Fields that are in the file more often than that are damaged in some places only.
+// Fields with many more places than this are damaged in only some of them.
 constexpr std::size_t kMostPlaces = 5;
 
 std::string NameOf(const Field& field, std::size_t place, std::uint64_t value) {
@@ -99,7 +99,7 @@ TEST(FormatFields, HaveTheirPlacesInTheFile) {
 
 class DamagedFields : public ::testing::TestWithParam<Table> {};
 
-TEST_P(DamagedFields, CostWhatTheyDescribeOrTheWholeCacheAndNothingElse) {
+TEST_P(DamagedFields, CostOnlyWhatTheyDescribeOrTheWholeCache) {
     Examiner examiner(SampleCache());
     std::uint64_t values = 0;
     for (const Field& field : Fields()) {

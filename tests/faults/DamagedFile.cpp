@@ -21,12 +21,12 @@ using Testing::CountStdioCalls;
 using Testing::LibraryCall;
 using Testing::MemoryWatch;
 
-constexpr std::size_t kUsualSize = 8700;  // with the length in front: a page and a tail
+constexpr std::size_t kUsualSize = 8700;  // with its length prefix: a page and a tail
 constexpr std::size_t kMostChanged = 50;  // streams
 constexpr std::uint64_t kOldVersion = 1;
 constexpr std::uint64_t kNewVersion = 2;
 
-// Names that are saved to a damaged file: one that is there, and others.
+// Names that are saved to a damaged file: one that it has, and others.
 const std::vector<std::string> kSavedNames = {"effect-3", "saved--1", "saved--2", "saved--3"};
 
 CStr ToCStr(const std::string& text) {
@@ -112,7 +112,7 @@ void Examiner::Problem(const std::string& text) {
     findings_.problems.push_back(name_ + ": " + text);
 }
 
-// Runs something with an eye on the memory that it takes and the calls that it makes.
+// Runs an operation and checks the memory that it takes and the calls that it makes.
 template <typename Operation>
 void Examiner::Watch(const char* what, const Operation& operation) {
     const std::uint64_t callsBefore = Calls();
@@ -133,7 +133,7 @@ void Examiner::Watch(const char* what, const Operation& operation) {
     }
 }
 
-// Reads what can be read, deletes every other stream, adds some and commits. Any of it may fail.
+// Reads all streams, deletes every other one, adds some and commits. Any of these steps may fail.
 void Examiner::ExaminePackage(const Bytes& damaged) {
     const std::string path = directory_.File("package");
     Format::WriteWholeFile(path, damaged);
@@ -188,7 +188,7 @@ void Examiner::ExaminePackage(const Bytes& damaged) {
         isReadable = false;
     }
     if (isOpen != isReadable) {
-        Problem(isOpen ? "opens, which it must not" : "does not open, which it must");
+        Problem(isOpen ? "opens but must not" : "does not open but must");
     }
     Watch("a package, again", [&] {
         const LibraryCall call;
@@ -203,7 +203,7 @@ void Examiner::ExamineCache(const Bytes& damaged) {
     SearchAll(damaged, true, "after a save");
 }
 
-// Opens the cache and searches it; the first time it then saves something, and searches it again.
+// Opens the cache and searches it. If nothing is saved yet, it then saves and searches again.
 void Examiner::SearchAll(const Bytes& damaged, bool isSaved, const std::string& when) {
     const CStr text = ToCStr(directory_.Path().string());
     Util::RefPtr<EffectCacheSystem> cache;
@@ -212,7 +212,7 @@ void Examiner::SearchAll(const Bytes& damaged, bool isSaved, const std::string& 
         cache = new EffectCacheSystem(text);
     });
     if (!cache->IsEnabled()) {
-        Problem("makes no cache, " + when);
+        Problem("the cache is not enabled, " + when);
     }
     const std::uint64_t foundBefore = findings_.found;
     SearchAll(*cache, damaged, isSaved, when);
@@ -259,7 +259,7 @@ void Examiner::SearchAll(EffectCacheSystem& cache, const Bytes& damaged, bool is
     }
 }
 
-// A save may have dropped what was to be saved: then the effect is the one it was to replace.
+// A save may have dropped the new effect. The effect that it should replace is then right, too.
 Examiner::Verdict Examiner::Search(EffectCacheSystem& cache, const std::string& name,
                                    bool isReplaced) {
     const CStr key = ToCStr(name);
@@ -281,8 +281,8 @@ Examiner::Verdict Examiner::Search(EffectCacheSystem& cache, const std::string& 
                : Verdict::Wrong;
 }
 
-// Whether nothing was done to the bytes of an effect nor to its name, and no other entry of the
-// index has taken the name: of two entries of one name the later counts.
+// True if neither the bytes of an effect nor its name were damaged, and no other index entry took
+// the name: of two entries with one name, the later one counts.
 bool Examiner::IsUntouched(const FileMap::Entry& entry, const Bytes& damaged) const {
     const auto nameIn = [](const Bytes& file, const Named& named) {
         std::string name;

@@ -10,30 +10,30 @@
 #include "quorvel/EffectCacheSystem.h"
 #include "support/TemporaryDirectory.h"
 
-// What the library makes of a damaged file.
+// Checks how the library handles damaged files.
 namespace Quorvel::Faults {
 
-// A file of 1 MiB never makes the library hold more memory than this, whatever it says.
+// No file of 1 MiB may make the library hold more memory than this.
 constexpr std::uint64_t kMostMemory = std::uint64_t{64} << 20;
 
-// Nor make more calls of the file system than this, to open it, read it all, change it and save it.
+// Nor may opening, reading, changing and saving the file take more file system calls than this.
 constexpr std::uint64_t kMostCalls = 40000;
 
 // An effect cache of ten effects, most of one size, in shuffled pages, with a head file of two
 // pages. Different seeds make different files.
 Format::Bytes SampleCache(unsigned seed = 1);
 
-// What came of the damaged files looked at so far.
+// The results for the damaged files examined so far.
 struct Findings {
     std::uint64_t files = 0;
-    std::uint64_t opened = 0;   // as a package
-    std::uint64_t emptied = 0;  // as an effect cache, in which nothing was found any more
-    std::uint64_t found = 0;    // effects, with the right bytes
-    std::uint64_t missed = 0;   // effects whose bytes were in the file
-    std::uint64_t damaged = 0;  // effects whose bytes had been damaged, found with these or not
+    std::uint64_t opened = 0;   // files that opened as a package
+    std::uint64_t emptied = 0;  // files in which the effect cache found nothing
+    std::uint64_t found = 0;    // effects found with the right bytes
+    std::uint64_t missed = 0;   // effects not found although the file held their bytes
+    std::uint64_t damaged = 0;  // effects whose bytes were damaged, found or not
     std::uint64_t peakMemory = 0;
     std::uint64_t peakCalls = 0;
-    std::vector<std::string> problems;  // what must not be
+    std::vector<std::string> problems;  // violations
 
     bool IsGood() const { return problems.empty(); }
     void Add(const Findings& other);
@@ -45,8 +45,8 @@ class Examiner {
 public:
     explicit Examiner(const Format::Bytes& sound);
 
-    // Opens a damaged file, reads all of it, changes it, saves it and opens it again, and puts what
-    // it finds to the rest. The name stands in the texts of problems.
+    // Opens a damaged file, reads all of it, changes it, saves it, opens it again, and adds the
+    // results to the findings. `name` identifies the file in messages.
     void Examine(const Format::Bytes& damaged, const std::string& name);
 
     const FileMap& Map() const { return map_; }
@@ -71,7 +71,7 @@ private:
     const Testing::TemporaryDirectory directory_;
     const FileMap map_;
     struct Named {
-        std::vector<std::size_t> name;  // where each byte of an effect's name stands
+        std::vector<std::size_t> name;  // file offset of each byte of an effect's name
     };
     std::vector<Named> named_;
     Findings findings_;

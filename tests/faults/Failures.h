@@ -12,7 +12,7 @@
 
 namespace Quorvel::Testing {
 
-// A way in which one kind of call fails: of the calls in a row, some go through, then so many fail.
+// A way in which one kind of call fails: the first calls succeed, the next `failures` fail.
 struct Failure {
     const char* name;
     bool isMemory;  // allocations fail; otherwise calls of `call`
@@ -21,8 +21,8 @@ struct Failure {
     std::uint64_t failures;
     std::uint64_t bytesMoved;
 
-    // Whether a file that could not be opened may be created instead, which empties it. The page
-    // cache tries both ways in turn: so it goes when just one attempt to open fails.
+    // True if a file that could not be opened may be created instead, which empties it. The page
+    // cache first tries to open a file and then to create it, so a single failure is enough.
     bool MayEmptyFile() const {
         return !isMemory && call == StdioCall::Open && failures % 2 == 1 &&
                failures != StdioFault::kEveryLaterCall;
@@ -31,7 +31,7 @@ struct Failure {
 void PrintTo(const Failure& failure, std::ostream* out);
 std::string NameOf(const Failure& failure);
 
-// Every way, for INSTANTIATE_TEST_SUITE_P.
+// All failures, for INSTANTIATE_TEST_SUITE_P.
 std::vector<Failure> AllFailures();
 
 // Makes calls fail while it lives, after the first `skipped` of their kind.
@@ -47,8 +47,8 @@ private:
     std::unique_ptr<MemoryFault> memory_;
 };
 
-// Runs with the first call of the kind failing, then with the second one, and so on, until a run
-// says that none failed any more. Where calls are slow only every so manieth run is made.
+// Runs with the first call of the kind failing, then with the second, and so on, until `run`
+// returns false because no call failed. Only every QUORVEL_FAULT_STRIDE-th run is made.
 void ForEachCall(const Failure& failure, const std::function<bool(std::uint64_t skipped)>& run);
 
 }  // namespace Quorvel::Testing

@@ -4,10 +4,10 @@
 
 namespace Quorvel::Testing {
 
-// What the tests of this program have tried, for the line that it prints at its end.
+// Counts for the line that this program prints at its end.
 struct Figures {
-    std::uint64_t callRuns = 0;        // runs of a script in which calls of the file system failed
-    std::uint64_t allocationRuns = 0;  // in which allocations failed
+    std::uint64_t callRuns = 0;        // runs in which file system calls failed
+    std::uint64_t allocationRuns = 0;  // runs in which allocations failed
     std::uint64_t damagedFiles = 0;    // files that were damaged and opened
 };
 

@@ -84,7 +84,7 @@ Locate InFragments(std::uint64_t offset) {
 
 Places Links(const FileMap& map) {
     Places places;
-    // Behind the file's end all pages are free, and one is like the other.
+    // The pages past the end of the file are all free; two of them stand for the rest.
     const std::size_t pages = map.Image().file.size() / Format::kPageSize + 2;
     for (std::size_t index = 0; index < std::min(pages, map.Image().links.size()); ++index) {
         places.push_back(map.InState(8 + 8 * index));
@@ -129,7 +129,7 @@ Places BlockCount(const FileMap& map) {
     return {map.InState(map.BlocksStart())};
 }
 
-// The cells of a row of a table, without blanks around them; none for another line.
+// The trimmed cells of a table row; empty for any other line.
 std::vector<std::string> Cells(const std::string& line) {
     std::vector<std::string> cells;
     if (line.empty() || line.front() != '|') {
@@ -292,7 +292,7 @@ std::vector<std::string> DocumentedFields() {
     std::vector<std::string> fields;
     std::istringstream text{std::string(kFormatText)};
     int table = -1;
-    std::size_t column = 0;  // of the field's name in the current table; 0 outside of one
+    std::size_t column = 0;  // of the field's name in the current table; 0 outside a table
     for (std::string line; std::getline(text, line);) {
         const std::vector<std::string> cells = Cells(line);
         const auto name = std::find(cells.begin(), cells.end(), "field");

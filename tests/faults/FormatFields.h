@@ -8,8 +8,7 @@
 
 #include "format/PackageImage.h"
 
-// The fields of the file format, one for each row of the tables in docs/format.md that say what
-// stands where.
+// The fields of the file format, one for each row of the layout tables in docs/format.md.
 namespace Quorvel::Faults {
 
 // The tables of the document, in its order.
@@ -31,13 +30,13 @@ enum class Table {
     TimeStamp,  // in shared memory, not in the file
 };
 
-// Where an integer stands in a file.
+// The place of an integer in a file.
 struct Place {
     std::size_t offset;
     std::size_t width;
 };
 
-// A sound effect cache's file, and where things are in it.
+// A sound effect cache's file and the offsets of its parts.
 class FileMap {
 public:
     explicit FileMap(const Format::Bytes& file);
@@ -48,7 +47,7 @@ public:
     std::size_t StateOffset(std::uint64_t position) const;
     std::size_t StreamOffset(std::uint64_t id, std::uint64_t position) const;
 
-    // Where the bytes of a stream stand, piece by piece.
+    // The places of a stream's bytes, piece by piece.
     struct Piece {
         std::size_t offset;
         std::size_t size;
@@ -84,12 +83,12 @@ private:
 
 struct Field {
     Table table;
-    std::string name;     // the cell of the document
-    std::uint64_t limit;  // the greatest value that is valid, where there is one
+    std::string name;     // the cell in the document
+    std::uint64_t limit;  // the greatest valid value, if there is one
     std::function<std::vector<Place>(const FileMap&)> places;
 };
 
-// Empty places where the row stands for other rows, or for bytes that mean nothing to the library.
+// A field has no places if its row stands for other rows, or for bytes that the library ignores.
 const std::vector<Field>& Fields();
 
 // The rows of the document, as "table number: cell".

@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <new>
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker gives these names.
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker defines these names.
 
-// The linker sends every call of malloc and free to __wrap_malloc and __wrap_free.
+// The linker redirects every call of malloc and free to __wrap_malloc and __wrap_free.
 extern "C" void* __real_malloc(std::size_t size);
 extern "C" void __real_free(void* memory);
 
@@ -17,7 +17,7 @@ namespace Quorvel::Testing {
 
 namespace {
 
-// Trivial, so that an allocation may ask for them at any time.
+// Trivially constructed, so that an allocation may use them at any time.
 thread_local constinit int depth = 0;
 
 struct Fault {

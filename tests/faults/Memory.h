@@ -5,11 +5,11 @@
 
 namespace Quorvel::Testing {
 
-// What the library asks of the heap: operator new, and the host's heap, which is malloc. Only what
-// the calling thread asks for inside a LibraryCall counts and fails, so that a test may keep its
-// books while a fault is armed.
+// The library's allocations: operator new, and the host's heap, which is malloc. Only allocations
+// of the calling thread inside a LibraryCall count and fail, so a test may allocate while a fault
+// is armed.
 
-// The code of this scope is the library's.
+// Marks the code of a scope as the library's.
 class LibraryCall {
 public:
     LibraryCall();
@@ -18,8 +18,8 @@ public:
     ~LibraryCall();
 };
 
-// Makes allocations fail while it lives: the first `skipped` go through, the next `failures` don't.
-// Only one may live at a time.
+// Makes allocations fail while it lives: the first `skipped` succeed, the next `failures` fail.
+// Each thread may have one at a time.
 class MemoryFault {
 public:
     static constexpr std::uint64_t kEveryLaterCall = ~std::uint64_t{0};
@@ -29,11 +29,11 @@ public:
     MemoryFault& operator=(const MemoryFault&) = delete;
     ~MemoryFault();
 
-    // How many allocations failed since construction.
+    // The number of allocations that failed since construction.
     std::uint64_t Failures() const;
 };
 
-// Counts the bytes that the library holds while it lives. Only one may live at a time.
+// While it lives, counts the bytes that the library holds. Each thread may have one at a time.
 class MemoryWatch {
 public:
     MemoryWatch();
@@ -41,7 +41,7 @@ public:
     MemoryWatch& operator=(const MemoryWatch&) = delete;
     ~MemoryWatch();
 
-    // Most bytes held at any one time since construction, beyond those held then.
+    // The peak number of bytes held since construction, not counting those held before.
     std::uint64_t Peak() const;
 };
 

@@ -33,7 +33,7 @@ private:
 
     std::size_t AnyOffset() { return file_.empty() ? 0 : Below(file_.size()); }
 
-    // A number that means something somewhere, or nothing.
+    // A number that has a meaning somewhere in the format, or an arbitrary one.
     std::uint64_t AnyValue() {
         static constexpr std::uint64_t kValues[] = {
             0,       1,       2,       9,        10,       11,         16,         32,
@@ -125,7 +125,7 @@ private:
         }
     }
 
-    // Copies a page over another, swaps two, or wipes one.
+    // Copies a page over another, swaps two, or fills one with zeros.
     void MovePage() {
         const std::size_t pages = file_.size() / Format::kPageSize;
         if (pages == 0) {

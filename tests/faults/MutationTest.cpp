@@ -6,7 +6,7 @@
 
 namespace Quorvel::Faults {
 
-TEST(Mutation, CostsNoEffectThatItDidNotTouchItsBytes) {
+TEST(Mutation, LeavesTheBytesOfUntouchedEffectsIntact) {
     const Findings findings = ExamineMutations(1, 600 / QUORVEL_FILE_STRIDE);
     Testing::FiguresOfThisProgram().damagedFiles += findings.files;
     EXPECT_TRUE(findings.IsGood()) << findings;

@@ -1,14 +1,14 @@
-// A package through its whole life, with each of its calls of the file system and each of its
-// allocations failing in turn.
+// A package through its whole life, with each of its file system calls and allocations failing in
+// turn.
 //
-// A package has no journal, so a failure on the way to a commit, or in it, may leave a file that
-// can't be opened, or one that mixes two states, if nobody commits any more. What does hold:
+// A package has no journal. A failure before or during a commit may leave a file that cannot be
+// opened, or one that mixes two states, unless a later commit succeeds. What does hold:
 //
-// - what was committed last, with nothing changed since, stays in the file, whatever fails later;
-// - an operation that throws has changed nothing but the bytes that it was to write, so that the
-//   package goes on, and the next Commit that returns true puts all of it into the file;
-// - a file that was left half-way is refused, or opened to a package that can be read, changed and
-//   created anew.
+// - if nothing was changed since the last commit, its state stays in the file, even if calls fail;
+// - an operation that throws has changed nothing but the bytes that it should write. The package
+//   stays usable, and the next Commit that returns true writes all of it to the file;
+// - a half-written file is refused, or opens as a package that can be read, changed and created
+//   again.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -32,24 +32,24 @@ namespace {
 
 using Format::Bytes;
 
-// Holds a page and a tail; most streams are of this size, so that one taken for another one passes
-// every check but that of its bytes.
+// The size of most streams: a page and a tail. If the package mistakes one for another, only its
+// bytes give it away.
 constexpr std::size_t kUsualSize = 9000;
 constexpr Format::LibrarySettings kSettings = {20, 100};
 
 struct Content {
     Bytes bytes;
-    bool isKnown;  // false when writing it failed half-way
+    bool isKnown;  // false if writing it failed midway
 };
 using Contents = std::map<std::uint64_t, Content>;
 
-// What a package holds.
+// The contents of a package.
 struct Model {
     Contents streams;
     Bytes headerData;
 };
 
-// The script, and the package as far as it got.
+// The script, and the package in the state that the script has reached.
 class PackageScript {
 public:
     PackageScript(const std::string& path, const Failure& failure, std::uint64_t skipped)
@@ -57,21 +57,21 @@ public:
 
     void Run();
 
-    // Ends the failures. Whether there were any.
+    // Ends the failures. True if there were any.
     bool Disarm() {
         const bool failed = armed_->HasFailed();
         armed_.reset();
         return failed;
     }
 
-    // Commits what the package has come to hold, which must work now, and checks it all.
+    // Commits the package, which must succeed now, and checks its contents.
     void ExpectRecovery();
 
-    // Lets the package go, and checks what can be had from the file.
+    // Releases the package and checks the file.
     void ExpectFile();
 
 private:
-    // Runs an operation of the library. False when it threw, which must be for the reason given.
+    // Runs an operation of the library. False if it threw, which only the failure may cause.
     template <typename Operation>
     bool Attempt(const Operation& operation);
 
@@ -86,7 +86,7 @@ private:
     void ReadWhileAnotherIsDeleted();
     void Close();
 
-    // Whether there is a package to go on with. One whose file was emptied is not worth it.
+    // True if the script can continue with the package, whose file must not have been emptied.
     bool IsUsable() const { return package_ && !MayBeGone(); }
 
     void ExpectCounts() const;
@@ -101,7 +101,7 @@ private:
     bool hasFailed_ = false;
     Util::RefPtr<IDataStreamSet> package_;
     Model model_;
-    std::optional<Model> inFile_;  // unset when the file may hold anything
+    std::optional<Model> inFile_;  // unset if the file may hold anything
     std::uint64_t seed_ = 0;
 };
 
@@ -158,7 +158,7 @@ bool PackageScript::Attempt(const Operation& operation) {
     }
     if (armed_) {
         NoteFailures();
-        // After a failure to open the file anew there may be none until the next Commit.
+        // After a failure to reopen the file, no file may be open until the next Commit.
         EXPECT_TRUE(!threw || armed_->Failures() != failuresBefore || hadFailed);
     }
     return !threw;
@@ -191,7 +191,7 @@ void PackageScript::Open() {
 
 void PackageScript::Reload() {
     if (!IsUsable() || !inFile_) {
-        return;  // what was not committed would be written over what was read
+        return;  // uncommitted changes would be written over the loaded file
     }
     bool loaded = false;
     EXPECT_TRUE(Attempt([&] { loaded = package_->Load(); }));
@@ -236,7 +236,7 @@ void PackageScript::Add(std::size_t size) {
     ExpectCounts();
 }
 
-// Deletes the stream that comes at that place among those that there are.
+// Deletes the stream at that place among the existing ones.
 void PackageScript::Delete(std::size_t place) {
     if (!IsUsable() || model_.streams.size() <= place) {
         return;
@@ -285,7 +285,7 @@ void PackageScript::ReadAll() {
     }
 }
 
-// The tail of the last stream that has one moves while the stream is open.
+// The tail of the last stream of the usual size moves while the stream is open.
 void PackageScript::ReadWhileAnotherIsDeleted() {
     if (!IsUsable() || model_.streams.size() < 2) {
         return;
@@ -308,7 +308,7 @@ void PackageScript::ReadWhileAnotherIsDeleted() {
     std::uint64_t count = 0;
     if (Attempt([&] { count = open->Read(bytes.data(), bytes.size()); }) && !MayBeGone()) {
         bytes.resize(static_cast<std::size_t>(count));
-        // Without memory for the new place the stream has no bytes any more.
+        // Without memory for its new place the stream becomes empty.
         EXPECT_TRUE(count == content.bytes.size() || (count == 0 && hasFailed_)) << count;
         EXPECT_TRUE(!content.isKnown || count == 0 || bytes == content.bytes);
     }
@@ -411,7 +411,7 @@ void PackageScript::ExpectFile() {
 
 class PackageFaults : public ::testing::TestWithParam<Failure> {
 protected:
-    // Runs the script to its end with each call failing, then does `check` without failures.
+    // Runs the script with each call failing in turn, and `check` after each run without failures.
     void ForEach(const std::function<void(PackageScript&)>& check) {
         const TemporaryDirectory directory;
         const std::string path = directory.File("package");
@@ -433,11 +433,11 @@ protected:
 
 }  // namespace
 
-TEST_P(PackageFaults, LeaveAPackageThatGoesOnAndCommitsAllOfIt) {
+TEST_P(PackageFaults, LeaveAPackageThatStaysUsableAndCommitsEverything) {
     ForEach([](PackageScript& script) { script.ExpectRecovery(); });
 }
 
-TEST_P(PackageFaults, LeaveWhatWasCommittedLastInTheFile) {
+TEST_P(PackageFaults, LeaveTheLastCommitInTheFile) {
     ForEach([](PackageScript& script) { script.ExpectFile(); });
 }
 

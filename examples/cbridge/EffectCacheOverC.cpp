@@ -1,5 +1,5 @@
-// EffectCacheSystem for a program of another compiler: the same class, over the C functions of a
-// library that holds the real one.
+// EffectCacheSystem for a program built with another compiler: the same class, implemented with the
+// C functions of a library that contains the real one.
 #include "quorvel/EffectCacheSystem.h"
 
 #include <cstring>

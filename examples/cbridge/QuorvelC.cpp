@@ -31,7 +31,7 @@ void QuorvelCacheClose(QuorvelCache* cache) {
     delete cache;
 }
 
-// What can't be had for want of memory is as if it were not there, as the cache itself does it.
+// Like the cache itself, these ignore or do not find an effect when memory runs out.
 
 void QuorvelCacheAdd(QuorvelCache* cache, const char* name, size_t nameLength, const void* data,
                      uint64_t size, int permanent) {

@@ -3,23 +3,23 @@
 #include <stddef.h>
 #include <stdint.h>
 
-// The effect cache through C functions, which programs of any compiler can call, whatever its C++
-// ABI. Names and folders are bytes with a length.
+// The effect cache as C functions, which a program can call whatever C++ ABI its compiler has.
+// Names and folders are bytes with a length.
 #ifdef __cplusplus
 extern "C" {
 #endif
 
 typedef struct QuorvelCache QuorvelCache;
 
-// Why QuorvelCacheOpen has no cache to give.
+// Why QuorvelCacheOpen failed.
 enum QuorvelFailure {
-    kQuorvelSystemRefused = 1,  // the system's error code is its
+    kQuorvelSystemRefused = 1,  // Win32APICallFailedException; code is its error code
     kQuorvelOutOfPages = 2,     // OutOfMemoryException
     kQuorvelOutOfMemory = 3,    // std::bad_alloc
 };
 
-// Opens the cache of a folder. Null on failure, with failure set to one of the above and code to
-// the system's error code. To be closed by QuorvelCacheClose, which saves.
+// Opens the cache of a folder. Returns null on failure, with failure set to one of the above and
+// code to the system's error code. Close it with QuorvelCacheClose, which saves.
 QuorvelCache* QuorvelCacheOpen(const char* folder, size_t folderLength, uint32_t* failure,
                                uint32_t* code);
 void QuorvelCacheClose(QuorvelCache* cache);
@@ -34,7 +34,7 @@ void QuorvelCacheSetEnabled(QuorvelCache* cache, int enabled);
 uint64_t QuorvelCacheEffectsInFile(const QuorvelCache* cache);
 uint64_t QuorvelCacheEffectsInMemory(const QuorvelCache* cache);
 
-// The bytes of a name, and their number; null when the cache does not have them. To be freed by
+// Returns the bytes of a name and sets size; null when the cache does not have them. Free them with
 // QuorvelFree.
 void* QuorvelCacheSearch(QuorvelCache* cache, const char* name, size_t nameLength, uint64_t* size);
 void QuorvelFree(void* data);

@@ -22,7 +22,7 @@ std::filesystem::path FindCacheDirectory(const std::filesystem::path& directory)
             Refuse(fmt::format("there is no cache directory {}", ToText(directory)));
         }
         if (!is_directory(status)) {
-            Refuse(fmt::format("{} is no directory for a cache", ToText(directory)));
+            Refuse(fmt::format("the cache directory {} is not a directory", ToText(directory)));
         }
         std::filesystem::path found = CanonicalFolder(directory);
         if (!SpellingForFopen(found)) {

@@ -6,7 +6,7 @@
 
 namespace EffectHost {
 
-// FNV-1a, 64 bits: tells accidental changes apart, guards against no one. Feed it piece by piece.
+// FNV-1a with 64 bits: detects accidental changes, not deliberate ones. Takes its input in pieces.
 class Checksum {
 public:
     Checksum& Add(const void* bytes, std::size_t size) {

@@ -4,15 +4,15 @@
 
 namespace EffectHost {
 
-// To be called before anything is opened. A standard stream that the caller has closed leads
-// nowhere from here on, so that no file gets its number and is printed into. Nor does a reader who
-// leaves end the program: its output fails.
+// Must be called before anything is opened. Redirects closed standard streams to the null device,
+// so that no file gets their numbers and receives output. When the reader of a pipe exits, writing
+// fails instead of ending the program.
 void PrepareStandardStreams();
 
-// Whether somebody watches standard output.
+// True if standard output is a terminal.
 bool StandardOutputIsTerminal();
 
-// Columns of the terminal that shows standard output; 80 when it does not say.
+// Columns of the terminal that shows standard output; 80 when unknown.
 std::size_t TerminalWidth();
 
 }  // namespace EffectHost

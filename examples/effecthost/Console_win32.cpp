@@ -5,7 +5,7 @@
 
 namespace EffectHost {
 
-// Here a stream is not known by the lowest free number.
+// On Windows, a new file does not take the place of a closed stream.
 void PrepareStandardStreams() {}
 
 bool StandardOutputIsTerminal() {

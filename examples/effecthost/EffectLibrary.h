@@ -33,23 +33,23 @@ std::string MacroText(const std::vector<MacroValue>& macros);
 //
 //     lighting.hlsl:PixelMain:ps_4_0:LIGHTS=2,FOG=1:spirv-10600.1-speed.1-5b0c11d4-91c3f7a20b5e4d68
 //
-// Everything that decides the compiled bytes is in it. The last part names the compiler and
-// its options, and ends in a checksum of the source, includes and all: an edited source is a new
-// effect, and the old one ages out of the cache.
+// It contains everything that determines the compiled bytes. The last part names the compiler and
+// its options and ends in a checksum of the source and its includes: an edited source is a new
+// effect, and the old one is evicted in time.
 std::string EffectName(const EffectVariant& variant, std::string_view compiler);
 
-// Every combination of a program's axes, the last axis changing fastest.
+// Every combination of a program's axes; the last axis changes fastest.
 std::vector<std::vector<MacroValue>> ExpandAxes(const std::vector<MacroAxis>& axes);
 
-// The effects of a folder: every variant of every .hlsl file in it (.HLSL is the same), files in
+// The effects of a folder: every variant of every .hlsl (or .HLSL) file in it, with the files in
 // alphabetical order.
 struct EffectLibrary {
     std::size_t sourceCount = 0;
     std::vector<EffectVariant> variants;
 };
 
-// Throws Failure(BadEffects) when the folder is missing, holds no effect, or one is malformed or
-// has two variants alike.
+// Throws Failure(BadEffects) when the folder is missing or has no effect, or when an effect is
+// malformed or has two equal variants.
 EffectLibrary LoadEffectLibrary(const std::filesystem::path& folder);
 
 }  // namespace EffectHost

@@ -6,10 +6,10 @@
 
 namespace EffectHost {
 
-// What every message begins with.
+// The start of every message.
 constexpr std::string_view kMessagePrefix = "effecthost: ";
 
-// What the program's exit code says.
+// The meaning of the program's exit code.
 enum class ExitCode : int {
     Success = 0,
     InternalError = 1,       // something that should not happen
@@ -17,12 +17,12 @@ enum class ExitCode : int {
     BadEffects = 3,          // the effects folder, or a declaration in it
     NoCacheDirectory = 4,    // the cache directory does not exist, or can't be reached
     CompileError = 5,        // an effect does not compile
-    UnusableCache = 6,       // the cache can't be opened, gave up, or lacks effects at the end
+    UnusableCache = 6,       // the cache can't be opened, became inert, or lacks effects at the end
     VerificationFailed = 7,  // the cache returned other bytes than the compiler
-    ProcessFailed = 8,       // a process of several could not be started, or was killed
+    ProcessFailed = 8,       // one of several processes could not be started, or was killed
     NoCompiler = 9,          // the shader compiler can't be loaded
     OutputFailed = 10,       // the output or the listing can't be written
-    Interrupted = 11,        // somebody asked the program to stop
+    Interrupted = 11,        // the program was asked to stop
 };
 
 // Ends the run: a message for the user, and the exit code that goes with it.

@@ -39,8 +39,7 @@ void Print(const Summary& summary, const Options& options, std::ostream& out) {
     }
 }
 
-// What is done once, when every effect should be in the cache. The work is summed up even if
-// something is amiss.
+// Checks the cache once every effect should be in it. Prints the summary even if a check fails.
 void Conclude(Session& session, Summary summary, const Stopwatch& run, const Options& options,
               std::ostream& out) {
     std::exception_ptr problem;
@@ -79,7 +78,7 @@ void RunAlone(const Options& options, const EffectLibrary& library, const Stopwa
     Conclude(session, session.Result(), run, options, out);
 }
 
-// The processes do the work; a session of our own looks at the cache that they leave.
+// The processes do the work; a session in this process then checks the cache.
 void RunGroup(const Options& options, const EffectLibrary& library, const Stopwatch& run,
               std::ostream& out) {
     if (ChooseProgress(options) != ProgressStyle::None) {

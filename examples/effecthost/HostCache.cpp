@@ -27,7 +27,7 @@ Util::RefPtr<Quorvel::EffectCacheSystem> OpenCache(const std::string& directory)
     } catch (const Quorvel::Win32APICallFailedException& error) {
         throw Failure(ExitCode::UnusableCache,
                       fmt::format("the cache in {} can't be used: the system refuses the objects "
-                                  "that processes share (error {})",
+                                  "shared between processes (error {})",
                                   directory, error.errorCode));
     } catch (const Quorvel::OutOfMemoryException&) {
         throw Failure(ExitCode::UnusableCache,
@@ -35,7 +35,7 @@ Util::RefPtr<Quorvel::EffectCacheSystem> OpenCache(const std::string& directory)
     }
 }
 
-// Where the cache writes its listing first: a new file in a folder that is sure to be ours.
+// Where the cache writes its listing first: a new file in a folder that is certain to be writable.
 std::filesystem::path ListingDraft(const std::filesystem::path& directory) {
     return directory / fmt::format("effecthost-listing-{:08x}.txt", std::random_device()());
 }
@@ -45,7 +45,7 @@ std::filesystem::path ListingDraft(const std::filesystem::path& directory) {
 HostCache::HostCache(const std::filesystem::path& directory) : directory_(directory) {
     const TimedScope watch(openTime_);
     cache_ = OpenCache(SpellingForFopen(directory_).value());
-    RequireUsable("its file can be neither opened nor made there");
+    RequireUsable("its file can't be opened or created");
 }
 
 HostCache::Result HostCache::Find(const std::string& name, CachedEffect& effect) {
@@ -90,8 +90,8 @@ std::string HostCache::ListedEffects() {
     return text;
 }
 
-// The cache writes a listing without a word when it can't, so it writes a draft, and copying that
-// is up to us.
+// The cache does not report a listing that it can't write, so it writes a draft, and this copies
+// the draft and checks for errors.
 void HostCache::WriteListing(const std::filesystem::path& file) {
     const std::string text = ListedEffects();
     const auto lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));

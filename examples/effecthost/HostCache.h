@@ -11,11 +11,11 @@
 
 namespace EffectHost {
 
-// What the cache calls its file.
+// The name of the cache's file.
 constexpr const char* kCacheFileName = "vornFxoCache.dat";
 
-// The effect cache as this host uses it: effects go in and come out as checked blocks, every call
-// is timed, and a cache that can't be used is an error, since caching is all this host is for.
+// The effect cache as this host uses it: effects are stored and returned as checked blocks, every
+// call is timed, and a cache that can't be used is an error, since caching is this host's purpose.
 class HostCache {
 public:
     // Opens the cache of a directory, as FindCacheDirectory returns it. Throws
@@ -29,20 +29,19 @@ public:
     // Fills effect when the result is Found.
     Result Find(const std::string& name, CachedEffect& effect);
 
-    // Queues an effect, which replaces what the name had before. The cache ignores names over 65536
-    // bytes and effects over 1 MiB, and later drops what its volume has no room for, without a
-    // word: Find tells. Throws Failure(UnusableCache) when the cache has given up.
+    // Queues an effect and replaces any effect of that name. The cache silently ignores names over
+    // 65536 bytes and effects over 1 MiB, and silently drops effects when its volume has no room:
+    // use Find to check. Throws Failure(UnusableCache) when the cache is inert.
     void Store(const std::string& name, const CachedEffect& effect);
 
-    // Saves what is not in the file yet. Throws Failure(UnusableCache) when the cache has given up,
-    // now or before.
+    // Saves what is not in the file yet. Throws Failure(UnusableCache) when the cache is inert.
     void Save();
 
-    // Effects in the file.
+    // Number of effects in the file.
     std::size_t EffectsInFile() const;
 
     // Writes the listing of the saved effects. Throws Failure(OutputFailed) when the file can't be
-    // written whole.
+    // written completely.
     void WriteListing(const std::filesystem::path& file);
 
     const TimeAccount& OpenTime() const { return openTime_; }

@@ -10,8 +10,9 @@
 
 namespace EffectHost {
 
-// Opening for appending changes nothing in a file, and makes one that is missing. Only then can the
-// system tell whether it is the cache's by another name. Pipes and devices are left alone.
+// Opening for appending creates a missing file and leaves an existing one unchanged. Only an
+// existing file can be compared with the cache's, which may have another name. Pipes and devices
+// are not opened.
 void RequireListingFile(const std::filesystem::path& listing,
                         const std::filesystem::path& cacheDirectory) {
     std::error_code error;

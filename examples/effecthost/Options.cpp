@@ -18,14 +18,14 @@ constexpr std::size_t kMaxStart = 1000000;
 
 constexpr const char* kDescription =
     "Compiles the shader effects of a folder, every variant once, and keeps the results in an "
-    "effect cache.\nA second run finds them there instead of compiling them.";
+    "effect cache.\nA second run finds them in the cache instead of compiling them.";
 
 constexpr const char* kExitCodes =
     "Exit codes:\n"
-    "  0  all effects are there\n"
+    "  0  all effects are in the cache\n"
     "  1  internal error\n"
     "  2  bad command line\n"
-    "  3  the effects folder is missing, empty or holds a malformed effect\n"
+    "  3  the effects folder is missing, empty or has a malformed effect\n"
     "  4  the cache directory does not exist, or can't be reached\n"
     "  5  an effect does not compile\n"
     "  6  the cache can't be used, or its file lacks effects at the end\n"
@@ -33,7 +33,7 @@ constexpr const char* kExitCodes =
     "  8  one of several processes could not be started, or was killed\n"
     "  9  the shader compiler can't be loaded\n"
     " 10  the output or the listing can't be written\n"
-    " 11  stopped by Ctrl-C or the like; what was compiled until then is saved\n";
+    " 11  stopped by Ctrl-C or another request; what was compiled is saved\n";
 
 CLI::Option* AddPath(CLI::App& app, const std::string& name, std::filesystem::path& path,
                      const std::string& text) {
@@ -43,22 +43,23 @@ CLI::Option* AddPath(CLI::App& app, const std::string& name, std::filesystem::pa
 
 void AddWhatToDo(CLI::App& app, Options& options) {
     AddPath(app, "--cache", options.cacheDirectory,
-            "Directory of the cache. It must exist; the cache file is made in it")
+            "Directory of the cache file, which is created if missing. The directory must exist")
         ->required()
         ->type_name("DIR");
     AddPath(app, "--effects", options.effectsFolder, "Folder with the .hlsl files")
         ->default_str(ToText(options.effectsFolder))
         ->type_name("DIR");
     app.add_option("--processes", options.processes,
-                   "Do all the work in each of N processes at once, every one beginning elsewhere")
+                   "Run N processes at once. Each does all the work, with its own starting point")
         ->check(CLI::Range(std::size_t{1}, kMaxProcesses))
         ->type_name("N");
-    app.add_option("--start", options.start, "Begin with the Nth variant and go round")
+    app.add_option("--start", options.start,
+                   "Start with variant N, counted from 0, and wrap around at the end")
         ->check(CLI::Range(std::size_t{0}, kMaxStart))
         ->type_name("N");
     app.add_option("--permanent", options.permanent,
-                   "Never evict effects whose name matches (* any run of characters, ? any one); "
-                   "may be given again. Those that are cached already are saved once more")
+                   "Never evict effects whose name matches (* is any run of characters, ? any one "
+                   "character). Can be repeated. Matching effects already cached are saved again")
         ->take_all()
         ->allow_extra_args(false)
         ->type_name("PATTERN");
@@ -69,16 +70,16 @@ void AddWhatToReport(CLI::App& app, Options& options) {
         ->type_name("FILE");
     app.add_flag("--quiet", options.quiet, "Print nothing but errors");
     app.add_flag("--json", options.json, "Print the summary as one line of JSON and no progress");
-    app.add_flag("--worker", options.worker)->group("");  // not for people, so not in the help
+    app.add_flag("--worker", options.worker)->group("");  // internal, so not in the help
     app.footer(kExitCodes);
 }
 
-// What is wrong with a text that should be a whole number; nothing when it is one, or left out.
+// What is wrong with a text that should be a whole number; empty when it is one or is left out.
 std::string WholeNumberProblem(const std::string& text) {
     constexpr std::size_t kMostDigits = 9;
     const bool isNumber = text.find_first_not_of("0123456789") == text.npos;
     const bool isGood = isNumber && text.size() <= kMostDigits;
-    return isGood ? "" : fmt::format("{} is no whole number up to 999999999", text);
+    return isGood ? "" : fmt::format("{} is not a whole number up to 999999999", text);
 }
 
 // An option whose number may be left out.
@@ -108,15 +109,15 @@ std::optional<Options> ParseOptions(const std::vector<std::string>& words,
     AddWhatToDo(app, options);
     const CLI::Option* forceSave = AddOptionalNumber(
         app, "--force-save",
-        "Force a save after every N compiled effects, 1 if left out, so that other processes find "
-        "them soon; 0 saves in batches. Default: 0 for one process, 16 for several");
+        "Save after every N compiled effects (1 without N), so that other processes find them "
+        "sooner; 0 saves in batches. Default: 0 for one process, 16 for several");
     const CLI::Option* verify = AddOptionalNumber(
         app, "--verify",
-        "At the end, recompile N effects, 20 if left out, and compare with what the cache returns");
+        "At the end, recompile N effects (20 without N) and compare them with the cached bytes");
     AddWhatToReport(app, options);
 
     try {
-        // It takes the words from the last to the first, without the name.
+        // parse() takes the words in reverse order, without the program's name.
         app.parse(std::vector<std::string>(words.rbegin(), words.rend() - 1));
         options.saveEvery =
             NumberOr(*forceSave, options.processes > 1 ? kDefaultGroupSaveEvery : 0, 1);

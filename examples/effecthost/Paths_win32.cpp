@@ -31,7 +31,7 @@ Handle OpenFolder(const std::filesystem::path& folder) {
     return Handle(handle == INVALID_HANDLE_VALUE ? nullptr : handle);
 }
 
-// Without the prefix of paths that Windows takes as they are.
+// Removes the prefix of paths that Windows takes literally.
 std::wstring WithoutPrefix(const std::wstring& path) {
     constexpr std::wstring_view kServerPrefix = L"\\\\?\\UNC\\";
     constexpr std::wstring_view kPrefix = L"\\\\?\\";
@@ -61,8 +61,8 @@ std::string FromWide(std::wstring_view text, unsigned int codePage) {
     return narrow;
 }
 
-// The words that main() gets are in the ANSI code page, where names may have lost characters, and
-// its start-up code may have replaced patterns by file names.
+// main() gets its words in the ANSI code page, where names may have lost characters, and the
+// start-up code may have replaced patterns by file names.
 std::vector<std::string> CommandLineWords(int, const char* const*) {
     int count = 0;
     const std::unique_ptr<wchar_t*, FreeLocal> wide(CommandLineToArgvW(GetCommandLineW(), &count));

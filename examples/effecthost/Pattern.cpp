@@ -4,8 +4,8 @@
 
 namespace EffectHost {
 
-// Walks both strings at once. A star first takes nothing; at a mismatch the last star takes one
-// character more and the walk resumes behind it. Earlier stars never need another try.
+// Walks both strings at once. A star first matches nothing. At a mismatch the last star matches one
+// more character and the walk resumes after it. Earlier stars never need another try.
 bool MatchesPattern(std::string_view pattern, std::string_view text) {
     constexpr std::size_t kNoStar = std::string_view::npos;
     std::size_t patternAt = 0;

@@ -4,7 +4,7 @@
 
 namespace EffectHost {
 
-// Whether text matches a pattern as a whole: * stands for any run of characters, ? for any one.
+// True if the whole text matches a pattern: * matches any run of characters, ? any one character.
 bool MatchesPattern(std::string_view pattern, std::string_view text);
 
 }  // namespace EffectHost

@@ -28,10 +28,10 @@ struct Worker {
     ProgressReport progress;
     std::string summary;
     std::string errors;
-    std::optional<int> exitCode;  // once it has ended
+    std::optional<int> exitCode;  // set once it has ended
 };
 
-// Several processes at work, each with a thread that reads what it prints.
+// Several processes, each with a thread that reads its output.
 class Group {
 public:
     Group(const std::filesystem::path& program, const Options& options, std::size_t effectCount,
@@ -43,7 +43,7 @@ public:
         }
     }
 
-    // Returns when all have ended.
+    // Returns when all processes have ended.
     const std::deque<Worker>& Run() {
         std::vector<std::jthread> readers;
         for (Worker& worker : workers_) {
@@ -70,7 +70,7 @@ private:
         change_.notify_one();
     }
 
-    // Progress, then a summary or words about what went wrong.
+    // A line is progress, the summary, or part of an error message.
     void Take(Worker& worker, const std::string& line) {
         if (const auto report = ParseProgressReport(line)) {
             worker.progress = *report;
@@ -104,7 +104,7 @@ private:
 
     Progress& progress_;
     std::deque<Worker> workers_;
-    std::mutex mutex_;  // over workers_, except for reading from a process
+    std::mutex mutex_;  // guards workers_, except for reading from a process
     std::condition_variable change_;
 };
 
@@ -120,7 +120,7 @@ std::string Because(const Worker& worker) {
     return text.empty() ? "" : fmt::format(": {}", text.substr(prefix));
 }
 
-// They mostly fail alike, so one of them speaks for all.
+// Reports only the first failure: the processes mostly fail in the same way.
 void RequireSuccess(const std::deque<Worker>& workers) {
     bool interrupted = false;
     for (std::size_t i = 0; i < workers.size(); ++i) {

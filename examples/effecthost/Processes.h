@@ -9,11 +9,11 @@
 
 namespace EffectHost {
 
-// The file of the running program.
+// Path of the running program.
 std::filesystem::path ExecutablePath();
 
-// Another process, whose standard output comes to us, and to which our end of its standard input
-// tells that it should go on. Its standard error goes where ours goes, or to us as well.
+// A child process whose standard output this process reads. Closing its standard input asks it to
+// stop. Its standard error is inherited, or captured with its output.
 class ChildProcess {
 public:
     enum class Errors { Inherited, Captured };
@@ -24,23 +24,22 @@ public:
     ChildProcess(ChildProcess&&) noexcept;
     ChildProcess& operator=(ChildProcess&&) = delete;
 
-    // Asks the process to stop, and waits for it.
+    // Asks the process to stop and waits for it.
     ~ChildProcess();
 
-    // The system's number for the process.
+    // The system's id of the process.
     unsigned long Id() const;
 
-    // The next line that the process prints, without its line end; nothing when there are no more.
+    // The next line that the process prints, without its line end; nothing after the last one.
     std::optional<std::string> ReadLine();
 
     // Everything that the process still prints until it ends.
     std::string ReadOutput();
 
-    // Closes the standard input of the process, which may take that for a request to stop.
+    // Closes the standard input of the process, which may treat that as a request to stop.
     void RequestStop();
 
-    // Waits until the process has ended and returns its exit code; a negative one when it was
-    // killed.
+    // Waits until the process has ended and returns its exit code; negative when it was killed.
     int Wait();
 
 private:
@@ -48,14 +47,14 @@ private:
 
     void StopAndWait();
 
-    // Waits for bytes and returns how many came; none when there are no more.
+    // Waits for bytes and returns the number read; 0 when there are no more.
     std::size_t Read(char* buffer, std::size_t size);
 
     std::unique_ptr<State> state_;
-    std::string unread_;  // what came behind the line that ReadLine returned
+    std::string unread_;  // what was read after the line that ReadLine returned
 };
 
-// How a process has ended that returned this exit code: "ended with exit code 5", "was killed by
+// Describes how a process with this exit code ended: "ended with exit code 5", "was killed by
 // signal 9 (Killed)".
 std::string DescribeEnd(int exitCode);
 

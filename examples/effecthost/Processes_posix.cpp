@@ -56,7 +56,8 @@ private:
     posix_spawn_file_actions_t actions_;
 };
 
-// Makes a pipe of which a child inherits only what is redirected. Returns an error number or 0.
+// Creates a pipe that children do not inherit unless redirected to it. Returns an error number
+// or 0.
 int MakePipe(Descriptor& readEnd, Descriptor& writeEnd) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) {
@@ -135,7 +136,7 @@ void ChildProcess::RequestStop() {
     state_->input.Close();
 }
 
-// The exit code of a process that a signal killed is the signal's number below zero.
+// For a process killed by a signal, the exit code is the negative signal number.
 int ChildProcess::Wait() {
     if (!std::exchange(state_->isRunning, false)) {
         return state_->exitCode;

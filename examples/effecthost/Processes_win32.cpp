@@ -38,8 +38,8 @@ bool MakeInheritable(const Handle& handle) {
     return SetHandleInformation(handle.get(), HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT) != 0;
 }
 
-// Quotes a word so that the child's start-up code takes it apart again: backslashes are doubled
-// where they stand before a quote, and nowhere else.
+// Quotes a word for the child's start-up code: backslashes are doubled before a quote and nowhere
+// else.
 std::string Quote(const std::string& word) {
     std::string quoted = "\"";
     std::size_t backslashes = 0;
@@ -128,7 +128,7 @@ int ChildProcess::Wait() {
     return static_cast<int>(exitCode);
 }
 
-// The codes of processes that crashed are the only ones that are negative.
+// Only crashed processes have negative codes.
 std::string DescribeEnd(int exitCode) {
     if (exitCode >= 0) {
         return fmt::format("ended with exit code {}", exitCode);

@@ -17,10 +17,10 @@ constexpr std::size_t kLines = 10;
 constexpr std::chrono::milliseconds kRedrawInterval{50};
 constexpr const char* kReport = "progress";
 
-// A bar with text behind it, in so many columns. Where these are too few for both there is no bar.
+// A bar followed by text, in the given number of columns. Without room for both, the text alone.
 std::string BarText(std::size_t done, std::size_t total, const std::string& text,
                     std::size_t columns) {
-    constexpr std::size_t kBrackets = 3;  // and a blank
+    constexpr std::size_t kBrackets = 3;  // including a blank
     if (text.size() + kBrackets + kNarrowestBar > columns) {
         return text.substr(0, columns);
     }
@@ -65,7 +65,7 @@ bool Progress::IsTimeToDraw() {
     return true;
 }
 
-// A line that fills its last column goes on in the next line of some terminals.
+// Leaves the last column free: some terminals move to the next line when it is filled.
 void Progress::DrawBar() {
     const std::string text = fmt::format("{}/{}, {} compiled", done_, total_, compiled_);
     lineIsOpen_ = done_ < total_;

@@ -17,22 +17,22 @@ enum class ProgressStyle {
 
 constexpr std::size_t kUsualWidth = 80;
 
-// Shows how far a run has come.
+// Shows the progress of a run.
 class Progress {
 public:
-    // The bar fits into a terminal with so many columns.
+    // The bar fits into width columns.
     Progress(std::ostream& out, ProgressStyle style, std::size_t total,
              std::size_t width = kUsualWidth);
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
-    // Ends the line of a bar that did not come to its end.
+    // Ends the line of an unfinished bar.
     ~Progress();
 
-    // Another effect is done; compiled tells whether it had to be compiled.
+    // Counts another effect as done; compiled is true if it had to be compiled.
     void Advance(bool compiled);
 
-    // So many effects are done now, and so many of them were compiled.
+    // Sets the number of effects that are done, and how many of them were compiled.
     void Show(std::size_t done, std::size_t compiled);
 
 private:
@@ -56,7 +56,7 @@ struct ProgressReport {
     std::size_t compiled = 0;
 };
 
-// What a line of the style Reports says; nothing when it is another line.
+// Parses a line of the style Reports; nothing for any other line.
 std::optional<ProgressReport> ParseProgressReport(const std::string& line);
 
 }  // namespace EffectHost

@@ -12,13 +12,12 @@ namespace EffectHost {
 
 namespace {
 
-// How much of a name a message shows.
+// Bytes of a name that a message shows.
 constexpr std::size_t kShownName = 200;
 
 constexpr const char* kWhyMissing =
     "The volume may have no room: the cache drops what it can't save, and evicts its oldest "
-    "effects "
-    "when little is free. It never takes names over 65536 bytes and effects over 1 MiB";
+    "effects when little space is free. It ignores names over 65536 bytes and effects over 1 MiB";
 
 }  // namespace
 
@@ -74,7 +73,7 @@ bool Session::GetEffect(std::size_t index) {
     return true;
 }
 
-// An effect that was cached before it was asked to be permanent is stored once more.
+// An effect that should be permanent but was cached without that is stored again.
 void Session::UseFound(const std::string& name, CachedEffect& effect) {
     ++summary_.hits;
     summary_.sparedTime += effect.compileMicroseconds;
@@ -98,7 +97,7 @@ void Session::CompileAndStore(const EffectVariant& variant, const std::string& n
     cache_.Store(name, effect);
 }
 
-// What the cache is asked later, to check it, counts as checking.
+// Later searches, which check the cache, count as checking.
 void Session::KeepTimes() {
     summary_.compileTime = compileTime_.Microseconds();
     summary_.openTime = cache_.OpenTime().Microseconds();
@@ -124,7 +123,7 @@ void Session::RequireAllSaved() {
     }
     if (missing > 0) {
         throw Failure(ExitCode::UnusableCache,
-                      fmt::format("the cache file does not hold {} of {} effects, {} for one. {}",
+                      fmt::format("the cache file does not hold {} of {} effects, such as {}. {}",
                                   missing, library_.variants.size(), example, kWhyMissing));
     }
 }
@@ -143,13 +142,13 @@ void Session::Verify(std::size_t count) {
     if (summary_.verified < count) {
         throw Failure(
             ExitCode::UnusableCache,
-            fmt::format("only {} of {} effects could be verified, the cache does not hold "
+            fmt::format("only {} of {} effects could be verified; the cache does not hold "
                         "the others. {}",
                         summary_.verified, count, kWhyMissing));
     }
 }
 
-// False when the cache does not have the effect.
+// Returns false when the cache does not have the effect.
 bool Session::IsSame(const EffectVariant& variant, const std::string& name) {
     CachedEffect effect;
     const HostCache::Result result = cache_.Find(name, effect);

@@ -9,27 +9,27 @@
 
 namespace EffectHost {
 
-// Gets every effect of a library out of the cache, or compiles it and puts it there.
+// Gets every effect of a library from the cache, or compiles it and adds it to the cache.
 class Session {
 public:
     Session(const Options& options, const EffectLibrary& library, const ShaderCompiler& compiler);
 
-    // Does all the work and saves. Throws Failure: CompileError, UnusableCache, and Interrupted
-    // after saving when it is asked to stop.
+    // Does all the work and saves. Throws Failure: CompileError, UnusableCache, or Interrupted,
+    // after saving, when asked to stop.
     void GetAllEffects(Progress& progress);
 
-    // Looks every effect up once more. Throws Failure(UnusableCache) when some are not there: the
-    // cache drops effects without a word when its volume has no room.
+    // Looks up every effect again. Throws Failure(UnusableCache) when some are missing: the cache
+    // silently drops effects when its volume has no room.
     void RequireAllSaved();
 
     // Recompiles a number of effects, spread evenly over the library, and compares the bytes with
-    // what the cache returns. Throws Failure: VerificationFailed at the first difference,
-    // UnusableCache when the cache no longer has all of them, Interrupted.
+    // those from the cache. Throws Failure: VerificationFailed at the first difference,
+    // UnusableCache when the cache no longer has all of them, or Interrupted.
     void Verify(std::size_t count);
 
     HostCache& Cache() { return cache_; }
 
-    // What was done so far, but for wallTime.
+    // What was done so far, without wallTime.
     Summary Result() const;
 
 private:

@@ -16,7 +16,7 @@ namespace {
 constexpr std::string_view kProfiles[] = {"vs_4_0", "vs_4_1", "vs_5_0",
                                           "ps_4_0", "ps_4_1", "ps_5_0"};
 
-// Has something of everything, so that a compiler that translates or optimises otherwise shows.
+// Uses a mix of features, so that differences in translation or optimisation change the bytes.
 constexpr const char* kProbe =
     "cbuffer Constants : register(b0) { float4x4 transform; float4 tint; };\n"
     "Texture2D image : register(t0);\n"
@@ -42,7 +42,7 @@ void RequireKnownProfile(const EffectVariant& variant) {
     if (std::find(std::begin(kProfiles), std::end(kProfiles), variant.profile) ==
         std::end(kProfiles)) {
         ThrowCompileError(variant,
-                          fmt::format("the profile is none of {}", fmt::join(kProfiles, ", ")));
+                          fmt::format("the profile is not one of {}", fmt::join(kProfiles, ", ")));
     }
 }
 

@@ -8,7 +8,7 @@
 
 namespace EffectHost {
 
-// The platform's compiler of HLSL: shaderc, which makes SPIR-V, or Windows' own, which makes
+// The platform's HLSL compiler: shaderc, which produces SPIR-V, or that of Windows, which produces
 // Direct3D byte code. The same variant always gives the same bytes.
 class ShaderCompiler {
 public:
@@ -18,12 +18,12 @@ public:
     ShaderCompiler& operator=(const ShaderCompiler&) = delete;
     ~ShaderCompiler();
 
-    // What decides the bytes besides the variant, for effect names: the kind of what it makes, its
-    // version, the options, and a checksum of what it makes of a small effect, which differs where
-    // versions say too little.
+    // What determines the bytes besides the variant, for effect names: the kind of output, its
+    // version, the options, and a checksum of a small compiled effect, which tells apart compilers
+    // of the same version.
     const std::string& Identity() const;
 
-    // The compiled bytes. Throws Failure(CompileError) with the compiler's own words.
+    // The compiled bytes. Throws Failure(CompileError) with the compiler's message.
     Bytes Compile(const EffectVariant& variant) const;
 
 private:
@@ -31,13 +31,13 @@ private:
     std::unique_ptr<State> state_;
 };
 
-// What a compiler makes of a small effect, as a few letters. Takes milliseconds.
+// A short checksum of a small effect compiled by a compiler. Takes milliseconds.
 std::string ProbeCompiler(const ShaderCompiler& compiler);
 
-// Throws Failure(CompileError) unless the profile is one that every compiler here takes.
+// Throws Failure(CompileError) unless both platforms' compilers accept the profile.
 void RequireKnownProfile(const EffectVariant& variant);
 
-// The failure of a variant: its file, entry point, profile and macros, then the compiler's words.
+// Throws the failure of a variant: file, entry point, profile, macros, then the compiler's message.
 [[noreturn]] void ThrowCompileError(const EffectVariant& variant, const std::string& words);
 
 }  // namespace EffectHost

@@ -9,7 +9,7 @@ namespace EffectHost {
 
 namespace {
 
-// What stands for MakeOptions in effect names. Change it with them.
+// Identifies the options of MakeOptions in effect names. Change it together with them.
 constexpr const char* kOptionsTag = "speed.1";
 
 shaderc_shader_kind ShaderKind(const EffectVariant& variant) {
@@ -17,7 +17,7 @@ shaderc_shader_kind ShaderKind(const EffectVariant& variant) {
     return variant.profile.starts_with("vs_") ? shaderc_vertex_shader : shaderc_fragment_shader;
 }
 
-// Serves the texts that were read with the source.
+// Provides the includes that were read with the source.
 class Includer : public shaderc::CompileOptions::IncluderInterface {
 public:
     explicit Includer(const SourceText& source) : source_(source) {}
@@ -40,7 +40,7 @@ private:
     const SourceText& source_;
 };
 
-// HLSL numbers buffers, textures and samplers each from zero; SPIR-V has one row of bindings.
+// HLSL numbers buffers, textures and samplers separately from 0; SPIR-V has one list of bindings.
 shaderc::CompileOptions MakeOptions(const EffectVariant& variant) {
     shaderc::CompileOptions options;
     options.SetSourceLanguage(shaderc_source_language_hlsl);

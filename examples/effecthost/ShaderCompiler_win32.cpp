@@ -25,7 +25,7 @@ struct FreeModule {
 };
 using Module = std::unique_ptr<std::remove_pointer_t<HMODULE>, FreeModule>;
 
-// Serves the texts that were read with the source.
+// Provides the includes that were read with the source.
 class Includer : public ID3DInclude {
 public:
     explicit Includer(const SourceText& source) : source_(source) {}
@@ -47,7 +47,7 @@ private:
     const SourceText& source_;
 };
 
-// The compiler's array of macros, which ends in an empty one. It points into the variant.
+// The compiler's array of macros, which ends with an empty one. It points into the variant.
 std::vector<D3D_SHADER_MACRO> MakeMacros(const EffectVariant& variant) {
     std::vector<D3D_SHADER_MACRO> macros;
     for (const auto& [macro, value] : variant.macros) {
@@ -66,9 +66,9 @@ std::string TextOf(const Blob& blob) {
     return text.c_str();  // without the NUL that the size counts
 }
 
-// The version that a library's file states; empty when it states none.
+// The version in a library's resources; empty when there is none.
 std::string FileVersion(HMODULE library) {
-    // Where the numbers stand in the resource, behind its head.
+    // Offset of the numbers in the resource, after its header.
     constexpr std::size_t kOffset = 40;
     const HRSRC resource = FindResourceW(library, MAKEINTRESOURCEW(VS_VERSION_INFO),
                                          reinterpret_cast<const wchar_t*>(RT_VERSION));

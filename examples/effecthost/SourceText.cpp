@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::string_view kBlanks = " \t";
 
-// The text with blanks in place of comments, so that everything else stays where it is.
+// The text with blanks in place of comments, so that everything else keeps its position.
 std::string WithoutComments(std::string text) {
     const auto blank = [&text](std::size_t from, std::size_t to) {
         for (std::size_t i = from; i < to; ++i) {
@@ -28,7 +28,7 @@ std::string WithoutComments(std::string text) {
     };
     for (std::size_t at = 0; at < text.size(); ++at) {
         std::size_t end = at;
-        if (text[at] == '"') {  // what looks like a comment in quotes is none
+        if (text[at] == '"') {  // a comment mark inside quotes is not a comment
             at = std::min(text.find_first_of("\"\n", at + 1), text.size());
         } else if (text.compare(at, 2, "//") == 0) {
             end = std::min(text.find('\n', at), text.size());
@@ -47,11 +47,11 @@ std::string WithoutComments(std::string text) {
 // An #include "NAME" in a line without comments.
 struct IncludeDirective {
     std::size_t begin;  // of the number sign
-    std::size_t end;    // behind the closing quote
+    std::size_t end;    // after the closing quote
     std::string name;
 };
 
-// Nothing for any other line.
+// Returns nothing for any other line.
 std::optional<IncludeDirective> ParseInclude(std::string_view line, const std::string& where) {
     constexpr std::string_view kWord = "include";
     const std::size_t sign = line.find_first_not_of(kBlanks);
@@ -70,7 +70,7 @@ std::optional<IncludeDirective> ParseInclude(std::string_view line, const std::s
     const std::size_t open = line.find_first_not_of(kBlanks, behind);
     const std::size_t close = open == line.npos ? open : line.find('"', open + 1);
     if (close == line.npos || line[open] != '"') {
-        throw Failure(ExitCode::BadEffects, fmt::format("{}: #include wants a \"name\"", where));
+        throw Failure(ExitCode::BadEffects, fmt::format("{}: #include needs a \"name\"", where));
     }
     return IncludeDirective{sign, close + 1, std::string(line.substr(open + 1, close - open - 1))};
 }
@@ -80,8 +80,8 @@ public:
     SourceReader(const std::filesystem::path& folder, SourceText& source)
         : folder_(folder), source_(source) {}
 
-    // The text of a file, with its directives in the one shape that every compiler takes. Adds what
-    // it includes and was not met before.
+    // The text of a file, with its directives in the form that every compiler takes. Adds includes
+    // that were not read before.
     std::string Read(const std::string& file) {
         std::string text = ReadTextFile(folder_ / ToPath(file));
         const std::string bare = WithoutComments(text);
@@ -117,10 +117,10 @@ private:
 }  // namespace
 
 std::string ReadTextFile(const std::filesystem::path& path) {
-    // Folders can be opened in some systems, and pipes make the reader wait.
+    // Some systems can open folders, and reading a pipe would wait.
     std::error_code error;
     if (!std::filesystem::is_regular_file(path, error) && !error) {
-        throw Failure(ExitCode::BadEffects, fmt::format("{} is no file", ToText(path)));
+        throw Failure(ExitCode::BadEffects, fmt::format("{} is not a file", ToText(path)));
     }
     std::ifstream file(path, std::ios::binary);
     std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};

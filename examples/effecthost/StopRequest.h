@@ -2,12 +2,12 @@
 
 namespace EffectHost {
 
-// From here on Ctrl-C and the like are requests to stop in an orderly way. Only the first is: the
-// second ends the program at once.
+// Makes the first Ctrl-C or similar signal a request to stop in an orderly way. A second one ends
+// the program at once.
 void StopOnSignals();
 
-// From here on the end of standard input is such a request, too: for a process whose parent says so
-// by closing the pipe between them, or by dying.
+// Makes the end of standard input such a request too. A parent process requests it by closing the
+// pipe, or by ending.
 void StopAtEndOfInput();
 
 bool StopRequested();

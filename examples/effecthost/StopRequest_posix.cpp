@@ -38,7 +38,7 @@ void StopOnSignals() {
     }
 }
 
-// The thread may still be reading when the program ends, so it keeps to what outlives everything.
+// The thread may still be reading when the program ends, so it uses only objects that outlive it.
 void StopAtEndOfInput() {
     std::thread(WaitForEndOfInput).detach();
 }

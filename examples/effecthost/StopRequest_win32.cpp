@@ -11,7 +11,7 @@ namespace {
 
 std::atomic<bool> stopRequested{false};
 
-// What is not handled here ends the program.
+// Events that are not handled here end the program.
 BOOL WINAPI RequestStop(DWORD event) {
     const bool isInterrupt = event == CTRL_C_EVENT || event == CTRL_BREAK_EVENT;
     return isInterrupt && !stopRequested.exchange(true);
@@ -32,7 +32,7 @@ void StopOnSignals() {
     SetConsoleCtrlHandler(RequestStop, TRUE);
 }
 
-// The thread may still be reading when the program ends, so it keeps to what outlives everything.
+// The thread may still be reading when the program ends, so it uses only objects that outlive it.
 void StopAtEndOfInput() {
     std::thread(WaitForEndOfInput).detach();
 }

@@ -10,7 +10,7 @@ inline std::uint64_t ToMicroseconds(std::chrono::nanoseconds time) {
         std::chrono::duration_cast<std::chrono::microseconds>(time).count());
 }
 
-// Time that is spent on something, summed up over many pieces of work.
+// Time spent on something, summed over many pieces of work.
 class TimeAccount {
 public:
     void Add(std::chrono::nanoseconds time) { total_ += time; }
@@ -21,7 +21,7 @@ private:
     std::chrono::nanoseconds total_{0};
 };
 
-// Runs from its construction on.
+// Starts when it is constructed.
 class Stopwatch {
 public:
     std::chrono::nanoseconds Elapsed() const { return std::chrono::steady_clock::now() - start_; }

@@ -15,7 +15,7 @@ NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Summary, sources, effects, processes, hits, m
 
 namespace {
 
-// How often the effect that was compiled most often was.
+// How often the most frequent effect occurs.
 std::size_t MostFrequent(const std::vector<std::size_t>& effects) {
     std::map<std::size_t, std::size_t> counts;
     std::size_t most = 0;
@@ -25,8 +25,8 @@ std::size_t MostFrequent(const std::vector<std::size_t>& effects) {
     return most;
 }
 
-// How getting all effects from the cache compares with compiling them. Nothing when some were
-// compiled, or for several processes at once, whose times include waiting for each other.
+// Compares getting all effects from the cache with compiling them. Empty when some were compiled,
+// or for several processes, whose times include waiting for each other.
 std::string SpeedText(const Summary& summary) {
     const std::uint64_t gettingTime = summary.openTime + summary.searchTime;
     if (summary.hits < summary.effects || gettingTime == 0 || summary.processes > 1) {
@@ -40,7 +40,7 @@ std::string SpeedText(const Summary& summary) {
         FormatTime(gettingTime), factor, factor < 10 ? 1 : 0, FormatTime(summary.sparedTime));
 }
 
-// The time of a run that is in none of its parts.
+// The time of a run that belongs to none of its parts.
 std::uint64_t OtherTime(const Summary& summary) {
     const std::uint64_t parts = summary.compileTime + summary.CacheTime() + summary.checkTime;
     return summary.wallTime - std::min(summary.wallTime, parts);
@@ -118,7 +118,7 @@ std::string FormatTime(std::uint64_t microseconds) {
     if (microseconds < 1000) {
         return fmt::format("{} us", microseconds);
     }
-    if (microseconds < 999950) {  // from there on a tenth of a millisecond rounds up to a second
+    if (microseconds < 999950) {  // from here on, rounding to 0.1 ms gives a whole second
         return fmt::format("{:.1f} ms", time / 1e3);
     }
     return fmt::format("{:.2f} s", time / 1e6);

@@ -48,7 +48,7 @@ TEST(CacheDirectory, IsRefusedIfItIsMissingOrAFile) {
     EXPECT_THAT(RefusalOf(""), HasSubstr("there is no cache directory"));
     const auto file = folder.Path() / "file";
     std::ofstream(file) << "text";
-    EXPECT_THAT(RefusalOf(file), HasSubstr("is no directory for a cache"));
+    EXPECT_THAT(RefusalOf(file), HasSubstr("is not a directory"));
     RefusalOf(file / "below");
 }
 

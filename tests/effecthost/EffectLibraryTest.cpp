@@ -127,7 +127,7 @@ TEST(EffectLibrary, AFolderNamedLikeAnEffectIsRefused) {
     const TemporaryDirectory folder;
     std::filesystem::create_directory(folder.Path() / "x.hlsl");
     EXPECT_THAT(FailureOf(ExitCode::BadEffects, [&] { LoadEffectLibrary(folder.Path()); }),
-                HasSubstr("x.hlsl is no file"));
+                HasSubstr("x.hlsl is not a file"));
 }
 
 // The files that an effect with this text includes, in a folder that has only b.hlsli.

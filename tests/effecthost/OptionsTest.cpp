@@ -88,7 +88,7 @@ TEST(Options, AWordThatIsNotANumberIsNamedInAShortMessage) {
     const std::string message = FailureOf(ExitCode::BadUsage, [] {
         Parse({"--cache", "c", "--verify", "abc"});
     });
-    EXPECT_THAT(message, HasSubstr("abc is no whole number"));
+    EXPECT_THAT(message, HasSubstr("abc is not a whole number"));
     EXPECT_LT(message.size(), 100u);
 }
 

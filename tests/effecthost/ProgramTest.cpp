@@ -313,7 +313,7 @@ TEST_F(Program, AProfileThatTheCompilerDoesNotKnowIsExitCode5) {
                                           profile));
         const Result result = Run();
         EXPECT_EQ(result.exitCode, 5) << profile;
-        EXPECT_THAT(result.output, HasSubstr("the profile is none of vs_4_0"));
+        EXPECT_THAT(result.output, HasSubstr("the profile is not one of vs_4_0"));
     }
 }
 

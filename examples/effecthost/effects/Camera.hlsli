@@ -1,12 +1,11 @@
-// What every effect of the scene knows about the camera and the object that it draws. The world and
-// the view are left-handed: x to the right, y up, z ahead. Vectors are rows; directions have
-// length 1.
+// The camera and the object being drawn, for every effect of the scene. World and view space are
+// left-handed: x to the right, y up, z ahead. Vectors are rows; directions have length 1.
 
 cbuffer Camera : register(b0)
 {
     float4x4 worldToClip;
     float4 cameraPosition;  // in the world
-    float4 screenSize;      // width and height of what is drawn to, and their reciprocals
+    float4 screenSize;      // width and height of the render target, and their reciprocals
     float4 depthRange;      // far * near, far, far - near
     float4 fogColor;        // rgb, and the density in a
     float4 time;            // seconds
@@ -14,13 +13,13 @@ cbuffer Camera : register(b0)
 
 cbuffer Object : register(b1)
 {
-    float4x4 objectToWorld;  // scales evenly if at all, so that normals can follow it
+    float4x4 objectToWorld;  // scales only uniformly, so that it can transform normals
 };
 
-// Depth along the view's axis for what a depth buffer holds.
+// Depth along the view's axis for a value of the depth buffer.
 #define ViewDepth(depth) (depthRange.x / (depthRange.y - (depth) * depthRange.z))
 
-// Fog whose haze grows with the square of the distance.
+// Fog that grows with the square of the distance.
 #define ApplyFog(color, distance) \
     float haze = fogColor.a * (distance); \
     color = lerp(fogColor.rgb, color, Exp2(-haze * haze));

@@ -1,4 +1,4 @@
-// What full_screen.hlsl, the vertex half of every pass over the whole screen, hands to the pixels.
+// The output of full_screen.hlsl, the vertex half of every full-screen pass.
 
 struct ScreenPoint
 {

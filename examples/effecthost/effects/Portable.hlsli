@@ -1,17 +1,17 @@
-// The language that the effects keep to, and short names for what it lacks. Two compilers have to
-// take them: shaderc, and d3dcompiler_47 on Windows, which may be the one built into Wine. For the
-// sake of Wine's (it was tried with Wine 8) the effects avoid
+// The subset of HLSL that the effects use, and short names for what it lacks. Two compilers must
+// accept them: shaderc, and d3dcompiler_47 on Windows, which may be the one built into Wine. To
+// suit Wine's (tested with Wine 8), the effects avoid
 //
-// - functions besides the entry points: it has no calls. Macros stand in; those whose names begin
-//   with Declare declare a variable.
-// - loops and early returns: it takes them, but leaves out break and return, so that a loop never
-//   ends. What would be a loop is a macro written out.
+// - functions other than the entry points: it has no calls. Macros replace them; those whose names
+//   begin with Declare declare a variable.
+// - loops and early returns: it accepts them but omits break and return, so that a loop never ends.
+//   Macros written out replace loops.
 // - variable indices into arrays, the conditional operator, attributes such as [unroll], discard
 //   and clip
-// - SampleLevel, SampleGrad and ddx. A Sample needs the derivatives that the neighbouring pixels
-//   give it, so none stands in a branch; a branch chooses what is sampled behind it.
+// - SampleLevel, SampleGrad and ddx. A Sample needs derivatives from the neighbouring pixels, so
+//   none is inside a branch; a branch chooses what is sampled after it.
 // - sqrt, rsqrt, exp, log, frac, step, smoothstep, sign, reflect, sin, cos and acos: see below
-// - a macro that hands its own parameter to another macro: it gives it a name first.
+// - a macro that passes its own parameter to another macro: it gives it a name first.
 //
 // Branches, matrices, and abs, cross, dot, floor, length, lerp, max, normalize, pow and saturate
 // work everywhere.
@@ -34,12 +34,12 @@ static const float3 kLuminance = float3(0.2126, 0.7152, 0.0722);  // of linear r
 #define AtLeast(x, edge) float((x) >= (edge))
 #define Below(x, edge) float((x) < (edge))
 
-// Fresnel's reflectance after Schlick, from the one at normal incidence.
+// Fresnel reflectance after Schlick, from the reflectance at normal incidence.
 #define Fresnel(reflectance, cosine) \
     ((reflectance) + (1.0 - (reflectance)) * pow(saturate(1.0 - (cosine)), 5.0))
 
 // Declares the sine of an angle in turns: a parabola through the zeroes and peaks, then one step
-// towards the true curve. Off by less than 0.0012.
+// towards the true curve. The error is below 0.0012.
 #define DeclareSine(result, turns) \
     float result = (turns) - floor((turns) + 0.5); \
     result = 8.0 * result - 16.0 * result * abs(result); \
@@ -50,7 +50,7 @@ static const float3 kLuminance = float3(0.2126, 0.7152, 0.0722);  // of linear r
     result = 8.0 * result - 16.0 * result * abs(result); \
     result = 0.225 * (result * abs(result) - result) + result;
 
-// Declares interleaved gradient noise: from 0 to 1, the same for a pixel every time.
+// Declares interleaved gradient noise: from 0 to 1, always the same for a pixel.
 #define DeclareNoise(result, pixel) \
     float result = dot(pixel, float2(0.06711056, 0.00583715)); \
     result = 52.9829189 * (result - floor(result)); \

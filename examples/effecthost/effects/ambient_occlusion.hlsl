@@ -1,5 +1,5 @@
-// Ambient occlusion in screen space: how much of the half sphere above each pixel is hidden by what
-// the depth buffer knows, then a blur that stops at edges.
+// Screen-space ambient occlusion: how much of the half sphere above each pixel is hidden by
+// geometry in the depth buffer, then a blur that stops at edges.
 //
 //@ axis SAMPLES 4 8 12 16
 //@ axis NORMALS 0 1
@@ -11,13 +11,13 @@
 //@ program OcclusionPixelMain ps_4_0 SAMPLES NORMALS RANGE_CHECK ROTATE
 //@ program BlurPixelMain ps_4_0 RADIUS VERTICAL BILATERAL
 //
-// SAMPLES       points of the half sphere that are looked at
+// SAMPLES       points of the half sphere that are tested
 // NORMALS       1 from a texture, 0 from the neighbours' depths
-// RANGE_CHECK   what lies far in front does not occlude
-// ROTATE        turns the points by another angle at every pixel, which trades bands for noise
+// RANGE_CHECK   geometry far in front does not occlude
+// ROTATE        turns the points by a different angle at every pixel: noise instead of bands
 // RADIUS        taps of the blur to each side
 // VERTICAL      direction of the blur
-// BILATERAL     the blur leaves out taps at another depth
+// BILATERAL     the blur skips taps at another depth
 #include "Portable.hlsli"
 #include "Camera.hlsli"
 #include "FullScreen.hlsli"
@@ -34,8 +34,8 @@ Texture2D normalTexture : register(t1);  // in the world
 Texture2D<float> occlusionTexture : register(t2);
 SamplerState nearestSampler : register(s0);
 
-// Points of the half sphere around +z, denser near its centre. The first few of them fill it as all
-// do when they are scaled up.
+// Points of the half sphere around +z, denser near its centre. Scaled up, the first few fill it as
+// evenly as all do.
 static const float3 kPoints[16] = {
     float3(0.024, -0.013, 0.049),  float3(-0.053, 0.061, 0.037), float3(0.083, 0.044, 0.081),
     float3(-0.101, -0.068, 0.094), float3(0.020, -0.165, 0.073), float3(0.148, 0.121, 0.108),
@@ -57,7 +57,7 @@ static const float3 kPoints[16] = {
 #define CheckRange
 #endif
 
-static const float kClosest = 0.01;  // points do not come nearer to the camera's plane than this
+static const float kClosest = 0.01;  // least distance of a point from the camera's plane
 
 static const float kSpread = 16.0 / float(SAMPLES);
 
@@ -89,7 +89,7 @@ float4 OcclusionPixelMain(ScreenPoint screen) : SV_Target
     float3 normal = normalize(cross(toRight, toBelow));
 #endif
 
-    // Any direction does that is not the normal's own.
+    // Any direction that is not parallel to the normal works.
     float3 aside = float3(1.0, 0.0, 0.0);
     if (abs(normal.x) > 0.7)
     {

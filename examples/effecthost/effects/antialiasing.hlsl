@@ -1,21 +1,21 @@
-// Smooths the stairs along edges of a finished picture: finds the edge that a pixel lies on, walks
-// along it to both ends, and blends with the neighbour across by how near the closer end is.
+// Smooths jagged edges of a finished picture: finds the edge that a pixel lies on, walks along it
+// to both ends, and blends with the neighbour across the edge by the distance to the closer end.
 //
 //@ axis STEPS 2 4 8 12
 //@ axis LUMA 0 1 2
 //@ axis SUBPIXEL 0 1
 //@ program PixelMain ps_4_0 STEPS LUMA SUBPIXEL
 //
-// STEPS      of the walk along the edge, to each side
+// STEPS      steps along the edge to each side
 // LUMA       brightness: 0 the green channel, 1 computed, 2 stored in alpha
-// SUBPIXEL   softens single pixels that no edge explains
+// SUBPIXEL   softens single pixels that are not on an edge
 #include "Portable.hlsli"
 #include "Camera.hlsli"
 #include "FullScreen.hlsli"
 
 cbuffer Antialiasing : register(b2)
 {
-    float4 limits;  // relative and absolute contrast of an edge, farthest shift of single pixels
+    float4 limits;  // relative and absolute contrast of an edge, largest shift of single pixels
 };
 
 Texture2D pictureTexture : register(t0);
@@ -29,10 +29,9 @@ SamplerState smoothSampler : register(s0);
 #define BrightnessAt(place) pictureTexture.Sample(smoothSampler, place).a
 #endif
 
-static const float kLeast = 0.0001;  // contrast that is none
+static const float kLeast = 0.0001;  // contrast that counts as none
 
-// One step to both sides. A side that has met its end, where the brightness leaves the edge's own,
-// stays where it is.
+// One step to both sides. A side stops at its end, where the brightness differs from the edge's.
 #define Step(length) \
     walking0 *= float(abs(BrightnessAt(edge - along * reach0) - edgeBrightness) < gradient); \
     walking1 *= float(abs(BrightnessAt(edge + along * reach1) - edgeBrightness) < gradient); \
@@ -52,7 +51,7 @@ float4 PixelMain(ScreenPoint screen) : SV_Target
     float darkest = min(centre, min(min(north, south), min(west, east)));
     float contrast = brightest - darkest;
 
-    // The edge runs along the axis across which the brightness bends most.
+    // The edge runs along the axis across which the brightness changes most.
     float across = abs(north + south - 2.0 * centre);
     float sideways = abs(west + east - 2.0 * centre);
     float2 normal = float2(pixel.x, 0.0);
@@ -90,7 +89,7 @@ float4 PixelMain(ScreenPoint screen) : SV_Target
     Step(4.0) Step(4.0) Step(8.0) Step(8.0)
 #endif
 
-    // Only the end at which the brightness turns away from this pixel's side pulls at it.
+    // Only an end at which the brightness moves away from this pixel's side affects the pixel.
     float nearer = min(reach0, reach1);
     float nearerEnd = reach1;
     if (reach0 < reach1)

@@ -1,4 +1,4 @@
-// Bloom: what is brighter than a threshold, made smaller, blurred along both axes and added again.
+// Bloom: the parts above a threshold are shrunk, blurred along both axes and added to the picture.
 //
 //@ axis KNEE 0 1
 //@ axis FIREFLIES 0 1
@@ -13,9 +13,9 @@
 //@ program MixPixelMain ps_4_0 MIX DIRT
 //
 // KNEE        a smooth threshold instead of a sharp one
-// FIREFLIES   weighs single bright pixels down in an average, which would flicker
-// TAPS        of the filter that halves the size
-// RADIUS      of the Gaussian blur, in pairs of pixels
+// FIREFLIES   gives single bright pixels, which would flicker, less weight in an average
+// TAPS        taps of the filter that halves the size
+// RADIUS      radius of the Gaussian blur, in pairs of pixels
 // VERTICAL    direction of the blur
 // MIX         0 adds, 1 screens, 2 blends
 // DIRT        the glow shows dirt on the lens
@@ -33,9 +33,9 @@ Texture2D glowTexture : register(t1);
 Texture2D dirtTexture : register(t2);
 SamplerState smoothSampler : register(s0);
 
-static const float kBlack = 0.0001;  // brightness, or width of the knee, that is none
+static const float kBlack = 0.0001;  // brightness, or width of the knee, that counts as none
 
-// The offset is in pixels of what is drawn to.
+// The offset is in pixels of the render target.
 #define Scene(offset) sceneTexture.Sample(smoothSampler, screen.uv + screenSize.zw * (offset)).rgb
 
 #if FIREFLIES
@@ -53,7 +53,7 @@ static const float kBlack = 0.0001;  // brightness, or width of the knee, that i
         weights += weight; \
     }
 
-// Four fetches between the pixels of a picture of twice the size: sixteen of them.
+// Four fetches between the pixels of a picture of twice the size read sixteen of them.
 #define AddQuarters \
     AddGroup(Scene(float2(-0.5, -0.5)), 0.25) \
     AddGroup(Scene(float2(0.5, -0.5)), 0.25) \
@@ -76,8 +76,8 @@ float4 ThresholdPixelMain(ScreenPoint screen) : SV_Target
     return float4(color * kept / max(brightness, kBlack), 1.0);
 }
 
-// Thirteen fetches make five overlapping squares: the inner one counts half, the outer four share
-// the rest.
+// Thirteen fetches form five overlapping squares: the inner one has half of the weight, the outer
+// four share the rest.
 float4 ShrinkPixelMain(ScreenPoint screen) : SV_Target
 {
     float3 sum = float3(0.0, 0.0, 0.0);
@@ -101,10 +101,10 @@ float4 ShrinkPixelMain(ScreenPoint screen) : SV_Target
     return float4(sum / weights, 1.0);
 }
 
-// The Gaussian's deviation is the radius in pixels: the last pair lies two deviations away.
+// The Gaussian's deviation is the radius in pixels; the last pair is two deviations away.
 static const float kFalloff = -0.5 / float(RADIUS * RADIUS);
 
-// Two pixels for one fetch, on both sides: the sampler blends them when it is asked between them.
+// One fetch on each side reads two pixels: the sampler blends them for a position between them.
 #define AddPair(nearer) \
     { \
         float first = nearer; \

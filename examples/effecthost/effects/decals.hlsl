@@ -1,4 +1,4 @@
-// Decals: pictures projected by a box onto whatever the depth buffer shows inside it.
+// Decals: pictures that a box projects onto the geometry inside it, known from the depth buffer.
 //
 //@ axis BLEND 0 1 2
 //@ axis NORMALS 0 1
@@ -8,8 +8,8 @@
 //@ program PixelMain ps_4_0 BLEND NORMALS ANGLE_FADE EDGE_FADE
 //
 // BLEND        0 covers, 1 multiplies, 2 adds
-// NORMALS      bends the normals below as well, and lights the result
-// ANGLE_FADE   fades on surfaces that the box meets at a grazing angle
+// NORMALS      also bends the normals below and lights the result
+// ANGLE_FADE   fades on surfaces that the projection meets at a grazing angle
 // EDGE_FADE    fades towards the near and the far end of the box
 #include "Portable.hlsli"
 #include "Camera.hlsli"
@@ -36,7 +36,7 @@ static const float kGrazing = 0.2;
 static const float kFacing = 0.5;
 static const float kFadeBegin = 0.35;
 
-// However much a normal map bends a normal, it stays above the surface.
+// Least height of a normal above the surface, however much a normal map bends it.
 static const float kLeastHeight = 0.1;
 
 struct Vertex
@@ -87,7 +87,7 @@ float4 PixelMain(Fragment fragment) : SV_Target
     float3 bent = normalize(normal * max(bump.z, kLeastHeight) + tilt);
     float light = Light(bent);
 #if BLEND == 1
-    light /= max(Light(normal), 0.01);  // what it multiplies is lit already: only the change counts
+    light /= max(Light(normal), 0.01);  // the scene is already lit: apply only the change
 #endif
     color.rgb *= light;
 #endif

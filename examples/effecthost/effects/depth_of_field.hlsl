@@ -1,4 +1,4 @@
-// What is out of focus blurs into discs of light.
+// Points that are out of focus blur into discs of light.
 //
 //@ axis LENS 0 1
 //@ axis TAPS 4 8 12 16
@@ -13,7 +13,7 @@
 // TAPS         points of the disc that are gathered
 // SHAPE        0 a round aperture, 1 a hexagonal one
 // HIGHLIGHTS   bright points keep their brightness
-// NEAR_FIELD   what is in front of the focus blurs over its sharp neighbours
+// NEAR_FIELD   objects in front of the focus blur over their sharp neighbours
 #include "Portable.hlsli"
 #include "Camera.hlsli"
 #include "FullScreen.hlsli"
@@ -32,14 +32,14 @@ Texture2D blurredTexture : register(t3);
 SamplerState smoothSampler : register(s0);
 SamplerState nearestSampler : register(s1);
 
-// Points of the disc, in a spiral. The first few of them fill it as all do when they are scaled up.
+// Points of the disc, in a spiral. Scaled up, the first few fill it as evenly as all do.
 static const float2 kDisc[16] = {
     float2(0.177, 0.000),   float2(-0.226, 0.207),  float2(0.035, -0.394), float2(0.285, 0.371),
     float2(-0.522, -0.093), float2(0.495, -0.316),  float2(-0.165, 0.616), float2(-0.316, -0.608),
     float2(0.683, 0.250),   float2(-0.711, 0.293),  float2(0.341, -0.735), float2(0.253, 0.810),
     float2(-0.764, -0.444), float2(0.897, -0.197),  float2(-0.548, 0.779), float2(-0.128, -0.976)};
 
-// Distance of a hexagon's sides from its centre when its corners are 1 away from it.
+// Distance of a hexagon's sides from its centre when its corners are at distance 1.
 static const float kSide = 0.8660254;
 
 // The circle's radius as a share of the widest: negative before the focus, positive behind it.
@@ -58,7 +58,7 @@ float4 CirclePixelMain(ScreenPoint screen) : SV_Target
 
 #define CircleAt(place) (circleTexture.Sample(nearestSampler, place).r * 2.0 - 1.0)
 
-// A hexagon draws a point in the more, the further its direction is from a corner.
+// The further a point's direction is from a corner, the more a hexagon moves it inwards.
 #if SHAPE
 #define ShapePoint \
     float side = max(abs(spot.x) * kSide + abs(spot.y) * 0.5, abs(spot.y)); \
@@ -68,7 +68,7 @@ float4 CirclePixelMain(ScreenPoint screen) : SV_Target
 #endif
 
 static const float kSpread = pow(16.0 / float(TAPS), 0.5);
-static const float kHighlight = 4.0;  // weight of what is as bright as white
+static const float kHighlight = 4.0;  // weight of a point as bright as white
 
 #if HIGHLIGHTS
 #define WeighHighlight weight *= 1.0 + kHighlight * Square(Luminance(color));
@@ -76,8 +76,8 @@ static const float kHighlight = 4.0;  // weight of what is as bright as white
 #define WeighHighlight
 #endif
 
-// The circle of what lies before the focus reaches as far as it is wide; that of what lies behind
-// reaches no further than this pixel is out of focus itself, and so leaves sharp edges alone.
+// The circle of a point before the focus reaches as far as it is wide. The circle of a point behind
+// the focus reaches no further than this pixel's own, which keeps sharp edges.
 #if NEAR_FIELD
 #define DeclareReach \
     float reach = min(abs(circle), own); \
@@ -136,7 +136,7 @@ float4 MixPixelMain(ScreenPoint screen) : SV_Target
 {
     float3 sharp = sceneTexture.Sample(smoothSampler, screen.uv).rgb;
     float4 blurred = blurredTexture.Sample(smoothSampler, screen.uv);
-    // A circle of a pixel is as sharp as the picture, one of two is blurred.
+    // A circle of one pixel is as sharp as the picture; a circle of two pixels is blurred.
     float pixels = abs(CircleAt(screen.uv)) * blur.z;
     float share = saturate(pixels - 1.0);
 #if NEAR_FIELD

@@ -1,4 +1,4 @@
-// Leaves and grass: they sway, they let light through, and their edges are soft.
+// Leaves and grass that sway, let light through and have soft edges.
 //
 //@ axis WIND 0 1 2
 //@ axis INSTANCED 0 1
@@ -12,7 +12,7 @@
 // WIND           0 none, 1 the plant bends, 2 its leaves flutter as well
 // INSTANCED      place and size come with each instance
 // TRANSLUCENCY   light from behind shines through
-// SEASON         colours change with the year, not every leaf's at once
+// SEASON         colours change with the year, not all leaves at once
 // COVERAGE       alpha becomes coverage with a sharp edge
 // FOG            fog by distance
 #include "Portable.hlsli"
@@ -22,7 +22,7 @@ cbuffer Foliage : register(b2)
 {
     float4 wind;          // direction in xz of the world, strength, gusts per second
     float4 sunDirection;  // towards the sun, in the world
-    float4 sunColor;      // what a white surface that faces the sun sends on
+    float4 sunColor;      // light reflected by a white surface that faces the sun
     float4 skyColor;
     float4 autumnColor;   // rgb, and the time of the year in a
     float4 leaf;          // share of the light that shines through, threshold and width of the edge
@@ -95,12 +95,12 @@ float4 PixelMain(Fragment fragment) : SV_Target
     float3 normal = normalize(fragment.normal);
     if (dot(normal, toCamera) < 0.0)
     {
-        normal = -normal;  // both sides of a leaf are seen
+        normal = -normal;  // both sides of a leaf are visible
     }
     float facing = dot(normal, sunDirection.xyz);
     float sun = saturate(facing);
 #if TRANSLUCENCY
-    // What shines through is not reflected; most of it goes straight on.
+    // Light that shines through is not reflected; most of it keeps its direction.
     float against = saturate(dot(normalize(-toCamera), sunDirection.xyz));
     float through = saturate(-facing) * lerp(0.5, 1.0, Square(against));
     sun = lerp(sun, through, leaf.x);

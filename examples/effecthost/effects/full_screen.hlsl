@@ -1,10 +1,10 @@
-// The vertex half of every pass over the whole screen; the other half is in the pass's own file.
+// The vertex half of every full-screen pass; the other half is in the pass's own file.
 //
 //@ axis BUFFERLESS 0 1
 //@ program VertexMain vs_4_0 BUFFERLESS
 //
-// BUFFERLESS   three vertices without a buffer make one triangle that reaches beyond the screen,
-//              instead of the two whose common edge is shaded twice
+// BUFFERLESS   three vertices without a buffer form one triangle that is larger than the screen;
+//              the common edge of two triangles would be shaded twice
 #include "FullScreen.hlsli"
 
 struct ScreenVertex

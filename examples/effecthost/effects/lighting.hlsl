@@ -10,16 +10,16 @@
 //
 // MODEL         highlights: 0 Blinn and Phong's, 1 microfacets (GGX, Smith, Schlick)
 // NORMAL_MAP    normals from a texture in tangent space
-// ENVIRONMENT   the surface mirrors a cube map, the less the rougher it is
+// ENVIRONMENT   the surface reflects a cube map, less so the rougher it is
 // FOG           fog by distance
 #include "Portable.hlsli"
 #include "Camera.hlsli"
 
 cbuffer Lights : register(b2)
 {
-    float4 lightPosition[4];  // in the world, and the radius in w
+    float4 lightPosition[4];  // in the world; radius in w
     float4 lightColor[4];     // intensity
-    float4 ambientColor;      // what a white surface sends on
+    float4 ambientColor;      // light reflected by a white surface
     float4 surface;           // shininess, roughness, metalness, reflectance at normal incidence
 };
 
@@ -62,16 +62,16 @@ Fragment VertexMain(Vertex vertex)
     return result;
 }
 
-static const float kLampRadius = 0.05;  // no surface comes nearer to a light than this
+static const float kLampRadius = 0.05;  // least distance of a surface from a light
 static const float kSmoothest = 0.05;   // roughness below which a highlight would be a point
 
-// DeclareHighlight declares what a light's mirror image is worth in the direction of the camera.
+// DeclareHighlight declares the strength of a light's reflection towards the camera.
 #if MODEL == 0
 // Scaled so that the highlight keeps its energy when it shrinks.
 #define DeclareHighlight \
     float highlight = (surface.x + 8.0) / (8.0 * kPi) * pow(nh, surface.x);
 #else
-// GGX' distribution of normals, and Hammon's fit to Smith's term of what hides and shades them.
+// The GGX distribution of normals, and Hammon's fit to Smith's masking and shadowing term.
 #define DeclareHighlight \
     float alpha = Square(max(surface.y, kSmoothest)); \
     float distribution = Square(alpha / (nh * nh * (alpha * alpha - 1.0) + 1.0)) / kPi; \
@@ -79,8 +79,8 @@ static const float kSmoothest = 0.05;   // roughness below which a highlight wou
     float highlight = distribution * visible;
 #endif
 
-// A light falls off with the square of the distance, faded to zero at its radius. What the surface
-// mirrors is not scattered.
+// A light falls off with the square of the distance and fades to zero at its radius. Light that the
+// surface reflects is not scattered.
 #define AddLight(index) \
     { \
         float4 place = lightPosition[index]; \
@@ -116,7 +116,7 @@ float4 PixelMain(Fragment fragment) : SV_Target
 #endif
     float nv = max(dot(normal, view), 0.0001);
 
-    // Metals scatter nothing and mirror in their own colour.
+    // Metals scatter no light and reflect in their own colour.
     float3 scattered = albedo * (1.0 - surface.z);
     float3 reflectance = lerp(surface.www, albedo, surface.z);
     float3 color = ambientColor.rgb * scattered;

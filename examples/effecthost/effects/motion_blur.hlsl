@@ -1,4 +1,4 @@
-// Blurs each pixel along the way it moved while the shutter was open.
+// Blurs each pixel along its path while the shutter was open.
 //
 //@ axis SAMPLES 4 8 12 16
 //@ axis VELOCITY 0 1
@@ -6,10 +6,10 @@
 //@ axis JITTER 0 1
 //@ program PixelMain ps_4_0 SAMPLES VELOCITY DEPTH_AWARE JITTER
 //
-// SAMPLES       along the way
+// SAMPLES       samples along the path
 // VELOCITY      0 the camera's movement alone, from the depth; 1 a texture of velocities
-// DEPTH_AWARE   what is behind this pixel does not smear over it
-// JITTER        begins at another point at every pixel, which trades copies for noise
+// DEPTH_AWARE   points behind this pixel do not smear over it
+// JITTER        starts at a different point at every pixel: noise instead of copies
 #include "Portable.hlsli"
 #include "Camera.hlsli"
 #include "FullScreen.hlsli"
@@ -18,16 +18,16 @@ cbuffer MotionBlur : register(b2)
 {
     float4x4 clipToWorld;
     float4x4 lastWorldToClip;
-    float4 shutter;  // share of the frame that it is open, longest way in pixels, depth tolerance
+    float4 shutter;  // open share of the frame, longest path in pixels, depth tolerance
 };
 
 Texture2D sceneTexture : register(t0);
 Texture2D<float> depthTexture : register(t1);
-Texture2D velocityTexture : register(t2);  // way in clip space since the last frame
+Texture2D velocityTexture : register(t2);  // movement in clip space since the last frame
 SamplerState smoothSampler : register(s0);
 SamplerState nearestSampler : register(s1);
 
-static const float kStandstill = 0.001;  // way in pixels that is none
+static const float kStandstill = 0.001;  // path in pixels that counts as none
 
 #if DEPTH_AWARE
 #define CompareDepth \
@@ -67,7 +67,7 @@ float4 PixelMain(ScreenPoint screen) : SV_Target
     DeclareNoise(noise, screen.position.xy)
     begin = noise;
 #endif
-    // The pixel itself counts a little, so that something does when all else lies behind.
+    // The pixel itself has a small weight, in case all other points lie behind it.
     float weights = 0.001;
     float3 sum = sceneTexture.Sample(smoothSampler, screen.uv).rgb * weights;
     AddSample(0) AddSample(1) AddSample(2) AddSample(3)

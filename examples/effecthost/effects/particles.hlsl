@@ -13,7 +13,7 @@
 // SPIN       turns about the line of sight
 // SOFT       fades where a particle cuts into the scene
 // BLEND      0 alpha, 1 added light, 2 premultiplied
-// LIT        light from one side, as smoke has
+// LIT        light from one side, for smoke
 // FLIPBOOK   blends between the pictures of an animation
 #include "Portable.hlsli"
 #include "Camera.hlsli"
@@ -33,7 +33,7 @@ Texture2D spriteTexture : register(t0);
 Texture2D<float> depthTexture : register(t1);
 SamplerState spriteSampler : register(s0);
 
-static const float kParallel = 0.0001;  // squared length of a cross product that has no direction
+static const float kParallel = 0.0001;  // squared length of a cross product without a direction
 
 struct Vertex
 {
@@ -48,13 +48,13 @@ struct Fragment
 {
     float4 position : SV_Position;
     float4 color : COLOR;
-    float4 uv : TEXCOORD0;      // in the picture of now, and in the next
+    float4 uv : TEXCOORD0;      // in the current picture and in the next
     float4 corner : TEXCOORD1;  // corner, share of the next picture, depth
     float3 light : TEXCOORD2;   // towards the light: along the quad's right and up, to the camera
 };
 
-// Where a picture of the animation begins. It looks up the middle of the picture's number, which
-// rounding does not carry into another row.
+// Where a picture of the animation begins. Adds half to the picture's number, so that rounding does
+// not move it to another row.
 #define DeclarePicture(result, number) \
     float2 result = float2(floor(number) + 0.5, 0.0) / softness.y; \
     result = float2(result.x - floor(result.x) - 0.5 / softness.y, floor(result.x) / softness.y);
@@ -77,7 +77,7 @@ Fragment VertexMain(Vertex vertex)
 #endif
 #if FACING > 0
     float3 side = cross(toCamera, up);
-    if (dot(side, side) > kParallel)  // else it is seen from its end
+    if (dot(side, side) > kParallel)  // otherwise it is seen from its end
     {
         right = normalize(side);
     }
@@ -114,7 +114,7 @@ float4 PixelMain(Fragment fragment) : SV_Target
 #endif
     color *= fragment.color;
 #if LIT
-    // The quad stands for a ball: its normal bulges towards the camera. Light wraps around smoke.
+    // The quad represents a ball: its normal bulges towards the camera. Light wraps around smoke.
     float2 bulge = fragment.corner.xy;
     float3 normal = normalize(float3(bulge, Sqrt(1.0 - dot(bulge, bulge))));
     float lit = saturate(dot(normal, fragment.light) * 0.5 + 0.5);

@@ -1,4 +1,4 @@
-// Shadow maps: the pass that draws them, and the pass over the screen that looks them up.
+// Shadow maps: the pass that draws them, and the full-screen pass that looks them up.
 //
 //@ axis CASCADES 1 2 4
 //@ axis KERNEL 1 2 3 4
@@ -35,8 +35,8 @@ Texture2D cutoutTexture : register(t3);
 SamplerState nearestSampler : register(s0);
 SamplerState smoothSampler : register(s1);
 
-static const float kOpaque = 0.5;        // alpha from which on a caster has no hole
-static const float kLeastFacing = 0.05;  // cosine below which the slope bias grows no more
+static const float kOpaque = 0.5;        // alpha below which a caster has a hole
+static const float kLeastFacing = 0.05;  // cosine below which the slope bias stops growing
 static const float kFadeBegin = 0.9;     // share of the range after which shadows fade
 
 struct Caster
@@ -63,7 +63,7 @@ CasterFragment CasterVertexMain(Caster caster)
     return result;
 }
 
-// The depth goes to a colour target that keeps the minimum; a hole writes the far end, which loses.
+// The depth goes to a colour target that keeps the minimum, so a hole writes the far end.
 float4 CasterPixelMain(CasterFragment fragment) : SV_Target
 {
     float depth = fragment.position.z;
@@ -76,7 +76,7 @@ float4 CasterPixelMain(CasterFragment fragment) : SV_Target
     return float4(depth, depth, depth, 1.0);
 }
 
-// A tap of the kernel, in texels from the place that is looked up.
+// A tap of the kernel, in texels from its centre.
 #define Tap(x, y) \
     light += float(shadowTexture.Sample(nearestSampler, place + texel * float2(x, y)) >= depth);
 
@@ -104,7 +104,7 @@ float4 PixelMain(ScreenPoint screen) : SV_Target
     world = world / world.w;
     float away = length(world.xyz - cameraPosition.xyz);
 
-    // One cascade is looked up, the one that the distance belongs to.
+    // Only the cascade for this distance is looked up.
     float4 projected = mul(world, worldToShadow[0]);
     float last = cascadeEnd.x;
 #if CASCADES > 1

@@ -1,5 +1,5 @@
-// Skinned characters. The bones stand in a texture, three texels a bone, one row a character, so
-// that a crowd is one draw call.
+// Skinned characters. The bones are in a texture, three texels per bone and one row per character,
+// so that a crowd is one draw call.
 //
 //@ axis BONES 1 2 3 4
 //@ axis FRAME 0 1 2
@@ -9,7 +9,7 @@
 //@ program PixelMain ps_4_0 FRAME MOTION
 //
 // BONES    bones that move a vertex
-// FRAME    0 positions alone, without light, 1 with the normal, 2 with a normal map as well
+// FRAME    0 positions only, without light, 1 with the normal, 2 with a normal map as well
 // MOTION   writes the movement since the last frame to a second target, for motion blur
 // MORPH    adds a second shape before skinning, for faces
 #include "Portable.hlsli"
@@ -18,8 +18,8 @@
 cbuffer Skin : register(b2)
 {
     float4x4 lastWorldToClip;
-    float4 skinRows;   // row of the character, and of its last frame, in the texture
-    float4 morphing;   // how much of the second shape, now and in the last frame
+    float4 skinRows;   // rows of the character, now and in the last frame, in the texture
+    float4 morphing;   // share of the second shape, now and in the last frame
     float4 keyLight;   // direction towards the light in the world, share of ambient light in w
 };
 
@@ -56,7 +56,7 @@ struct Fragment
 #endif
 };
 
-// Adds a bone's share, its matrix times its weight, to the three rows of the blended matrix.
+// Adds a bone's matrix times its weight to the three rows of the blended matrix.
 #define AddBone(component) \
     { \
         float weight = vertex.weights.component; \
@@ -123,7 +123,7 @@ struct Pixel
 {
     float4 color : SV_Target0;
 #if MOTION
-    float4 moved : SV_Target1;  // way in clip space since the last frame, in xy
+    float4 moved : SV_Target1;  // movement in clip space since the last frame, in xy
 #endif
 };
 

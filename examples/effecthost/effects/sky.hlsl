@@ -19,7 +19,7 @@ cbuffer Sky : register(b2)
     float4 sunDirection;   // towards the sun, in the world; the cosine of its disc's radius in w
     float4 sunColor;
     float4 zenithColor;    // after Preetham: the zenith's luminance Y and chromaticity x and y
-    float4 horizonColor;   // also of the clouds that are far from the sun
+    float4 horizonColor;   // also for clouds far from the sun
     float4 groundColor;
     float4 perezA;         // coefficients of the distribution for Y, x and y
     float4 perezB;
@@ -56,7 +56,7 @@ Fragment VertexMain(Vertex vertex)
 
 static const float kLeastHeight = 0.02;    // the sine below which the sky looks like its horizon
 static const float kHorizonWidth = 0.125;  // sine over which ground and clouds fade in
-static const float kSunEdge = 0.0002;      // cosines between the sun's disc and what surrounds it
+static const float kSunEdge = 0.0002;      // width of the edge of the sun's disc, as a cosine
 static const float kGlow = 0.3;            // of the sun, near it and far from it
 static const float kFarGlow = 0.03;
 
@@ -72,7 +72,7 @@ static const float3x3 kXyzToRgb = float3x3(3.2405, -0.9693, 0.0556, -1.5371, 1.8
                     (1.0 + perezC.xyz * pow(kE, result##Glow) + \
                      perezE.xyz * (cosGamma) * (cosGamma));
 
-// The angle of a cosine from 0 to 1: a polynomial, within 0.0001 radians.
+// The angle of a cosine from 0 to 1: a polynomial, accurate to 0.0001 radians.
 #define DeclareArcCosine(result, cosine) \
     float result = 1.0 - (cosine); \
     result = pow(max(result, 0.0), 0.5) * \
@@ -129,7 +129,7 @@ float4 PixelMain(Fragment fragment) : SV_Target
 #if CLOUDS > 0
     AddClouds(1.0, 1.0, 1.0)
 #endif
-    // The ground hides what has set.
+    // The ground hides everything below the horizon.
     float sunk = saturate(-direction.y / kHorizonWidth);
     color = lerp(color, groundColor.rgb, Smooth(sunk));
     return float4(color, 1.0);

@@ -23,7 +23,7 @@ cbuffer Terrain : register(b2)
     float4 grid;          // size of the map in texels, height of white, width of a texel
     float4 morphRange;    // distances at which morphing begins and ends
     float4 sunDirection;  // towards the sun, in the world
-    float4 sunColor;      // what a white surface that faces the sun sends on
+    float4 sunColor;      // light reflected by a white surface that faces the sun
     float4 skyColor;
     float4 tiling;        // of each material, in the world
 };
@@ -41,7 +41,7 @@ struct Vertex
 {
     float3 position : POSITION;
     float3 normal : NORMAL;
-    float3 coarse : TEXCOORD0;  // where the grid of half the density has the vertex
+    float3 coarse : TEXCOORD0;  // position of the vertex in the grid of half the density
 };
 
 struct Fragment
@@ -70,7 +70,7 @@ Fragment VertexMain(Vertex vertex)
     normal.z = HeightAt(here - float2(0.0, 1.0)) - HeightAt(here + float2(0.0, 1.0));
 #endif
 #if MORPH
-    // Measured on the ground, so that heights do not make neighbours differ.
+    // Measured along the ground, so that neighbours do not differ because of their heights.
     float3 place = mul(float4(local, 1.0), objectToWorld).xyz;
     float far = length(place.xz - cameraPosition.xz);
     local = lerp(local, coarse, LinearStep(morphRange.x, morphRange.y, far));
@@ -115,7 +115,7 @@ float4 PixelMain(Fragment fragment) : SV_Target
     albedo = lerp(albedo, Cover(material3, tiling.w), splat.a);
 #endif
 #if NORMAL_MAP
-    // Each projection tilts the normal along the two axes that it is spread over.
+    // Each projection tilts the normal along its own two axes.
     float3 place = fragment.world * tiling.x;
     float2 tilt = BumpAt(place.xz);
 #if TRIPLANAR

@@ -14,7 +14,7 @@
 // OUTLINE    a line around the glyphs
 // SHADOW     a soft shadow below them
 // GLOW       light around them
-// GRADIENT   a second colour at their bottom
+// GRADIENT   a second colour at the bottom
 #include "Portable.hlsli"
 #include "Camera.hlsli"
 
@@ -76,10 +76,10 @@ Fragment VertexMain(Vertex vertex)
     float result = atlasTexture.Sample(smoothSampler, place).r - 0.5;
 #endif
 
-// How much of a pixel lies inside, blended over one pixel of the screen.
+// Share of a pixel that lies inside, blended over one pixel of the screen.
 #define Coverage(distance) saturate((distance) * widths.w + 0.5)
 
-// Puts a layer behind what is there; colours are premultiplied.
+// Adds a layer behind the existing ones; colours are premultiplied.
 #define PutBehind(color, layer, alpha) \
     color += float4((layer).rgb, 1.0) * (alpha) * (1.0 - color.a);
 

@@ -1,4 +1,4 @@
-// From light to what a screen can show.
+// Maps light to the range of a screen.
 //
 //@ axis CURVE 0 1 2 3 4
 //@ axis ADAPT 0 1
@@ -13,8 +13,8 @@
 // ADAPT      exposure from the measured luminance instead of a constant
 // ENCODING   0 linear, 1 gamma 2.2, 2 sRGB
 // VIGNETTE   darker corners
-// METERING   0 averages what the level before measured; the first level measures the luminance of
-//            1 the whole picture evenly, 2 its middle more
+// METERING   0 averages the previous level; 1 and 2 are the first level, which measures the
+//            luminance: 1 of the whole picture evenly, 2 of its middle more
 #include "Portable.hlsli"
 #include "Camera.hlsli"
 #include "FullScreen.hlsli"
@@ -28,14 +28,14 @@ Texture2D sceneTexture : register(t0);
 Texture2D luminanceTexture : register(t1);
 SamplerState smoothSampler : register(s0);
 
-static const float kDarkest = 0.001;  // luminance below which the exposure grows no more
+static const float kDarkest = 0.001;  // luminance below which the exposure stops growing
 
-// The offset is in pixels of what is drawn to.
+// The offset is in pixels of the render target.
 #define SceneAt(x, y) sceneTexture.Sample(smoothSampler, screen.uv + screenSize.zw * float2(x, y))
 
-// One level of the chain that shrinks the picture to a single pixel. Each is a quarter as wide and
-// high as the one before, so that four fetches between the pixels read all sixteen. Alpha is the
-// weight that the others are multiplied by.
+// One level of the chain that shrinks the picture to a single pixel. Each level is a quarter as
+// wide and high as the previous one, and four fetches between the pixels read all sixteen. Alpha is
+// the weight that the other channels are multiplied by.
 float4 LuminancePixelMain(ScreenPoint screen) : SV_Target
 {
     float4 average = 0.25 * (SceneAt(-0.25, -0.25) + SceneAt(0.25, -0.25) +
@@ -98,7 +98,7 @@ float4 PixelMain(ScreenPoint screen) : SV_Target
     color = lerp(curved, color * 12.92, dark);
 #endif
 #if ENCODING > 0
-    // Noise of one step of eight bits, against bands.
+    // Noise of one 8-bit step prevents bands.
     DeclareNoise(noise, screen.position.xy)
     color += (noise - 0.5) / 255.0;
 #endif

@@ -1,4 +1,4 @@
-// Open water: Gerstner waves, and a surface that mirrors, refracts and swallows light.
+// Open water: Gerstner waves, and a surface that reflects, refracts and absorbs light.
 //
 //@ axis WAVES 1 2 3 4
 //@ axis NORMALS 0 1
@@ -11,9 +11,9 @@
 //
 // WAVES        waves that move the vertices
 // NORMALS      the waves' normals at the vertices, or straight up
-// MIRROR       0 one colour, 1 a cube map, 2 the mirrored scene
+// MIRROR       reflects 0 one colour, 1 a cube map, 2 the mirrored scene
 // REFRACTION   the ground shows through, and fades with the depth of the water
-// FOAM         where the water is shallow
+// FOAM         foam where the water is shallow
 // DETAIL       ripples from two scrolling normal maps
 #include "Portable.hlsli"
 #include "Camera.hlsli"
@@ -22,8 +22,8 @@ cbuffer Water : register(b2)
 {
     float4 waveDirection[4];  // direction in xz of the world, amplitude, steepness from 0 to 1
     float4 waveLength[4];     // length, waves per second
-    float4 shallowColor;      // what clear water leaves of the ground's light
-    float4 deepColor;         // rgb, and how fast the water swallows light
+    float4 shallowColor;      // light from the ground that clear water transmits
+    float4 deepColor;         // rgb, and how fast the water absorbs light
     float4 mirrorColor;
     float4 foamColor;         // rgb, and the depth of the water up to which it foams
     float4 ripples;           // tiling, speed, strength, tiling of the foam
@@ -39,7 +39,7 @@ SamplerState waterSampler : register(s0);
 
 static const float kReflectance = 0.02;  // of water at normal incidence
 static const float kBend = 0.05;         // share of the picture by which a slope of 1 shifts it
-static const float kSecondTiling = 1.7;  // of the ripples that cross the first ones
+static const float kSecondTiling = 1.7;  // tiling of the ripples that cross the first ones
 
 struct Vertex
 {
@@ -54,9 +54,9 @@ struct Fragment
     float depth : TEXCOORD2;
 };
 
-// A wave lifts each point and draws it towards the crest; its derivatives tilt the normal. The
-// waves share what a surface can bear: where all have a steepness of 1, crests are sharp but do not
-// fold.
+// A wave lifts each point and moves it towards the crest; its derivatives tilt the normal. The
+// waves share the greatest possible steepness: when all have a steepness of 1, crests are sharp but
+// do not fold.
 #if NORMALS
 #define AddNormal \
     float slope = wave.z / radius; \
@@ -102,7 +102,7 @@ Fragment VertexMain(Vertex vertex)
     return result;
 }
 
-// How much further away than the water the scene is.
+// Distance from the water to the scene behind it.
 #define DepthBelow(pixel) \
     (depthRange.x / (depthRange.y - depthTexture.Load(int3(int2(pixel), 0)) * depthRange.z) - \
      fragment.depth)
@@ -130,7 +130,7 @@ float4 PixelMain(Fragment fragment) : SV_Target
     float through = DepthBelow(bent * screenSize.xy);
     if (through < 0.0)
     {
-        bent = uv;  // what stands before the water is not seen through it
+        bent = uv;  // objects in front of the water are not visible through it
         through = max(depth, 0.0);
     }
     float3 ground = sceneTexture.Sample(waterSampler, bent).rgb * shallowColor.rgb;

@@ -1,10 +1,9 @@
-// quorvel-bench-counts: one operation of the effect cache between two marks that callgrind sees.
+// quorvel-bench-counts: runs one operation of the effect cache where callgrind counts.
 //
 // `quorvel-bench-counts prepare DIRECTORY` makes a cache there, and
 // `quorvel-bench-counts OPERATION DIRECTORY`, run under
 //     valgrind --tool=callgrind --collect-atstart=no --toggle-collect=CountedOperation
-// counts the instructions of one operation on it. The state of the file and of the heap is the same
-// in every run.
+// counts the instructions of one operation on it. File and heap are in the same state in every run.
 #include <quorvel/Quorvel.h>
 
 #include <cstdio>
@@ -18,7 +17,7 @@
 #include "support/EffectSource.h"
 #include "support/Random.h"
 
-// The function that callgrind is told of; it is found by its name.
+// Callgrind finds this function by its name.
 extern "C" [[gnu::noinline]] void CountedOperation(const std::function<void()>* operation) {
     (*operation)();
 }
@@ -62,16 +61,16 @@ void Prepare(const std::string& directory) {
         Cache(*cache, effects[number]);
     }
     cache->ForceSaveToFile();
-    Expect(cache->GetNumberOfEffectsInFile() == kSavedEffects, "not all was saved");
+    Expect(cache->GetNumberOfEffectsInFile() == kSavedEffects, "not all effects were saved");
 }
 
 void CountOpen(const std::string& directory) {
     Util::RefPtr<EffectCacheSystem> cache;
     Count([&] { cache = Open(directory); });
-    Expect(cache->GetNumberOfEffectsInFile() == kSavedEffects, "not all was read");
+    Expect(cache->GetNumberOfEffectsInFile() == kSavedEffects, "not all effects were read");
 }
 
-// One effect that was searched just before, and so lies in a page that is in memory.
+// One effect that was searched just before, so that its page is in memory.
 void CountHotSearch(const std::string& directory) {
     const Effect effect = Source().Make(kFound);
     const Util::RefPtr<EffectCacheSystem> cache = Open(directory);
@@ -88,10 +87,10 @@ void CountAbsentSearch(const std::string& directory) {
     Tab<unsigned char> found;
     bool isFound = cache->SearchCachedEffects(name, found);
     Count([&] { isFound = cache->SearchCachedEffects(name, found); });
-    Expect(!isFound, "an effect was found that is not there");
+    Expect(!isFound, "an effect was found that was never saved");
 }
 
-// Effects that are queued, saved to a file that holds ten times as many.
+// Saves the queued effects to a file that has ten times as many.
 void CountSave(const std::string& directory) {
     const std::vector<Effect> effects = Source().Make(kSavedEffects, kQueuedEffects);
     const Util::RefPtr<EffectCacheSystem> cache = Open(directory);
@@ -101,7 +100,7 @@ void CountSave(const std::string& directory) {
     Expect(cache->GetNumberOfEffectsInFile() == kSavedEffects, "saved too early");
     Count([&] { cache->ForceSaveToFile(); });
     Expect(cache->GetNumberOfEffectsInFile() == kSavedEffects + kQueuedEffects,
-           "not all was saved");
+           "not all effects were saved");
 }
 
 using Operation = void (*)(const std::string& directory);

@@ -9,8 +9,8 @@
 
 namespace Quorvel::Benchmarks {
 
-// The task, done by the effect cache. Each step that walks over the effects calls `after` behind
-// each of them.
+// Runs the task on the effect cache. Each step that walks over the effects calls `after` after each
+// of them.
 class CacheSteps {
 public:
     CacheSteps(const FloorTask& task, const std::string& directory)
@@ -18,7 +18,7 @@ public:
         Open();
     }
 
-    // Until the cache's object has gone.
+    // Saves all effects and releases the cache.
     template <typename After>
     void SaveAll(const After& after) {
         for (const std::size_t number : task_.saveOrder) {
@@ -29,7 +29,7 @@ public:
         }
         cache_->ForceSaveToFile();
         if (cache_->GetNumberOfEffectsInFile() != task_.effects.size()) {
-            throw std::runtime_error("the cache did not save all");
+            throw std::runtime_error("the cache did not save all effects");
         }
         cache_.Reset();
     }
@@ -47,7 +47,7 @@ public:
             const Effect& effect = task_.effects[number];
             if (!cache_->SearchCachedEffects(effect.name, found_) ||
                 static_cast<std::size_t>(found_.Count()) != effect.bytes.size()) {
-                throw std::runtime_error("the cache did not find all");
+                throw std::runtime_error("the cache did not find all effects");
             }
             after();
         }

@@ -18,8 +18,8 @@ constexpr std::uint64_t kPageSize = 8192;
 constexpr std::uint64_t kTailBlockSize = 8 * kPageSize;
 constexpr std::uint64_t kQueueSize = 0x400000;
 
-// Bytes that one save copies into pages: the queued effects, the index of all, and the package's
-// state, field by field as they stand in the file.
+// Bytes that one save copies into pages: the queued effects, the whole index, and the package's
+// state as it is stored in the file.
 class SavedBytes {
 public:
     void Queue(const Effect& effect) {
@@ -106,7 +106,7 @@ private:
 
 }  // namespace
 
-// Which frame a page is in: a page that is read takes the next one, and is written from there.
+// The frame of each page: a page that is read takes the next frame and is written from there.
 class Replay::FramePlan {
 public:
     std::uint32_t ForRead(std::uint64_t offset) {
@@ -139,14 +139,14 @@ Replay::Replay(const FloorTask& task, const RecordedTransfers& recorded, Clock c
                 longest = std::max(longest, step.length);
             } else if (step.kind != Step::Kind::Queue && step.kind != Step::Kind::Empty &&
                        step.length > kFrameSize) {
-                throw std::runtime_error("a transfer of more than a page");
+                throw std::runtime_error("a transfer is longer than a page");
             }
         }
     }
     zeros_.resize(longest);
 }
 
-// A save follows the effect that fills the queue, so its transfers stand behind that effect's copy.
+// A save follows the effect that fills the queue, so its transfers come after that effect's copy.
 // The copies into pages are spread evenly over the pages that are read.
 Replay::Steps Replay::PlanSave(const PhaseTransfers& phase) const {
     Steps steps;
@@ -191,7 +191,7 @@ Replay::Steps Replay::PlanSave(const PhaseTransfers& phase) const {
     return steps;
 }
 
-// For opening, which finds no effect, there are only the transfers.
+// Opening finds no effects, so its plan has only transfers.
 Replay::Steps Replay::PlanFind(const PhaseTransfers& phase) const {
     Steps steps;
     FramePlan frames;
@@ -225,7 +225,7 @@ double Replay::Run(const Steps& steps, const std::string& path, Calls calls) {
         calls == Calls::Bare ? Make(steps, BareFile(path)) : Make(steps, StdioFile(path));
     const double time = watch.Nanoseconds();
     if (!good) {
-        throw std::runtime_error("a transfer could not be made again");
+        throw std::runtime_error("a transfer could not be repeated");
     }
     return time;
 }

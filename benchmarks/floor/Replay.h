@@ -11,23 +11,23 @@
 
 namespace Quorvel::Benchmarks {
 
-// Makes recorded transfers again, on a file of its own, with nothing but them and the copies that
-// the same effects need: into memory when they are queued, from there into pages when they are
-// saved, with the index and the package's state beside them, and out of pages when they are found.
-// What is to be done is laid out beforehand; the three steps only walk over it.
+// Repeats recorded transfers on a file of its own. Besides the transfers it only makes the copies
+// that the same effects need: into memory when they are queued, from there into pages when they are
+// saved, together with the index and the package's state, and out of pages when they are found.
+// All steps are planned in advance; the timed functions only walk over the plan.
 class Replay {
 public:
     Replay(const FloorTask& task, const RecordedTransfers& recorded, Clock clock);
 
-    // Makes the file as long as the new cache's was. Throws std::runtime_error.
+    // Creates a file as long as the new cache's. Throws std::runtime_error.
     void Create(const std::string& path) const;
 
-    // With which calls a transfer is made: pread and pwrite, or a seek and a read or write of the
+    // The calls that make a transfer: pread and pwrite, or a seek and a read or write of the
     // standard I/O library, which the cache has to use.
     enum class Calls { Bare, Stdio };
 
-    // Times in nanoseconds, to be taken in this order on a file that was just created; each throws
-    // std::runtime_error when a transfer does not work.
+    // Times in nanoseconds. Must be called in this order on a file that was just created. Each
+    // throws std::runtime_error when a transfer fails.
     double Save(const std::string& path, Calls calls);
     double Open(const std::string& path, Calls calls);
     double FindAll(const std::string& path, Calls calls);

@@ -132,7 +132,7 @@ private:
         }
     }
 
-    // What reaches behind the end makes the file longer.
+    // A write at or past the end of the file makes it longer.
     void Add(Transfer::Kind kind, std::uint64_t offset, std::uint64_t length) {
         if (kind == Transfer::Kind::Write && offset >= fileSize_) {
             kind = Transfer::Kind::Grow;

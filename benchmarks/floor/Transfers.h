@@ -14,12 +14,12 @@ struct Transfer {
     enum class Kind : std::uint8_t {
         Read,
         Write,
-        Grow,  // a write behind the end of the file
+        Grow,  // a write at or past the end of the file
     };
     Kind kind;
     std::uint64_t offset;
     std::uint64_t length;
-    std::size_t effect;  // how many effects the phase had finished before
+    std::size_t effect;  // number of effects that the phase had finished before
 };
 
 struct PhaseTransfers {
@@ -28,18 +28,18 @@ struct PhaseTransfers {
     std::uint64_t calls = 0;           // all system calls of the phase
     std::uint64_t fileSizeBefore = 0;  // bytes
 
-    // Bytes that transfers of a kind moved.
+    // Bytes in transfers of a kind.
     std::uint64_t Bytes(Transfer::Kind kind) const;
 };
 
-// What the cache did to its file while it saved all effects, was opened again, and found all.
+// The cache's transfers while it saved all effects, was opened again, and found all of them.
 struct RecordedTransfers {
     PhaseTransfers save;
     PhaseTransfers open;
     PhaseTransfers allOnce;
 };
 
-// The work: so many effects of a source, and two orders of them.
+// The work: a number of effects of a source, and two orders of them.
 struct FloorTask {
     FloorTask(const std::string& effectsPath, std::uint64_t seedNumber, std::size_t count);
 
@@ -50,14 +50,14 @@ struct FloorTask {
     std::vector<std::size_t> searchOrder;
 };
 
-// Runs the cache on the task in a process of its own, in a new folder below the given one, and
-// records at the border between process and system, so that it does not matter how the library
-// makes its transfers. Throws std::runtime_error when the file is touched in a way that the record
-// can't express, std::system_error when the system allows no tracing.
+// Runs the cache on the task in a process of its own, in a new folder below the given one. Records
+// system calls, so that it does not matter how the library makes its transfers. Throws
+// std::runtime_error when the file is used in a way that the record can't express, and
+// std::system_error when the system does not allow tracing.
 RecordedTransfers RecordTransfers(const FloorTask& task, const std::string& directory);
 
-// Writes the transfers as text: a line for each phase with its name, then a line for each transfer:
-// effect, read, write or grow, number of the first page, bytes.
+// Writes the transfers as text: for each phase a line with its name, then a line for each transfer
+// with effect, kind (read, write or grow), number of the first page, and bytes.
 void WriteTransfers(const std::string& file, const RecordedTransfers& recorded);
 
 }  // namespace Quorvel::Benchmarks

@@ -1,4 +1,4 @@
-// quorvel-bench-floor: how far the cache is above what its page transfers cost by themselves.
+// quorvel-bench-floor: compares the time of the cache with that of its page transfers alone.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
@@ -32,7 +32,7 @@ struct Options {
     Clock clock = Clock::Wall;
 };
 
-// Times of one phase, nanoseconds an effect, a sample for each round.
+// Times of one phase in nanoseconds per effect, a sample for each round.
 struct PhaseTimes {
     const char* name;
     const PhaseTransfers& transfers;
@@ -43,7 +43,7 @@ struct PhaseTimes {
     double Quotient() const { return QuotientTo(floor); }
     double StdioQuotient() const { return QuotientTo(stdio); }
 
-    // The median of the rounds' own quotients: what slows a whole round down does not count.
+    // The median of the rounds' quotients, so that a slow round does not distort it.
     double QuotientTo(const std::vector<double>& times) const {
         std::vector<double> quotients;
         for (std::size_t round = 0; round < cache.size(); ++round) {
@@ -87,7 +87,7 @@ void RunFloor(Replay& replay, std::size_t effects, const std::string& directory,
 }
 
 void Print(std::size_t count, const std::vector<PhaseTimes>& times) {
-    std::printf("\n%zu effects, medians, nanoseconds an effect; transfers and calls an effect\n",
+    std::printf("\n%zu effects, medians, nanoseconds per effect; pages and calls per effect\n",
                 count);
     std::printf("%-10s%10s%10s%10s%10s%10s%10s%10s%10s%10s\n", "", "Quorvel", "floor", "quotient",
                 "stdio", "quotient", "reads", "writes", "growths", "calls");
@@ -171,23 +171,23 @@ void Run(Options& options) {
 
 int main(int argc, char** argv) {
     Options options;
-    CLI::App app("Compares the cache with the same page transfers made again by themselves");
+    CLI::App app("Compares the time of the cache with that of its page transfers alone");
     app.add_option("--effects", options.effects,
-                   "Real effects, as for quorvel-bench-stores; made up ones without this");
+                   "Real effects, as for quorvel-bench-stores (default: made-up effects)");
     app.add_option("--counts", options.counts,
-                   "Numbers of effects, e.g. 8000,40000 (default); with --effects all of them, and "
-                   "five times that, under other names")
+                   "Numbers of effects (default: 8000,40000; with --effects their number and five "
+                   "times that, repeated under other names)")
         ->delimiter(',');
     app.add_option("--rounds", options.rounds, "Rounds (default 7)")->check(CLI::PositiveNumber);
-    app.add_option("--seed", options.seed, "For effects and orders (default 1)");
+    app.add_option("--seed", options.seed, "Seed for effects and orders (default 1)");
     app.add_option("--directory", options.directory,
-                   "Where the files are put (default: the folder for temporary files)");
+                   "Folder for the files (default: the folder for temporary files)");
     app.add_option("--json", options.json, "File to write every sample to");
     app.add_option("--transfers", options.transfers,
-                   "File to write the transfers to, those of the last number of effects");
+                   "File to write the transfers of the last number of effects to");
     bool byProcessor = false;
     app.add_flag("--processor-time", byProcessor,
-                 "Take the processor's time, not the clock's: for a machine that is busy");
+                 "Measure processor time instead of wall-clock time, for a busy machine");
     try {
         int exitCode = 0;
         if (Quorvel::Testing::RunRequestedAgent(argc, argv, exitCode)) {

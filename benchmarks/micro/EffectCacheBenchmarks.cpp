@@ -1,5 +1,5 @@
-// The effect cache's main operations over the number of effects. Those called Walk touch every
-// effect by their nature; they also give the number of effects a second.
+// The effect cache's main operations for different numbers of effects. Those called Walk visit
+// every effect; they also report effects per second.
 #include <benchmark/benchmark.h>
 
 #include "micro/Fixtures.h"
@@ -47,7 +47,7 @@ void SearchAbsent(benchmark::State& state) {
 }
 BENCHMARK(SearchAbsent)->Name("Curve/SearchAbsent")->ArgsProduct({CurveCounts()});
 
-// A hundred effects that are there already are saved again, one after another in the file's order.
+// Saves a hundred existing effects again, in the order of the file.
 void SaveHundred(benchmark::State& state) {
     FullCache& full = CacheOf(state.range(0));
     std::size_t first = 0;
@@ -66,7 +66,7 @@ BENCHMARK(SaveHundred)
     ->Iterations(5)
     ->Unit(benchmark::kMillisecond);
 
-// The old object goes and a new one loads the state and the index.
+// Releases the cache, and opens it again, which loads the state and the index.
 void IndexLoad(benchmark::State& state) {
     FullCache& full = CacheOf(state.range(0));
     for (auto turn : state) {

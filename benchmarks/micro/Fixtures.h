@@ -11,7 +11,7 @@
 
 namespace Quorvel::Benchmarks {
 
-// What most benchmarks use: a page cache's capacity as the effect cache has it.
+// The page cache capacity of the effect cache.
 constexpr std::uint64_t kCapacity = 64;
 
 // The numbers of effects, streams or pages of a curve.
@@ -19,7 +19,7 @@ inline std::vector<std::int64_t> CurveCounts() {
     return {1000, 2000, 4000, 8000, 16000, 32000, 60000};
 }
 
-// A folder with a file of zeros of so many pages.
+// A folder with a file of that number of zero pages.
 class PageFile {
 public:
     explicit PageFile(std::uint64_t pages) : path_(directory_.Path() + "/pages") {

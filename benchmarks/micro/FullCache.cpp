@@ -28,7 +28,7 @@ FullCache::FullCache(std::size_t count) {
     }
     Reopen();
     if (cache_->GetNumberOfEffectsInFile() != count) {
-        throw std::runtime_error("the cache did not save all");
+        throw std::runtime_error("the cache did not save all effects");
     }
 }
 

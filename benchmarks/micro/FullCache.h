@@ -12,7 +12,7 @@
 
 namespace Quorvel::Benchmarks {
 
-// An effect cache of so many made-up effects in a folder of its own, saved and opened again.
+// An effect cache with count made-up effects in a folder of its own, saved and opened again.
 class FullCache {
 public:
     explicit FullCache(std::size_t count);
@@ -22,10 +22,10 @@ public:
     const CStr& Name(std::size_t number) const { return names_[number]; }
     const CStr& AbsentName(std::size_t number) const { return absentNames_[number]; }
 
-    // Queues effects that are there already, so that their number stays.
+    // Queues effects that the file already has, so that their number stays the same.
     void QueueAgain(std::size_t first, std::size_t count);
 
-    // Lets the cache's object go, and makes another one.
+    // Releases the cache and opens it again.
     void Reopen();
 
 private:
@@ -35,7 +35,7 @@ private:
     Util::RefPtr<EffectCacheSystem> cache_;
 };
 
-// Made once for each number of effects.
+// Created once for each number of effects.
 FullCache& CacheOf(std::int64_t count);
 
 }  // namespace Quorvel::Benchmarks

@@ -30,7 +30,7 @@ void PageCacheHit(benchmark::State& state) {
 }
 BENCHMARK(PageCacheHit);
 
-// A page that is not there: one is written back, one is read.
+// A page that is not in the cache: one page is written back, one is read.
 void PageCacheMiss(benchmark::State& state) {
     const PageFile file(kPages);
     FilePageCache cache(file.Path(), kCapacity);
@@ -44,7 +44,7 @@ void PageCacheMiss(benchmark::State& state) {
 }
 BENCHMARK(PageCacheMiss);
 
-// A page behind the end of the file: the file grows, a page is written back, one is read.
+// A page past the end of the file: the file grows, one page is written back, one is read.
 void PageCacheGrow(benchmark::State& state) {
     const PageFile file(0);
     FilePageCache cache(file.Path(), kCapacity);
@@ -60,7 +60,7 @@ BENCHMARK(PageCacheGrow)->Iterations(20000);
 
 // ---- Page allocator -----------------------------------------------------------------------------
 
-// A page is freed and taken again in a chain of that many pages.
+// Frees and allocates a page in a chain of that number of pages.
 void AllocatorReuse(benchmark::State& state) {
     PageAllocator allocator;
     std::vector<std::uint64_t> pages;
@@ -120,7 +120,7 @@ private:
     Util::RefPtr<PagedFileStream> stream_;
 };
 
-// Bytes at a time through pages that are all in memory.
+// Reads a number of bytes at a time from pages that are all in memory.
 void StreamRead(benchmark::State& state) {
     StreamFixture fixture(kCapacity / 2);
     std::vector<char> buffer(static_cast<std::size_t>(state.range(0)));

@@ -13,7 +13,7 @@ namespace Quorvel::Benchmarks {
 
 namespace {
 
-// A stream of so many whole pages and a tail, as one that is opened: a new seeker each time.
+// Opening a stream of that number of whole pages and a tail: a new seeker each time.
 void ChildSeekerAttach(benchmark::State& state) {
     const auto pages = static_cast<std::uint64_t>(state.range(0));
     const Util::RefPtr<IPageAllocator> allocator(new PageAllocator);
@@ -54,7 +54,7 @@ void ChildSeekerPosition(benchmark::State& state) {
 }
 BENCHMARK(ChildSeekerPosition);
 
-// A head file of so many pages, all of whose headers are written, or read and checked.
+// A head file of that number of pages. All headers are written, or read and checked.
 class HeadFile {
 public:
     explicit HeadFile(std::uint64_t pages) : file_(pages), cache_(file_.Path(), kCapacity) {

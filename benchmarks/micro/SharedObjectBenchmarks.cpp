@@ -1,4 +1,4 @@
-// What processes share: the named mutex and the time stamp, with nobody else there.
+// The objects that processes share, used by one process: the named mutex and the time stamp.
 #include <benchmark/benchmark.h>
 #include <quorvel/Quorvel.h>
 

@@ -20,7 +20,7 @@ std::uint64_t StreamSize(Random& random) {
     return 300 + random.Below(3796);
 }
 
-// A package of so many streams in a folder of its own.
+// A package of that number of streams in a folder of its own.
 class FullPackage {
 public:
     explicit FullPackage(std::int64_t streams) : path_(directory_.Path() + "/package") {
@@ -47,7 +47,7 @@ private:
     std::vector<std::uint64_t> ids_;
 };
 
-// Made once for each number of streams: that takes longer than most of what is measured.
+// Created once for each number of streams, since that takes longer than most measured operations.
 FullPackage& PackageOf(std::int64_t streams) {
     static std::map<std::int64_t, FullPackage> packages;
     return packages.try_emplace(streams, streams).first->second;
@@ -74,7 +74,7 @@ void StreamOpenAndRead(benchmark::State& state) {
 }
 BENCHMARK(StreamOpenAndRead)->Name("Curve/StreamOpenAndRead")->ArgsProduct({CurveCounts()});
 
-// One stream goes, another one comes.
+// Deletes a stream and creates another.
 void StreamReplace(benchmark::State& state) {
     FullPackage& full = PackageOf(state.range(0));
     Random random(4);
@@ -94,7 +94,7 @@ void StreamIdByIndex(benchmark::State& state) {
 }
 BENCHMARK(StreamIdByIndex)->Name("Curve/StreamIdByIndex")->ArgsProduct({CurveCounts()});
 
-// Streams that are only created, in an empty package, until there are so many.
+// Creates that number of streams in an empty package.
 void StreamCreate(benchmark::State& state) {
     for (auto turn : state) {
         const FullPackage full(state.range(0));
@@ -108,7 +108,7 @@ BENCHMARK(StreamCreate)
     ->Iterations(1)
     ->Unit(benchmark::kMillisecond);
 
-// The state of the whole package is written, or read.
+// PackageCommit writes the state of the whole package, and PackageLoad reads it.
 void PackageCommit(benchmark::State& state) {
     FullPackage& full = PackageOf(state.range(0));
     for (auto turn : state) {

@@ -39,7 +39,7 @@ struct Task {
     std::size_t count;
 };
 
-// Passes everything on, and samples the memory now and then.
+// Forwards every call, and samples the memory now and then.
 class SampledStore : public Store {
 public:
     SampledStore(std::unique_ptr<Store> store, MemoryPeak& peak)

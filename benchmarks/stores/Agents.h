@@ -5,22 +5,23 @@
 
 namespace Quorvel::Benchmarks {
 
-// What runs in processes of its own (Agents.cpp). Every agent's first arguments are: store,
-// directory, path of the effects, seed, number of the first effect, number of effects.
+// The agents, which run in processes of their own (Agents.cpp). Every agent's first arguments are:
+// store, directory, path of the effects, seed, number of the first effect, number of effects.
 
-// Sends "0" when it is ready; then saves as many of its effects as it is told to, and answers with
-// the nanoseconds that this took.
+// Sends "0" when it is ready. Then, for each number it receives, saves that number of its effects
+// and answers with the nanoseconds that this took.
 constexpr char kSaverAgent[] = "Saver";
 
-// Two more arguments: path of a StopFlag, a number of its own. Sends "0" when it is ready; told to
-// go, it searches until the flag is up, and sends the number of searches and their nanoseconds.
+// Two more arguments: path of a StopFlag, and a number of its own. Sends "0" when it is ready. When
+// told to go, it searches until the flag is up and sends the number of searches and their
+// nanoseconds.
 constexpr char kSearcherAgent[] = "Searcher";
 
-// Do all the work and send the peaks of memory.
+// Do all the work and send the memory peaks.
 constexpr char kSaveMemoryAgent[] = "SaveMemory";
 constexpr char kSearchMemoryAgent[] = "SearchMemory";
 
-// Does the work between marks, to be traced.
+// Does the work between marks, while it is traced.
 constexpr char kCallsAgent[] = "Calls";
 enum CallsPhase : std::uint16_t {
     kOtherPhase,

@@ -37,8 +37,8 @@ private:
     int descriptor_;
 };
 
-// A file for each effect: the number of bytes, then the bytes, written in one call. A file that is
-// shorter than its number says is one that somebody is still writing, and no effect yet.
+// A file for each effect: the number of bytes, then the bytes, written in one call. A file with
+// fewer bytes is still being written and does not count as an effect.
 class DirectoryStore : public Store {
 public:
     explicit DirectoryStore(const std::string& directory) : directory_(directory + '/') {
@@ -90,8 +90,8 @@ private:
         return moved > 0 ? static_cast<std::size_t>(moved) : 0;
     }
 
-    // A name as the name of a file: slashes and percent signs are written as %2F and %25. One that
-    // would be too long for a file is cut, with a hash of all of it at its end.
+    // A name as a file name: slashes and percent signs become %2F and %25. A name that is too long
+    // for a file is cut and ends in a hash of the whole name.
     const std::string& PathOf(const CStr& name) {
         path_ = directory_;
         std::uint64_t hash = 0xCBF29CE484222325;

@@ -9,7 +9,7 @@ namespace Quorvel::Benchmarks {
 
 namespace {
 
-// Room that is reserved in the address space, not on the disk.
+// Reserved in the address space, not on the disk.
 constexpr std::size_t kMapSize = std::size_t{4} << 30;
 
 void Check(int result) {
@@ -22,8 +22,8 @@ MDB_val ValueOf(const void* bytes, std::size_t size) {
     return {size, const_cast<void*>(bytes)};
 }
 
-// A write transaction a batch, and one read transaction that is renewed for every search, without
-// which a search would not see what others have saved.
+// A write transaction per batch, and one read transaction that is renewed for every search, so that
+// the search sees what other processes have saved.
 class LmdbStore : public Store {
 public:
     explicit LmdbStore(const std::string& directory) {

@@ -29,8 +29,8 @@ ResidentMemory CurrentMemory() {
     return {StatusField("VmRSS:"), StatusField("RssAnon:")};
 }
 
-// What the heap holds free is given back first, so that its use again counts as growth; writing 5
-// makes the kernel forget the peak so far.
+// Returns the heap's free memory to the system first, so that using it again counts as growth.
+// Writing 5 resets the kernel's peak.
 MemoryPeak::MemoryPeak() {
     ::malloc_trim(0);
     std::ofstream("/proc/self/clear_refs") << '5';

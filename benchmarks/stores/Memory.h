@@ -4,15 +4,15 @@
 
 namespace Quorvel::Benchmarks {
 
-// Bytes of this process that are in memory, from /proc/self/status.
+// Resident bytes of this process, from /proc/self/status.
 struct ResidentMemory {
-    std::uint64_t all;   // mapped files included
-    std::uint64_t heap;  // what no file backs
+    std::uint64_t all;   // including mapped files
+    std::uint64_t heap;  // not backed by a file
 };
 ResidentMemory CurrentMemory();
 
-// The most of each since construction, over what there was then: of `all` as the kernel recorded
-// it, of `heap` at the moments of Sample.
+// The greatest growth of each since construction: of `all` as recorded by the kernel, of `heap` at
+// the calls of Sample.
 class MemoryPeak {
 public:
     MemoryPeak();

@@ -8,7 +8,7 @@ namespace Quorvel::Benchmarks {
 
 namespace {
 
-// The effect cache as it is: it makes batches of its own.
+// The effect cache, which makes its own batches.
 class QuorvelStore : public Store {
 public:
     explicit QuorvelStore(const std::string& directory)

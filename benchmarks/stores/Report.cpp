@@ -17,7 +17,7 @@ const FigureDescription& Describe(Figure figure) {
             return description;
         }
     }
-    throw std::logic_error("a figure without description");
+    throw std::logic_error("a figure without a description");
 }
 
 std::string Cell(const Samples& samples, const FigureDescription& description) {
@@ -71,15 +71,15 @@ void PrintTables(const WorkloadResults& results) {
     std::printf("\n%zu effects, %.1f MiB, names of %.0f bytes\n", results.count,
                 static_cast<double>(results.effectBytes) / 0x100000,
                 static_cast<double>(results.nameBytes) / static_cast<double>(results.count));
-    PrintTable(results, "Nanoseconds an effect (median, half the quartiles' distance)",
+    PrintTable(results, "Nanoseconds per effect (median, half the interquartile range)",
                {Figure::Save, Figure::Open, Figure::AllOnce, Figure::Hot20, Figure::Hot200,
                 Figure::Absent, Figure::AbsentOnce});
-    PrintTable(results, "With other processes (nanoseconds an effect)",
+    PrintTable(results, "With other processes (nanoseconds per effect)",
                {Figure::AfterSave, Figure::SearchBesideSave, Figure::SaveBesideSearch});
-    PrintTable(results, "Bytes on disk for a byte cached; peak of memory, bytes an effect",
+    PrintTable(results, "Bytes on disk per cached byte; memory peaks, bytes per effect",
                {Figure::DiskRatio, Figure::SavePeak, Figure::SaveHeapPeak, Figure::SearchPeak,
                 Figure::SearchHeapPeak});
-    PrintTable(results, "System calls an effect",
+    PrintTable(results, "System calls per effect",
                {Figure::SaveCalls, Figure::AllOnceCalls, Figure::Hot20Calls, Figure::AbsentCalls});
     std::fflush(stdout);
 }

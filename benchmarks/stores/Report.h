@@ -18,10 +18,10 @@ struct WorkloadResults {
     std::map<std::string, Samples> byStore;  // by StoreKind::name
 };
 
-// Prints medians, and behind them half the distance of the quartiles in percent, as tables.
+// Prints tables of medians, each followed by half the interquartile range in percent.
 void PrintTables(const WorkloadResults& results);
 
-// Writes every sample to a JSON file, with what was measured and on what. Throws
+// Writes every sample to a JSON file, with descriptions of the effects and the machine. Throws
 // std::runtime_error when it can't be written.
 void WriteJson(const std::string& path, const std::vector<WorkloadResults>& results,
                const std::string& effects, const nlohmann::ordered_json& machine);

@@ -32,7 +32,7 @@ std::optional<std::span<const unsigned char>> Get(rocksdb::DB& effects, const CS
     return std::span(reinterpret_cast<const unsigned char*>(found.data()), found.size());
 }
 
-// Without a log, what was written is in memory until it is flushed.
+// Without a log, writes stay in memory until they are flushed.
 class RocksDbStore : public Store {
 public:
     explicit RocksDbStore(const std::string& directory) {
@@ -76,12 +76,12 @@ private:
     std::string found_;
 };
 
-// A secondary instance, which catches up with the one that writes before every search.
+// A secondary instance, which catches up with the writing one before every search.
 class RocksDbReader : public Store {
 public:
     explicit RocksDbReader(const std::string& directory) {
         rocksdb::Options options;
-        options.max_open_files = -1;  // what a secondary instance asks for
+        options.max_open_files = -1;  // required by a secondary instance
         rocksdb::DB* opened = nullptr;
         Check(rocksdb::DB::OpenAsSecondary(options, directory, messages_.Path(), &opened));
         effects_.reset(opened);
@@ -96,7 +96,7 @@ public:
     }
 
 private:
-    // Where it keeps its log of messages.
+    // For its log of messages.
     const ScratchDirectory messages_{std::filesystem::temp_directory_path()};
     std::unique_ptr<rocksdb::DB> effects_;
     std::string found_;

@@ -26,7 +26,7 @@ public:
         sqlite3_bind_blob64(statement_, place, bytes, size, SQLITE_STATIC);
     }
 
-    // True when there is a row.
+    // Returns true when there is a row.
     bool Step() {
         const int result = sqlite3_step(statement_);
         if (result != SQLITE_ROW && result != SQLITE_DONE) {

@@ -5,10 +5,10 @@
 
 namespace Quorvel::Benchmarks {
 
-// A flag in a file that several processes have mapped, so that looking at it costs a load.
+// A flag in a file that several processes have mapped, so that checking it costs one load.
 class StopFlag {
 public:
-    // Opens the file, or makes it with the flag down. Throws std::system_error.
+    // Opens the file, or creates it with the flag down. Throws std::system_error.
     explicit StopFlag(const std::string& path);
     StopFlag(const StopFlag&) = delete;
     StopFlag& operator=(const StopFlag&) = delete;

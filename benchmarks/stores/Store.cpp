@@ -22,7 +22,7 @@ const StoreKind& FindStoreKind(const std::string& name) {
             return kind;
         }
     }
-    throw std::runtime_error("there is no store " + name);
+    throw std::runtime_error("unknown store " + name);
 }
 
 }  // namespace Quorvel::Benchmarks

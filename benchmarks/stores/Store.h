@@ -11,9 +11,9 @@
 
 namespace Quorvel::Benchmarks {
 
-// A place that keeps effects in a directory, as a host would use it for its shader cache. No store
-// asks the system to write anything to the disk itself. One thread at a time; errors are thrown.
-// Destruction closes the store; what was flushed is found by the next to open it.
+// Keeps effects in a directory, as a host would for its shader cache. No store asks the system to
+// sync to the disk. For one thread at a time; errors are thrown. Destruction closes the store; the
+// next process that opens it finds everything that was flushed.
 class Store {
 public:
     Store() = default;
@@ -21,21 +21,21 @@ public:
     Store& operator=(const Store&) = delete;
     virtual ~Store() = default;
 
-    // Takes an effect. When those that wait come to kBatchSize, by Batch's count, they are saved as
-    // one transaction or whatever the store has for it.
+    // Adds an effect. When the waiting effects reach kBatchSize, as counted by Batch, they are
+    // saved as one transaction or the store's equivalent.
     virtual void Save(const Effect& effect) = 0;
 
-    // Saves what waits, so that other processes find it.
+    // Saves the waiting effects, so that other processes find them.
     virtual void Flush() = 0;
 
-    // The bytes of a name, copied out of the store into memory that the next search uses again.
+    // The bytes of a name, copied from the store into memory that the next search reuses.
     virtual std::optional<std::span<const unsigned char>> Find(const CStr& name) = 0;
 };
 
-// Counts what waits to be saved as the effect cache does: name, bytes and 60 more for each effect.
+// Counts waiting bytes as the effect cache does: name, bytes and 60 more for each effect.
 class Batch {
 public:
-    // True when the batch is complete with this effect; it is empty then.
+    // Returns true when this effect completes the batch, which is then empty again.
     bool Add(const Effect& effect) {
         bytes_ += kRecordSize + effect.name.Length() + effect.bytes.size();
         if (bytes_ < kBatchSize) {
@@ -52,11 +52,11 @@ private:
     std::uint64_t bytes_ = 0;
 };
 
-// What a process may do with a directory that others have open.
+// What a process may do with a directory that other processes have open.
 enum class Sharing {
     Any,             // any process may save and search
     ReadersBeside,   // one process saves; others search through StoreKind::openReader
-    OneProcessOnly,  // nobody else can open it
+    OneProcessOnly,  // no other process can open it
 };
 
 struct StoreKind {
@@ -66,14 +66,14 @@ struct StoreKind {
     bool hasFilePerEffect;
     std::unique_ptr<Store> (*open)(const std::string& directory);
 
-    // Opens the store beside a process that saves, to search only. Every search then sees what was
+    // Opens the store only for searching, beside a process that saves. Every search sees what was
     // flushed before it.
     std::unique_ptr<Store> (*openReader)(const std::string& directory);
 };
 
 const std::vector<StoreKind>& StoreKinds();
 
-// Throws std::runtime_error when there is none of that name.
+// Throws std::runtime_error when there is no store of that name.
 const StoreKind& FindStoreKind(const std::string& name);
 
 std::unique_ptr<Store> OpenQuorvelStore(const std::string& directory);

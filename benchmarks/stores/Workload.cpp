@@ -23,8 +23,8 @@ namespace {
 constexpr std::size_t kHotSearches = 20000;
 constexpr std::size_t kAbsentNames = 200;
 constexpr std::size_t kAbsentSearches = 20000;
-constexpr std::size_t kSavesSeen = 7;             // for one sample of AfterSave
-constexpr std::size_t kEffectsInSave = 20;        // in each of these
+constexpr std::size_t kSavesSeen = 7;             // saves for one sample of AfterSave
+constexpr std::size_t kEffectsInSave = 20;        // effects in each of these saves
 constexpr std::size_t kSavedBesideSearch = 4000;  // about five batches
 constexpr int kSearchers = 4;
 constexpr double kMillisecond = 1e6;  // nanoseconds
@@ -36,9 +36,9 @@ enum SeedOffset : std::uint64_t { kSaveSeed = 101, kSearchSeed, kHotSeed, kDrawS
     throw std::runtime_error(what);
 }
 
-// The folder of a store. One with a file for each effect is removed at the end of the program only:
-// ext4 passes over the inodes that were freed in the last minutes, so that after tens of thousands
-// of removals a new file costs ten times as much.
+// The folder of a store. A store with a file per effect keeps its folder until the program ends:
+// ext4 skips recently freed inodes, so after tens of thousands of removals a new file costs ten
+// times as much.
 std::shared_ptr<const ScratchDirectory> MakeFolder(const StoreKind& kind,
                                                    const std::string& parent) {
     static std::vector<std::shared_ptr<const ScratchDirectory>> kept;
@@ -49,7 +49,7 @@ std::shared_ptr<const ScratchDirectory> MakeFolder(const StoreKind& kind,
     return folder;
 }
 
-// Looks at the first and the last bytes only: comparing all would cost more than finding.
+// Compares only the first and last bytes: comparing all would cost more than finding.
 void CheckBriefly(const Effect& effect,
                   const std::optional<std::span<const unsigned char>>& found) {
     if (!found || found->size() != effect.bytes.size() || found->front() != effect.bytes.front() ||
@@ -58,7 +58,8 @@ void CheckBriefly(const Effect& effect,
     }
 }
 
-// The words of an agent's answer as numbers. Throws std::runtime_error when there are fewer.
+// The words of an agent's answer as numbers. Throws std::runtime_error when there are fewer than
+// count.
 std::vector<double> NumbersIn(const std::string& line, std::size_t count) {
     std::istringstream words(line);
     std::vector<double> numbers{std::istream_iterator<double>(words), {}};
@@ -84,9 +85,9 @@ const std::vector<FigureDescription>& Figures() {
         {Figure::SaveBesideSearch, "save_beside_search_ns", "1 saves", 0},
         {Figure::DiskRatio, "disk_ratio", "disk", 2},
         {Figure::SavePeak, "save_peak_bytes", "save peak", 0},
-        {Figure::SaveHeapPeak, "save_heap_peak_bytes", "of it heap", 0},
+        {Figure::SaveHeapPeak, "save_heap_peak_bytes", "its heap part", 0},
         {Figure::SearchPeak, "search_peak_bytes", "search peak", 0},
-        {Figure::SearchHeapPeak, "search_heap_peak_bytes", "of it heap", 0},
+        {Figure::SearchHeapPeak, "search_heap_peak_bytes", "its heap part", 0},
         {Figure::SaveCalls, "save_calls", "save", 2},
         {Figure::AllOnceCalls, "all_once_calls", "all once", 2},
         {Figure::Hot20Calls, "hot_20_calls", "20 hot", 2},
@@ -158,12 +159,12 @@ void Workload::FindAbsent(Store& store, std::size_t searches, std::size_t names)
     names = std::min(names, searchOrder_.size());
     for (std::size_t search = 0; search < searches; ++search) {
         if (store.Find(absentNames_[searchOrder_[search % names]])) {
-            Fail("found what was never saved");
+            Fail("found an effect that was never saved");
         }
     }
 }
 
-// ---- What is timed ------------------------------------------------------------------------------
+// ---- Timing -------------------------------------------------------------------------------------
 
 void Workload::RunRound(const StoreKind& kind, Samples& samples) const {
     const auto folder = MakeFolder(kind, options_.directory);
@@ -207,8 +208,7 @@ void Workload::RunRound(const StoreKind& kind, Samples& samples) const {
     }
 }
 
-// The first pass, which brings the effects into whatever memory the store has for them, is not
-// timed.
+// The first pass, which brings the effects into the store's memory, is not timed.
 void Workload::TimeHot(Store& store, std::size_t hotCount, std::vector<double>& samples) const {
     std::vector<std::size_t> hot = ShuffledOrder(effects_.size(), options_.seed + kHotSeed);
     hot.resize(std::min(hot.size(), hotCount));
@@ -220,8 +220,8 @@ void Workload::TimeHot(Store& store, std::size_t hotCount, std::vector<double>& 
     samples.push_back(watch.Nanoseconds() / kHotSearches);
 }
 
-// Another process saves a few effects at a time; the first search after each is timed. Where only
-// one process can have the store open, the search begins with opening it.
+// Another process saves a few effects at a time; the first search after each save is timed. If only
+// one process can have the store open, the time includes opening it.
 void Workload::TimeAfterSave(const StoreKind& kind, const std::string& directory,
                              std::vector<double>& samples) const {
     Testing::ChildProcess saver(
@@ -281,14 +281,14 @@ void Workload::TimeBeside(const StoreKind& kind, const std::string& directory,
         const std::vector<double> answer = NumbersIn(searcher.Receive(), 2);
         searches += answer[0];
         searching += answer[1];
-        searcher.Wait();  // lets it close the store
+        searcher.Wait();  // until it has closed the store
     }
     saver.Wait();
     samples[Figure::SaveBesideSearch].push_back(saving / kSavedBesideSearch);
     samples[Figure::SearchBesideSave].push_back(searching / searches);
 }
 
-// ---- What is counted ----------------------------------------------------------------------------
+// ---- Memory and system calls --------------------------------------------------------------------
 
 std::vector<std::string> Workload::AgentArguments(const StoreKind& kind,
                                                   const std::string& directory, std::size_t first,
@@ -310,7 +310,7 @@ void Workload::RunOnce(const StoreKind& kind, Samples& samples) const {
     }
 }
 
-// Saves in one process and searches in another, so that neither has the other's memory.
+// Saves in one process and searches in another, so that their memory is measured separately.
 void Workload::MeasureMemory(const StoreKind& kind, Samples& samples) const {
     const auto folder = MakeFolder(kind, options_.directory);
     const std::string& directory = folder->Path();
@@ -338,7 +338,7 @@ void Workload::CountCalls(const StoreKind& kind, Samples& samples) const {
             Fail("the traced process failed");
         }
     } catch (const std::system_error&) {
-        return;  // no ptrace here: no figures
+        return;  // without ptrace there are no figures
     }
     const auto count = static_cast<double>(effects_.size());
     samples[Figure::SaveCalls].push_back(counts[kSavePhase] / count);

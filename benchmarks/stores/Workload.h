@@ -12,24 +12,24 @@
 
 namespace Quorvel::Benchmarks {
 
-// What is measured. Times are nanoseconds an effect, except where stated.
+// What is measured. Times are nanoseconds per effect, except where stated.
 enum class Figure {
-    Save,              // in random order into an empty store, until the store's object has gone
-    Open,              // of the full store in a new object; milliseconds
+    Save,              // in random order into an empty store, including closing it
+    Open,              // opening the full store; milliseconds
     AllOnce,           // every effect searched once, in random order, all bytes compared
-    Hot20,             // searches for 20 effects, over and over
-    Hot200,            // searches for 200 effects, over and over
-    Absent,            // searches for 200 names that no effect has, over and over
-    AbsentOnce,        // as many such names as there are effects, each once, in random order
+    Hot20,             // repeated searches for 20 effects
+    Hot200,            // repeated searches for 200 effects
+    Absent,            // repeated searches for 200 names that no effect has
+    AbsentOnce,        // one search for each of count absent names, in random order
     AfterSave,         // the first search after another process saved; milliseconds
     SearchBesideSave,  // in each of four processes while a fifth one saves
     SaveBesideSearch,  // in that fifth one
-    DiskRatio,         // bytes on the volume for a byte of effects
-    SavePeak,          // most memory while all is saved, over what the process had; bytes an effect
-    SearchPeak,        // the same while the store is opened and all is searched
-    SaveHeapPeak,      // what of these is not a file mapped into memory
+    DiskRatio,         // bytes on the volume per byte of effects
+    SavePeak,          // peak growth of memory while all effects are saved; bytes per effect
+    SearchPeak,        // the same while the store is opened and all effects are searched
+    SaveHeapPeak,      // the part of these that is not a mapped file
     SearchHeapPeak,
-    SaveCalls,  // system calls an effect
+    SaveCalls,  // system calls per effect
     AllOnceCalls,
     Hot20Calls,
     AbsentCalls,
@@ -39,7 +39,7 @@ struct FigureDescription {
     Figure figure;
     const char* name;   // in the results
     const char* title;  // in the table
-    int digits;         // behind the point
+    int digits;         // after the decimal point
 };
 const std::vector<FigureDescription>& Figures();
 
@@ -49,15 +49,14 @@ using Samples = std::map<Figure, std::vector<double>>;
 struct WorkloadOptions {
     std::string effects;  // path of an EffectSource, empty for made-up ones
     std::uint64_t seed = 1;
-    std::string directory;      // where the stores are put
-    Clock clock = Clock::Wall;  // for what one process does alone
+    std::string directory;      // where the stores are created
+    Clock clock = Clock::Wall;  // for measurements of a single process
     bool withProcesses = true;
     bool withMemory = true;
     bool withCalls = true;
 };
 
-// The same work for every store, in the same order: so many effects, and the orders in which they
-// are saved and searched.
+// The same work for every store: count effects, and the orders of saving and searching them.
 class Workload {
 public:
     Workload(const WorkloadOptions& options, std::size_t count);
@@ -66,14 +65,14 @@ public:
     std::uint64_t EffectBytes() const { return bytes_; }
     std::uint64_t NameBytes() const;
 
-    // One round of one store: all that is timed. Throws std::runtime_error when the store does not
-    // find what it was given.
+    // One round of all timings of one store. Throws std::runtime_error when the store does not find
+    // an effect that was saved.
     void RunRound(const StoreKind& kind, Samples& samples) const;
 
-    // Memory and system calls, each in a process of its own; once a store.
+    // Measures memory and system calls, each in a process of its own. Called once per store.
     void RunOnce(const StoreKind& kind, Samples& samples) const;
 
-    // The steps, for other processes.
+    // The steps, also for agents.
     void SaveAll(Store& store) const;
     void FindAll(Store& store) const;
     void FindHot20(Store& store, std::size_t searches) const;

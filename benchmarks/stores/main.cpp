@@ -1,4 +1,4 @@
-// quorvel-bench-stores: the same effects through several stores, in one process and one run.
+// quorvel-bench-stores: measures the same effects in several stores, in one process and one run.
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -26,15 +26,14 @@ struct Options {
     std::string json;
 };
 
-// Says on a terminal what goes on, in place of what it said before.
+// Shows the progress on a terminal, in place of the text before.
 void ShowProgress(const std::string& text) {
     if (::isatty(STDERR_FILENO)) {
         std::fprintf(stderr, "\r%-70s\r", text.c_str());
     }
 }
 
-// Rounds are interleaved: every store has its turn before any has its next one, and each round
-// begins with another store.
+// Rounds are interleaved: each round measures every store once and starts with a different one.
 WorkloadResults Measure(const Options& options, std::size_t count) {
     const Workload workload(options.workload, count);
     WorkloadResults results{count, workload.EffectBytes(), workload.NameBytes(), {}};
@@ -99,29 +98,29 @@ int main(int argc, char** argv) {
     bool noProcesses = false;
     bool noMemory = false;
     bool noCalls = false;
-    CLI::App app("Puts the same effects through several stores and compares them");
+    CLI::App app("Saves and finds the same effects in several stores and compares them");
     app.add_option("--effects", options.workload.effects,
                    "Real effects: a directory whose files are effects, named by their paths in it, "
-                   "or a file that lists files, one a line, a tab and a name behind each if it is "
-                   "not to be the path. Made up ones without this");
+                   "or a file that lists one file per line, with a tab and a name after it if the "
+                   "name is not the path (default: made-up effects)");
     app.add_option("--counts", options.counts,
-                   "Numbers of effects, e.g. 8000,40000 (default); with --effects all of them, and "
-                   "five times that, under other names")
+                   "Numbers of effects (default: 8000,40000; with --effects their number and five "
+                   "times that, repeated under other names)")
         ->delimiter(',');
     app.add_option("--stores", options.stores,
-                   "Some of quorvel,lmdb,leveldb,rocksdb,directory,sqlite")
+                   "Some of quorvel,lmdb,leveldb,rocksdb,directory,sqlite (default: all)")
         ->delimiter(',');
     app.add_option("--rounds", options.rounds, "Rounds (default 5)")->check(CLI::PositiveNumber);
-    app.add_option("--seed", options.workload.seed, "For effects and orders (default 1)");
+    app.add_option("--seed", options.workload.seed, "Seed for effects and orders (default 1)");
     app.add_option("--directory", options.workload.directory,
-                   "Where the stores are put (default: the folder for temporary files)");
+                   "Folder for the stores (default: the folder for temporary files)");
     app.add_option("--json", options.json, "File to write every sample to");
     app.add_flag("--processor-time", byProcessor,
-                 "Take the processor's time of all threads, not the clock's, for what one process "
-                 "does alone: for a machine that is busy");
-    app.add_flag("--no-processes", noProcesses, "Leave out what takes other processes");
-    app.add_flag("--no-memory", noMemory, "Leave out the peaks of memory");
-    app.add_flag("--no-calls", noCalls, "Leave out the system calls");
+                 "Measure processor time of all threads instead of wall-clock time where only one "
+                 "process works, for a busy machine");
+    app.add_flag("--no-processes", noProcesses, "Skip the measurements with other processes");
+    app.add_flag("--no-memory", noMemory, "Skip the memory peaks");
+    app.add_flag("--no-calls", noCalls, "Skip the system calls");
     CLI11_PARSE(app, argc, argv);
     options.workload.clock = byProcessor ? Clock::Processor : Clock::Wall;
     options.workload.withProcesses = !noProcesses;

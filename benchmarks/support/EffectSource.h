@@ -15,24 +15,24 @@ struct Effect {
     std::vector<unsigned char> bytes;
 };
 
-// Where the effects of a benchmark come from. They are numbered from 0 without end, and the effect
-// of a number is the same in every process that has the same source.
+// The source of a benchmark's effects. They are numbered from 0 without end, and a number denotes
+// the same effect in every process that has the same source.
 //
-// Without files they are made up, of the shape that compiled shaders have: names of 60 to 120 bytes
+// Without a path the effects are made up and resemble compiled shaders: names of 60 to 120 bytes
 // (source file, entry point, profile, macros), sizes from 300 bytes to 20 KiB around a median of
-// 2 KiB, distributed log-normally (sigma 0.67, which makes the mean a good 2.5 KiB).
+// 2 KiB, distributed log-normally (sigma 0.67, so the mean is a little over 2.5 KiB).
 //
-// With a path they are real. A directory: every file in it and below is an effect, and its path
-// from there, with slashes, the name. A file: each of its lines names an effect's file, from the
-// list's own folder unless it is absolute, and, behind a tab, the effect's name; without a tab the
-// name is the path. Files that are empty or larger than 1 MiB are left out. When a benchmark wants
-// more effects than there are, they come again with "#1", "#2", ... behind their names.
+// With a path they are real. In a directory, every file at any depth is an effect, named by its
+// relative path with slashes. A file is a list: each line has the path of an effect's file,
+// relative to the list's folder or absolute, then optionally a tab and the effect's name; without a
+// tab the name is the path. Files that are empty or larger than 1 MiB are skipped. When a benchmark
+// needs more effects than there are, they repeat with "#1", "#2", ... after their names.
 class EffectSource {
 public:
     // An empty path for made-up effects. Throws std::runtime_error when the path gives no effects.
     EffectSource(const std::string& path, std::uint64_t seed);
 
-    // Number of effects before they come again; 0 when they are made up.
+    // Number of effects before they repeat; 0 when they are made up.
     std::size_t FileCount() const { return files_.size(); }
 
     Effect Make(std::size_t number) const;
@@ -41,7 +41,7 @@ public:
     // A name of the same shape that no effect has.
     CStr AbsentName(std::size_t number) const;
 
-    // What describes the source in a report.
+    // Describes the source in a report.
     std::string Description() const;
 
 private:

@@ -4,8 +4,8 @@
 
 namespace Quorvel::Benchmarks {
 
-// What a result depends on besides the program: processor, number of cores, kernel, compiler, date,
-// and what else runs. To be called before the work, which is a load itself.
+// What a result depends on besides the program: processor, number of cores, kernel, compiler, date
+// and load. Must be called before the work, which is a load itself.
 nlohmann::ordered_json DescribeMachine();
 
 }  // namespace Quorvel::Benchmarks

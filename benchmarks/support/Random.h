@@ -8,7 +8,7 @@
 
 namespace Quorvel::Benchmarks {
 
-// Numbers that look random and are the same on every machine (SplitMix64).
+// Pseudo-random numbers that are the same on every machine (SplitMix64).
 class Random {
 public:
     explicit Random(std::uint64_t seed) : state_(seed) {}
@@ -41,7 +41,7 @@ inline std::vector<std::size_t> ShuffledOrder(std::size_t count, std::uint64_t s
     return order;
 }
 
-// length draws from the items, each as likely as the others.
+// length draws from the items, all equally likely.
 inline std::vector<std::size_t> RandomDraws(const std::vector<std::size_t>& items,
                                             std::size_t length, std::uint64_t seed) {
     std::vector<std::size_t> draws(length);

@@ -9,7 +9,7 @@ namespace Quorvel::Benchmarks {
 // A new, empty folder, removed with everything in it at the end of the scope.
 class ScratchDirectory {
 public:
-    // Throws std::system_error when it can't be made.
+    // Throws std::system_error when it can't be created.
     explicit ScratchDirectory(const std::filesystem::path& parent);
     ScratchDirectory(const ScratchDirectory&) = delete;
     ScratchDirectory& operator=(const ScratchDirectory&) = delete;
@@ -21,8 +21,7 @@ private:
     std::string path_;
 };
 
-// Bytes that the files in a folder, and the folder itself, take on the volume: their blocks, not
-// their lengths.
+// Bytes that a folder and the files in it take on the volume: their blocks, not their lengths.
 std::uint64_t BytesOnDisk(const std::filesystem::path& directory);
 
 }  // namespace Quorvel::Benchmarks

@@ -8,15 +8,15 @@
 
 namespace Quorvel::Benchmarks {
 
-// What is measured: the time that passes, or the processor's time that all threads of the process
-// take, which other work on the machine lengthens less.
+// What is measured: wall-clock time, or the processor time of all threads of the process, which
+// other work on the machine affects less.
 enum class Clock { Wall, Processor };
 
 inline const char* ClockName(Clock clock) {
     return clock == Clock::Wall ? "wall" : "processor";
 }
 
-// Nanoseconds since it was made.
+// Measures nanoseconds since its construction.
 class Stopwatch {
 public:
     explicit Stopwatch(Clock clock = Clock::Wall)
@@ -36,7 +36,7 @@ private:
     double start_;
 };
 
-// The value below which that part of the samples lies, interpolated; 0 without samples.
+// The value below which the given part of the samples lies, interpolated; 0 without samples.
 inline double Quantile(std::vector<double> samples, double part) {
     if (samples.empty()) {
         return 0;

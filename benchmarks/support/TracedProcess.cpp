@@ -16,7 +16,7 @@ namespace Quorvel::Benchmarks {
 
 namespace {
 
-// No process group has such a number.
+// Higher than any process id.
 constexpr std::uint64_t kMarkBase = 0x7FFF0000;
 constexpr int kCallStop = SIGTRAP | 0x80;
 constexpr int kCannotStart = 126;
@@ -55,7 +55,7 @@ pid_t StartStopped(const std::vector<std::string>& words) {
     return child;
 }
 
-// The calls that each thread of the traced process is in.
+// Keeps the current call of each thread of the traced process.
 class CallReader {
 public:
     CallReader(const std::function<void(const SystemCall&)>& onCall,

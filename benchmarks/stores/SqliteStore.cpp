@@ -79,7 +79,7 @@ private:
     sqlite3* database_ = nullptr;
 };
 
-// A transaction a batch, prepared statements, all settings but those two at their defaults.
+// A transaction per batch, prepared statements, and default settings except the two of Connection.
 class SqliteStore : public Store {
 public:
     explicit SqliteStore(const std::string& directory)

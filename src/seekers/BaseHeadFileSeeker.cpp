@@ -7,6 +7,7 @@
 
 namespace Quorvel {
 
+// mutation: a head file that is created or opened sets loadedThrough again
 BaseHeadFileSeeker::BaseHeadFileSeeker(FilePageCache* cache) : cache_(cache), loadedThrough(0) {}
 
 BaseHeadFileSeeker::~BaseHeadFileSeeker() {

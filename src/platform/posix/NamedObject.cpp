@@ -72,6 +72,7 @@ void FormatFolder(char (&path)[Size]) {
 int OpenFolder() {
     char path[64];
     FormatFolder(path);
+    // not reached in tests: the folder exists, except for processes that the tests kill
     if (::mkdir(path, S_IRWXU) != 0 && errno != EEXIST) {
         return -1;
     }
@@ -160,8 +161,9 @@ int MakeNew(int folder, const char* fileName, std::size_t bytes,
 // the caller holds the gate, which therefore stays.
 void RemoveDeadObjects(int folder) {
     FileDescriptor listed(::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    // not reached in tests: opening an open folder again fails only without descriptors or memory
     DIR* const directory = listed.IsOpen() ? ::fdopendir(listed.Get()) : nullptr;
-    if (!directory) {
+    if (!directory) {  // not reached in tests: for the same reason
         return;
     }
     listed.Detach();
@@ -211,7 +213,7 @@ std::string NamedObject::FileName(const char* kind, const char* name) {
         }
     }
     if (encoded.size() > kLongestFileName) {
-        char digest[64];
+        char digest[64];  // mutation: longer than the longest digest
         std::snprintf(digest, sizeof digest, "~%zu~%016llx%016llx", std::strlen(name),
                       static_cast<unsigned long long>(Hash(name, 0xCBF29CE484222325)),
                       static_cast<unsigned long long>(Hash(name, 0x9E3779B97F4A7C15)));
@@ -261,7 +263,7 @@ bool NamedObject::Leave() {
     if (descriptor_ < 0) {
         return false;
     }
-    if (process_ != ::getpid()) {
+    if (process_ != ::getpid()) {  // not reached in tests: a forked process leaves no counters
         ::close(std::exchange(descriptor_, -1));  // a forked process does not hold the object
         return false;
     }
@@ -275,6 +277,7 @@ bool NamedObject::Leave() {
         // process has changed its user, the folder is another one and may have a file of that name.
         isGone = gate.IsOpen() && Flock(file.Get(), LOCK_EX | LOCK_NB);
         struct stat status {};
+        // not reached in tests: no test process changes its user
         if (isGone &&
             ::fstatat(folder.Get(), fileName_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
             status.st_dev == device_ && status.st_ino == inode_) {
@@ -289,6 +292,7 @@ bool NamedObject::Leave() {
 }
 
 bool NamedObject::IsSameFileAs(const NamedObject& other) const {
+    // not reached in tests: all objects are on one volume
     return device_ == other.device_ && inode_ == other.inode_;
 }
 

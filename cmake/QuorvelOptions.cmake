@@ -13,6 +13,11 @@ option(QUORVEL_BUILD_FUZZERS "Build the fuzzing harnesses (clang, preset fuzz)" 
 option(QUORVEL_WARNINGS_AS_ERRORS "Treat compiler warnings as errors" OFF)
 option(QUORVEL_COVERAGE "Instrument for gcov" OFF)
 set(QUORVEL_SANITIZERS "" CACHE STRING "Value for -fsanitize=, empty for none")
+set(assertions OFF)
+if(CMAKE_BUILD_TYPE STREQUAL Debug OR QUORVEL_SANITIZERS OR QUORVEL_BUILD_FUZZERS)
+    set(assertions ON)
+endif()
+option(QUORVEL_ASSERTIONS "Check assertions in the library itself; the tests always do" ${assertions})
 set(QUORVEL_HOST_LIBRARIES "" CACHE STRING
     "The host's own utility libraries to build against (targets, or absolute library paths with \
 QUORVEL_HOST_INCLUDE_DIRS); empty uses the stand-ins under host/")

@@ -6,12 +6,15 @@
 // counts the instructions of one operation on it. File and heap are in the same state in every run.
 #include <quorvel/Quorvel.h>
 
+#include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <exception>
 #include <functional>
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/EffectSource.h"
@@ -70,12 +73,22 @@ void CountOpen(const std::string& directory) {
     Expect(cache->GetNumberOfEffectsInFile() == kSavedEffects, "not all effects were read");
 }
 
+// The library computes local time once a second, which takes as long as a fifth of a search.
+void WaitForNextSecond() {
+    const std::time_t start = std::time(nullptr);
+    while (std::time(nullptr) == start) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
 // One effect that was searched just before, so that its page is in memory.
 void CountHotSearch(const std::string& directory) {
     const Effect effect = Source().Make(kFound);
     const Util::RefPtr<EffectCacheSystem> cache = Open(directory);
     Tab<unsigned char> found;
-    bool isFound = cache->SearchCachedEffects(effect.name, found);
+    WaitForNextSecond();
+    bool isFound = cache->SearchCachedEffects(effect.name, found) &&
+                   cache->SearchCachedEffects(effect.name, found);
     Expect(isFound, "an effect was not found");
     Count([&] { isFound = cache->SearchCachedEffects(effect.name, found); });
     Expect(isFound, "an effect was not found again");

@@ -3,9 +3,8 @@
 #include <cstdio>
 #include <cstring>
 #include <span>
-#include <string>
+#include <vector>
 
-#include "effectcache/StreamHelpers.h"
 #include "platform/Path.h"
 
 namespace Quorvel {
@@ -13,10 +12,6 @@ namespace Quorvel {
 namespace {
 
 constexpr char kFileName[] = "vornFxoCache.dat";
-
-// Pending effects are saved when they come to this. The count is an over-estimate: an effect that
-// is cached twice counts twice.
-constexpr std::uint64_t kSaveThreshold = 0x200000;
 
 CStr WithSeparator(const CStr& directory) {
     const std::size_t length = directory.Length();
@@ -26,56 +21,23 @@ CStr WithSeparator(const CStr& directory) {
     return directory + CStr(&Platform::kPathSeparator, 1);
 }
 
-// The name that a path gives the objects which processes share: letters and digits stay.
-std::string ObjectName(const CStr& path) {
-    std::string name(path.data(), path.Length());
-    for (char& byte : name) {
-        const bool plain = (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
-                           (byte >= '0' && byte <= '9');
-        if (!plain) {
-            byte = '_';
-        }
-    }
-    return name;
-}
-
 }  // namespace
 
 EffectCacheImpl::EffectCacheImpl(const CStr& directory)
     : directory_(directory),
       directoryPath_(WithSeparator(directory)),
       filePath_(directory.Length() != 0 ? directoryPath_ + CStr(kFileName) : CStr()),
-      enabled_(true),
-      header_{},
-      pendingBytes_(0) {
-    const std::string name = ObjectName(filePath_);
-    fileMutex_ = std::make_unique<MutexObject>((name + "_mutex").c_str());
-    // Seen from here on: a save between now and the opening of the file makes for one reload too
-    // many, never for one too few.
-    stamp_.Initialize((name + "_timestamp").c_str());
-
-    const AutoMutex guard(*fileMutex_, kWaitForever);
-    if (!OpenFile()) {
-        CreateFile();
-    }
+      file_(directoryPath_, filePath_) {
+    const EffectCacheFile::Lock lock(file_);
+    file_.Open(lock, index_);
 }
 
 EffectCacheImpl::~EffectCacheImpl() {
     SaveToFile();
-    ClearState();
-    if (package_) {
-        const AutoMutex guard(*fileMutex_, kWaitForever);
-        LetPackageGo();
+    if (file_.IsUsable()) {
+        const EffectCacheFile::Lock lock(file_);
+        file_.Close(lock);
     }
-}
-
-void EffectCacheImpl::ClearState() {
-    fileTable_.Clear();
-    pendingTable_.Clear();
-    pendingBytes_ = 0;
-    enabled_ = true;
-    header_ = {};
-    missingStreams_.clear();
 }
 
 void EffectCacheImpl::CacheCompiledEffect(const CStr& name, const unsigned char* data,
@@ -89,15 +51,12 @@ void EffectCacheImpl::CacheCompiledEffect(const CStr& name, const unsigned char*
     }
     const std::uint32_t hash = key.Hash();
     const Platform::CriticalSectionGuard guard(section_);
-    if (!package_) {
+    if (!file_.IsUsable()) {
         return;
     }
-    pendingTable_.MakeRoom();
-    pendingTable_.Put(
-        PendingEffect::Make(pendingTable_, key, hash, {data, size}, permanent ? 1U : 0U), hash);
-    pendingBytes_ += IndexEntrySize(key.length) + SerializedSize(size);
-    if (pendingBytes_ >= kSaveThreshold) {
-        SavePending();
+    queue_.Add(key, hash, {data, size}, permanent);
+    if (queue_.IsDue()) {
+        SaveToFile();
     }
 }
 
@@ -108,41 +67,44 @@ bool EffectCacheImpl::SearchCachedEffects(const CStr& name, Tab<unsigned char>& 
     }
     const std::uint32_t hash = key.Hash();
     const Platform::CriticalSectionGuard guard(section_);
-    if (!package_) {
+    if (!file_.IsUsable()) {
         return false;
     }
-    if (const PendingEffect* const pending = pendingTable_.Find(key, hash)) {
+    if (const PendingEffect* const pending = queue_.Find(key, hash)) {
         const std::span<const unsigned char> bytes = pending->Compiled();
         data.SetCount(static_cast<int>(bytes.size()));
         std::memcpy(data.Addr(0), bytes.data(), bytes.size());
         return true;
     }
 
-    const AutoMutex fileGuard(*fileMutex_, kWaitForever);
-    SyncWithFile(fileGuard);
-    IndexEntry* const found = fileTable_.Find(key, hash);
-    return found && ReadEffect(found->record, data);
+    const EffectCacheFile::Lock lock(file_);
+    file_.Sync(lock, index_);
+    IndexEntry* const found = index_.Find(key, hash);
+    if (!found || !file_.Read(lock, found->record, data)) {
+        return false;
+    }
+    found->record.entryTime = CurrentEntryTime();
+    return true;
 }
 
-bool EffectCacheImpl::ReadEffect(EffectRecord& record, Tab<unsigned char>& data) {
-    if (!package_) {
+bool EffectCacheImpl::SaveToFile() noexcept {
+    if (!file_.IsUsable()) {
+        return true;
+    }
+    const EffectCacheFile::Lock lock(file_);
+    if (queue_.Size() == 0) {
+        return true;
+    }
+    if (!file_.Save(lock, index_, queue_)) {
         return false;
     }
-    Util::RefPtr<IDataStream> stream = package_->OpenDataStream(record.streamId);
-    if (!ReadBytes(data, stream, kLargestEffect)) {
-        return false;
-    }
-    const auto count = static_cast<std::uint64_t>(data.Count());
-    if (count != record.effectSize || stream->GetSize() != SerializedSize(count)) {
-        return false;
-    }
-    record.entryTime = CurrentEntryTime();
+    queue_.Clear();
     return true;
 }
 
 bool EffectCacheImpl::IsEnabled() {
     const Platform::CriticalSectionGuard guard(section_);
-    return package_ && enabled_;
+    return file_.IsUsable() && enabled_;
 }
 
 void EffectCacheImpl::SetEnabled(bool enabled) {
@@ -150,12 +112,13 @@ void EffectCacheImpl::SetEnabled(bool enabled) {
     enabled_ = enabled;
 }
 
-void EffectCacheImpl::ListCachedEffects(const char* fileName) const {
+void EffectCacheImpl::ListCachedEffects(const char* fileName) {
+    const std::vector<IndexEntry*>& entries = index_.Entries();
     std::FILE* const file = fileName ? std::fopen(fileName, "w") : nullptr;
     if (!file) {
         return;
     }
-    for (const IndexEntry* const entry : fileTable_.Entries()) {
+    for (const IndexEntry* const entry : entries) {
         std::fputs("Name: ", file);
         std::fwrite(entry->Key().bytes, 1, entry->Key().length, file);
         const std::uint32_t size = entry->record.effectSize;

@@ -6,7 +6,7 @@ namespace Quorvel {
 
 namespace {
 
-// Runs an operation of which nothing may get out; what it throws gives the result of failure.
+// Runs an operation that must not throw. An exception yields the result of failure.
 template <typename Result, typename Operation>
 Result Absorb(Result failure, const Operation& operation) noexcept {
     try {
@@ -42,7 +42,10 @@ void EffectCacheSystem::ForceSaveToFile() {
 }
 
 void EffectCacheSystem::ListCachedEffects(const char* fileName) {
-    impl_->ListCachedEffects(fileName);
+    Absorb(false, [&] {
+        impl_->ListCachedEffects(fileName);
+        return true;
+    });
 }
 
 bool EffectCacheSystem::IsEnabled() const {

@@ -3,9 +3,9 @@
 #include <cstddef>
 #include <cstdint>
 
-// What the effect cache keeps in its package file: in the header data a block that holds a
-// CacheHeader; an index stream with an EffectRecord and a name for each effect; and for each effect
-// a stream of its own with its bytes.
+// What the effect cache keeps in its package file: a block of the header data that holds a
+// CacheHeader; an index stream with an EffectRecord and a name for each effect; and a stream for
+// each effect's bytes.
 namespace Quorvel {
 
 // All inclusive.
@@ -15,9 +15,12 @@ constexpr std::uint64_t kSmallestEffect = 1;
 constexpr std::uint64_t kLargestEffect = 0x100000;
 constexpr std::uint64_t kMostEffects = 8388608;
 
+// The cache's package has at most this many streams, and no higher stream id.
+constexpr std::uint64_t kStreamLimit = 65535;
+
 constexpr std::uint32_t kCacheVersion = 7;
 
-// Names and effects are stored as byte arrays with their length (8 bytes) in front.
+// Names and effects are stored as byte arrays after their length (8 bytes).
 constexpr std::uint64_t kLengthPrefixSize = 8;
 
 #pragma pack(push, 1)

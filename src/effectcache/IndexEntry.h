@@ -2,34 +2,35 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <new>
 #include <span>
 
 #include "effectcache/EffectKey.h"
 #include "effectcache/EffectRecord.h"
-#include "effectcache/EffectTable.h"
-#include "platform/Prefetch.h"
 
 namespace Quorvel {
 
 #pragma pack(push, 1)
-// An effect of the file, an entry of an EffectTable. In memory, too, it is the bytes that stand for
-// it in the index stream: the record, the length of the name once more, and the name behind it.
+// An effect of the file, an entry of an EffectTable. In memory it consists of the same bytes as in
+// the index stream: the record, the length of the name once more, and the name.
 struct IndexEntry {
-    // A new entry for a table. The record states the length of the name. Throws std::bad_alloc.
-    static IndexEntry* Make(EffectTable<IndexEntry>& table, const EffectKey& key,
-                            const EffectRecord& record);
+    static std::size_t SizeFor(const EffectKey& key, const EffectRecord& /*record*/) {
+        return IndexEntrySize(key.length);
+    }
+
+    // Makes an entry in `memory`. REQUIRES: the record states the length of the name.
+    static IndexEntry* Write(std::byte* memory, const EffectKey& key, std::uint32_t /*hash*/,
+                             const EffectRecord& record) {
+        std::memcpy(memory + sizeof(IndexEntry), key.bytes, key.length);
+        return ::new (memory) IndexEntry{record, record.nameLength};
+    }
 
     EffectKey Key() const {
         return {reinterpret_cast<const unsigned char*>(this + 1), record.nameLength};
     }
     std::span<const unsigned char> Bytes() const {
         return {reinterpret_cast<const unsigned char*>(this), IndexEntrySize(record.nameLength)};
-    }
-
-    // Hints that the entry will be read soon: as much of it as most names make of it.
-    void Prefetch() const noexcept {
-        constexpr std::size_t kUsualSize = 192;
-        Platform::Prefetch(this, kUsualSize);
     }
 
     EffectRecord record;

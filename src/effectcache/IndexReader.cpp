@@ -1,44 +1,52 @@
 #include "effectcache/IndexReader.h"
 
 #include <algorithm>
-#include <span>
+#include <new>
 
 #include "effectcache/EffectRecord.h"
+#include "platform/Assert.h"
 
 namespace Quorvel {
 
-const IndexEntry* IndexReader::ReadNext() {
-    if (!BringIn(sizeof(IndexEntry))) {
+namespace {
+
+// The stream is asked for pieces of this size, and of at least what the next entry needs.
+constexpr std::uint64_t kPieceSize = 0x10000;
+
+}  // namespace
+
+IndexEntry* IndexReader::ReadNext() {
+    QUORVEL_ASSERT(left_ > 0);
+    if (!Fill(sizeof(IndexEntry))) {
         return nullptr;
     }
-    const auto* const head = reinterpret_cast<const IndexEntry*>(room_);
-    const EffectRecord& record = head->record;
+    auto* const entry = std::launder(reinterpret_cast<IndexEntry*>(next_));
+    const EffectRecord& record = entry->record;
     if (record.nameLength < kShortestName || record.nameLength > kLongestName ||
         record.effectSize < kSmallestEffect || record.effectSize > kLargestEffect ||
-        head->nameLength != record.nameLength) {
+        entry->nameLength != record.nameLength) {
         return nullptr;
     }
-    const std::size_t size = head->Bytes().size();
-    if (!BringIn(size)) {
+    const std::size_t size = entry->Bytes().size();
+    if (!Fill(size)) {
         return nullptr;
     }
-    auto* const entry = static_cast<IndexEntry*>(table_.Allocate(size));
-    table_.Append(entry);
-    room_ += size;
+    next_ += size;
     filled_ -= size;
     --left_;
     return entry;
 }
 
-// Reads on until so many bytes of the next entry, its head at least, are in the table's room. False
-// when the stream has fewer.
+// Reads on until `size` bytes of the next entry, at least its fixed part, are in memory. False when
+// the stream ends before that.
 bool IndexReader::Fill(std::size_t size) {
+    if (filled_ >= size) {
+        return true;
+    }
     constexpr std::uint64_t kSmallestEntry = IndexEntrySize(kShortestName);
-    const std::span<std::byte> room = table_.Room(size, filled_);
-    room_ = room.data();
-    const std::uint64_t coming = size + (left_ - 1) * kSmallestEntry;
-    const std::uint64_t end = std::min<std::uint64_t>(coming, room.size());
-    filled_ += stream_.Read(room_ + filled_, end - filled_);
+    const std::uint64_t needed = size + (left_ - 1) * kSmallestEntry;
+    const std::uint64_t end = std::min(needed, std::max<std::uint64_t>(size, kPieceSize));
+    filled_ += stream_.Read(next_ + filled_, end - filled_);
     return filled_ >= size;
 }
 

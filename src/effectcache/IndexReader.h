@@ -3,37 +3,33 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "effectcache/EffectTable.h"
 #include "effectcache/IndexEntry.h"
 #include "quorvel/IDataStream.h"
 
 namespace Quorvel {
 
-// Reads entries from an index stream, in large pieces and straight to where a table keeps them. It
-// reads ahead only as far as the entries that are still to come must reach: bytes of the stream
-// behind the last one are not touched.
+// Reads the entries of an index stream in large pieces. It reads ahead only as far as the remaining
+// entries must reach: bytes of the stream after the last entry are not touched.
 class IndexReader {
 public:
-    // For so many entries, which go into the table. Nothing else may be put into the table before
-    // they are read.
-    IndexReader(IDataStream& stream, EffectTable<IndexEntry>& table, std::uint64_t count)
-        : stream_(stream), table_(table), left_(count) {}
+    // Reads `count` entries into `memory`, which has room for the whole stream.
+    IndexReader(IDataStream& stream, std::byte* memory, std::uint64_t count)
+        : stream_(stream), next_(memory), left_(count) {}
     IndexReader(const IndexReader&) = delete;
     IndexReader& operator=(const IndexReader&) = delete;
 
-    // The next entry, which it appends to the table; null when it is out of range or does not agree
-    // with itself, or the stream ends early. Throws std::bad_alloc, and whatever the stream throws.
-    const IndexEntry* ReadNext();
+    // The next entry, in the reader's memory. Null when the entry is out of range or contradicts
+    // itself, or the stream ends early. REQUIRES: fewer than `count` were read. Throws what the
+    // stream throws.
+    [[nodiscard]] IndexEntry* ReadNext();
 
 private:
-    bool BringIn(std::size_t size) { return filled_ >= size || Fill(size); }
     bool Fill(std::size_t size);
 
     IDataStream& stream_;
-    EffectTable<IndexEntry>& table_;
-    std::uint64_t left_;         // entries that are still to be read
-    std::byte* room_ = nullptr;  // the table's room, where the next entry begins
-    std::size_t filled_ = 0;     // bytes of the stream that are there
+    std::byte* next_;         // where the next entry begins
+    std::size_t filled_ = 0;  // bytes that have been read from there on
+    std::uint64_t left_;      // entries still to be read
 };
 
 }  // namespace Quorvel

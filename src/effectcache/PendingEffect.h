@@ -1,21 +1,33 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <new>
 #include <span>
 
 #include "effectcache/EffectKey.h"
-#include "effectcache/EffectTable.h"
 
 namespace Quorvel {
 
-// An effect that waits for the next save, an entry of an EffectTable: its name and its bytes stand
-// behind it, in the same piece of memory.
+// An effect that waits for the next save, an entry of an EffectTable. Its name and its compiled
+// bytes follow it in the same piece of memory.
 class PendingEffect {
 public:
-    // A new entry for a table; hash is the name's. Throws std::bad_alloc.
-    static PendingEffect* Make(EffectTable<PendingEffect>& table, const EffectKey& key,
-                               std::uint32_t hash, std::span<const unsigned char> compiled,
-                               std::uint32_t permanent);
+    static std::size_t SizeFor(const EffectKey& key, std::span<const unsigned char> compiled,
+                               bool /*permanent*/) {
+        return sizeof(PendingEffect) + key.length + compiled.size();
+    }
+
+    // Makes an entry in `memory`. `hash` is the name's.
+    static PendingEffect* Write(std::byte* memory, const EffectKey& key, std::uint32_t hash,
+                                std::span<const unsigned char> compiled, bool permanent) {
+        std::memcpy(memory + sizeof(PendingEffect), key.bytes, key.length);
+        std::memcpy(memory + sizeof(PendingEffect) + key.length, compiled.data(), compiled.size());
+        return ::new (memory)
+            PendingEffect(hash, static_cast<std::uint32_t>(compiled.size()),
+                          static_cast<std::uint32_t>(key.length), permanent ? 1U : 0U);
+    }
 
     EffectKey Key() const { return {Memory() + sizeof(PendingEffect), nameLength_}; }
     std::uint32_t Hash() const { return hash_; }

@@ -7,25 +7,28 @@
 #include "vornutil/RefPtr.h"
 #include "vornutil/Tab.h"
 
-// Whole transfers between buffers and streams. Nothing is thrown: what goes wrong makes the result
-// false. When a transfer was begun and failed, the caller's stream reference is null afterwards, so
-// that a chain of calls fails to its end.
+// Transfers of exact sizes between buffers and streams. Nothing is thrown: every failure makes the
+// result false. A transfer that was begun and failed sets the caller's stream reference to null, so
+// that all later calls in a chain fail too.
 namespace Quorvel {
 
 // Moves exactly size bytes. False for a null stream, null data or a size of 0, which leave the
 // stream alone, and for a short transfer.
-bool WriteExact(Util::RefPtr<IDataStream>& stream, const void* data, std::uint64_t size) noexcept;
-bool ReadExact(Util::RefPtr<IDataStream>& stream, void* data, std::uint64_t size) noexcept;
+[[nodiscard]] bool WriteExact(Util::RefPtr<IDataStream>& stream, const void* data,
+                              std::uint64_t size) noexcept;
+[[nodiscard]] bool ReadExact(Util::RefPtr<IDataStream>& stream, void* data,
+                             std::uint64_t size) noexcept;
 
 // Writes a byte array: its length in 8 bytes, then its bytes.
-bool WriteBytes(std::span<const unsigned char> buffer, Util::RefPtr<IDataStream>& stream) noexcept;
+[[nodiscard]] bool WriteBytes(std::span<const unsigned char> buffer,
+                              Util::RefPtr<IDataStream>& stream) noexcept;
 
 // Reads a byte array of at most limit bytes, and in any case below 2 GiB. The buffer's content is
 // unspecified after false.
-bool ReadBytes(Tab<unsigned char>& buffer, Util::RefPtr<IDataStream>& stream,
-               std::uint64_t limit) noexcept;
+[[nodiscard]] bool ReadBytes(Tab<unsigned char>& buffer, Util::RefPtr<IDataStream>& stream,
+                             std::uint64_t limit) noexcept;
 
-// Bytes that a byte array of so many bytes takes in a stream.
+// Bytes that a byte array of `count` bytes takes in a stream.
 constexpr std::uint64_t SerializedSize(std::uint64_t count) {
     return sizeof(std::uint64_t) + count;
 }

@@ -1,32 +1,15 @@
 #include "quorvel/FilePackage.h"
 
 #include "package/PagedFilePackage.h"
-#include "quorvel/Exceptions.h"
 
 namespace Quorvel {
 
 Util::RefPtr<IDataStreamSet> CreateFilePackage(const PagedFilePackageConfig& config) {
-    try {
-        const Util::RefPtr<PagedFilePackage> package(new PagedFilePackage(config));
-        if (!package->Create()) {
-            throw InvalidParameterException();
-        }
-        return package;
-    } catch (...) {
-        return {};
-    }
+    return PagedFilePackage::Create(config);
 }
 
 Util::RefPtr<IDataStreamSet> OpenFilePackage(const PagedFilePackageConfig& config) {
-    try {
-        const Util::RefPtr<PagedFilePackage> package(new PagedFilePackage(config));
-        if (!package->Load()) {
-            throw FileDataCorruptException();
-        }
-        return package;
-    } catch (...) {
-        return {};
-    }
+    return PagedFilePackage::Open(config);
 }
 
 }  // namespace Quorvel

@@ -1,70 +1,91 @@
 #pragma once
 
-#include <array>
 #include <cstdint>
-#include <map>
 #include <memory>
-#include <optional>
 #include <string>
-#include <vector>
 
-#include "package/StreamDirectory.h"
-#include "package/TailBlockTable.h"
+#include "package/OpenStreams.h"
+#include "package/StoredState.h"
 #include "pagestore/ChildFileStream.h"
 #include "pagestore/FilePageCache.h"
-#include "pagestore/PageAllocator.h"
 #include "quorvel/IDataStreamSet.h"
 #include "quorvel/PagedFilePackageConfig.h"
-#include "seekers/IPagedFileSeeker.h"
 #include "vornutil/RefPtr.h"
 
 namespace Quorvel {
 
-// A package over one file.
+// How a package's file relates to what the package holds in memory.
 //
-// A stream's bytes lie in whole pages, chained by the allocator, and in a fragment of a tail block.
-// The package's own state lies in the head file, in this order: the allocator's links, the stream
-// directory, the tail block table, the length of the header data (8 bytes) and the header data.
+//   Closed       No file is open.
+//   Clean        The file holds what is in memory.
+//   Changed      Memory is ahead of the file, and pages that left the cache may have overwritten
+//                parts of the state that the file describes.
+//   Saving       Memory is ahead, but no page of the file has been overwritten yet. The head page
+//                states a page count of 0 in the cache, and is written before any other page.
+//   Overwriting  As Changed, but the head page in the file states a page count of 0: nothing can
+//   open
+//                the file until Commit has written everything.
+//   Discarded    A file is open, and what is in memory says nothing about it: changes were
+//   discarded,
+//                or the file is about to be loaded or created.
 //
-// Commit frees the pages of the head file and writes a new one, which begins at page 10 like every
-// head file. Page 10 is never free: a Commit that fails leaves it to the next one. Load builds a
-// second package from the file and exchanges all state with it.
-class PagedFilePackage : public IDataStreamSet {
+//   Closed  -> Clean                            Create, Load
+//   Clean   -> Changed                          every operation that changes the package
+//   Clean   -> Saving                           BeginSave
+//   Saving  -> Overwriting                      the first page that leaves the cache
+//   Changed, Saving, Overwriting -> Clean       Commit
+//   Clean, Changed, Saving, Overwriting, Discarded -> Discarded    Discard
+//   Discarded -> Clean                          Load
+//   any     -> Closed                           destruction, which commits first
+//
+// A Commit that fails leaves the state as it is or makes Overwriting of Saving; another Commit may
+// follow.
+enum class FileState { Closed, Clean, Changed, Saving, Overwriting, Discarded };
+
+// A package over one file: its streams. A stream's bytes lie in whole pages, chained by the
+// allocator, and in a fragment of a tail block. StoredState.h says how the package's own state is
+// stored.
+//
+// For one thread at a time. Operations throw as IDataStreamSet documents.
+class PagedFilePackage final : public IDataStreamSet, private PageWriteListener {
 public:
-    // An empty package without a file. Throws InvalidParameterException when config has no path.
+    // A package without a file. Throws InvalidParameterException when config has no path.
     explicit PagedFilePackage(const PagedFilePackageConfig& config);
 
-    // Starts a new, empty package in the file and commits it. Returns true. Throws as the
-    // operations of IDataStreamSet do.
-    bool Create();
+    // The two ways to get a package: a new, empty one in the file, or the one that the file holds.
+    // An empty reference on any failure.
+    [[nodiscard]] static Util::RefPtr<PagedFilePackage> Create(
+        const PagedFilePackageConfig& config) noexcept;
+    [[nodiscard]] static Util::RefPtr<PagedFilePackage> Open(
+        const PagedFilePackageConfig& config) noexcept;
 
-    // Whether anything changed since the last Commit or Load.
-    bool HasChanges() const { return dirty_; }
+    // Starts a new, empty package in the file and commits it.
+    void Create();
 
-    // Whether a stream has the id.
-    bool HasStream(std::uint64_t id) const { return directory_.HasId(id); }
+    FileState State() const { return state_; }
 
-    // Forgets every change since the last Commit or Load without writing anything: what is in
-    // memory is then worth nothing until the next Load. For a package whose file somebody else has
-    // rewritten, or whose state is half done.
-    void Abandon();
+    // True if Commit has something to write.
+    bool HasChanges() const;
 
-    // Has the file marked as unfinished, before its first page is overwritten and until the next
-    // Commit has written everything: its head page then says that it has no pages. Who dies on the
-    // way leaves the old state or a file that can't be opened, not one that mixes two states.
-    // Counts as a change. Throws as the operations of IDataStreamSet do.
-    void MarkUnfinished();
-
-    // Whether the file may no longer hold what was last committed or loaded.
+    // True if the file may no longer hold what was last committed or loaded.
     bool MayHaveChangedFile() const;
 
-    // Whether what was loaded is as a writer leaves it, where a damage could let one stream have
-    // the bytes of another, now or after a change: each page of the head file, of a stream and of a
-    // tail block is in use, lies in the file and belongs to nothing else, and no other page has a
-    // successor; each tail block is a chain of its pages, and the fragments stand in it one behind
-    // the other, in the order of its list. False also for a package that can't be examined for lack
-    // of memory or of a file.
-    bool IsSound() noexcept;
+    // Begins a save that is all or nothing for the next process that opens the file: from the first
+    // page that is overwritten to the end of Commit, nothing can open it. A process that dies in
+    // between leaves the old state, the new one, or a file that can't be opened, never a mixture.
+    // REQUIRES: the state is Clean. When it throws, nothing has changed.
+    void BeginSave();
+
+    // Forgets every change since the last Commit or Load without writing anything. Only Load or
+    // release may follow.
+    void Discard();
+
+    // True if no damage of the file can make one stream's bytes appear in another: see
+    // PackageAudit.h. False without a file.
+    [[nodiscard]] bool IsSound() const noexcept;
+
+    // True if a stream has the id.
+    bool HasStream(std::uint64_t id) const { return stored_.directory.HasId(id); }
 
     bool Load() override;
     bool Commit() override;
@@ -79,72 +100,38 @@ public:
     std::uint64_t CreateDataStream(std::uint64_t size) override;
     bool DeleteDataStream(std::uint64_t id) override;
 
-    // Called by a stream that dies.
+    // Called by a stream that is destroyed.
     void ForgetOpenStream(std::uint64_t id) noexcept;
 
-    // Offered by a stream that dies: its seeker, for the next one, or null. Taken and cleared if
-    // nobody else holds it.
-    void TakeBack(ChildFileSeeker* seeker) noexcept;
-
 protected:
-    // Commits what was not committed, if it can, and closes the file.
+    // Commits what was not committed, if it can, and closes the file. Streams that are still open
+    // have no bytes from then on.
     ~PagedFilePackage() override;
 
 private:
-    // Pins on the pages of a tail block.
-    using TailBlockPins = std::array<std::optional<PageRef>, kTailBlockPages>;
+    void AssertState() const;
+    void BeforePageWrite() override;
+    void MarkChanged();
+    bool IsInSave() const;
 
     void Close();
     void OpenCache();
-    void ReadState();
-    void Swap(PagedFilePackage& other) noexcept;
-    PageAllocator& Allocator() const;
-
     void ReopenFile();
     void EnsureFileIsOpen();
-    void FreeHeadFile();
-    void FreeHeadPages(const std::uint64_t* pages, std::uint64_t count);
-    bool CreateHeadFile();
-    void SetStoredPageCount(std::uint64_t pageCount);
-    std::uint64_t AllocateHeadPages(std::vector<std::uint64_t>& pages);
     void ReleaseStreamPages();
-    bool WriteState();
+    void Swap(PagedFilePackage& other) noexcept;
 
-    Util::RefPtr<ChildFileSeeker> TakeSeeker();
-    void EnterOpenStream(std::uint64_t id, ChildFileStream* stream);
+    void CheckTailPages(const ChildFileTail& tail) const;
     std::uint64_t AllocateChain(std::uint64_t count, std::uint64_t* pages = nullptr);
     void FreeChain(std::uint64_t firstPage);
-    void CheckPagesOfStream(const ChildFileExtent& extent, const ChildFileTail& tail) const;
-    std::uint64_t AllocateStream(std::uint64_t size);
     bool PlaceTail(std::uint64_t id, std::uint64_t length);
-    Util::RefPtr<PagedFileStream> OpenTailBlock(std::uint64_t blockId);
-    void PinTailBlock(TailBlockPins& pins, const TailFragment& fragment);
-    void ReattachStreamsOfBlock(std::uint64_t blockId);
 
-    // The steps of IsSound.
-    class PageClaims;
-    bool ClaimHeadFile(PageClaims& claims);
-    bool ClaimStreams(PageClaims& claims) const;
-    bool ClaimTailBlocks(PageClaims& claims) const;
-    bool AreFragmentsInOrder(const TailBlockRecord& block) const;
-
-    bool dirty_;
-    PagedFilePackageConfig config_;
+    FileState state_ = FileState::Closed;
+    PagedFilePackageConfig config_;  // fileName points to path_
     std::string path_;
     std::unique_ptr<FilePageCache> cache_;
-    Util::RefPtr<IPageAllocator> allocator_;
-    StreamDirectory directory_;
-    TailBlockTable tailBlocks_;
-    std::vector<std::uint8_t> headerData_;
-    Util::RefPtr<IPagedFileSeeker> headFile_;
-    std::map<std::uint64_t, ChildFileStream*> openStreams_;
-    bool isMarkedUnfinished_;
-    bool reopened_;  // false when the last attempt to reopen the file failed
-
-    // What the last stream that died leaves to the next one: streams come and go by the thousand,
-    // mostly one at a time.
-    Util::RefPtr<ChildFileSeeker> spareSeeker_;
-    std::map<std::uint64_t, ChildFileStream*>::node_type spareEntry_;
+    StoredState stored_;
+    OpenStreams openStreams_;
 };
 
 }  // namespace Quorvel

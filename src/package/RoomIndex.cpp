@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <bit>
 
+#include "platform/Assert.h"
+
 namespace Quorvel {
 
 void RoomIndex::Set(std::uint64_t block, std::uint32_t bytes) {
@@ -19,6 +21,7 @@ void RoomIndex::Set(std::uint64_t block, std::uint32_t bytes) {
 }
 
 std::optional<std::uint64_t> RoomIndex::FirstWith(std::uint64_t bytes) const {
+    QUORVEL_ASSERT(bytes > 0);
     if (largest_.empty() || largest_[1] < bytes) {
         return std::nullopt;
     }

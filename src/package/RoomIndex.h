@@ -6,17 +6,17 @@
 
 namespace Quorvel {
 
-// How much room each of many blocks has, and which is the first with enough of it, in O(log n).
+// The free bytes of many blocks; finds the first block with enough of them in O(log n).
 //
-// The rooms stand in order of block ids, in groups; over the groups stands a binary tree of maxima
-// whose node 1 is the root and whose nodes 2k and 2k + 1 are the children of node k.
+// The free bytes are kept by block id, in groups. Above the groups is a binary tree of maxima: node
+// 1 is the root, and nodes 2k and 2k + 1 are the children of node k.
 class RoomIndex {
 public:
-    // Sets the room of a block, in bytes. Throws std::bad_alloc, changing nothing.
+    // Sets the free bytes of a block. Throws std::bad_alloc, changing nothing.
     void Set(std::uint64_t block, std::uint32_t bytes);
 
-    // The lowest block with at least so many bytes of room. At least 1: ids that no block has stand
-    // as blocks without room.
+    // The lowest block with at least `bytes` free bytes. REQUIRES: bytes > 0; an id without a block
+    // counts as a block with 0.
     std::optional<std::uint64_t> FirstWith(std::uint64_t bytes) const;
 
     void Clear();

@@ -9,13 +9,13 @@
 #include <utility>
 #include <vector>
 
-#include "platform/Prefetch.h"
+#include "platform/Assert.h"
 
 namespace Quorvel {
 
-// Records by id, for ids that mostly are small and lie close together. They stand in chunks of
-// sixteen, made when first needed, so that a lone high id takes little memory, and a record stays
-// where it is until it is erased.
+// Records by id, for ids that are mostly small and close together. Records are kept in chunks of
+// sixteen that are allocated when first needed, so that a lone high id takes little memory. A
+// record keeps its address until it is erased.
 template <typename Record>
 class SparseTable {
 public:
@@ -26,23 +26,24 @@ public:
     }
     Record* Find(std::uint64_t id) { return const_cast<Record*>(std::as_const(*this).Find(id)); }
 
-    // Stores a record, in place of the one that the id had. Throws std::bad_alloc or, for an
-    // id beyond all reason, std::length_error, changing nothing.
+    // Stores a record, replacing the one that the id had. Throws std::bad_alloc or, for an absurdly
+    // high id, std::length_error, changing nothing.
     void Put(std::uint64_t id, const Record& record) {
         if (id / kChunkSize >= chunks_.size()) {
             chunks_.resize(id / kChunkSize + 1);
         }
         std::unique_ptr<Chunk>& chunk = chunks_[id / kChunkSize];
         if (!chunk) {
-            chunk.reset(new Chunk);  // its records stay unset
+            chunk.reset(new Chunk);  // leaves its records uninitialised
         }
         count_ += chunk->Has(id) ? 0 : 1;
         chunk->present |= Chunk::Bit(id);
         chunk->records[id % kChunkSize] = record;
     }
 
-    // Erases the record of an id that has one.
+    // REQUIRES: the id has a record.
     void Erase(std::uint64_t id) {
+        QUORVEL_ASSERT(Find(id));
         chunks_[id / kChunkSize]->present &= static_cast<std::uint16_t>(~Chunk::Bit(id));
         --count_;
     }
@@ -70,16 +71,10 @@ public:
             [&visit](const Record& record) { visit(const_cast<Record&>(record)); });
     }
 
-    // Visits every record, in ascending order of ids, in spans of records that stand one behind the
-    // other.
+    // Visits every record, in ascending order of ids, in spans of adjacent records.
     template <typename Visitor>
     void ForEachRun(const Visitor& visit) const {
-        for (std::size_t index = 0; index < chunks_.size(); ++index) {
-            // The chunks may stand anywhere in memory.
-            if (index + kChunksAhead < chunks_.size()) {
-                Platform::Prefetch(chunks_[index + kChunksAhead].get(), sizeof(Chunk));
-            }
-            const Chunk* const chunk = chunks_[index].get();
+        for (const std::unique_ptr<Chunk>& chunk : chunks_) {
             for (unsigned left = chunk ? chunk->present : 0; left != 0;) {
                 const int first = std::countr_zero(left);
                 const int count = std::countr_one(left >> first);
@@ -89,6 +84,7 @@ public:
             }
         }
     }
+
     void Swap(SparseTable& other) noexcept {
         chunks_.swap(other.chunks_);
         std::swap(count_, other.count_);
@@ -97,7 +93,6 @@ public:
 private:
     static_assert(std::is_trivially_copyable_v<Record>);
     static constexpr std::uint64_t kChunkSize = 16;
-    static constexpr std::size_t kChunksAhead = 3;  // fetched from memory ahead of a walk
 
     struct Chunk {
         static std::uint16_t Bit(std::uint64_t id) {

@@ -17,8 +17,7 @@ void StreamDirectory::Reset(std::uint64_t limit) {
 }
 
 void StreamDirectory::Store(std::uint64_t id, const ChildFileExtent& extent) {
-    CheckRange(id, extent);
-    if (!ids_.IsAllocated(id)) {
+    if (id > limit_ || extent.wholePageCount > kPageCountLimit || !ids_.IsAllocated(id)) {
         throw InvalidParameterException();
     }
     const ChildFileExtent* const replaced = records_.Find(id);
@@ -27,12 +26,6 @@ void StreamDirectory::Store(std::uint64_t id, const ChildFileExtent& extent) {
     record.streamId = id;
     records_.Put(id, record);
     totalBytes_ += record.byteSize - replacedBytes;
-}
-
-void StreamDirectory::CheckRange(std::uint64_t id, const ChildFileExtent& extent) const {
-    if (id > limit_ || extent.wholePageCount > kPageCountLimit) {
-        throw InvalidParameterException();
-    }
 }
 
 bool StreamDirectory::Remove(std::uint64_t id) {
@@ -45,15 +38,14 @@ bool StreamDirectory::Remove(std::uint64_t id) {
     return ids_.Free(id);
 }
 
-bool StreamDirectory::Save(IDataStream& stream) const {
+void StreamDirectory::Save(IDataStream& stream) const {
     StateWriter writer(stream);
     writer.Write(records_.Count());
     records_.ForEachRun([&writer](std::span<const ChildFileExtent> run) { writer.WriteAll(run); });
     writer.Flush();
-    return true;
 }
 
-bool StreamDirectory::Load(StateReader& reader, std::uint64_t limit) {
+void StreamDirectory::Load(StateReader& reader, std::uint64_t limit) {
     Reset(limit);
     const auto count = reader.Read<std::uint64_t>();
     if (count > limit_) {
@@ -65,11 +57,8 @@ bool StreamDirectory::Load(StateReader& reader, std::uint64_t limit) {
         if (!ids_.MarkAllocated(extent.streamId)) {
             throw FileDataCorruptException();
         }
-        CheckRange(extent.streamId, extent);
-        records_.Put(extent.streamId, extent);
-        totalBytes_ += extent.byteSize;
+        Store(extent.streamId, extent);
     }
-    return true;
 }
 
 void StreamDirectory::Swap(StreamDirectory& other) noexcept {

@@ -11,7 +11,7 @@ namespace Quorvel {
 
 class StateReader;
 
-// The limit on ids that a directory and a tail block table have until they are given another.
+// The limit on ids of a new directory and a new tail block table.
 constexpr std::uint64_t kDefaultStreamLimit = 0xFFFFFF;
 
 // The streams of a package: which ids are in use, and where each stream's whole pages lie.
@@ -38,18 +38,18 @@ public:
         records_.ForEach(visit);
     }
 
-    // Takes an id for a new stream; kInvalidStreamId when there is none left.
-    std::uint64_t AllocateId() { return ids_.Allocate(); }
+    // Allocates an id for a new stream; kInvalidStreamId when none is left.
+    [[nodiscard]] std::uint64_t AllocateId() { return ids_.Allocate(); }
 
-    // Whether an id is in use, which it is from its allocation on: faster than to find its record.
+    // True if an id is allocated. Faster than finding its record.
     bool HasId(std::uint64_t id) const { return ids_.IsAllocated(id); }
 
-    // Gives back an id that has no record.
+    // Frees an id that has no record.
     void FreeId(std::uint64_t id) { ids_.Free(id); }
 
-    // Stores the record of an allocated id, in place of the one it had. Throws
+    // Stores the record of an allocated id, replacing the one it had. Throws
     // InvalidParameterException when the id is above the limit or not allocated, or when the record
-    // counts more whole pages than there can be.
+    // counts more whole pages than a file can have.
     void Store(std::uint64_t id, const ChildFileExtent& extent);
 
     // Removes a stream's record and frees its id; false when there is none.
@@ -59,19 +59,17 @@ public:
         return sizeof(std::uint64_t) + sizeof(ChildFileExtent) * Count();
     }
 
-    // Returns true. Throws FileIOException when the stream ends early.
-    bool Save(IDataStream& stream) const;
+    // Throws FileIOException when the stream ends early.
+    void Save(IDataStream& stream) const;
 
-    // Resets to a limit and reads what Save wrote. Returns true. Throws FileIOException when the
-    // stream ends early; FileDataCorruptException for too many records, an id that comes twice or
-    // can't be had; InvalidParameterException for a record out of range.
-    bool Load(StateReader& reader, std::uint64_t limit);
+    // Resets to a limit and reads what Save wrote. Throws FileIOException when the stream ends
+    // early; FileDataCorruptException for too many records, an id that appears twice or can't be
+    // allocated; InvalidParameterException for a record out of range.
+    void Load(StateReader& reader, std::uint64_t limit);
 
     void Swap(StreamDirectory& other) noexcept;
 
 private:
-    void CheckRange(std::uint64_t id, const ChildFileExtent& extent) const;
-
     std::uint64_t limit_ = kDefaultStreamLimit;
     std::uint64_t totalBytes_ = 0;
     Corvane::IdentifierAllocator ids_;

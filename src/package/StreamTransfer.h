@@ -12,16 +12,15 @@
 #include "quorvel/Exceptions.h"
 #include "quorvel/IDataStream.h"
 
-// Whole transfers of the package's own state, which is made of many small records: they pass
-// through a buffer, so that the stream is asked for large pieces. All throw FileIOException when
-// the stream ends early, except where stated.
+// Transfers of the package's own state. It consists of many small records, which pass through a
+// buffer so that the stream moves large pieces. Everything throws FileIOException when the stream
+// ends early, except where stated.
 namespace Quorvel {
 
-// Small enough for the stack of any thread; a stream takes far longer for the bytes than for the
-// call.
+// Small enough for any thread's stack, large enough that copying outweighs the cost of the call.
 constexpr std::size_t kTransferBufferSize = 2048;
 
-// Writes to a stream. What was written arrives at the latest with Flush.
+// Writes to a stream. Everything written has reached it after Flush.
 class StateWriter {
 public:
     explicit StateWriter(IDataStream& stream) : stream_(stream) {}
@@ -48,7 +47,7 @@ public:
         Write(&record, sizeof record);
     }
 
-    // Such records, one behind the other.
+    // Several of them.
     template <typename Record>
     void WriteAll(std::span<const Record> records) {
         Write(records.data(), records.size_bytes());
@@ -72,19 +71,19 @@ private:
     std::array<std::uint8_t, kTransferBufferSize> buffer_;
 };
 
-// Reads from a stream, ahead as far as it was told that bytes will be wanted: who stops before the
-// end of the stream, because what he reads ends there, has touched nothing behind it.
+// Reads from a stream, ahead only as far as Expect has announced. So a reader that stops before the
+// end of the stream has not touched the pages after that point.
 class StateReader {
 public:
     explicit StateReader(IDataStream& stream) : stream_(stream) {}
     StateReader(const StateReader&) = delete;
     StateReader& operator=(const StateReader&) = delete;
 
-    // At least so many bytes from here on will be wanted.
+    // Announces that at least `bytes` more bytes will be read.
     void Expect(std::uint64_t bytes) { expected_ = std::max(expected_, bytes); }
 
     // False when the stream ends early.
-    bool TryRead(void* data, std::uint64_t size) {
+    [[nodiscard]] bool TryRead(void* data, std::uint64_t size) {
         auto* to = static_cast<std::uint8_t*>(data);
         Expect(size);
         expected_ -= size;
@@ -110,10 +109,10 @@ public:
         return record;
     }
 
-    // Appends so many items to a vector; false when the stream ends early. The vector grows with
-    // what arrives: a damaged file that claims more than it holds takes no memory for it.
+    // Appends `count` items to a vector; false when the stream ends early. The vector grows with
+    // what arrives, so that a damaged file can't claim memory for items that it does not hold.
     template <typename Item>
-    bool ReadItems(std::vector<Item>& items, std::uint64_t count) {
+    [[nodiscard]] bool ReadItems(std::vector<Item>& items, std::uint64_t count) {
         if (count > BytesLeft() / sizeof(Item)) {
             return false;
         }
@@ -130,8 +129,8 @@ public:
     }
 
 private:
-    // Bytes between the place of the next read and the stream's end by its size; 0 behind that end,
-    // where a damaged head file, whose size says too little, may go on.
+    // Bytes from the next read to the end that the stream's size gives; 0 past that end. A damaged
+    // head file may have more pages than its size says.
     std::uint64_t BytesLeft() const {
         const std::uint64_t position = stream_.GetPosition() - (end_ - begin_);
         const std::uint64_t size = stream_.GetSize();

@@ -5,13 +5,15 @@
 #include <utility>
 
 #include "package/StreamTransfer.h"
+#include "platform/Assert.h"
+#include "platform/ScopeGuard.h"
 #include "quorvel/Exceptions.h"
 
 namespace Quorvel {
 
 namespace {
 
-// The offset from which on nothing meets a fragment. Even an empty one takes its own offset.
+// One past the last offset that a fragment takes. Even an empty one takes its own offset.
 std::uint64_t EndOf(const TailFragment& fragment) {
     return fragment.offset + std::max<std::uint64_t>(fragment.length, 1);
 }
@@ -48,12 +50,9 @@ std::optional<std::uint64_t> TailBlockTable::FindBlockWithRoom(std::uint64_t byt
 
 std::uint64_t TailBlockTable::AddBlock(const TailBlockPageNumbers& pages) {
     const std::uint64_t blockId = blockIds_.Allocate();
-    try {
-        StoreBlock({blockId, pages, kTailBlockSize});
-    } catch (...) {
-        blockIds_.Free(blockId);
-        throw;
-    }
+    Platform::ScopeGuard freeId([&] { blockIds_.Free(blockId); });
+    StoreBlock({blockId, pages, kTailBlockSize});
+    freeId.Dismiss();
     return blockId;
 }
 
@@ -67,18 +66,15 @@ bool TailBlockTable::Place(std::uint64_t streamId, std::uint64_t blockId, std::u
         return false;
     }
     block->streamIds.push_back(streamId);
-    try {
-        StoreFragment({streamId, blockId, block->streamIds.size() - 1, offset, length});
-    } catch (...) {
-        block->streamIds.pop_back();
-        throw;
-    }
+    Platform::ScopeGuard unlist([&] { block->streamIds.pop_back(); });
+    StoreFragment({streamId, blockId, block->streamIds.size() - 1, offset, length});
+    unlist.Dismiss();
     SetFreeBytes(*block, block->freeBytes - length);
     return true;
 }
 
-// Whether the list names exactly the fragments of the block, each where its list index says. It
-// does unless it was read from a damaged file.
+// True if the list names exactly the fragments of the block, each where its list index says. False
+// only for a block that was read from a damaged file.
 bool TailBlockTable::IsListInOrder(const TailBlockRecord& block) const {
     if (block.streamIds.size() != block.fragmentCount) {
         return false;
@@ -107,7 +103,7 @@ void TailBlockTable::ForEachFragment(const TailBlockRecord& block, const Visitor
     });
 }
 
-// New tails go behind all others, unless a damaged file says otherwise.
+// A new tail goes after all others, unless the block was read from a damaged file.
 bool TailBlockTable::Overlaps(const TailBlockRecord& block, std::uint64_t offset,
                               std::uint64_t length) {
     if (offset >= block.fragmentEnd) {
@@ -122,6 +118,7 @@ bool TailBlockTable::Overlaps(const TailBlockRecord& block, std::uint64_t offset
 }
 
 void TailBlockTable::Remove(std::uint64_t streamId) {
+    QUORVEL_ASSERT(FindFragment(streamId));
     const TailFragment removed = *FindFragment(streamId);
     TailBlockRecord& block = *blocks_[removed.blockId];
     block.fragmentEnd = 0;
@@ -154,8 +151,8 @@ bool TailBlockTable::IsValid(const StoredTailBlock& block) const {
            std::all_of(block.pages.begin(), block.pages.end(), IsValidPageNumber);
 }
 
-// Whatever the limit, no stream has an id above the highest that there is, and the tables would take
-// memory up to it.
+// The second bound keeps a damaged file from making the tables as large as any limit allows: no
+// stream can have an id above it.
 bool TailBlockTable::IsValid(const TailFragment& fragment) const {
     return fragment.streamId <= std::min(limit_, kDefaultStreamLimit) && Block(fragment.blockId) &&
            fragment.offset < kTailBlockSize && fragment.length < kPageSize;
@@ -193,7 +190,7 @@ std::uint64_t TailBlockTable::StateSize() const {
     return size;
 }
 
-bool TailBlockTable::Save(IDataStream& stream) const {
+void TailBlockTable::Save(IDataStream& stream) const {
     StateWriter writer(stream);
     writer.Write(blockIds_.GetNumberOfAllocatedIdentifiers());
     for (const std::unique_ptr<TailBlockRecord>& block : blocks_) {
@@ -206,7 +203,6 @@ bool TailBlockTable::Save(IDataStream& stream) const {
     writer.Write(fragments_.Count());
     fragments_.ForEachRun([&writer](std::span<const TailFragment> run) { writer.WriteAll(run); });
     writer.Flush();
-    return true;
 }
 
 bool TailBlockTable::Load(StateReader& reader, std::uint64_t limit) {
@@ -220,7 +216,7 @@ void TailBlockTable::LoadBlocks(StateReader& reader) {
     if (count > BlockLimit()) {
         throw FileDataCorruptException();
     }
-    // Each has a list, which may be empty; behind them the fragments are counted.
+    // Each block has a list, which may be empty. The number of fragments follows the blocks.
     constexpr std::uint64_t kSmallestBlock = sizeof(StoredTailBlock) + sizeof(std::uint64_t);
     for (std::uint64_t index = 0; index < count; ++index) {
         reader.Expect((count - index) * kSmallestBlock + sizeof(std::uint64_t));

@@ -45,11 +45,11 @@ static_assert(offsetof(StoredTailBlock, freeBytes) == 72);
 static_assert(sizeof(TailFragment) == 40);
 
 // A tail block in memory. Fragments are packed from offset 0 upwards in the order of the list, so
-// the next one always goes at kTailBlockSize - freeBytes.
+// the next one always begins at kTailBlockSize - freeBytes.
 struct TailBlockRecord : StoredTailBlock {
     std::vector<std::uint64_t> streamIds;
     std::uint64_t fragmentCount;  // fragments that name this block
-    std::uint64_t fragmentEnd;    // no fragment lies, or begins, at this offset or behind it
+    std::uint64_t fragmentEnd;    // no fragment reaches this offset or begins at or past it
 };
 
 // Where the tails of a package's streams lie.
@@ -58,42 +58,43 @@ struct TailBlockRecord : StoredTailBlock {
 // list; the number of fragments (8 bytes), the fragments in ascending order of stream ids.
 class TailBlockTable {
 public:
-    // Forgets all blocks and sets the limit on stream ids, an eighth of which limits block ids.
+    // Forgets all blocks and sets the limit on stream ids. Block ids are limited to an eighth of
+    // it.
     void Reset(std::uint64_t limit = kDefaultStreamLimit);
 
-    // The tail of a stream, and a block; null when there is none.
+    // The tail of a stream; a block. Null when there is none.
     const TailFragment* FindFragment(std::uint64_t streamId) const;
     const TailBlockRecord* FindBlock(std::uint64_t blockId) const;
 
     // All blocks by id; null where there is none.
     const std::vector<std::unique_ptr<TailBlockRecord>>& Blocks() const { return blocks_; }
 
-    // Id of the first block, in ascending order of ids, that has room for so many bytes.
+    // The lowest id of a block with at least `bytes` free bytes.
     std::optional<std::uint64_t> FindBlockWithRoom(std::uint64_t bytes) const;
 
     // Adds an empty block over eight pages and returns its id. Throws InvalidParameterException
     // when a page number is not valid or no id is left.
     std::uint64_t AddBlock(const TailBlockPageNumbers& pages);
 
-    // Puts a stream's tail behind the others of a block. False, with nothing changed, when there is
-    // no such block, when it has no room there, or when the stream has a tail. Throws
+    // Puts a stream's tail after the others of a block. False, with nothing changed, when there is
+    // no such block, when it has too few free bytes, or when the stream already has a tail. Throws
     // InvalidParameterException when the stream id or the length is out of range.
-    bool Place(std::uint64_t streamId, std::uint64_t blockId, std::uint64_t length);
+    [[nodiscard]] bool Place(std::uint64_t streamId, std::uint64_t blockId, std::uint64_t length);
 
-    // Forgets a stream's tail, whose bytes have been cut out of its block, and moves those behind
-    // it down.
+    // Removes a stream's tail, whose bytes have been cut out of its block, and moves the tails
+    // after it down. REQUIRES: the stream has a tail.
     void Remove(std::uint64_t streamId);
 
     std::uint64_t StateSize() const;
 
-    // Returns true. Throws FileIOException when the stream ends early.
-    bool Save(IDataStream& stream) const;
+    // Throws FileIOException when the stream ends early.
+    void Save(IDataStream& stream) const;
 
     // Resets to a limit and reads what Save wrote. False when a fragment's list index is not below
     // the limit. Throws FileIOException when the stream ends early; FileDataCorruptException for
-    // too many blocks or fragments, a block id or a stream's fragment that comes twice, or a list
-    // that can't be; InvalidParameterException for a block or a fragment out of range.
-    bool Load(StateReader& reader, std::uint64_t limit);
+    // too many blocks or fragments, a block id or a stream's fragment that appears twice, or a list
+    // that is cut off; InvalidParameterException for a block or a fragment out of range.
+    [[nodiscard]] bool Load(StateReader& reader, std::uint64_t limit);
 
     void Swap(TailBlockTable& other) noexcept;
 

@@ -5,18 +5,13 @@
 namespace Quorvel {
 
 ChildFileStream::ChildFileStream(PagedFilePackage* package, std::uint64_t streamId,
-                                 FilePageCache* cache, const Util::RefPtr<ChildFileSeeker>& seeker)
+                                 FilePageCache* cache, const Util::RefPtr<IPagedFileSeeker>& seeker)
     : PagedFileStream(cache, seeker), package_(package), streamId_(streamId) {}
 
 ChildFileStream::~ChildFileStream() {
     if (package_) {
         package_->ForgetOpenStream(streamId_);
-        package_->TakeBack(static_cast<ChildFileSeeker*>(Seeker()));
     }
-}
-
-void ChildFileStream::MoveTo(const Util::RefPtr<ChildFileSeeker>& seeker) {
-    PagedFileStream::MoveTo(seeker);
 }
 
 void ChildFileStream::LeavePackage() {

@@ -3,23 +3,20 @@
 #include <cstdint>
 
 #include "pagestore/PagedFileStream.h"
-#include "seekers/ChildFileSeeker.h"
+#include "seekers/IPagedFileSeeker.h"
 
 namespace Quorvel {
 
 class PagedFilePackage;
 
-// The stream that a package hands out for one stream of its set. It tells the package when it dies,
-// so that the package knows which streams are open, and leaves it the seeker to use again.
+// The stream that a package hands out for one stream of its set. It tells the package when it is
+// destroyed, so that the package knows which streams are open.
 class ChildFileStream : public PagedFileStream {
 public:
     ChildFileStream(PagedFilePackage* package, std::uint64_t streamId, FilePageCache* cache,
-                    const Util::RefPtr<ChildFileSeeker>& seeker);
+                    const Util::RefPtr<IPagedFileSeeker>& seeker);
 
-    // Goes on over a seeker that describes the same bytes in other places, as PagedFileStream does.
-    void MoveTo(const Util::RefPtr<ChildFileSeeker>& seeker);
-
-    // Makes the stream one without bytes, which may outlive its package.
+    // Detaches the stream from its package, which it may then outlive. It has no bytes any more.
     void LeavePackage();
 
 protected:

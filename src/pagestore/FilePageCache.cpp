@@ -6,6 +6,7 @@
 #include <new>
 
 #include "pagestore/StdioFile.h"
+#include "platform/Assert.h"
 #include "quorvel/Exceptions.h"
 
 namespace Quorvel {
@@ -74,23 +75,26 @@ void FilePageCache::DiscardAll() {
     residentCount_ = 0;
     mostRecent_ = nullptr;
     leastRecent_ = nullptr;
-    firstToWrite_ = nullptr;
+}
+
+bool FilePageCache::IsResident(std::uint64_t page) const {
+    const std::uint64_t index = page - kHeadPageNumber;
+    return IsValidPageNumber(page) && index < pages_.size() && pages_[index];
 }
 
 void FilePageCache::WritePage(std::uint64_t page) {
+    QUORVEL_ASSERT(IsResident(page));
     const std::uint64_t index = page - kHeadPageNumber;
     WriteAt(pages_[index]->data, OffsetOfIndex(index), kPageSize);
 }
 
-void FilePageCache::WriteBeforeOthers(std::uint64_t page) {
-    firstToWrite_ = pages_[page - kHeadPageNumber];
-}
-
 bool FilePageCache::CoversPage(std::uint64_t page) const {
+    QUORVEL_ASSERT(IsValidPageNumber(page));
     return EndOfPage(page) <= fileSize_;
 }
 
 void FilePageCache::EnsurePageInFile(std::uint64_t page) {
+    QUORVEL_ASSERT(IsValidPageNumber(page));
     GrowTo(EndOfPage(page));
 }
 
@@ -113,7 +117,18 @@ std::uint8_t* FilePageCache::GetPage(std::uint64_t page, Access access) {
         return resident->data;
     }
 
-    if (capacity_ == 0) {
+    std::unique_ptr<CachedPage> loaded = LoadPage(index, forWrite);
+    if (!loaded) {
+        return nullptr;
+    }
+    PushMostRecent(loaded.get());
+    return (pages_[index] = loaded.release())->data;
+}
+
+// A page of the file, pinned once and not yet entered in the index or the list. Null when every
+// resident page is pinned.
+std::unique_ptr<CachedPage> FilePageCache::LoadPage(std::uint64_t index, bool forWrite) {
+    if (QUORVEL_NEVER(capacity_ == 0)) {
         throw InvalidParameterException();
     }
     std::unique_ptr<CachedPage> loaded;
@@ -132,11 +147,10 @@ std::uint8_t* FilePageCache::GetPage(std::uint64_t page, Access access) {
     loaded->older = nullptr;
     loaded->newer = nullptr;
     if (forWrite) {
-        GrowTo(EndOfPage(page));
+        GrowTo(OffsetOfIndex(index) + kPageSize);
     }
     ReadAt(loaded->data, OffsetOfIndex(index), kPageSize);
-    PushMostRecent(loaded.get());
-    return (pages_[index] = loaded.release())->data;
+    return loaded;
 }
 
 void FilePageCache::ReleasePage(std::uint64_t page) {
@@ -149,8 +163,8 @@ void FilePageCache::ReleasePage(std::uint64_t page) {
     }
 }
 
-// Walks from the cold end, over pinned pages, until few enough are left. True when they are. One
-// frame that this frees is handed over: the next page goes into it.
+// Evicts from the cold end, stepping over pinned pages, until at most `limit` pages are left. False
+// if too many are pinned. Hands over one of the freed frames for the next page.
 bool FilePageCache::EvictDownTo(std::uint64_t limit, std::unique_ptr<CachedPage>& frame) {
     CachedPage* next = leastRecent_;
     while (residentCount_ > limit && next) {
@@ -165,14 +179,10 @@ bool FilePageCache::EvictDownTo(std::uint64_t limit, std::unique_ptr<CachedPage>
 
 // Writes a page and takes it out of the cache.
 std::unique_ptr<CachedPage> FilePageCache::WriteBackPage(CachedPage* page) {
-    if (firstToWrite_ && firstToWrite_ != page) {
-        WriteAt(firstToWrite_->data, OffsetOfIndex(firstToWrite_->pageIndex), kPageSize);
-        firstToWrite_ = nullptr;
+    if (writeListener_) {
+        writeListener_->BeforePageWrite();
     }
     WriteAt(page->data, OffsetOfIndex(page->pageIndex), kPageSize);
-    if (firstToWrite_ == page) {
-        firstToWrite_ = nullptr;
-    }
     pages_[page->pageIndex] = nullptr;
     Unlink(page);
     return std::unique_ptr<CachedPage>(page);
@@ -223,7 +233,7 @@ void FilePageCache::WriteAt(const void* buffer, std::uint64_t offset, std::uint6
 
 void FilePageCache::ReadAt(void* buffer, std::uint64_t offset, std::uint64_t size) {
     SeekTo(offset);
-    errno = 0;  // the end of the file is not an error of the system's
+    errno = 0;  // reading past the end of the file sets no error number
     if (std::fread(buffer, size, 1, file_) != 1) {
         throw FileIOException(static_cast<std::uint32_t>(errno));
     }
@@ -246,7 +256,6 @@ void FilePageCache::ResetToEmpty() {
     residentCount_ = 0;
     mostRecent_ = nullptr;
     leastRecent_ = nullptr;
-    firstToWrite_ = nullptr;
 }
 
 void PageRef::SetReadPage(std::uint64_t page) {

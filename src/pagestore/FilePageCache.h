@@ -14,7 +14,7 @@ namespace Quorvel {
 struct CachedPage {
     std::uint64_t pageIndex;
     std::int32_t pinCount;  // evictable while below 1
-    std::uint8_t dirty;     // was pinned for writing; recorded only
+    std::uint8_t dirty;     // was pinned for writing; recorded, never consulted
     std::uint8_t data[kPageSize];
     CachedPage* older;  // towards the least recently used end
     CachedPage* newer;  // towards the most recently used end
@@ -22,13 +22,24 @@ struct CachedPage {
 #pragma pack(pop)
 static_assert(sizeof(CachedPage) == 13 + kPageSize + 2 * sizeof(void*));
 
-// Every byte of a package file passes through its page cache. It keeps a bounded number of whole
-// pages in memory and hands out pointers to their bytes, each of which pins its page until it is
-// released. When room is wanted, the least recently used page without a pin is written back and
-// freed; a page is written whenever it leaves the cache, changed or not. Closing writes back all.
+// Hears that a page is about to be written to the file.
+class PageWriteListener {
+public:
+    // Called before each write of a whole page that leaves the cache. What it throws keeps the page
+    // from being written and comes out of the operation that wanted to write it.
+    virtual void BeforePageWrite() = 0;
+
+protected:
+    ~PageWriteListener() = default;
+};
+
+// Every byte of a package file passes through its page cache. The cache keeps a bounded number of
+// whole pages in memory and hands out pointers to their bytes; each pointer pins its page until it
+// is released. To make room, the cache writes back and frees the least recently used page without a
+// pin. It writes every page that leaves, changed or not. Closing writes back all pages.
 //
-// Resident pages stand in two structures: `pages_`, indexed by page index, to find them, and a
-// doubly linked list from the most to the least recently used one, to choose what to evict.
+// Two structures hold the resident pages: `pages_`, indexed by page index, finds them; a doubly
+// linked list, from the most to the least recently used page, chooses the one to evict.
 //
 // For one thread at a time.
 class FilePageCache {
@@ -38,25 +49,27 @@ public:
     FilePageCache(const FilePageCache&) = delete;
     FilePageCache& operator=(const FilePageCache&) = delete;
 
-    // Closes. What can't be written is lost.
+    // Closes. Pages that can't be written are lost.
     virtual ~FilePageCache();
 
-    // Closes what is open, then opens a file for reading and writing, or creates it when it can't
-    // be opened. At most capacity pages are kept; 0 is taken as 1. Returns true. Throws
-    // FileIOException with the error number of the attempt to create, or as Close does.
+    // Closes what is open, then opens a file for reading and writing, or creates it if it can't be
+    // opened. Keeps at most `capacity` pages; 0 is taken as 1. Returns true. Throws FileIOException
+    // with the error number of the attempt to create, or as Close does.
     bool Open(const char* path, std::uint64_t capacity);
 
     // Writes back and frees every page in ascending order, pinned ones too, and closes the file.
-    // Throws FileIOException when a page can't be written: it and those behind it stay resident and
-    // the file stays open.
+    // Throws FileIOException when a page can't be written: that page and those after it stay
+    // resident and the file stays open.
     void Close();
 
     // Frees every page without writing it. The file stays open.
     void DiscardAll();
 
+    bool IsOpen() const { return file_ != nullptr; }
+
     // The 8192 bytes of a page, pinned. For writing, the file grows to cover the page. Null when
-    // the number is not valid or every page kept is pinned. Throws FileIOException when the page
-    // can't be read, as beyond the end of the file, or when a page that must leave can't be
+    // the number is not valid or every resident page is pinned. Throws FileIOException when the
+    // page can't be read, for example past the end of the file, when an evicted page can't be
     // written, or when the file is closed (for writing InvalidParameterException);
     // OutOfMemoryException and std::bad_alloc without memory for the page and for the index.
     std::uint8_t* GetPageForRead(std::uint64_t page) { return GetPage(page, Access::Read); }
@@ -66,20 +79,20 @@ public:
     void ReleasePageForRead(std::uint64_t page) { ReleasePage(page); }
     void ReleasePageForWrite(std::uint64_t page) { ReleasePage(page); }
 
-    // Writes a page that is resident to the file now; it stays resident. Throws FileIOException.
+    bool IsResident(std::uint64_t page) const;
+
+    // Writes a page to the file now; it stays resident. The listener is not called.
+    // REQUIRES: the page is resident. Throws FileIOException.
     void WritePage(std::uint64_t page);
 
-    // Has a page, which must be resident, written before any other page that leaves the cache from
-    // now on; it stays resident. Until then the file keeps the bytes it has, though it may grow.
-    void WriteBeforeOthers(std::uint64_t page);
+    // Sets the listener, or none. It must outlive the cache or be replaced before it dies.
+    void SetWriteListener(PageWriteListener* listener) { writeListener_ = listener; }
+    const PageWriteListener* WriteListener() const { return writeListener_; }
 
-    // Whether that page is still to be written.
-    bool IsHoldingBack() const { return firstToWrite_ != nullptr; }
-
-    // Whether a page, which must be valid, lies in the file as a whole.
+    // True if the whole page lies in the file. REQUIRES: the page number is valid.
     bool CoversPage(std::uint64_t page) const;
 
-    // Grows the file to cover a page, which must be valid. Throws FileIOException,
+    // Grows the file to cover a page. REQUIRES: the page number is valid. Throws FileIOException,
     // InvalidParameterException when the file is closed.
     void EnsurePageInFile(std::uint64_t page);
 
@@ -87,6 +100,7 @@ private:
     enum class Access { Read, Write };
 
     std::uint8_t* GetPage(std::uint64_t page, Access access);
+    std::unique_ptr<CachedPage> LoadPage(std::uint64_t index, bool forWrite);
     void ReleasePage(std::uint64_t page);
     bool EvictDownTo(std::uint64_t limit, std::unique_ptr<CachedPage>& frame);
     std::unique_ptr<CachedPage> WriteBackPage(CachedPage* page);
@@ -105,10 +119,10 @@ private:
     std::uint64_t residentCount_;
     CachedPage* mostRecent_;
     CachedPage* leastRecent_;
-    CachedPage* firstToWrite_;  // resident; null for none
+    PageWriteListener* writeListener_ = nullptr;
 };
 
-// Holds a pin on one page, or none, and gives it back at the end of its life.
+// Holds a pin on one page, or none, and releases it when destroyed.
 class PageRef {
 public:
     explicit PageRef(FilePageCache* cache) : cache_(cache), data_(nullptr), page_(0) {}
@@ -116,8 +130,8 @@ public:
     PageRef& operator=(const PageRef&) = delete;
     ~PageRef() { Release(); }
 
-    // Releases what is held and pins a page. Data() is null afterwards when the cache had no page
-    // to give. Throws what the cache throws, holding nothing.
+    // Releases the page it holds and pins another. Data() is null afterwards if the cache returned
+    // none. Throws what the cache throws, holding nothing.
     void SetReadPage(std::uint64_t page);
     void SetWritePage(std::uint64_t page);
 

@@ -25,26 +25,24 @@ public:
     std::uint64_t Read(void* buffer, std::uint64_t size) override;
     std::uint64_t Write(const void* buffer, std::uint64_t size) override;
 
-    // Moves every byte behind position + length down to position, and seeks to position. The size
-    // stays; the last length bytes are then stale. False for a negative length, and when either end
-    // lies outside the stream. Throws FileDataCorruptException when a page can't be pinned.
-    bool RemoveRange(std::int32_t position, std::int32_t length);
+    // Moves every byte from position + length on down to position, and seeks to position. The size
+    // stays the same; the last `length` bytes are then stale. False for a negative length and when
+    // either end lies outside the stream. Throws FileDataCorruptException when a page can't be
+    // pinned.
+    [[nodiscard]] bool RemoveRange(std::int32_t position, std::int32_t length);
 
     // Unpins both pages; the next access pins again.
     void ReleasePages();
 
-    // Goes on over a seeker that describes the same bytes in other places. Throws
-    // FileDataCorruptException, and stays where it is, when these don't reach the position.
+    // Switches to a seeker that describes the same bytes in other places. Throws
+    // FileDataCorruptException, changing nothing, if the new file is too short for the position.
     void MoveTo(const Util::RefPtr<IPagedFileSeeker>& seeker);
 
-    // Lets go of the pages and the seeker. The stream has no bytes then.
+    // Releases the pages and the seeker. The stream has no bytes from then on.
     void Detach();
 
 protected:
     ~PagedFileStream() override;
-
-    // The seeker; null once detached.
-    IPagedFileSeeker* Seeker() const { return seeker_.Get(); }
 
 private:
     struct Position {

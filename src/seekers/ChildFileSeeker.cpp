@@ -7,6 +7,13 @@
 
 namespace Quorvel {
 
+namespace {
+
+// Entries that a page table has memory for at first.
+constexpr std::uint64_t kUsualPageCount = 256;
+
+}  // namespace
+
 ChildFileSeeker::~ChildFileSeeker() {
     Clear();
 }
@@ -88,16 +95,22 @@ void ChildFileSeeker::CheckSizes() const {
 }
 
 void ChildFileSeeker::AttachWholePages() {
-    pageNumberTable_.reserve(pageCount);
-    rangeTable_.reserve(pageCount);
+    // A damaged file can claim more pages than its chain has.
+    const std::uint64_t expected = std::min<std::uint64_t>(pageCount, kUsualPageCount);
+    pageNumberTable_.reserve(expected);
+    rangeTable_.reserve(expected);
     std::uint64_t page = extent_.firstPage;
     for (std::uint64_t index = 0; index < extent_.wholePageCount; ++index) {
-        if (!IsValidPageNumber(page)) {
+        // No page follows two others, so a chain can only return to its first page.
+        if (!IsValidPageNumber(page) || (index > 0 && page == extent_.firstPage)) {
             throw FileDataCorruptException();
         }
         pageNumberTable_.push_back(page);
         rangeTable_.push_back({0, kPageSize});
         page = allocator_->GetNextPage(page);
+        if (page == kFreePage) {
+            throw FileDataCorruptException();  // what is said of a page that is itself free
+        }
     }
 }
 

@@ -1,9 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdint>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <ostream>
+#include <set>
+#include <string>
 
 #include "effectcache/CacheClient.h"
 #include "effectcache/EqualSizes.h"
@@ -103,6 +107,32 @@ TEST_P(EffectCacheFaults, SaveLeavesTheOldStateTheNewOneOrAnEmptyCache) {
             AddNew(*a);
         },
         [&] { (*a)->ForceSaveToFile(); }, [&](bool failed) { EXPECT_SAFE_AFTER_SAVE(failed); });
+}
+
+// The queue is the caller's to try again with, or to look at: a failed save leaves it alone, at
+// whichever call it fails.
+TEST_P(EffectCacheFaults, FailedSaveKeepsTheQueueAndTheListingInOrder) {
+    const std::string listing = directory.File("listing.txt");
+    ForEachCall(
+        [&] {
+            Open(a);
+            AddNew(*a);
+        },
+        [&] { (*a)->ForceSaveToFile(); },
+        [&](bool) {
+            const std::uint64_t queued = NewContents().size() - OldContents().size();
+            EXPECT_EQ(a->InMemory() == 0, (*a)->IsEnabled());
+            EXPECT_TRUE(a->InMemory() == 0 || a->InMemory() >= queued);
+            (*a)->ListCachedEffects(listing.c_str());
+            std::ifstream lines(listing);
+            std::set<std::string> names;
+            std::uint64_t count = 0;
+            for (std::string line; std::getline(lines, line); ++count) {
+                names.insert(line.substr(0, line.find(" Size: ")));
+            }
+            EXPECT_EQ(count, a->InFile());
+            EXPECT_EQ(names.size(), count);
+        });
 }
 
 TEST_P(EffectCacheFaults, SaveAtTheEndLeavesTheOldStateTheNewOneOrAnEmptyCache) {

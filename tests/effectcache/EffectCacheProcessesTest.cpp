@@ -389,11 +389,11 @@ TEST_F(EffectCacheProcesses, FileThatAKilledProcessLeftUnfinishedIsReplacedByAnE
         const PagedFilePackageConfig config = {path.c_str(), 64, 65535};
         const Util::RefPtr<PagedFilePackage> package(new PagedFilePackage(config));
         ASSERT_TRUE(package->Load());
-        package->MarkUnfinished();
+        package->BeginSave();
         const std::uint64_t id = package->CreateDataStream(100 * 8192);
         const Bytes bytes(100 * 8192);  // more than the page cache holds
         ASSERT_EQ(package->OpenDataStream(id)->Write(bytes.data(), bytes.size()), bytes.size());
-        package->Abandon();
+        package->Discard();
     }
     const auto a = Start();
     EXPECT_EQ(a->Find("x"), "absent");
@@ -409,9 +409,9 @@ TEST_F(EffectCacheProcesses, FileThatAKilledProcessWasAboutToChangeIsIntact) {
         const Util::RefPtr<PagedFilePackage> package(
             new PagedFilePackage({path.c_str(), 64, 65535}));
         ASSERT_TRUE(package->Load());
-        package->MarkUnfinished();
+        package->BeginSave();
         package->CreateDataStream(100 * 8192);
-        package->Abandon();
+        package->Discard();
     }
     EXPECT_EQ(Start()->Find("x"), Expected("old-x", 9000));
 }

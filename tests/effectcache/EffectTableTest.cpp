@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <new>
 #include <random>
 #include <set>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -29,26 +31,33 @@ EffectKey KeyOf(const std::string& name) {
     return {reinterpret_cast<const unsigned char*>(name.data()), name.size()};
 }
 
-IndexEntry* Make(Table& table, const std::string& name, std::uint64_t streamId) {
+EffectRecord RecordOf(const std::string& name, std::uint64_t streamId) {
     EffectRecord record = {};
     record.streamId = streamId;
     record.nameLength = static_cast<std::uint32_t>(name.size());
-    return IndexEntry::Make(table, KeyOf(name), record);
+    return record;
 }
 
 void Put(Table& table, const std::string& name, std::uint64_t streamId) {
-    table.Put(Make(table, name, streamId), KeyOf(name).Hash());
+    table.Put(KeyOf(name), KeyOf(name).Hash(), RecordOf(name, streamId));
 }
 
-void Append(Table& table, const std::string& name, std::uint64_t streamId) {
-    table.Append(Make(table, name, streamId));
+// An entry in the table's memory, not entered.
+IndexEntry* Fill(Table& table, const std::string& name, std::uint64_t streamId) {
+    const EffectRecord record = RecordOf(name, streamId);
+    std::byte* const memory = table.Allocate(IndexEntry::SizeFor(KeyOf(name), record));
+    return IndexEntry::Write(memory, KeyOf(name), 0, record);
+}
+
+void AddFilled(Table& table, const std::string& name, std::uint64_t streamId) {
+    table.AddFilled(Fill(table, name, streamId));
 }
 
 IndexEntry* Find(const Table& table, const std::string& name) {
     return table.Find(KeyOf(name), KeyOf(name).Hash());
 }
 
-std::vector<std::string> Names(const Table& table) {
+std::vector<std::string> Names(Table& table) {
     std::vector<std::string> names;
     for (const IndexEntry* const entry : table.Entries()) {
         names.push_back(NameOf(*entry));
@@ -57,7 +66,7 @@ std::vector<std::string> Names(const Table& table) {
 }
 
 TEST(EffectTable, HoldsNothingAtFirst) {
-    const Table table;
+    Table table;
     EXPECT_EQ(table.Size(), 0u);
     EXPECT_EQ(Find(table, "a"), nullptr);
     EXPECT_TRUE(table.Entries().empty());
@@ -105,12 +114,10 @@ TEST(EffectTable, ListsEntriesInKeyOrderOnceSettled) {
     for (const char* const name : {"bb", "a", "ccc", "b", "ab"}) {
         Put(table, name, 0);
     }
-    table.Settle();
     EXPECT_EQ(Names(table), (std::vector<std::string>{"a", "b", "ab", "bb", "ccc"}));
     Put(table, "aa", 0);
     Put(table, "c", 0);
     Put(table, "dddd", 0);
-    table.Settle();
     EXPECT_EQ(Names(table),
               (std::vector<std::string>{"a", "b", "c", "aa", "ab", "bb", "ccc", "dddd"}));
 }
@@ -119,11 +126,9 @@ TEST(EffectTable, PutReplacesTheEntryWithThatName) {
     Table table;
     Put(table, "a", 1);
     Put(table, "b", 2);
-    table.Settle();
     Put(table, "a", 3);
     EXPECT_EQ(table.Size(), 2u);
     EXPECT_EQ(StreamIdOf(Find(table, "a")), 3u);
-    table.Settle();
     EXPECT_EQ(Names(table), (std::vector<std::string>{"a", "b"}));
     EXPECT_EQ(StreamIdOf(table.Entries()[0]), 3u);
 }
@@ -135,12 +140,10 @@ TEST(EffectTable, RemovedEntryIsGone) {
     table.Remove(Find(table, "a"));
     EXPECT_EQ(Find(table, "a"), nullptr);
     EXPECT_EQ(table.Size(), 1u);
-    table.Settle();
     EXPECT_EQ(Names(table), (std::vector<std::string>{"b"}));
     Put(table, "a", 4);
     table.Remove(Find(table, "a"));
     Put(table, "a", 5);
-    table.Settle();
     EXPECT_EQ(Names(table), (std::vector<std::string>{"a", "b"}));
     EXPECT_EQ(StreamIdOf(Find(table, "a")), 5u);
 }
@@ -152,15 +155,13 @@ TEST(EffectTable, EntriesKeepTheirAddresses) {
     for (int index = 0; index < 1000; ++index) {
         Put(table, std::to_string(index), 0);
     }
-    table.Settle();
     EXPECT_EQ(Find(table, "stays"), entry);
 }
 
-TEST(EffectTable, AppendedEntryIsFoundOnceSettled) {
+TEST(EffectTable, AnEntryFilledInItsMemoryIsFound) {
     Table table;
     Put(table, "b", 1);
-    Append(table, "a", 2);
-    table.Settle();
+    AddFilled(table, "a", 2);
     EXPECT_EQ(table.Size(), 2u);
     ASSERT_NE(Find(table, "a"), nullptr);
     EXPECT_EQ(StreamIdOf(Find(table, "a")), 2u);
@@ -174,10 +175,9 @@ TEST(EffectTable, EntriesAppendedInAnyOrderAreListedInKeyOrder) {
     for (std::size_t round = 0; round < 60; ++round) {
         for (std::size_t added = random() % 90; added > 0; --added) {
             const std::string name = std::to_string(random() % 100000);
-            Append(table, name, round);
+            AddFilled(table, name, round);
             expected.emplace(name.size(), name);
         }
-        table.Settle();
         ASSERT_EQ(table.Size(), expected.size());
         std::vector<std::string> names;
         for (const auto& [length, name] : expected) {
@@ -187,50 +187,79 @@ TEST(EffectTable, EntriesAppendedInAnyOrderAreListedInKeyOrder) {
     }
 }
 
-TEST(EffectTable, AppendWithoutMemoryChangesNothing) {
+TEST(EffectTable, AddingWithoutMemoryChangesNothing) {
     Table table;
-    std::uint64_t appended = 0;
+    std::uint64_t added = 0;
     for (std::uint64_t id = 0; id < 2000; ++id) {
-        IndexEntry* const entry = Make(table, std::to_string(id % 700), id);
+        const std::string name = std::to_string(id % 700);
+        IndexEntry* const entry = id % 2 == 0 ? Fill(table, name, id) : nullptr;
+        const auto add = [&] { entry ? table.AddFilled(entry) : Put(table, name, id); };
+        const std::uint64_t size = table.Size();
+        const std::uint64_t bytes = table.TotalBytes();
         const AllocationFault fault(0);
         try {
-            table.Append(entry);
-            ++appended;
+            add();
+            ++added;
             ASSERT_FALSE(fault.HasFailed());
         } catch (const std::bad_alloc&) {
-            table.Append(entry);
+            ASSERT_EQ(table.Size(), size);
+            ASSERT_EQ(table.TotalBytes(), bytes);
+            add();
         }
     }
-    EXPECT_LT(appended, 2000u);
-    table.Settle();
+    EXPECT_LT(added, 2000u);
     ASSERT_EQ(table.Size(), 700u);
     for (std::uint64_t id = 1300; id < 2000; ++id) {
         ASSERT_EQ(StreamIdOf(Find(table, std::to_string(id % 700))), id);
     }
 }
 
-TEST(EffectTable, LastOfSeveralAppendedEntriesWithOneNameStays) {
+TEST(EffectTable, RemovingWithoutMemoryChangesNothing) {
+    Table table;
+    for (std::uint64_t id = 0; id < 200; ++id) {
+        Put(table, std::to_string(id), id);
+    }
+    bool hasThrown = false;
+    for (std::uint64_t id = 0; id < 200; ++id) {
+        const AllocationFault fault(0);
+        try {
+            table.Remove(Find(table, std::to_string(id)));
+        } catch (const std::bad_alloc&) {
+            hasThrown = true;
+            ASSERT_EQ(table.Size(), 200u - id);
+            table.Remove(Find(table, std::to_string(id)));
+        }
+    }
+    EXPECT_TRUE(hasThrown);
+    EXPECT_EQ(table.Size(), 0u);
+    EXPECT_TRUE(table.Entries().empty());
+}
+
+TEST(EffectTable, ListingWithoutMemoryLosesNothing) {
+    Table table;
+    for (int round = 0; round < 3; ++round) {
+        for (std::uint64_t id = 0; id < 100; ++id) {
+            Put(table, std::to_string(id * 7 % 100 + 50 * static_cast<std::uint64_t>(round)), id);
+        }
+        table.Remove(Find(table, std::to_string(50 * round + 3)));
+        {
+            const AllocationFault fault(0);
+            EXPECT_THROW(table.Entries(), std::bad_alloc);
+        }
+        ASSERT_EQ(table.Entries().size(), table.Size());
+    }
+}
+
+TEST(EffectTable, LastOfSeveralEntriesWithOneNameStays) {
     Table table;
     for (std::uint64_t id = 0; id < 40; ++id) {
-        Append(table, id % 2 == 0 ? "even" : "odd", id);
+        AddFilled(table, id % 2 == 0 ? "even" : "odd", id);
     }
-    table.Settle();
     EXPECT_EQ(Names(table), (std::vector<std::string>{"odd", "even"}));
     EXPECT_EQ(StreamIdOf(Find(table, "even")), 38u);
     EXPECT_EQ(StreamIdOf(Find(table, "odd")), 39u);
     EXPECT_EQ(table.Entries()[0], Find(table, "odd"));
     EXPECT_EQ(table.Entries()[1], Find(table, "even"));
-}
-
-TEST(EffectTable, PutReplacesAnEntryAppendedBefore) {
-    Table table;
-    Append(table, "a", 1);
-    Put(table, "a", 2);
-    EXPECT_EQ(table.Size(), 1u);
-    EXPECT_EQ(StreamIdOf(Find(table, "a")), 2u);
-    table.Settle();
-    EXPECT_EQ(Names(table), (std::vector<std::string>{"a"}));
-    EXPECT_EQ(StreamIdOf(Find(table, "a")), 2u);
 }
 
 TEST(EffectTable, CountsTheBytesOfItsEntries) {
@@ -243,25 +272,11 @@ TEST(EffectTable, CountsTheBytesOfItsEntries) {
     EXPECT_EQ(table.TotalBytes(), 53u + 55u);
     table.Remove(Find(table, "bcd"));
     EXPECT_EQ(table.TotalBytes(), 53u);
-    Append(table, "ab", 4);
-    table.Settle();
+    AddFilled(table, "ab", 4);
     EXPECT_EQ(table.TotalBytes(), 53u + 54u);
     table.Clear();
     EXPECT_EQ(table.TotalBytes(), 0u);
     EXPECT_EQ(table.HeldBytes(), 0u);
-}
-
-TEST(EffectTable, PutAfterMakeRoomAllocatesNothing) {
-    Table table;
-    for (std::uint64_t id = 0; id < 1000; ++id) {
-        const std::string name = std::to_string(id % 300);
-        table.MakeRoom();
-        IndexEntry* const entry = Make(table, name, id);
-        const AllocationFault none(0);
-        table.Put(entry, KeyOf(name).Hash());
-        ASSERT_FALSE(none.HasFailed()) << id;
-    }
-    EXPECT_EQ(table.Size(), 300u);
 }
 
 // A cache that runs for years must not grow by the entries that it replaces.
@@ -271,7 +286,6 @@ TEST(EffectTable, PackReturnsTheMemoryOfReplacedEntries) {
         for (int name = 0; name < 500; ++name) {
             Put(table, "name " + std::to_string(name), 500 * round + static_cast<unsigned>(name));
         }
-        table.Settle();
         table.Pack();
         ASSERT_LE(table.HeldBytes(), 2 * table.TotalBytes() + 0x10000);
         for (const IndexEntry* const entry : table.Entries()) {
@@ -304,36 +318,7 @@ TEST(EffectTable, IsEmptyOnceCleared) {
     EXPECT_EQ(Find(table, "a"), nullptr);
     EXPECT_TRUE(table.Entries().empty());
     Put(table, "b", 2);
-    table.Settle();
     EXPECT_EQ(Names(table), (std::vector<std::string>{"b"}));
-}
-
-TEST(EffectTable, IsEmptyAfterRecycleAndCanBeFilledAgain) {
-    Table table;
-    for (int round = 0; round < 3; ++round) {
-        for (int name = 0; name < 300; ++name) {
-            Put(table, std::to_string(name), static_cast<std::uint64_t>(round));
-        }
-        table.Remove(Find(table, "5"));
-        Append(table, "appended", 0);
-        table.Recycle();
-        EXPECT_EQ(table.Size(), 0u);
-        EXPECT_EQ(table.TotalBytes(), 0u);
-        EXPECT_EQ(table.HeldBytes(), 0u);
-        EXPECT_EQ(Find(table, "7"), nullptr);
-        EXPECT_TRUE(table.Entries().empty());
-    }
-    Put(table, "b", 1);
-    Put(table, "a", 2);
-    table.DropSpare();
-    table.Settle();
-    EXPECT_EQ(Names(table), (std::vector<std::string>{"a", "b"}));
-    EXPECT_EQ(StreamIdOf(Find(table, "a")), 2u);
-    table.Recycle();
-    table.DropSpare();
-    EXPECT_EQ(Find(table, "a"), nullptr);
-    Put(table, "c", 3);
-    EXPECT_EQ(StreamIdOf(Find(table, "c")), 3u);
 }
 
 TEST(EffectTable, PackWithoutMemoryChangesNothing) {
@@ -341,7 +326,6 @@ TEST(EffectTable, PackWithoutMemoryChangesNothing) {
     for (std::uint64_t id = 0; id < 3000; ++id) {
         Put(table, "name " + std::to_string(id % 10), id);
     }
-    table.Settle();
     const std::vector<IndexEntry*> entries = table.Entries();
     const std::uint64_t held = table.HeldBytes();
     for (std::uint64_t granted = 0; granted < 2; ++granted) {
@@ -368,7 +352,7 @@ TEST(EffectTable, AgreesWithAMap) {
             Put(table, name, step);
             expected[{name.size(), name}] = step;
         } else if (random() % 50 == 0) {
-            Append(table, name, step);
+            AddFilled(table, name, step);
             Put(table, "put after", step);
             expected[{name.size(), name}] = step;
             expected[{9, "put after"}] = step;
@@ -380,7 +364,6 @@ TEST(EffectTable, AgreesWithAMap) {
             }
         }
         if (random() % 400 == 0) {
-            table.Settle();
             table.Pack();
             ASSERT_EQ(table.Entries().size(), expected.size());
             auto next = expected.begin();
@@ -397,7 +380,7 @@ TEST(EffectTable, AgreesWithAMap) {
 TEST(IndexEntry, HasTheBytesOfItsRecordAndName) {
     EffectRecord record = {0x0102030405060708, 2, 9, 1, {2024, 2, 29, 23, 59, 58, 987}, 0};
     Table table;
-    const IndexEntry* const entry = IndexEntry::Make(table, KeyOf("ab"), record);
+    const IndexEntry* const entry = table.Put(KeyOf("ab"), KeyOf("ab").Hash(), record);
     const auto bytes = entry->Bytes();
     EXPECT_EQ(std::vector<unsigned char>(bytes.begin(), bytes.end()),
               (std::vector<unsigned char>{8,    7,    6, 5, 4,  3, 2,  1,                  //
@@ -412,13 +395,15 @@ TEST(PendingEffect, HoldsCopiesOfNameAndBytes) {
     std::string name = "name";
     std::vector<unsigned char> bytes = {1, 2, 3};
     EffectTable<PendingEffect> table;
-    const PendingEffect* const effect = PendingEffect::Make(table, KeyOf(name), 77, bytes, 1);
+    const std::uint32_t hash = KeyOf(name).Hash();
+    const PendingEffect* const effect =
+        table.Put(KeyOf(name), hash, std::span<const unsigned char>(bytes), true);
     name[0] = 'x';
     bytes[0] = 9;
     EXPECT_TRUE(effect->Key() == KeyOf("name"));
     EXPECT_EQ(std::vector<unsigned char>(effect->Compiled().begin(), effect->Compiled().end()),
               (std::vector<unsigned char>{1, 2, 3}));
-    EXPECT_EQ(effect->Hash(), 77u);
+    EXPECT_EQ(effect->Hash(), hash);
     EXPECT_EQ(effect->Permanent(), 1u);
     EXPECT_EQ(effect->Bytes().size(), sizeof(PendingEffect) + 4 + 3);
 }

@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <filesystem>
 
 #include "package/PackageTest.h"
 #include "support/StdioFaults.h"
@@ -39,13 +40,11 @@ TEST_F(CommitTest, OfACleanPackageDoesNotTouchTheFile) {
     EXPECT_TRUE(CountStdioCalls() == before);
 }
 
-TEST_F(CommitTest, OfAPackageWithoutAFileFails) {
-    const auto package = NewPackage();
-    EXPECT_TRUE(package->Commit());
-    package->SetHeaderDataSize(1);
-    EXPECT_FALSE(package->Commit());
-    EXPECT_TRUE(package->HasChanges());
-    package->Abandon();
+TEST_F(CommitTest, OfAPackageWithoutAFileDoesNothing) {
+    package_.Reset();
+    std::filesystem::remove(path_);
+    EXPECT_TRUE(NewPackage()->Commit());
+    EXPECT_FALSE(std::filesystem::exists(path_));
 }
 
 TEST_F(CommitTest, WritesTheChangesToTheFile) {
@@ -420,7 +419,7 @@ TEST_F(SmallCommitTest, MarkThatCannotBePreparedChangesNothing) {
     for (const StdioCall call : {StdioCall::Read, StdioCall::Write}) {
         EXPECT_EQ(Format::ReadStream(*package_, id), streams_[id]);  // page 10 has left the cache
         const StdioFault fault(call, EIO);
-        EXPECT_EQ(FileErrorOf([&] { package_->MarkUnfinished(); }), EIO);
+        EXPECT_EQ(FileErrorOf([&] { package_->BeginSave(); }), EIO);
         EXPECT_FALSE(package_->HasChanges());
         EXPECT_FALSE(package_->MayHaveChangedFile());
     }
@@ -478,54 +477,51 @@ TEST_F(CommitTest, FreesHeadFilePagesThatTheStateDoesNotReach) {
     CommitAndExpectFile();
 }
 
-// ---- Packages marked as unfinished --------------------------------------------------------------
+// ---- Saves --------------------------------------------------------------------------------------
 
-TEST_F(CommitTest, MarkedPackageLeavesTheFileUnchangedWhileItsFirstPageIsCached) {
+TEST_F(CommitTest, OfASaveLeavesTheFileUnchangedUntilAPageLeavesTheCache) {
     Add(10000);
-    EXPECT_TRUE(package_->MayHaveChangedFile());  // not marked
+    EXPECT_EQ(package_->State(), FileState::Changed);
+    EXPECT_TRUE(package_->MayHaveChangedFile());
     ASSERT_TRUE(package_->Commit());
     const Bytes old = File();
-    package_->MarkUnfinished();
+    package_->BeginSave();
+    EXPECT_EQ(package_->State(), FileState::Saving);
     EXPECT_TRUE(package_->HasChanges());
     EXPECT_FALSE(package_->MayHaveChangedFile());
     EXPECT_TRUE(File() == old);
     CommitAndExpectFile();
+    EXPECT_EQ(package_->State(), FileState::Clean);
     EXPECT_FALSE(package_->MayHaveChangedFile());
 }
 
-TEST_F(CommitTest, MarkedPackageWithAWrittenPageCannotBeOpenedUntilCommitted) {
+TEST_F(CommitTest, OfASaveThatHasWrittenAPageIsWhatMakesTheFileReadableAgain) {
     const std::uint64_t old = Add(10000);
     ASSERT_TRUE(package_->Commit());
-    package_->MarkUnfinished();
+    package_->BeginSave();
     Delete(old);
     Add(100 * 8192);  // more than the cache holds
+    EXPECT_EQ(package_->State(), FileState::Overwriting);
     EXPECT_TRUE(package_->MayHaveChangedFile());
     EXPECT_EQ(WordsOfPage(File(), 10, 1), Words{0});
     EXPECT_FALSE(NewPackage()->Load());
     CommitAndExpectFile();
 }
 
-TEST_F(CommitTest, MarkedPackageAbandonedBeforeAnyPageIsWrittenLeavesTheFileUnchanged) {
+TEST_F(CommitTest, OfASaveDiscardedBeforeAnyPageIsWrittenDoesNotHappen) {
     Add(10000);
     ASSERT_TRUE(package_->Commit());
     const Bytes old = File();
-    package_->MarkUnfinished();
+    package_->BeginSave();
     package_->DeleteDataStream(0);
-    package_->Abandon();
+    package_->Discard();
+    EXPECT_EQ(package_->State(), FileState::Discarded);
     package_.Reset();
     EXPECT_TRUE(File() == old);
 }
 
-TEST_F(CommitTest, MarkingAgainWritesNothing) {
-    package_->MarkUnfinished();
-    const StdioCounts before = CountStdioCalls();
-    package_->MarkUnfinished();
-    EXPECT_TRUE(CountStdioCalls() == before);
-    CommitAndExpectFile();
-}
-
-TEST_F(CommitTest, NextCommitAfterAMarkedOneIsOrdinary) {
-    package_->MarkUnfinished();
+TEST_F(CommitTest, AfterASaveIsAnOrdinaryOne) {
+    package_->BeginSave();
     ASSERT_TRUE(package_->Commit());
     Add(10000);
     EXPECT_TRUE(NewPackage()->Load());
@@ -534,7 +530,7 @@ TEST_F(CommitTest, NextCommitAfterAMarkedOneIsOrdinary) {
 
 // A process that dies leaves the file as its last write left it. The file can be opened only before
 // the first write of the commit and after the last.
-TEST_F(CommitTest, OfAMarkedPackageMakesTheFileReadableOnlyByItsLastWrite) {
+TEST_F(CommitTest, OfASaveMakesTheFileReadableOnlyByItsLastWrite) {
     std::uint64_t writesDone = 0;
     for (bool isCommitted = false; !isCommitted; ++writesDone) {
         StartOver();
@@ -543,7 +539,7 @@ TEST_F(CommitTest, OfAMarkedPackageMakesTheFileReadableOnlyByItsLastWrite) {
         }
         ASSERT_TRUE(package_->Commit());
         const Bytes old = File();
-        package_->MarkUnfinished();
+        package_->BeginSave();
         Delete(0);
         Add(7500);
         {
@@ -557,7 +553,7 @@ TEST_F(CommitTest, OfAMarkedPackageMakesTheFileReadableOnlyByItsLastWrite) {
             << "after " << writesDone << " writes";
         EXPECT_EQ(File() == old, writesDone == 0);
         EXPECT_EQ(package_->MayHaveChangedFile(), !isCommitted && writesDone != 0);
-        package_->Abandon();
+        package_->Discard();
     }
     EXPECT_GT(writesDone, 10U);
     Format::ExpectFile(path_, streams_, headerData_);

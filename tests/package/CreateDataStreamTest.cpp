@@ -272,7 +272,7 @@ protected:
         EXPECT_EQ(Add(kFreePages * 8192), 0U);
         EXPECT_THROW(package_->CreateDataStream(8192), OutOfMemoryException);
         ExpectPackage();
-        package_->Abandon();
+        package_->Discard();
     }
 };
 

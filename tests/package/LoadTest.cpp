@@ -130,7 +130,7 @@ TEST_F(LoadTest, DoesNotBringBackAbandonedChanges) {
     CommitAndExpectFile();
     Format::SetHeaderData(*package_, {4, 5, 6});
     package_->CreateDataStream(100);
-    package_->Abandon();
+    package_->Discard();
     EXPECT_FALSE(package_->HasChanges());
     ASSERT_TRUE(package_->Load());
     ExpectPackage();

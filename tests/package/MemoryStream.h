@@ -52,11 +52,13 @@ private:
     std::uint64_t position_ = 0;
 };
 
-// The bytes that a part of a package's state saves to a stream of its StateSize; empty on failure.
+// The bytes that a part of a package's state saves to a stream of its StateSize; empty when it does
+// not fill the stream.
 template <typename State>
 Format::Bytes Saved(const State& state) {
     MemoryStream stream(Format::Bytes(state.StateSize(), 0xEE));
-    if (!state.Save(stream) || stream.GetPosition() != stream.GetSize()) {
+    state.Save(stream);
+    if (stream.GetPosition() != stream.GetSize()) {
         return {};
     }
     return stream.Content();
@@ -76,9 +78,9 @@ inline Format::Bytes Prefix(const Format::Bytes& bytes, std::size_t size) {
     return Format::Bytes(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size));
 }
 
-// Loads a part of a package's state from a stream.
+// Loads a part of a package's state from a stream; returns what Load returns.
 template <typename State>
-bool LoadFrom(State&& state, IDataStream& stream, std::uint64_t limit) {
+auto LoadFrom(State&& state, IDataStream& stream, std::uint64_t limit) {
     StateReader reader(stream);
     return state.Load(reader, limit);
 }

@@ -122,7 +122,7 @@ TEST(TailBlockTableLoad, KeepsTheLimit) {
     TailBlockTable table;
     MemoryStream stream(BytesOf(Blocks(1)));
     EXPECT_TRUE(LoadFrom(table, stream, 8));
-    EXPECT_THROW(table.Place(9, 0, 1), InvalidParameterException);
+    EXPECT_THROW(static_cast<void>(table.Place(9, 0, 1)), InvalidParameterException);
     EXPECT_TRUE(table.Place(8, 0, 1));
 }
 

@@ -784,60 +784,84 @@ TEST_F(FilePageCacheTest, WritePageThrowsIfThePageCannotBeWritten) {
     EXPECT_THROW(cache.WritePage(10), FileIOException);
 }
 
-TEST_F(FilePageCacheTest, APageToBeWrittenBeforeOthersIsWrittenWhenTheFirstOfThemIsEvicted) {
-    MakeZeroFile(4);
-    FilePageCache cache(path_.c_str(), 3);
-    Fill(cache, 10);
-    cache.WriteBeforeOthers(10);
-    EXPECT_TRUE(cache.IsHoldingBack());
-    Fill(cache, 11);
-    Fill(cache, 12);
-    cache.EnsurePageInFile(20);
-    Touch(cache, 10);
-    EXPECT_TRUE(cache.IsHoldingBack());
-    EXPECT_EQ(FilledPagesOfFile(), Numbers());
-    StdioTrace trace;
-    Touch(cache, 13);  // evicts 11
-    Numbers written;
-    for (const StdioTransfer& transfer : trace.Take()) {
-        if (transfer.kind == StdioTransfer::Kind::Write) {
-            written.push_back(transfer.offset);
+// Notes when it is called: at which number of writes. Throws when told to.
+class WriteWatch : public PageWriteListener {
+public:
+    void BeforePageWrite() override {
+        calls.push_back(CountStdioCalls().writes);
+        if (throws) {
+            throw FileIOException(EIO);
         }
     }
-    EXPECT_EQ(written, (Numbers{0, 8192}));
-    EXPECT_FALSE(cache.IsHoldingBack());
-    const StdioCounts before = CountStdioCalls();
-    Touch(cache, 10);  // still resident
-    EXPECT_EQ(CountStdioCalls().reads, before.reads);
-}
 
-TEST_F(FilePageCacheTest, APageToBeWrittenBeforeOthersMayBeEvictedFirst) {
-    MakeZeroFile(4);
-    FilePageCache cache(path_.c_str(), 1);
-    Fill(cache, 10);
-    cache.WriteBeforeOthers(10);
-    const StdioCounts before = CountStdioCalls();
-    Touch(cache, 11);
-    EXPECT_EQ(CountStdioCalls().writes, before.writes + 1);
-    EXPECT_FALSE(cache.IsHoldingBack());
-}
+    std::vector<std::uint64_t> calls;
+    bool throws = false;
+};
 
-TEST_F(FilePageCacheTest, APageThatCannotBeWrittenBeforeOthersHoldsThemBack) {
+TEST_F(FilePageCacheTest, TellsTheListenerBeforeEachPageThatLeaves) {
     MakeZeroFile(4);
+    WriteWatch watch;
     FilePageCache cache(path_.c_str(), 2);
+    cache.SetWriteListener(&watch);
     Fill(cache, 10);
-    cache.WriteBeforeOthers(10);
     Fill(cache, 11);
-    Touch(cache, 10);
-    {
-        const StdioFault fault(StdioCall::Write, EIO);
-        EXPECT_EQ(FileErrorOf([&] { cache.GetPageForRead(12); }), EIO);
-        EXPECT_EQ(fault.Failures(), 1u);
-    }
-    EXPECT_TRUE(cache.IsHoldingBack());
-    EXPECT_EQ(FilledPagesOfFile(), Numbers());
+    EXPECT_THAT(watch.calls, IsEmpty());
+    const std::uint64_t before = CountStdioCalls().writes;
+    Touch(cache, 12);
+    EXPECT_THAT(watch.calls, ElementsAre(before));
+    cache.Close();
+    EXPECT_THAT(watch.calls, ElementsAre(before, before + 1, before + 2));
+}
+
+TEST_F(FilePageCacheTest, DoesNotTellTheListenerOfOtherWrites) {
+    WriteWatch watch;
+    FilePageCache cache(path_.c_str(), 2);
+    cache.SetWriteListener(&watch);
+    Fill(cache, 10);
+    cache.WritePage(10);
+    cache.EnsurePageInFile(15);
     cache.DiscardAll();
-    EXPECT_FALSE(cache.IsHoldingBack());
+    cache.SetWriteListener(nullptr);
+    Fill(cache, 10);
+    cache.Close();
+    EXPECT_THAT(watch.calls, IsEmpty());
+}
+
+TEST_F(FilePageCacheTest, KeepsAPageThatTheListenerDoesNotWantWritten) {
+    MakeZeroFile(4);
+    WriteWatch watch;
+    watch.throws = true;
+    FilePageCache cache(path_.c_str(), 2);
+    cache.SetWriteListener(&watch);
+    Fill(cache, 10);
+    Fill(cache, 11);
+    EXPECT_EQ(FileErrorOf([&] { cache.GetPageForRead(12); }), EIO);
+    EXPECT_EQ(FilledPagesOfFile(), Numbers());
+    EXPECT_TRUE(cache.IsResident(10));
+    cache.SetWriteListener(nullptr);
+    cache.Close();
+    EXPECT_EQ(FilledPagesOfFile(), (Numbers{10, 11}));
+}
+
+TEST_F(FilePageCacheTest, KnowsWhichPagesAreResident) {
+    MakeZeroFile(3);
+    FilePageCache cache(path_.c_str(), 1);
+    EXPECT_FALSE(cache.IsResident(10));
+    Touch(cache, 10);
+    EXPECT_TRUE(cache.IsResident(10));
+    Touch(cache, 12);
+    EXPECT_FALSE(cache.IsResident(10));
+    EXPECT_FALSE(cache.IsResident(11));
+    EXPECT_TRUE(cache.IsResident(12));
+    EXPECT_FALSE(cache.IsResident(9));
+    EXPECT_FALSE(cache.IsResident(1000000));
+}
+
+TEST_F(FilePageCacheTest, IsOpenUntilItIsClosed) {
+    FilePageCache cache(path_.c_str(), 1);
+    EXPECT_TRUE(cache.IsOpen());
+    cache.Close();
+    EXPECT_FALSE(cache.IsOpen());
 }
 
 // ---- Making the file cover a page ---------------------------------------------------------------
@@ -968,16 +992,6 @@ TEST_F(FilePageCacheTest, KeepsItsStateInOneFixedOrder) {
     EXPECT_EQ(fields.residentCount, 0u);
     EXPECT_EQ(fields.mostRecent, nullptr);
     EXPECT_EQ(fields.leastRecent, nullptr);
-}
-
-// No call sets the capacity to 0; the check guards the subtraction after it.
-TEST_F(FilePageCacheTest, ACapacityOfZeroIsRefusedWhenAPageIsToBeLoaded) {
-    MakeZeroFile(1);
-    FilePageCache cache(path_.c_str(), 1);
-    const std::uint64_t none = 0;
-    std::memcpy(reinterpret_cast<std::uint8_t*>(&cache) + offsetof(CacheFields, capacity), &none,
-                sizeof none);
-    EXPECT_THROW(cache.GetPageForRead(10), InvalidParameterException);
 }
 
 }  // namespace Quorvel::Testing

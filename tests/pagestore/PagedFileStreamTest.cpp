@@ -553,14 +553,14 @@ TEST_F(PagedFileStreamTest, HasNoBytesPastItsPages) {
 TEST_F(PagedFileStreamTest, RemoveRangeToAPlaceWithoutBytesThrowsCorrupt) {
     const Util::RefPtr<IPagedFileSeeker> seeker(new FixedSeeker({kFirst, kSecond}, {0, 8192}));
     stream_ = new PagedFileStream(&cache_, seeker);
-    EXPECT_THROW(stream_->RemoveRange(0, 5), FileDataCorruptException);
+    EXPECT_THROW(static_cast<void>(stream_->RemoveRange(0, 5)), FileDataCorruptException);
     EXPECT_EQ(FreePins(), 4);
 }
 
 TEST_F(PagedFileStreamTest, RemoveRangeThatCannotPinBothPagesThrowsCorruptAndUnpins) {
     OpenCache(1);
     OpenStream({kFirst, kSecond});
-    EXPECT_THROW(stream_->RemoveRange(0, 1000), FileDataCorruptException);
+    EXPECT_THROW(static_cast<void>(stream_->RemoveRange(0, 1000)), FileDataCorruptException);
     EXPECT_EQ(FreePins(), 1);
     EXPECT_EQ(ReadAll(), content_);
 }
@@ -569,7 +569,7 @@ TEST_F(PagedFileStreamTest, RemoveRangeThatCannotPinItsDestinationThrowsCorrupt)
     OpenCache(1);
     OpenStream({kFirst, kSecond});
     ASSERT_NE(cache_.GetPageForRead(19), nullptr);
-    EXPECT_THROW(stream_->RemoveRange(0, 10), FileDataCorruptException);
+    EXPECT_THROW(static_cast<void>(stream_->RemoveRange(0, 10)), FileDataCorruptException);
 }
 
 TEST_F(PagedFileStreamTest, RemoveRangeKeepsTheStreamsOwnPins) {
@@ -587,7 +587,7 @@ TEST_F(PagedFileStreamTest, RemoveRangePinsItsSourceForReadingAndItsDestinationF
     };
     openOver({kFirst, kBeyond});
     const auto size = std::filesystem::file_size(path_);
-    EXPECT_THROW(stream_->RemoveRange(0, 1000), FileIOException);
+    EXPECT_THROW(static_cast<void>(stream_->RemoveRange(0, 1000)), FileIOException);
     EXPECT_EQ(std::filesystem::file_size(path_), size);
     openOver({kBeyond, kFirst});
     EXPECT_TRUE(stream_->RemoveRange(0, 8192));
@@ -620,7 +620,7 @@ TEST_F(PagedFileStreamTest, RemoveRangeHoldsBothPagesWhileItAdvances) {
 TEST_F(PagedFileStreamTest, RemoveRangeEndsInTheLastPageOnly) {
     const Util::RefPtr<IPagedFileSeeker> seeker(new FixedSeeker({kFirst, kSecond}, {0, 8192}));
     stream_ = new PagedFileStream(&cache_, seeker);
-    EXPECT_THROW(stream_->RemoveRange(0, 0), FileDataCorruptException);
+    EXPECT_THROW(static_cast<void>(stream_->RemoveRange(0, 0)), FileDataCorruptException);
 }
 
 TEST_F(PagedFileStreamTest, RemoveRangeWithinOnePageNeedsCapacityForOne) {

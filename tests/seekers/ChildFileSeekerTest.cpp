@@ -217,12 +217,27 @@ TEST_F(ChildFileSeekerTest, NumbersThatOverflowAreCorrupt) {
 }
 
 TEST_F(ChildFileSeekerTest, MorePagesThanAFileMayHaveIsCorrupt) {
-    allocator_->otherLink = 20;
+    allocator_->otherLink = 21;
     allocator_->links.clear();
     constexpr std::uint64_t kMostWholePages = 1048566 - 2;
     ExpectCorrupt(ExtentFor(kMostWholePages + 1, kNoTail), kNoTail);
     Attach(kMostWholePages, kNoTail);
     EXPECT_EQ(seeker_->pageCount, kMostWholePages);
+}
+
+TEST_F(ChildFileSeekerTest, AChainThatReturnsToItsFirstPageIsCorrupt) {
+    allocator_->links[12] = 20;
+    Attach(3, kNoTail);
+    ExpectCorrupt(ExtentFor(4, kNoTail), kNoTail);
+}
+
+TEST_F(ChildFileSeekerTest, AFreePageInTheChainIsCorrupt) {
+    for (const std::uint64_t page : {20, 31, 12}) {
+        const std::uint64_t link = std::exchange(allocator_->links[page], kFreePage);
+        ExpectCorrupt(ExtentFor(3, kNoTail), kNoTail);
+        allocator_->links[page] = link;
+    }
+    Attach(3, kNoTail);
 }
 
 TEST_F(ChildFileSeekerTest, ATailThatBeginsOrEndsOutsideItsRangeIsCorrupt) {
@@ -343,7 +358,7 @@ TEST_F(ChildFileSeekerTest, APositionPastThePagesIsNowhereEvenIfTheSizeIncludesI
 }
 
 TEST_F(ChildFileSeekerTest, PositionsAreComparedWithTheLow32BitsOfTheSizeAsASignedNumber) {
-    allocator_->otherLink = 20;
+    allocator_->otherLink = 21;
     allocator_->links.clear();
     Attach(262144, kNoTail);  // 2 GiB
     EXPECT_EQ(PlaceAt(0), kNowhere);

@@ -13,8 +13,12 @@ std::int64_t PerformanceCounter() noexcept {
 LocalTime CurrentLocalTime() noexcept {
     // The local time is converted once per second, because the conversion takes longer than
     // everything else here.
-    static thread_local std::time_t second = -1;
-    static thread_local std::tm local{};
+    struct Converted {
+        std::time_t second = -1;
+        std::tm local{};
+    };
+    static thread_local Converted converted;
+    auto& [second, local] = converted;
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
     if (now.tv_sec != second) {

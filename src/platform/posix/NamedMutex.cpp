@@ -105,13 +105,12 @@ public:
     std::uint32_t Acquire(std::uint32_t timeout) {
         switch (Wait(timeout)) {
             case 0:
-                SetOwned(owner_.load(std::memory_order_relaxed) == ThisThread()
-                             ? depth_.load(std::memory_order_relaxed) + 1
-                             : 1);
+                Deepen();
                 return kAcquired;
             case EOWNERDEAD:
                 ::pthread_mutex_consistent(native_);
-                SetOwned(1);
+                depth_.store(0, std::memory_order_relaxed);
+                Deepen();
                 return kAbandoned;
             case EBUSY:
             case ETIMEDOUT:
@@ -158,9 +157,13 @@ private:
         return number;
     }
 
-    void SetOwned(std::uint32_t depth) {
-        owner_.store(ThisThread(), std::memory_order_relaxed);
-        depth_.store(depth, std::memory_order_relaxed);
+    // Notes that the calling thread owns the mutex once more.
+    void Deepen() {
+        const std::uint64_t thread = ThisThread();
+        const bool isOwner = owner_.load(std::memory_order_relaxed) == thread;
+        owner_.store(thread, std::memory_order_relaxed);
+        depth_.store(isOwner ? depth_.load(std::memory_order_relaxed) + 1 : 1,
+                     std::memory_order_relaxed);
     }
 
     int Wait(std::uint32_t timeout) {

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "effectcache/EffectKey.h"
+#include "effectcache/EffectRecord.h"
+#include "effectcache/EffectTable.h"
+#include "effectcache/IndexEntry.h"
+#include "package/PagedFilePackage.h"
+#include "quorvel/IDataStream.h"
+#include "vornutil/RefPtr.h"
+
+namespace Quorvel {
+
+// Which effects are in the cache's file, and in which stream each one is. In the file this is the
+// cache's block of the header data and the index stream; in memory, a table by name.
+//
+// Every operation that takes a package REQUIRES that the file mutex is held.
+class EffectIndex {
+public:
+    std::uint64_t Size() const { return table_.Size(); }
+
+    // The entry of a name with that hash; null when there is none.
+    IndexEntry* Find(const EffectKey& name, std::uint32_t hash) const {
+        return table_.Find(name, hash);
+    }
+
+    // Adds an effect, replacing the one that had the name. Throws std::bad_alloc, changing nothing.
+    void Put(const EffectKey& name, std::uint32_t hash, const EffectRecord& record) {
+        table_.Put(name, hash, record);
+    }
+
+    // REQUIRES: the entry is in the index. Throws std::bad_alloc, changing nothing.
+    void Remove(IndexEntry* entry) { table_.Remove(entry); }
+
+    // All entries in key order. The list holds until the index changes. Throws std::bad_alloc.
+    const std::vector<IndexEntry*>& Entries() { return table_.Entries(); }
+
+    // The entries that may be evicted, the one unused for longest first. Throws std::bad_alloc.
+    [[nodiscard]] std::vector<IndexEntry*> EvictionOrder();
+
+    void Clear();
+
+    // Writes the header and an index stream of no effects into a new package. REQUIRES: the index
+    // is empty. Throws FileIOException, and what the package throws.
+    void Start(PagedFilePackage& package);
+
+    // Replaces everything by what the package says. False when the package is not sound or the
+    // header or the index is damaged; the entries before the damage are then in the index. Throws
+    // what the package throws.
+    [[nodiscard]] bool Load(PagedFilePackage& package);
+
+    // Creates a stream for an effect's bytes. An effect whose stream was missing when the index was
+    // loaded is removed when its id is allocated: otherwise it would be found with the bytes of the
+    // new stream. Returns kInvalidStreamId when the package has no id left. Throws what the package
+    // throws.
+    [[nodiscard]] std::uint64_t CreateStream(PagedFilePackage& package, std::uint64_t size);
+
+    // Writes the index stream and the header. Throws FileIOException, and what the package throws.
+    void Write(PagedFilePackage& package);
+
+private:
+    class StreamClaims;
+
+    bool ReadHeader(PagedFilePackage& package);
+    bool ReadEntries(IDataStream& stream, StreamClaims& claims);
+    bool HaveDistinctStreams(const PagedFilePackage& package);
+    Util::RefPtr<IDataStream> OpenForWriting(PagedFilePackage& package);
+    Util::RefPtr<IDataStream> OpenOfSize(PagedFilePackage& package, std::uint64_t size);
+    void WriteHeader(PagedFilePackage& package);
+
+    CacheHeader header_ = {};
+    EffectTable<IndexEntry> table_;
+    std::vector<bool> missingStreams_;  // by id: entries name the id, and no stream has it
+};
+
+}  // namespace Quorvel

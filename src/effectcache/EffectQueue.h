@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "effectcache/EffectKey.h"
+#include "effectcache/EffectRecord.h"
+#include "effectcache/EffectTable.h"
+#include "effectcache/PendingEffect.h"
+#include "effectcache/StreamHelpers.h"
+
+namespace Quorvel {
+
+// The effects that were cached since the last save.
+class EffectQueue {
+public:
+    std::uint64_t Size() const { return table_.Size(); }
+
+    // An over-estimate of what the effects will take in the file: one that is added twice counts
+    // twice.
+    std::uint64_t ByteCount() const { return byteCount_; }
+
+    // True if there are enough bytes for a save.
+    bool IsDue() const { return byteCount_ >= kSaveThreshold; }
+
+    // The effect of a name with that hash; null when there is none.
+    const PendingEffect* Find(const EffectKey& name, std::uint32_t hash) const {
+        return table_.Find(name, hash);
+    }
+
+    // Adds a copy of an effect, replacing the one that had the name. Throws std::bad_alloc,
+    // changing nothing.
+    void Add(const EffectKey& name, std::uint32_t hash, std::span<const unsigned char> compiled,
+             bool permanent) {
+        table_.Put(name, hash, compiled, permanent);
+        byteCount_ += IndexEntrySize(name.length) + SerializedSize(compiled.size());
+    }
+
+    // All effects in key order. The list holds until the queue changes. Throws std::bad_alloc.
+    const std::vector<PendingEffect*>& Entries() { return table_.Entries(); }
+
+    void Clear() {
+        table_.Clear();
+        byteCount_ = 0;
+    }
+
+private:
+    static constexpr std::uint64_t kSaveThreshold = 0x200000;
+
+    EffectTable<PendingEffect> table_;
+    std::uint64_t byteCount_ = 0;
+};
+
+}  // namespace Quorvel

@@ -1,0 +1,149 @@
+#include "package/StoredState.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <utility>
+
+#include "package/StreamTransfer.h"
+#include "pagestore/PagedFileStream.h"
+#include "platform/Assert.h"
+#include "platform/ScopeGuard.h"
+#include "quorvel/Exceptions.h"
+#include "seekers/HeadFileSeeker.h"
+#include "seekers/HeadFileWriteOnlySeeker.h"
+
+namespace Quorvel {
+
+StoredState::StoredState() : allocator(new PageAllocator) {}
+
+void StoredState::Clear() {
+    headFile.Reset();
+    headerData.clear();
+    allocator->Clear();
+    directory.Reset();
+    tailBlocks.Reset();
+}
+
+void StoredState::Swap(StoredState& other) noexcept {
+    std::swap(allocator, other.allocator);
+    directory.Swap(other.directory);
+    tailBlocks.Swap(other.tailBlocks);
+    headerData.swap(other.headerData);
+    std::swap(headFile, other.headFile);
+}
+
+void StoredState::Read(FilePageCache& cache, std::uint64_t streamLimit) {
+    const Util::RefPtr<HeadFileSeeker> seeker(new HeadFileSeeker(&cache));
+    headFile = seeker;
+    seeker->OpenHeadFile();
+    const Util::RefPtr<IDataStream> stream(new PagedFileStream(&cache, headFile));
+    allocator->LoadState(stream);
+    StateReader reader(*stream);
+    directory.Load(reader, streamLimit);
+    if (!tailBlocks.Load(reader, streamLimit)) {
+        throw FileDataCorruptException();
+    }
+    const auto length = reader.Read<std::uint64_t>();
+    if (!reader.ReadItems(headerData, length)) {
+        throw FileIOException();
+    }
+}
+
+void StoredState::Write(FilePageCache& cache, bool markUnfinished) {
+    FreeHeadFile();
+    CreateHeadFile(cache);
+    if (markUnfinished) {
+        SetStoredPageCount(cache, 0);
+    }
+    WriteContent(cache);
+}
+
+void StoredState::FreeHeadFile() {
+    if (!headFile) {
+        return;
+    }
+    // Dropped first, so that no page is freed twice if one of them can't be read or freed.
+    const auto freed = std::exchange(headFile, {});
+    const std::uint64_t count = freed->pageCount;
+    QUORVEL_ASSERT(count > 0);
+    if (freed->pageNumbers[count - 1] == 0) {
+        // The rest of the chain has not been read yet. If it can't be read, its pages are lost, but
+        // for the first, where the next head file begins.
+        Platform::ScopeGuard freeFirst([&] { FreeHeadPages(freed->pageNumbers, 1); });
+        freed->LoadPageInfo(count - 1);
+        freeFirst.Dismiss();
+    }
+    FreeHeadPages(freed->pageNumbers, count);
+}
+
+// Page 10 stays allocated: until the next head file is there, no stream may get it.
+void StoredState::FreeHeadPages(const std::uint64_t* pages, std::uint64_t count) {
+    for (std::uint64_t index = 0; index < count; ++index) {
+        allocator->FreePage(pages[index]);
+        if (pages[index] == kHeadPageNumber) {
+            allocator->MarkPageAllocated(kHeadPageNumber);
+        }
+    }
+}
+
+void StoredState::CreateHeadFile(FilePageCache& cache) {
+    const Util::RefPtr<HeadFileWriteOnlySeeker> seeker(new HeadFileWriteOnlySeeker(&cache));
+    std::vector<std::uint64_t> pages;
+    Platform::ScopeGuard freePages([&] { FreeHeadPages(pages.data(), pages.size()); });
+    const std::uint64_t stateSize = AllocateHeadPages(cache, pages);
+    std::vector<std::uint64_t> nextPages(pages.begin() + 1, pages.end());
+    nextPages.push_back(kEndOfChain);
+    if (QUORVEL_NEVER(
+            !seeker->CreateHeadFile(pages.data(), nextPages.data(), pages.size(), stateSize))) {
+        throw FileIOException();
+    }
+    freePages.Dismiss();
+    headFile = seeker;
+}
+
+// Allocates the pages that the state needs and returns its size. Allocating a page can make the
+// allocator's own state longer, so that the state needs another page.
+std::uint64_t StoredState::AllocateHeadPages(FilePageCache& cache,
+                                             std::vector<std::uint64_t>& pages) {
+    const std::uint64_t otherSizes =
+        directory.StateSize() + tailBlocks.StateSize() + sizeof(std::uint64_t) + headerData.size();
+    for (;;) {
+        const std::uint64_t stateSize = allocator->GetStateSize() + otherSizes;
+        const std::uint64_t needed = BaseHeadFileSeeker::PagesForSize(stateSize);
+        if (pages.size() >= needed) {
+            return stateSize;
+        }
+        pages.reserve(needed);
+        if (pages.empty()) {
+            allocator->MarkPageAllocated(kHeadPageNumber);
+            pages.push_back(kHeadPageNumber);
+        }
+        while (pages.size() < needed) {
+            pages.push_back(allocator->AllocatePage(pages.back()));
+        }
+        cache.EnsurePageInFile(*std::max_element(pages.begin(), pages.end()));
+    }
+}
+
+void StoredState::WriteContent(FilePageCache& cache) const {
+    const Util::RefPtr<IDataStream> stream(new PagedFileStream(&cache, headFile));
+    allocator->SaveState(stream);
+    directory.Save(*stream);
+    tailBlocks.Save(*stream);
+    StateWriter writer(*stream);
+    writer.Write<std::uint64_t>(headerData.size());
+    writer.Write(headerData.data(), headerData.size());
+    writer.Flush();
+}
+
+void SetStoredPageCount(FilePageCache& cache, std::uint64_t pageCount) {
+    PageRef page(&cache);
+    page.SetWritePage(kHeadPageNumber);
+    if (!page.Data()) {
+        throw FileDataCorruptException();
+    }
+    std::memcpy(page.Data() + offsetof(HeadFileHeader, pageCount), &pageCount, sizeof pageCount);
+}
+
+}  // namespace Quorvel

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "package/StreamDirectory.h"
+#include "package/TailBlockTable.h"
+#include "pagestore/FilePageCache.h"
+#include "pagestore/PageAllocator.h"
+#include "quorvel/IDataStream.h"
+#include "seekers/IPagedFileSeeker.h"
+#include "vornutil/RefPtr.h"
+
+namespace Quorvel {
+
+// A package's own state, which its head file stores in this order: the allocator's links, the
+// stream directory, the tail block table, the length of the header data (8 bytes) and the header
+// data.
+//
+// Write frees the pages of the old head file and writes a new one. Both begin at page 10, which
+// stays allocated in between: even after a Write that failed, no stream can get it.
+struct StoredState {
+    StoredState();
+
+    // Replaces everything by what the file's head file holds. Throws FileDataCorruptException,
+    // InvalidParameterException or FileIOException for a head file that can't be read or makes no
+    // sense, std::bad_alloc; the state is then unspecified.
+    void Read(FilePageCache& cache, std::uint64_t streamLimit);
+
+    // Writes a new head file into pages of the cache. Throws as the cache and the allocator do;
+    // what is in memory stays valid, and another Write may follow. `markUnfinished` leaves a page
+    // count of 0 in the head page, which makes the file one that can't be opened.
+    void Write(FilePageCache& cache, bool markUnfinished);
+
+    // Pages of the head file; the count that a finished head page states. REQUIRES: was read or
+    // written.
+    std::uint64_t HeadPageCount() const { return headFile->pageCount; }
+
+    // Back to the state of a new package.
+    void Clear();
+    void Swap(StoredState& other) noexcept;
+
+    Util::RefPtr<PageAllocator> allocator;
+    StreamDirectory directory;
+    TailBlockTable tailBlocks;
+    std::vector<std::uint8_t> headerData;
+    Util::RefPtr<IPagedFileSeeker> headFile;  // null before the first Read or Write
+
+private:
+    void FreeHeadFile();
+    void FreeHeadPages(const std::uint64_t* pages, std::uint64_t count);
+    void CreateHeadFile(FilePageCache& cache);
+    std::uint64_t AllocateHeadPages(FilePageCache& cache, std::vector<std::uint64_t>& pages);
+    void WriteContent(FilePageCache& cache) const;
+};
+
+// Sets the page count that the head page states, in the cache alone. 0 makes the file one that
+// can't be opened. Throws as FilePageCache::GetPageForWrite does, FileDataCorruptException when
+// every page of the cache is pinned.
+void SetStoredPageCount(FilePageCache& cache, std::uint64_t pageCount);
+
+}  // namespace Quorvel

@@ -1,0 +1,13 @@
+#include "platform/Assert.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace Quorvel::Platform {
+
+void AssertionFailed(const char* condition, const char* file, int line) noexcept {
+    std::fprintf(stderr, "%s:%d: assertion failed: %s\n", file, line, condition);
+    std::abort();
+}
+
+}  // namespace Quorvel::Platform

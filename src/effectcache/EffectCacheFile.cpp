@@ -214,26 +214,21 @@ bool EffectCacheFile::Trim(const Lock& lock, EffectIndex& index) noexcept {
 
 // True if the package has enough free stream ids for the queue.
 bool EffectCacheFile::HasStreamsFor(const EffectIndex& index, EffectQueue& queue) const {
-    const std::uint64_t left = kStreamLimit - package_->GetNumberOfDataStreams();
-    if (queue.Size() <= left) {
-        return true;
-    }
     const auto& effects = queue.Entries();
     const auto added = std::count_if(effects.begin(), effects.end(), [&](const auto* effect) {
-        const IndexEntry* const replaced = index.Find(effect->Key(), effect->Hash());
-        return !replaced || !package_->HasStream(replaced->record.streamId);
+        return !index.Find(effect->Key(), effect->hash);
     });
-    return static_cast<std::uint64_t>(added) <= left;
+    return package_->GetNumberOfDataStreams() + static_cast<std::uint64_t>(added) <= kStreamLimit;
 }
 
 void EffectCacheFile::Store(const Lock& /*lock*/, EffectIndex& index, const PendingEffect& effect) {
     const EffectKey name = effect.Key();
     const std::span<const unsigned char> bytes = effect.Compiled();
-    if (IndexEntry* const replaced = index.Find(name, effect.Hash())) {
+    if (IndexEntry* const replaced = index.Find(name, effect.hash)) {
         package_->DeleteDataStream(replaced->record.streamId);
         index.Remove(replaced);
     }
-    const std::uint64_t id = index.CreateStream(*package_, SerializedSize(bytes.size()));
+    const std::uint64_t id = package_->CreateDataStream(SerializedSize(bytes.size()));
     Util::RefPtr<IDataStream> stream = package_->OpenDataStream(id);
     if (!WriteBytes(bytes, stream)) {
         throw FileIOException();
@@ -241,10 +236,10 @@ void EffectCacheFile::Store(const Lock& /*lock*/, EffectIndex& index, const Pend
     const EffectRecord record = {id,
                                  static_cast<std::uint32_t>(name.length),
                                  static_cast<std::uint32_t>(bytes.size()),
-                                 effect.Permanent(),
+                                 effect.permanent,
                                  CurrentEntryTime(),
                                  0};
-    index.Put(name, effect.Hash(), record);
+    index.Put(name, effect.hash, record);
 }
 
 // Makes the file hold what the index says, and tells the other processes.

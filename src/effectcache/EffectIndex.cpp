@@ -6,7 +6,6 @@
 #include <span>
 #include <utility>
 
-#include "effectcache/IndexReader.h"
 #include "package/StreamTransfer.h"
 #include "platform/Assert.h"
 #include "quorvel/Exceptions.h"
@@ -44,41 +43,6 @@ std::optional<HeaderPayload> FindHeaderPayload(const std::uint8_t* data, std::ui
 
 }  // namespace
 
-// Which streams the index says hold effects. An effect without a stream is never found, and does no
-// harm until another stream gets the id.
-class EffectIndex::StreamClaims {
-public:
-    StreamClaims(const PagedFilePackage& package, std::uint64_t indexStreamId)
-        : package_(package), isClaimed_(kStreamLimit + 1) {
-        Claim(indexStreamId);
-    }
-
-    void Claim(std::uint64_t id) {
-        if (!package_.HasStream(id)) {
-            if (id <= kStreamLimit) {
-                missing_.resize(kStreamLimit + 1);
-                missing_[id] = true;
-            }
-        } else if (isClaimed_[id]) {
-            areDistinct_ = false;
-        } else {
-            isClaimed_[id] = true;
-        }
-    }
-
-    // True if no stream was claimed twice.
-    bool AreDistinct() const { return areDistinct_; }
-
-    // The claimed ids that no stream has, but one may get; empty for none.
-    std::vector<bool>& Missing() { return missing_; }
-
-private:
-    const PagedFilePackage& package_;
-    std::vector<bool> isClaimed_;
-    std::vector<bool> missing_;
-    bool areDistinct_ = true;
-};
-
 std::vector<IndexEntry*> EffectIndex::EvictionOrder() {
     std::vector<IndexEntry*> order;
     for (IndexEntry* const entry : Entries()) {
@@ -95,7 +59,6 @@ std::vector<IndexEntry*> EffectIndex::EvictionOrder() {
 void EffectIndex::Clear() {
     header_ = {};
     table_.Clear();
-    missingStreams_.clear();
 }
 
 // ---- Loading ------------------------------------------------------------------------------------
@@ -111,10 +74,11 @@ bool EffectIndex::Load(PagedFilePackage& package) {
         return false;
     }
     table_.Clear();
-    StreamClaims claims(package, header_.indexStreamId);
-    const bool isComplete = ReadEntries(*stream, claims);
-    missingStreams_.swap(claims.Missing());
-    return isComplete && (claims.AreDistinct() || HaveDistinctStreams(package));
+    if (!ReadEntries(*stream)) {
+        return false;
+    }
+    DropAmbiguousEntries(package);
+    return true;
 }
 
 bool EffectIndex::ReadHeader(PagedFilePackage& package) {
@@ -132,31 +96,53 @@ bool EffectIndex::ReadHeader(PagedFilePackage& package) {
     return true;
 }
 
-bool EffectIndex::ReadEntries(IDataStream& stream, StreamClaims& claims) {
-    const std::uint64_t count = header_.recordCount;
+bool EffectIndex::ReadEntries(IDataStream& stream) {
     // A damaged file may count more effects than it can hold.
+    const std::uint64_t count = header_.recordCount;
     table_.Reserve(std::min(count, kStreamLimit));
-    IndexReader reader(stream, table_.Allocate(stream.GetSize()), count);
+    std::span<std::byte> rest = ReadStream(stream);
     for (std::uint64_t index = 0; index < count; ++index) {
-        IndexEntry* const entry = reader.ReadNext();
+        IndexEntry* const entry = IndexEntry::In(rest);
         if (!entry) {
             return false;
         }
         table_.AddFilled(entry);
-        claims.Claim(entry->record.streamId);
+        rest = rest.subspan(entry->Bytes().size());
     }
     table_.Entries();  // sorted now, so that a save finds few new entries
     return true;
 }
 
-// True if no stream holds two effects, or an effect and the index, when entries that were replaced
-// by others of their name don't count.
-bool EffectIndex::HaveDistinctStreams(const PagedFilePackage& package) {
-    StreamClaims claims(package, header_.indexStreamId);
-    for (const IndexEntry* const entry : Entries()) {
-        claims.Claim(entry->record.streamId);
+// Reads a stream into the table's memory, up to the first page that can't be read: that page may
+// lie after the last entry.
+std::span<std::byte> EffectIndex::ReadStream(IDataStream& stream) {
+    std::byte* const memory = table_.Allocate(stream.GetSize());
+    try {
+        stream.Read(memory, stream.GetSize());
+    } catch (const FileIOException&) {
     }
-    return claims.AreDistinct();
+    return {memory, stream.GetPosition()};
+}
+
+// Removes entries of streams that are missing, that hold the index, or that another entry names as
+// well: an effect that was found through one of them could have the bytes of another.
+void EffectIndex::DropAmbiguousEntries(const PagedFilePackage& package) {
+    std::vector<std::uint8_t> namings(kStreamLimit + 1);
+    namings[header_.indexStreamId] = 1;
+    const std::vector<IndexEntry*> entries = Entries();
+    const auto isNamed = [&](const IndexEntry* entry) {
+        return package.HasStream(entry->record.streamId);
+    };
+    for (const IndexEntry* const entry : entries) {
+        if (isNamed(entry) && namings[entry->record.streamId] < 2) {
+            ++namings[entry->record.streamId];
+        }
+    }
+    for (IndexEntry* const entry : entries) {
+        if (!isNamed(entry) || namings[entry->record.streamId] != 1) {
+            Remove(entry);
+        }
+    }
 }
 
 // ---- Saving -------------------------------------------------------------------------------------
@@ -170,22 +156,10 @@ void EffectIndex::Start(PagedFilePackage& package) {
     WriteHeader(package);
 }
 
-std::uint64_t EffectIndex::CreateStream(PagedFilePackage& package, std::uint64_t size) {
-    const std::uint64_t id = package.CreateDataStream(size);
-    if (id < missingStreams_.size() && missingStreams_[id]) {
-        const std::vector<IndexEntry*> entries = Entries();
-        for (IndexEntry* const entry : entries) {
-            if (entry->record.streamId == id) {
-                Remove(entry);
-            }
-        }
-        missingStreams_[id] = false;
-    }
-    return id;
-}
-
 void EffectIndex::Write(PagedFilePackage& package) {
-    const Util::RefPtr<IDataStream> stream = OpenForWriting(package);
+    table_.Pack();
+    const Util::RefPtr<IDataStream> stream =
+        OpenForWriting(package, std::max(table_.TotalBytes(), kEmptyIndexSize));
     StateWriter writer(*stream);
     for (const IndexEntry* const entry : Entries()) {
         const std::span<const unsigned char> bytes = entry->Bytes();
@@ -195,35 +169,23 @@ void EffectIndex::Write(PagedFilePackage& package) {
     WriteHeader(package);
 }
 
-Util::RefPtr<IDataStream> EffectIndex::OpenForWriting(PagedFilePackage& package) {
-    for (;;) {
-        table_.Pack();
-        const std::uint64_t size = std::max(table_.TotalBytes(), kEmptyIndexSize);
-        const Util::RefPtr<IDataStream> stream = OpenOfSize(package, size);
-        if (!stream) {
-            throw FileIOException();
-        }
-        // Allocating the stream's id may have removed an effect.
-        if (std::max(table_.TotalBytes(), kEmptyIndexSize) == size) {
-            return stream;
-        }
-    }
-}
-
 // The index stream, if it has that size; otherwise a new one in its place.
-Util::RefPtr<IDataStream> EffectIndex::OpenOfSize(PagedFilePackage& package, std::uint64_t size) {
-    if (header_.indexStreamId != kInvalidStreamId) {
-        Util::RefPtr<IDataStream> stream = package.OpenDataStream(header_.indexStreamId);
-        if (stream && stream->GetSize() == size) {
-            return stream;
-        }
-        if (stream) {
-            stream.Reset();
-            package.DeleteDataStream(header_.indexStreamId);
-        }
+Util::RefPtr<IDataStream> EffectIndex::OpenForWriting(PagedFilePackage& package,
+                                                      std::uint64_t size) {
+    Util::RefPtr<IDataStream> stream = package.OpenDataStream(header_.indexStreamId);
+    if (stream && stream->GetSize() == size) {
+        return stream;
     }
-    header_.indexStreamId = CreateStream(package, size);
-    return package.OpenDataStream(header_.indexStreamId);
+    if (stream) {
+        stream.Reset();
+        package.DeleteDataStream(header_.indexStreamId);
+    }
+    header_.indexStreamId = package.CreateDataStream(size);
+    stream = package.OpenDataStream(header_.indexStreamId);
+    if (!stream) {
+        throw FileIOException();
+    }
+    return stream;
 }
 
 void EffectIndex::WriteHeader(PagedFilePackage& package) {

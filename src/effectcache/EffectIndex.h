@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "effectcache/EffectKey.h"
@@ -46,33 +48,24 @@ public:
     // is empty. Throws FileIOException, and what the package throws.
     void Start(PagedFilePackage& package);
 
-    // Replaces everything by what the package says. False when the package is not sound or the
-    // header or the index is damaged; the entries before the damage are then in the index. Throws
-    // what the package throws.
+    // Replaces everything by what the package says. Leaves out effects whose stream is missing or
+    // is named twice. False when the package is not sound or the header or the index is damaged;
+    // the entries before the damage are then in the index. Throws what the package throws.
     [[nodiscard]] bool Load(PagedFilePackage& package);
-
-    // Creates a stream for an effect's bytes. An effect whose stream was missing when the index was
-    // loaded is removed when its id is allocated: otherwise it would be found with the bytes of the
-    // new stream. Returns kInvalidStreamId when the package has no id left. Throws what the package
-    // throws.
-    [[nodiscard]] std::uint64_t CreateStream(PagedFilePackage& package, std::uint64_t size);
 
     // Writes the index stream and the header. Throws FileIOException, and what the package throws.
     void Write(PagedFilePackage& package);
 
 private:
-    class StreamClaims;
-
     bool ReadHeader(PagedFilePackage& package);
-    bool ReadEntries(IDataStream& stream, StreamClaims& claims);
-    bool HaveDistinctStreams(const PagedFilePackage& package);
-    Util::RefPtr<IDataStream> OpenForWriting(PagedFilePackage& package);
-    Util::RefPtr<IDataStream> OpenOfSize(PagedFilePackage& package, std::uint64_t size);
+    bool ReadEntries(IDataStream& stream);
+    std::span<std::byte> ReadStream(IDataStream& stream);
+    void DropAmbiguousEntries(const PagedFilePackage& package);
+    Util::RefPtr<IDataStream> OpenForWriting(PagedFilePackage& package, std::uint64_t size);
     void WriteHeader(PagedFilePackage& package);
 
     CacheHeader header_ = {};
     EffectTable<IndexEntry> table_;
-    std::vector<bool> missingStreams_;  // by id: entries name the id, and no stream has it
 };
 
 }  // namespace Quorvel

@@ -19,9 +19,7 @@ struct EffectKey {
         : bytes(reinterpret_cast<const unsigned char*>(name.data())), length(name.Length()) {}
 
     // Never 0.
-    std::uint32_t Hash() const {
-        return static_cast<std::uint32_t>(WyHash::Of(bytes, length)) | 0x80000000;
-    }
+    std::uint32_t Hash() const { return WyHash32(bytes, length) | 0x80000000; }
 
     friend bool operator==(const EffectKey& left, const EffectKey& right) {
         return left.length == right.length &&

@@ -134,12 +134,10 @@ public:
     void Clear() { *this = EffectTable(); }
 
 private:
-#pragma pack(push, 1)
     struct Slot {
         Entry* entry;
         std::uint32_t hash;
     };
-#pragma pack(pop)
 
     static constexpr std::size_t kNoSlot = ~std::size_t{0};
     static constexpr std::size_t kFewestSlots = 64;

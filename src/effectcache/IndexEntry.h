@@ -26,6 +26,22 @@ struct IndexEntry {
         return ::new (memory) IndexEntry{record, record.nameLength};
     }
 
+    // The entry that `bytes` begin with. Null when it is out of range, contradicts itself or is cut
+    // off.
+    static IndexEntry* In(std::span<std::byte> bytes) {
+        if (bytes.size() < sizeof(IndexEntry)) {
+            return nullptr;
+        }
+        auto* const entry = std::launder(reinterpret_cast<IndexEntry*>(bytes.data()));
+        const EffectRecord& record = entry->record;
+        const bool isValid =
+            record.nameLength >= kShortestName && record.nameLength <= kLongestName &&
+            record.effectSize >= kSmallestEffect && record.effectSize <= kLargestEffect &&
+            entry->nameLength == record.nameLength &&
+            bytes.size() >= IndexEntrySize(record.nameLength);
+        return isValid ? entry : nullptr;
+    }
+
     EffectKey Key() const {
         return {reinterpret_cast<const unsigned char*>(this + 1), record.nameLength};
     }

@@ -9,16 +9,20 @@ namespace Quorvel {
 
 namespace {
 
+// A lost page may lie this far past the end of the file.
+constexpr std::uint64_t kMostPagesPastEnd = 128;
+
 // The pages that have been found to belong to something.
 class PageClaims {
 public:
-    explicit PageClaims(PageAllocator& allocator)
-        : allocator_(allocator), claimed_(allocator.HighestPage() - kHeadPageNumber + 1) {}
+    PageClaims(PageAllocator& allocator, const FilePageCache& cache)
+        : allocator_(allocator),
+          cache_(cache),
+          claimed_(allocator.HighestPage() - kHeadPageNumber + 1) {}
 
-    // False for a page that is free or already claimed.
+    // False for a page that is free, already claimed or past the end of the file.
     bool Claim(std::uint64_t page) {
-        if (!IsValidPageNumber(page) || !allocator_.IsPageAllocated(page) ||
-            claimed_[page - kHeadPageNumber]) {
+        if (!IsUnclaimed(page) || !cache_.CoversPage(page)) {
             return false;
         }
         claimed_[page - kHeadPageNumber] = true;
@@ -27,37 +31,41 @@ public:
 
     // Claims a page and all that follow it. False also for a chain that returns to itself.
     bool ClaimChain(std::uint64_t page) {
-        while (IsValidPageNumber(page)) {
+        for (; IsValidPageNumber(page); page = allocator_.GetNextPage(page)) {
             if (!Claim(page)) {
                 return false;
             }
-            page = allocator_.GetNextPage(page);
         }
         return true;
     }
 
-    // True if no unclaimed page has a successor: that page could belong to a stream, or be free and
-    // be given to one.
-    bool UnclaimedPagesHaveNoSuccessor() const {
+    // Notes a page that may have a successor of no owner.
+    void AddLooseEnd(std::uint64_t page) { looseEnds_.push_back(page); }
+
+    // True if the successors of loose ends and of unclaimed pages are allocated and unclaimed.
+    bool AreOthersApart() {
         for (std::uint64_t index = 0; index < claimed_.size(); ++index) {
-            if (!claimed_[index] &&
-                IsValidPageNumber(allocator_.GetNextPage(index + kHeadPageNumber))) {
-                return false;
+            if (!claimed_[index]) {
+                AddLooseEnd(index + kHeadPageNumber);
             }
         }
-        return true;
+        return std::all_of(looseEnds_.begin(), looseEnds_.end(), [&](std::uint64_t page) {
+            const std::uint64_t next = allocator_.GetNextPage(page);
+            return !IsValidPageNumber(next) || IsUnclaimed(next);
+        });
     }
 
 private:
-    PageAllocator& allocator_;
-    std::vector<bool> claimed_;  // by page index; no page past the highest one is allocated
-};
+    bool IsUnclaimed(std::uint64_t page) const {
+        return IsValidPageNumber(page) && allocator_.IsPageAllocated(page) &&
+               !claimed_[page - kHeadPageNumber];
+    }
 
-bool ClaimHeadFile(PageClaims& claims, IPagedFileSeeker& headFile) {
-    headFile.LoadPageInfo(headFile.pageCount - 1);
-    return std::all_of(headFile.pageNumbers, headFile.pageNumbers + headFile.pageCount,
-                       [&](std::uint64_t page) { return claims.Claim(page); });
-}
+    PageAllocator& allocator_;
+    const FilePageCache& cache_;
+    std::vector<bool> claimed_;  // by page index; no page past the highest one is allocated
+    std::vector<std::uint64_t> looseEnds_;
+};
 
 bool ClaimStreams(PageClaims& claims, const StreamDirectory& directory) {
     bool isSound = true;
@@ -67,22 +75,28 @@ bool ClaimStreams(PageClaims& claims, const StreamDirectory& directory) {
     return isSound;
 }
 
-// True if a block's list names all fragments of the block, in the order in which they lie in it,
-// without gaps.
-bool AreFragmentsInOrder(const TailBlockTable& table, const TailBlockRecord& block) {
-    if (block.streamIds.size() != block.fragmentCount) {
-        return false;
-    }
-    std::uint64_t end = 0;
-    for (std::uint64_t index = 0; index < block.streamIds.size(); ++index) {
-        const TailFragment* const fragment = table.FindFragment(block.streamIds[index]);
-        if (!fragment || fragment->blockId != block.blockId || fragment->listIndex != index ||
-            fragment->offset != end) {
+// True if the fragments and the list name each other, and the fragments lie apart, below the
+// block's free bytes.
+bool AreFragmentsSound(const TailBlockTable& table, const TailBlockRecord& block) {
+    const std::vector<std::uint64_t>& list = block.streamIds;
+    std::vector<const TailFragment*> fragments;
+    for (const std::uint64_t streamId : block.tails) {
+        const TailFragment* const fragment = table.FindFragment(streamId);
+        if (fragment->listIndex >= list.size() || list[fragment->listIndex] != streamId) {
             return false;
         }
-        end += fragment->length;
+        fragments.push_back(fragment);
     }
-    return end == kTailBlockSize - block.freeBytes;
+    std::sort(fragments.begin(), fragments.end(),
+              [](const auto* left, const auto* right) { return left->offset < right->offset; });
+    std::uint64_t end = 0;
+    for (const TailFragment* const fragment : fragments) {
+        if (fragment->offset < end) {
+            return false;
+        }
+        end = fragment->offset + fragment->length;
+    }
+    return list.size() == fragments.size() && end <= kTailBlockSize - block.freeBytes;
 }
 
 bool ClaimTailBlocks(PageClaims& claims, PageAllocator& allocator, const TailBlockTable& table) {
@@ -90,15 +104,16 @@ bool ClaimTailBlocks(PageClaims& claims, PageAllocator& allocator, const TailBlo
         if (!block) {
             continue;
         }
+        const TailBlockPageNumbers& pages = block->pages;
         for (std::uint64_t slot = 0; slot < kTailBlockPages; ++slot) {
-            const std::uint64_t next = allocator.GetNextPage(block->pages[slot]);
-            const bool isLast = slot + 1 == kTailBlockPages;
-            if (!claims.Claim(block->pages[slot]) ||
-                (isLast ? IsValidPageNumber(next) : next != block->pages[slot + 1])) {
+            const bool isLinked = slot + 1 == kTailBlockPages ||
+                                  allocator.GetNextPage(pages[slot]) == pages[slot + 1];
+            if (!claims.Claim(pages[slot]) || !isLinked) {
                 return false;
             }
         }
-        if (!AreFragmentsInOrder(table, *block)) {
+        claims.AddLooseEnd(pages.back());
+        if (!AreFragmentsSound(table, *block)) {
             return false;
         }
     }
@@ -109,11 +124,18 @@ bool ClaimTailBlocks(PageClaims& claims, PageAllocator& allocator, const TailBlo
 
 bool IsSound(const StoredState& state, const FilePageCache& cache) noexcept {
     try {
-        PageAllocator& allocator = *state.allocator;
-        PageClaims claims(allocator);
-        return ClaimHeadFile(claims, *state.headFile) && ClaimStreams(claims, state.directory) &&
-               ClaimTailBlocks(claims, allocator, state.tailBlocks) &&
-               claims.UnclaimedPagesHaveNoSuccessor() && cache.CoversPage(allocator.HighestPage());
+        const std::uint64_t highest = state.allocator->HighestPage();
+        if (highest > kMostPagesPastEnd + kHeadPageNumber &&
+            !cache.CoversPage(highest - kMostPagesPastEnd)) {
+            return false;
+        }
+        PageClaims claims(*state.allocator, cache);
+        const std::uint64_t* const headPages = state.headFile->pageNumbers;
+        return std::all_of(headPages, headPages + KnownPageCount(*state.headFile),
+                           [&](std::uint64_t page) { return claims.Claim(page); }) &&
+               ClaimStreams(claims, state.directory) &&
+               ClaimTailBlocks(claims, *state.allocator, state.tailBlocks) &&
+               claims.AreOthersApart();
     } catch (...) {
         return false;
     }

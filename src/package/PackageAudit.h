@@ -5,14 +5,17 @@
 
 namespace Quorvel {
 
-// True if a package that was loaded is as a writer leaves it, in everything where damage could let
-// one stream have the bytes of another, now or after a change:
-// - each page of the head file, of a stream and of a tail block is in use, lies in the file and has
-//   one owner; no other page has a successor;
-// - each tail block is a chain of its eight pages, and its fragments lie in it one after the other,
-//   in the order of its list, without gaps.
-//
-// Reads the rest of the head file's chain. False also when that fails, or without memory.
+// True if nothing in a loaded package can make one stream's bytes appear in another, now or after a
+// change:
+// - each page of the head file, of a stream and of a tail block is allocated, lies in the file and
+//   has one owner;
+// - the pages of each tail block are linked in the order of its record;
+// - the fragments of a block and its list name each other; the fragments do not overlap and do not
+//   reach into the block's free bytes;
+// - the successor of any other page is allocated and has no owner: otherwise the next load would
+//   find two pages with one successor;
+// - no page is allocated far past the end of the file, to where the next new page would make it
+// grow. Other oddities only waste space. False also without memory.
 [[nodiscard]] bool IsSound(const StoredState& state, const FilePageCache& cache) noexcept;
 
 }  // namespace Quorvel

@@ -25,7 +25,7 @@ PagedFilePackage::PagedFilePackage(const PagedFilePackageConfig& config) : confi
 Util::RefPtr<PagedFilePackage> PagedFilePackage::Create(
     const PagedFilePackageConfig& config) noexcept {
     try {
-        const Util::RefPtr<PagedFilePackage> package(new PagedFilePackage(config));
+        Util::RefPtr<PagedFilePackage> package(new PagedFilePackage(config));
         package->Create();
         return package;
     } catch (...) {
@@ -36,7 +36,7 @@ Util::RefPtr<PagedFilePackage> PagedFilePackage::Create(
 Util::RefPtr<PagedFilePackage> PagedFilePackage::Open(
     const PagedFilePackageConfig& config) noexcept {
     try {
-        const Util::RefPtr<PagedFilePackage> package(new PagedFilePackage(config));
+        Util::RefPtr<PagedFilePackage> package(new PagedFilePackage(config));
         return package->Load() ? package : Util::RefPtr<PagedFilePackage>();
     } catch (...) {
         return {};
@@ -205,7 +205,7 @@ void PagedFilePackage::ReleaseStreamPages() {
 }
 
 bool PagedFilePackage::IsSound() const noexcept {
-    return cache_ && Quorvel::IsSound(stored_, *cache_);
+    return stored_.headFile && Quorvel::IsSound(stored_, *cache_);
 }
 
 // ---- Header data and the list of streams --------------------------------------------------------

@@ -1,35 +1,51 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <vector>
 
+#include "platform/Assert.h"
+
 namespace Quorvel {
 
-// The free bytes of many blocks; finds the first block with enough of them in O(log n).
-//
-// The free bytes are kept by block id, in groups. Above the groups is a binary tree of maxima: node
-// 1 is the root, and nodes 2k and 2k + 1 are the children of node k.
+// The free bytes of many blocks, by block id; finds the first block with enough of them. The
+// largest number of each group of blocks is kept too, so that full groups are skipped.
 class RoomIndex {
 public:
     // Sets the free bytes of a block. Throws std::bad_alloc, changing nothing.
-    void Set(std::uint64_t block, std::uint32_t bytes);
+    void Set(std::uint64_t block, std::uint32_t bytes) {
+        const std::uint64_t group = block / kGroupSize;
+        if (group >= largest_.size()) {
+            rooms_.reserve((group + 1) * kGroupSize);
+            largest_.resize(group + 1);
+            rooms_.resize((group + 1) * kGroupSize);
+        }
+        rooms_[block] = bytes;
+        const auto first = rooms_.begin() + static_cast<std::ptrdiff_t>(group * kGroupSize);
+        largest_[group] = *std::max_element(first, first + kGroupSize);
+    }
 
     // The lowest block with at least `bytes` free bytes. REQUIRES: bytes > 0; an id without a block
     // counts as a block with 0.
-    std::optional<std::uint64_t> FirstWith(std::uint64_t bytes) const;
+    std::optional<std::uint64_t> FirstWith(std::uint64_t bytes) const {
+        QUORVEL_ASSERT(bytes > 0);
+        const auto isEnough = [bytes](std::uint32_t room) { return room >= bytes; };
+        const auto group = std::find_if(largest_.begin(), largest_.end(), isEnough);
+        if (group == largest_.end()) {
+            return std::nullopt;
+        }
+        const auto first = rooms_.begin() + (group - largest_.begin()) * kGroupSize;
+        return std::find_if(first, rooms_.end(), isEnough) - rooms_.begin();
+    }
 
-    void Clear();
-    void Swap(RoomIndex& other) noexcept;
+    void Clear() { *this = RoomIndex(); }
 
 private:
-    static constexpr std::uint64_t kGroupSize = 16;
+    static constexpr std::ptrdiff_t kGroupSize = 32;
 
-    void Grow(std::uint64_t block);
-    std::uint32_t LargestOfGroup(std::uint64_t group) const;
-
-    std::vector<std::uint32_t> rooms_;    // by block id; whole groups, a power of two of them
-    std::vector<std::uint32_t> largest_;  // the tree; its second half is the groups in order
+    std::vector<std::uint32_t> rooms_;    // by block id, in whole groups
+    std::vector<std::uint32_t> largest_;  // by group
 };
 
 }  // namespace Quorvel

@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <span>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -63,31 +62,6 @@ public:
                 visit(chunk->records[std::countr_zero(left)]);
             }
         }
-    }
-
-    template <typename Visitor>
-    void ForEach(const Visitor& visit) {
-        std::as_const(*this).ForEach(
-            [&visit](const Record& record) { visit(const_cast<Record&>(record)); });
-    }
-
-    // Visits every record, in ascending order of ids, in spans of adjacent records.
-    template <typename Visitor>
-    void ForEachRun(const Visitor& visit) const {
-        for (const std::unique_ptr<Chunk>& chunk : chunks_) {
-            for (unsigned left = chunk ? chunk->present : 0; left != 0;) {
-                const int first = std::countr_zero(left);
-                const int count = std::countr_one(left >> first);
-                visit(std::span<const Record>(chunk->records + first,
-                                              static_cast<std::size_t>(count)));
-                left &= ~0U << (first + count);
-            }
-        }
-    }
-
-    void Swap(SparseTable& other) noexcept {
-        chunks_.swap(other.chunks_);
-        std::swap(count_, other.count_);
     }
 
 private:

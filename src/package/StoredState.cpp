@@ -15,6 +15,11 @@
 
 namespace Quorvel {
 
+std::uint64_t KnownPageCount(const IPagedFileSeeker& headFile) {
+    const std::uint64_t* const pages = headFile.pageNumbers;
+    return static_cast<std::uint64_t>(std::find(pages, pages + headFile.pageCount, 0) - pages);
+}
+
 StoredState::StoredState() : allocator(new PageAllocator) {}
 
 void StoredState::Clear() {
@@ -59,22 +64,14 @@ void StoredState::Write(FilePageCache& cache, bool markUnfinished) {
     WriteContent(cache);
 }
 
+// Pages that were not read, because the state ended before them, stay allocated: only reading them
+// would tell whether they really belong to the head file.
 void StoredState::FreeHeadFile() {
     if (!headFile) {
         return;
     }
-    // Dropped first, so that no page is freed twice if one of them can't be read or freed.
-    const auto freed = std::exchange(headFile, {});
-    const std::uint64_t count = freed->pageCount;
-    QUORVEL_ASSERT(count > 0);
-    if (freed->pageNumbers[count - 1] == 0) {
-        // The rest of the chain has not been read yet. If it can't be read, its pages are lost, but
-        // for the first, where the next head file begins.
-        Platform::ScopeGuard freeFirst([&] { FreeHeadPages(freed->pageNumbers, 1); });
-        freed->LoadPageInfo(count - 1);
-        freeFirst.Dismiss();
-    }
-    FreeHeadPages(freed->pageNumbers, count);
+    const auto freed = std::exchange(headFile, {});  // first, so that no page is freed twice
+    FreeHeadPages(freed->pageNumbers, KnownPageCount(*freed));
 }
 
 // Page 10 stays allocated: until the next head file is there, no stream may get it.

@@ -54,6 +54,9 @@ private:
     void WriteContent(FilePageCache& cache) const;
 };
 
+// The number of pages of a head file that were read or are about to be written.
+std::uint64_t KnownPageCount(const IPagedFileSeeker& headFile);
+
 // Sets the page count that the head page states, in the cache alone. 0 makes the file one that
 // can't be opened. Throws as FilePageCache::GetPageForWrite does, FileDataCorruptException when
 // every page of the cache is pinned.

@@ -1,6 +1,5 @@
 #include "package/StreamDirectory.h"
 
-#include <span>
 #include <utility>
 
 #include "package/StreamTransfer.h"
@@ -41,7 +40,7 @@ bool StreamDirectory::Remove(std::uint64_t id) {
 void StreamDirectory::Save(IDataStream& stream) const {
     StateWriter writer(stream);
     writer.Write(records_.Count());
-    records_.ForEachRun([&writer](std::span<const ChildFileExtent> run) { writer.WriteAll(run); });
+    records_.ForEach([&writer](const ChildFileExtent& record) { writer.Write(record); });
     writer.Flush();
 }
 
@@ -65,7 +64,7 @@ void StreamDirectory::Swap(StreamDirectory& other) noexcept {
     std::swap(limit_, other.limit_);
     std::swap(totalBytes_, other.totalBytes_);
     ids_.Swap(other.ids_);
-    records_.Swap(other.records_);
+    std::swap(records_, other.records_);
 }
 
 }  // namespace Quorvel

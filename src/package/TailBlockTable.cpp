@@ -73,59 +73,28 @@ bool TailBlockTable::Place(std::uint64_t streamId, std::uint64_t blockId, std::u
     return true;
 }
 
-// True if the list names exactly the fragments of the block, each where its list index says. False
-// only for a block that was read from a damaged file.
-bool TailBlockTable::IsListInOrder(const TailBlockRecord& block) const {
-    if (block.streamIds.size() != block.fragmentCount) {
-        return false;
-    }
-    for (std::uint64_t index = 0; index < block.streamIds.size(); ++index) {
-        const TailFragment* const fragment = FindFragment(block.streamIds[index]);
-        if (!fragment || fragment->blockId != block.blockId || fragment->listIndex != index) {
-            return false;
-        }
-    }
-    return true;
-}
-
-template <typename Visitor>
-void TailBlockTable::ForEachFragment(const TailBlockRecord& block, const Visitor& visit) {
-    if (IsListInOrder(block)) {
-        for (const std::uint64_t streamId : block.streamIds) {
-            visit(*fragments_.Find(streamId));
-        }
-        return;
-    }
-    fragments_.ForEach([&](TailFragment& fragment) {
-        if (fragment.blockId == block.blockId) {
-            visit(fragment);
-        }
-    });
-}
-
 // A new tail goes after all others, unless the block was read from a damaged file.
 bool TailBlockTable::Overlaps(const TailBlockRecord& block, std::uint64_t offset,
-                              std::uint64_t length) {
+                              std::uint64_t length) const {
     if (offset >= block.fragmentEnd) {
         return false;
     }
-    bool overlaps = false;
-    ForEachFragment(block, [&](const TailFragment& other) {
-        overlaps |= (offset >= other.offset && offset < other.offset + other.length) ||
-                    (other.offset >= offset && other.offset < offset + length);
+    return std::any_of(block.tails.begin(), block.tails.end(), [&](std::uint64_t streamId) {
+        const TailFragment& other = *FindFragment(streamId);
+        return (offset >= other.offset && offset < other.offset + other.length) ||
+               (other.offset >= offset && other.offset < offset + length);
     });
-    return overlaps;
 }
 
 void TailBlockTable::Remove(std::uint64_t streamId) {
     QUORVEL_ASSERT(FindFragment(streamId));
     const TailFragment removed = *FindFragment(streamId);
     TailBlockRecord& block = *blocks_[removed.blockId];
+    std::erase(block.streamIds, streamId);
+    std::erase(block.tails, streamId);
     block.fragmentEnd = 0;
-    ForEachFragment(block, [&](TailFragment& other) {
-        if (other.streamId == removed.streamId) {
-            return;
-        }
+    for (const std::uint64_t otherId : block.tails) {
+        TailFragment& other = *fragments_.Find(otherId);
         if (other.listIndex > removed.listIndex) {
             --other.listIndex;
         }
@@ -133,10 +102,7 @@ void TailBlockTable::Remove(std::uint64_t streamId) {
             other.offset -= removed.length;
         }
         block.fragmentEnd = std::max(block.fragmentEnd, EndOf(other));
-    });
-    block.streamIds.erase(std::remove(block.streamIds.begin(), block.streamIds.end(), streamId),
-                          block.streamIds.end());
-    --block.fragmentCount;
+    }
     fragments_.Erase(streamId);
     SetFreeBytes(block, block.freeBytes + removed.length);
 }
@@ -162,7 +128,7 @@ void TailBlockTable::StoreBlock(const StoredTailBlock& block) {
     if (!IsValid(block)) {
         throw InvalidParameterException();
     }
-    auto record = std::make_unique<TailBlockRecord>(TailBlockRecord{block, {}, 0, 0});
+    auto record = std::make_unique<TailBlockRecord>(TailBlockRecord{block, {}, {}, 0});
     if (block.blockId >= blocks_.size()) {
         blocks_.resize(block.blockId + 1);
     }
@@ -174,9 +140,11 @@ void TailBlockTable::StoreFragment(const TailFragment& fragment) {
     if (!IsValid(fragment)) {
         throw InvalidParameterException();
     }
-    fragments_.Put(fragment.streamId, fragment);
     TailBlockRecord& block = *Block(fragment.blockId);
-    ++block.fragmentCount;
+    block.tails.push_back(fragment.streamId);
+    Platform::ScopeGuard unlist([&] { block.tails.pop_back(); });
+    fragments_.Put(fragment.streamId, fragment);
+    unlist.Dismiss();
     block.fragmentEnd = std::max(block.fragmentEnd, EndOf(fragment));
 }
 
@@ -201,7 +169,7 @@ void TailBlockTable::Save(IDataStream& stream) const {
         }
     }
     writer.Write(fragments_.Count());
-    fragments_.ForEachRun([&writer](std::span<const TailFragment> run) { writer.WriteAll(run); });
+    fragments_.ForEach([&writer](const TailFragment& fragment) { writer.Write(fragment); });
     writer.Flush();
 }
 
@@ -260,8 +228,8 @@ void TailBlockTable::Swap(TailBlockTable& other) noexcept {
     std::swap(limit_, other.limit_);
     blockIds_.Swap(other.blockIds_);
     blocks_.swap(other.blocks_);
-    fragments_.Swap(other.fragments_);
-    rooms_.Swap(other.rooms_);
+    std::swap(fragments_, other.fragments_);
+    std::swap(rooms_, other.rooms_);
 }
 
 bool GetChildFileTail(ChildFileTail& tail, const TailBlockTable& table, std::uint64_t streamId) {

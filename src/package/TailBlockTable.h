@@ -47,9 +47,9 @@ static_assert(sizeof(TailFragment) == 40);
 // A tail block in memory. Fragments are packed from offset 0 upwards in the order of the list, so
 // the next one always begins at kTailBlockSize - freeBytes.
 struct TailBlockRecord : StoredTailBlock {
-    std::vector<std::uint64_t> streamIds;
-    std::uint64_t fragmentCount;  // fragments that name this block
-    std::uint64_t fragmentEnd;    // no fragment reaches this offset or begins at or past it
+    std::vector<std::uint64_t> streamIds;  // the list
+    std::vector<std::uint64_t> tails;      // streams whose fragments name this block, in any order
+    std::uint64_t fragmentEnd;  // no fragment reaches this offset or begins at or past it
 };
 
 // Where the tails of a package's streams lie.
@@ -102,10 +102,7 @@ private:
     std::uint64_t BlockLimit() const { return limit_ < 8 ? 1 : limit_ / 8; }
     bool IsValid(const StoredTailBlock& block) const;
     bool IsValid(const TailFragment& fragment) const;
-    bool IsListInOrder(const TailBlockRecord& block) const;
-    template <typename Visitor>
-    void ForEachFragment(const TailBlockRecord& block, const Visitor& visit);
-    bool Overlaps(const TailBlockRecord& block, std::uint64_t offset, std::uint64_t length);
+    bool Overlaps(const TailBlockRecord& block, std::uint64_t offset, std::uint64_t length) const;
     TailBlockRecord* Block(std::uint64_t blockId) const;
     void StoreBlock(const StoredTailBlock& block);
     void StoreFragment(const TailFragment& fragment);

@@ -14,10 +14,6 @@ constexpr std::uint64_t kUsualPageCount = 256;
 
 }  // namespace
 
-ChildFileSeeker::~ChildFileSeeker() {
-    Clear();
-}
-
 bool ChildFileSeeker::PositionToPage(std::uint64_t& pageIndex, std::uint64_t& pageOffset,
                                      std::int32_t position) {
     pageIndex = 0;

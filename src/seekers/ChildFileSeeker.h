@@ -37,7 +37,7 @@ struct ChildFileTail {
 class ChildFileSeeker : public IPagedFileSeeker {
 public:
     ChildFileSeeker() = default;
-    ~ChildFileSeeker() override;
+    ~ChildFileSeeker() override = default;
 
     bool PositionToPage(std::uint64_t& pageIndex, std::uint64_t& pageOffset,
                         std::int32_t position) override;

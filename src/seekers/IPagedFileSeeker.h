@@ -25,7 +25,7 @@ struct PageRange {
 class IPagedFileSeeker : public Util::ARefObject {
 public:
     IPagedFileSeeker() = default;
-    ~IPagedFileSeeker() override;
+    ~IPagedFileSeeker() override { ResetTables(); }
 
     // Turns a logical position into a page position. The end of the file maps to the end of its
     // last page's data. Returns false when the position is negative, past the end or can't be
@@ -51,7 +51,12 @@ public:
     PageRange* pageRanges = nullptr;
 
 protected:
-    void ResetTables();
+    void ResetTables() {
+        byteSize = 0;
+        pageCount = 0;
+        pageNumbers = nullptr;
+        pageRanges = nullptr;
+    }
 };
 
 }  // namespace Quorvel

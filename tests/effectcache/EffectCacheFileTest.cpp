@@ -334,28 +334,31 @@ TEST_F(EffectCacheFile, SaveThatWritesNothingLeavesTheFileUnchanged) {
                 before);
 }
 
-// The streams of "x" and "yy" are missing. Their ids are the next to be assigned: to a new effect
-// and to the new index stream.
-TEST_F(EffectCacheFile, EffectsWithoutStreamsAreForgottenWhenTheirIdsAreReused) {
-    WritePackage(path, Block(kTagOfCache, Header(2, 2)),
+// The streams of "x", "yy" and "zzz" are missing; the first two ids are the next to be assigned: to a
+// new effect and to the new index stream.
+TEST_F(EffectCacheFile, EffectsWithoutStreamsAreDropped) {
+    WritePackage(path, Block(kTagOfCache, Header(3, 2)),
                  {ByteArray("X"), ByteArray("Y"),
                   ByteList()
                       .Append(Record{0, 1, 1}.Get())
                       .Append(ByteArray("x"))
                       .Append(Record{1, 2, 1}.Get())
-                      .Append(ByteArray("yy"))});
+                      .Append(ByteArray("yy"))
+                      .Append(Record{~std::uint64_t{0}, 3, 1}.Get())
+                      .Append(ByteArray("zzz"))});
     {
         const Util::RefPtr<IDataStreamSet> package = OpenFilePackage(CacheConfig(path));
         ASSERT_TRUE(package->DeleteDataStream(0));
         ASSERT_TRUE(package->DeleteDataStream(1));
     }
     CacheClient cache(directory);
-    EXPECT_EQ(cache.InFile(), 2u);
-    EXPECT_EQ(cache.Find("x"), std::nullopt);
+    EXPECT_EQ(cache.InFile(), 0u);
     cache.Add("longer", {1});
     cache->ForceSaveToFile();
     EXPECT_EQ(cache.InFile(), 1u);
-    EXPECT_EQ(cache.Find("yy"), std::nullopt);
+    for (const char* const name : {"x", "yy", "zzz"}) {
+        EXPECT_EQ(cache.Find(name), std::nullopt);
+    }
     EXPECT_EQ(cache.Find("longer"), Bytes{1});
     EXPECT_EQ(StoredCache(directory).Names(), std::vector<std::string>{"longer"});
     EXPECT_EQ(StoredCache(directory).IndexStreamId(), 1u);

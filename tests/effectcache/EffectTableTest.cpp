@@ -403,8 +403,8 @@ TEST(PendingEffect, HoldsCopiesOfNameAndBytes) {
     EXPECT_TRUE(effect->Key() == KeyOf("name"));
     EXPECT_EQ(std::vector<unsigned char>(effect->Compiled().begin(), effect->Compiled().end()),
               (std::vector<unsigned char>{1, 2, 3}));
-    EXPECT_EQ(effect->Hash(), hash);
-    EXPECT_EQ(effect->Permanent(), 1u);
+    EXPECT_EQ(effect->hash, hash);
+    EXPECT_EQ(effect->permanent, 1u);
     EXPECT_EQ(effect->Bytes().size(), sizeof(PendingEffect) + 4 + 3);
 }
 

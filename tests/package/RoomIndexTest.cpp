@@ -63,15 +63,6 @@ TEST(RoomIndex, IsEmptyOnceCleared) {
     EXPECT_EQ(rooms.FirstWith(1), 2u);
 }
 
-TEST(RoomIndex, SwapsEverything) {
-    RoomIndex one;
-    RoomIndex other;
-    one.Set(5, 7);
-    one.Swap(other);
-    EXPECT_EQ(one.FirstWith(1), std::nullopt);
-    EXPECT_EQ(other.FirstWith(7), 5u);
-}
-
 TEST(RoomIndex, AgreesWithALinearSearch) {
     std::minstd_rand random(3);
     RoomIndex index;

@@ -8,6 +8,7 @@
 
 #include "package/StreamTransfer.h"
 #include "platform/Assert.h"
+#include "platform/Prefetch.h"
 #include "quorvel/Exceptions.h"
 
 namespace Quorvel {
@@ -16,6 +17,13 @@ namespace {
 
 // An index stream of no effects has one byte, since a stream without bytes can't be opened.
 constexpr std::uint64_t kEmptyIndexSize = 1;
+
+// The index stream is read in pieces of this size.
+constexpr std::uint64_t kPieceSize = 0x10000;
+
+// Entries may lie anywhere in memory: a walk over all of them fetches them this far ahead.
+constexpr std::size_t kEntriesAhead = 8;
+constexpr std::size_t kUsualEntrySize = 192;
 
 struct HeaderPayload {
     std::uint64_t offset;  // in the header data
@@ -97,49 +105,60 @@ bool EffectIndex::ReadHeader(PagedFilePackage& package) {
 }
 
 bool EffectIndex::ReadEntries(IDataStream& stream) {
+    std::vector<IndexEntry*> entries;
     // A damaged file may count more effects than it can hold.
-    const std::uint64_t count = header_.recordCount;
-    table_.Reserve(std::min(count, kStreamLimit));
-    std::span<std::byte> rest = ReadStream(stream);
-    for (std::uint64_t index = 0; index < count; ++index) {
+    entries.reserve(std::min<std::uint64_t>(header_.recordCount, kStreamLimit));
+    std::span<std::byte> rest;
+    while (entries.size() < header_.recordCount) {
         IndexEntry* const entry = IndexEntry::In(rest);
-        if (!entry) {
-            return false;
+        if (entry) {
+            entries.push_back(entry);
+            rest = rest.subspan(entry->Bytes().size());
+        } else if (!ReadMore(stream, rest)) {
+            break;
         }
-        table_.AddFilled(entry);
-        rest = rest.subspan(entry->Bytes().size());
     }
-    table_.Entries();  // sorted now, so that a save finds few new entries
-    return true;
+    table_.AddFilled(entries);
+    return entries.size() == header_.recordCount;
 }
 
-// Reads a stream into the table's memory, up to the first page that can't be read: that page may
-// lie after the last entry.
-std::span<std::byte> EffectIndex::ReadStream(IDataStream& stream) {
-    std::byte* const memory = table_.Allocate(stream.GetSize());
+// Moves what was read and not used to new memory of the table and reads on from there. False at the
+// end of the stream, and at a page that can't be read: that page may lie after the last entry.
+bool EffectIndex::ReadMore(IDataStream& stream, std::span<std::byte>& rest) {
+    const std::uint64_t position = stream.GetPosition();
+    const std::uint64_t size = std::min(kPieceSize, stream.GetSize() - position);
+    std::byte* const memory = table_.Allocate(rest.size() + size);
+    std::copy(rest.begin(), rest.end(), memory);
     try {
-        stream.Read(memory, stream.GetSize());
+        stream.Read(memory + rest.size(), size);
     } catch (const FileIOException&) {
     }
-    return {memory, stream.GetPosition()};
+    rest = {memory, rest.size() + (stream.GetPosition() - position)};
+    return stream.GetPosition() != position;
 }
 
 // Removes entries of streams that are missing, that hold the index, or that another entry names as
 // well: an effect that was found through one of them could have the bytes of another.
 void EffectIndex::DropAmbiguousEntries(const PagedFilePackage& package) {
-    std::vector<std::uint8_t> namings(kStreamLimit + 1);
+    std::vector<std::uint8_t> namings(kStreamLimit + 1);  // by stream, 2 for more than one
     namings[header_.indexStreamId] = 1;
-    const std::vector<IndexEntry*> entries = Entries();
-    const auto isNamed = [&](const IndexEntry* entry) {
-        return package.HasStream(entry->record.streamId);
-    };
-    for (const IndexEntry* const entry : entries) {
-        if (isNamed(entry) && namings[entry->record.streamId] < 2) {
-            ++namings[entry->record.streamId];
+    bool isAmbiguous = false;
+    for (const IndexEntry* const entry : Entries()) {
+        const std::uint64_t id = entry->record.streamId;
+        if (!package.HasStream(id)) {
+            isAmbiguous = true;
+        } else if (namings[id]++ != 0) {
+            namings[id] = 2;
+            isAmbiguous = true;
         }
     }
+    if (!isAmbiguous) {
+        return;
+    }
+    const std::vector<IndexEntry*> entries = Entries();
     for (IndexEntry* const entry : entries) {
-        if (!isNamed(entry) || namings[entry->record.streamId] != 1) {
+        const std::uint64_t id = entry->record.streamId;
+        if (!package.HasStream(id) || namings[id] != 1) {
             Remove(entry);
         }
     }
@@ -161,8 +180,12 @@ void EffectIndex::Write(PagedFilePackage& package) {
     const Util::RefPtr<IDataStream> stream =
         OpenForWriting(package, std::max(table_.TotalBytes(), kEmptyIndexSize));
     StateWriter writer(*stream);
-    for (const IndexEntry* const entry : Entries()) {
-        const std::span<const unsigned char> bytes = entry->Bytes();
+    const std::vector<IndexEntry*>& entries = Entries();
+    for (std::size_t index = 0; index < entries.size(); ++index) {
+        if (index + kEntriesAhead < entries.size()) {
+            Platform::Prefetch(entries[index + kEntriesAhead], kUsualEntrySize);
+        }
+        const std::span<const unsigned char> bytes = entries[index]->Bytes();
         writer.Write(bytes.data(), bytes.size());
     }
     writer.Flush();

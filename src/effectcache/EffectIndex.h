@@ -59,7 +59,7 @@ public:
 private:
     bool ReadHeader(PagedFilePackage& package);
     bool ReadEntries(IDataStream& stream);
-    std::span<std::byte> ReadStream(IDataStream& stream);
+    bool ReadMore(IDataStream& stream, std::span<std::byte>& rest);
     void DropAmbiguousEntries(const PagedFilePackage& package);
     Util::RefPtr<IDataStream> OpenForWriting(PagedFilePackage& package, std::uint64_t size);
     void WriteHeader(PagedFilePackage& package);

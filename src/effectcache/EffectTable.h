@@ -15,6 +15,7 @@
 #include "effectcache/EffectKey.h"
 #include "effectcache/EntryPool.h"
 #include "platform/Assert.h"
+#include "platform/Prefetch.h"
 
 namespace Quorvel {
 
@@ -48,14 +49,6 @@ public:
         return slot != kNoSlot ? slots_[slot].entry : nullptr;
     }
 
-    // Makes room for `count` entries in all. Throws std::bad_alloc, changing nothing.
-    void Reserve(std::size_t count) {
-        added_.reserve(count);
-        if (count * 8 > slots_.size() * 7) {
-            GrowSlots(count);
-        }
-    }
-
     // Memory of the table for entries that AddFilled will enter, at any address. It stays allocated
     // until Pack or Clear. Throws std::bad_alloc, changing nothing.
     std::byte* Allocate(std::size_t size) {
@@ -63,18 +56,26 @@ public:
         return pool_.Allocate(size);
     }
 
-    // Enters an entry that was filled in the table's memory, replacing the one that had its name.
-    // Throws std::bad_alloc, changing nothing.
-    void AddFilled(Entry* entry) {
-        ReserveForOne();
-        Enter(entry, entry->Key().Hash());
+    // Enters entries that were filled in the table's memory, each replacing the one that had its
+    // name. Throws std::bad_alloc, changing nothing.
+    void AddFilled(std::span<Entry* const> entries) {
+        std::vector<std::uint32_t> hashes(entries.size());
+        std::transform(entries.begin(), entries.end(), hashes.begin(),
+                       [](const Entry* entry) { return entry->Key().Hash(); });
+        ReserveFor(entries.size());
+        for (std::size_t index = 0; index < entries.size(); ++index) {
+            if (index + kSlotsAhead < entries.size()) {
+                Platform::Prefetch(&slots_[hashes[index + kSlotsAhead] & slotMask_]);
+            }
+            Enter(entries[index], hashes[index]);
+        }
     }
 
     // Makes an entry with Entry::Write and enters it, replacing the one that had the name. Returns
     // it. Throws std::bad_alloc, changing nothing.
     template <typename... Values>
     Entry* Put(const EffectKey& key, std::uint32_t hash, const Values&... values) {
-        ReserveForOne();
+        ReserveFor(1);
         const std::size_t size = Entry::SizeFor(key, values...);
         constexpr std::size_t alignment = alignof(Entry);
         std::byte* const memory = pool_.Allocate((size + alignment - 1) / alignment * alignment);
@@ -118,13 +119,14 @@ public:
         }
         try {
             EffectTable packed;
-            packed.Reserve(size_);
+            std::vector<Entry*> copies;
             for (const Entry* const entry : Entries()) {
                 const std::span<const unsigned char> bytes = entry->Bytes();
                 std::byte* const memory = packed.Allocate(bytes.size());
                 std::memcpy(memory, bytes.data(), bytes.size());
-                packed.AddFilled(std::launder(reinterpret_cast<Entry*>(memory)));
+                copies.push_back(std::launder(reinterpret_cast<Entry*>(memory)));
             }
+            packed.AddFilled(copies);
             *this = std::move(packed);
         } catch (const std::bad_alloc&) {
         }
@@ -134,24 +136,27 @@ public:
     void Clear() { *this = EffectTable(); }
 
 private:
+#pragma pack(push, 1)
     struct Slot {
         Entry* entry;
         std::uint32_t hash;
     };
+#pragma pack(pop)
 
     static constexpr std::size_t kNoSlot = ~std::size_t{0};
     static constexpr std::size_t kFewestSlots = 64;
     static constexpr std::size_t kLeastWaste = 0x10000;
+    static constexpr std::size_t kSlotsAhead = 8;
 
     static bool IsBefore(const Entry* left, const Entry* right) {
         return left->Key() < right->Key();
     }
 
     std::size_t Next(std::size_t slot) const {
-        return (slot + 1) & (slots_.size() - 1);
+        return (slot + 1) & slotMask_;
     }
     std::size_t Distance(std::size_t from, std::size_t to) const {
-        return (to - from) & (slots_.size() - 1);
+        return (to - from) & slotMask_;
     }
 
     std::size_t FindSlot(const EffectKey& key, std::uint32_t hash) const {
@@ -159,8 +164,7 @@ private:
         if (slots_.empty()) {
             return kNoSlot;
         }
-        for (std::size_t slot = hash & (slots_.size() - 1); slots_[slot].hash != 0;
-             slot = Next(slot)) {
+        for (std::size_t slot = hash & slotMask_; slots_[slot].hash != 0; slot = Next(slot)) {
             if (slots_[slot].hash == hash && slots_[slot].entry->Key() == key) {
                 return slot;
             }
@@ -169,7 +173,7 @@ private:
     }
 
     void Insert(const Slot& filled) {
-        std::size_t slot = filled.hash & (slots_.size() - 1);
+        std::size_t slot = filled.hash & slotMask_;
         while (slots_[slot].hash != 0) {
             slot = Next(slot);
         }
@@ -179,6 +183,7 @@ private:
     void GrowSlots(std::size_t entries) {
         std::vector<Slot> slots(std::max(kFewestSlots, std::bit_ceil(entries * 8 / 7 + 1)));
         slots.swap(slots_);
+        slotMask_ = slots_.size() - 1;
         for (const Slot& slot : slots) {
             if (slot.hash != 0) {
                 Insert(slot);
@@ -186,14 +191,14 @@ private:
         }
     }
 
-    // After this Enter can't fail.
-    void ReserveForOne() {
-        if ((size_ + 1) * 8 > slots_.size() * 7) {
-            GrowSlots(size_ + 1);
+    // After this Enter can't fail for `count` entries.
+    void ReserveFor(std::size_t count) {
+        if ((size_ + count) * 8 > slots_.size() * 7) {
+            GrowSlots(size_ + count);
         }
         for (std::vector<Entry*>* const list : {&added_, &removed_}) {
-            if (list->size() == list->capacity()) {
-                list->reserve(std::max(kFewestSlots, 2 * list->size()));
+            if (list->capacity() - list->size() < count) {
+                list->reserve(std::max({kFewestSlots, 2 * list->size(), list->size() + count}));
             }
         }
     }
@@ -233,6 +238,10 @@ private:
         if (!std::is_sorted(added_.begin(), added_.end(), IsBefore)) {
             std::sort(added_.begin(), added_.end(), IsBefore);
         }
+        if (sorted_.empty()) {
+            sorted_.swap(added_);
+            return;
+        }
         std::vector<Entry*> merged;
         merged.reserve(sorted_.size() + added_.size());
         auto rest = sorted_.cbegin();
@@ -248,6 +257,7 @@ private:
     }
 
     std::vector<Slot> slots_;  // none, or a power of two
+    std::size_t slotMask_ = 0;
     std::size_t size_ = 0;
     std::size_t bytes_ = 0;
     std::vector<Entry*> sorted_;

@@ -80,6 +80,7 @@ bool ClaimStreams(PageClaims& claims, const StreamDirectory& directory) {
 bool AreFragmentsSound(const TailBlockTable& table, const TailBlockRecord& block) {
     const std::vector<std::uint64_t>& list = block.streamIds;
     std::vector<const TailFragment*> fragments;
+    fragments.reserve(list.size());
     for (const std::uint64_t streamId : block.tails) {
         const TailFragment* const fragment = table.FindFragment(streamId);
         if (fragment->listIndex >= list.size() || list[fragment->listIndex] != streamId) {

@@ -141,7 +141,7 @@ void TailBlockTable::StoreFragment(const TailFragment& fragment) {
         throw InvalidParameterException();
     }
     TailBlockRecord& block = *Block(fragment.blockId);
-    block.tails.push_back(fragment.streamId);
+    block.tails.push_back(static_cast<std::uint32_t>(fragment.streamId));
     Platform::ScopeGuard unlist([&] { block.tails.pop_back(); });
     fragments_.Put(fragment.streamId, fragment);
     unlist.Dismiss();
@@ -202,6 +202,7 @@ void TailBlockTable::LoadBlocks(StateReader& reader) {
             !reader.ReadItems(blocks_[block.blockId]->streamIds, listed)) {
             throw FileDataCorruptException();
         }
+        blocks_[block.blockId]->tails.reserve(listed);
     }
 }
 

@@ -48,7 +48,7 @@ static_assert(sizeof(TailFragment) == 40);
 // the next one always begins at kTailBlockSize - freeBytes.
 struct TailBlockRecord : StoredTailBlock {
     std::vector<std::uint64_t> streamIds;  // the list
-    std::vector<std::uint64_t> tails;      // streams whose fragments name this block, in any order
+    std::vector<std::uint32_t> tails;      // streams whose fragments name this block, in any order
     std::uint64_t fragmentEnd;  // no fragment reaches this offset or begins at or past it
 };
 

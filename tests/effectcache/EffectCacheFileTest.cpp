@@ -334,8 +334,8 @@ TEST_F(EffectCacheFile, SaveThatWritesNothingLeavesTheFileUnchanged) {
                 before);
 }
 
-// The streams of "x", "yy" and "zzz" are missing; the first two ids are the next to be assigned: to a
-// new effect and to the new index stream.
+// The streams of "x", "yy" and "zzz" are missing; the first two ids are the next to be assigned: to
+// a new effect and to the new index stream.
 TEST_F(EffectCacheFile, EffectsWithoutStreamsAreDropped) {
     WritePackage(path, Block(kTagOfCache, Header(3, 2)),
                  {ByteArray("X"), ByteArray("Y"),

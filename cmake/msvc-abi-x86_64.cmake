@@ -37,7 +37,7 @@ list(JOIN libraries " " libraries)
 set(CMAKE_CXX_STANDARD_LIBRARIES "${libraries}" CACHE STRING "Linked to everything")
 
 # Programs and libraries name their symbol file without its folder and contain a hash of their
-# content instead of the time. mingw-w64's objects have sections with another kind of symbols.
+# content instead of the time. mingw-w64's objects have sections with a different kind of symbol.
 set(CMAKE_SHARED_LINKER_FLAGS_INIT
     "-Xlinker /opt:ref -Xlinker /pdbaltpath:%_PDB% -Xlinker /Brepro -Xlinker /ignore:longsections")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "${CMAKE_SHARED_LINKER_FLAGS_INIT}")

@@ -33,12 +33,11 @@ FileBase MakeBase(const Format::PackageImage& image);
 //   start; the rest of the page is zero. A backslash is written as two. Pages of zeros follow, or
 //   the file ends with the last run.
 // - Patched: one of the bases, with a few records removed, duplicated or renumbered, and then with
-// a
-//   few fields set to values that have a meaning, or another size.
+//   a few fields set to values that have a meaning, or with a different file size.
 Format::Bytes TakeFile(FuzzedDataProvider& input, const std::vector<FileBase>& bases);
 
-// The most bytes by which the library may make such a file longer. The file's link table may cover
-// that number of bytes past its end.
+// The library may make such a file longer by at most this number of bytes: the file's link table
+// may cover that range past its end.
 constexpr std::uint64_t kMostGrowth = 1 << 25;
 
 // The first number of TakeFile's input for a plain file, and for a file from the first base.

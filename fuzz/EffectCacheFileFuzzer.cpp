@@ -183,7 +183,7 @@ bool IsRefused(EffectCacheSystem& cache, const Expectation& expected) {
 
 void TryFile(const Directory& directory, FuzzedDataProvider& input) {
     const bool byReload = input.ConsumeIntegral<std::uint8_t>() % 4 == 0;
-    // These come from the front of the input, the numbers that make the file from its end.
+    // These come from the front of the input; the numbers that make the file come from its end.
     const std::vector<std::uint8_t> additions = input.ConsumeBytes<std::uint8_t>(12);
     FuzzedDataProvider adding(additions.data(), additions.size());
     const Bytes file = TakeFile(input, EffectCacheBases());

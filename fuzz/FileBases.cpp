@@ -31,7 +31,7 @@ PackageLayout LongState() {
     return layout;
 }
 
-// Most have a size in common, so that the library can't tell wrong bytes by their number.
+// Most share a size with others, so that the library can't detect wrong bytes by their number.
 std::vector<Format::NewEffect> SomeEffects() {
     return {{"a", Pattern(100, 1)},   {"b", Pattern(100, 2)},   {"c", Pattern(100, 3), true},
             {"bb", Pattern(8184, 4)}, {"cc", Pattern(8184, 5)}, {"long name", Pattern(20000, 6)}};

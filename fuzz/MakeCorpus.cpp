@@ -63,7 +63,7 @@ private:
     Bytes back_;
 };
 
-// A harness's input before the file, and its files.
+// The input that a harness takes before the file, its bases, and the file for its plain seed.
 struct Harness {
     Input start;
     const std::vector<FileBase>& bases;

@@ -105,8 +105,8 @@ bool AddStream(IDataStreamSet& package, const Bytes& content, Streams& streams) 
     });
 }
 
-// Adds a stream, then replaces each of the others by one of its size, within limits, or one byte
-// more. Keeps their content in streams. False if a step was refused.
+// Adds a stream, then replaces each of the others with one of the same size, within limits, or one
+// byte longer. Records their contents in streams. False if a step was refused.
 bool ChangeStreams(IDataStreamSet& package, const PackageImage& image, Streams& streams) {
     std::uint8_t filler = 1;
     bool complete = AddStream(package, Bytes(kAddedSize, filler), streams);

@@ -124,7 +124,7 @@ LogicalFile TakeChildFile(FuzzedDataProvider& input) {
             follow(tail.tailPage, tail.followingPage);
             file.Append(tail.followingPage, 0, tail.tailLength - here);
         } else if (tail.tailOffset + here == kPageSize) {
-            file.end = {0, 0};  // an entry of the seeker without a page
+            file.end = {0, 0};  // the seeker's last entry has no page
         }
     }
 

@@ -89,7 +89,7 @@ private:
     FuzzedDataProvider& input_;
     const std::uint64_t limit_;
     const std::uint64_t capacity_;
-    const bool comparesAlways_;  // if false, leaves the pages that streams pin alone
+    const bool comparesAlways_;  // after each step; otherwise rarely, so that pages stay pinned
     Util::RefPtr<IDataStreamSet> package_;
 
     std::map<std::uint64_t, Bytes> streams_;

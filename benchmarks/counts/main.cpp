@@ -1,9 +1,10 @@
-// quorvel-bench-counts: runs one operation of the effect cache where callgrind counts.
+// quorvel-bench-counts: runs one operation of the effect cache for callgrind to count.
 //
 // `quorvel-bench-counts prepare DIRECTORY` makes a cache there, and
 // `quorvel-bench-counts OPERATION DIRECTORY`, run under
 //     valgrind --tool=callgrind --collect-atstart=no --toggle-collect=CountedOperation
-// counts the instructions of one operation on it. File and heap are in the same state in every run.
+// counts the instructions of one operation on it. Every run finds the file and the heap in the same
+// state.
 #include <quorvel/Quorvel.h>
 
 #include <chrono>
@@ -73,7 +74,7 @@ void CountOpen(const std::string& directory) {
     Expect(cache->GetNumberOfEffectsInFile() == kSavedEffects, "not all effects were read");
 }
 
-// The library computes local time once a second, which takes as long as a fifth of a search.
+// Once a second the library computes the local time, which takes a fifth as long as a search.
 void WaitForNextSecond() {
     const std::time_t start = std::time(nullptr);
     while (std::time(nullptr) == start) {
@@ -81,7 +82,7 @@ void WaitForNextSecond() {
     }
 }
 
-// One effect that was searched just before, so that its page is in memory.
+// Searches for an effect that was found just before, so that its page is in memory.
 void CountHotSearch(const std::string& directory) {
     const Effect effect = Source().Make(kFound);
     const Util::RefPtr<EffectCacheSystem> cache = Open(directory);
@@ -103,7 +104,7 @@ void CountAbsentSearch(const std::string& directory) {
     Expect(!isFound, "an effect was found that was never saved");
 }
 
-// Saves the queued effects to a file that has ten times as many.
+// Saves the queued effects to a file that holds ten times as many.
 void CountSave(const std::string& directory) {
     const std::vector<Effect> effects = Source().Make(kSavedEffects, kQueuedEffects);
     const Util::RefPtr<EffectCacheSystem> cache = Open(directory);

@@ -41,7 +41,7 @@ private:
         Kind kind;
         std::uint32_t frame;
         std::uint64_t length;
-        std::uint64_t place;  // offset in the file; number of the effect that is queued
+        std::uint64_t place;  // offset in the file, or number of the effect that is queued
     };
     using Steps = std::vector<Step>;
 

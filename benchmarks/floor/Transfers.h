@@ -39,7 +39,7 @@ struct RecordedTransfers {
     PhaseTransfers allOnce;
 };
 
-// The work: a number of effects of a source, and two orders of them.
+// The work: a number of effects from a source, and the orders of saving and searching them.
 struct FloorTask {
     FloorTask(const std::string& effectsPath, std::uint64_t seedNumber, std::size_t count);
 

@@ -47,7 +47,7 @@ void SearchAbsent(benchmark::State& state) {
 }
 BENCHMARK(SearchAbsent)->Name("Curve/SearchAbsent")->ArgsProduct({CurveCounts()});
 
-// Saves a hundred existing effects again, in the order of the file.
+// Saves a hundred existing effects again, in file order.
 void SaveHundred(benchmark::State& state) {
     FullCache& full = CacheOf(state.range(0));
     std::size_t first = 0;

@@ -22,7 +22,7 @@ public:
     const CStr& Name(std::size_t number) const { return names_[number]; }
     const CStr& AbsentName(std::size_t number) const { return absentNames_[number]; }
 
-    // Queues effects that the file already has, so that their number stays the same.
+    // Queues effects that the file already has, so that the file keeps the same number of effects.
     void QueueAgain(std::size_t first, std::size_t count);
 
     // Releases the cache and opens it again.

@@ -96,7 +96,7 @@ public:
     }
 
 private:
-    // For its log of messages.
+    // For the secondary instance's message log.
     const ScratchDirectory messages_{std::filesystem::temp_directory_path()};
     std::unique_ptr<rocksdb::DB> effects_;
     std::string found_;

@@ -72,7 +72,7 @@ public:
     // Measures memory and system calls, each in a process of its own. Called once per store.
     void RunOnce(const StoreKind& kind, Samples& samples) const;
 
-    // The steps, also for agents.
+    // The steps, which the agents use too.
     void SaveAll(Store& store) const;
     void FindAll(Store& store) const;
     void FindHot20(Store& store, std::size_t searches) const;

@@ -26,7 +26,7 @@ struct Options {
     std::string json;
 };
 
-// Shows the progress on a terminal, in place of the text before.
+// Shows the progress on a terminal, replacing the previous text.
 void ShowProgress(const std::string& text) {
     if (::isatty(STDERR_FILENO)) {
         std::fprintf(stderr, "\r%-70s\r", text.c_str());

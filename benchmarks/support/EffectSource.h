@@ -29,7 +29,7 @@ struct Effect {
 // needs more effects than there are, they repeat with "#1", "#2", ... after their names.
 class EffectSource {
 public:
-    // An empty path for made-up effects. Throws std::runtime_error when the path gives no effects.
+    // An empty path for made-up effects. Throws std::runtime_error when the path has no effects.
     EffectSource(const std::string& path, std::uint64_t seed);
 
     // Number of effects before they repeat; 0 when they are made up.

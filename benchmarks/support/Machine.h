@@ -5,7 +5,7 @@
 namespace Quorvel::Benchmarks {
 
 // What a result depends on besides the program: processor, number of cores, kernel, compiler, date
-// and load. Must be called before the work, which is a load itself.
+// and load. Must be called before the work, which would add to the load.
 nlohmann::ordered_json DescribeMachine();
 
 }  // namespace Quorvel::Benchmarks

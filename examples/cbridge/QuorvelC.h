@@ -3,8 +3,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
-// The effect cache as C functions, which a program can call whatever C++ ABI its compiler has.
-// Names and folders are bytes with a length.
+// The effect cache as C functions, for programs whose compiler has a different C++ ABI. Names and
+// folders are bytes with a length.
 #ifdef __cplusplus
 extern "C" {
 #endif

@@ -12,7 +12,7 @@ using Bytes = std::vector<unsigned char>;
 
 // What this host caches for an effect: the compiled bytes, and how long compiling took, so that a
 // later run knows the time it saved. It also records whether the effect is permanent, since the
-// cache does not tell.
+// cache does not report it.
 struct CachedEffect {
     std::uint64_t compileMicroseconds = 0;
     Bytes bytes;

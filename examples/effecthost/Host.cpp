@@ -82,7 +82,7 @@ void RunAlone(const Options& options, const EffectLibrary& library, const Stopwa
 void RunGroup(const Options& options, const EffectLibrary& library, const Stopwatch& run,
               std::ostream& out) {
     if (ChooseProgress(options) != ProgressStyle::None) {
-        out << fmt::format("{} processes are at work\n", options.processes) << std::flush;
+        out << fmt::format("{} processes are running\n", options.processes) << std::flush;
     }
     Summary summary;
     {

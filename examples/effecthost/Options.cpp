@@ -74,7 +74,7 @@ void AddWhatToReport(CLI::App& app, Options& options) {
     app.footer(kExitCodes);
 }
 
-// What is wrong with a text that should be a whole number; empty when it is one or is left out.
+// The error for a text that is not a whole number; empty if the text is one or is left out.
 std::string WholeNumberProblem(const std::string& text) {
     constexpr std::size_t kMostDigits = 9;
     const bool isNumber = text.find_first_not_of("0123456789") == text.npos;

@@ -62,7 +62,7 @@ std::string FromWide(std::wstring_view text, unsigned int codePage) {
 }
 
 // main() gets its words in the ANSI code page, where names may have lost characters, and the
-// start-up code may have replaced patterns by file names.
+// start-up code may have replaced patterns with file names.
 std::vector<std::string> CommandLineWords(int, const char* const*) {
     int count = 0;
     const std::unique_ptr<wchar_t*, FreeLocal> wide(CommandLineToArgvW(GetCommandLineW(), &count));

@@ -73,7 +73,7 @@ bool Session::GetEffect(std::size_t index) {
     return true;
 }
 
-// An effect that should be permanent but was cached without that is stored again.
+// Stores the effect again if it should be permanent but is not yet.
 void Session::UseFound(const std::string& name, CachedEffect& effect) {
     ++summary_.hits;
     summary_.sparedTime += effect.compileMicroseconds;
@@ -97,7 +97,7 @@ void Session::CompileAndStore(const EffectVariant& variant, const std::string& n
     cache_.Store(name, effect);
 }
 
-// Later searches, which check the cache, count as checking.
+// Called before the cache is checked: the searches of the check count as checking.
 void Session::KeepTimes() {
     summary_.compileTime = compileTime_.Microseconds();
     summary_.openTime = cache_.OpenTime().Microseconds();

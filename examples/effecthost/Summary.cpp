@@ -105,7 +105,7 @@ std::string ToText(const Summary& summary) {
         text += fmt::format("damaged    {}, compiled again\n", summary.damaged);
     }
     if (summary.madePermanent > 0) {
-        text += fmt::format("permanent  {} hits that were not before\n", summary.madePermanent);
+        text += fmt::format("permanent  {} hits made permanent\n", summary.madePermanent);
     }
     if (summary.verified > 0) {
         text += fmt::format("verified   {} recompiled to the same bytes\n", summary.verified);

@@ -109,8 +109,8 @@ TEST_P(EffectCacheFaults, SaveLeavesTheOldStateTheNewOneOrAnEmptyCache) {
         [&] { (*a)->ForceSaveToFile(); }, [&](bool failed) { EXPECT_SAFE_AFTER_SAVE(failed); });
 }
 
-// The queue is the caller's to try again with, or to look at: a failed save leaves it alone, at
-// whichever call it fails.
+// A failed save leaves the queue unchanged, whichever call fails, so that the caller can inspect it
+// or try again.
 TEST_P(EffectCacheFaults, FailedSaveKeepsTheQueueAndTheListingInOrder) {
     const std::string listing = directory.File("listing.txt");
     ForEachCall(

@@ -114,7 +114,7 @@ TEST_F(EffectCacheLargeIndex, FailedTrimLeavesAnEmptyCache) {
         CacheClient fresh(directory_);
         EXPECT_TRUE(fresh->IsEnabled());
         EXPECT_EQ(CountFound(fresh), fresh.InFile());
-        // A page that can't be written back while the index is read costs nothing.
+        // No effect is lost if the write fails while the index is being read.
         const bool isEmpty = fresh.InFile() == 0;
         EXPECT_TRUE(failed || !isEmpty);
         faults += isEmpty ? 1 : 0;

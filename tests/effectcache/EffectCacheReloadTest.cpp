@@ -181,7 +181,7 @@ TEST_F(EffectCacheReload, SearchesAndClosesLeaveTheNewerFileAlone) {
     EXPECT_EQ(fresh.Find("y"), EffectBytes("y", 9000));
 }
 
-// A change that is announced while a cache opens the file is still news to it afterwards.
+// A cache notices a change that is announced while it opens the file.
 TEST(EffectCacheOpening, AdoptsTheStampBeforeItReadsTheFile) {
     const TemporaryDirectory directory;
     WriteCache(CacheFilePath(directory), {{"x", EffectBytes("one", 100)}});

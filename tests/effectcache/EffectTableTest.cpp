@@ -43,7 +43,7 @@ void Put(Table& table, const std::string& name, std::uint64_t streamId) {
     table.Put(KeyOf(name), KeyOf(name).Hash(), RecordOf(name, streamId));
 }
 
-// An entry in the table's memory, not entered.
+// An entry in the table's memory that has not been entered yet.
 IndexEntry* Fill(Table& table, const std::string& name, std::uint64_t streamId) {
     const EffectRecord record = RecordOf(name, streamId);
     std::byte* const memory = table.Allocate(IndexEntry::SizeFor(KeyOf(name), record));

@@ -50,7 +50,7 @@ protected:
         std::ofstream(effects_ / name, std::ios::binary) << text;
     }
 
-    // Replaces the effects by one with this number of variants.
+    // Replaces the effects with one that has this number of variants.
     void WriteVariants(std::size_t count) {
         std::string values;
         for (std::size_t i = 0; i < count; ++i) {

@@ -20,7 +20,7 @@ std::uint64_t AllOnes(std::size_t width) {
     return ~std::uint64_t{0} >> (64 - 8 * width);
 }
 
-// The values that a field is set to at a place.
+// The values to set a field to at a place.
 std::set<std::uint64_t> ValuesFor(const Field& field, const Place& place,
                                   const std::vector<Place>& places, const Bytes& file) {
     const std::uint64_t value = Format::LoadInteger(file, place.offset, place.width);
@@ -38,7 +38,7 @@ std::set<std::uint64_t> ValuesFor(const Field& field, const Place& place,
                                       std::uint64_t{1} << 63,
                                       ~std::uint64_t{0} - 7,
                                       ~std::uint64_t{0}};
-    // The values of the field in other places, near and far.
+    // The values that the field has in other places, near and far.
     const std::size_t here = static_cast<std::size_t>(&place - places.data());
     for (const std::size_t other : {here + 1, here + 2, here + places.size() / 2}) {
         const Place& there = places[other % places.size()];

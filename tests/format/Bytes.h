@@ -31,7 +31,7 @@ void Append(Bytes& bytes, std::string_view text);
 // Takes integers and byte runs off the front of a buffer, which must outlive it.
 class ByteReader {
 public:
-    // name says in error messages what the buffer holds.
+    // name describes the buffer's contents in error messages.
     ByteReader(const Bytes& bytes, std::string name) : bytes_(&bytes), name_(std::move(name)) {}
 
     // Both throw FormatError if fewer bytes are left.

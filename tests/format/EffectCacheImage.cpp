@@ -108,7 +108,7 @@ void EffectCacheChecker::CheckIndex(const CacheHeader& header) {
     const std::vector<IndexEntry> entries = ReadIndex(index, header.effectCount);
     used_.insert(header.indexStream);
 
-    // The index of an empty cache is one byte without a meaning.
+    // The index of an empty cache is one meaningless byte.
     const std::uint64_t size = entries.empty() ? 1 : IndexSize(entries);
     Expect(index.size() == size, "the index stream has ", index.size(), " bytes instead of ", size);
     for (std::size_t i = 0; i < entries.size(); ++i) {

@@ -16,8 +16,8 @@ using Words = std::vector<std::uint64_t>;
 
 constexpr std::uint64_t kLimit = 24;
 
-// The numbers of a sound state, in order: two blocks, of which the second holds the tails of
-// streams 5 and 2.
+// The numbers of a sound state, in order: two blocks. The second one holds the tails of streams 5
+// and 2.
 const Words kState = {2,                                           // blocks
                       0, 11, 12, 13,  14,  15, 16, 17, 18, 65536,  // the first one
                       0,                                           // its streams

@@ -784,7 +784,7 @@ TEST_F(FilePageCacheTest, WritePageThrowsIfThePageCannotBeWritten) {
     EXPECT_THROW(cache.WritePage(10), FileIOException);
 }
 
-// Notes when it is called: at which number of writes. Throws when told to.
+// Records the number of writes so far at each call. Throws when told to.
 class WriteWatch : public PageWriteListener {
 public:
     void BeforePageWrite() override {

@@ -494,7 +494,7 @@ TEST_F(PagedFileStreamTest, RemoveRangeOutsideTheStreamIsRefusedAndChangesNothin
     EXPECT_EQ(ReadAll(), content_);
 }
 
-// Places no position after `movesPlaced` moves.
+// Refuses every move after the first `movesPlaced`.
 class TiringSeeker : public ListSeeker {
 public:
     using ListSeeker::ListSeeker;
@@ -523,7 +523,7 @@ TEST_F(PagedFileStreamTest, RemoveRangeIsRefusedAndKeepsThePositionIfAnyMoveIsRe
     }
 }
 
-// Places every position at the same place.
+// Maps every position to the same place.
 class FixedSeeker : public ListSeeker {
 public:
     FixedSeeker(std::initializer_list<Entry> entries, const PagePosition& place)

@@ -77,8 +77,8 @@ private:
     void* view_ = nullptr;
 };
 
-// Removes what killed holders of a name may have left behind: where objects are files, opening them
-// does that.
+// Removes the files that killed holders of a name may have left behind, where objects are files, by
+// opening the objects.
 inline void SweepUp(const std::string& name) {
     MutexHandle{name};
     MemoryHandle().Open(name);

@@ -500,7 +500,7 @@ TEST_F(ChildFileSeekerTest, IsEmptyAfterClear) {
     EXPECT_EQ(PlaceAt(0), kNowhere);
     EXPECT_EQ(PlaceAt(1), kNowhere);
     EXPECT_EQ(Moved(*seeker_, {0, 0}, 0), kNowhere);
-    // Entries of the tail, extent and tail.
+    // The number of entries of the tail, the extent, and the tail.
     EXPECT_EQ((FieldAt<std::array<std::uint64_t, 9>>(seeker_.Get(), 56)),
               (std::array<std::uint64_t, 9>{}));
 }
@@ -533,7 +533,7 @@ TEST_F(ChildFileSeekerTest, KeepsItsStateInOneFixedOrder) {
     Attach(2, tail);
     const ChildFileSeeker* const seeker = seeker_.Get();
     EXPECT_EQ(FieldAt<IPageAllocator*>(seeker, 48), allocator_.Get());
-    EXPECT_EQ(FieldAt<std::uint64_t>(seeker, 56), 2u);  // entries of the tail
+    EXPECT_EQ(FieldAt<std::uint64_t>(seeker, 56), 2u);  // number of entries of the tail
     const auto extent = FieldAt<ChildFileExtent>(seeker, 64);
     EXPECT_EQ(extent.streamId, 7u);
     EXPECT_EQ(extent.byteSize, 16884u);

@@ -4,9 +4,8 @@
 
 namespace Quorvel::Testing {
 
-// While it lives, makes malloc fail in the thread that created it, and with it the heap of the
-// host's classes. Works only in programs that are linked with --wrap. Standard containers are not
-// affected.
+// While it lives, malloc fails in the thread that created it, and so does the heap of the host's
+// classes. Standard containers are not affected. Works only in programs linked with --wrap.
 class HeapFault {
 public:
     // Lets the first `skipped` calls through; all later ones fail.

@@ -30,7 +30,7 @@ void Board::Repair() {
     Unlock();
 }
 
-// A new block is all zeros, the initial value of everything but the room.
+// A new block is all zeros, which is the initial value of everything but the free bytes.
 void Board::OnMemoryCreated(void* block) {
     content_ = static_cast<Content*>(block);
     content_->room = kRealRoom;

@@ -26,7 +26,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::uint64_t kSharedNames = 40;
 
-// One name in this number is always permanent, so that it is never evicted.
+// Every kPermanentStep-th name is always permanent, so that it is never evicted.
 constexpr std::uint64_t kPermanentStep = 8;
 
 // Most effects have the same size, so that the library can't tell a misplaced one by its length.

@@ -4,7 +4,7 @@
 cbuffer Camera : register(b0)
 {
     float4x4 worldToClip;
-    float4 cameraPosition;  // in the world
+    float4 cameraPosition;  // in world space
     float4 screenSize;      // width and height of the render target, and their reciprocals
     float4 depthRange;      // far * near, far, far - near
     float4 fogColor;        // rgb, and the density in a

@@ -30,12 +30,12 @@ cbuffer Occlusion : register(b2)
 };
 
 Texture2D<float> depthTexture : register(t0);
-Texture2D normalTexture : register(t1);  // in the world
+Texture2D normalTexture : register(t1);  // in world space
 Texture2D<float> occlusionTexture : register(t2);
 SamplerState nearestSampler : register(s0);
 
 // Points of the half sphere around +z, denser near its centre. Scaled up, the first few fill it as
-// evenly as all do.
+// evenly as all of them.
 static const float3 kPoints[16] = {
     float3(0.024, -0.013, 0.049),  float3(-0.053, 0.061, 0.037), float3(0.083, 0.044, 0.081),
     float3(-0.101, -0.068, 0.094), float3(0.020, -0.165, 0.073), float3(0.148, 0.121, 0.108),

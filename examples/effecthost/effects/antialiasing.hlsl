@@ -31,7 +31,7 @@ SamplerState smoothSampler : register(s0);
 
 static const float kLeast = 0.0001;  // contrast that counts as none
 
-// One step to both sides. A side stops at its end, where the brightness differs from the edge's.
+// One step to each side. A side stops at its end, where the brightness differs from the edge's.
 #define Step(length) \
     walking0 *= float(abs(BrightnessAt(edge - along * reach0) - edgeBrightness) < gradient); \
     walking1 *= float(abs(BrightnessAt(edge + along * reach1) - edgeBrightness) < gradient); \
@@ -89,7 +89,8 @@ float4 PixelMain(ScreenPoint screen) : SV_Target
     Step(4.0) Step(4.0) Step(8.0) Step(8.0)
 #endif
 
-    // Only an end at which the brightness moves away from this pixel's side affects the pixel.
+    // Only the nearer end counts, and only if its brightness is further from this pixel's than the
+    // edge's is.
     float nearer = min(reach0, reach1);
     float nearerEnd = reach1;
     if (reach0 < reach1)

@@ -18,20 +18,20 @@ cbuffer Decal : register(b2)
 {
     float4x4 clipToWorld;
     float4x4 worldToDecal;  // the box becomes the cube from -0.5 to 0.5
-    float4 decalRight;      // the box's axes in the world; the picture's right,
+    float4 decalRight;      // the box's axes in world space: the picture's right,
     float4 decalUp;         // its upper side,
     float4 decalForward;    // and the direction of the projection
     float4 decalColor;
-    float4 keyLight;        // direction towards the light in the world, share of ambient light in w
+    float4 keyLight;        // direction towards the light in world space; ambient share in w
 };
 
 Texture2D decalTexture : register(t0);
 Texture2D decalNormalTexture : register(t1);
 Texture2D<float> depthTexture : register(t2);
-Texture2D sceneNormalTexture : register(t3);  // in the world
+Texture2D sceneNormalTexture : register(t3);  // in world space
 SamplerState decalSampler : register(s0);
 
-// Cosines between which a surface fades, and the same for the depth in the box.
+// Cosines between which a surface fades, and the depth in the box at which the fade begins.
 static const float kGrazing = 0.2;
 static const float kFacing = 0.5;
 static const float kFadeBegin = 0.35;

@@ -32,7 +32,7 @@ Texture2D blurredTexture : register(t3);
 SamplerState smoothSampler : register(s0);
 SamplerState nearestSampler : register(s1);
 
-// Points of the disc, in a spiral. Scaled up, the first few fill it as evenly as all do.
+// Points of the disc, in a spiral. Scaled up, the first few fill it as evenly as all of them.
 static const float2 kDisc[16] = {
     float2(0.177, 0.000),   float2(-0.226, 0.207),  float2(0.035, -0.394), float2(0.285, 0.371),
     float2(-0.522, -0.093), float2(0.495, -0.316),  float2(-0.165, 0.616), float2(-0.316, -0.608),
@@ -58,7 +58,7 @@ float4 CirclePixelMain(ScreenPoint screen) : SV_Target
 
 #define CircleAt(place) (circleTexture.Sample(nearestSampler, place).r * 2.0 - 1.0)
 
-// The further a point's direction is from a corner, the more a hexagon moves it inwards.
+// The further a point's direction is from a corner, the further inwards the hexagon moves it.
 #if SHAPE
 #define ShapePoint \
     float side = max(abs(spot.x) * kSide + abs(spot.y) * 0.5, abs(spot.y)); \

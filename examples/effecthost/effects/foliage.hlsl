@@ -21,7 +21,7 @@
 cbuffer Foliage : register(b2)
 {
     float4 wind;          // direction in xz of the world, strength, gusts per second
-    float4 sunDirection;  // towards the sun, in the world
+    float4 sunDirection;  // towards the sun, in world space
     float4 sunColor;      // light reflected by a white surface that faces the sun
     float4 skyColor;
     float4 autumnColor;   // rgb, and the time of the year in a

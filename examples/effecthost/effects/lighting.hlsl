@@ -17,7 +17,7 @@
 
 cbuffer Lights : register(b2)
 {
-    float4 lightPosition[4];  // in the world; radius in w
+    float4 lightPosition[4];  // in world space; radius in w
     float4 lightColor[4];     // intensity
     float4 ambientColor;      // light reflected by a white surface
     float4 surface;           // shininess, roughness, metalness, reflectance at normal incidence

@@ -20,9 +20,9 @@
 
 cbuffer Particles : register(b2)
 {
-    float4 cameraRight;   // in the world
+    float4 cameraRight;   // in world space
     float4 cameraUp;
-    float4 keyLight;      // direction towards the light in the world
+    float4 keyLight;      // direction towards the light in world space
     float4 keyColor;
     float4 ambientColor;
     float4 softness;      // distance of the fade, pictures per row, strength of the emission,
@@ -37,9 +37,9 @@ static const float kParallel = 0.0001;  // squared length of a cross product wit
 
 struct Vertex
 {
-    float4 centre : POSITION;   // in the world, and the size in w
+    float4 centre : POSITION;   // in world space, and the size in w
     float2 corner : TEXCOORD0;  // -1 to 1
-    float4 motion : TEXCOORD1;  // velocity in the world, and the spin in turns in w
+    float4 motion : TEXCOORD1;  // velocity in world space, and the spin in turns in w
     float4 color : COLOR;
     float age : TEXCOORD2;      // in pictures of the animation
 };

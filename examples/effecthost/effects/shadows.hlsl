@@ -23,13 +23,13 @@ cbuffer Shadow : register(b2)
     float4x4 clipToWorld;
     float4x4 worldToShadow[4];  // to the place in the texture, and the depth in z
     float4 cascadeEnd;          // distance from the camera
-    float4 lightDirection;      // towards the light, in the world
+    float4 lightDirection;      // towards the light, in world space
     float4 shadowTexel;         // size of a texel in xy, constant and slope bias in zw
     float4x4 worldToLight;
 };
 
 Texture2D<float> depthTexture : register(t0);
-Texture2D normalTexture : register(t1);         // in the world
+Texture2D normalTexture : register(t1);         // in world space
 Texture2D<float> shadowTexture : register(t2);  // each map has a border as wide as the kernel
 Texture2D cutoutTexture : register(t3);
 SamplerState nearestSampler : register(s0);

@@ -20,7 +20,7 @@ cbuffer Skin : register(b2)
     float4x4 lastWorldToClip;
     float4 skinRows;   // rows of the character, now and in the last frame, in the texture
     float4 morphing;   // share of the second shape, now and in the last frame
-    float4 keyLight;   // direction towards the light in the world, share of ambient light in w
+    float4 keyLight;   // direction towards the light in world space; ambient share in w
 };
 
 Texture2D boneTexture : register(t0);

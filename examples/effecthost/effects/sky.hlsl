@@ -16,7 +16,7 @@
 
 cbuffer Sky : register(b2)
 {
-    float4 sunDirection;   // towards the sun, in the world; the cosine of its disc's radius in w
+    float4 sunDirection;   // towards the sun, in world space; the cosine of its disc's radius in w
     float4 sunColor;
     float4 zenithColor;    // after Preetham: the zenith's luminance Y and chromaticity x and y
     float4 horizonColor;   // also for clouds far from the sun
@@ -26,7 +26,7 @@ cbuffer Sky : register(b2)
     float4 perezC;
     float4 perezD;
     float4 perezE;
-    float4 cloudLayers;    // tiles per metre, metres per second, density, height in the world
+    float4 cloudLayers;    // tiles per metre, metres per second, density, height in world space
 };
 
 Texture2D cloudTexture : register(t0);

@@ -22,10 +22,10 @@ cbuffer Terrain : register(b2)
 {
     float4 grid;          // size of the map in texels, height of white, width of a texel
     float4 morphRange;    // distances at which morphing begins and ends
-    float4 sunDirection;  // towards the sun, in the world
+    float4 sunDirection;  // towards the sun, in world space
     float4 sunColor;      // light reflected by a white surface that faces the sun
     float4 skyColor;
-    float4 tiling;        // of each material, in the world
+    float4 tiling;        // of each material, in world space
 };
 
 Texture2D heightTexture : register(t0);

@@ -14,7 +14,7 @@
 // ENCODING   0 linear, 1 gamma 2.2, 2 sRGB
 // VIGNETTE   darker corners
 // METERING   0 averages the previous level; 1 and 2 are the first level, which measures the
-//            luminance: 1 of the whole picture evenly, 2 of its middle more
+//            luminance: 1 evenly over the whole picture, 2 with more weight in its middle
 #include "Portable.hlsli"
 #include "Camera.hlsli"
 #include "FullScreen.hlsli"

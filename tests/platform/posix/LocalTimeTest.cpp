@@ -15,7 +15,7 @@ namespace {
 
 constexpr int kMinutesOfDay = 24 * 60;
 
-// Sends the minute of the day in a time zone that it sets after it has read the time once.
+// Reads the time once, then sets a time zone and sends the minute of the day in it.
 QUORVEL_AGENT(ZoneClock) {
     Platform::CurrentLocalTime();
     ::setenv("TZ", arguments[0].c_str(), 1);

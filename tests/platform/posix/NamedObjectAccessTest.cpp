@@ -13,8 +13,8 @@
 #include "platform/posix/NamedObject.h"
 #include "support/TemporaryDirectory.h"
 
-// Which objects a user can reach, and what happens if their place is taken by something that others
-// might have planted.
+// Which objects a user can reach, and what happens if another user might have planted something in
+// their place.
 namespace Quorvel::Testing {
 
 using Platform::NamedObject;

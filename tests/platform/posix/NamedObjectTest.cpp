@@ -417,7 +417,7 @@ TEST_F(NamedMutexOnPosix, ThatWasFoundAbandonedVanishesLikeAnyOther) {
     EXPECT_FALSE(std::filesystem::exists(PathOf("mutex", name_)));
 }
 
-// Its owner in this process has ended, and another process has acquired and released it since.
+// The mutex's owner in this process has ended; then another process acquired and released it.
 TEST_F(NamedMutexOnPosix, ThatWasOwnedHereOnceVanishesWithItsLastHolder) {
     MutexHandle mutex(name_);
     const auto other = StartObjectUser();

@@ -239,7 +239,7 @@ TEST_F(NamedMutexUnderFaults, ReportsAFailedWait) {
         const SystemFault fault(SystemCall::TryMutex, EAGAIN);
         EXPECT_EQ(mutex.Acquire(0), kFailed);
     }
-    // It has no owner.
+    // The mutex has no owner.
     EXPECT_EQ(OnAnotherThread([&] {
                   const std::uint32_t result = mutex.Acquire(0);
                   mutex.Release();

@@ -36,19 +36,19 @@ public:
     // REQUIRES: the entry is in the index. Throws std::bad_alloc, changing nothing.
     void Remove(IndexEntry* entry) { table_.Remove(entry); }
 
-    // All entries in key order. The list holds until the index changes. Throws std::bad_alloc.
+    // All entries in key order. The list is valid until the index changes. Throws std::bad_alloc.
     const std::vector<IndexEntry*>& Entries() { return table_.Entries(); }
 
-    // The entries that may be evicted, the one unused for longest first. Throws std::bad_alloc.
+    // The entries that may be evicted, the least recently used first. Throws std::bad_alloc.
     [[nodiscard]] std::vector<IndexEntry*> EvictionOrder();
 
     void Clear();
 
-    // Writes the header and an index stream of no effects into a new package. REQUIRES: the index
-    // is empty. Throws FileIOException, and what the package throws.
+    // Writes the header and an empty index stream into a new package. REQUIRES: the index is empty.
+    // Throws FileIOException, and what the package throws.
     void Start(PagedFilePackage& package);
 
-    // Replaces everything by what the package says. Leaves out effects whose stream is missing or
+    // Replaces everything with the package's index. Leaves out effects whose stream is missing or
     // is named twice. False when the package is not sound or the header or the index is damaged;
     // the entries before the damage are then in the index. Throws what the package throws.
     [[nodiscard]] bool Load(PagedFilePackage& package);

@@ -18,7 +18,7 @@ private:
     const char* text_;
 };
 
-// Runs a step on a stream; any exception makes it fail and costs the caller the stream.
+// Runs a step on a stream. Any exception makes the step fail and clears the caller's reference.
 template <typename Step>
 bool Guarded(Util::RefPtr<IDataStream>& stream, const Step& step) noexcept {
     try {

@@ -8,7 +8,7 @@
 #include "vornutil/Tab.h"
 
 // Transfers of exact sizes between buffers and streams. Nothing is thrown: every failure makes the
-// result false. A transfer that was begun and failed sets the caller's stream reference to null, so
+// result false. A transfer that fails after it began sets the caller's stream reference to null, so
 // that all later calls in a chain fail too.
 namespace Quorvel {
 

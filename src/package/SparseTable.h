@@ -26,8 +26,8 @@ public:
     }
     Record* Find(std::uint64_t id) { return const_cast<Record*>(std::as_const(*this).Find(id)); }
 
-    // Stores a record, replacing the one that the id had. Throws std::bad_alloc or, for an absurdly
-    // high id, std::length_error, changing nothing.
+    // Stores a record, replacing the one that the id had. Throws std::bad_alloc or, for an id too
+    // high for a vector, std::length_error, changing nothing.
     void Put(std::uint64_t id, const Record& record) {
         if (id / kChunkSize >= chunks_.size()) {
             chunks_.resize(id / kChunkSize + 1);
@@ -72,8 +72,9 @@ public:
 private:
     static_assert(std::is_trivially_copyable_v<Record>);
     static constexpr std::uint64_t kChunkSize = 16;
-    static constexpr std::size_t kChunksAhead =
-        3;  // that a walk fetches into the processor's caches
+
+    // A walk fetches this number of chunks ahead into the processor's caches.
+    static constexpr std::size_t kChunksAhead = 3;
 
     struct Chunk {
         static std::uint16_t Bit(std::uint64_t id) {

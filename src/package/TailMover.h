@@ -29,8 +29,8 @@ public:
     // table is then unchanged. Throws as FilePageCache does where pages were not pinned.
     [[nodiscard]] bool RemoveTail();
 
-    // Attaches every open stream that has a tail in the block anew. A stream that can't be attached
-    // has no bytes from then on.
+    // Attaches every open stream that has a tail in the block to its new place. A stream that can't
+    // be attached has no bytes from then on.
     void ReattachStreams(const OpenStreams& openStreams);
 
 private:

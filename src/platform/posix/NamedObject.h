@@ -46,7 +46,7 @@ public:
     // time. In a forked process, the parent keeps holding the object.
     bool Leave();
 
-    // True if both hold the same object, or held it before they left.
+    // True if both hold the same object, or held it before Leave.
     bool IsSameFileAs(const NamedObject& other) const;
 
     // True if both have the same kind and name: the same object or one that replaced it.

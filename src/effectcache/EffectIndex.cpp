@@ -33,6 +33,7 @@ struct HeaderPayload {
 // The payload of the cache's block of the header data. Blocks count up to the first one that does
 // not lie inside the data.
 std::optional<HeaderPayload> FindHeaderPayload(const std::uint8_t* data, std::uint64_t size) {
+    QUORVEL_ASSERT(data || size == 0);
     std::uint64_t offset = 0;
     while (size - offset >= sizeof(HeaderBlock)) {
         HeaderBlock block;
@@ -126,6 +127,7 @@ bool EffectIndex::ReadEntries(IDataStream& stream) {
 // end of the stream, and at a page that can't be read: that page may lie after the last entry.
 bool EffectIndex::ReadMore(IDataStream& stream, std::span<std::byte>& rest) {
     const std::uint64_t position = stream.GetPosition();
+    QUORVEL_ASSERT(position <= stream.GetSize());
     const std::uint64_t size = std::min(kPieceSize, stream.GetSize() - position);
     std::byte* const memory = table_.Allocate(rest.size() + size);
     std::copy(rest.begin(), rest.end(), memory);
@@ -141,6 +143,7 @@ bool EffectIndex::ReadMore(IDataStream& stream, std::span<std::byte>& rest) {
 // well: an effect that was found through one of them could have the bytes of another.
 void EffectIndex::DropAmbiguousEntries(const PagedFilePackage& package) {
     std::vector<std::uint8_t> namings(kStreamLimit + 1);  // by stream, 2 for more than one
+    QUORVEL_ASSERT(header_.indexStreamId < namings.size());
     namings[header_.indexStreamId] = 1;
     bool isAmbiguous = false;
     for (const IndexEntry* const entry : Entries()) {

@@ -9,6 +9,7 @@
 #include "effectcache/EffectTable.h"
 #include "effectcache/PendingEffect.h"
 #include "effectcache/StreamHelpers.h"
+#include "platform/Assert.h"
 
 namespace Quorvel {
 
@@ -29,10 +30,12 @@ public:
         return table_.Find(name, hash);
     }
 
-    // Adds a copy of an effect, replacing the one that had the name. Throws std::bad_alloc,
-    // changing nothing.
+    // Adds a copy of an effect, replacing the one that had the name. REQUIRES: the lengths are in
+    // range. Throws std::bad_alloc, changing nothing.
     void Add(const EffectKey& name, std::uint32_t hash, std::span<const unsigned char> compiled,
              bool permanent) {
+        QUORVEL_ASSERT(name.length >= kShortestName && name.length <= kLongestName);
+        QUORVEL_ASSERT(compiled.size() >= kSmallestEffect && compiled.size() <= kLargestEffect);
         table_.Put(name, hash, compiled, permanent);
         byteCount_ += IndexEntrySize(name.length) + SerializedSize(compiled.size());
     }

@@ -127,6 +127,7 @@ public:
                 copies.push_back(std::launder(reinterpret_cast<Entry*>(memory)));
             }
             packed.AddFilled(copies);
+            QUORVEL_ASSERT(packed.Size() == Size() && packed.TotalBytes() == TotalBytes());
             *this = std::move(packed);
         } catch (const std::bad_alloc&) {
         }
@@ -173,6 +174,7 @@ private:
     }
 
     void Insert(const Slot& filled) {
+        QUORVEL_ASSERT(filled.hash != 0 && size_ < slots_.size());
         std::size_t slot = filled.hash & slotMask_;
         while (slots_[slot].hash != 0) {
             slot = Next(slot);
@@ -204,6 +206,7 @@ private:
     }
 
     void Enter(Entry* entry, std::uint32_t hash) {
+        QUORVEL_ASSERT(added_.size() < added_.capacity() && removed_.size() < removed_.capacity());
         const std::size_t slot = FindSlot(entry->Key(), hash);
         if (slot != kNoSlot) {
             removed_.push_back(slots_[slot].entry);
@@ -253,6 +256,7 @@ private:
         }
         merged.insert(merged.end(), rest, sorted_.cend());
         sorted_.swap(merged);
+        QUORVEL_ASSERT(std::is_sorted(sorted_.begin(), sorted_.end(), IsBefore));
         added_.clear();
     }
 

@@ -8,6 +8,7 @@
 
 #include "effectcache/EffectKey.h"
 #include "effectcache/EffectRecord.h"
+#include "platform/Assert.h"
 
 namespace Quorvel {
 
@@ -22,6 +23,7 @@ struct IndexEntry {
     // Makes an entry in `memory`. REQUIRES: the record states the length of the name.
     static IndexEntry* Write(std::byte* memory, const EffectKey& key, std::uint32_t /*hash*/,
                              const EffectRecord& record) {
+        QUORVEL_ASSERT(record.nameLength == key.length);
         std::memcpy(memory + sizeof(IndexEntry), key.bytes, key.length);
         return ::new (memory) IndexEntry{record, record.nameLength};
     }

@@ -7,6 +7,7 @@
 #include <span>
 
 #include "effectcache/EffectKey.h"
+#include "platform/Assert.h"
 
 namespace Quorvel {
 
@@ -18,9 +19,10 @@ struct PendingEffect {
         return sizeof(PendingEffect) + key.length + compiled.size();
     }
 
-    // Makes an entry in `memory`. `hash` is the name's.
+    // Makes an entry in `memory`. REQUIRES: `hash` is the name's.
     static PendingEffect* Write(std::byte* memory, const EffectKey& key, std::uint32_t hash,
                                 std::span<const unsigned char> compiled, bool permanent) {
+        QUORVEL_ASSERT(hash == key.Hash());
         std::memcpy(memory + sizeof(PendingEffect), key.bytes, key.length);
         std::memcpy(memory + sizeof(PendingEffect) + key.length, compiled.data(), compiled.size());
         return ::new (memory)

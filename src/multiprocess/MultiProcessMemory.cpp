@@ -3,6 +3,7 @@
 #include <new>
 #include <string>
 
+#include "platform/Assert.h"
 #include "platform/NamedMemory.h"
 #include "platform/SystemError.h"
 #include "quorvel/AutoMutex.h"
@@ -19,6 +20,7 @@ MultiProcessMemory::~MultiProcessMemory() {
 
 void MultiProcessMemory::Close() noexcept {
     if (view_) {
+        QUORVEL_ASSERT(mapping_ && mutex_);
         Platform::UnmapNamedMemory(mapping_, view_);
         view_ = nullptr;
     }

@@ -5,6 +5,8 @@
 #include <memory>
 #include <vector>
 
+#include "platform/Assert.h"
+
 namespace Quorvel {
 
 namespace {
@@ -57,8 +59,11 @@ public:
 
 private:
     bool IsUnclaimed(std::uint64_t page) const {
-        return IsValidPageNumber(page) && allocator_.IsPageAllocated(page) &&
-               !claimed_[page - kHeadPageNumber];
+        if (!IsValidPageNumber(page) || !allocator_.IsPageAllocated(page)) {
+            return false;
+        }
+        QUORVEL_ASSERT(page - kHeadPageNumber < claimed_.size());
+        return !claimed_[page - kHeadPageNumber];
     }
 
     PageAllocator& allocator_;
@@ -83,6 +88,7 @@ bool AreFragmentsSound(const TailBlockTable& table, const TailBlockRecord& block
     fragments.reserve(list.size());
     for (const std::uint64_t streamId : block.tails) {
         const TailFragment* const fragment = table.FindFragment(streamId);
+        QUORVEL_ASSERT(fragment && fragment->blockId == block.blockId);
         if (fragment->listIndex >= list.size() || list[fragment->listIndex] != streamId) {
             return false;
         }
@@ -124,6 +130,7 @@ bool ClaimTailBlocks(PageClaims& claims, PageAllocator& allocator, const TailBlo
 }  // namespace
 
 bool IsSound(const StoredState& state, const FilePageCache& cache) noexcept {
+    QUORVEL_ASSERT(state.headFile);
     try {
         const std::uint64_t highest = state.allocator->HighestPage();
         if (highest > kMostPagesPastEnd + kHeadPageNumber &&

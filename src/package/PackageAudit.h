@@ -15,7 +15,9 @@ namespace Quorvel {
 // - the successor of any other page is allocated and has no owner: otherwise the next load would
 //   find two pages with one successor;
 // - no page is allocated far past the end of the file, to where the next new page would make it
-// grow. Other oddities only waste space. False also without memory.
+//   grow.
+// Other oddities only waste space. False also without memory. REQUIRES: the state was read or
+// written.
 [[nodiscard]] bool IsSound(const StoredState& state, const FilePageCache& cache) noexcept;
 
 }  // namespace Quorvel

@@ -21,6 +21,7 @@ public:
             largest_.resize(group + 1);
             rooms_.resize((group + 1) * kGroupSize);
         }
+        QUORVEL_ASSERT(rooms_.size() == largest_.size() * kGroupSize);
         rooms_[block] = bytes;
         const auto first = rooms_.begin() + static_cast<std::ptrdiff_t>(group * kGroupSize);
         largest_[group] = *std::max_element(first, first + kGroupSize);
@@ -36,7 +37,9 @@ public:
             return std::nullopt;
         }
         const auto first = rooms_.begin() + (group - largest_.begin()) * kGroupSize;
-        return std::find_if(first, rooms_.end(), isEnough) - rooms_.begin();
+        const auto room = std::find_if(first, rooms_.end(), isEnough);
+        QUORVEL_ASSERT(room - first < kGroupSize);
+        return room - rooms_.begin();
     }
 
     void Clear() { *this = RoomIndex(); }

@@ -34,10 +34,12 @@ bool StreamDirectory::Remove(std::uint64_t id) {
     }
     totalBytes_ -= record->byteSize;
     records_.Erase(id);
+    QUORVEL_ASSERT(HasId(id));
     return ids_.Free(id);
 }
 
 void StreamDirectory::Save(IDataStream& stream) const {
+    QUORVEL_ASSERT(records_.Count() == Count());  // StateSize relies on it
     StateWriter writer(stream);
     writer.Write(records_.Count());
     records_.ForEach([&writer](const ChildFileExtent& record) { writer.Write(record); });

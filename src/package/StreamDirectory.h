@@ -4,6 +4,7 @@
 
 #include "corvaneutility/IdentifierAllocator.h"
 #include "package/SparseTable.h"
+#include "platform/Assert.h"
 #include "quorvel/IDataStream.h"
 #include "seekers/ChildFileSeeker.h"
 
@@ -44,8 +45,11 @@ public:
     // True if an id is allocated. Faster than finding its record.
     bool HasId(std::uint64_t id) const { return ids_.IsAllocated(id); }
 
-    // Frees an id that has no record.
-    void FreeId(std::uint64_t id) { ids_.Free(id); }
+    // Frees an id. REQUIRES: it is allocated and has no record.
+    void FreeId(std::uint64_t id) {
+        QUORVEL_ASSERT(HasId(id) && !Find(id));
+        ids_.Free(id);
+    }
 
     // Stores the record of an allocated id, replacing the one it had. Throws
     // InvalidParameterException when the id is above the limit or not allocated, or when the record

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/Assert.h"
 #include "quorvel/Exceptions.h"
 #include "quorvel/IDataStream.h"
 
@@ -36,6 +37,7 @@ public:
             }
         }
         if (size != 0) {
+            QUORVEL_ASSERT(size <= buffer_.size() - filled_);
             std::memcpy(buffer_.data() + filled_, data, size);
             filled_ += size;
         }
@@ -132,6 +134,7 @@ private:
     // Bytes from the next read to the end that the stream's size gives; 0 past that end. A damaged
     // head file may have more pages than its size says.
     std::uint64_t BytesLeft() const {
+        QUORVEL_ASSERT(stream_.GetPosition() >= end_ - begin_);
         const std::uint64_t position = stream_.GetPosition() - (end_ - begin_);
         const std::uint64_t size = stream_.GetSize();
         return size > position ? size - position : 0;
@@ -140,6 +143,7 @@ private:
     bool Refill(std::uint64_t wanted) {
         begin_ = 0;
         end_ = stream_.Read(buffer_.data(), std::min<std::uint64_t>(wanted, buffer_.size()));
+        QUORVEL_ASSERT(end_ <= buffer_.size());
         return end_ != 0;
     }
 

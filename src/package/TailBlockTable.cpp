@@ -95,6 +95,7 @@ void TailBlockTable::Remove(std::uint64_t streamId) {
     block.fragmentEnd = 0;
     for (const std::uint64_t otherId : block.tails) {
         TailFragment& other = *fragments_.Find(otherId);
+        QUORVEL_ASSERT(other.blockId == removed.blockId);
         if (other.listIndex > removed.listIndex) {
             --other.listIndex;
         }
@@ -128,6 +129,7 @@ void TailBlockTable::StoreBlock(const StoredTailBlock& block) {
     if (!IsValid(block)) {
         throw InvalidParameterException();
     }
+    QUORVEL_ASSERT(!Block(block.blockId));
     auto record = std::make_unique<TailBlockRecord>(TailBlockRecord{block, {}, {}, 0});
     if (block.blockId >= blocks_.size()) {
         blocks_.resize(block.blockId + 1);
@@ -140,6 +142,7 @@ void TailBlockTable::StoreFragment(const TailFragment& fragment) {
     if (!IsValid(fragment)) {
         throw InvalidParameterException();
     }
+    QUORVEL_ASSERT(!FindFragment(fragment.streamId));
     TailBlockRecord& block = *Block(fragment.blockId);
     block.tails.push_back(static_cast<std::uint32_t>(fragment.streamId));
     Platform::ScopeGuard unlist([&] { block.tails.pop_back(); });
@@ -240,11 +243,11 @@ bool GetChildFileTail(ChildFileTail& tail, const TailBlockTable& table, std::uin
         return true;
     }
     const TailBlockRecord* const block = table.FindBlock(fragment->blockId);
-    if (!block) {
+    if (QUORVEL_NEVER(!block)) {
         throw FileDataCorruptException();
     }
     const std::uint64_t slot = fragment->offset >> kPageShift;
-    if (slot >= kTailBlockPages || fragment->length >= kPageSize ||
+    if (QUORVEL_NEVER(slot >= kTailBlockPages || fragment->length >= kPageSize) ||
         fragment->offset + fragment->length > kTailBlockSize - block->freeBytes) {
         throw FileDataCorruptException();
     }

@@ -69,7 +69,7 @@ public:
     // All blocks by id; null where there is none.
     const std::vector<std::unique_ptr<TailBlockRecord>>& Blocks() const { return blocks_; }
 
-    // The lowest id of a block with at least `bytes` free bytes.
+    // The lowest id of a block with at least `bytes` free bytes. REQUIRES: bytes > 0.
     std::optional<std::uint64_t> FindBlockWithRoom(std::uint64_t bytes) const;
 
     // Adds an empty block over eight pages and returns its id. Throws InvalidParameterException

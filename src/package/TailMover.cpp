@@ -21,6 +21,7 @@ TailMover::TailMover(FilePageCache& cache, StoredState& state, const TailFragmen
 void TailMover::PinBlock() {
     std::uint64_t page = state_.tailBlocks.FindBlock(fragment_.blockId)->pages.front();
     for (std::uint64_t slot = 0; slot < kTailBlockPages; ++slot) {
+        QUORVEL_ASSERT(IsValidPageNumber(page));
         if (slot >= fragment_.offset >> kPageShift) {
             pins_[slot].emplace(&cache_).SetWritePage(page);
             if (!pins_[slot]->Data()) {
@@ -50,6 +51,7 @@ void TailMover::ReattachStreams(const OpenStreams& openStreams) {
             continue;
         }
         try {
+            QUORVEL_ASSERT(state_.directory.Find(id));
             ChildFileTail tail;
             GetChildFileTail(tail, state_.tailBlocks, id);
             const Util::RefPtr<ChildFileSeeker> seeker(new ChildFileSeeker);

@@ -1,6 +1,7 @@
 #include "pagestore/ChildFileStream.h"
 
 #include "package/PagedFilePackage.h"
+#include "platform/Assert.h"
 
 namespace Quorvel {
 
@@ -15,6 +16,7 @@ ChildFileStream::~ChildFileStream() {
 }
 
 void ChildFileStream::LeavePackage() {
+    QUORVEL_ASSERT(package_);
     Detach();
     package_ = nullptr;
 }

@@ -17,6 +17,7 @@ public:
                     const Util::RefPtr<IPagedFileSeeker>& seeker);
 
     // Detaches the stream from its package, which it may then outlive. It has no bytes any more.
+    // REQUIRES: it has a package.
     void LeavePackage();
 
 protected:

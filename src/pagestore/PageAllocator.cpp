@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 
+#include "platform/Assert.h"
 #include "quorvel/Exceptions.h"
 
 namespace Quorvel {
@@ -22,6 +23,7 @@ std::uint64_t PageAllocator::AllocatePage(std::uint64_t previous) {
     }
     const std::uint64_t page = TakeCandidate(previous);
     const std::uint64_t index = page - kHeadPageNumber;
+    QUORVEL_ASSERT(IsValidPageNumber(page) && IsKnown(index));
     links_[index] = kEndOfChain;
     if (previous != 0) {
         const std::uint64_t previousIndex = previous - kHeadPageNumber;
@@ -62,6 +64,7 @@ void PageAllocator::FreePage(std::uint64_t page) {
     links_[index] = kFreePage;
     previousPages_[index] = 0;
     if (IsValidPageNumber(successor)) {
+        QUORVEL_ASSERT(IsKnown(successor - kHeadPageNumber));
         previousPages_[successor - kHeadPageNumber] = 0;
     }
     try {
@@ -147,6 +150,7 @@ void PageAllocator::ReadLinks(const Util::RefPtr<IDataStream>& stream) {
 }
 
 void PageAllocator::RebuildFromLinks() {
+    QUORVEL_ASSERT(previousPages_.size() == links_.size() && freeQueue_.empty());
     for (std::uint64_t index = 0; index < links_.size(); ++index) {
         const std::uint64_t page = index + kHeadPageNumber;
         const std::uint64_t link = links_[index];

@@ -56,8 +56,8 @@ private:
     // See HighestPage.
     std::uint64_t highestPage_;
 
-    // Both by page index, and always of one length: each page's predecessor (0 for none), and its
-    // link.
+    // Both by page index: each page's predecessor (0 for none), and its link. Without memory for a
+    // new link, the first is longer.
     std::vector<std::uint64_t> previousPages_;
     std::vector<std::uint64_t> links_;
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "platform/Assert.h"
 #include "quorvel/Exceptions.h"
 
 namespace Quorvel {
@@ -65,6 +66,7 @@ std::uint64_t PagedFileStream::Transfer(std::uint8_t* buffer, std::uint64_t size
         }
         const std::uint64_t left = BytesLeftInPage(position_);
         const std::uint64_t count = std::min(size - transferred, left);
+        QUORVEL_ASSERT(page.pageOffset + count <= kPageSize);
         if constexpr (direction == Direction::Read) {
             std::memcpy(buffer + transferred, data + page.pageOffset, count);
         } else {
@@ -116,6 +118,8 @@ bool PagedFileStream::RemoveRange(std::int32_t position, std::int32_t length) {
         if (!to.Data() || !from.Data()) {
             throw FileDataCorruptException();
         }
+        QUORVEL_ASSERT(destination.page.pageOffset + count <= kPageSize &&
+                       source.page.pageOffset + count <= kPageSize);
         // Both may be the same page.
         std::memmove(to.Data() + destination.page.pageOffset, from.Data() + source.page.pageOffset,
                      count);
@@ -134,6 +138,7 @@ void PagedFileStream::ReleasePages() {
 }
 
 void PagedFileStream::MoveTo(const Util::RefPtr<IPagedFileSeeker>& seeker) {
+    QUORVEL_ASSERT(seeker);
     ReleasePages();
     PagePosition page;
     if (!seeker->PositionToPage(page.pageIndex, page.pageOffset,
@@ -182,11 +187,13 @@ bool PagedFileStream::ComputeTarget(Position& target, const Position& from, std:
 }
 
 PageRange PagedFileStream::RangeOf(std::uint64_t pageIndex) {
+    QUORVEL_ASSERT(pageIndex < seeker_->pageCount);
     seeker_->LoadPageInfo(pageIndex);
     return seeker_->pageRanges[pageIndex];
 }
 
 std::uint64_t PagedFileStream::PageNumberOf(std::uint64_t pageIndex) {
+    QUORVEL_ASSERT(pageIndex < seeker_->pageCount);
     seeker_->LoadPageInfo(pageIndex);
     return seeker_->pageNumbers[pageIndex];
 }

@@ -34,8 +34,9 @@ public:
     // Unpins both pages; the next access pins again.
     void ReleasePages();
 
-    // Switches to a seeker that describes the same bytes in other places. Throws
-    // FileDataCorruptException, changing nothing, if the new file is too short for the position.
+    // Switches to a seeker that describes the same bytes in other places. REQUIRES: the seeker is
+    // not null. Throws FileDataCorruptException, changing nothing, if the new file is too short for
+    // the position.
     void MoveTo(const Util::RefPtr<IPagedFileSeeker>& seeker);
 
     // Releases the pages and the seeker. The stream has no bytes from then on.

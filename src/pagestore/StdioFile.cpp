@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "pagestore/PageGeometry.h"
+#include "platform/Assert.h"
 #include "quorvel/Exceptions.h"
 
 namespace Quorvel {
@@ -66,6 +67,7 @@ bool GrowFile(std::FILE* file, std::uint64_t newSize) {
         }
         position += kPageSize;
     }
+    QUORVEL_ASSERT(newSize <= position + kPageSize);
     if (position < newSize && std::fwrite(zeros, newSize - position, 1, file) != 1) {
         ThrowLastError();
     }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "platform/Assert.h"
 #include "quorvel/Exceptions.h"
 
 namespace Quorvel {
@@ -30,6 +31,7 @@ bool BaseHeadFileSeeker::PositionToPage(std::uint64_t& pageIndex, std::uint64_t&
     }
     const std::uint64_t behindFirst = logical - firstPageBytes;
     const std::uint64_t index = behindFirst / kPageCapacity + 1;
+    QUORVEL_ASSERT(pageNumberTable_.size() == pageCount && rangeTable_.size() == pageCount);
     if (index < pageCount) {
         LoadPageInfo(index);
         pageIndex = index;
@@ -64,6 +66,7 @@ bool BaseHeadFileSeeker::MovePosition(std::uint64_t& pageIndex, std::uint64_t& p
 }
 
 bool BaseHeadFileSeeker::ValidatePageInfo(std::uint64_t pageIndex) {
+    QUORVEL_ASSERT(pageIndex < pageCount && rangeTable_.size() == pageCount);
     const PageRange& range = rangeTable_[pageIndex];
     if (!IsValidPageNumber(pageNumberTable_[pageIndex]) || range.end <= range.start ||
         range.end > kPageSize) {
@@ -81,14 +84,13 @@ bool BaseHeadFileSeeker::CreateHeadFile(const std::uint64_t* pages, const std::u
         return false;
     }
     if (newByteSize > kPageCountLimit << kPageShift || PagesForSize(newByteSize) != newPageCount ||
-        newPageCount == 0 || pages[0] != kHeadPageNumber) {
+        pages[0] != kHeadPageNumber) {
         throw InvalidParameterException();
     }
     Clear();
     byteSize = newByteSize;
     pageCount = newPageCount;
-    // Already checked above; a second guard for page 0's table entries.
-    if (pageCount == 0) {
+    if (QUORVEL_NEVER(pageCount == 0)) {
         throw InvalidParameterException();
     }
     SizeTables();

@@ -56,7 +56,8 @@ public:
                       std::uint32_t distance) override;
 
     // True if the table entries of a page are acceptable: a valid page number and a range that is
-    // not empty, and that is full unless the page is the last of the chain.
+    // not empty, and that is full unless the page is the last of the chain. REQUIRES: pageIndex <
+    // pageCount.
     virtual bool ValidatePageInfo(std::uint64_t pageIndex);
 
     // Sets the seeker up for a head file of newByteSize bytes that is about to be written to the

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "pagestore/PageGeometry.h"
+#include "platform/Assert.h"
 #include "quorvel/Exceptions.h"
 
 namespace Quorvel {
@@ -42,6 +43,7 @@ bool ChildFileSeeker::PositionToPage(std::uint64_t& pageIndex, std::uint64_t& pa
         --index;
         offset = rangeTable_[index].end;
     }
+    QUORVEL_ASSERT(offset <= rangeTable_[index].end);
     pageIndex = index;
     pageOffset = offset;
     return true;
@@ -75,6 +77,7 @@ bool ChildFileSeeker::Attach(const Util::RefPtr<IPageAllocator>& allocator,
     if (pageCount == 0) {
         throw FileDataCorruptException();
     }
+    QUORVEL_ASSERT(pageNumberTable_.size() == pageCount && rangeTable_.size() == pageCount);
     pageNumbers = pageNumberTable_.data();
     pageRanges = rangeTable_.data();
     return true;
@@ -116,6 +119,7 @@ void ChildFileSeeker::AttachTail() {
         if (!IsValidPageNumber(tail_.tailPage)) {
             throw FileDataCorruptException();
         }
+        QUORVEL_ASSERT(tail_.tailOffset < kPageSize && tail_.tailLength < kPageSize);
         const std::uint64_t room = kPageSize - tail_.tailOffset;
         pageNumberTable_.push_back(tail_.tailPage);
         rangeTable_.push_back(

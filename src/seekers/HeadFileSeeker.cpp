@@ -3,14 +3,17 @@
 #include <algorithm>
 #include <cstring>
 
+#include "platform/Assert.h"
 #include "quorvel/Exceptions.h"
 
 namespace Quorvel {
 
 void HeadFileSeeker::LoadPageInfo(std::uint64_t pageIndex) {
+    QUORVEL_ASSERT(pageIndex < pageCount);
     if (pageNumberTable_[pageIndex] != 0) {
         return;
     }
+    QUORVEL_ASSERT(pageIndex > loadedThrough);
     for (std::uint64_t index = loadedThrough + 1; index <= pageIndex; ++index) {
         const std::uint64_t number = nextPageTable_[index - 1];
         const auto known = pageNumberTable_.begin() + static_cast<std::ptrdiff_t>(index);

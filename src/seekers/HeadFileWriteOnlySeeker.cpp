@@ -2,14 +2,17 @@
 
 #include <cstring>
 
+#include "platform/Assert.h"
 #include "quorvel/Exceptions.h"
 
 namespace Quorvel {
 
 void HeadFileWriteOnlySeeker::LoadPageInfo(std::uint64_t pageIndex) {
+    QUORVEL_ASSERT(pageIndex < pageCount);
     if (rangeTable_[pageIndex].start != 0) {
         return;
     }
+    QUORVEL_ASSERT(pageIndex > loadedThrough);
     for (std::uint64_t index = loadedThrough + 1; index <= pageIndex; ++index) {
         PageRef page(cache_);
         page.SetWritePage(pageNumberTable_[index]);

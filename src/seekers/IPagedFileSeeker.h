@@ -40,7 +40,7 @@ public:
                               const PagePosition& from, std::uint32_t distance) = 0;
 
     // Makes the page numbers and ranges of every page up to pageIndex known. Must be called before
-    // either is read.
+    // either is read. REQUIRES: pageIndex < pageCount.
     virtual void LoadPageInfo(std::uint64_t pageIndex) = 0;
 
     // Logical size of the file in bytes, and the number of entries in the two tables below: a page

@@ -6,7 +6,9 @@
 #include <cerrno>
 #include <memory>
 #include <new>
+#include <utility>
 
+#include "platform/Assert.h"
 #include "platform/posix/NamedObject.h"
 
 namespace Quorvel::Platform {
@@ -53,6 +55,7 @@ void* CreateNamedMemory(const char* name, std::uint64_t bytes) noexcept {
 
 void* MapNamedMemory(void* handle, std::uint64_t bytes) noexcept {
     auto* const memory = static_cast<NamedMemory*>(handle);
+    QUORVEL_ASSERT(memory->mappedBytes == 0);
     if (bytes == 0) {
         bytes = memory->object->Size();
     }
@@ -70,7 +73,9 @@ void* MapNamedMemory(void* handle, std::uint64_t bytes) noexcept {
 }
 
 void UnmapNamedMemory(void* handle, void* view) noexcept {
-    ::munmap(view, static_cast<NamedMemory*>(handle)->mappedBytes);
+    auto* const memory = static_cast<NamedMemory*>(handle);
+    QUORVEL_ASSERT(memory->mappedBytes != 0);
+    ::munmap(view, std::exchange(memory->mappedBytes, 0));
 }
 
 void CloseNamedMemory(void* handle) noexcept {

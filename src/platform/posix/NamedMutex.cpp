@@ -13,6 +13,7 @@
 #include <new>
 #include <string>
 
+#include "platform/Assert.h"
 #include "platform/posix/NamedObject.h"
 
 namespace Quorvel::Platform {
@@ -92,6 +93,7 @@ public:
 
     // For coming back to an object that this mutex has left and that other has opened since.
     bool HasLeftObjectOf(const NamedMutex& other) const {
+        QUORVEL_ASSERT(other.object_);
         return object_ && object_->IsSameFileAs(*other.object_);
     }
     bool HasNameOf(const NamedMutex& other) const {
@@ -315,6 +317,7 @@ void CloseNamedMutex(void* handle) noexcept {
     auto* const mutex = static_cast<NamedMutex*>(handle);
     OpenMutexes& table = Table();
     const std::lock_guard guard(table.lock);
+    QUORVEL_ASSERT(mutex->openCount > 0);
     if (--mutex->openCount > 0) {
         return;
     }

@@ -14,6 +14,8 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/Assert.h"
+
 namespace Quorvel::Platform {
 
 namespace {
@@ -220,6 +222,7 @@ std::string NamedObject::FileName(const char* kind, const char* name) {
         encoded.resize(kLongestFileName - std::strlen(digest));
         encoded += digest;
     }
+    QUORVEL_ASSERT(encoded.size() <= kLongestFileName);
     return encoded;
 }
 

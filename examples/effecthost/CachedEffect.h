@@ -10,9 +10,8 @@ namespace EffectHost {
 
 using Bytes = std::vector<unsigned char>;
 
-// What this host caches for an effect: the compiled bytes, and how long compiling took, so that a
-// later run knows the time it saved. It also records whether the effect is permanent, since the
-// cache does not report it.
+// What this host caches for an effect: the compiled bytes; how long compiling took, so that a later
+// run knows the time it saved; and whether the effect is permanent, which the cache doesn't report.
 struct CachedEffect {
     std::uint64_t compileMicroseconds = 0;
     Bytes bytes;

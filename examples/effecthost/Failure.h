@@ -18,7 +18,7 @@ enum class ExitCode : int {
     NoCacheDirectory = 4,    // the cache directory does not exist, or can't be reached
     CompileError = 5,        // an effect does not compile
     UnusableCache = 6,       // the cache can't be opened, became inert, or lacks effects at the end
-    VerificationFailed = 7,  // the cache returned other bytes than the compiler
+    VerificationFailed = 7,  // the cached bytes differ from the compiler's
     ProcessFailed = 8,       // one of several processes could not be started, or was killed
     NoCompiler = 9,          // the shader compiler can't be loaded
     OutputFailed = 10,       // the output or the listing can't be written

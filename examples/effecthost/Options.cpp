@@ -29,7 +29,7 @@ constexpr const char* kExitCodes =
     "  4  the cache directory does not exist, or can't be reached\n"
     "  5  an effect does not compile\n"
     "  6  the cache can't be used, or its file lacks effects at the end\n"
-    "  7  the cache returned other bytes than the compiler\n"
+    "  7  the cached bytes of an effect differ from the compiler's\n"
     "  8  one of several processes could not be started, or was killed\n"
     "  9  the shader compiler can't be loaded\n"
     " 10  the output or the listing can't be written\n"

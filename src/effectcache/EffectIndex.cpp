@@ -15,13 +15,13 @@ namespace Quorvel {
 
 namespace {
 
-// An index stream of no effects has one byte, since a stream without bytes can't be opened.
+// An index stream without effects has one byte, since a stream without bytes can't be opened.
 constexpr std::uint64_t kEmptyIndexSize = 1;
 
 // The index stream is read in pieces of this size.
 constexpr std::uint64_t kPieceSize = 0x10000;
 
-// Entries may lie anywhere in memory: a walk over all of them fetches them this far ahead.
+// Entries may lie anywhere in memory, so a walk over all of them fetches them this far ahead.
 constexpr std::size_t kEntriesAhead = 8;
 constexpr std::size_t kUsualEntrySize = 192;
 
@@ -30,8 +30,8 @@ struct HeaderPayload {
     std::uint32_t length;
 };
 
-// The payload of the cache's block of the header data. Blocks count up to the first one that does
-// not lie inside the data.
+// The payload of the cache's block of the header data. The search ends at the first block that
+// reaches past the end of the data.
 std::optional<HeaderPayload> FindHeaderPayload(const std::uint8_t* data, std::uint64_t size) {
     QUORVEL_ASSERT(data || size == 0);
     std::uint64_t offset = 0;
@@ -73,8 +73,8 @@ void EffectIndex::Clear() {
 // ---- Loading ------------------------------------------------------------------------------------
 
 bool EffectIndex::Load(PagedFilePackage& package) {
-    // In a package that is not sound a stream may have the bytes of another, or get them by a
-    // change: none of its streams can be trusted.
+    // In an unsound package a stream may have the bytes of another, now or after a change, so none
+    // of its streams can be trusted.
     if (!ReadHeader(package) || !package.IsSound()) {
         return false;
     }
@@ -123,7 +123,7 @@ bool EffectIndex::ReadEntries(IDataStream& stream) {
     return entries.size() == header_.recordCount;
 }
 
-// Moves what was read and not used to new memory of the table and reads on from there. False at the
+// Moves the bytes not used yet to new memory of the table and reads more after them. False at the
 // end of the stream, and at a page that can't be read: that page may lie after the last entry.
 bool EffectIndex::ReadMore(IDataStream& stream, std::span<std::byte>& rest) {
     const std::uint64_t position = stream.GetPosition();

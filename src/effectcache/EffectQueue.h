@@ -40,7 +40,7 @@ public:
         byteCount_ += IndexEntrySize(name.length) + SerializedSize(compiled.size());
     }
 
-    // All effects in key order. The list holds until the queue changes. Throws std::bad_alloc.
+    // All effects in key order. The list is valid until the queue changes. Throws std::bad_alloc.
     const std::vector<PendingEffect*>& Entries() { return table_.Entries(); }
 
     void Clear() {

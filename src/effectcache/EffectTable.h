@@ -25,7 +25,7 @@ namespace Quorvel {
 //
 // Two structures hold the entries. The slots are a hash table with linear probing; the hash next to
 // each pointer, 0 in an empty slot, tells most other names apart without touching their entries.
-// Two lists hold the entries for walks in key order: `sorted_`, and `added_` for those that came
+// Two lists hold the entries for walks in key order: `sorted_`, and `added_` for those added
 // since. Both may still contain entries that were removed; Entries() sorts and cleans up.
 template <typename Entry>
 class EffectTable {
@@ -102,8 +102,8 @@ public:
         --size_;
     }
 
-    // All entries in key order. The list holds until the table changes. Throws std::bad_alloc; no
-    // entry is lost.
+    // All entries in key order. The list is valid until the table changes. Throws std::bad_alloc;
+    // no entry is lost.
     const std::vector<Entry*>& Entries() {
         DropRemoved();
         MergeAdded();
@@ -193,7 +193,7 @@ private:
         }
     }
 
-    // After this Enter can't fail for `count` entries.
+    // After this call, Enter can't fail for `count` entries.
     void ReserveFor(std::size_t count) {
         if ((size_ + count) * 8 > slots_.size() * 7) {
             GrowSlots(size_ + count);
@@ -233,7 +233,7 @@ private:
         removed_.clear();
     }
 
-    // Usually few entries are new among many, so their places are searched for.
+    // Usually only a few entries are new, so a binary search finds the place of each.
     void MergeAdded() {
         if (added_.empty()) {
             return;

@@ -23,8 +23,8 @@ namespace Quorvel {
 [[nodiscard]] bool WriteBytes(std::span<const unsigned char> buffer,
                               Util::RefPtr<IDataStream>& stream) noexcept;
 
-// Reads a byte array of at most limit bytes, and in any case below 2 GiB. The buffer's content is
-// unspecified after false.
+// Reads a byte array of at most limit bytes, and in any case below 2 GiB. On failure the buffer's
+// content is unspecified.
 [[nodiscard]] bool ReadBytes(Tab<unsigned char>& buffer, Util::RefPtr<IDataStream>& stream,
                              std::uint64_t limit) noexcept;
 

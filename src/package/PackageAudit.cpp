@@ -31,7 +31,7 @@ public:
         return true;
     }
 
-    // Claims a page and all that follow it. False also for a chain that returns to itself.
+    // Claims a page and all that follow it. Also false for a chain that returns to itself.
     bool ClaimChain(std::uint64_t page) {
         for (; IsValidPageNumber(page); page = allocator_.GetNextPage(page)) {
             if (!Claim(page)) {
@@ -41,7 +41,7 @@ public:
         return true;
     }
 
-    // Notes a page that may have a successor of no owner.
+    // Adds a page whose successor, if it has one, must have no owner.
     void AddLooseEnd(std::uint64_t page) { looseEnds_.push_back(page); }
 
     // True if the successors of loose ends and of unclaimed pages are allocated and unclaimed.
@@ -80,8 +80,8 @@ bool ClaimStreams(PageClaims& claims, const StreamDirectory& directory) {
     return isSound;
 }
 
-// True if the fragments and the list name each other, and the fragments lie apart, below the
-// block's free bytes.
+// True if the fragments and the list name each other, and the fragments do not overlap and lie
+// below the block's free bytes.
 bool AreFragmentsSound(const TailBlockTable& table, const TailBlockRecord& block) {
     const std::vector<std::uint64_t>& list = block.streamIds;
     std::vector<const TailFragment*> fragments;

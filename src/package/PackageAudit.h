@@ -16,7 +16,7 @@ namespace Quorvel {
 //   find two pages with one successor;
 // - no page is allocated far past the end of the file, to where the next new page would make it
 //   grow.
-// Other oddities only waste space. False also without memory. REQUIRES: the state was read or
+// Other oddities only waste space. Also false if memory runs out. REQUIRES: the state was read or
 // written.
 [[nodiscard]] bool IsSound(const StoredState& state, const FilePageCache& cache) noexcept;
 

@@ -73,8 +73,8 @@ private:
     std::array<std::uint8_t, kTransferBufferSize> buffer_;
 };
 
-// Reads from a stream, ahead only as far as Expect has announced. So a reader that stops before the
-// end of the stream has not touched the pages after that point.
+// Reads from a stream. Reads ahead only as far as Expect has announced, so a reader that stops
+// before the end of the stream has not touched the pages after that point.
 class StateReader {
 public:
     explicit StateReader(IDataStream& stream) : stream_(stream) {}

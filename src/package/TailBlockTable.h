@@ -58,8 +58,8 @@ struct TailBlockRecord : StoredTailBlock {
 // list; the number of fragments (8 bytes), the fragments in ascending order of stream ids.
 class TailBlockTable {
 public:
-    // Forgets all blocks and sets the limit on stream ids. Block ids are limited to an eighth of
-    // it.
+    // Forgets all blocks and sets the limit on stream ids. The limit on block ids is an eighth of
+    // that.
     void Reset(std::uint64_t limit = kDefaultStreamLimit);
 
     // The tail of a stream; a block. Null when there is none.

@@ -16,7 +16,8 @@ public:
     ChildFileStream(PagedFilePackage* package, std::uint64_t streamId, FilePageCache* cache,
                     const Util::RefPtr<IPagedFileSeeker>& seeker);
 
-    // Detaches the stream from its package, which it may then outlive. It has no bytes any more.
+    // Detaches the stream from its package, which it may then outlive. The stream has no bytes from
+    // then on.
     // REQUIRES: it has a package.
     void LeavePackage();
 

@@ -37,7 +37,7 @@ std::uint64_t PageAllocator::AllocatePage(std::uint64_t previous) {
     return page;
 }
 
-// The first page of the free queue that is still free, else a new one.
+// The first page of the free queue that is still free, or else a new one.
 std::uint64_t PageAllocator::TakeCandidate(std::uint64_t previous) {
     while (!freeQueue_.empty()) {
         const std::uint64_t page = freeQueue_.front();
@@ -70,8 +70,8 @@ void PageAllocator::FreePage(std::uint64_t page) {
     try {
         freeQueue_.push_back(page);
     } catch (const std::bad_alloc&) {
-        // Free all the same, only not used again before the next load: who frees a chain must not
-        // stop in the middle of it.
+        // The page is free nevertheless, but is not used again before the next load. Throwing would
+        // leave a chain half freed.
     }
 }
 

@@ -11,8 +11,8 @@
 
 namespace Quorvel {
 
-// The page allocator of a package. Freed pages are used again before the file grows, the one that
-// was freed first before the others.
+// The page allocator of a package. Freed pages are used again, in the order in which they were
+// freed, before the file grows.
 //
 // A page's whole persistent state is its link: kFreePage, kEndOfChain, or its successor's number.
 // The saved state is the number of links (8 bytes) and the links in page order (8 bytes each).
@@ -30,8 +30,8 @@ public:
     // Forgets every page.
     void Clear();
 
-    // The largest page number handed out or claimed, and of those in use when the state was loaded;
-    // 10 when there was none.
+    // The largest number of a page that was handed out, claimed, or in use when the state was
+    // loaded; 10 when there was none.
     std::uint64_t HighestPage() const { return highestPage_; }
 
     // Bytes that SaveState writes.
@@ -40,9 +40,9 @@ public:
     // Writes the state to a stream. Returns true. Throws FileIOException when the stream is full.
     bool SaveState(const Util::RefPtr<IDataStream>& stream) const;
 
-    // Replaces the state by one read from a stream. Returns true. Throws FileDataCorruptException
-    // when the stream ends early, when it counts more pages than there can be, or when a page
-    // follows two others or lies beyond the last; the state is then unspecified.
+    // Replaces the state with one read from a stream. Returns true. Throws FileDataCorruptException
+    // when the stream ends early or counts more pages than there can be, or when a page follows two
+    // others or a successor is past the last page; the state is then unspecified.
     bool LoadState(const Util::RefPtr<IDataStream>& stream);
 
 private:
@@ -56,8 +56,8 @@ private:
     // See HighestPage.
     std::uint64_t highestPage_;
 
-    // Both by page index: each page's predecessor (0 for none), and its link. Without memory for a
-    // new link, the first is longer.
+    // By page index: each page's predecessor (0 for none), and its link. previousPages_ is one
+    // longer after memory has run out for a new link.
     std::vector<std::uint64_t> previousPages_;
     std::vector<std::uint64_t> links_;
 

@@ -10,7 +10,7 @@ namespace Quorvel {
 
 namespace {
 
-// Entries that a page table has memory for at first.
+// The initial capacity of a page table.
 constexpr std::uint64_t kUsualPageCount = 256;
 
 }  // namespace
@@ -108,7 +108,7 @@ void ChildFileSeeker::AttachWholePages() {
         rangeTable_.push_back({0, kPageSize});
         page = allocator_->GetNextPage(page);
         if (page == kFreePage) {
-            throw FileDataCorruptException();  // what is said of a page that is itself free
+            throw FileDataCorruptException();  // the page itself is free or unknown
         }
     }
 }
@@ -133,8 +133,8 @@ void ChildFileSeeker::AttachTail() {
             } else if (tail_.tailOffset + tail_.tailLength > kPageSize) {
                 throw FileDataCorruptException();
             }
-            // A tail that ends with its page gets an empty second entry, where the end of the file
-            // maps to.
+            // A tail that ends with its page gets an empty second entry, to which the end of the
+            // file maps.
             pageNumberTable_.push_back(tail_.followingPage);
             rangeTable_.push_back({0, tail_.tailLength - room});
             tailEntryCount_ = 2;

@@ -54,8 +54,8 @@ void ExpectInert(CacheClient& cache) {
     EXPECT_FALSE(cache->IsEnabled());
 }
 
-// Runs a function on its own thread and tells whether it waits for something that this thread
-// holds: it waits if it takes longer than 100 ms, and must end within 10 s.
+// Runs a function on its own thread, to test whether it waits for something that this thread holds.
+// It counts as waiting after 100 ms, and must end within 10 s.
 class Waiting {
 public:
     explicit Waiting(const std::function<void()>& function)

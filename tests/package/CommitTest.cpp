@@ -139,7 +139,7 @@ TEST_F(CommitTest, TakesOneMorePageIfTheLinksOfItsPagesDoNotFit) {
     };
     EXPECT_EQ(pagesFor(kFullWithTwo), 2U);
     for (std::size_t more = 1; more <= 8; ++more) {
-        // With one page known, two seem to suffice.
+        // While the link table has one link, the state still fits in two pages.
         EXPECT_LE(40 + 8 + kFullWithTwo + more, 8160U + 8176);
         EXPECT_EQ(pagesFor(kFullWithTwo + more), 3U) << more;
     }

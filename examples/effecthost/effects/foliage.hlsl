@@ -42,7 +42,7 @@ struct Vertex
     float3 position : POSITION;
     float3 normal : NORMAL;
     float2 uv : TEXCOORD0;
-    float4 bend : COLOR;        // how far the plant bends and the leaf; the leaf's phase in turns
+    float4 bend : COLOR;        // how far the plant and the leaf bend; the leaf's phase in turns
     float4 place : TEXCOORD1;   // of the instance; its size in w
 };
 

@@ -159,7 +159,7 @@ private:
         return number;
     }
 
-    // Notes that the calling thread owns the mutex once more.
+    // Records another acquisition by the calling thread.
     void Deepen() {
         const std::uint64_t thread = ThisThread();
         const bool isOwner = owner_.load(std::memory_order_relaxed) == thread;
@@ -306,10 +306,10 @@ void ReleaseNamedMutex(void* handle) noexcept {
     static_cast<NamedMutex*>(handle)->Release();
 }
 
-// Closing the last handle in this process closes the mutex, even if a thread owns it. An owner in
-// this process keeps owning what other processes have open until the thread ends, and its list of
-// owned mutexes still points to this one, so the mapping stays. Ownership can be taken from it only
-// once no other process has the object.
+// Closing the last handle in this process closes the mutex, even if a thread of this process owns
+// it. While other processes have the mutex open, the thread owns it until the thread ends. Its list
+// of owned mutexes still points to this one, so the mapping stays. Ownership can be taken from the
+// thread only once no other process has the object.
 void CloseNamedMutex(void* handle) noexcept {
     if (handle == kInvalidHandle) {
         return;

@@ -126,8 +126,8 @@ bool FillWithZeroes(int descriptor, std::size_t bytes) {
 }
 
 // Opens and holds the file of an existing object. Returns -1, with errno ENOENT, when there is no
-// file or no process holds it. A killed process has left such a file; it is removed. It can't be
-// reused, since a process that has closed the object may still have it mapped.
+// file or no process holds it. A killed process left such a file. It is removed, not reused: a
+// process that has closed the object may still have it mapped.
 int OpenHeld(int folder, const char* fileName) {
     FileDescriptor file(::openat(folder, fileName, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
     if (!file.IsOpen() || !BelongsToUs(file.Get(), S_IFREG)) {
@@ -159,8 +159,8 @@ int MakeNew(int folder, const char* fileName, std::size_t bytes,
     return file.Detach();
 }
 
-// Removes the files in a folder that no process holds: killed processes have left them. REQUIRES:
-// the caller holds the gate, which therefore stays.
+// Removes the files in a folder that no process holds, which killed processes left. REQUIRES: the
+// caller holds the gate, which therefore stays.
 void RemoveDeadObjects(int folder) {
     FileDescriptor listed(::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     // not reached in tests: opening an open folder again fails only without descriptors or memory

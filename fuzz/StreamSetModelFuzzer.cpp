@@ -306,7 +306,7 @@ void Runner::Load() {
         Require(!package_->Load(), "not reloaded while a stream is open");
         return;
     }
-    // Counts as a change, without which a commit does not write what was written into streams.
+    // Counts as a change. Without one, a commit does not write back the streams' bytes.
     package_->GetHeaderData();
     changed_ = true;
     Commit();

@@ -43,7 +43,7 @@ CLI::Option* AddPath(CLI::App& app, const std::string& name, std::filesystem::pa
 
 void AddWhatToDo(CLI::App& app, Options& options) {
     AddPath(app, "--cache", options.cacheDirectory,
-            "Directory of the cache file, which is created if missing. The directory must exist")
+            "Directory of the cache file. The directory must exist; the file is created if missing")
         ->required()
         ->type_name("DIR");
     AddPath(app, "--effects", options.effectsFolder, "Folder with the .hlsl files")

@@ -36,8 +36,8 @@ public:
     std::uint64_t GetBytes() const;
 
 protected:
-    // Closes the block it had before, opens the block of that name or creates it with the given
-    // number of zero bytes, and calls the matching hook. Always returns true. Throws
+    // Closes its previous block, opens the block of that name or creates it with the given number
+    // of zero bytes, and calls the matching hook. Always returns true. Throws
     // Win32APICallFailedException when the system refuses or the previous holder of the block's
     // mutex ended without releasing it, and OutOfMemoryException.
     bool Initialize(const char* name, std::uint64_t bytes);

@@ -165,7 +165,8 @@ TEST_F(PageAllocatorTest, APreviousPageWhoseLinkIsNotAPageNumberIsRefused) {
     EXPECT_THROW(allocator_.AllocatePage(11), InvalidParameterException);
 }
 
-// No caller does this. A page that is taken is in use and has no successor before it is linked.
+// No caller does this. The page is taken first, so it is in use and has no successor when it is
+// linked.
 TEST_F(PageAllocatorTest, ThePageTakenMayBeThePreviousPageItself) {
     EXPECT_EQ(allocator_.AllocatePage(10), 10u);
     EXPECT_EQ(allocator_.GetNextPage(10), 10u);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <span>
 #include <utility>
@@ -111,13 +112,18 @@ bool EffectIndex::ReadEntries(IDataStream& stream) {
     entries.reserve(std::min<std::uint64_t>(header_.recordCount, kStreamLimit));
     std::span<std::byte> rest;
     while (entries.size() < header_.recordCount) {
-        IndexEntry* const entry = IndexEntry::In(rest);
-        if (entry) {
-            entries.push_back(entry);
-            rest = rest.subspan(entry->Bytes().size());
-        } else if (!ReadMore(stream, rest)) {
+        const std::size_t size = IndexEntry::SizeIn(rest);
+        if (size > rest.size()) {
+            if (!ReadMore(stream, rest)) {
+                break;
+            }
+            continue;
+        }
+        if (size == 0) {
             break;
         }
+        entries.push_back(std::launder(reinterpret_cast<IndexEntry*>(rest.data())));
+        rest = rest.subspan(size);
     }
     table_.AddFilled(entries);
     return entries.size() == header_.recordCount;
@@ -172,7 +178,7 @@ void EffectIndex::DropAmbiguousEntries(const PagedFilePackage& package) {
 void EffectIndex::Start(PagedFilePackage& package) {
     QUORVEL_ASSERT(Size() == 0);
     header_ = {kCacheVersion, 0, package.CreateDataStream(kEmptyIndexSize), 0};
-    if (!package.OpenDataStream(header_.indexStreamId)) {
+    if (QUORVEL_NEVER(!package.OpenDataStream(header_.indexStreamId))) {
         throw FileIOException();
     }
     WriteHeader(package);
@@ -199,16 +205,17 @@ void EffectIndex::Write(PagedFilePackage& package) {
 Util::RefPtr<IDataStream> EffectIndex::OpenForWriting(PagedFilePackage& package,
                                                       std::uint64_t size) {
     Util::RefPtr<IDataStream> stream = package.OpenDataStream(header_.indexStreamId);
-    if (stream && stream->GetSize() == size) {
+    if (QUORVEL_NEVER(!stream)) {
+        throw FileIOException();
+    }
+    if (stream->GetSize() == size) {
         return stream;
     }
-    if (stream) {
-        stream.Reset();
-        package.DeleteDataStream(header_.indexStreamId);
-    }
+    stream.Reset();
+    package.DeleteDataStream(header_.indexStreamId);
     header_.indexStreamId = package.CreateDataStream(size);
     stream = package.OpenDataStream(header_.indexStreamId);
-    if (!stream) {
+    if (QUORVEL_NEVER(!stream)) {
         throw FileIOException();
     }
     return stream;

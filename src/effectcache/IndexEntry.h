@@ -28,20 +28,20 @@ struct IndexEntry {
         return ::new (memory) IndexEntry{record, record.nameLength};
     }
 
-    // The entry that `bytes` begin with. Null when it is out of range, contradicts itself or is cut
-    // off.
-    static IndexEntry* In(std::span<std::byte> bytes) {
+    // The size of the entry that `bytes` begin with, as far as they tell: the size of its fixed
+    // part when they are shorter. 0 when the entry is out of range or contradicts itself.
+    static std::size_t SizeIn(std::span<const std::byte> bytes) {
         if (bytes.size() < sizeof(IndexEntry)) {
-            return nullptr;
+            return sizeof(IndexEntry);
         }
-        auto* const entry = std::launder(reinterpret_cast<IndexEntry*>(bytes.data()));
-        const EffectRecord& record = entry->record;
+        IndexEntry entry;
+        std::memcpy(&entry, bytes.data(), sizeof entry);
+        const EffectRecord& record = entry.record;
         const bool isValid =
             record.nameLength >= kShortestName && record.nameLength <= kLongestName &&
             record.effectSize >= kSmallestEffect && record.effectSize <= kLargestEffect &&
-            entry->nameLength == record.nameLength &&
-            bytes.size() >= IndexEntrySize(record.nameLength);
-        return isValid ? entry : nullptr;
+            entry.nameLength == record.nameLength;
+        return isValid ? IndexEntrySize(record.nameLength) : 0;
     }
 
     EffectKey Key() const {

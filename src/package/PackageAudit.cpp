@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "platform/Assert.h"
@@ -59,7 +60,7 @@ public:
 
 private:
     bool IsUnclaimed(std::uint64_t page) const {
-        if (!IsValidPageNumber(page) || !allocator_.IsPageAllocated(page)) {
+        if (!allocator_.IsPageAllocated(page)) {
             return false;
         }
         QUORVEL_ASSERT(page - kHeadPageNumber < claimed_.size());
@@ -94,8 +95,9 @@ bool AreFragmentsSound(const TailBlockTable& table, const TailBlockRecord& block
         }
         fragments.push_back(fragment);
     }
-    std::sort(fragments.begin(), fragments.end(),
-              [](const auto* left, const auto* right) { return left->offset < right->offset; });
+    std::sort(fragments.begin(), fragments.end(), [](const auto* left, const auto* right) {
+        return std::pair(left->offset, left->length) < std::pair(right->offset, right->length);
+    });
     std::uint64_t end = 0;
     for (const TailFragment* const fragment : fragments) {
         if (fragment->offset < end) {

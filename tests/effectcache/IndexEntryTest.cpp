@@ -7,7 +7,6 @@
 #include <span>
 #include <string>
 
-#include "effectcache/IndexEntries.h"
 #include "effectcache/StoredCache.h"
 
 namespace Quorvel::Testing {
@@ -19,34 +18,21 @@ Bytes EntryOf(const std::string& name, std::uint64_t streamId = 0, std::uint32_t
     return ByteList().Append(Record{streamId, length, effectSize}.Get()).Append(ByteArray(name));
 }
 
-IndexEntry* EntryIn(Bytes& bytes) {
-    return IndexEntry::In(std::as_writable_bytes(std::span(bytes)));
+std::size_t SizeIn(const Bytes& bytes) {
+    return IndexEntry::SizeIn(std::as_bytes(std::span(bytes)));
 }
 
-bool IsEntry(Bytes bytes) {
-    return EntryIn(bytes) != nullptr;
+bool IsEntry(const Bytes& bytes) {
+    return SizeIn(bytes) != 0;
 }
 
-TEST(IndexEntry, IsReadWhereItsBytesAre) {
-    Bytes bytes = ByteList().Append(EntryOf("first", 7)).Append(EntryOf("second", 8));
-    const IndexEntry* const first = EntryIn(bytes);
-    ASSERT_NE(first, nullptr);
-    EXPECT_EQ(NameOf(*first), "first");
-    EXPECT_EQ(StreamIdOf(first), 7u);
-    EXPECT_EQ(first->Bytes().data(), bytes.data());
-    EXPECT_EQ(first->Bytes().size(), EntryOf("first").size());
-    const std::span<std::byte> all = std::as_writable_bytes(std::span(bytes));
-    const IndexEntry* const second = IndexEntry::In(all.subspan(first->Bytes().size()));
-    ASSERT_NE(second, nullptr);
-    EXPECT_EQ(NameOf(*second), "second");
-}
-
-TEST(IndexEntry, ThatIsCutOffIsRefused) {
-    const Bytes whole = EntryOf("name");
-    EXPECT_TRUE(IsEntry(whole));
-    for (std::size_t size = 0; size < whole.size(); ++size) {
-        EXPECT_FALSE(IsEntry(Bytes(whole.begin(), whole.begin() + static_cast<int>(size)))) << size;
+TEST(IndexEntry, TellsItsSizeFromItsFixedPart) {
+    const Bytes entry = EntryOf("name");
+    for (std::size_t size = 0; size <= entry.size(); ++size) {
+        const Bytes begun(entry.begin(), entry.begin() + static_cast<int>(size));
+        EXPECT_EQ(SizeIn(begun), size < sizeof(IndexEntry) ? sizeof(IndexEntry) : entry.size());
     }
+    EXPECT_EQ(SizeIn(ByteList().Append(entry).Append(EntryOf("another"))), entry.size());
 }
 
 TEST(IndexEntry, OutOfRangeIsRefused) {

@@ -326,4 +326,14 @@ TEST_F(GreedyFiles, OfManyNames) {
     examiner_.Examine(file, "names");
 }
 
+// What was read of it must not be copied again for each piece.
+TEST_F(GreedyFiles, OfALongIndexWithoutARecord) {
+    Format::CacheHeader header;
+    header.effectCount = 1;
+    header.indexStream = 0;
+    const Bytes file =
+        Format::WritePackage({{0, Bytes(4 * kMiB)}}, Format::EncodeHeaderBlock(header));
+    examiner_.Examine(file, "index");
+}
+
 }  // namespace Quorvel::Faults

@@ -5,6 +5,7 @@
 
 namespace Quorvel::Platform {
 
+// not reached in tests: only a bug comes here
 void AssertionFailed(const char* condition, const char* file, int line) noexcept {
     std::fprintf(stderr, "%s:%d: assertion failed: %s\n", file, line, condition);
     std::abort();

@@ -122,8 +122,8 @@ void ChildFileSeeker::AttachTail() {
         QUORVEL_ASSERT(tail_.tailOffset < kPageSize && tail_.tailLength < kPageSize);
         const std::uint64_t room = kPageSize - tail_.tailOffset;
         pageNumberTable_.push_back(tail_.tailPage);
-        rangeTable_.push_back(
-            {tail_.tailOffset, tail_.tailOffset + std::min(room, tail_.tailLength)});
+        const std::uint64_t end = tail_.tailOffset + std::min(room, tail_.tailLength);
+        rangeTable_.push_back({tail_.tailOffset, end});
         tailEntryCount_ = 1;
         if (room <= tail_.tailLength) {
             if (tail_.followingPage != 0) {

@@ -245,6 +245,19 @@ TEST_F(OnePageCommitTest, FailsWhileAStreamHasTheOnlyPagePinned) {
     CommitAndExpectFile();
 }
 
+TEST_F(OnePageCommitTest, OfASaveCannotBeginWhileAStreamHasTheOnlyPagePinned) {
+    const std::uint64_t id = Add(20000);
+    CommitAndExpectFile();
+    auto stream = package_->OpenDataStream(id);
+    std::uint8_t byte = 0;
+    ASSERT_EQ(stream->Read(&byte, 1), 1U);
+    EXPECT_THROW(package_->BeginSave(), FileDataCorruptException);
+    EXPECT_EQ(package_->State(), FileState::Clean);
+    stream.Reset();
+    package_->BeginSave();
+    CommitAndExpectFile();
+}
+
 // ---- Failures -----------------------------------------------------------------------------------
 
 // A package with an open stream, and changes that make the head file grow past the end of the file.

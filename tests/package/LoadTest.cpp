@@ -138,6 +138,17 @@ TEST_F(LoadTest, DoesNotBringBackAbandonedChanges) {
     Format::ExpectFile(path_, streams_, headerData_);
 }
 
+TEST_F(LoadTest, FollowsADiscardWithoutAFile) {
+    Add(100);
+    CommitAndExpectFile();
+    package_.Reset();
+    package_ = NewPackage();
+    package_->Discard();
+    EXPECT_EQ(package_->State(), FileState::Closed);
+    ASSERT_TRUE(package_->Load());
+    ExpectPackage();
+}
+
 TEST_F(LoadTest, CanBeRepeated) {
     for (std::size_t turn = 0; turn < 5; ++turn) {
         Add(5000 + turn);

@@ -343,4 +343,19 @@ TEST(TailBlockTableLoad, PlacesATailOnlyWhereThereIsNoFragment) {
     }
 }
 
+// The block claims that all its bytes are free, so it claims more than its size after a removal.
+TEST(TailBlockTableLoad, GivesATailThatReachesPastItsBlockNoFollowingPage) {
+    Words words = With(kFreeBytes, kTailBlockSize);
+    words[kOffset] = kTailBlockSize - 1;
+    words[kLength] = 200;
+    TailBlockTable table;
+    MemoryStream stream(BytesOf(words));
+    ASSERT_TRUE(LoadFrom(table, stream, kLimit));
+    table.Remove(5);
+    ChildFileTail tail;
+    ASSERT_TRUE(GetChildFileTail(tail, table, 2));
+    EXPECT_EQ(tail.tailPage, 28U);
+    EXPECT_EQ(tail.followingPage, 0U);
+}
+
 }  // namespace Quorvel::Testing

@@ -259,6 +259,7 @@ TEST_F(NamedObjectFile, ThatOthersMayAccessIsNotRemovedAsADeadObject) {
     ASSERT_EQ(::chmod(planted.c_str(), 0644), 0);
     const auto next = StartObjectUser();
     ASSERT_EQ(next->Ask("memory " + UniqueName()), "0");
+    EXPECT_EQ(next->Wait(), 0);
     EXPECT_TRUE(std::filesystem::exists(planted));
     std::filesystem::remove(planted);
 }

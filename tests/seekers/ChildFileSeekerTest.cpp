@@ -232,7 +232,7 @@ TEST_F(ChildFileSeekerTest, AChainThatReturnsToItsFirstPageIsCorrupt) {
 }
 
 TEST_F(ChildFileSeekerTest, AFreePageInTheChainIsCorrupt) {
-    for (const std::uint64_t page : {20, 31, 12}) {
+    for (const std::uint64_t page : {20U, 31U, 12U}) {
         const std::uint64_t link = std::exchange(allocator_->links[page], kFreePage);
         ExpectCorrupt(ExtentFor(3, kNoTail), kNoTail);
         allocator_->links[page] = link;

@@ -94,7 +94,7 @@ void EffectCacheFile::Rollback(const Lock& lock, EffectIndex& index) noexcept {
         return;
     }
     if (!Create(lock, index)) {
-        // Cutting the file to nothing takes no space, so it mostly works on a full volume.
+        // Truncating the file needs no space, so it usually works on a full volume.
         if (std::FILE* const file = std::fopen(path_.data(), "wb")) {
             std::fclose(file);
         }
@@ -111,7 +111,7 @@ void EffectCacheFile::Sync(const Lock& lock, EffectIndex& index) noexcept {
         return;
     }
     try {
-        package_->Discard();  // nothing that was not committed may be written over the new state
+        package_->Discard();  // uncommitted changes must not overwrite the new state
         if (package_->Load() && Load(lock, index)) {
             return;
         }
@@ -131,7 +131,7 @@ bool EffectCacheFile::Load(const Lock& lock, EffectIndex& index) {
     if (package_->MayHaveChangedFile()) {
         return false;
     }
-    // A file that can't be written still holds all its effects, if only more than it should.
+    // A file that can't be written still holds all its effects, just more than it should.
     package_->Discard();
     return package_->Load() && index.Load(*package_);
 }
@@ -242,7 +242,7 @@ void EffectCacheFile::Store(const Lock& /*lock*/, EffectIndex& index, const Pend
     index.Put(name, effect.hash, record);
 }
 
-// Makes the file hold what the index says, and tells the other processes.
+// Writes the index and commits, then tells the other processes.
 void EffectCacheFile::Commit(const Lock& /*lock*/, EffectIndex& index) {
     index.Write(*package_);
     package_->Commit();

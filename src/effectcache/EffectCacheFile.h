@@ -21,25 +21,28 @@ namespace Quorvel {
 // Between two steps the package is Clean or there is none. FileState, in PagedFilePackage.h, says
 // what each state means.
 //
-//   step    before   on the way                       after         if it fails
-//   Open    none     Clean; a trim: as Save           Clean         Create; if that fails, none
+//   step    before   during                           after         if it fails
+//   Open    none     Clean; a trim: as Save           Clean         Create
 //   Create  none     Clean, Changed                   Clean         none
-//   Sync    Clean    Discarded, if there is news      Clean         Rollback
+//   Sync    Clean    Discarded, if the file has       Clean         Rollback
+//                    changed; a trim: as Save
 //   Read    Clean    Clean                            Clean         Clean, nothing found
-//   Save    Clean    Saving, Overwriting              Clean         Rollback
+//   Save    Clean    as Sync; Saving, Overwriting     Clean         Rollback
 //   Close   any      Discarded                        none
 //
-// Rollback ends without a package. If nothing of the failed step has reached the file (Saving), the
-// file keeps the old state. Otherwise it is replaced by an empty cache: what the step has written
-// may contradict what the file says of it.
+// Rollback ends without a package. It replaces the file with an empty cache, or truncates it if
+// that fails too, only if the failed step was Changed or Overwriting: what it has written may
+// contradict the state in the file. In any other state it leaves the file alone, even one that
+// can't be opened; the next Open replaces that.
 //
-// Without a package the cache is inert, for good. No step throws.
+// Without a package the cache is permanently inert. Only Read may throw: what OpenDataStream
+// throws.
 class EffectCacheFile {
 public:
-    // Holding one means holding the file mutex. Every step requires it.
+    // Holds the file mutex while it lives. Every step requires one.
     //
     // If the last holder died, the mutex stays with this thread when the lock is destroyed, until
-    // the thread ends: AutoMutex documents why.
+    // the thread ends, as AutoMutex documents. Other threads and processes wait until then.
     class Lock {
     public:
         explicit Lock(EffectCacheFile& file) : guard_(file.mutex_, kWaitForever) {}
@@ -51,8 +54,9 @@ public:
         const AutoMutex guard_;
     };
 
-    // Makes or opens the mutex and the stamp; the file is not touched. `directory` ends with a path
-    // separator unless it is empty. Throws Win32APICallFailedException, OutOfMemoryException.
+    // Creates or opens the mutex and the stamp, but does not touch the file. `directory` ends with
+    // a path separator unless it is empty. Throws Win32APICallFailedException,
+    // OutOfMemoryException.
     EffectCacheFile(const CStr& directory, const CStr& path);
 
     // False when the cache is inert.
@@ -61,16 +65,18 @@ public:
     // Opens the file and trims it to the space budget, or makes an empty cache.
     void Open(const Lock& lock, EffectIndex& index) noexcept;
 
-    // Loads the file again if another process has changed it, or may have died while changing it.
+    // Loads the file again, and trims it, if another process has changed it or may have died while
+    // changing it.
     void Sync(const Lock& lock, EffectIndex& index) noexcept;
 
-    // Reads an effect's bytes. False when they are not intact. REQUIRES: the record is of the index
-    // that was last loaded or saved.
+    // Reads an effect's bytes. False when they are not intact. REQUIRES: Sync was called under this
+    // lock, and the record belongs to its index.
     [[nodiscard]] bool Read(const Lock& lock, const EffectRecord& record, Tab<unsigned char>& data);
 
-    // Moves the queue's effects into the file, evicting others to make room; without room they are
-    // not saved, which counts as success. The caller then clears the queue. False on failure: the
-    // cache is inert, the queue is as it was. REQUIRES: the cache is usable.
+    // Syncs, then moves the queue's effects into the file, evicting others to make room. Without
+    // room they are not saved, which counts as success. The caller then clears the queue. False on
+    // failure: the cache is inert, the queue unchanged, and the index unspecified. REQUIRES: the
+    // cache is usable.
     [[nodiscard]] bool Save(const Lock& lock, EffectIndex& index, EffectQueue& queue) noexcept;
 
     // Releases the package, without writing anything.

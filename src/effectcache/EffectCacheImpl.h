@@ -38,7 +38,8 @@ public:
     const CStr& GetDirectory() const { return directory_; }
 
     // Moves the queued effects into the file. True when that worked or there was nothing to do;
-    // otherwise the cache is inert.
+    // otherwise the cache is inert. Does not enter the critical section; CacheCompiledEffect calls
+    // it inside.
     bool SaveToFile() noexcept;
 
 private:

@@ -96,7 +96,8 @@ void PagedFilePackage::BeginSave() {
     state_ = FileState::Saving;
 }
 
-// Only called in the state Saving: the head page goes out before the page that is about to.
+// Called only in the state Saving: writes the head page before the first page that leaves the
+// cache.
 void PagedFilePackage::BeforePageWrite() {
     AssertState();
     cache_->WritePage(kHeadPageNumber);
@@ -175,7 +176,7 @@ bool PagedFilePackage::Commit() {
     stored_.Write(*cache_, isInSave);
     ReopenFile();
     if (isInSave) {
-        // Everything else is in the file. This write makes it one that can be opened again.
+        // Everything else is in the file. This write makes it possible to open the file again.
         SetStoredPageCount(*cache_, stored_.HeadPageCount());
         cache_->WritePage(kHeadPageNumber);
     }
@@ -185,8 +186,8 @@ bool PagedFilePackage::Commit() {
     return true;
 }
 
-// Writes back every page and opens the file anew. If that fails the cache may be left without a
-// file; the next change or Commit tries again.
+// Writes back every page and reopens the file. If that fails, the cache may be left without a file;
+// the next change or Commit tries again.
 void PagedFilePackage::ReopenFile() {
     ReleaseStreamPages();
     cache_->Open(config_.fileName, config_.pageCacheCapacity);
@@ -327,8 +328,8 @@ bool PagedFilePackage::PlaceTail(std::uint64_t id, std::uint64_t length) {
     return stored_.tailBlocks.Place(id, block, length);
 }
 
-// Allocates `count` pages, each the successor of the one before, writes their numbers to `pages`
-// unless it is null, and makes the file cover them. Returns the first page, or 0 for none.
+// Allocates a chain of `count` pages, writes their numbers to `pages` unless it is null, and makes
+// the file cover them. Returns the first page, or 0 for none.
 std::uint64_t PagedFilePackage::AllocateChain(std::uint64_t count, std::uint64_t* pages) {
     std::uint64_t first = 0;
     std::uint64_t last = 0;
@@ -359,8 +360,8 @@ void PagedFilePackage::FreeChain(std::uint64_t firstPage) {
     }
 }
 
-// The steps that can fail come first, and the rest works from memory. So a failure changes nothing,
-// unless the cache can't pin all pages of the block.
+// The steps that can fail come first; the rest works from memory. A failure therefore changes
+// nothing, unless the cache can't pin all pages of the block.
 bool PagedFilePackage::DeleteDataStream(std::uint64_t id) {
     if (openStreams_.Find(id)) {
         return false;

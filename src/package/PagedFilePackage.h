@@ -17,29 +17,28 @@ namespace Quorvel {
 // How a package's file relates to what the package holds in memory.
 //
 //   Closed       No file is open.
-//   Clean        The file holds what is in memory.
+//   Clean        The file holds what is in memory, as far as this process knows. Bytes written into
+//                streams don't count as a difference.
 //   Changed      Memory is ahead of the file, and pages that left the cache may have overwritten
 //                parts of the state that the file describes.
-//   Saving       Memory is ahead, but no page of the file has been overwritten yet. The head page
-//                states a page count of 0 in the cache, and is written before any other page.
+//   Saving       Memory is ahead, but no page of the file has been overwritten yet; the file may
+//                have grown. In the cache the head page states a page count of 0, and the package
+//                listens to the cache, to write that page before any other.
 //   Overwriting  As Changed, but the head page in the file states a page count of 0: nothing can
-//   open
-//                the file until Commit has written everything.
-//   Discarded    A file is open, and what is in memory says nothing about it: changes were
-//   discarded,
-//                or the file is about to be loaded or created.
+//                open the file until Commit has written everything.
+//   Discarded    A file is open, but memory does not describe it: changes were discarded, or the
+//                file is about to be loaded or created.
 //
-//   Closed  -> Clean                            Create, Load
-//   Clean   -> Changed                          every operation that changes the package
-//   Clean   -> Saving                           BeginSave
-//   Saving  -> Overwriting                      the first page that leaves the cache
+//   Closed -> Clean                             Create, Load
+//   Clean -> Changed                            every operation that changes the package
+//   Clean -> Saving                             BeginSave
+//   Saving -> Overwriting                       BeforePageWrite, for the first page that leaves
 //   Changed, Saving, Overwriting -> Clean       Commit
-//   Clean, Changed, Saving, Overwriting, Discarded -> Discarded    Discard
-//   Discarded -> Clean                          Load
-//   any     -> Closed                           destruction, which commits first
+//   any but Closed -> Discarded                 Discard
+//   Clean, Changed, Discarded -> Clean          Load
+//   any -> Closed                               destruction, which first commits what HasChanges
 //
-// A Commit that fails leaves the state as it is or makes Overwriting of Saving; another Commit may
-// follow.
+// A Commit that fails keeps the state, or turns Saving into Overwriting; another Commit may follow.
 enum class FileState { Closed, Clean, Changed, Saving, Overwriting, Discarded };
 
 // A package over one file: its streams. A stream's bytes lie in whole pages, chained by the
@@ -77,7 +76,7 @@ public:
     void BeginSave();
 
     // Forgets every change since the last Commit or Load without writing anything. Only Load or
-    // release may follow.
+    // destruction may follow.
     void Discard();
 
     // True if no damage of the file can make one stream's bytes appear in another: see

@@ -74,7 +74,7 @@ void StoredState::FreeHeadFile() {
     FreeHeadPages(freed->pageNumbers, KnownPageCount(*freed));
 }
 
-// Page 10 stays allocated: until the next head file is there, no stream may get it.
+// Page 10 stays allocated: no stream may get it before the next head file is written.
 void StoredState::FreeHeadPages(const std::uint64_t* pages, std::uint64_t count) {
     for (std::uint64_t index = 0; index < count; ++index) {
         allocator->FreePage(pages[index]);

@@ -22,9 +22,9 @@ namespace Quorvel {
 struct StoredState {
     StoredState();
 
-    // Replaces everything by what the file's head file holds. Throws FileDataCorruptException,
-    // InvalidParameterException or FileIOException for a head file that can't be read or makes no
-    // sense, std::bad_alloc; the state is then unspecified.
+    // Replaces everything with the contents of the file's head file. Throws
+    // FileDataCorruptException, InvalidParameterException or FileIOException for a head file that
+    // can't be read or makes no sense, std::bad_alloc; the state is then unspecified.
     void Read(FilePageCache& cache, std::uint64_t streamLimit);
 
     // Writes a new head file into pages of the cache. Throws as the cache and the allocator do;
@@ -32,11 +32,11 @@ struct StoredState {
     // count of 0 in the head page, which makes the file one that can't be opened.
     void Write(FilePageCache& cache, bool markUnfinished);
 
-    // Pages of the head file; the count that a finished head page states. REQUIRES: was read or
-    // written.
+    // Pages of the head file; the count that a finished head page states. REQUIRES: the state
+    // was read or written.
     std::uint64_t HeadPageCount() const { return headFile->pageCount; }
 
-    // Back to the state of a new package.
+    // Resets to the state of a new package.
     void Clear();
     void Swap(StoredState& other) noexcept;
 

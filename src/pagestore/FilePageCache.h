@@ -22,11 +22,11 @@ struct CachedPage {
 #pragma pack(pop)
 static_assert(sizeof(CachedPage) == 13 + kPageSize + 2 * sizeof(void*));
 
-// Hears that a page is about to be written to the file.
+// Is told before a page is written to the file.
 class PageWriteListener {
 public:
-    // Called before each write of a whole page that leaves the cache. What it throws keeps the page
-    // from being written and comes out of the operation that wanted to write it.
+    // Called before each write of a whole page that leaves the cache. If it throws, the page is not
+    // written and stays resident, and the exception leaves the operation that needed the write.
     virtual void BeforePageWrite() = 0;
 
 protected:
@@ -53,7 +53,7 @@ public:
     virtual ~FilePageCache();
 
     // Closes what is open, then opens a file for reading and writing, or creates it if it can't be
-    // opened. Keeps at most `capacity` pages; 0 is taken as 1. Returns true. Throws FileIOException
+    // opened. Keeps at most `capacity` pages; 0 counts as 1. Returns true. Throws FileIOException
     // with the error number of the attempt to create, or as Close does.
     bool Open(const char* path, std::uint64_t capacity);
 
@@ -75,7 +75,7 @@ public:
     std::uint8_t* GetPageForRead(std::uint64_t page) { return GetPage(page, Access::Read); }
     std::uint8_t* GetPageForWrite(std::uint64_t page) { return GetPage(page, Access::Write); }
 
-    // Takes one pin off a page. Does nothing for a page that is not resident.
+    // Removes one pin from a page. Does nothing for a page that is not resident.
     void ReleasePageForRead(std::uint64_t page) { ReleasePage(page); }
     void ReleasePageForWrite(std::uint64_t page) { ReleasePage(page); }
 

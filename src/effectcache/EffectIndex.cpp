@@ -108,10 +108,11 @@ bool EffectIndex::ReadHeader(PagedFilePackage& package) {
 
 bool EffectIndex::ReadEntries(IDataStream& stream) {
     std::vector<IndexEntry*> entries;
+    const std::uint64_t count = header_.recordCount;
     // A damaged file may count more effects than it can hold.
-    entries.reserve(std::min<std::uint64_t>(header_.recordCount, kStreamLimit));
+    entries.reserve(std::min(count, kStreamLimit));
     std::span<std::byte> rest;
-    while (entries.size() < header_.recordCount) {
+    while (entries.size() < count) {
         const std::size_t size = IndexEntry::SizeIn(rest);
         if (size > rest.size()) {
             if (!ReadMore(stream, rest)) {
@@ -126,7 +127,7 @@ bool EffectIndex::ReadEntries(IDataStream& stream) {
         rest = rest.subspan(size);
     }
     table_.AddFilled(entries);
-    return entries.size() == header_.recordCount;
+    return entries.size() == count;
 }
 
 // Moves the bytes not used yet to new memory of the table and reads more after them. False at the

@@ -209,8 +209,9 @@ private:
         QUORVEL_ASSERT(added_.size() < added_.capacity() && removed_.size() < removed_.capacity());
         const std::size_t slot = FindSlot(entry->Key(), hash);
         if (slot != kNoSlot) {
-            removed_.push_back(slots_[slot].entry);
-            bytes_ -= slots_[slot].entry->Bytes().size();
+            Entry* const replaced = slots_[slot].entry;
+            removed_.push_back(replaced);
+            bytes_ -= replaced->Bytes().size();
             slots_[slot].entry = entry;
         } else {
             Insert({entry, hash});

@@ -106,8 +106,9 @@ void EffectCacheFile::Rollback(const Lock& lock, EffectIndex& index) noexcept {
 // ---- Reading ------------------------------------------------------------------------------------
 
 void EffectCacheFile::Sync(const Lock& lock, EffectIndex& index) noexcept {
+    QUORVEL_ASSERT(package_);
     // A holder that died in the middle of a save has written no stamp.
-    if ((!stamp_.IsChanged() && !lock.LastHolderDied()) || !package_) {
+    if (!stamp_.IsChanged() && !lock.LastHolderDied()) {
         return;
     }
     try {
@@ -133,6 +134,7 @@ bool EffectCacheFile::Load(const Lock& lock, EffectIndex& index) {
     }
     // A file that can't be written still holds all its effects, just more than it should.
     package_->Discard();
+    // not reached in tests: a file that was just read, and not written since, can be read again
     return package_->Load() && index.Load(*package_);
 }
 

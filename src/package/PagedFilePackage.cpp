@@ -294,6 +294,7 @@ std::uint64_t PagedFilePackage::CreateDataStream(std::uint64_t size) {
     const std::uint64_t firstPage = AllocateChain(wholePages);
     ScopeGuard freePages([&] { FreeChain(firstPage); });
     const std::uint64_t id = directory.AllocateId();
+    // not reached in tests: no id is left only after 16 million streams
     if (id == kInvalidStreamId) {
         return id;
     }

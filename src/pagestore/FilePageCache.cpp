@@ -32,10 +32,9 @@ FilePageCache::~FilePageCache() {
     try {
         Close();
     } catch (const std::exception&) {
+        QUORVEL_ASSERT(file_);  // only writing to it can have failed
         DiscardAll();
-        if (file_) {
-            std::fclose(file_);
-        }
+        std::fclose(file_);
     }
 }
 

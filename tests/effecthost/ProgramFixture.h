@@ -4,8 +4,14 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <exception>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "CacheDirectory.h"
 #include "CachedEffect.h"
@@ -74,8 +80,25 @@ protected:
 
     static Result RunOther(const std::filesystem::path& program,
                            const std::vector<std::string>& arguments) {
-        ChildProcess process(program, arguments, ChildProcess::Errors::Captured);
+        ChildProcess process = StartProgram(program, arguments);
         return Finish(process);
+    }
+
+    // Wine on a loaded machine sometimes fails to start a process with ERROR_INTERNAL_ERROR; the
+    // next attempt works.
+    static ChildProcess StartProgram(const std::filesystem::path& program,
+                                     const std::vector<std::string>& arguments) {
+        for (int attempts = 1;; ++attempts) {
+            try {
+                return {program, arguments, ChildProcess::Errors::Captured};
+            } catch (const std::exception& failure) {
+                const std::string text = failure.what();
+                if (attempts == 5 || text.find("(error 1359)") == std::string::npos) {
+                    throw;
+                }
+                std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            }
+        }
     }
 
     Result Run(const std::vector<std::string>& more = {}) const {
@@ -91,7 +114,7 @@ protected:
         std::vector<std::string> arguments{"--cache", cache.string(), "--effects",
                                            effects_.string()};
         arguments.insert(arguments.end(), more.begin(), more.end());
-        return ChildProcess(ProgramPath(), arguments, ChildProcess::Errors::Captured);
+        return StartProgram(ProgramPath(), arguments);
     }
 
     // Waits for the end of a program that was started.

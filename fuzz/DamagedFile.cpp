@@ -42,9 +42,7 @@ std::vector<std::size_t> PlacesOf(const PackageImage& image, const Format::Strea
         page = image.Link(page);
     }
     for (const Format::Fragment& fragment : image.fragments) {
-        if (fragment.streamId != stream.id) {
-            continue;
-        }
+        if (fragment.streamId != stream.id) { continue; }
         const auto block =
             std::find_if(image.blocks.begin(), image.blocks.end(),
                          [&](const auto& candidate) { return candidate.id == fragment.blockId; });
@@ -59,9 +57,7 @@ std::vector<std::size_t> PlacesOf(const PackageImage& image, const Format::Strea
 
 template <typename Record>
 void EraseOrDouble(std::vector<Record>& records, FuzzedDataProvider& input) {
-    if (records.empty()) {
-        return;
-    }
+    if (records.empty()) { return; }
     const auto which =
         static_cast<std::ptrdiff_t>(input.ConsumeIntegral<std::uint8_t>() % records.size());
     if (input.ConsumeBool()) {

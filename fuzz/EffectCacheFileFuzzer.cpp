@@ -47,17 +47,14 @@ std::optional<Bytes> EffectOf(const Format::PackageImage& image, const Format::S
                               const Format::EffectRecord& record) {
     const std::uint64_t size = Format::kLengthPrefixSize + record.size;
     for (const Format::StreamRecord& stream : image.streams) {
-        if (stream.id == record.streamId && stream.size != size) {
-            return std::nullopt;
-        }
+        if (stream.id == record.streamId && stream.size != size) { return std::nullopt; }
     }
     try {
         const Bytes stream = reader.Read(record.streamId);
         if (Format::LoadInteger(stream, 0, Format::kLengthPrefixSize) == record.size) {
             return Bytes(stream.begin() + Format::kLengthPrefixSize, stream.end());
         }
-    } catch (const Format::FormatError&) {
-    }
+    } catch (const Format::FormatError&) {}
     return std::nullopt;
 }
 
@@ -65,9 +62,7 @@ std::optional<Bytes> EffectOf(const Format::PackageImage& image, const Format::S
 bool IsWithinBudget(const Format::PackageImage& image) {
     std::uint64_t total = 0;
     for (const Format::StreamRecord& stream : image.streams) {
-        if (stream.size > kSurelyWithinBudget) {
-            return false;
-        }
+        if (stream.size > kSurelyWithinBudget) { return false; }
         total += stream.size;
     }
     return total <= kSurelyWithinBudget;
@@ -85,9 +80,7 @@ Expectation Expect(const Bytes& file) {
         const Format::PackageImage image = Format::ReadPackage(file, Format::kCacheStreamLimit);
         const Format::CacheHeader header = Format::ReadCacheHeader(image.headerData);
         expected.isCache = true;
-        if (!IsWithinBudget(image)) {
-            return expected;
-        }
+        if (!IsWithinBudget(image)) { return expected; }
         const Format::StreamReader reader(image);
         const auto entries = Format::ReadIndex(reader.Read(header.indexStream), header.effectCount);
         expected.isIndexed = true;
@@ -105,8 +98,7 @@ Expectation Expect(const Bytes& file) {
             expected.results[name] = isKept ? EffectOf(image, reader, record) : std::nullopt;
         }
         expected.isSound = Format::CheckEffectCache(image).empty();
-    } catch (const Format::FormatError&) {
-    }
+    } catch (const Format::FormatError&) {}
     return expected;
 }
 
@@ -187,13 +179,9 @@ Cache OpenOver(const Directory& directory, const Bytes& file, bool byReload) {
 // True if the cache has refused a file with a readable index, which it may do unless the file is
 // sound.
 bool IsRefused(EffectCacheSystem& cache, const Expectation& expected) {
-    if (!expected.isIndexed) {
-        return false;
-    }
+    if (!expected.isIndexed) { return false; }
     const std::uint64_t count = cache.GetNumberOfEffectsInFile();
-    if (cache.IsEnabled() && count == expected.effectCount) {
-        return false;
-    }
+    if (cache.IsEnabled() && count == expected.effectCount) { return false; }
     Require(!expected.isSound, "a sound cache is accepted");
     Require(!cache.IsEnabled() || count == 0, "accepted as a whole or not at all");
     return true;
@@ -208,9 +196,7 @@ void TryFile(const Directory& directory, FuzzedDataProvider& input) {
     Expectation expected = Expect(file);
 
     Cache cache = OpenOver(directory, file, byReload);
-    if (IsRefused(*cache, expected)) {
-        expected = {};
-    }
+    if (IsRefused(*cache, expected)) { expected = {}; }
     if (!expected.isCache || expected.isIndexed) {
         for (const char* const name : {"absent", "a", "bb"}) {
             expected.results.try_emplace(name);
@@ -221,9 +207,7 @@ void TryFile(const Directory& directory, FuzzedDataProvider& input) {
     AddEffects(*cache, adding, expected.results);
     Require(cache->IsEnabled() || !expected.isSound, "a sound cache can be saved");
     const bool isKnown = expected.isIndexed && cache->IsEnabled();
-    if (isKnown) {
-        RequireResults(*cache, expected.results);
-    }
+    if (isKnown) { RequireResults(*cache, expected.results); }
     cache.Reset();
     Require(std::filesystem::file_size(directory.File()) <= file.size() + kMostGrowth,
             "the file's growth");
@@ -234,9 +218,7 @@ void TryFile(const Directory& directory, FuzzedDataProvider& input) {
     }
     cache = directory.Open();
     Require(cache->IsEnabled(), "a cache can be opened again");
-    if (isKnown) {
-        RequireResults(*cache, expected.results);
-    }
+    if (isKnown) { RequireResults(*cache, expected.results); }
 }
 
 }  // namespace

@@ -41,9 +41,7 @@ public:
         }
         for (std::size_t index = 0; index < size; ++index) {
             front_.push_back(page[index]);
-            if (page[index] == '\\') {
-                front_.push_back('\\');
-            }
+            if (page[index] == '\\') { front_.push_back('\\'); }
         }
         if (size < page.size()) {
             front_.push_back('\\');

@@ -38,34 +38,27 @@ bool Succeeds(const Step& step) {
     } catch (const FileIOException&) {
     } catch (const FileDataCorruptException&) {
     } catch (const InvalidParameterException&) {
-    } catch (const OutOfMemoryException&) {
-    }
+    } catch (const OutOfMemoryException&) {}
     return false;
 }
 
 std::optional<PackageImage> ReadByFormat(const Bytes& file, std::uint64_t limit) {
     try {
         return Format::ReadPackage(file, limit);
-    } catch (const Format::FormatError&) {
-        return std::nullopt;
-    }
+    } catch (const Format::FormatError&) { return std::nullopt; }
 }
 
 std::optional<Bytes> ReadByFormat(const Format::StreamReader& reader, std::uint64_t id) {
     try {
         return reader.Read(id);
-    } catch (const Format::FormatError&) {
-        return std::nullopt;
-    }
+    } catch (const Format::FormatError&) { return std::nullopt; }
 }
 
 std::optional<Bytes> ReadByLibrary(IDataStreamSet& package, std::uint64_t id) {
     Bytes content;
     const bool read = Succeeds([&] {
         const Util::RefPtr<IDataStream> stream = package.OpenDataStream(id);
-        if (!stream) {
-            return false;
-        }
+        if (!stream) { return false; }
         content.resize(stream->GetSize());
         return stream->Read(content.data(), content.size()) == content.size();
     });
@@ -96,9 +89,7 @@ void CompareWithFormat(IDataStreamSet& package, const PackageImage& image) {
 bool AddStream(IDataStreamSet& package, const Bytes& content, Streams& streams) {
     return Succeeds([&] {
         const std::uint64_t id = package.CreateDataStream(content.size());
-        if (id == kInvalidStreamId) {
-            return false;
-        }
+        if (id == kInvalidStreamId) { return false; }
         streams[id] = content;
         return content.empty() ||
                package.OpenDataStream(id)->Write(content.data(), content.size()) == content.size();
@@ -113,9 +104,7 @@ bool ChangeStreams(IDataStreamSet& package, const PackageImage& image, Streams& 
     for (const Format::StreamRecord& stream : image.streams) {
         const std::uint64_t size = std::min(stream.size, kLargestCreated) + stream.id % 2;
         const bool deleted = Succeeds([&] { return package.DeleteDataStream(stream.id); });
-        if (deleted) {
-            streams.erase(stream.id);
-        }
+        if (deleted) { streams.erase(stream.id); }
         const Bytes content(static_cast<std::size_t>(size), ++filler);
         complete = AddStream(package, content, streams) && deleted && complete;
     }
@@ -146,9 +135,7 @@ void TryFile(const Bytes& file, const std::string& path, std::uint64_t limit,
     package.Reset();
     Require(std::filesystem::file_size(path) <= file.size() + kMostGrowth, "the file's growth");
     package = OpenFilePackage(config);
-    if (!sound || limit == kTightLimit) {
-        return;
-    }
+    if (!sound || limit == kTightLimit) { return; }
     Require(changed && committed && package, "a sound package can be changed");
     const Bytes after = Format::ReadWholeFile(path);
     Require(Format::CheckPackage(after, limit).empty(), "a sound package stays sound");

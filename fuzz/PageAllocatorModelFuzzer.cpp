@@ -65,9 +65,7 @@ template <typename Action>
 void RequireRefusal(const Action& action, const char* what) {
     try {
         action();
-    } catch (const InvalidParameterException&) {
-        return;
-    }
+    } catch (const InvalidParameterException&) { return; }
     Require(false, what);
 }
 
@@ -105,9 +103,7 @@ std::uint64_t Runner::AnyPage() {
     static constexpr std::uint64_t kOthers[] = {0,        1,          9,    kPageNumberLimit,
                                                 1u << 30, 1ull << 63, ~0ull};
     const std::uint8_t number = Number();
-    if (number < 16) {
-        return kOthers[number % std::size(kOthers)];
-    }
+    if (number < 16) { return kOthers[number % std::size(kOthers)]; }
     return kHeadPageNumber + number % (links_.size() + 2);
 }
 
@@ -115,9 +111,7 @@ std::uint64_t Runner::TakeFree() {
     while (!queue_.empty()) {
         const std::uint64_t page = queue_.front();
         queue_.pop_front();
-        if (IsFree(page)) {
-            return page;
-        }
+        if (IsFree(page)) { return page; }
     }
     return End();
 }
@@ -125,9 +119,7 @@ std::uint64_t Runner::TakeFree() {
 void Runner::Allocate() {
     const std::uint64_t previous = Number() % 4 == 0 ? 0 : AnyPage();
     const std::uint64_t page = TakeFree();
-    if (page == End()) {
-        links_.push_back(kFreePage);
-    }
+    if (page == End()) { links_.push_back(kFreePage); }
     links_[page - kHeadPageNumber] = kEndOfChain;
     if (IsValidPageNumber(previous)) {
         if (previous >= End() || links_[previous - kHeadPageNumber] != kEndOfChain) {
@@ -162,9 +154,7 @@ void Runner::Mark() {
     Require(allocator_->MarkPageAllocated(page) == IsFree(page), "marked if it was free");
     highest_ = std::max(highest_, page);
     while (End() <= page) {
-        if (End() < page) {
-            queue_.push_back(End());
-        }
+        if (End() < page) { queue_.push_back(End()); }
         links_.push_back(kFreePage);
     }
     if (links_[page - kHeadPageNumber] == kFreePage) {
@@ -210,9 +200,7 @@ Util::RefPtr<PageAllocator> Loaded(const Format::Bytes& state) {
         Require(allocator->LoadState(Util::RefPtr<IDataStream>(new Testing::MemoryStream(state))),
                 "a state can be loaded");
         return allocator;
-    } catch (const FileDataCorruptException&) {
-        return {};
-    }
+    } catch (const FileDataCorruptException&) { return {}; }
 }
 
 // Derives the rest of the model from the links, as a load does.

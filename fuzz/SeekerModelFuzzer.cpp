@@ -62,9 +62,7 @@ struct LogicalFile {
 
     Place PlaceOf(std::uint64_t position) const {
         for (const Run& run : runs) {
-            if (position < run.size) {
-                return {run.start.page, run.start.offset + position};
-            }
+            if (position < run.size) { return {run.start.page, run.start.offset + position}; }
             position -= run.size;
         }
         return end;
@@ -84,12 +82,8 @@ std::vector<std::uint64_t> TakePageOrder(FuzzedDataProvider& input) {
 // A number up to limit, often close to 0 or to limit.
 std::uint64_t TakeSize(FuzzedDataProvider& input, std::uint64_t limit) {
     const auto number = input.ConsumeIntegral<std::uint8_t>();
-    if (number < 32) {
-        return std::min<std::uint64_t>(number, limit);
-    }
-    if (number < 64) {
-        return limit - std::min<std::uint64_t>(number - 32u, limit);
-    }
+    if (number < 32) { return std::min<std::uint64_t>(number, limit); }
+    if (number < 64) { return limit - std::min<std::uint64_t>(number - 32u, limit); }
     return input.ConsumeIntegral<std::uint32_t>() % (limit + 1);
 }
 
@@ -164,9 +158,7 @@ LogicalFile TakeHeadFile(FuzzedDataProvider& input, FilePageCache& cache) {
     const Util::RefPtr<HeadFileWriteOnlySeeker> writer(new HeadFileWriteOnlySeeker(&cache));
     const bool created = writer->CreateHeadFile(pages.data(), nextPages.data(), count, size);
     Require(created == (size != 0), "a head file is not empty");
-    if (!created) {
-        return file;
-    }
+    if (!created) { return file; }
     const Bytes content = PatternOf(size, 0);
     const Util::RefPtr<PagedFileStream> stream(new PagedFileStream(&cache, writer));
     std::uint64_t done = 0;
@@ -290,18 +282,14 @@ void Runner::Find() {
 void Runner::Move() {
     const std::int32_t start = AnyPosition();
     PagePosition from;
-    if (!seeker_.PositionToPage(from.pageIndex, from.pageOffset, start)) {
-        return;
-    }
+    if (!seeker_.PositionToPage(from.pageIndex, from.pageOffset, start)) { return; }
     const std::int32_t distance = Minus(AnyPosition(), input_.ConsumeBool() ? start : 0);
     PagePosition found = {77, 88};
     const bool moved = seeker_.MovePosition(found.pageIndex, found.pageOffset, from,
                                             static_cast<std::uint32_t>(distance));
     const std::int64_t target = std::int64_t{start} + distance;
     Require(moved == IsInside(target), "moved if the target is inside");
-    if (moved) {
-        RequirePlace(found, static_cast<std::uint64_t>(target));
-    }
+    if (moved) { RequirePlace(found, static_cast<std::uint64_t>(target)); }
 }
 
 void Runner::Seek() {
@@ -313,9 +301,7 @@ void Runner::Seek() {
                                                        : static_cast<std::int64_t>(position_);
     const bool inside = IsInside(from + offset);
     Require(stream_->Seek(origin, offset) == inside, "a seek inside succeeds");
-    if (inside) {
-        position_ = static_cast<std::uint64_t>(from + offset);
-    }
+    if (inside) { position_ = static_cast<std::uint64_t>(from + offset); }
 }
 
 void Runner::Read() {
@@ -345,9 +331,7 @@ void Runner::RemoveRange() {
     const bool inside =
         IsInside(position) && length >= 0 && IsInside(std::int64_t{position} + length);
     Require(stream_->RemoveRange(position, length) == inside, "a range inside can be removed");
-    if (!inside) {
-        return;
-    }
+    if (!inside) { return; }
     Bytes cut = content_;
     cut.erase(cut.begin() + position, cut.begin() + position + length);
     cut.insert(cut.end(), content_.end() - length, content_.end());
@@ -380,9 +364,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     FuzzedDataProvider input(data, size);
     const Fuzz::LogicalFile file =
         input.ConsumeBool() ? Fuzz::TakeChildFile(input) : Fuzz::TakeHeadFile(input, cache);
-    if (file.seeker) {
-        Fuzz::Runner(input, cache, file).Run();
-    }
+    if (file.seeker) { Fuzz::Runner(input, cache, file).Run(); }
     cache.DiscardAll();
     return 0;
 }

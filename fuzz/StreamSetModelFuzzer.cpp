@@ -49,9 +49,7 @@ public:
         for (int step = 0; step < kMostOperations && input_.remaining_bytes() > 0; ++step) {
             Step();
             CompareSizes();
-            if (comparesAlways_) {
-                CompareContents();
-            }
+            if (comparesAlways_) { CompareContents(); }
         }
         Reopen();
     }
@@ -166,9 +164,7 @@ std::uint64_t Runner::AnySize() {
 
 void Runner::Create() {
     const std::uint64_t size = AnySize();
-    if (streams_.size() >= kMostStreams) {
-        return;
-    }
+    if (streams_.size() >= kMostStreams) { return; }
     const std::uint64_t id = package_->CreateDataStream(size);
     if (streams_.size() >= limit_) {
         Require(id == kInvalidStreamId, "no more streams than the limit");
@@ -203,9 +199,7 @@ void Runner::Open() {
     try {
         const Util::RefPtr<IDataStream> stream = package_->OpenDataStream(id);
         Require(static_cast<bool>(stream) == (content != streams_.end()), "opened if it exists");
-        if (!stream) {
-            return;
-        }
+        if (!stream) { return; }
         Require(!content->second.empty(), "an empty stream can't be opened");
         if (const auto open = open_.find(id); open != open_.end()) {
             Require(open->second.stream.Get() == stream.Get(), "one object for one stream");
@@ -220,17 +214,13 @@ void Runner::Open() {
 }
 
 void Runner::CloseOne() {
-    if (const auto open = AnyOpen(); open != open_.end()) {
-        open_.erase(open);
-    }
+    if (const auto open = AnyOpen(); open != open_.end()) { open_.erase(open); }
 }
 
 void Runner::Read() {
     const std::uint64_t size = AnySize();
     const auto open = AnyOpen();
-    if (open == open_.end()) {
-        return;
-    }
+    if (open == open_.end()) { return; }
     const Bytes& content = streams_[open->first];
     std::uint64_t& position = open->second.position;
     const std::uint64_t expected = std::min(size, content.size() - position);
@@ -246,9 +236,7 @@ void Runner::Read() {
 void Runner::Write() {
     const std::uint64_t size = AnySize();
     const auto open = AnyOpen();
-    if (open == open_.end()) {
-        return;
-    }
+    if (open == open_.end()) { return; }
     Bytes& content = streams_[open->first];
     std::uint64_t& position = open->second.position;
     const std::uint64_t expected = std::min(size, content.size() - position);
@@ -263,9 +251,7 @@ void Runner::Seek() {
     const std::int32_t offset = Number() < 16 ? input_.ConsumeIntegral<std::int32_t>()
                                               : input_.ConsumeIntegralInRange(-20000, 20000);
     const auto open = AnyOpen();
-    if (open == open_.end()) {
-        return;
-    }
+    if (open == open_.end()) { return; }
     const auto position = static_cast<std::int64_t>(open->second.position);
     const auto size = static_cast<std::int64_t>(streams_[open->first].size());
     const std::int64_t from = origin == kSeekFromStart ? 0
@@ -274,9 +260,7 @@ void Runner::Seek() {
     const std::int64_t target = from + offset;
     const bool inside = target >= 0 && target <= size;
     Require(open->second.stream->Seek(origin, offset) == inside, "a seek inside succeeds");
-    if (inside) {
-        open->second.position = static_cast<std::uint64_t>(target);
-    }
+    if (inside) { open->second.position = static_cast<std::uint64_t>(target); }
 }
 
 void Runner::SetHeaderData() {
@@ -349,9 +333,7 @@ void Runner::CompareSizes() {
 // Reads whole streams; an open stream keeps its position.
 void Runner::CompareContents() {
     for (const auto& [id, content] : streams_) {
-        if (content.empty()) {
-            continue;
-        }
+        if (content.empty()) { continue; }
         const Util::RefPtr<IDataStream> stream = package_->OpenDataStream(id);
         const std::uint64_t position = stream->GetPosition();
         Require(stream->Seek(kSeekFromStart, 0), "a stream has a start");

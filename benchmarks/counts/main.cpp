@@ -53,9 +53,7 @@ void Cache(EffectCacheSystem& cache, const Effect& effect) {
 }
 
 void Expect(bool condition, const char* what) {
-    if (!condition) {
-        throw std::runtime_error(what);
-    }
+    if (!condition) { throw std::runtime_error(what); }
 }
 
 void Prepare(const std::string& directory) {

@@ -36,9 +36,7 @@ public:
 
     void Open() {
         cache_ = Util::RefPtr<EffectCacheSystem>(new EffectCacheSystem(directory_));
-        if (!cache_->IsEnabled()) {
-            throw std::runtime_error("the cache is inert");
-        }
+        if (!cache_->IsEnabled()) { throw std::runtime_error("the cache is inert"); }
     }
 
     template <typename After>

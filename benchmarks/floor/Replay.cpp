@@ -55,9 +55,7 @@ public:
     BareFile(const BareFile&) = delete;
     BareFile& operator=(const BareFile&) = delete;
     ~BareFile() {
-        if (file_ >= 0) {
-            ::close(file_);
-        }
+        if (file_ >= 0) { ::close(file_); }
     }
 
     bool IsOpen() const { return file_ >= 0; }
@@ -76,16 +74,12 @@ private:
 class StdioFile {
 public:
     explicit StdioFile(const std::string& path) : file_(std::fopen(path.c_str(), "r+be")) {
-        if (file_) {
-            std::setvbuf(file_, nullptr, _IONBF, 0);
-        }
+        if (file_) { std::setvbuf(file_, nullptr, _IONBF, 0); }
     }
     StdioFile(const StdioFile&) = delete;
     StdioFile& operator=(const StdioFile&) = delete;
     ~StdioFile() {
-        if (file_) {
-            std::fclose(file_);
-        }
+        if (file_) { std::fclose(file_); }
     }
 
     bool IsOpen() const { return file_ != nullptr; }
@@ -163,9 +157,7 @@ Replay::Steps Replay::PlanSave(const PhaseTransfers& phase) const {
         const auto end =
             std::find_if(next, phase.transfers.end(),
                          [turn](const Transfer& transfer) { return transfer.effect > turn; });
-        if (next == end) {
-            continue;
-        }
+        if (next == end) { continue; }
         const auto reads =
             static_cast<std::uint64_t>(std::count_if(next, end, [](const Transfer& transfer) {
                 return transfer.kind == Transfer::Kind::Read;
@@ -214,9 +206,7 @@ Replay::Steps Replay::PlanFind(const PhaseTransfers& phase) const {
 void Replay::Create(const std::string& path) const {
     std::ofstream file(path, std::ios::binary);
     file << std::string(firstSize_, '\0');
-    if (!file.flush()) {
-        throw std::runtime_error("can't write " + path);
-    }
+    if (!file.flush()) { throw std::runtime_error("can't write " + path); }
 }
 
 double Replay::Run(const Steps& steps, const std::string& path, Calls calls) {
@@ -224,9 +214,7 @@ double Replay::Run(const Steps& steps, const std::string& path, Calls calls) {
     const bool good =
         calls == Calls::Bare ? Make(steps, BareFile(path)) : Make(steps, StdioFile(path));
     const double time = watch.Nanoseconds();
-    if (!good) {
-        throw std::runtime_error("a transfer could not be repeated");
-    }
+    if (!good) { throw std::runtime_error("a transfer could not be repeated"); }
     return time;
 }
 
@@ -234,9 +222,7 @@ template <typename File>
 bool Replay::Make(const Steps& steps, const File& file) {
     std::size_t queued = 0;
     std::size_t taken = 0;
-    if (!file.IsOpen()) {
-        return false;
-    }
+    if (!file.IsOpen()) { return false; }
     bool good = true;
     for (const Step& step : steps) {
         unsigned char* const frame = frames_.data() + step.frame * kFrameSize;

@@ -42,9 +42,7 @@ public:
                 phase_ = &recorded_.allOnce;
                 break;
             case kNextEffect:
-                if (phase_) {
-                    ++phase_->effects;
-                }
+                if (phase_) { ++phase_->effects; }
                 break;
             default:
                 phase_ = nullptr;
@@ -52,9 +50,7 @@ public:
     }
 
     void Called(const SystemCall& call) {
-        if (phase_) {
-            ++phase_->calls;
-        }
+        if (phase_) { ++phase_->calls; }
         const auto argument = static_cast<int>(call.arguments[0]);
         switch (call.number) {
             case SYS_open:
@@ -83,9 +79,7 @@ public:
                 break;
         }
         const auto file = positions_.find(argument);
-        if (file == positions_.end() || call.result < 0) {
-            return;
-        }
+        if (file == positions_.end() || call.result < 0) { return; }
         const auto result = static_cast<std::uint64_t>(call.result);
         switch (call.number) {
             case SYS_lseek:
@@ -114,16 +108,12 @@ public:
 
 private:
     void Opened(const SystemCall& call) {
-        if (call.result < 0) {
-            return;
-        }
+        if (call.result < 0) { return; }
         const auto descriptor = static_cast<int>(call.result);
         std::error_code error;
         const std::filesystem::path path = std::filesystem::read_symlink(
             "/proc/" + std::to_string(call.thread) + "/fd/" + std::to_string(descriptor), error);
-        if (!error && path.filename() == kCacheFileName) {
-            positions_[descriptor] = 0;
-        }
+        if (!error && path.filename() == kCacheFileName) { positions_[descriptor] = 0; }
     }
 
     void Refuse(int descriptor, const std::string& what) const {
@@ -134,12 +124,8 @@ private:
 
     // A write at or past the end of the file makes it longer.
     void Add(Transfer::Kind kind, std::uint64_t offset, std::uint64_t length) {
-        if (kind == Transfer::Kind::Write && offset >= fileSize_) {
-            kind = Transfer::Kind::Grow;
-        }
-        if (kind != Transfer::Kind::Read) {
-            fileSize_ = std::max(fileSize_, offset + length);
-        }
+        if (kind == Transfer::Kind::Write && offset >= fileSize_) { kind = Transfer::Kind::Grow; }
+        if (kind != Transfer::Kind::Read) { fileSize_ = std::max(fileSize_, offset + length); }
         if (phase_ && length > 0) {
             phase_->transfers.push_back({kind, offset, length, phase_->effects});
         }
@@ -198,9 +184,7 @@ RecordedTransfers RecordTransfers(const FloorTask& task, const std::string& dire
         {scratch.Path(), task.path, std::to_string(task.seed), std::to_string(task.effects.size())},
         [&](const SystemCall& call) { recorder.Called(call); },
         [&](std::uint16_t mark) { recorder.Marked(mark); });
-    if (exitCode != 0) {
-        throw std::runtime_error("the recorded process failed");
-    }
+    if (exitCode != 0) { throw std::runtime_error("the recorded process failed"); }
     return recorder.Recorded();
 }
 
@@ -209,9 +193,7 @@ void WriteTransfers(const std::string& path, const RecordedTransfers& recorded) 
     WritePhase(file, "save", recorded.save);
     WritePhase(file, "open", recorded.open);
     WritePhase(file, "all once", recorded.allOnce);
-    if (!file.flush()) {
-        throw std::runtime_error("can't write " + path);
-    }
+    if (!file.flush()) { throw std::runtime_error("can't write " + path); }
 }
 
 }  // namespace Quorvel::Benchmarks

@@ -126,20 +126,14 @@ nlohmann::ordered_json Describe(std::size_t count, const std::vector<PhaseTimes>
 nlohmann::ordered_json Measure(const Options& options, std::size_t count) {
     const FloorTask task(options.effects, options.seed, count);
     const RecordedTransfers recorded = RecordTransfers(task, options.directory);
-    if (!options.transfers.empty()) {
-        WriteTransfers(options.transfers, recorded);
-    }
+    if (!options.transfers.empty()) { WriteTransfers(options.transfers, recorded); }
     std::vector<PhaseTimes> times = {
         {"save", recorded.save}, {"open", recorded.open}, {"all once", recorded.allOnce}};
     Replay replay(task, recorded, options.clock);
     for (int round = 0; round < options.rounds; ++round) {
-        if (round % 2 == 0) {
-            RunCache(task, options.directory, options.clock, times);
-        }
+        if (round % 2 == 0) { RunCache(task, options.directory, options.clock, times); }
         RunFloor(replay, count, options.directory, times);
-        if (round % 2 != 0) {
-            RunCache(task, options.directory, options.clock, times);
-        }
+        if (round % 2 != 0) { RunCache(task, options.directory, options.clock, times); }
     }
     Print(count, times);
     return Describe(count, times);
@@ -161,9 +155,7 @@ void Run(Options& options) {
     if (!options.json.empty()) {
         std::ofstream file(options.json);
         file << document.dump(1) << '\n';
-        if (!file.flush()) {
-            throw std::runtime_error("can't write " + options.json);
-        }
+        if (!file.flush()) { throw std::runtime_error("can't write " + options.json); }
     }
 }
 
@@ -190,9 +182,7 @@ int main(int argc, char** argv) {
                  "Measure processor time instead of wall-clock time, for a busy machine");
     try {
         int exitCode = 0;
-        if (Quorvel::Testing::RunRequestedAgent(argc, argv, exitCode)) {
-            return exitCode;
-        }
+        if (Quorvel::Testing::RunRequestedAgent(argc, argv, exitCode)) { return exitCode; }
         CLI11_PARSE(app, argc, argv);
         options.clock = byProcessor ? Clock::Processor : Clock::Wall;
         Run(options);

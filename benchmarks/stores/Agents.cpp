@@ -57,9 +57,7 @@ public:
 
 private:
     void Count() {
-        if (++calls_ % kEffectsBetweenSamples == 0) {
-            peak_.Sample();
-        }
+        if (++calls_ % kEffectsBetweenSamples == 0) { peak_.Sample(); }
     }
 
     std::unique_ptr<Store> store_;
@@ -78,25 +76,19 @@ QUORVEL_AGENT(Saver) {
         EffectSource(task.options.effects, task.options.seed).Make(task.first, task.count);
     const bool isShared = task.kind.sharing != Sharing::OneProcessOnly;
     std::unique_ptr<Store> store;
-    if (isShared) {
-        store = task.kind.open(task.directory);
-    }
+    if (isShared) { store = task.kind.open(task.directory); }
     AgentSend("0");
     std::size_t next = 0;
     for (std::string line = AgentReceive(); !line.empty(); line = AgentReceive()) {
         const std::size_t end = next + std::stoull(line);
-        if (!isShared) {
-            store = task.kind.open(task.directory);
-        }
+        if (!isShared) { store = task.kind.open(task.directory); }
         const Stopwatch watch;
         for (; next < end; ++next) {
             store->Save(effects.at(next));
         }
         store->Flush();
         const double time = watch.Nanoseconds();
-        if (!isShared) {
-            store.reset();
-        }
+        if (!isShared) { store.reset(); }
         AgentSend(std::to_string(time));
     }
     return 0;

@@ -27,9 +27,7 @@ public:
     File(const File&) = delete;
     File& operator=(const File&) = delete;
     ~File() {
-        if (descriptor_ >= 0) {
-            ::close(descriptor_);
-        }
+        if (descriptor_ >= 0) { ::close(descriptor_); }
     }
     int Get() const { return descriptor_; }
 
@@ -63,24 +61,18 @@ public:
         const std::string& path = PathOf(name);
         const File file(path, O_RDONLY);
         if (file.Get() < 0) {
-            if (errno == ENOENT) {
-                return std::nullopt;
-            }
+            if (errno == ENOENT) { return std::nullopt; }
             Refuse(path);
         }
         std::uint64_t size = 0;
         std::size_t filled = Read(file, 0);
-        if (filled < sizeof size) {
-            return std::nullopt;
-        }
+        if (filled < sizeof size) { return std::nullopt; }
         std::memcpy(&size, found_.data(), sizeof size);
         if (sizeof size + size > found_.size()) {
             found_.resize(sizeof size + size);
             filled += Read(file, filled);
         }
-        if (filled < sizeof size + size) {
-            return std::nullopt;
-        }
+        if (filled < sizeof size + size) { return std::nullopt; }
         return std::span<const unsigned char>(found_.data() + sizeof size, size);
     }
 

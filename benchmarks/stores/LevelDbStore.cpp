@@ -10,9 +10,7 @@ namespace Quorvel::Benchmarks {
 namespace {
 
 void Check(const leveldb::Status& status) {
-    if (!status.ok()) {
-        throw std::runtime_error("LevelDB: " + status.ToString());
-    }
+    if (!status.ok()) { throw std::runtime_error("LevelDB: " + status.ToString()); }
 }
 
 leveldb::Slice SliceOf(const CStr& name) {
@@ -33,9 +31,7 @@ public:
     void Save(const Effect& effect) override {
         waiting_.Put(SliceOf(effect.name),
                      {reinterpret_cast<const char*>(effect.bytes.data()), effect.bytes.size()});
-        if (batch_.Add(effect)) {
-            Flush();
-        }
+        if (batch_.Add(effect)) { Flush(); }
     }
 
     void Flush() override {
@@ -45,9 +41,7 @@ public:
 
     std::optional<std::span<const unsigned char>> Find(const CStr& name) override {
         const leveldb::Status status = effects_->Get({}, SliceOf(name), &found_);
-        if (status.IsNotFound()) {
-            return std::nullopt;
-        }
+        if (status.IsNotFound()) { return std::nullopt; }
         Check(status);
         return std::span(reinterpret_cast<const unsigned char*>(found_.data()), found_.size());
     }

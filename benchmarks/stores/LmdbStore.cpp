@@ -40,22 +40,16 @@ public:
 
     ~LmdbStore() override {
         mdb_txn_abort(reading_);
-        if (writing_) {
-            mdb_txn_abort(writing_);
-        }
+        if (writing_) { mdb_txn_abort(writing_); }
         mdb_env_close(environment_);
     }
 
     void Save(const Effect& effect) override {
-        if (!writing_) {
-            Check(mdb_txn_begin(environment_, nullptr, 0, &writing_));
-        }
+        if (!writing_) { Check(mdb_txn_begin(environment_, nullptr, 0, &writing_)); }
         MDB_val name = ValueOf(effect.name.data(), effect.name.Length());
         MDB_val bytes = ValueOf(effect.bytes.data(), effect.bytes.size());
         Check(mdb_put(writing_, effects_, &name, &bytes, 0));
-        if (batch_.Add(effect)) {
-            Flush();
-        }
+        if (batch_.Add(effect)) { Flush(); }
     }
 
     void Flush() override {
@@ -76,9 +70,7 @@ public:
             std::memcpy(found_.data(), bytes.mv_data, bytes.mv_size);
         }
         mdb_txn_reset(reading_);
-        if (result == MDB_NOTFOUND) {
-            return std::nullopt;
-        }
+        if (result == MDB_NOTFOUND) { return std::nullopt; }
         Check(result);
         return found_;
     }

@@ -26,18 +26,14 @@ public:
     }
 
     std::optional<std::span<const unsigned char>> Find(const CStr& name) override {
-        if (!cache_->SearchCachedEffects(name, found_)) {
-            return std::nullopt;
-        }
+        if (!cache_->SearchCachedEffects(name, found_)) { return std::nullopt; }
         return std::span<const unsigned char>(found_.Addr(0),
                                               static_cast<std::size_t>(found_.Count()));
     }
 
 private:
     void Check() const {
-        if (!cache_->IsEnabled()) {
-            throw std::runtime_error("the cache is inert");
-        }
+        if (!cache_->IsEnabled()) { throw std::runtime_error("the cache is inert"); }
     }
 
     Util::RefPtr<EffectCacheSystem> cache_;

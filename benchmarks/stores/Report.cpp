@@ -13,18 +13,14 @@ namespace {
 
 const FigureDescription& Describe(Figure figure) {
     for (const FigureDescription& description : Figures()) {
-        if (description.figure == figure) {
-            return description;
-        }
+        if (description.figure == figure) { return description; }
     }
     throw std::logic_error("a figure without a description");
 }
 
 std::string Cell(const Samples& samples, const FigureDescription& description) {
     const auto found = samples.find(description.figure);
-    if (found == samples.end() || found->second.empty()) {
-        return "-";
-    }
+    if (found == samples.end() || found->second.empty()) { return "-"; }
     const double median = Median(found->second);
     char text[48];
     if (found->second.size() < 2) {
@@ -53,9 +49,7 @@ void PrintTable(const WorkloadResults& results, const char* title,
     std::printf("\n");
     for (const StoreKind& kind : StoreKinds()) {
         const auto samples = results.byStore.find(kind.name);
-        if (samples == results.byStore.end()) {
-            continue;
-        }
+        if (samples == results.byStore.end()) { continue; }
         std::printf("%-10s", kind.title.c_str());
         for (const Figure figure : figures) {
             const std::string cell = Cell(samples->second, Describe(figure));
@@ -96,16 +90,12 @@ void WriteJson(const std::string& path, const std::vector<WorkloadResults>& resu
         entry["name_bytes"] = result.nameBytes;
         for (const StoreKind& kind : StoreKinds()) {
             const auto samples = result.byStore.find(kind.name);
-            if (samples == result.byStore.end()) {
-                continue;
-            }
+            if (samples == result.byStore.end()) { continue; }
             nlohmann::ordered_json store;
             store["title"] = kind.title;
             for (const FigureDescription& description : Figures()) {
                 const auto found = samples->second.find(description.figure);
-                if (found != samples->second.end()) {
-                    store[description.name] = found->second;
-                }
+                if (found != samples->second.end()) { store[description.name] = found->second; }
             }
             entry["stores"][kind.name] = store;
         }
@@ -113,9 +103,7 @@ void WriteJson(const std::string& path, const std::vector<WorkloadResults>& resu
     }
     std::ofstream file(path);
     file << document.dump(1) << '\n';
-    if (!file.flush()) {
-        throw std::runtime_error("can't write " + path);
-    }
+    if (!file.flush()) { throw std::runtime_error("can't write " + path); }
 }
 
 }  // namespace Quorvel::Benchmarks

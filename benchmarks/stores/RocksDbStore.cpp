@@ -13,9 +13,7 @@ namespace Quorvel::Benchmarks {
 namespace {
 
 void Check(const rocksdb::Status& status) {
-    if (!status.ok()) {
-        throw std::runtime_error("RocksDB: " + status.ToString());
-    }
+    if (!status.ok()) { throw std::runtime_error("RocksDB: " + status.ToString()); }
 }
 
 rocksdb::Slice SliceOf(const CStr& name) {
@@ -25,9 +23,7 @@ rocksdb::Slice SliceOf(const CStr& name) {
 std::optional<std::span<const unsigned char>> Get(rocksdb::DB& effects, const CStr& name,
                                                   std::string& found) {
     const rocksdb::Status status = effects.Get({}, SliceOf(name), &found);
-    if (status.IsNotFound()) {
-        return std::nullopt;
-    }
+    if (status.IsNotFound()) { return std::nullopt; }
     Check(status);
     return std::span(reinterpret_cast<const unsigned char*>(found.data()), found.size());
 }
@@ -48,9 +44,7 @@ public:
         Check(waiting_.Put(
             SliceOf(effect.name),
             {reinterpret_cast<const char*>(effect.bytes.data()), effect.bytes.size()}));
-        if (batch_.Add(effect)) {
-            Write();
-        }
+        if (batch_.Add(effect)) { Write(); }
     }
 
     void Flush() override {

@@ -97,9 +97,7 @@ public:
         insert_.Bind(1, effect.name.data(), effect.name.Length());
         insert_.Bind(2, effect.bytes.data(), effect.bytes.size());
         insert_.Run();
-        if (batch_.Add(effect)) {
-            Flush();
-        }
+        if (batch_.Add(effect)) { Flush(); }
     }
 
     void Flush() override {
@@ -117,9 +115,7 @@ public:
             found_.assign(bytes.begin(), bytes.end());
         }
         select_.Reset();
-        if (!isFound) {
-            return std::nullopt;
-        }
+        if (!isFound) { return std::nullopt; }
         return found_;
     }
 

@@ -17,9 +17,7 @@ StopFlag::StopFlag(const std::string& path) {
     }
     const int error = errno;
     ::close(descriptor);
-    if (view == MAP_FAILED) {
-        throw std::system_error(error, std::generic_category(), path);
-    }
+    if (view == MAP_FAILED) { throw std::system_error(error, std::generic_category(), path); }
     flag_ = static_cast<std::atomic<int>*>(view);
 }
 

@@ -18,9 +18,7 @@ const std::vector<StoreKind>& StoreKinds() {
 
 const StoreKind& FindStoreKind(const std::string& name) {
     for (const StoreKind& kind : StoreKinds()) {
-        if (kind.name == name) {
-            return kind;
-        }
+        if (kind.name == name) { return kind; }
     }
     throw std::runtime_error("unknown store " + name);
 }

@@ -38,9 +38,7 @@ public:
     // Returns true when this effect completes the batch, which is then empty again.
     bool Add(const Effect& effect) {
         bytes_ += kRecordSize + effect.name.Length() + effect.bytes.size();
-        if (bytes_ < kBatchSize) {
-            return false;
-        }
+        if (bytes_ < kBatchSize) { return false; }
         bytes_ = 0;
         return true;
     }

@@ -43,9 +43,7 @@ std::shared_ptr<const ScratchDirectory> MakeFolder(const StoreKind& kind,
                                                    const std::string& parent) {
     static std::vector<std::shared_ptr<const ScratchDirectory>> kept;
     auto folder = std::make_shared<const ScratchDirectory>(parent);
-    if (kind.hasFilePerEffect) {
-        kept.push_back(folder);
-    }
+    if (kind.hasFilePerEffect) { kept.push_back(folder); }
     return folder;
 }
 
@@ -63,9 +61,7 @@ void CheckBriefly(const Effect& effect,
 std::vector<double> NumbersIn(const std::string& line, std::size_t count) {
     std::istringstream words(line);
     std::vector<double> numbers{std::istream_iterator<double>(words), {}};
-    if (numbers.size() < count) {
-        Fail("an agent failed: " + line);
-    }
+    if (numbers.size() < count) { Fail("an agent failed: " + line); }
     return numbers;
 }
 
@@ -202,9 +198,7 @@ void Workload::RunRound(const StoreKind& kind, Samples& samples) const {
     }
     if (options_.withProcesses) {
         TimeAfterSave(kind, directory, samples[Figure::AfterSave]);
-        if (kind.sharing != Sharing::OneProcessOnly) {
-            TimeBeside(kind, directory, samples);
-        }
+        if (kind.sharing != Sharing::OneProcessOnly) { TimeBeside(kind, directory, samples); }
     }
 }
 
@@ -237,14 +231,10 @@ void Workload::TimeAfterSave(const StoreKind& kind, const std::string& directory
     for (std::size_t save = 0; save < kSavesSeen; ++save) {
         NumbersIn(saver.Ask(std::to_string(kEffectsInSave)), 1);
         const Stopwatch watch;
-        if (!isShared) {
-            store = kind.open(directory);
-        }
+        if (!isShared) { store = kind.open(directory); }
         FindOne(*store, searchOrder_[save % searchOrder_.size()]);
         times.push_back(watch.Nanoseconds() / kMillisecond);
-        if (!isShared) {
-            store.reset();
-        }
+        if (!isShared) { store.reset(); }
     }
     saver.Wait();
     samples.push_back(Median(times));
@@ -302,12 +292,8 @@ std::vector<std::string> Workload::AgentArguments(const StoreKind& kind,
 }
 
 void Workload::RunOnce(const StoreKind& kind, Samples& samples) const {
-    if (options_.withMemory) {
-        MeasureMemory(kind, samples);
-    }
-    if (options_.withCalls) {
-        CountCalls(kind, samples);
-    }
+    if (options_.withMemory) { MeasureMemory(kind, samples); }
+    if (options_.withCalls) { CountCalls(kind, samples); }
 }
 
 // Saves in one process and searches in another, so that their memory is measured separately.
@@ -334,9 +320,7 @@ void Workload::CountCalls(const StoreKind& kind, Samples& samples) const {
         const int exitCode = Trace(
             kCallsAgent, AgentArguments(kind, directory, 0, effects_.size()),
             [&](const SystemCall&) { ++counts[phase]; }, [&](std::uint16_t mark) { phase = mark; });
-        if (exitCode != 0) {
-            Fail("the traced process failed");
-        }
+        if (exitCode != 0) { Fail("the traced process failed"); }
     } catch (const std::system_error&) {
         return;  // without ptrace there are no figures
     }

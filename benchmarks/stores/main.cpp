@@ -28,9 +28,7 @@ struct Options {
 
 // Shows the progress on a terminal, replacing the previous text.
 void ShowProgress(const std::string& text) {
-    if (::isatty(STDERR_FILENO)) {
-        std::fprintf(stderr, "\r%-70s\r", text.c_str());
-    }
+    if (::isatty(STDERR_FILENO)) { std::fprintf(stderr, "\r%-70s\r", text.c_str()); }
 }
 
 // Rounds are interleaved: each round measures every store once and starts with a different one.
@@ -74,9 +72,7 @@ void Run(Options& options) {
         results.push_back(Measure(options, count));
         PrintTables(results.back());
     }
-    if (!options.json.empty()) {
-        WriteJson(options.json, results, source.Description(), machine);
-    }
+    if (!options.json.empty()) { WriteJson(options.json, results, source.Description(), machine); }
 }
 
 }  // namespace
@@ -84,9 +80,7 @@ void Run(Options& options) {
 int main(int argc, char** argv) {
     int exitCode = 0;
     try {
-        if (Quorvel::Testing::RunRequestedAgent(argc, argv, exitCode)) {
-            return exitCode;
-        }
+        if (Quorvel::Testing::RunRequestedAgent(argc, argv, exitCode)) { return exitCode; }
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "%s\n", failure.what());
         return 1;

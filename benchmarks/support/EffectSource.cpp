@@ -69,16 +69,12 @@ std::vector<unsigned char> SyntheticBytes(Random& random) {
 std::vector<unsigned char> ReadFile(const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary);
     std::vector<unsigned char> bytes{std::istreambuf_iterator<char>(file), {}};
-    if (!file || bytes.empty()) {
-        throw std::runtime_error("can't read " + path.string());
-    }
+    if (!file || bytes.empty()) { throw std::runtime_error("can't read " + path.string()); }
     return bytes;
 }
 
 bool IsUsable(const std::filesystem::path& path) {
-    if (!std::filesystem::is_regular_file(path)) {
-        return false;
-    }
+    if (!std::filesystem::is_regular_file(path)) { return false; }
     const std::uintmax_t size = std::filesystem::file_size(path);
     return size > 0 && size <= kLargestFile;
 }
@@ -86,17 +82,13 @@ bool IsUsable(const std::filesystem::path& path) {
 }  // namespace
 
 EffectSource::EffectSource(const std::string& path, std::uint64_t seed) : path_(path), seed_(seed) {
-    if (path.empty()) {
-        return;
-    }
+    if (path.empty()) { return; }
     if (std::filesystem::is_directory(path)) {
         ListDirectory(path);
     } else {
         ReadList(path);
     }
-    if (files_.empty()) {
-        throw std::runtime_error("no effects in " + path);
-    }
+    if (files_.empty()) { throw std::runtime_error("no effects in " + path); }
 }
 
 void EffectSource::ListDirectory(const std::filesystem::path& directory) {
@@ -112,9 +104,7 @@ void EffectSource::ListDirectory(const std::filesystem::path& directory) {
 
 void EffectSource::ReadList(const std::filesystem::path& list) {
     std::ifstream lines(list);
-    if (!lines) {
-        throw std::runtime_error("can't read " + list.string());
-    }
+    if (!lines) { throw std::runtime_error("can't read " + list.string()); }
     for (std::string line; std::getline(lines, line);) {
         const std::size_t tab = line.find('\t');
         const std::string file = line.substr(0, tab);

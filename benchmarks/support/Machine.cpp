@@ -15,9 +15,7 @@ namespace {
 std::string ProcessorName() {
     std::ifstream lines("/proc/cpuinfo");
     for (std::string line; std::getline(lines, line);) {
-        if (line.starts_with("model name")) {
-            return line.substr(line.find(':') + 2);
-        }
+        if (line.starts_with("model name")) { return line.substr(line.find(':') + 2); }
     }
     return "unknown processor";
 }

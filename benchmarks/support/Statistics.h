@@ -38,9 +38,7 @@ private:
 
 // The value below which the given part of the samples lies, interpolated; 0 without samples.
 inline double Quantile(std::vector<double> samples, double part) {
-    if (samples.empty()) {
-        return 0;
-    }
+    if (samples.empty()) { return 0; }
     std::sort(samples.begin(), samples.end());
     const double place = part * static_cast<double>(samples.size() - 1);
     const auto below = static_cast<std::size_t>(place);

@@ -32,9 +32,7 @@ pid_t StartStopped(const std::vector<std::string>& words) {
     }
     argv.push_back(nullptr);
     const pid_t child = ::fork();
-    if (child < 0) {
-        Refuse("fork");
-    }
+    if (child < 0) { Refuse("fork"); }
     if (child == 0) {
         if (::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == 0) {
             ::raise(SIGSTOP);
@@ -109,9 +107,7 @@ int Trace(const std::string& agent, const std::vector<std::string>& arguments,
     for (;;) {
         int status = 0;
         const pid_t thread = ::waitpid(-1, &status, __WALL);
-        if (thread < 0) {
-            Refuse("waitpid");
-        }
+        if (thread < 0) { Refuse("waitpid"); }
         if (WIFSTOPPED(status)) {
             long signal = 0;
             if (WSTOPSIG(status) == kCallStop) {

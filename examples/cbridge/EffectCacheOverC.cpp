@@ -60,16 +60,13 @@ void EffectCacheSystem::CacheCompiledEffect(const CStr& name, const unsigned cha
 bool EffectCacheSystem::SearchCachedEffects(const CStr& name, Tab<unsigned char>& data) {
     std::uint64_t size = 0;
     void* const found = ::QuorvelCacheSearch(impl_->cache, name.data(), name.Length(), &size);
-    if (!found) {
-        return false;
-    }
+    if (!found) { return false; }
     bool taken = false;
     try {
         data.SetCount(static_cast<int>(size));
         std::memcpy(data.Addr(0), found, static_cast<std::size_t>(size));
         taken = true;
-    } catch (const std::bad_alloc&) {
-    }
+    } catch (const std::bad_alloc&) {}
     ::QuorvelFree(found);
     return taken;
 }

@@ -21,9 +21,7 @@ QuorvelCache* QuorvelCacheOpen(const char* folder, size_t folderLength, uint32_t
         *code = error.errorCode;
     } catch (const Quorvel::OutOfMemoryException&) {
         *failure = kQuorvelOutOfPages;
-    } catch (const std::bad_alloc&) {
-        *failure = kQuorvelOutOfMemory;
-    }
+    } catch (const std::bad_alloc&) { *failure = kQuorvelOutOfMemory; }
     return nullptr;
 }
 
@@ -38,22 +36,17 @@ void QuorvelCacheAdd(QuorvelCache* cache, const char* name, size_t nameLength, c
     try {
         cache->system->CacheCompiledEffect(
             CStr(name, nameLength), static_cast<const unsigned char*>(data), size, permanent != 0);
-    } catch (const std::bad_alloc&) {
-    }
+    } catch (const std::bad_alloc&) {}
 }
 
 void* QuorvelCacheSearch(QuorvelCache* cache, const char* name, size_t nameLength, uint64_t* size) {
     try {
         Tab<unsigned char> found;
-        if (!cache->system->SearchCachedEffects(CStr(name, nameLength), found)) {
-            return nullptr;
-        }
+        if (!cache->system->SearchCachedEffects(CStr(name, nameLength), found)) { return nullptr; }
         *size = static_cast<uint64_t>(found.Count());
         void* const copy = std::malloc(static_cast<size_t>(*size));
         return copy ? std::memcpy(copy, found.Addr(0), static_cast<size_t>(*size)) : nullptr;
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
+    } catch (const std::bad_alloc&) { return nullptr; }
 }
 
 void QuorvelFree(void* data) {

@@ -52,9 +52,7 @@ Bytes PackCachedEffect(std::string_view name, const CachedEffect& effect) {
 std::optional<CachedEffect> UnpackCachedEffect(std::string_view name, const unsigned char* block,
                                                std::size_t size) {
     BlockHeader header;
-    if (size < sizeof(header)) {
-        return std::nullopt;
-    }
+    if (size < sizeof(header)) { return std::nullopt; }
     std::memcpy(&header, block, sizeof(header));
     const unsigned char* bytes = block + sizeof(header);
     const std::size_t byteCount = size - sizeof(header);

@@ -12,9 +12,7 @@ namespace EffectHost {
 // Opening a file takes the lowest free number.
 void PrepareStandardStreams() {
     for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
-        if (fcntl(stream, F_GETFD) == -1) {
-            open("/dev/null", O_RDWR);
-        }
+        if (fcntl(stream, F_GETFD) == -1) { open("/dev/null", O_RDWR); }
     }
     std::signal(SIGPIPE, SIG_IGN);
 }

@@ -27,9 +27,7 @@ public:
 
     void ParseLine(std::string_view line, int number) {
         constexpr std::string_view kMark = "//@";
-        if (!line.starts_with(kMark)) {
-            return;
-        }
+        if (!line.starts_with(kMark)) { return; }
         where_ = fmt::format("{}:{}", file_, number);
         const std::vector<std::string> words = SplitWords(line.substr(kMark.size()));
         if (words.size() >= 3 && words[0] == "axis") {
@@ -43,9 +41,7 @@ public:
 
     EffectDeclaration Finish() {
         where_ = file_;
-        if (declaration_.programs.empty()) {
-            Fail("declares no program");
-        }
+        if (declaration_.programs.empty()) { Fail("declares no program"); }
         for (const MacroAxis& axis : axes_) {
             if (!used_.contains(axis.macro)) {
                 Fail(fmt::format("no program uses the axis {}", axis.macro));
@@ -56,9 +52,7 @@ public:
 
 private:
     void AddAxis(const std::vector<std::string>& words) {
-        if (FindAxis(words[1])) {
-            Fail(fmt::format("the axis {} is declared twice", words[1]));
-        }
+        if (FindAxis(words[1])) { Fail(fmt::format("the axis {} is declared twice", words[1])); }
         const std::set<std::string> values(words.begin() + 2, words.end());
         if (values.size() != words.size() - 2) {
             Fail(fmt::format("the axis {} has a value twice", words[1]));
@@ -69,17 +63,13 @@ private:
     void AddProgram(const std::vector<std::string>& words) {
         const std::set<std::string> named(words.begin() + 3, words.end());
         for (const std::string& macro : named) {
-            if (!FindAxis(macro)) {
-                Fail(fmt::format("the axis {} is not declared above", macro));
-            }
+            if (!FindAxis(macro)) { Fail(fmt::format("the axis {} is not declared above", macro)); }
         }
         used_.insert(named.begin(), named.end());
 
         EffectProgram program{words[1], words[2], axes_};
         for (MacroAxis& axis : program.axes) {
-            if (!named.contains(axis.macro)) {
-                axis.values.resize(1);
-            }
+            if (!named.contains(axis.macro)) { axis.values.resize(1); }
         }
         declaration_.programs.push_back(std::move(program));
     }

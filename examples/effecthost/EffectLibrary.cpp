@@ -25,9 +25,7 @@ std::vector<std::string> FindSources(const std::filesystem::path& folder) {
     std::error_code error;
     std::vector<std::string> files;
     for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
-        if (IsSource(entry.path())) {
-            files.push_back(ToText(entry.path().filename()));
-        }
+        if (IsSource(entry.path())) { files.push_back(ToText(entry.path().filename())); }
     }
     if (error) {
         throw Failure(ExitCode::BadEffects, fmt::format("can't read the effects folder {}: {}",

@@ -22,12 +22,8 @@ namespace EffectHost {
 namespace {
 
 ProgressStyle ChooseProgress(const Options& options) {
-    if (options.worker) {
-        return ProgressStyle::Reports;
-    }
-    if (options.quiet || options.json) {
-        return ProgressStyle::None;
-    }
+    if (options.worker) { return ProgressStyle::Reports; }
+    if (options.quiet || options.json) { return ProgressStyle::None; }
     return StandardOutputIsTerminal() ? ProgressStyle::Bar : ProgressStyle::Lines;
 }
 
@@ -46,21 +42,15 @@ void Conclude(Session& session, Summary summary, const Stopwatch& run, const Opt
     try {
         session.RequireAllSaved();
         session.Verify(options.verify);
-        if (!options.listing.empty()) {
-            session.Cache().WriteListing(options.listing);
-        }
-    } catch (const Failure&) {
-        problem = std::current_exception();
-    }
+        if (!options.listing.empty()) { session.Cache().WriteListing(options.listing); }
+    } catch (const Failure&) { problem = std::current_exception(); }
     const Summary checked = session.Result();
     summary.verified = checked.verified;
     summary.checkTime = checked.checkTime;
     summary.effectsInFile = checked.effectsInFile;
     summary.wallTime = run.Microseconds();
     Print(summary, options, out);
-    if (problem) {
-        std::rethrow_exception(problem);
-    }
+    if (problem) { std::rethrow_exception(problem); }
 }
 
 void RunAlone(const Options& options, const EffectLibrary& library, const Stopwatch& run,
@@ -99,13 +89,9 @@ void RunGroup(const Options& options, const EffectLibrary& library, const Stopwa
 
 void Run(Options options, std::ostream& out) {
     const Stopwatch run;
-    if (options.worker) {
-        StopAtEndOfInput();
-    }
+    if (options.worker) { StopAtEndOfInput(); }
     options.cacheDirectory = FindCacheDirectory(options.cacheDirectory);
-    if (!options.listing.empty()) {
-        RequireListingFile(options.listing, options.cacheDirectory);
-    }
+    if (!options.listing.empty()) { RequireListingFile(options.listing, options.cacheDirectory); }
     const EffectLibrary library = LoadEffectLibrary(options.effectsFolder);
     if (options.processes > 1) {
         RunGroup(options, library, run, out);
@@ -115,9 +101,7 @@ void Run(Options options, std::ostream& out) {
 }
 
 void RequireOutput(std::ostream& out) {
-    if (!out.flush()) {
-        throw Failure(ExitCode::OutputFailed, "can't write the output");
-    }
+    if (!out.flush()) { throw Failure(ExitCode::OutputFailed, "can't write the output"); }
 }
 
 int Report(ExitCode code, const char* message, std::ostream& err) {
@@ -133,9 +117,7 @@ int RunHost(int argc, const char* const* argv, std::ostream& out, std::ostream& 
     try {
         const auto options = ParseOptions(CommandLineWords(argc, argv),
                                           ExecutablePath().parent_path() / "effects", out);
-        if (options) {
-            Run(*options, out);
-        }
+        if (options) { Run(*options, out); }
         RequireOutput(out);
         return static_cast<int>(ExitCode::Success);
     } catch (const Failure& failure) {

@@ -51,13 +51,9 @@ HostCache::HostCache(const std::filesystem::path& directory) : directory_(direct
 HostCache::Result HostCache::Find(const std::string& name, CachedEffect& effect) {
     const TimedScope watch(searchTime_);
     Tab<unsigned char> block;
-    if (!cache_->SearchCachedEffects(ToCStr(name), block)) {
-        return Result::Missing;
-    }
+    if (!cache_->SearchCachedEffects(ToCStr(name), block)) { return Result::Missing; }
     auto found = UnpackCachedEffect(name, block.Addr(0), static_cast<std::size_t>(block.Count()));
-    if (!found) {
-        return Result::Damaged;
-    }
+    if (!found) { return Result::Damaged; }
     effect = std::move(*found);
     return Result::Found;
 }

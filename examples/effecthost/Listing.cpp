@@ -18,15 +18,11 @@ void RequireListingFile(const std::filesystem::path& listing,
     std::error_code error;
     const std::filesystem::file_status status = std::filesystem::status(listing, error);
     const bool isNew = !std::filesystem::exists(status);
-    if (!isNew && !is_regular_file(status) && !is_directory(status)) {
-        return;
-    }
+    if (!isNew && !is_regular_file(status) && !is_directory(status)) { return; }
     const bool isWritable = std::ofstream(listing, std::ios::app).is_open();
     const bool isCache =
         std::filesystem::equivalent(listing, cacheDirectory / kCacheFileName, error);
-    if (isNew && isWritable) {
-        std::filesystem::remove(listing, error);
-    }
+    if (isNew && isWritable) { std::filesystem::remove(listing, error); }
     if (isCache) {
         throw Failure(ExitCode::BadUsage,
                       fmt::format("the listing {} would overwrite the cache", ToText(listing)));

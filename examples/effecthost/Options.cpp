@@ -91,9 +91,7 @@ CLI::Option* AddOptionalNumber(CLI::App& app, const std::string& name, const std
 }
 
 std::size_t NumberOr(const CLI::Option& option, std::size_t notGiven, std::size_t withoutNumber) {
-    if (option.count() == 0) {
-        return notGiven;
-    }
+    if (option.count() == 0) { return notGiven; }
     const std::string text = option.as<std::string>();
     return text.empty() || text == "true" ? withoutNumber : option.as<std::size_t>();
 }

@@ -35,9 +35,7 @@ Handle OpenFolder(const std::filesystem::path& folder) {
 std::wstring WithoutPrefix(const std::wstring& path) {
     constexpr std::wstring_view kServerPrefix = L"\\\\?\\UNC\\";
     constexpr std::wstring_view kPrefix = L"\\\\?\\";
-    if (path.starts_with(kServerPrefix)) {
-        return L"\\\\" + path.substr(kServerPrefix.size());
-    }
+    if (path.starts_with(kServerPrefix)) { return L"\\\\" + path.substr(kServerPrefix.size()); }
     return path.starts_with(kPrefix) ? path.substr(kPrefix.size()) : path;
 }
 
@@ -96,9 +94,7 @@ std::filesystem::path CanonicalFolder(const std::filesystem::path& folder) {
 
 std::optional<std::string> SpellingForFopen(const std::filesystem::path& path) {
     const std::string spelling = FromWide(path.native(), CP_ACP);
-    if (ToWide(spelling, CP_ACP) != path.native()) {
-        return std::nullopt;
-    }
+    if (ToWide(spelling, CP_ACP) != path.native()) { return std::nullopt; }
     return spelling;
 }
 

@@ -51,9 +51,7 @@ public:
         }
         std::unique_lock lock(mutex_);
         while (!change_.wait_for(lock, kStopPollInterval, [this] { return HaveAllEnded(); })) {
-            if (StopRequested()) {
-                RequestStop();
-            }
+            if (StopRequested()) { RequestStop(); }
         }
         return workers_;
     }

@@ -28,9 +28,7 @@ std::optional<std::string> ChildProcess::ReadLine() {
     }
     std::string line = unread_.substr(0, end);
     unread_.erase(0, end + 1);
-    if (line.ends_with('\r')) {
-        line.pop_back();
-    }
+    if (line.ends_with('\r')) { line.pop_back(); }
     return line;
 }
 

@@ -33,9 +33,7 @@ public:
 
     int Get() const { return number_; }
     void Close() {
-        if (number_ != -1) {
-            close(std::exchange(number_, -1));
-        }
+        if (number_ != -1) { close(std::exchange(number_, -1)); }
     }
 
 private:
@@ -60,9 +58,7 @@ private:
 // or 0.
 int MakePipe(Descriptor& readEnd, Descriptor& writeEnd) {
     int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) {
-        return errno;
-    }
+    if (pipe2(ends, O_CLOEXEC) != 0) { return errno; }
     readEnd = Descriptor(ends[0]);
     writeEnd = Descriptor(ends[1]);
     return 0;
@@ -94,30 +90,22 @@ ChildProcess::ChildProcess(const std::filesystem::path& program,
     Descriptor childInput;
     Descriptor childOutput;
     int error = MakePipe(childInput, state_->input);
-    if (error == 0) {
-        error = MakePipe(state_->output, childOutput);
-    }
+    if (error == 0) { error = MakePipe(state_->output, childOutput); }
     if (error == 0) {
         FileActions actions;
         actions.Redirect(STDIN_FILENO, childInput.Get());
         actions.Redirect(STDOUT_FILENO, childOutput.Get());
-        if (errors == Errors::Captured) {
-            actions.Redirect(STDERR_FILENO, childOutput.Get());
-        }
+        if (errors == Errors::Captured) { actions.Redirect(STDERR_FILENO, childOutput.Get()); }
         error = Spawn(state_->process, actions, program.string(), arguments);
     }
-    if (error != 0) {
-        ThrowStartFailure(program.string(), error);
-    }
+    if (error != 0) { ThrowStartFailure(program.string(), error); }
     state_->isRunning = true;
 }
 
 ChildProcess::ChildProcess(ChildProcess&&) noexcept = default;
 
 ChildProcess::~ChildProcess() {
-    if (state_) {
-        StopAndWait();
-    }
+    if (state_) { StopAndWait(); }
 }
 
 unsigned long ChildProcess::Id() const {
@@ -138,9 +126,7 @@ void ChildProcess::RequestStop() {
 
 // For a process killed by a signal, the exit code is the negative signal number.
 int ChildProcess::Wait() {
-    if (!std::exchange(state_->isRunning, false)) {
-        return state_->exitCode;
-    }
+    if (!std::exchange(state_->isRunning, false)) { return state_->exitCode; }
     int status = 0;
     pid_t ended;
     do {
@@ -153,9 +139,7 @@ int ChildProcess::Wait() {
 }
 
 std::string DescribeEnd(int exitCode) {
-    if (exitCode >= 0) {
-        return fmt::format("ended with exit code {}", exitCode);
-    }
+    if (exitCode >= 0) { return fmt::format("ended with exit code {}", exitCode); }
     return fmt::format("was killed by signal {} ({})", -exitCode, strsignal(-exitCode));
 }
 

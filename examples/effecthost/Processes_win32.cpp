@@ -26,9 +26,7 @@ using Handle = std::unique_ptr<void, CloseKernelHandle>;
 
 bool MakePipe(Handle& readEnd, Handle& writeEnd) {
     HANDLE ends[2];
-    if (!CreatePipe(&ends[0], &ends[1], nullptr, 0)) {
-        return false;
-    }
+    if (!CreatePipe(&ends[0], &ends[1], nullptr, 0)) { return false; }
     readEnd.reset(ends[0]);
     writeEnd.reset(ends[1]);
     return true;
@@ -44,9 +42,7 @@ std::string Quote(const std::string& word) {
     std::string quoted = "\"";
     std::size_t backslashes = 0;
     for (const char c : word) {
-        if (c == '"') {
-            quoted.append(backslashes + 1, '\\');
-        }
+        if (c == '"') { quoted.append(backslashes + 1, '\\'); }
         backslashes = c == '\\' ? backslashes + 1 : 0;
         quoted += c;
     }
@@ -99,9 +95,7 @@ ChildProcess::ChildProcess(const std::filesystem::path& program,
 ChildProcess::ChildProcess(ChildProcess&&) noexcept = default;
 
 ChildProcess::~ChildProcess() {
-    if (state_) {
-        StopAndWait();
-    }
+    if (state_) { StopAndWait(); }
 }
 
 unsigned long ChildProcess::Id() const {
@@ -130,9 +124,7 @@ int ChildProcess::Wait() {
 
 // Only crashed processes have negative codes.
 std::string DescribeEnd(int exitCode) {
-    if (exitCode >= 0) {
-        return fmt::format("ended with exit code {}", exitCode);
-    }
+    if (exitCode >= 0) { return fmt::format("ended with exit code {}", exitCode); }
     return fmt::format("was killed (code {:#x})", static_cast<unsigned int>(exitCode));
 }
 

@@ -21,9 +21,7 @@ constexpr const char* kReport = "progress";
 std::string BarText(std::size_t done, std::size_t total, const std::string& text,
                     std::size_t columns) {
     constexpr std::size_t kBrackets = 3;  // including a blank
-    if (text.size() + kBrackets + kNarrowestBar > columns) {
-        return text.substr(0, columns);
-    }
+    if (text.size() + kBrackets + kNarrowestBar > columns) { return text.substr(0, columns); }
     const std::size_t width = std::min(kWidestBar, columns - text.size() - kBrackets);
     const std::size_t filled = done * width / total;
     return fmt::format("[{:#<{}}{:{}}] {}", "", filled, "", width - filled, text);
@@ -35,9 +33,7 @@ Progress::Progress(std::ostream& out, ProgressStyle style, std::size_t total, st
     : out_(out), style_(style), total_(total), width_(width) {}
 
 Progress::~Progress() {
-    if (lineIsOpen_) {
-        out_ << std::endl;
-    }
+    if (lineIsOpen_) { out_ << std::endl; }
 }
 
 void Progress::Advance(bool compiled) {
@@ -58,9 +54,7 @@ void Progress::Show(std::size_t done, std::size_t compiled) {
 
 bool Progress::IsTimeToDraw() {
     const auto now = std::chrono::steady_clock::now();
-    if (done_ < total_ && now - lastDrawn_ < kRedrawInterval) {
-        return false;
-    }
+    if (done_ < total_ && now - lastDrawn_ < kRedrawInterval) { return false; }
     lastDrawn_ = now;
     return true;
 }

@@ -31,9 +31,7 @@ Session::Session(const Options& options, const EffectLibrary& library,
 void Session::GetAllEffects(Progress& progress) {
     const std::size_t count = library_.variants.size();
     for (std::size_t i = 0; i < count; ++i) {
-        if (StopRequested()) {
-            SaveAndStop(i);
-        }
+        if (StopRequested()) { SaveAndStop(i); }
         const bool compiled = GetEffect((options_.start + i) % count);
         if (compiled && options_.saveEvery > 0 &&
             summary_.compiledEffects.size() % options_.saveEvery == 0) {
@@ -152,9 +150,7 @@ void Session::Verify(std::size_t count) {
 bool Session::IsSame(const EffectVariant& variant, const std::string& name) {
     CachedEffect effect;
     const HostCache::Result result = cache_.Find(name, effect);
-    if (result == HostCache::Result::Missing) {
-        return false;
-    }
+    if (result == HostCache::Result::Missing) { return false; }
     if (result == HostCache::Result::Damaged || effect.bytes != compiler_.Compile(variant)) {
         throw Failure(ExitCode::VerificationFailed,
                       fmt::format("the cache returns other bytes than the compiler for {}", name));

@@ -33,9 +33,7 @@ public:
     HRESULT STDMETHODCALLTYPE Open(D3D_INCLUDE_TYPE, const char* name, const void*,
                                    const void** text, UINT* size) override {
         const auto found = source_.includes.find(name);
-        if (found == source_.includes.end()) {
-            return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
-        }
+        if (found == source_.includes.end()) { return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND); }
         *text = found->second.data();
         *size = static_cast<UINT>(found->second.size());
         return S_OK;
@@ -58,9 +56,7 @@ std::vector<D3D_SHADER_MACRO> MakeMacros(const EffectVariant& variant) {
 }
 
 std::string TextOf(const Blob& blob) {
-    if (!blob) {
-        return "the compiler gives no reason";
-    }
+    if (!blob) { return "the compiler gives no reason"; }
     const std::string text(static_cast<const char*>(blob->GetBufferPointer()),
                            blob->GetBufferSize());
     return text.c_str();  // without the NUL that the size counts
@@ -75,9 +71,7 @@ std::string FileVersion(HMODULE library) {
     const HGLOBAL handle = resource ? LoadResource(library, resource) : nullptr;
     const void* const bytes = handle ? LockResource(handle) : nullptr;
     VS_FIXEDFILEINFO info{};
-    if (!bytes || SizeofResource(library, resource) < kOffset + sizeof(info)) {
-        return {};
-    }
+    if (!bytes || SizeofResource(library, resource) < kOffset + sizeof(info)) { return {}; }
     std::memcpy(&info, static_cast<const unsigned char*>(bytes) + kOffset, sizeof(info));
     return fmt::format("{}.{}.{}.{}", HIWORD(info.dwFileVersionMS), LOWORD(info.dwFileVersionMS),
                        HIWORD(info.dwFileVersionLS), LOWORD(info.dwFileVersionLS));
@@ -123,9 +117,7 @@ Bytes ShaderCompiler::Compile(const EffectVariant& variant) const {
         variant.entryPoint.c_str(), variant.profile.c_str(), kFlags, 0, &rawCode, &rawMessages);
     const Blob code(rawCode);
     const Blob messages(rawMessages);
-    if (FAILED(result) || !code) {
-        ThrowCompileError(variant, TextOf(messages));
-    }
+    if (FAILED(result) || !code) { ThrowCompileError(variant, TextOf(messages)); }
     const auto* first = static_cast<const unsigned char*>(code->GetBufferPointer());
     return Bytes(first, first + code->GetBufferSize());
 }

@@ -55,13 +55,9 @@ struct IncludeDirective {
 std::optional<IncludeDirective> ParseInclude(std::string_view line, const std::string& where) {
     constexpr std::string_view kWord = "include";
     const std::size_t sign = line.find_first_not_of(kBlanks);
-    if (sign == line.npos || line[sign] != '#') {
-        return std::nullopt;
-    }
+    if (sign == line.npos || line[sign] != '#') { return std::nullopt; }
     const std::size_t word = line.find_first_not_of(kBlanks, sign + 1);
-    if (word == line.npos || !line.substr(word).starts_with(kWord)) {
-        return std::nullopt;
-    }
+    if (word == line.npos || !line.substr(word).starts_with(kWord)) { return std::nullopt; }
     const std::size_t behind = word + kWord.size();
     if (behind < line.size() &&
         (std::isalnum(static_cast<unsigned char>(line[behind])) != 0 || line[behind] == '_')) {
@@ -105,9 +101,7 @@ public:
 
 private:
     void Include(const std::string& file) {
-        if (source_.includes.try_emplace(file).second) {
-            source_.includes[file] = Read(file);
-        }
+        if (source_.includes.try_emplace(file).second) { source_.includes[file] = Read(file); }
     }
 
     const std::filesystem::path& folder_;
@@ -124,9 +118,7 @@ std::string ReadTextFile(const std::filesystem::path& path) {
     }
     std::ifstream file(path, std::ios::binary);
     std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    if (!file) {
-        throw Failure(ExitCode::BadEffects, fmt::format("can't read {}", ToText(path)));
-    }
+    if (!file) { throw Failure(ExitCode::BadEffects, fmt::format("can't read {}", ToText(path))); }
     return text;
 }
 

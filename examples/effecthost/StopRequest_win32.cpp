@@ -21,8 +21,7 @@ void WaitForEndOfInput() {
     char buffer[64];
     DWORD count = 0;
     while (ReadFile(GetStdHandle(STD_INPUT_HANDLE), buffer, sizeof(buffer), &count, nullptr) &&
-           count > 0) {
-    }
+           count > 0) {}
     stopRequested = true;
 }
 

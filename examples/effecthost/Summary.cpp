@@ -29,9 +29,7 @@ std::size_t MostFrequent(const std::vector<std::size_t>& effects) {
 // or for several processes, whose times include waiting for each other.
 std::string SpeedText(const Summary& summary) {
     const std::uint64_t gettingTime = summary.openTime + summary.searchTime;
-    if (summary.hits < summary.effects || gettingTime == 0 || summary.processes > 1) {
-        return {};
-    }
+    if (summary.hits < summary.effects || gettingTime == 0 || summary.processes > 1) { return {}; }
     const double factor =
         static_cast<double>(summary.sparedTime) / static_cast<double>(gettingTime);
     return fmt::format(
@@ -115,9 +113,7 @@ std::string ToText(const Summary& summary) {
 
 std::string FormatTime(std::uint64_t microseconds) {
     const double time = static_cast<double>(microseconds);
-    if (microseconds < 1000) {
-        return fmt::format("{} us", microseconds);
-    }
+    if (microseconds < 1000) { return fmt::format("{} us", microseconds); }
     if (microseconds < 999950) {  // from here on, rounding to 0.1 ms gives a whole second
         return fmt::format("{:.1f} ms", time / 1e3);
     }

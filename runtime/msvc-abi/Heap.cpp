@@ -7,9 +7,7 @@
 const std::nothrow_t std::nothrow{};
 
 void* operator new(size_t size) {
-    if (void* const memory = std::malloc(size != 0 ? size : 1)) {
-        return memory;
-    }
+    if (void* const memory = std::malloc(size != 0 ? size : 1)) { return memory; }
     throw std::bad_alloc();
 }
 
@@ -50,9 +48,7 @@ void operator delete[](void* memory, const std::nothrow_t&) noexcept {
 }
 
 void* operator new(size_t size, std::align_val_t alignment) {
-    if (void* const memory = ::operator new(size, alignment, std::nothrow)) {
-        return memory;
-    }
+    if (void* const memory = ::operator new(size, alignment, std::nothrow)) { return memory; }
     throw std::bad_alloc();
 }
 

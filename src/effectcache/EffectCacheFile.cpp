@@ -31,9 +31,7 @@ std::string ObjectName(const CStr& path, const char* suffix) {
     for (char& byte : name) {
         const bool isPlain = (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
                              (byte >= '0' && byte <= '9');
-        if (!isPlain) {
-            byte = '_';
-        }
+        if (!isPlain) { byte = '_'; }
     }
     return name + suffix;
 }
@@ -53,11 +51,8 @@ void EffectCacheFile::Open(const Lock& lock, EffectIndex& index) noexcept {
     QUORVEL_ASSERT(!package_);
     try {
         package_ = PagedFilePackage::Open(PackageConfig(path_));
-        if (package_ && Load(lock, index)) {
-            return;
-        }
-    } catch (...) {
-    }
+        if (package_ && Load(lock, index)) { return; }
+    } catch (...) {}
     Rollback(lock, index);
     Create(lock, index);
 }
@@ -67,9 +62,7 @@ bool EffectCacheFile::Create(const Lock& lock, EffectIndex& index) noexcept {
     index.Clear();
     try {
         package_ = PagedFilePackage::Create(PackageConfig(path_));
-        if (!package_) {
-            return false;
-        }
+        if (!package_) { return false; }
         stamp_.UpdateTimeStamp();
         index.Start(*package_);
         package_->Commit();
@@ -90,14 +83,10 @@ void EffectCacheFile::Close(const Lock& /*lock*/) noexcept {
 void EffectCacheFile::Rollback(const Lock& lock, EffectIndex& index) noexcept {
     const bool isFileSuspect = package_ && package_->MayHaveChangedFile();
     Close(lock);
-    if (!isFileSuspect) {
-        return;
-    }
+    if (!isFileSuspect) { return; }
     if (!Create(lock, index)) {
         // Truncating the file needs no space, so it usually works on a full volume.
-        if (std::FILE* const file = std::fopen(path_.data(), "wb")) {
-            std::fclose(file);
-        }
+        if (std::FILE* const file = std::fopen(path_.data(), "wb")) { std::fclose(file); }
         stamp_.UpdateTimeStamp();
     }
     Close(lock);
@@ -108,30 +97,19 @@ void EffectCacheFile::Rollback(const Lock& lock, EffectIndex& index) noexcept {
 void EffectCacheFile::Sync(const Lock& lock, EffectIndex& index) noexcept {
     QUORVEL_ASSERT(package_);
     // A holder that died in the middle of a save has written no stamp.
-    if (!stamp_.IsChanged() && !lock.LastHolderDied()) {
-        return;
-    }
+    if (!stamp_.IsChanged() && !lock.LastHolderDied()) { return; }
     try {
         package_->Discard();  // uncommitted changes must not overwrite the new state
-        if (package_->Load() && Load(lock, index)) {
-            return;
-        }
-    } catch (...) {
-    }
+        if (package_->Load() && Load(lock, index)) { return; }
+    } catch (...) {}
     Rollback(lock, index);
 }
 
 // Loads the index of a package that was just loaded, and trims the file.
 bool EffectCacheFile::Load(const Lock& lock, EffectIndex& index) {
-    if (!index.Load(*package_)) {
-        return false;
-    }
-    if (Trim(lock, index)) {
-        return true;
-    }
-    if (package_->MayHaveChangedFile()) {
-        return false;
-    }
+    if (!index.Load(*package_)) { return false; }
+    if (Trim(lock, index)) { return true; }
+    if (package_->MayHaveChangedFile()) { return false; }
     // A file that can't be written still holds all its effects, just more than it should.
     package_->Discard();
     // not reached in tests: a file that was just read, and not written since, can be read again
@@ -140,13 +118,9 @@ bool EffectCacheFile::Load(const Lock& lock, EffectIndex& index) {
 
 bool EffectCacheFile::Read(const Lock& /*lock*/, const EffectRecord& record,
                            Tab<unsigned char>& data) {
-    if (!package_) {
-        return false;
-    }
+    if (!package_) { return false; }
     Util::RefPtr<IDataStream> stream = package_->OpenDataStream(record.streamId);
-    if (!ReadBytes(data, stream, kLargestEffect)) {
-        return false;
-    }
+    if (!ReadBytes(data, stream, kLargestEffect)) { return false; }
     const auto count = static_cast<std::uint64_t>(data.Count());
     return count == record.effectSize && stream->GetSize() == SerializedSize(count);
 }
@@ -156,16 +130,12 @@ bool EffectCacheFile::Read(const Lock& /*lock*/, const EffectRecord& record,
 bool EffectCacheFile::Save(const Lock& lock, EffectIndex& index, EffectQueue& queue) noexcept {
     QUORVEL_ASSERT(package_);
     Sync(lock, index);
-    if (!package_) {
-        return false;
-    }
+    if (!package_) { return false; }
     try {
         package_->BeginSave();
         const std::uint64_t budget = SpaceBudget();
         if (budget >= queue.ByteCount() && MakeRoom(lock, index, budget - queue.ByteCount())) {
-            if (!HasStreamsFor(index, queue)) {
-                throw FileIOException();
-            }
+            if (!HasStreamsFor(index, queue)) { throw FileIOException(); }
             for (const PendingEffect* const effect : queue.Entries()) {
                 Store(lock, index, *effect);
             }
@@ -181,17 +151,13 @@ bool EffectCacheFile::Save(const Lock& lock, EffectIndex& index, EffectQueue& qu
 // Deletes streams of evicted effects until the package has fewer bytes than `limit`. False if it
 // still has more.
 bool EffectCacheFile::MakeRoom(const Lock& lock, EffectIndex& index, std::uint64_t limit) {
-    if (package_->GetTotalDataSize() >= limit) {
-        Evict(lock, index, limit);
-    }
+    if (package_->GetTotalDataSize() >= limit) { Evict(lock, index, limit); }
     return package_->GetTotalDataSize() < limit;
 }
 
 void EffectCacheFile::Evict(const Lock& /*lock*/, EffectIndex& index, std::uint64_t limit) {
     for (IndexEntry* const entry : index.EvictionOrder()) {
-        if (package_->GetTotalDataSize() < limit) {
-            return;
-        }
+        if (package_->GetTotalDataSize() < limit) { return; }
         package_->DeleteDataStream(entry->record.streamId);
         index.Remove(entry);
     }
@@ -202,16 +168,12 @@ void EffectCacheFile::Evict(const Lock& /*lock*/, EffectIndex& index, std::uint6
 bool EffectCacheFile::Trim(const Lock& lock, EffectIndex& index) noexcept {
     try {
         const std::uint64_t budget = SpaceBudget();
-        if (package_->GetTotalDataSize() < budget || index.EvictionOrder().empty()) {
-            return true;
-        }
+        if (package_->GetTotalDataSize() < budget || index.EvictionOrder().empty()) { return true; }
         package_->BeginSave();
         Evict(lock, index, budget);
         Commit(lock, index);
         return true;
-    } catch (...) {
-        return false;
-    }
+    } catch (...) { return false; }
 }
 
 // True if the package has enough free stream ids for the queue.
@@ -232,9 +194,7 @@ void EffectCacheFile::Store(const Lock& /*lock*/, EffectIndex& index, const Pend
     }
     const std::uint64_t id = package_->CreateDataStream(SerializedSize(bytes.size()));
     Util::RefPtr<IDataStream> stream = package_->OpenDataStream(id);
-    if (!WriteBytes(bytes, stream)) {
-        throw FileIOException();
-    }
+    if (!WriteBytes(bytes, stream)) { throw FileIOException(); }
     const EffectRecord record = {id,
                                  static_cast<std::uint32_t>(name.length),
                                  static_cast<std::uint32_t>(bytes.size()),

@@ -15,9 +15,7 @@ constexpr char kFileName[] = "vornFxoCache.dat";
 
 CStr WithSeparator(const CStr& directory) {
     const std::size_t length = directory.Length();
-    if (length == 0 || directory[length - 1] == Platform::kPathSeparator) {
-        return directory;
-    }
+    if (length == 0 || directory[length - 1] == Platform::kPathSeparator) { return directory; }
     return directory + CStr(&Platform::kPathSeparator, 1);
 }
 
@@ -42,34 +40,22 @@ EffectCacheImpl::~EffectCacheImpl() {
 
 void EffectCacheImpl::CacheCompiledEffect(const CStr& name, const unsigned char* data,
                                           std::uint64_t size, bool permanent) {
-    if (!data || size < kSmallestEffect || size > kLargestEffect) {
-        return;
-    }
+    if (!data || size < kSmallestEffect || size > kLargestEffect) { return; }
     const EffectKey key(name);
-    if (key.length < kShortestName || key.length > kLongestName) {
-        return;
-    }
+    if (key.length < kShortestName || key.length > kLongestName) { return; }
     const std::uint32_t hash = key.Hash();
     const Platform::CriticalSectionGuard guard(section_);
-    if (!file_.IsUsable()) {
-        return;
-    }
+    if (!file_.IsUsable()) { return; }
     queue_.Add(key, hash, {data, size}, permanent);
-    if (queue_.IsDue()) {
-        SaveToFile();
-    }
+    if (queue_.IsDue()) { SaveToFile(); }
 }
 
 bool EffectCacheImpl::SearchCachedEffects(const CStr& name, Tab<unsigned char>& data) {
     const EffectKey key(name);
-    if (key.length == 0) {
-        return false;
-    }
+    if (key.length == 0) { return false; }
     const std::uint32_t hash = key.Hash();
     const Platform::CriticalSectionGuard guard(section_);
-    if (!file_.IsUsable()) {
-        return false;
-    }
+    if (!file_.IsUsable()) { return false; }
     if (const PendingEffect* const pending = queue_.Find(key, hash)) {
         const std::span<const unsigned char> bytes = pending->Compiled();
         data.SetCount(static_cast<int>(bytes.size()));
@@ -80,24 +66,16 @@ bool EffectCacheImpl::SearchCachedEffects(const CStr& name, Tab<unsigned char>& 
     const EffectCacheFile::Lock lock(file_);
     file_.Sync(lock, index_);
     IndexEntry* const found = index_.Find(key, hash);
-    if (!found || !file_.Read(lock, found->record, data)) {
-        return false;
-    }
+    if (!found || !file_.Read(lock, found->record, data)) { return false; }
     found->record.entryTime = CurrentEntryTime();
     return true;
 }
 
 bool EffectCacheImpl::SaveToFile() noexcept {
-    if (!file_.IsUsable()) {
-        return true;
-    }
+    if (!file_.IsUsable()) { return true; }
     const EffectCacheFile::Lock lock(file_);
-    if (queue_.Size() == 0) {
-        return true;
-    }
-    if (!file_.Save(lock, index_, queue_)) {
-        return false;
-    }
+    if (queue_.Size() == 0) { return true; }
+    if (!file_.Save(lock, index_, queue_)) { return false; }
     queue_.Clear();
     return true;
 }
@@ -115,9 +93,7 @@ void EffectCacheImpl::SetEnabled(bool enabled) {
 void EffectCacheImpl::ListCachedEffects(const char* fileName) {
     const std::vector<IndexEntry*>& entries = index_.Entries();
     std::FILE* const file = fileName ? std::fopen(fileName, "w") : nullptr;
-    if (!file) {
-        return;
-    }
+    if (!file) { return; }
     for (const IndexEntry* const entry : entries) {
         std::fputs("Name: ", file);
         std::fwrite(entry->Key().bytes, 1, entry->Key().length, file);

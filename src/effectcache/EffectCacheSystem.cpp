@@ -11,9 +11,7 @@ template <typename Result, typename Operation>
 Result Absorb(Result failure, const Operation& operation) noexcept {
     try {
         return operation();
-    } catch (...) {
-        return failure;
-    }
+    } catch (...) { return failure; }
 }
 
 }  // namespace

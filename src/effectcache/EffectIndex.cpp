@@ -40,12 +40,8 @@ std::optional<HeaderPayload> FindHeaderPayload(const std::uint8_t* data, std::ui
         HeaderBlock block;
         std::memcpy(&block, data + offset, sizeof block);
         offset += sizeof block;
-        if (block.payloadLength > size - offset) {
-            break;
-        }
-        if (block.tag == kCacheHeaderTag) {
-            return HeaderPayload{offset, block.payloadLength};
-        }
+        if (block.payloadLength > size - offset) { break; }
+        if (block.tag == kCacheHeaderTag) { return HeaderPayload{offset, block.payloadLength}; }
         offset += block.payloadLength;
     }
     return std::nullopt;
@@ -56,9 +52,7 @@ std::optional<HeaderPayload> FindHeaderPayload(const std::uint8_t* data, std::ui
 std::vector<IndexEntry*> EffectIndex::EvictionOrder() {
     std::vector<IndexEntry*> order;
     for (IndexEntry* const entry : Entries()) {
-        if (entry->record.permanent == 0) {
-            order.push_back(entry);
-        }
+        if (entry->record.permanent == 0) { order.push_back(entry); }
     }
     std::stable_sort(order.begin(), order.end(), [](const auto& left, const auto& right) {
         return IsEarlier(left->record.entryTime, right->record.entryTime);
@@ -76,17 +70,11 @@ void EffectIndex::Clear() {
 bool EffectIndex::Load(PagedFilePackage& package) {
     // In an unsound package a stream may have the bytes of another, now or after a change, so none
     // of its streams can be trusted.
-    if (!ReadHeader(package) || !package.IsSound()) {
-        return false;
-    }
+    if (!ReadHeader(package) || !package.IsSound()) { return false; }
     const Util::RefPtr<IDataStream> stream = package.OpenDataStream(header_.indexStreamId);
-    if (!stream) {
-        return false;
-    }
+    if (!stream) { return false; }
     table_.Clear();
-    if (!ReadEntries(*stream)) {
-        return false;
-    }
+    if (!ReadEntries(*stream)) { return false; }
     DropAmbiguousEntries(package);
     return true;
 }
@@ -94,14 +82,10 @@ bool EffectIndex::Load(PagedFilePackage& package) {
 bool EffectIndex::ReadHeader(PagedFilePackage& package) {
     const std::uint8_t* const data = std::as_const(package).GetHeaderData();
     const auto payload = FindHeaderPayload(data, package.GetHeaderDataSize());
-    if (!payload || payload->length < sizeof(CacheHeader)) {
-        return false;
-    }
+    if (!payload || payload->length < sizeof(CacheHeader)) { return false; }
     CacheHeader header;
     std::memcpy(&header, data + payload->offset, sizeof header);
-    if (header.version != kCacheVersion || header.recordCount > kMostEffects) {
-        return false;
-    }
+    if (header.version != kCacheVersion || header.recordCount > kMostEffects) { return false; }
     header_ = header;
     return true;
 }
@@ -115,14 +99,10 @@ bool EffectIndex::ReadEntries(IDataStream& stream) {
     while (entries.size() < count) {
         const std::size_t size = IndexEntry::SizeIn(rest);
         if (size > rest.size()) {
-            if (!ReadMore(stream, rest)) {
-                break;
-            }
+            if (!ReadMore(stream, rest)) { break; }
             continue;
         }
-        if (size == 0) {
-            break;
-        }
+        if (size == 0) { break; }
         entries.push_back(std::launder(reinterpret_cast<IndexEntry*>(rest.data())));
         rest = rest.subspan(size);
     }
@@ -140,8 +120,7 @@ bool EffectIndex::ReadMore(IDataStream& stream, std::span<std::byte>& rest) {
     std::copy(rest.begin(), rest.end(), memory);
     try {
         stream.Read(memory + rest.size(), size);
-    } catch (const FileIOException&) {
-    }
+    } catch (const FileIOException&) {}
     rest = {memory, rest.size() + (stream.GetPosition() - position)};
     return stream.GetPosition() != position;
 }
@@ -162,15 +141,11 @@ void EffectIndex::DropAmbiguousEntries(const PagedFilePackage& package) {
             isAmbiguous = true;
         }
     }
-    if (!isAmbiguous) {
-        return;
-    }
+    if (!isAmbiguous) { return; }
     const std::vector<IndexEntry*> entries = Entries();
     for (IndexEntry* const entry : entries) {
         const std::uint64_t id = entry->record.streamId;
-        if (!package.HasStream(id) || namings[id] != 1) {
-            Remove(entry);
-        }
+        if (!package.HasStream(id) || namings[id] != 1) { Remove(entry); }
     }
 }
 
@@ -179,9 +154,7 @@ void EffectIndex::DropAmbiguousEntries(const PagedFilePackage& package) {
 void EffectIndex::Start(PagedFilePackage& package) {
     QUORVEL_ASSERT(Size() == 0);
     header_ = {kCacheVersion, 0, package.CreateDataStream(kEmptyIndexSize), 0};
-    if (QUORVEL_NEVER(!package.OpenDataStream(header_.indexStreamId))) {
-        throw FileIOException();
-    }
+    if (QUORVEL_NEVER(!package.OpenDataStream(header_.indexStreamId))) { throw FileIOException(); }
     WriteHeader(package);
 }
 
@@ -206,19 +179,13 @@ void EffectIndex::Write(PagedFilePackage& package) {
 Util::RefPtr<IDataStream> EffectIndex::OpenForWriting(PagedFilePackage& package,
                                                       std::uint64_t size) {
     Util::RefPtr<IDataStream> stream = package.OpenDataStream(header_.indexStreamId);
-    if (QUORVEL_NEVER(!stream)) {
-        throw FileIOException();
+    if (stream && stream->GetSize() != size) {
+        stream.Reset();
+        package.DeleteDataStream(header_.indexStreamId);
+        header_.indexStreamId = package.CreateDataStream(size);
+        stream = package.OpenDataStream(header_.indexStreamId);
     }
-    if (stream->GetSize() == size) {
-        return stream;
-    }
-    stream.Reset();
-    package.DeleteDataStream(header_.indexStreamId);
-    header_.indexStreamId = package.CreateDataStream(size);
-    stream = package.OpenDataStream(header_.indexStreamId);
-    if (QUORVEL_NEVER(!stream)) {
-        throw FileIOException();
-    }
+    if (QUORVEL_NEVER(!stream)) { throw FileIOException(); }
     return stream;
 }
 

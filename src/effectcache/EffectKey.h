@@ -26,9 +26,7 @@ struct EffectKey {
                (left.length == 0 || std::memcmp(left.bytes, right.bytes, left.length) == 0);
     }
     friend bool operator<(const EffectKey& left, const EffectKey& right) {
-        if (left.length != right.length) {
-            return left.length < right.length;
-        }
+        if (left.length != right.length) { return left.length < right.length; }
         return left.length != 0 && std::memcmp(left.bytes, right.bytes, left.length) < 0;
     }
 

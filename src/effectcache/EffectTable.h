@@ -32,10 +32,6 @@ class EffectTable {
     static_assert(std::is_trivially_copyable_v<Entry> && std::is_trivially_destructible_v<Entry>);
 
 public:
-    EffectTable() = default;
-    EffectTable(EffectTable&&) noexcept = default;
-    EffectTable& operator=(EffectTable&&) noexcept = default;
-
     // The number of effects, and the sum of their entries' bytes.
     std::uint64_t Size() const { return size_; }
     std::uint64_t TotalBytes() const { return bytes_; }
@@ -114,9 +110,7 @@ public:
     // Copies the entries into a new table if removed ones take more memory than they do. Without
     // memory for that nothing changes.
     void Pack() noexcept {
-        if (HeldBytes() <= 2 * TotalBytes() + kLeastWaste) {
-            return;
-        }
+        if (HeldBytes() <= 2 * TotalBytes() + kLeastWaste) { return; }
         try {
             EffectTable packed;
             std::vector<Entry*> copies;
@@ -129,8 +123,7 @@ public:
             packed.AddFilled(copies);
             QUORVEL_ASSERT(packed.Size() == Size() && packed.TotalBytes() == TotalBytes());
             *this = std::move(packed);
-        } catch (const std::bad_alloc&) {
-        }
+        } catch (const std::bad_alloc&) {}
     }
 
     // Removes all entries and frees the memory.
@@ -162,13 +155,9 @@ private:
 
     std::size_t FindSlot(const EffectKey& key, std::uint32_t hash) const {
         QUORVEL_ASSERT(hash == key.Hash());
-        if (slots_.empty()) {
-            return kNoSlot;
-        }
+        if (slots_.empty()) { return kNoSlot; }
         for (std::size_t slot = hash & slotMask_; slots_[slot].hash != 0; slot = Next(slot)) {
-            if (slots_[slot].hash == hash && slots_[slot].entry->Key() == key) {
-                return slot;
-            }
+            if (slots_[slot].hash == hash && slots_[slot].entry->Key() == key) { return slot; }
         }
         return kNoSlot;
     }
@@ -187,17 +176,13 @@ private:
         slots.swap(slots_);
         slotMask_ = slots_.size() - 1;
         for (const Slot& slot : slots) {
-            if (slot.hash != 0) {
-                Insert(slot);
-            }
+            if (slot.hash != 0) { Insert(slot); }
         }
     }
 
     // After this call, Enter can't fail for `count` entries.
     void ReserveFor(std::size_t count) {
-        if ((size_ + count) * 8 > slots_.size() * 7) {
-            GrowSlots(size_ + count);
-        }
+        if ((size_ + count) * 8 > slots_.size() * 7) { GrowSlots(size_ + count); }
         for (std::vector<Entry*>* const list : {&added_, &removed_}) {
             if (list->capacity() - list->size() < count) {
                 list->reserve(std::max({kFewestSlots, 2 * list->size(), list->size() + count}));
@@ -222,9 +207,7 @@ private:
     }
 
     void DropRemoved() {
-        if (removed_.empty()) {
-            return;
-        }
+        if (removed_.empty()) { return; }
         std::sort(removed_.begin(), removed_.end(), std::less<>());
         for (std::vector<Entry*>* const list : {&sorted_, &added_}) {
             std::erase_if(*list, [&](Entry* entry) {
@@ -236,9 +219,7 @@ private:
 
     // Usually only a few entries are new, so a binary search finds the place of each.
     void MergeAdded() {
-        if (added_.empty()) {
-            return;
-        }
+        if (added_.empty()) { return; }
         if (!std::is_sorted(added_.begin(), added_.end(), IsBefore)) {
             std::sort(added_.begin(), added_.end(), IsBefore);
         }

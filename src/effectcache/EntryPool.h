@@ -15,9 +15,7 @@ class EntryPool {
 public:
     // Throws std::bad_alloc, changing nothing.
     std::byte* Allocate(std::size_t size) {
-        if (size > left_) {
-            return AllocateElsewhere(size);
-        }
+        if (size > left_) { return AllocateElsewhere(size); }
         std::byte* const piece = next_;
         next_ += size;
         left_ -= size;

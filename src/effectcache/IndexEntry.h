@@ -31,9 +31,7 @@ struct IndexEntry {
     // The size of the entry that `bytes` begin with, as far as they tell: the size of its fixed
     // part when they are shorter. 0 when the entry is out of range or contradicts itself.
     static std::size_t SizeIn(std::span<const std::byte> bytes) {
-        if (bytes.size() < sizeof(IndexEntry)) {
-            return sizeof(IndexEntry);
-        }
+        if (bytes.size() < sizeof(IndexEntry)) { return sizeof(IndexEntry); }
         IndexEntry entry;
         std::memcpy(&entry, bytes.data(), sizeof entry);
         const EffectRecord& record = entry.record;

@@ -33,9 +33,7 @@ bool Guarded(Util::RefPtr<IDataStream>& stream, const Step& step) noexcept {
 }  // namespace
 
 bool WriteExact(Util::RefPtr<IDataStream>& stream, const void* data, std::uint64_t size) noexcept {
-    if (!stream || !data || size == 0) {
-        return false;
-    }
+    if (!stream || !data || size == 0) { return false; }
     return Guarded(stream, [&] {
         if (stream->Write(data, size) != size) {
             throw ShortTransfer("Unable to write specified size!");
@@ -45,9 +43,7 @@ bool WriteExact(Util::RefPtr<IDataStream>& stream, const void* data, std::uint64
 }
 
 bool ReadExact(Util::RefPtr<IDataStream>& stream, void* data, std::uint64_t size) noexcept {
-    if (!stream || !data || size == 0) {
-        return false;
-    }
+    if (!stream || !data || size == 0) { return false; }
     return Guarded(stream, [&] {
         if (stream->Read(data, size) != size) {
             throw ShortTransfer("Unable to read specified size!");
@@ -64,9 +60,7 @@ bool WriteBytes(std::span<const unsigned char> buffer, Util::RefPtr<IDataStream>
 
 bool ReadBytes(Tab<unsigned char>& buffer, Util::RefPtr<IDataStream>& stream,
                std::uint64_t limit) noexcept {
-    if (!stream) {
-        return false;
-    }
+    if (!stream) { return false; }
     return Guarded(stream, [&] {
         std::uint64_t count = 0;
         if (!ReadExact(stream, &count, sizeof count) || count > limit || count >= kByteArrayLimit) {

@@ -37,9 +37,7 @@ bool MultiProcessMemory::Initialize(const char* name, std::uint64_t bytes) {
     Close();
     try {
         mutex_ = new MutexObject((std::string(name) + "_mutex").c_str());
-    } catch (const std::bad_alloc&) {
-        throw OutOfMemoryException();
-    }
+    } catch (const std::bad_alloc&) { throw OutOfMemoryException(); }
     const AutoMutex guard(*mutex_, kWaitForever);
     if (guard.WaitResult() == kWaitAbandoned) {
         throw Win32APICallFailedException(Platform::LastSystemError());
@@ -47,16 +45,10 @@ bool MultiProcessMemory::Initialize(const char* name, std::uint64_t bytes) {
 
     mapping_ = Platform::OpenNamedMemory(name);
     const bool created = !mapping_;
-    if (created) {
-        mapping_ = Platform::CreateNamedMemory(name, bytes);
-    }
-    if (!mapping_) {
-        throw Win32APICallFailedException(Platform::LastSystemError());
-    }
+    if (created) { mapping_ = Platform::CreateNamedMemory(name, bytes); }
+    if (!mapping_) { throw Win32APICallFailedException(Platform::LastSystemError()); }
     view_ = Platform::MapNamedMemory(mapping_, bytes);
-    if (!view_) {
-        throw Win32APICallFailedException(Platform::LastSystemError());
-    }
+    if (!view_) { throw Win32APICallFailedException(Platform::LastSystemError()); }
     if (created) {
         OnMemoryCreated(view_);
     } else {
@@ -66,16 +58,12 @@ bool MultiProcessMemory::Initialize(const char* name, std::uint64_t bytes) {
 }
 
 void* MultiProcessMemory::Lock(std::uint32_t timeout) {
-    if (!mutex_ || mutex_->Acquire(timeout) == kWaitAbandoned) {
-        return nullptr;
-    }
+    if (!mutex_ || mutex_->Acquire(timeout) == kWaitAbandoned) { return nullptr; }
     return view_;
 }
 
 void MultiProcessMemory::Unlock() {
-    if (mutex_) {
-        mutex_->Release();
-    }
+    if (mutex_) { mutex_->Release(); }
 }
 
 std::uint64_t MultiProcessMemory::GetBytes() const {

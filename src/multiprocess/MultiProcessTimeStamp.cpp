@@ -28,17 +28,13 @@ class LockedBlock {
 public:
     explicit LockedBlock(MultiProcessMemory& memory)
         : memory_(memory), block_(memory.Lock(kWaitForever)), wasAbandoned_(!block_) {
-        if (wasAbandoned_) {
-            block_ = memory_.Lock(kWaitForever);
-        }
+        if (wasAbandoned_) { block_ = memory_.Lock(kWaitForever); }
     }
     LockedBlock(const LockedBlock&) = delete;
     LockedBlock& operator=(const LockedBlock&) = delete;
     ~LockedBlock() {
         memory_.Unlock();
-        if (wasAbandoned_) {
-            memory_.Unlock();
-        }
+        if (wasAbandoned_) { memory_.Unlock(); }
     }
 
     void* Get() const { return block_; }
@@ -62,9 +58,7 @@ bool MultiProcessTimeStamp::Initialize(const char* name) {
 void MultiProcessTimeStamp::UpdateTimeStamp() {
     lastSeen_ = NewRecord();
     const LockedBlock block(*this);
-    if (block.Get()) {
-        std::memcpy(block.Get(), &lastSeen_, sizeof lastSeen_);
-    }
+    if (block.Get()) { std::memcpy(block.Get(), &lastSeen_, sizeof lastSeen_); }
 }
 
 bool MultiProcessTimeStamp::IsChanged() {

@@ -12,9 +12,7 @@ namespace {
 void* const kInvalidHandle = reinterpret_cast<void*>(~std::uintptr_t{0});
 
 void* RequireHandle(void* handle) {
-    if (!handle) {
-        throw Win32APICallFailedException(Platform::LastSystemError());
-    }
+    if (!handle) { throw Win32APICallFailedException(Platform::LastSystemError()); }
     return handle;
 }
 
@@ -36,16 +34,12 @@ MutexObject::~MutexObject() {
 }
 
 std::uint32_t MutexObject::Acquire(std::uint32_t timeout) {
-    if (!handle_ || handle_ == kInvalidHandle) {
-        return kWaitAbandoned;
-    }
+    if (!handle_ || handle_ == kInvalidHandle) { return kWaitAbandoned; }
     return Platform::AcquireNamedMutex(handle_, timeout);
 }
 
 void MutexObject::Release() {
-    if (handle_ && handle_ != kInvalidHandle) {
-        Platform::ReleaseNamedMutex(handle_);
-    }
+    if (handle_ && handle_ != kInvalidHandle) { Platform::ReleaseNamedMutex(handle_); }
 }
 
 }  // namespace Quorvel

@@ -34,9 +34,7 @@ public:
 
     // Does nothing if no stream of that id is open.
     void Remove(std::uint64_t id) noexcept {
-        if (const auto place = PlaceOf(id); IsOf(id, place)) {
-            items_.erase(place);
-        }
+        if (const auto place = PlaceOf(id); IsOf(id, place)) { items_.erase(place); }
     }
 
     void Clear() { items_.clear(); }

@@ -25,9 +25,7 @@ public:
 
     // False for a page that is free, already claimed or past the end of the file.
     bool Claim(std::uint64_t page) {
-        if (!IsUnclaimed(page) || !cache_.CoversPage(page)) {
-            return false;
-        }
+        if (!IsUnclaimed(page) || !cache_.CoversPage(page)) { return false; }
         claimed_[page - kHeadPageNumber] = true;
         return true;
     }
@@ -35,9 +33,7 @@ public:
     // Claims a page and all that follow it. Also false for a chain that returns to itself.
     bool ClaimChain(std::uint64_t page) {
         for (; IsValidPageNumber(page); page = allocator_.GetNextPage(page)) {
-            if (!Claim(page)) {
-                return false;
-            }
+            if (!Claim(page)) { return false; }
         }
         return true;
     }
@@ -48,9 +44,7 @@ public:
     // True if the successors of loose ends and of unclaimed pages are allocated and unclaimed.
     bool AreOthersApart() {
         for (std::uint64_t index = 0; index < claimed_.size(); ++index) {
-            if (!claimed_[index]) {
-                AddLooseEnd(index + kHeadPageNumber);
-            }
+            if (!claimed_[index]) { AddLooseEnd(index + kHeadPageNumber); }
         }
         return std::all_of(looseEnds_.begin(), looseEnds_.end(), [&](std::uint64_t page) {
             const std::uint64_t next = allocator_.GetNextPage(page);
@@ -60,9 +54,7 @@ public:
 
 private:
     bool IsUnclaimed(std::uint64_t page) const {
-        if (!allocator_.IsPageAllocated(page)) {
-            return false;
-        }
+        if (!allocator_.IsPageAllocated(page)) { return false; }
         QUORVEL_ASSERT(page - kHeadPageNumber < claimed_.size());
         return !claimed_[page - kHeadPageNumber];
     }
@@ -100,9 +92,7 @@ bool AreFragmentsSound(const TailBlockTable& table, const TailBlockRecord& block
     });
     std::uint64_t end = 0;
     for (const TailFragment* const fragment : fragments) {
-        if (fragment->offset < end) {
-            return false;
-        }
+        if (fragment->offset < end) { return false; }
         end = fragment->offset + fragment->length;
     }
     return list.size() == fragments.size() && end <= kTailBlockSize - block.freeBytes;
@@ -110,21 +100,15 @@ bool AreFragmentsSound(const TailBlockTable& table, const TailBlockRecord& block
 
 bool ClaimTailBlocks(PageClaims& claims, PageAllocator& allocator, const TailBlockTable& table) {
     for (const std::unique_ptr<TailBlockRecord>& block : table.Blocks()) {
-        if (!block) {
-            continue;
-        }
+        if (!block) { continue; }
         const TailBlockPageNumbers& pages = block->pages;
         for (std::uint64_t slot = 0; slot < kTailBlockPages; ++slot) {
             const bool isLinked = slot + 1 == kTailBlockPages ||
                                   allocator.GetNextPage(pages[slot]) == pages[slot + 1];
-            if (!claims.Claim(pages[slot]) || !isLinked) {
-                return false;
-            }
+            if (!claims.Claim(pages[slot]) || !isLinked) { return false; }
         }
         claims.AddLooseEnd(pages.back());
-        if (!AreFragmentsSound(table, *block)) {
-            return false;
-        }
+        if (!AreFragmentsSound(table, *block)) { return false; }
     }
     return true;
 }
@@ -146,9 +130,7 @@ bool IsSound(const StoredState& state, const FilePageCache& cache) noexcept {
                ClaimStreams(claims, state.directory) &&
                ClaimTailBlocks(claims, *state.allocator, state.tailBlocks) &&
                claims.AreOthersApart();
-    } catch (...) {
-        return false;
-    }
+    } catch (...) { return false; }
 }
 
 }  // namespace Quorvel

@@ -15,9 +15,7 @@ namespace Quorvel {
 using Platform::ScopeGuard;
 
 PagedFilePackage::PagedFilePackage(const PagedFilePackageConfig& config) : config_(config) {
-    if (!config.fileName) {
-        throw InvalidParameterException();
-    }
+    if (!config.fileName) { throw InvalidParameterException(); }
     path_ = config.fileName;
     config_.fileName = path_.c_str();
 }
@@ -28,9 +26,7 @@ Util::RefPtr<PagedFilePackage> PagedFilePackage::Create(
         Util::RefPtr<PagedFilePackage> package(new PagedFilePackage(config));
         package->Create();
         return package;
-    } catch (...) {
-        return {};
-    }
+    } catch (...) { return {}; }
 }
 
 Util::RefPtr<PagedFilePackage> PagedFilePackage::Open(
@@ -38,9 +34,7 @@ Util::RefPtr<PagedFilePackage> PagedFilePackage::Open(
     try {
         Util::RefPtr<PagedFilePackage> package(new PagedFilePackage(config));
         return package->Load() ? package : Util::RefPtr<PagedFilePackage>();
-    } catch (...) {
-        return {};
-    }
+    } catch (...) { return {}; }
 }
 
 PagedFilePackage::~PagedFilePackage() {
@@ -83,9 +77,7 @@ bool PagedFilePackage::IsInSave() const {
 
 void PagedFilePackage::MarkChanged() {
     QUORVEL_ASSERT(state_ != FileState::Closed && state_ != FileState::Discarded);
-    if (state_ == FileState::Clean) {
-        state_ = FileState::Changed;
-    }
+    if (state_ == FileState::Clean) { state_ = FileState::Changed; }
 }
 
 void PagedFilePackage::BeginSave() {
@@ -137,22 +129,16 @@ void PagedFilePackage::Create() {
 bool PagedFilePackage::Load() {
     AssertState();
     QUORVEL_ASSERT(!IsInSave());
-    if (!openStreams_.IsEmpty()) {
-        return false;
-    }
+    if (!openStreams_.IsEmpty()) { return false; }
     try {
         const Util::RefPtr<PagedFilePackage> loaded(new PagedFilePackage(config_));
         loaded->OpenCache();
         loaded->stored_.Read(*loaded->cache_, config_.streamLimit);
         loaded->state_ = FileState::Clean;
-        if (cache_) {
-            cache_->DiscardAll();
-        }
+        if (cache_) { cache_->DiscardAll(); }
         Swap(*loaded);
         return true;
-    } catch (...) {
-        return false;
-    }
+    } catch (...) { return false; }
 }
 
 void PagedFilePackage::Swap(PagedFilePackage& other) noexcept {
@@ -168,9 +154,7 @@ void PagedFilePackage::Swap(PagedFilePackage& other) noexcept {
 
 bool PagedFilePackage::Commit() {
     AssertState();
-    if (!HasChanges()) {
-        return true;
-    }
+    if (!HasChanges()) { return true; }
     EnsureFileIsOpen();
     const bool isInSave = IsInSave();
     stored_.Write(*cache_, isInSave);
@@ -194,9 +178,7 @@ void PagedFilePackage::ReopenFile() {
 }
 
 void PagedFilePackage::EnsureFileIsOpen() {
-    if (!cache_->IsOpen()) {
-        ReopenFile();
-    }
+    if (!cache_->IsOpen()) { ReopenFile(); }
 }
 
 void PagedFilePackage::ReleaseStreamPages() {
@@ -246,13 +228,9 @@ std::uint64_t PagedFilePackage::GetDataStreamId(std::uint64_t index) {
 
 Util::RefPtr<IDataStream> PagedFilePackage::OpenDataStream(std::uint64_t id) {
     QUORVEL_ASSERT(cache_ && state_ != FileState::Discarded);
-    if (ChildFileStream* const open = openStreams_.Find(id)) {
-        return open;
-    }
+    if (ChildFileStream* const open = openStreams_.Find(id)) { return open; }
     const ChildFileExtent* const extent = stored_.directory.Find(id);
-    if (!extent) {
-        return {};
-    }
+    if (!extent) { return {}; }
     ChildFileTail tail;
     GetChildFileTail(tail, stored_.tailBlocks, id);
     CheckTailPages(tail);
@@ -275,33 +253,23 @@ void PagedFilePackage::CheckTailPages(const ChildFileTail& tail) const {
     const auto isFree = [&](std::uint64_t page) {
         return page != 0 && !stored_.allocator->IsPageAllocated(page);
     };
-    if (isFree(tail.tailPage) || isFree(tail.followingPage)) {
-        throw FileDataCorruptException();
-    }
+    if (isFree(tail.tailPage) || isFree(tail.followingPage)) { throw FileDataCorruptException(); }
 }
 
 std::uint64_t PagedFilePackage::CreateDataStream(std::uint64_t size) {
     StreamDirectory& directory = stored_.directory;
-    if (directory.Count() >= config_.streamLimit) {
-        return kInvalidStreamId;
-    }
+    if (directory.Count() >= config_.streamLimit) { return kInvalidStreamId; }
     MarkChanged();
     EnsureFileIsOpen();
     const std::uint64_t wholePages = size >> kPageShift;
-    if (wholePages > kPageCountLimit) {
-        throw InvalidParameterException();
-    }
+    if (wholePages > kPageCountLimit) { throw InvalidParameterException(); }
     const std::uint64_t firstPage = AllocateChain(wholePages);
     ScopeGuard freePages([&] { FreeChain(firstPage); });
     const std::uint64_t id = directory.AllocateId();
     // not reached in tests: no id is left only after 16 million streams
-    if (id == kInvalidStreamId) {
-        return id;
-    }
+    if (id == kInvalidStreamId) { return id; }
     ScopeGuard freeId([&] {
-        if (!directory.Remove(id)) {
-            directory.FreeId(id);
-        }
+        if (!directory.Remove(id)) { directory.FreeId(id); }
     });
     directory.Store(id, {id, size, firstPage, wholePages});
     const std::uint64_t tail = size & (kPageSize - 1);
@@ -338,17 +306,11 @@ std::uint64_t PagedFilePackage::AllocateChain(std::uint64_t count, std::uint64_t
     ScopeGuard freePages([&] { FreeChain(first); });
     for (std::uint64_t index = 0; index < count; ++index) {
         last = stored_.allocator->AllocatePage(last);
-        if (index == 0) {
-            first = last;
-        }
+        if (index == 0) { first = last; }
         highest = std::max(highest, last);
-        if (pages) {
-            pages[index] = last;
-        }
+        if (pages) { pages[index] = last; }
     }
-    if (highest != 0) {
-        cache_->EnsurePageInFile(highest);
-    }
+    if (highest != 0) { cache_->EnsurePageInFile(highest); }
     freePages.Dismiss();
     return first;
 }
@@ -364,13 +326,9 @@ void PagedFilePackage::FreeChain(std::uint64_t firstPage) {
 // The steps that can fail come first; the rest works from memory. A failure therefore changes
 // nothing, unless the cache can't pin all pages of the block.
 bool PagedFilePackage::DeleteDataStream(std::uint64_t id) {
-    if (openStreams_.Find(id)) {
-        return false;
-    }
+    if (openStreams_.Find(id)) { return false; }
     const ChildFileExtent* const extent = stored_.directory.Find(id);
-    if (!extent) {
-        return true;
-    }
+    if (!extent) { return true; }
     MarkChanged();
     EnsureFileIsOpen();
     std::optional<TailMover> tail;
@@ -378,15 +336,9 @@ bool PagedFilePackage::DeleteDataStream(std::uint64_t id) {
         tail.emplace(*cache_, stored_, *fragment);
     }
     FreeChain(extent->firstPage);
-    if (QUORVEL_NEVER(!stored_.directory.Remove(id))) {
-        return false;
-    }
-    if (!tail) {
-        return true;
-    }
-    if (!tail->RemoveTail()) {
-        return false;
-    }
+    if (QUORVEL_NEVER(!stored_.directory.Remove(id))) { return false; }
+    if (!tail) { return true; }
+    if (!tail->RemoveTail()) { return false; }
     tail->ReattachStreams(openStreams_);
     return true;
 }

@@ -33,9 +33,7 @@ public:
         QUORVEL_ASSERT(bytes > 0);
         const auto isEnough = [bytes](std::uint32_t room) { return room >= bytes; };
         const auto group = std::find_if(largest_.begin(), largest_.end(), isEnough);
-        if (group == largest_.end()) {
-            return std::nullopt;
-        }
+        if (group == largest_.end()) { return std::nullopt; }
         const auto first = rooms_.begin() + (group - largest_.begin()) * kGroupSize;
         const auto room = std::find_if(first, rooms_.end(), isEnough);
         QUORVEL_ASSERT(room - first < kGroupSize);

@@ -29,9 +29,7 @@ public:
     // Stores a record, replacing the one that the id had. Throws std::bad_alloc or, for an id too
     // high for a vector, std::length_error, changing nothing.
     void Put(std::uint64_t id, const Record& record) {
-        if (id / kChunkSize >= chunks_.size()) {
-            chunks_.resize(id / kChunkSize + 1);
-        }
+        if (id / kChunkSize >= chunks_.size()) { chunks_.resize(id / kChunkSize + 1); }
         std::unique_ptr<Chunk>& chunk = chunks_[id / kChunkSize];
         if (!chunk) {
             chunk.reset(new Chunk);  // leaves its records uninitialised

@@ -46,30 +46,22 @@ void StoredState::Read(FilePageCache& cache, std::uint64_t streamLimit) {
     allocator->LoadState(stream);
     StateReader reader(*stream);
     directory.Load(reader, streamLimit);
-    if (!tailBlocks.Load(reader, streamLimit)) {
-        throw FileDataCorruptException();
-    }
+    if (!tailBlocks.Load(reader, streamLimit)) { throw FileDataCorruptException(); }
     const auto length = reader.Read<std::uint64_t>();
-    if (!reader.ReadItems(headerData, length)) {
-        throw FileIOException();
-    }
+    if (!reader.ReadItems(headerData, length)) { throw FileIOException(); }
 }
 
 void StoredState::Write(FilePageCache& cache, bool markUnfinished) {
     FreeHeadFile();
     CreateHeadFile(cache);
-    if (markUnfinished) {
-        SetStoredPageCount(cache, 0);
-    }
+    if (markUnfinished) { SetStoredPageCount(cache, 0); }
     WriteContent(cache);
 }
 
 // Pages that were not read, because the state ended before them, stay allocated: only reading them
 // would tell whether they really belong to the head file.
 void StoredState::FreeHeadFile() {
-    if (!headFile) {
-        return;
-    }
+    if (!headFile) { return; }
     const auto freed = std::exchange(headFile, {});  // first, so that no page is freed twice
     FreeHeadPages(freed->pageNumbers, KnownPageCount(*freed));
 }
@@ -78,9 +70,7 @@ void StoredState::FreeHeadFile() {
 void StoredState::FreeHeadPages(const std::uint64_t* pages, std::uint64_t count) {
     for (std::uint64_t index = 0; index < count; ++index) {
         allocator->FreePage(pages[index]);
-        if (pages[index] == kHeadPageNumber) {
-            allocator->MarkPageAllocated(kHeadPageNumber);
-        }
+        if (pages[index] == kHeadPageNumber) { allocator->MarkPageAllocated(kHeadPageNumber); }
     }
 }
 
@@ -108,9 +98,7 @@ std::uint64_t StoredState::AllocateHeadPages(FilePageCache& cache,
     for (;;) {
         const std::uint64_t stateSize = allocator->GetStateSize() + otherSizes;
         const std::uint64_t needed = BaseHeadFileSeeker::PagesForSize(stateSize);
-        if (pages.size() >= needed) {
-            return stateSize;
-        }
+        if (pages.size() >= needed) { return stateSize; }
         pages.reserve(needed);
         if (pages.empty()) {
             allocator->MarkPageAllocated(kHeadPageNumber);
@@ -137,9 +125,7 @@ void StoredState::WriteContent(FilePageCache& cache) const {
 void SetStoredPageCount(FilePageCache& cache, std::uint64_t pageCount) {
     PageRef page(&cache);
     page.SetWritePage(kHeadPageNumber);
-    if (!page.Data()) {
-        throw FileDataCorruptException();
-    }
+    if (!page.Data()) { throw FileDataCorruptException(); }
     std::memcpy(page.Data() + offsetof(HeadFileHeader, pageCount), &pageCount, sizeof pageCount);
 }
 

@@ -29,9 +29,7 @@ void StreamDirectory::Store(std::uint64_t id, const ChildFileExtent& extent) {
 
 bool StreamDirectory::Remove(std::uint64_t id) {
     const ChildFileExtent* const record = Find(id);
-    if (!record) {
-        return false;
-    }
+    if (!record) { return false; }
     totalBytes_ -= record->byteSize;
     records_.Erase(id);
     QUORVEL_ASSERT(HasId(id));
@@ -49,15 +47,11 @@ void StreamDirectory::Save(IDataStream& stream) const {
 void StreamDirectory::Load(StateReader& reader, std::uint64_t limit) {
     Reset(limit);
     const auto count = reader.Read<std::uint64_t>();
-    if (count > limit_) {
-        throw FileDataCorruptException();
-    }
+    if (count > limit_) { throw FileDataCorruptException(); }
     reader.Expect(count * sizeof(ChildFileExtent));
     for (std::uint64_t index = 0; index < count; ++index) {
         const auto extent = reader.Read<ChildFileExtent>();
-        if (!ids_.MarkAllocated(extent.streamId)) {
-            throw FileDataCorruptException();
-        }
+        if (!ids_.MarkAllocated(extent.streamId)) { throw FileDataCorruptException(); }
         Store(extent.streamId, extent);
     }
 }

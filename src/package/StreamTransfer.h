@@ -56,16 +56,12 @@ public:
     }
 
     void Flush() {
-        if (filled_ != 0) {
-            WriteThrough(buffer_.data(), std::exchange(filled_, 0));
-        }
+        if (filled_ != 0) { WriteThrough(buffer_.data(), std::exchange(filled_, 0)); }
     }
 
 private:
     void WriteThrough(const void* data, std::uint64_t size) {
-        if (stream_.Write(data, size) != size) {
-            throw FileIOException();
-        }
+        if (stream_.Write(data, size) != size) { throw FileIOException(); }
     }
 
     IDataStream& stream_;
@@ -90,9 +86,7 @@ public:
         Expect(size);
         expected_ -= size;
         while (size != 0) {
-            if (begin_ == end_ && !Refill(size + expected_)) {
-                return false;
-            }
+            if (begin_ == end_ && !Refill(size + expected_)) { return false; }
             const std::uint64_t count = std::min<std::uint64_t>(size, end_ - begin_);
             std::memcpy(to, buffer_.data() + begin_, count);
             begin_ += count;
@@ -105,9 +99,7 @@ public:
     template <typename Record>
     Record Read() {
         Record record;
-        if (!TryRead(&record, sizeof record)) {
-            throw FileIOException();
-        }
+        if (!TryRead(&record, sizeof record)) { throw FileIOException(); }
         return record;
     }
 
@@ -115,16 +107,12 @@ public:
     // what arrives, so that a damaged file can't claim memory for items that it does not hold.
     template <typename Item>
     [[nodiscard]] bool ReadItems(std::vector<Item>& items, std::uint64_t count) {
-        if (count > BytesLeft() / sizeof(Item)) {
-            return false;
-        }
+        if (count > BytesLeft() / sizeof(Item)) { return false; }
         while (count != 0) {
             const std::uint64_t step = std::min(count, kTransferBufferSize / sizeof(Item));
             const std::size_t filled = items.size();
             items.resize(filled + step);
-            if (!TryRead(items.data() + filled, step * sizeof(Item))) {
-                return false;
-            }
+            if (!TryRead(items.data() + filled, step * sizeof(Item))) { return false; }
             count -= step;
         }
         return true;

@@ -58,13 +58,9 @@ std::uint64_t TailBlockTable::AddBlock(const TailBlockPageNumbers& pages) {
 
 bool TailBlockTable::Place(std::uint64_t streamId, std::uint64_t blockId, std::uint64_t length) {
     TailBlockRecord* const block = Block(blockId);
-    if (!block || block->freeBytes < length) {
-        return false;
-    }
+    if (!block || block->freeBytes < length) { return false; }
     const std::uint64_t offset = kTailBlockSize - block->freeBytes;
-    if (Overlaps(*block, offset, length) || FindFragment(streamId)) {
-        return false;
-    }
+    if (Overlaps(*block, offset, length) || FindFragment(streamId)) { return false; }
     block->streamIds.push_back(streamId);
     Platform::ScopeGuard unlist([&] { block->streamIds.pop_back(); });
     StoreFragment({streamId, blockId, block->streamIds.size() - 1, offset, length});
@@ -76,9 +72,7 @@ bool TailBlockTable::Place(std::uint64_t streamId, std::uint64_t blockId, std::u
 // A new tail goes after all others, unless the block was read from a damaged file.
 bool TailBlockTable::Overlaps(const TailBlockRecord& block, std::uint64_t offset,
                               std::uint64_t length) const {
-    if (offset >= block.fragmentEnd) {
-        return false;
-    }
+    if (offset >= block.fragmentEnd) { return false; }
     return std::any_of(block.tails.begin(), block.tails.end(), [&](std::uint64_t streamId) {
         const TailFragment& other = *FindFragment(streamId);
         return (offset >= other.offset && offset < other.offset + other.length) ||
@@ -96,12 +90,8 @@ void TailBlockTable::Remove(std::uint64_t streamId) {
     for (const std::uint64_t otherId : block.tails) {
         TailFragment& other = *fragments_.Find(otherId);
         QUORVEL_ASSERT(other.blockId == removed.blockId);
-        if (other.listIndex > removed.listIndex) {
-            --other.listIndex;
-        }
-        if (other.offset >= removed.offset + removed.length) {
-            other.offset -= removed.length;
-        }
+        if (other.listIndex > removed.listIndex) { --other.listIndex; }
+        if (other.offset >= removed.offset + removed.length) { other.offset -= removed.length; }
         block.fragmentEnd = std::max(block.fragmentEnd, EndOf(other));
     }
     fragments_.Erase(streamId);
@@ -126,22 +116,16 @@ bool TailBlockTable::IsValid(const TailFragment& fragment) const {
 }
 
 void TailBlockTable::StoreBlock(const StoredTailBlock& block) {
-    if (!IsValid(block)) {
-        throw InvalidParameterException();
-    }
+    if (!IsValid(block)) { throw InvalidParameterException(); }
     QUORVEL_ASSERT(!Block(block.blockId));
     auto record = std::make_unique<TailBlockRecord>(TailBlockRecord{block, {}, {}, 0});
-    if (block.blockId >= blocks_.size()) {
-        blocks_.resize(block.blockId + 1);
-    }
+    if (block.blockId >= blocks_.size()) { blocks_.resize(block.blockId + 1); }
     rooms_.Set(block.blockId, RoomOf(block.freeBytes));
     blocks_[block.blockId] = std::move(record);
 }
 
 void TailBlockTable::StoreFragment(const TailFragment& fragment) {
-    if (!IsValid(fragment)) {
-        throw InvalidParameterException();
-    }
+    if (!IsValid(fragment)) { throw InvalidParameterException(); }
     QUORVEL_ASSERT(!FindFragment(fragment.streamId));
     TailBlockRecord& block = *Block(fragment.blockId);
     block.tails.push_back(static_cast<std::uint32_t>(fragment.streamId));
@@ -184,17 +168,13 @@ bool TailBlockTable::Load(StateReader& reader, std::uint64_t limit) {
 
 void TailBlockTable::LoadBlocks(StateReader& reader) {
     const auto count = reader.Read<std::uint64_t>();
-    if (count > BlockLimit()) {
-        throw FileDataCorruptException();
-    }
+    if (count > BlockLimit()) { throw FileDataCorruptException(); }
     // Each block has a list, which may be empty. The number of fragments follows the blocks.
     constexpr std::uint64_t kSmallestBlock = sizeof(StoredTailBlock) + sizeof(std::uint64_t);
     for (std::uint64_t index = 0; index < count; ++index) {
         reader.Expect((count - index) * kSmallestBlock + sizeof(std::uint64_t));
         const auto block = reader.Read<StoredTailBlock>();
-        if (blockIds_.IsAllocated(block.blockId)) {
-            throw FileDataCorruptException();
-        }
+        if (blockIds_.IsAllocated(block.blockId)) { throw FileDataCorruptException(); }
         if (!IsValid(block) || !blockIds_.MarkAllocated(block.blockId)) {
             throw InvalidParameterException();
         }
@@ -211,18 +191,12 @@ void TailBlockTable::LoadBlocks(StateReader& reader) {
 
 bool TailBlockTable::LoadFragments(StateReader& reader) {
     const auto count = reader.Read<std::uint64_t>();
-    if (count > limit_) {
-        throw FileDataCorruptException();
-    }
+    if (count > limit_) { throw FileDataCorruptException(); }
     reader.Expect(count * sizeof(TailFragment));
     for (std::uint64_t index = 0; index < count; ++index) {
         const auto fragment = reader.Read<TailFragment>();
-        if (fragment.listIndex >= limit_) {
-            return false;
-        }
-        if (FindFragment(fragment.streamId)) {
-            throw FileDataCorruptException();
-        }
+        if (fragment.listIndex >= limit_) { return false; }
+        if (FindFragment(fragment.streamId)) { throw FileDataCorruptException(); }
         StoreFragment(fragment);
     }
     return true;
@@ -239,13 +213,9 @@ void TailBlockTable::Swap(TailBlockTable& other) noexcept {
 bool GetChildFileTail(ChildFileTail& tail, const TailBlockTable& table, std::uint64_t streamId) {
     tail = {};
     const TailFragment* const fragment = table.FindFragment(streamId);
-    if (!fragment) {
-        return true;
-    }
+    if (!fragment) { return true; }
     const TailBlockRecord* const block = table.FindBlock(fragment->blockId);
-    if (QUORVEL_NEVER(!block)) {
-        throw FileDataCorruptException();
-    }
+    if (QUORVEL_NEVER(!block)) { throw FileDataCorruptException(); }
     const std::uint64_t slot = fragment->offset >> kPageShift;
     if (QUORVEL_NEVER(slot >= kTailBlockPages || fragment->length >= kPageSize) ||
         fragment->offset + fragment->length > kTailBlockSize - block->freeBytes) {

@@ -47,9 +47,7 @@ bool TailMover::RemoveTail() {
 void TailMover::ReattachStreams(const OpenStreams& openStreams) {
     for (const auto& [id, stream] : openStreams) {
         const TailFragment* const fragment = state_.tailBlocks.FindFragment(id);
-        if (!fragment || fragment->blockId != fragment_.blockId) {
-            continue;
-        }
+        if (!fragment || fragment->blockId != fragment_.blockId) { continue; }
         try {
             QUORVEL_ASSERT(state_.directory.Find(id));
             ChildFileTail tail;
@@ -57,9 +55,7 @@ void TailMover::ReattachStreams(const OpenStreams& openStreams) {
             const Util::RefPtr<ChildFileSeeker> seeker(new ChildFileSeeker);
             seeker->Attach(state_.allocator, *state_.directory.Find(id), tail);
             stream->MoveTo(seeker);
-        } catch (...) {
-            stream->Detach();
-        }
+        } catch (...) { stream->Detach(); }
     }
 }
 

@@ -10,9 +10,7 @@ ChildFileStream::ChildFileStream(PagedFilePackage* package, std::uint64_t stream
     : PagedFileStream(cache, seeker), package_(package), streamId_(streamId) {}
 
 ChildFileStream::~ChildFileStream() {
-    if (package_) {
-        package_->ForgetOpenStream(streamId_);
-    }
+    if (package_) { package_->ForgetOpenStream(streamId_); }
 }
 
 void ChildFileStream::LeavePackage() {

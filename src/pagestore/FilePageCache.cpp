@@ -54,13 +54,9 @@ bool FilePageCache::Open(const char* path, std::uint64_t capacity) {
 
 void FilePageCache::Close() {
     for (CachedPage* page : pages_) {
-        if (page) {
-            WriteBackPage(page);
-        }
+        if (page) { WriteBackPage(page); }
     }
-    if (file_) {
-        std::fclose(file_);
-    }
+    if (file_) { std::fclose(file_); }
     ResetToEmpty();
 }
 
@@ -98,28 +94,20 @@ void FilePageCache::EnsurePageInFile(std::uint64_t page) {
 }
 
 std::uint8_t* FilePageCache::GetPage(std::uint64_t page, Access access) {
-    if (!IsValidPageNumber(page)) {
-        return nullptr;
-    }
+    if (!IsValidPageNumber(page)) { return nullptr; }
     const std::uint64_t index = page - kHeadPageNumber;
-    if (index >= pages_.size()) {
-        pages_.resize(index + 1);
-    }
+    if (index >= pages_.size()) { pages_.resize(index + 1); }
     const bool forWrite = access == Access::Write;
     if (CachedPage* const resident = pages_[index]) {
         Unlink(resident);
         PushMostRecent(resident);
         ++resident->pinCount;
-        if (forWrite) {
-            resident->dirty = 1;
-        }
+        if (forWrite) { resident->dirty = 1; }
         return resident->data;
     }
 
     std::unique_ptr<CachedPage> loaded = LoadPage(index, forWrite);
-    if (!loaded) {
-        return nullptr;
-    }
+    if (!loaded) { return nullptr; }
     PushMostRecent(loaded.get());
     return (pages_[index] = loaded.release())->data;
 }
@@ -127,39 +115,25 @@ std::uint8_t* FilePageCache::GetPage(std::uint64_t page, Access access) {
 // A page of the file, pinned once and not yet entered in the index or the list. Null when every
 // resident page is pinned.
 std::unique_ptr<CachedPage> FilePageCache::LoadPage(std::uint64_t index, bool forWrite) {
-    if (QUORVEL_NEVER(capacity_ == 0)) {
-        throw InvalidParameterException();
-    }
+    if (QUORVEL_NEVER(capacity_ == 0)) { throw InvalidParameterException(); }
     std::unique_ptr<CachedPage> loaded;
-    if (!EvictDownTo(capacity_ - 1, loaded)) {
-        return nullptr;
-    }
-    if (!loaded) {
-        loaded.reset(new (std::nothrow) CachedPage);
-    }
-    if (!loaded) {
-        throw OutOfMemoryException();
-    }
+    if (!EvictDownTo(capacity_ - 1, loaded)) { return nullptr; }
+    if (!loaded) { loaded.reset(new (std::nothrow) CachedPage); }
+    if (!loaded) { throw OutOfMemoryException(); }
     loaded->pageIndex = index;
     loaded->pinCount = 1;
     loaded->dirty = forWrite ? 1 : 0;
     loaded->older = nullptr;
     loaded->newer = nullptr;
-    if (forWrite) {
-        GrowTo(OffsetOfIndex(index) + kPageSize);
-    }
+    if (forWrite) { GrowTo(OffsetOfIndex(index) + kPageSize); }
     ReadAt(loaded->data, OffsetOfIndex(index), kPageSize);
     return loaded;
 }
 
 void FilePageCache::ReleasePage(std::uint64_t page) {
-    if (!IsValidPageNumber(page)) {
-        return;
-    }
+    if (!IsValidPageNumber(page)) { return; }
     const std::uint64_t index = page - kHeadPageNumber;
-    if (index < pages_.size() && pages_[index]) {
-        --pages_[index]->pinCount;
-    }
+    if (index < pages_.size() && pages_[index]) { --pages_[index]->pinCount; }
 }
 
 // Evicts from the cold end, stepping over pinned pages, until at most `limit` pages are left. False
@@ -169,18 +143,14 @@ bool FilePageCache::EvictDownTo(std::uint64_t limit, std::unique_ptr<CachedPage>
     while (residentCount_ > limit && next) {
         CachedPage* const page = next;
         next = page->newer;
-        if (page->pinCount < 1) {
-            frame = WriteBackPage(page);
-        }
+        if (page->pinCount < 1) { frame = WriteBackPage(page); }
     }
     return residentCount_ <= limit;
 }
 
 // Writes a page and takes it out of the cache.
 std::unique_ptr<CachedPage> FilePageCache::WriteBackPage(CachedPage* page) {
-    if (writeListener_) {
-        writeListener_->BeforePageWrite();
-    }
+    if (writeListener_) { writeListener_->BeforePageWrite(); }
     WriteAt(page->data, OffsetOfIndex(page->pageIndex), kPageSize);
     pages_[page->pageIndex] = nullptr;
     Unlink(page);
@@ -239,9 +209,7 @@ void FilePageCache::ReadAt(void* buffer, std::uint64_t offset, std::uint64_t siz
 }
 
 void FilePageCache::SeekTo(std::uint64_t offset) {
-    if (!file_) {
-        throw FileIOException();
-    }
+    if (!file_) { throw FileIOException(); }
     if (std::fseek(file_, static_cast<long>(offset), SEEK_SET) != 0) {
         throw FileIOException(static_cast<std::uint32_t>(errno));
     }

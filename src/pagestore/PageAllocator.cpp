@@ -11,16 +11,12 @@ namespace Quorvel {
 PageAllocator::PageAllocator() : highestPage_(kHeadPageNumber) {}
 
 std::uint64_t PageAllocator::IndexOf(std::uint64_t page) {
-    if (!IsValidPageNumber(page)) {
-        throw InvalidParameterException();
-    }
+    if (!IsValidPageNumber(page)) { throw InvalidParameterException(); }
     return page - kHeadPageNumber;
 }
 
 std::uint64_t PageAllocator::AllocatePage(std::uint64_t previous) {
-    if (!IsValidPageNumber(previous)) {
-        previous = 0;
-    }
+    if (!IsValidPageNumber(previous)) { previous = 0; }
     const std::uint64_t page = TakeCandidate(previous);
     const std::uint64_t index = page - kHeadPageNumber;
     QUORVEL_ASSERT(IsValidPageNumber(page) && IsKnown(index));
@@ -42,13 +38,9 @@ std::uint64_t PageAllocator::TakeCandidate(std::uint64_t previous) {
     while (!freeQueue_.empty()) {
         const std::uint64_t page = freeQueue_.front();
         freeQueue_.pop_front();
-        if (!IsPageAllocated(page)) {
-            return page;
-        }
+        if (!IsPageAllocated(page)) { return page; }
     }
-    if (links_.size() >= kPageCountLimit) {
-        throw OutOfMemoryException();
-    }
+    if (links_.size() >= kPageCountLimit) { throw OutOfMemoryException(); }
     previousPages_.resize(links_.size() + 1);
     previousPages_.back() = previous;
     links_.push_back(kEndOfChain);
@@ -57,9 +49,7 @@ std::uint64_t PageAllocator::TakeCandidate(std::uint64_t previous) {
 
 void PageAllocator::FreePage(std::uint64_t page) {
     const std::uint64_t index = IndexOf(page);
-    if (!IsKnown(index)) {
-        throw InvalidParameterException();
-    }
+    if (!IsKnown(index)) { throw InvalidParameterException(); }
     const std::uint64_t successor = links_[index];
     links_[index] = kFreePage;
     previousPages_[index] = 0;
@@ -119,13 +109,9 @@ std::uint64_t PageAllocator::GetStateSize() const {
 
 bool PageAllocator::SaveState(const Util::RefPtr<IDataStream>& stream) const {
     const std::uint64_t count = links_.size();
-    if (stream->Write(&count, sizeof count) != sizeof count) {
-        throw FileIOException();
-    }
+    if (stream->Write(&count, sizeof count) != sizeof count) { throw FileIOException(); }
     const std::uint64_t bytes = count * sizeof(std::uint64_t);
-    if (count > 0 && stream->Write(links_.data(), bytes) != bytes) {
-        throw FileIOException();
-    }
+    if (count > 0 && stream->Write(links_.data(), bytes) != bytes) { throw FileIOException(); }
     return true;
 }
 

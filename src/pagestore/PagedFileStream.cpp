@@ -10,9 +10,7 @@ namespace Quorvel {
 
 PagedFileStream::PagedFileStream(FilePageCache* cache, const Util::RefPtr<IPagedFileSeeker>& seeker)
     : cache_(cache), seeker_(seeker), position_{}, readPage_(cache), writePage_(cache) {
-    if (!seeker_) {
-        throw InvalidParameterException();
-    }
+    if (!seeker_) { throw InvalidParameterException(); }
     if (!seeker_->PositionToPage(position_.page.pageIndex, position_.page.pageOffset, 0)) {
         throw InvalidParameterException();
     }
@@ -32,12 +30,8 @@ std::uint64_t PagedFileStream::GetSize() {
 
 bool PagedFileStream::Seek(std::uint32_t origin, std::int32_t offset) {
     Position target;
-    if (!ComputeTarget(target, position_, origin, offset)) {
-        return false;
-    }
-    if (target.page.pageIndex != position_.page.pageIndex) {
-        ReleasePages();
-    }
+    if (!ComputeTarget(target, position_, origin, offset)) { return false; }
+    if (target.page.pageIndex != position_.page.pageIndex) { ReleasePages(); }
     position_ = target;
     return true;
 }
@@ -54,16 +48,12 @@ std::uint64_t PagedFileStream::Write(const void* buffer, std::uint64_t size) {
 // even when nothing is left to copy, so that a position between two pages is always the later one.
 template <PagedFileStream::Direction direction>
 std::uint64_t PagedFileStream::Transfer(std::uint8_t* buffer, std::uint64_t size) {
-    if (!seeker_ || seeker_->pageCount == 0) {
-        return 0;
-    }
+    if (!seeker_ || seeker_->pageCount == 0) { return 0; }
     PagePosition& page = position_.page;
     std::uint64_t transferred = 0;
     while (transferred < size) {
         std::uint8_t* const data = PinCurrentPage<direction>();
-        if (!data) {
-            break;
-        }
+        if (!data) { break; }
         const std::uint64_t left = BytesLeftInPage(position_);
         const std::uint64_t count = std::min(size - transferred, left);
         QUORVEL_ASSERT(page.pageOffset + count <= kPageSize);
@@ -76,9 +66,7 @@ std::uint64_t PagedFileStream::Transfer(std::uint8_t* buffer, std::uint64_t size
         page.pageOffset += count;
         position_.byte += count;
         if (count == left) {
-            if (page.pageIndex + 1 >= seeker_->pageCount) {
-                break;
-            }
+            if (page.pageIndex + 1 >= seeker_->pageCount) { break; }
             ReleasePages();
             page = {page.pageIndex + 1, RangeOf(page.pageIndex + 1).start};
         }
@@ -115,9 +103,7 @@ bool PagedFileStream::RemoveRange(std::int32_t position, std::int32_t length) {
             to.SetWritePage(PageNumberOf(destination.page.pageIndex));
             from.SetReadPage(PageNumberOf(source.page.pageIndex));
         }
-        if (!to.Data() || !from.Data()) {
-            throw FileDataCorruptException();
-        }
+        if (!to.Data() || !from.Data()) { throw FileDataCorruptException(); }
         QUORVEL_ASSERT(destination.page.pageOffset + count <= kPageSize &&
                        source.page.pageOffset + count <= kPageSize);
         // Both may be the same page.
@@ -158,15 +144,11 @@ void PagedFileStream::Detach() {
 // The seeker is not asked when the position does not change.
 bool PagedFileStream::ComputeTarget(Position& target, const Position& from, std::uint32_t origin,
                                     std::int32_t offset) {
-    if (!seeker_) {
-        return false;
-    }
+    if (!seeker_) { return false; }
     Position result = from;
     if (origin == kSeekFromStart || origin == kSeekFromEnd) {
         std::uint32_t absolute = static_cast<std::uint32_t>(offset);
-        if (origin == kSeekFromEnd) {
-            absolute += static_cast<std::uint32_t>(GetSize());
-        }
+        if (origin == kSeekFromEnd) { absolute += static_cast<std::uint32_t>(GetSize()); }
         const auto signedTarget = static_cast<std::int32_t>(absolute);
         if (static_cast<std::int64_t>(from.byte) != signedTarget) {
             if (!seeker_->PositionToPage(result.page.pageIndex, result.page.pageOffset,
@@ -199,9 +181,7 @@ std::uint64_t PagedFileStream::PageNumberOf(std::uint64_t pageIndex) {
 }
 
 std::uint64_t PagedFileStream::BytesLeftInPage(const Position& position) {
-    if (position.page.pageIndex >= seeker_->pageCount) {
-        return 0;
-    }
+    if (position.page.pageIndex >= seeker_->pageCount) { return 0; }
     const std::uint64_t end = RangeOf(position.page.pageIndex).end;
     return end - std::min(end, position.page.pageOffset);
 }

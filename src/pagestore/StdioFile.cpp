@@ -21,17 +21,13 @@ int StdioFile::Open(const char* path, const char* mode) {
     Close();
     errno = 0;
     file_ = std::fopen(path, mode);
-    if (!file_) {
-        return errno != 0 ? errno : EIO;
-    }
+    if (!file_) { return errno != 0 ? errno : EIO; }
     std::setvbuf(file_, nullptr, _IONBF, 0);
     return 0;
 }
 
 void StdioFile::Close() {
-    if (file_) {
-        std::fclose(std::exchange(file_, nullptr));
-    }
+    if (file_) { std::fclose(std::exchange(file_, nullptr)); }
 }
 
 std::FILE* StdioFile::Detach() {
@@ -39,32 +35,20 @@ std::FILE* StdioFile::Detach() {
 }
 
 std::uint64_t GetFileSize(std::FILE* file) {
-    if (!file) {
-        throw InvalidParameterException();
-    }
-    if (std::fseek(file, 0, SEEK_END) != 0) {
-        ThrowLastError();
-    }
+    if (!file) { throw InvalidParameterException(); }
+    if (std::fseek(file, 0, SEEK_END) != 0) { ThrowLastError(); }
     const long size = std::ftell(file);
-    if (size < 0) {
-        ThrowLastError();
-    }
+    if (size < 0) { ThrowLastError(); }
     return static_cast<std::uint64_t>(size);
 }
 
 bool GrowFile(std::FILE* file, std::uint64_t newSize) {
     static const char zeros[kPageSize] = {};
     std::uint64_t position = GetFileSize(file);
-    if (newSize < position) {
-        return true;
-    }
-    if (std::fseek(file, static_cast<long>(position), SEEK_SET) != 0) {
-        ThrowLastError();
-    }
+    if (newSize < position) { return true; }
+    if (std::fseek(file, static_cast<long>(position), SEEK_SET) != 0) { ThrowLastError(); }
     while (position + kPageSize < newSize) {
-        if (std::fwrite(zeros, kPageSize, 1, file) != 1) {
-            ThrowLastError();
-        }
+        if (std::fwrite(zeros, kPageSize, 1, file) != 1) { ThrowLastError(); }
         position += kPageSize;
     }
     QUORVEL_ASSERT(newSize <= position + kPageSize);

@@ -13,9 +13,7 @@ public:
     ScopeGuard(const ScopeGuard&) = delete;
     ScopeGuard& operator=(const ScopeGuard&) = delete;
     ~ScopeGuard() {
-        if (isArmed_) {
-            undo_();
-        }
+        if (isArmed_) { undo_(); }
     }
 
     void Dismiss() { isArmed_ = false; }

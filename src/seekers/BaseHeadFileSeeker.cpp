@@ -39,9 +39,7 @@ bool BaseHeadFileSeeker::PositionToPage(std::uint64_t& pageIndex, std::uint64_t&
         return pageOffset <= rangeTable_[index].end;
     }
     // An end of the file at a page boundary maps to the end of the page before it.
-    if (index > pageCount || behindFirst % kPageCapacity != 0) {
-        return false;
-    }
+    if (index > pageCount || behindFirst % kPageCapacity != 0) { return false; }
     LoadPageInfo(index - 1);
     pageIndex = index - 1;
     pageOffset = rangeTable_[index - 1].end;
@@ -72,17 +70,13 @@ bool BaseHeadFileSeeker::ValidatePageInfo(std::uint64_t pageIndex) {
         range.end > kPageSize) {
         return false;
     }
-    if (nextPageTable_[pageIndex] == 0) {
-        return true;
-    }
+    if (nextPageTable_[pageIndex] == 0) { return true; }
     return range.end - range.start == (pageIndex > 0 ? kPageCapacity : kFirstPageCapacity);
 }
 
 bool BaseHeadFileSeeker::CreateHeadFile(const std::uint64_t* pages, const std::uint64_t* nextPages,
                                         std::uint64_t newPageCount, std::uint64_t newByteSize) {
-    if (newByteSize == 0) {
-        return false;
-    }
+    if (newByteSize == 0) { return false; }
     if (newByteSize > kPageCountLimit << kPageShift || PagesForSize(newByteSize) != newPageCount ||
         pages[0] != kHeadPageNumber) {
         throw InvalidParameterException();
@@ -90,9 +84,7 @@ bool BaseHeadFileSeeker::CreateHeadFile(const std::uint64_t* pages, const std::u
     Clear();
     byteSize = newByteSize;
     pageCount = newPageCount;
-    if (QUORVEL_NEVER(pageCount == 0)) {
-        throw InvalidParameterException();
-    }
+    if (QUORVEL_NEVER(pageCount == 0)) { throw InvalidParameterException(); }
     SizeTables();
     std::copy_n(pages, newPageCount, pageNumberTable_.begin());
     std::copy_n(nextPages, newPageCount, nextPageTable_.begin());
@@ -100,9 +92,7 @@ bool BaseHeadFileSeeker::CreateHeadFile(const std::uint64_t* pages, const std::u
 
     PageRef page(cache_);
     page.SetWritePage(kHeadPageNumber);
-    if (!page.Data()) {
-        throw FileDataCorruptException();
-    }
+    if (!page.Data()) { throw FileDataCorruptException(); }
     const HeadFileHeader header = {pageCount, byteSize, nextPageTable_[0], rangeTable_[0].end};
     std::memcpy(page.Data(), &header, sizeof header);
     return true;
@@ -112,9 +102,7 @@ bool BaseHeadFileSeeker::OpenHeadFile() {
     Clear();
     PageRef page(cache_);
     page.SetReadPage(kHeadPageNumber);
-    if (!page.Data()) {
-        throw FileDataCorruptException();
-    }
+    if (!page.Data()) { throw FileDataCorruptException(); }
     HeadFileHeader header;
     std::memcpy(&header, page.Data(), sizeof header);
     // The limit on the size is loose: it ignores the page headers.
@@ -128,24 +116,18 @@ bool BaseHeadFileSeeker::OpenHeadFile() {
     pageNumberTable_[0] = kHeadPageNumber;
     nextPageTable_[0] = header.nextPage;
     rangeTable_[0] = {kFirstPageHeaderSize, header.dataEnd};
-    if (!ValidatePageInfo(0)) {
-        throw FileDataCorruptException();
-    }
+    if (!ValidatePageInfo(0)) { throw FileDataCorruptException(); }
     return true;
 }
 
 std::uint64_t BaseHeadFileSeeker::PagesForSize(std::uint64_t size) {
-    if (size < kFirstPageCapacity) {
-        return 1;
-    }
+    if (size < kFirstPageCapacity) { return 1; }
     const std::uint64_t behindFirst = size - kFirstPageCapacity;
     return 1 + behindFirst / kPageCapacity + (behindFirst % kPageCapacity != 0 ? 1 : 0);
 }
 
 std::uint64_t BaseHeadFileSeeker::DataEndForPage(std::uint64_t pageIndex) const {
-    if (byteSize < kFirstPageCapacity) {
-        return byteSize + kFirstPageHeaderSize;
-    }
+    if (byteSize < kFirstPageCapacity) { return byteSize + kFirstPageHeaderSize; }
     const std::uint64_t endOfFullPage = kFirstPageCapacity + pageIndex * kPageCapacity;
     if (pageIndex != 0 && endOfFullPage > byteSize) {
         return kPageSize - (endOfFullPage - byteSize);

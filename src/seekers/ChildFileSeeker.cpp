@@ -19,9 +19,7 @@ bool ChildFileSeeker::PositionToPage(std::uint64_t& pageIndex, std::uint64_t& pa
                                      std::int32_t position) {
     pageIndex = 0;
     pageOffset = 0;
-    if (position < 0 || position > static_cast<std::int32_t>(byteSize)) {
-        return false;
-    }
+    if (position < 0 || position > static_cast<std::int32_t>(byteSize)) { return false; }
     const auto logical = static_cast<std::uint64_t>(position);
     std::uint64_t index = logical >> kPageShift;
     std::uint64_t offset = logical & (kPageSize - 1);
@@ -37,9 +35,7 @@ bool ChildFileSeeker::PositionToPage(std::uint64_t& pageIndex, std::uint64_t& pa
     }
     if (index >= pageCount) {
         // The end of the data maps to the end of the last entry.
-        if (index == 0 || index > pageCount || offset != 0) {
-            return false;
-        }
+        if (index == 0 || index > pageCount || offset != 0) { return false; }
         --index;
         offset = rangeTable_[index].end;
     }
@@ -51,9 +47,7 @@ bool ChildFileSeeker::PositionToPage(std::uint64_t& pageIndex, std::uint64_t& pa
 
 bool ChildFileSeeker::MovePosition(std::uint64_t& pageIndex, std::uint64_t& pageOffset,
                                    const PagePosition& from, std::uint32_t distance) {
-    if (from.pageIndex > pageCount) {
-        return false;
-    }
+    if (from.pageIndex > pageCount) { return false; }
     const std::uint64_t logical = PageToPosition(from.pageIndex, from.pageOffset);
     return PositionToPage(
         pageIndex, pageOffset,
@@ -74,9 +68,7 @@ bool ChildFileSeeker::Attach(const Util::RefPtr<IPageAllocator>& allocator,
     CheckSizes();
     AttachWholePages();
     AttachTail();
-    if (pageCount == 0) {
-        throw FileDataCorruptException();
-    }
+    if (pageCount == 0) { throw FileDataCorruptException(); }
     QUORVEL_ASSERT(pageNumberTable_.size() == pageCount && rangeTable_.size() == pageCount);
     pageNumbers = pageNumberTable_.data();
     pageRanges = rangeTable_.data();
@@ -116,9 +108,7 @@ void ChildFileSeeker::AttachWholePages() {
 void ChildFileSeeker::AttachTail() {
     tailEntryCount_ = 0;
     if (tail_.tailLength != 0) {
-        if (!IsValidPageNumber(tail_.tailPage)) {
-            throw FileDataCorruptException();
-        }
+        if (!IsValidPageNumber(tail_.tailPage)) { throw FileDataCorruptException(); }
         QUORVEL_ASSERT(tail_.tailOffset < kPageSize && tail_.tailLength < kPageSize);
         const std::uint64_t room = kPageSize - tail_.tailOffset;
         pageNumberTable_.push_back(tail_.tailPage);
@@ -145,19 +135,13 @@ void ChildFileSeeker::AttachTail() {
 
 std::uint64_t ChildFileSeeker::PageToPosition(std::uint64_t pageIndex,
                                               std::uint64_t pageOffset) const {
-    if (pageIndex > pageCount) {
-        throw InvalidParameterException();
-    }
+    if (pageIndex > pageCount) { throw InvalidParameterException(); }
     const std::uint64_t wholePages = extent_.wholePageCount;
-    if (pageIndex < wholePages) {
-        return pageIndex * kPageSize + pageOffset;
-    }
+    if (pageIndex < wholePages) { return pageIndex * kPageSize + pageOffset; }
     const std::uint64_t wholeBytes = wholePages * kPageSize;
     // The index after the last entry has no range: its offset counts from 0.
     const std::uint64_t start = pageIndex < pageCount ? rangeTable_[pageIndex].start : 0;
-    if (pageIndex == wholePages) {
-        return wholeBytes + pageOffset - start;
-    }
+    if (pageIndex == wholePages) { return wholeBytes + pageOffset - start; }
     const PageRange& before = rangeTable_[pageIndex - 1];
     return wholeBytes + (before.end - before.start) + (pageOffset - start);
 }

@@ -10,9 +10,7 @@ namespace Quorvel {
 
 void HeadFileSeeker::LoadPageInfo(std::uint64_t pageIndex) {
     QUORVEL_ASSERT(pageIndex < pageCount);
-    if (pageNumberTable_[pageIndex] != 0) {
-        return;
-    }
+    if (pageNumberTable_[pageIndex] != 0) { return; }
     QUORVEL_ASSERT(pageIndex > loadedThrough);
     for (std::uint64_t index = loadedThrough + 1; index <= pageIndex; ++index) {
         const std::uint64_t number = nextPageTable_[index - 1];
@@ -24,16 +22,12 @@ void HeadFileSeeker::LoadPageInfo(std::uint64_t pageIndex) {
 
         PageRef page(cache_);
         page.SetReadPage(number);
-        if (!page.Data()) {
-            throw FileDataCorruptException();
-        }
+        if (!page.Data()) { throw FileDataCorruptException(); }
         HeadFilePageHeader header;
         std::memcpy(&header, page.Data(), sizeof header);
         nextPageTable_[index] = header.nextPage;
         rangeTable_[index] = {kPageHeaderSize, header.dataEnd};
-        if (!ValidatePageInfo(index)) {
-            throw FileDataCorruptException();
-        }
+        if (!ValidatePageInfo(index)) { throw FileDataCorruptException(); }
     }
     loadedThrough = pageIndex;
 }

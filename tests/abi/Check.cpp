@@ -41,9 +41,7 @@ void RemoveFolder(const std::string& folder) {
     if (search != INVALID_HANDLE_VALUE) {
         do {
             const std::string name = entry.cFileName;
-            if (name == "." || name == "..") {
-                continue;
-            }
+            if (name == "." || name == "..") { continue; }
             if (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
                 RemoveFolder(folder + name + "\\");
             } else {
@@ -60,9 +58,7 @@ bool Passes(const Test& test) {
         test.function();
         return true;
     } catch (const Failure&) {
-    } catch (const std::exception& error) {
-        std::printf("uncaught exception: %s\n", error.what());
-    }
+    } catch (const std::exception& error) { std::printf("uncaught exception: %s\n", error.what()); }
     return false;
 }
 

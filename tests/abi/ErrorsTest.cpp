@@ -51,9 +51,7 @@ void WriteFullPackage(const std::string& path) {
     std::uint64_t written = 0;
     for (std::uint64_t index = 0; index < headPages; ++index) {
         std::vector<std::uint64_t> page;
-        if (index == 0) {
-            page = {headPages, stateSize};
-        }
+        if (index == 0) { page = {headPages, stateSize}; }
         page.push_back(index + 1 < headPages ? index + 11 : 0);
         const std::size_t headerSize = page.size() + 1;
         const std::size_t words =
@@ -142,9 +140,7 @@ ABI_TEST(Errors, AreCaughtAsStdException) {
     const char* caughtAs = "nothing";
     try {
         package->CreateDataStream(~std::uint64_t{0});
-    } catch (const FileIOException&) {
-        caughtAs = "another class";
-    } catch (const std::exception&) {
+    } catch (const FileIOException&) { caughtAs = "another class"; } catch (const std::exception&) {
         caughtAs = "the base";
     }
     EXPECT(std::strcmp(caughtAs, "the base") == 0);

@@ -23,9 +23,7 @@ constexpr std::uint64_t kMostStreams = 60;
 constexpr std::uint64_t kPageCacheCapacity = 16;
 
 void Require(bool holds, const char* what) {
-    if (!holds) {
-        throw std::runtime_error(what);
-    }
+    if (!holds) { throw std::runtime_error(what); }
 }
 
 // Returns the same numbers on every platform.
@@ -157,9 +155,7 @@ void RunOperations(Model& package) {
             case 3:
             case 4:
             case 5:
-                if (exists) {
-                    package.Delete(stream->first);
-                }
+                if (exists) { package.Delete(stream->first); }
                 break;
             case 6:
                 if (exists) {
@@ -190,9 +186,7 @@ void CheckPackage(const std::string& path) {
     std::uint64_t index = 0;
     for (const auto& [id, content] : expected.streams) {
         Require(package->GetDataStreamId(index++) == id, "a stream is missing");
-        if (content.empty()) {
-            continue;
-        }
+        if (content.empty()) { continue; }
         const auto stream = package->OpenDataStream(id);
         Require(stream && stream->GetSize() == content.size(), "a stream has the wrong size");
         Bytes found(content.size());
@@ -226,9 +220,7 @@ void WriteCache(const std::string& folder) {
         const Bytes bytes = EffectBytes(number);
         cache->CacheCompiledEffect(CStr(EffectName(number).c_str()), bytes.data(), bytes.size(),
                                    number % 3 == 0);
-        if (number == kEffects / 2) {
-            cache->ForceSaveToFile();
-        }
+        if (number == kEffects / 2) { cache->ForceSaveToFile(); }
     }
 }
 

@@ -19,9 +19,7 @@ Names ListedNames() {
     std::ifstream list(QUORVEL_EXPORT_LIST);
     Names names;
     for (std::string line; std::getline(list, line);) {
-        if (!line.empty() && line.back() == '\r') {
-            line.pop_back();
-        }
+        if (!line.empty() && line.back() == '\r') { line.pop_back(); }
         names.insert(line);
     }
     return names;

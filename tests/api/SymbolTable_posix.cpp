@@ -41,16 +41,12 @@ std::set<std::string> ExportedNames(const std::string& path) {
     std::set<std::string> names;
     for (std::uint64_t index = 0; index < header.e_shnum; ++index) {
         const Elf64_Shdr table = section(index);
-        if (table.sh_type != SHT_DYNSYM) {
-            continue;
-        }
+        if (table.sh_type != SHT_DYNSYM) { continue; }
         const auto* const strings =
             reinterpret_cast<const char*>(file.data()) + section(table.sh_link).sh_offset;
         for (std::uint64_t at = 0; at < table.sh_size; at += sizeof(Elf64_Sym)) {
             const auto symbol = RecordAt<Elf64_Sym>(file, table.sh_offset + at);
-            if (IsExported(symbol)) {
-                names.insert(Demangled(strings + symbol.st_name));
-            }
+            if (IsExported(symbol)) { names.insert(Demangled(strings + symbol.st_name)); }
         }
     }
     return names;

@@ -14,9 +14,7 @@ thread_local State state = State::Idle;
 thread_local std::uint64_t left = 0;
 
 bool Fails() {
-    if (state != State::Armed || left-- != 0) {
-        return false;
-    }
+    if (state != State::Armed || left-- != 0) { return false; }
     state = State::Failed;
     return true;
 }
@@ -45,9 +43,7 @@ bool AllocationFault::HasFailed() const {
 using Quorvel::Testing::Allocate;
 
 void* operator new(std::size_t size) {
-    if (void* const memory = Allocate(size)) {
-        return memory;
-    }
+    if (void* const memory = Allocate(size)) { return memory; }
     throw std::bad_alloc();
 }
 

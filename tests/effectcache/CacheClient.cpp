@@ -33,9 +33,7 @@ void CacheClient::Add(const std::string& name, const Bytes& bytes, bool permanen
 
 std::optional<Bytes> CacheClient::Find(const std::string& name) {
     Tab<unsigned char> data;
-    if (!cache_->SearchCachedEffects(ToCStr(name), data)) {
-        return std::nullopt;
-    }
+    if (!cache_->SearchCachedEffects(ToCStr(name), data)) { return std::nullopt; }
     return Bytes(data.Addr(0), data.Addr(0) + data.Count());
 }
 
@@ -48,9 +46,7 @@ std::string SharedObjectName(const std::string& filePath) {
         "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
     std::string name = filePath;
     for (char& byte : name) {
-        if (plain.find(byte) == std::string::npos) {
-            byte = '_';
-        }
+        if (plain.find(byte) == std::string::npos) { byte = '_'; }
     }
     return name;
 }
@@ -65,9 +61,7 @@ bool IsFileMutexFree(const TemporaryDirectory& directory) {
     std::thread other([&] {
         MutexObject mutex((SharedObjectName(directory) + "_mutex").c_str());
         result = mutex.Acquire(kOneMinute);
-        if (result == kWaitAcquired) {
-            mutex.Release();
-        }
+        if (result == kWaitAcquired) { mutex.Release(); }
     });
     other.join();
     return result == kWaitAcquired;

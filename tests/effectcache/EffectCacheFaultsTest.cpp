@@ -83,9 +83,7 @@ public:
 #define EXPECT_SAFE_AFTER_SAVE(failed)      \
     do {                                    \
         FindAll(*b);                        \
-        if (a) {                            \
-            FindAll(*a);                    \
-        }                                   \
+        if (a) { FindAll(*a); }             \
         const State state = FreshState();   \
         if (failed) {                       \
             EXPECT_NE(state, State::Other); \
@@ -243,9 +241,7 @@ TEST_P(EffectCacheFaults, OpeningLeavesTheOldStateOrAnEmptyCache) {
 TEST_P(EffectCacheFaults, CreatingMakesAnEmptyCacheOrAnInertOne) {
     ForEachCall([&] { std::filesystem::remove(path); }, [&] { Open(a); },
                 [&](bool failed) {
-                    if (!failed) {
-                        EXPECT_TRUE((*a)->IsEnabled());
-                    }
+                    if (!failed) { EXPECT_TRUE((*a)->IsEnabled()); }
                     EXPECT_EQ(a->InFile(), 0u);
                     a->Add("x", {1, 2});
                     EXPECT_EQ(a->Find("x").has_value(), (*a)->IsEnabled());

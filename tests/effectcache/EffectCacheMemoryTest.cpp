@@ -118,9 +118,7 @@ TEST_F(EffectCacheMemory, SearchFindsTheBytesOrNothing) {
         [&] { isFound = Find(name); },
         [&](bool failed) {
             EXPECT_TRUE(isFound || failed);
-            if (isFound) {
-                ExpectFound(OldContents().at("c"));
-            }
+            if (isFound) { ExpectFound(OldContents().at("c")); }
             EXPECT_TRUE((*cache)->IsEnabled());
             EXPECT_EQ(StateOf(*cache), State::Old);
         });
@@ -138,9 +136,7 @@ TEST_F(EffectCacheMemory, SearchAmongPendingEffectsFindsTheBytesOrNothing) {
         [&] { isFound = Find(name); },
         [&](bool failed) {
             EXPECT_EQ(isFound, !failed);
-            if (isFound) {
-                ExpectFound(EffectBytes("pending", 500));
-            }
+            if (isFound) { ExpectFound(EffectBytes("pending", 500)); }
             EXPECT_EQ(cache->Find("pending"), EffectBytes("pending", 500));
         });
 }
@@ -205,8 +201,7 @@ TEST_F(EffectCacheMemory, OpeningWorksOrThrowsAndLeavesTheOldStateOrAnEmptyCache
                               opened = new EffectCacheSystem(text);
                           } catch (const std::bad_alloc&) {
                           } catch (const OutOfMemoryException&) {
-                          } catch (const Win32APICallFailedException&) {
-                          }
+                          } catch (const Win32APICallFailedException&) {}
                       },
                       [&](bool failed) {
                           EXPECT_TRUE(failed || opened);
@@ -235,8 +230,7 @@ TEST_F(EffectCacheMemory, TrimWhileOpeningLeavesWholeEffects) {
                 opened = new EffectCacheSystem(text);
             } catch (const std::bad_alloc&) {
             } catch (const OutOfMemoryException&) {
-            } catch (const Win32APICallFailedException&) {
-            }
+            } catch (const Win32APICallFailedException&) {}
         },
         [&](bool failed) {
             stub.reset();

@@ -90,9 +90,7 @@ std::pair<std::string, std::string> NamesOfOneHash() {
     for (int number = 0;; ++number) {
         const std::string name = std::to_string(number);
         const auto [other, isNew] = names.emplace(KeyOf(name).Hash(), name);
-        if (!isNew) {
-            return {other->second, name};
-        }
+        if (!isNew) { return {other->second, name}; }
     }
 }
 
@@ -362,9 +360,7 @@ TEST(EffectTable, AgreesWithAMap) {
         } else {
             IndexEntry* const entry = Find(table, name);
             ASSERT_EQ(entry != nullptr, expected.erase({name.size(), name}) != 0) << step;
-            if (entry) {
-                table.Remove(entry);
-            }
+            if (entry) { table.Remove(entry); }
         }
         if (random() % 400 == 0) {
             table.Pack();

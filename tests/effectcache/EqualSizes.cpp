@@ -58,9 +58,7 @@ Contents FindAll(CacheClient& cache) {
     Contents found;
     for (const auto& [name, newBytes] : NewContents()) {
         const auto bytes = cache.Find(name);
-        if (!bytes) {
-            continue;
-        }
+        if (!bytes) { continue; }
         const auto old = oldContents.find(name);
         EXPECT_TRUE(*bytes == newBytes || (old != oldContents.end() && *bytes == old->second))
             << name << " has bytes that begin with "
@@ -72,12 +70,8 @@ Contents FindAll(CacheClient& cache) {
 
 State StateOf(CacheClient& cache) {
     const Contents found = FindAll(cache);
-    if (found == OldContents()) {
-        return State::Old;
-    }
-    if (found == NewContents()) {
-        return State::New;
-    }
+    if (found == OldContents()) { return State::Old; }
+    if (found == NewContents()) { return State::New; }
     return found.empty() && cache.InFile() == 0 ? State::Empty : State::Other;
 }
 

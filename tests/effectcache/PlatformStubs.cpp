@@ -29,15 +29,9 @@ FreeSpaceStub::~FreeSpaceStub() {
 }
 
 bool FreeSpaceStub::Answer(const char* directory, std::uint64_t& bytes) {
-    if (keepsQueries_) {
-        queries_.emplace_back(directory);
-    }
-    if (hook_) {
-        hook_();
-    }
-    if (fails_) {
-        return false;
-    }
+    if (keepsQueries_) { queries_.emplace_back(directory); }
+    if (hook_) { hook_(); }
+    if (fails_) { return false; }
     bytes = bytes_;
     return true;
 }

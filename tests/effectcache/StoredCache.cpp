@@ -144,9 +144,7 @@ std::vector<std::string> StoredCache::Names() const {
 
 Bytes StoredCache::RecordOf(const std::string& name) const {
     for (const IndexEntry& entry : Entries()) {
-        if (entry.name == name) {
-            return entry.record;
-        }
+        if (entry.name == name) { return entry.record; }
     }
     return {};
 }

@@ -58,9 +58,7 @@ public:
 private:
     void CountCall() {
         if (calls++ == throwAfter) {
-            if (throwsNonStandard) {
-                throw 17;
-            }
+            if (throwsNonStandard) { throw 17; }
             throw FileIOException(5);
         }
     }

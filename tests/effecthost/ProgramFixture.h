@@ -93,9 +93,7 @@ protected:
                 return {program, arguments, ChildProcess::Errors::Captured};
             } catch (const std::exception& failure) {
                 const std::string text = failure.what();
-                if (attempts == 5 || text.find("(error 1359)") == std::string::npos) {
-                    throw;
-                }
+                if (attempts == 5 || text.find("(error 1359)") == std::string::npos) { throw; }
                 std::this_thread::sleep_for(std::chrono::milliseconds(200));
             }
         }

@@ -45,9 +45,7 @@ protected:
 };
 
 TEST_F(PosixProgram, AVolumeWithoutRoomIsExitCode6AfterTheSummary) {
-    if (!MayMount()) {
-        GTEST_SKIP() << "this system does not allow mounting a small volume";
-    }
+    if (!MayMount()) { GTEST_SKIP() << "this system does not allow mounting a small volume"; }
     WriteVariants(kManyVariants);
     for (const std::vector<std::string>& more :
          {std::vector<std::string>{}, {"--verify"}, {"--force-save", "1"}, {"--processes", "2"}}) {
@@ -78,8 +76,7 @@ TEST_F(PosixProgram, AnInterruptSavesWhatWasCompiledAndIsExitCode11) {
     WriteVariants(kEndless);
     for (const char* processes : {"1", "2"}) {
         ChildProcess process = Start(cache_, {"--processes", processes, "--force-save", "0"});
-        while (process.ReadLine().value().find("compiled") == std::string::npos) {
-        }
+        while (process.ReadLine().value().find("compiled") == std::string::npos) {}
         kill(static_cast<pid_t>(process.Id()), SIGINT);
         const Result result = Finish(process);
         EXPECT_EQ(result.exitCode, 11);

@@ -77,9 +77,7 @@ bool IsFree(const std::string& name) {
     std::thread other([&] {
         MutexObject mutex(name.c_str());
         result = mutex.Acquire(0);
-        if (result == kWaitAcquired) {
-            mutex.Release();
-        }
+        if (result == kWaitAcquired) { mutex.Release(); }
     });
     other.join();
     return result == kWaitAcquired;
@@ -152,29 +150,21 @@ void CacheScript::Open(Cache& cache) {
             EXPECT_TRUE(failure_.isMemory);
         } catch (const OutOfMemoryException&) {
             EXPECT_TRUE(failure_.isMemory);
-        } catch (const Win32APICallFailedException&) {
-            EXPECT_TRUE(failure_.isMemory);
-        }
+        } catch (const Win32APICallFailedException&) { EXPECT_TRUE(failure_.isMemory); }
     });
     EXPECT_TRUE(hasFailed_ || (cache && cache->IsEnabled()));
-    if (hasFailed_) {
-        states_.insert(State());
-    }
+    if (hasFailed_) { states_.insert(State()); }
 }
 
 // Queues effects and returns those that were queued. If memory runs out, some are not.
 State CacheScript::Add(Cache& cache, const State& effects) {
     State queued;
-    if (!cache) {
-        return queued;
-    }
+    if (!cache) { return queued; }
     for (const auto& [name, version] : effects) {
         const CStr key(&name, 1);
         const Bytes bytes = EffectOf(name, version);
         Call([&] { cache->CacheCompiledEffect(key, bytes.data(), bytes.size(), false); });
-        if (cache->GetNumberOfEffectsInMemory() > queued.size()) {
-            queued[name] = version;
-        }
+        if (cache->GetNumberOfEffectsInMemory() > queued.size()) { queued[name] = version; }
     }
     EXPECT_TRUE(hasFailed_ || queued == effects);
     return queued;
@@ -209,9 +199,7 @@ void CacheScript::Close(Cache& cache, const State& pending) {
 
 State CacheScript::SearchAll(const Cache& cache, const State& pending) {
     State found;
-    if (!cache) {
-        return found;
-    }
+    if (!cache) { return found; }
     Tab<unsigned char> data;
     for (const char name : kNames) {
         const CStr key(&name, 1);

@@ -46,9 +46,7 @@ std::set<std::uint64_t> ValuesFor(const Field& field, const Place& place,
     }
     std::set<std::uint64_t> fitting;
     for (const std::uint64_t one : values) {
-        if ((one & AllOnes(place.width)) != value) {
-            fitting.insert(one & AllOnes(place.width));
-        }
+        if ((one & AllOnes(place.width)) != value) { fitting.insert(one & AllOnes(place.width)); }
     }
     return fitting;
 }
@@ -103,17 +101,13 @@ TEST_P(DamagedFields, CostOnlyWhatTheyDescribeOrTheWholeCache) {
     Examiner examiner(SampleCache());
     std::uint64_t values = 0;
     for (const Field& field : Fields()) {
-        if (field.table != GetParam()) {
-            continue;
-        }
+        if (field.table != GetParam()) { continue; }
         const std::vector<Place> places = field.places(examiner.Map());
         const std::size_t step = std::max<std::size_t>(places.size() / kMostPlaces, 1);
         for (std::size_t index = 0; index < places.size(); index += step) {
             for (const std::uint64_t value :
                  ValuesFor(field, places[index], places, examiner.Sound())) {
-                if (++values % QUORVEL_FILE_STRIDE != 0) {
-                    continue;
-                }
+                if (++values % QUORVEL_FILE_STRIDE != 0) { continue; }
                 Bytes damaged = examiner.Sound();
                 Format::StoreInteger(damaged, places[index].offset, places[index].width, value);
                 examiner.Examine(damaged, NameOf(field, index, value));

@@ -103,9 +103,7 @@ void Examiner::Examine(const Bytes& damaged, const std::string& name) {
     const std::uint64_t openFiles = CountStdioCalls().openFiles;
     ExaminePackage(damaged);
     ExamineCache(damaged);
-    if (CountStdioCalls().openFiles != openFiles) {
-        Problem("leaves a file open");
-    }
+    if (CountStdioCalls().openFiles != openFiles) { Problem("leaves a file open"); }
 }
 
 void Examiner::Problem(const std::string& text) {
@@ -142,9 +140,7 @@ void Examiner::ExaminePackage(const Bytes& damaged) {
         const LibraryCall call;
         const auto package = OpenFilePackage({path.c_str(), 64, Format::kHighestId});
         isOpen = static_cast<bool>(package);
-        if (!package) {
-            return;
-        }
+        if (!package) { return; }
         static Bytes buffer(std::size_t{1} << 20);
         std::vector<std::uint64_t> ids;
         for (std::uint64_t index = 0; index < package->GetNumberOfDataStreams(); ++index) {
@@ -158,8 +154,7 @@ void Examiner::ExaminePackage(const Bytes& damaged) {
                     stream->Seek(kSeekFromEnd, -1);
                     stream->Read(buffer.data(), 1);
                 }
-            } catch (const std::exception&) {
-            }
+            } catch (const std::exception&) {}
         }
         for (std::size_t index = 0; index < std::min(ids.size(), kMostChanged); ++index) {
             try {
@@ -168,28 +163,20 @@ void Examiner::ExaminePackage(const Bytes& damaged) {
                 } else {
                     const std::uint64_t id = package->CreateDataStream(kUsualSize);
                     const auto stream = package->OpenDataStream(id);
-                    if (stream) {
-                        stream->Write(buffer.data(), kUsualSize);
-                    }
+                    if (stream) { stream->Write(buffer.data(), kUsualSize); }
                 }
-            } catch (const std::exception&) {
-            }
+            } catch (const std::exception&) {}
         }
         try {
             package->Commit();
-        } catch (const std::exception&) {
-        }
+        } catch (const std::exception&) {}
     });
     findings_.opened += isOpen ? 1 : 0;
     bool isReadable = true;
     try {
         Format::ReadPackage(damaged);
-    } catch (const Format::FormatError&) {
-        isReadable = false;
-    }
-    if (isOpen != isReadable) {
-        Problem(isOpen ? "opens but must not" : "does not open but must");
-    }
+    } catch (const Format::FormatError&) { isReadable = false; }
+    if (isOpen != isReadable) { Problem(isOpen ? "opens but must not" : "does not open but must"); }
     Watch("a package, again", [&] {
         const LibraryCall call;
         OpenFilePackage({path.c_str(), 64, Format::kHighestId});
@@ -211,9 +198,7 @@ void Examiner::SearchAll(const Bytes& damaged, bool isSaved, const std::string& 
         const LibraryCall call;
         cache = new EffectCacheSystem(text);
     });
-    if (!cache->IsEnabled()) {
-        Problem("the cache is not enabled, " + when);
-    }
+    if (!cache->IsEnabled()) { Problem("the cache is not enabled, " + when); }
     const std::uint64_t foundBefore = findings_.found;
     SearchAll(*cache, damaged, isSaved, when);
     if (!isSaved) {
@@ -269,9 +254,7 @@ Examiner::Verdict Examiner::Search(EffectCacheSystem& cache, const std::string& 
         const LibraryCall call;
         isFound = cache.SearchCachedEffects(key, data);
     });
-    if (!isFound) {
-        return Verdict::Missed;
-    }
+    if (!isFound) { return Verdict::Missed; }
     std::uint64_t version = 0;
     const auto bytes =
         Torture::CheckEffect(name, {data.Addr(0), static_cast<std::size_t>(data.Count())}, version);

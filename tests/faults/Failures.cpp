@@ -69,9 +69,7 @@ void ForEachCall(const Failure& failure, const std::function<bool(std::uint64_t 
     for (std::uint64_t skipped = 0; failed; skipped += QUORVEL_FAULT_STRIDE) {
         SCOPED_TRACE("calls that succeed: " + std::to_string(skipped));
         failed = run(skipped);
-        if (failed) {
-            ++(failure.isMemory ? figures.allocationRuns : figures.callRuns);
-        }
+        if (failed) { ++(failure.isMemory ? figures.allocationRuns : figures.callRuns); }
         ASSERT_FALSE(::testing::Test::HasFailure());
     }
 }

@@ -132,9 +132,7 @@ Places BlockCount(const FileMap& map) {
 // The trimmed cells of a table row; empty for any other line.
 std::vector<std::string> Cells(const std::string& line) {
     std::vector<std::string> cells;
-    if (line.empty() || line.front() != '|') {
-        return cells;
-    }
+    if (line.empty() || line.front() != '|') { return cells; }
     std::istringstream row(line.substr(1));
     for (std::string cell; std::getline(row, cell, '|');) {
         const std::size_t begin = cell.find_first_not_of(' ');
@@ -160,9 +158,7 @@ FileMap::FileMap(const Bytes& file) : image_(Format::ReadPackage(file, Format::k
 std::size_t FileMap::StateOffset(std::uint64_t position) const {
     constexpr std::uint64_t kFirst = Format::kPageSize - Format::kFirstHeadPageHeader;
     constexpr std::uint64_t kLater = Format::kPageSize - Format::kHeadPageHeader;
-    if (position < kFirst) {
-        return Format::kFirstHeadPageHeader + position;
-    }
+    if (position < kFirst) { return Format::kFirstHeadPageHeader + position; }
     const std::size_t index = 1 + (position - kFirst) / kLater;
     return Format::PageOffset(image_.headPages.at(index).number) + Format::kHeadPageHeader +
            (position - kFirst) % kLater;
@@ -170,9 +166,7 @@ std::size_t FileMap::StateOffset(std::uint64_t position) const {
 
 std::size_t FileMap::StreamOffset(std::uint64_t id, std::uint64_t position) const {
     for (const Piece& piece : StreamPieces(id)) {
-        if (position < piece.size) {
-            return piece.offset + position;
-        }
+        if (position < piece.size) { return piece.offset + position; }
         position -= piece.size;
     }
     throw std::out_of_range("a stream ends before that position");
@@ -189,9 +183,7 @@ std::vector<FileMap::Piece> FileMap::StreamPieces(std::uint64_t id) const {
     }
     const auto fragment = std::find_if(image_.fragments.begin(), image_.fragments.end(),
                                        [=](const auto& tail) { return tail.streamId == id; });
-    if (fragment == image_.fragments.end()) {
-        return pieces;
-    }
+    if (fragment == image_.fragments.end()) { return pieces; }
     const auto block =
         std::find_if(image_.blocks.begin(), image_.blocks.end(),
                      [=](const auto& tails) { return tails.id == fragment->blockId; });

@@ -36,24 +36,18 @@ struct Watch {
 thread_local constinit Watch watch{};
 
 bool Fails() {
-    if (!fault.armed || depth == 0) {
-        return false;
-    }
+    if (!fault.armed || depth == 0) { return false; }
     if (fault.skipped > 0) {
         --fault.skipped;
         return false;
     }
-    if (fault.failed >= fault.failures) {
-        return false;
-    }
+    if (fault.failed >= fault.failures) { return false; }
     ++fault.failed;
     return true;
 }
 
 void* Allocate(std::size_t size) {
-    if (Fails()) {
-        return nullptr;
-    }
+    if (Fails()) { return nullptr; }
     void* const memory = __real_malloc(std::max<std::size_t>(size, 1));
     if (memory && watch.on && depth != 0) {
         watch.held += static_cast<std::int64_t>(QUORVEL_SIZE_OF_BLOCK(memory));
@@ -122,9 +116,7 @@ void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
 }
 
 void* operator new(std::size_t size) {
-    if (void* const memory = Quorvel::Testing::Allocate(size)) {
-        return memory;
-    }
+    if (void* const memory = Quorvel::Testing::Allocate(size)) { return memory; }
     throw std::bad_alloc();
 }
 

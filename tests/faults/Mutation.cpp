@@ -50,9 +50,7 @@ private:
     }
 
     void Store(std::size_t offset, std::size_t width, std::uint64_t value) {
-        if (offset + width <= file_.size()) {
-            Format::StoreInteger(file_, offset, width, value);
-        }
+        if (offset + width <= file_.size()) { Format::StoreInteger(file_, offset, width, value); }
     }
 
     void Mutate() {
@@ -85,9 +83,7 @@ private:
     }
 
     void FlipBit(std::size_t offset) {
-        if (offset < file_.size()) {
-            file_[offset] ^= static_cast<std::uint8_t>(1U << Below(8));
-        }
+        if (offset < file_.size()) { file_[offset] ^= static_cast<std::uint8_t>(1U << Below(8)); }
     }
 
     void Scribble() {
@@ -102,9 +98,7 @@ private:
         for (;;) {
             const Field& field = Fields()[Below(Fields().size())];
             places = field.places(map_);
-            if (!places.empty()) {
-                return field;
-            }
+            if (!places.empty()) { return field; }
         }
     }
 
@@ -128,9 +122,7 @@ private:
     // Copies a page over another, swaps two, or fills one with zeros.
     void MovePage() {
         const std::size_t pages = file_.size() / Format::kPageSize;
-        if (pages == 0) {
-            return;
-        }
+        if (pages == 0) { return; }
         const auto page = [&] {
             return file_.begin() + static_cast<std::ptrdiff_t>(Below(pages) * Format::kPageSize);
         };
@@ -142,9 +134,7 @@ private:
                 std::copy_n(first, first == second ? 0 : kSize, second);
                 break;
             case 1:
-                if (first != second) {
-                    std::swap_ranges(first, first + kSize, second);
-                }
+                if (first != second) { std::swap_ranges(first, first + kSize, second); }
                 break;
             default:
                 std::fill_n(first, kSize, std::uint8_t{0});

@@ -153,9 +153,7 @@ bool PackageScript::Attempt(const Operation& operation) {
         EXPECT_TRUE(failure_.isMemory);
     } catch (const OutOfMemoryException&) {
         EXPECT_TRUE(failure_.isMemory);
-    } catch (const std::exception& exception) {
-        ADD_FAILURE() << typeid(exception).name();
-    }
+    } catch (const std::exception& exception) { ADD_FAILURE() << typeid(exception).name(); }
     if (armed_) {
         NoteFailures();
         // After a failure to reopen the file, no file may be open until the next Commit.
@@ -171,9 +169,7 @@ void PackageScript::Create() {
     EXPECT_TRUE(package_ || hasFailed_);
     model_ = {};
     inFile_.reset();
-    if (package_) {
-        inFile_ = model_;
-    }
+    if (package_) { inFile_ = model_; }
 }
 
 void PackageScript::Open() {
@@ -200,23 +196,17 @@ void PackageScript::Reload() {
 }
 
 void PackageScript::Commit() {
-    if (!IsUsable()) {
-        return;
-    }
+    if (!IsUsable()) { return; }
     inFile_.reset();
     bool committed = false;
     const bool returned = Attempt([&] { committed = package_->Commit(); });
     EXPECT_TRUE(!returned || committed);
-    if (committed) {
-        inFile_ = model_;
-    }
+    if (committed) { inFile_ = model_; }
     ExpectCounts();
 }
 
 void PackageScript::Add(std::size_t size) {
-    if (!IsUsable()) {
-        return;
-    }
+    if (!IsUsable()) { return; }
     const Bytes bytes = Format::Pattern(size, ++seed_);
     std::uint64_t id = kInvalidStreamId;
     inFile_.reset();
@@ -238,9 +228,7 @@ void PackageScript::Add(std::size_t size) {
 
 // Deletes the stream at that place among the existing ones.
 void PackageScript::Delete(std::size_t place) {
-    if (!IsUsable() || model_.streams.size() <= place) {
-        return;
-    }
+    if (!IsUsable() || model_.streams.size() <= place) { return; }
     const auto deleted = std::next(model_.streams.begin(), static_cast<std::ptrdiff_t>(place));
     bool done = false;
     inFile_.reset();
@@ -253,21 +241,15 @@ void PackageScript::Delete(std::size_t place) {
 }
 
 void PackageScript::SetHeaderData(std::size_t size) {
-    if (!IsUsable()) {
-        return;
-    }
+    if (!IsUsable()) { return; }
     const Bytes data = Format::Pattern(size, ++seed_);
     inFile_.reset();
-    if (Attempt([&] { Format::SetHeaderData(*package_, data); })) {
-        model_.headerData = data;
-    }
+    if (Attempt([&] { Format::SetHeaderData(*package_, data); })) { model_.headerData = data; }
     EXPECT_TRUE(Format::GetHeaderData(*package_) == model_.headerData);
 }
 
 void PackageScript::ReadAll() {
-    if (!IsUsable()) {
-        return;
-    }
+    if (!IsUsable()) { return; }
     for (const auto& [id, content] : model_.streams) {
         Bytes bytes(content.bytes.size());
         std::uint64_t count = 0;
@@ -275,9 +257,7 @@ void PackageScript::ReadAll() {
             const auto opened = package_->OpenDataStream(stream);
             count = opened ? opened->Read(bytes.data(), bytes.size()) : 0;
         });
-        if (!returned) {
-            continue;
-        }
+        if (!returned) { continue; }
         if (IsUsable()) {
             EXPECT_EQ(count, bytes.size()) << "stream " << id;
             EXPECT_TRUE(!content.isKnown || bytes == content.bytes) << "stream " << id;
@@ -287,22 +267,16 @@ void PackageScript::ReadAll() {
 
 // The tail of the last stream of the usual size moves while the stream is open.
 void PackageScript::ReadWhileAnotherIsDeleted() {
-    if (!IsUsable() || model_.streams.size() < 2) {
-        return;
-    }
+    if (!IsUsable() || model_.streams.size() < 2) { return; }
     const auto last =
         std::find_if(model_.streams.rbegin(), model_.streams.rend(),
                      [](const auto& stream) { return stream.second.bytes.size() == kUsualSize; });
-    if (last == model_.streams.rend() || last->first == model_.streams.begin()->first) {
-        return;
-    }
+    if (last == model_.streams.rend() || last->first == model_.streams.begin()->first) { return; }
     const std::uint64_t id = last->first;
     Util::RefPtr<IDataStream> open;
     Attempt([&] { open = package_->OpenDataStream(id); });
     Delete(0);
-    if (!open) {
-        return;
-    }
+    if (!open) { return; }
     const Content& content = model_.streams.at(id);
     Bytes bytes(content.bytes.size());
     std::uint64_t count = 0;
@@ -322,9 +296,7 @@ void PackageScript::Close() {
 }
 
 void PackageScript::ExpectCounts() const {
-    if (!IsUsable()) {
-        return;
-    }
+    if (!IsUsable()) { return; }
     std::uint64_t total = 0;
     std::uint64_t index = 0;
     for (const auto& [id, content] : model_.streams) {
@@ -338,19 +310,13 @@ void PackageScript::ExpectCounts() const {
 std::optional<Bytes> PackageScript::Read(IDataStreamSet& package, std::uint64_t id) const {
     try {
         return Format::ReadStream(package, id);
-    } catch (const std::exception&) {
-        return std::nullopt;
-    }
+    } catch (const std::exception&) { return std::nullopt; }
 }
 
 void PackageScript::ExpectContents(IDataStreamSet& package) const {
-    if (MayBeGone()) {
-        return;
-    }
+    if (MayBeGone()) { return; }
     EXPECT_EQ(package.GetNumberOfDataStreams(), model_.streams.size());
-    if (armed_) {
-        return;
-    }
+    if (armed_) { return; }
     for (const auto& [id, content] : model_.streams) {
         const auto bytes = Read(package, id);
         ASSERT_TRUE(bytes) << "stream " << id;
@@ -361,18 +327,14 @@ void PackageScript::ExpectContents(IDataStreamSet& package) const {
 }
 
 void PackageScript::ExpectRecovery() {
-    if (!IsUsable()) {
-        return;
-    }
+    if (!IsUsable()) { return; }
     package_->GetHeaderData();
     inFile_.reset();
     ASSERT_TRUE(Attempt([&] { EXPECT_TRUE(package_->Commit()); }));
     inFile_ = model_;
     ExpectContents(*package_);
     for (auto& [id, content] : model_.streams) {
-        if (const auto bytes = Read(*package_, id)) {
-            content = {*bytes, true};
-        }
+        if (const auto bytes = Read(*package_, id)) { content = {*bytes, true}; }
     }
     std::map<std::uint64_t, Bytes> streams;
     for (const auto& [id, content] : model_.streams) {

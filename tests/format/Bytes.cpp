@@ -48,9 +48,7 @@ Bytes ByteReader::Take(std::uint64_t size) {
 }
 
 void ByteReader::Need(std::uint64_t size) const {
-    if (size > Left()) {
-        throw FormatError(name_ + " ends early");
-    }
+    if (size > Left()) { throw FormatError(name_ + " ends early"); }
 }
 
 Bytes ReadWholeFile(const std::string& path) {
@@ -62,9 +60,7 @@ Bytes ReadWholeFile(const std::string& path) {
                   static_cast<std::streamsize>(chunk.size()));
         bytes.insert(bytes.end(), chunk.begin(), chunk.begin() + file.gcount());
     } while (file);
-    if (!file.eof()) {
-        throw std::runtime_error("can't read " + path);
-    }
+    if (!file.eof()) { throw std::runtime_error("can't read " + path); }
     return bytes;
 }
 
@@ -73,9 +69,7 @@ void WriteWholeFile(const std::string& path, const Bytes& bytes) {
     file.write(reinterpret_cast<const char*>(bytes.data()),
                static_cast<std::streamsize>(bytes.size()));
     file.close();
-    if (!file) {
-        throw std::runtime_error("can't write " + path);
-    }
+    if (!file) { throw std::runtime_error("can't write " + path); }
 }
 
 }  // namespace Quorvel::Format

@@ -47,17 +47,13 @@ void Damage(Bytes& file, const PackageImage& image, std::mt19937& random) {
 std::optional<Bytes> ReadByLibrary(IDataStreamSet& package, std::uint64_t id) {
     try {
         return ReadStream(package, id);
-    } catch (const std::exception&) {
-        return std::nullopt;
-    }
+    } catch (const std::exception&) { return std::nullopt; }
 }
 
 std::optional<Bytes> ReadByFormat(const StreamReader& reader, std::uint64_t id) {
     try {
         return reader.Read(id);
-    } catch (const FormatError&) {
-        return std::nullopt;
-    }
+    } catch (const FormatError&) { return std::nullopt; }
 }
 
 // Fails the test unless the library accepts and reads exactly what the format says a reader must.
@@ -69,13 +65,9 @@ bool CompareReaders(const Bytes& file, const std::string& path) {
     std::string refusal;
     try {
         image = ReadPackage(file, kStreamLimit);
-    } catch (const FormatError& error) {
-        refusal = error.what();
-    }
+    } catch (const FormatError& error) { refusal = error.what(); }
     EXPECT_EQ(static_cast<bool>(package), image.has_value()) << refusal;
-    if (!package || !image) {
-        return false;
-    }
+    if (!package || !image) { return false; }
 
     EXPECT_TRUE(GetHeaderData(*package) == image->headerData);
     EXPECT_EQ(package->GetNumberOfDataStreams(), image->streams.size());

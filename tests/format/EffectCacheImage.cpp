@@ -10,9 +10,7 @@ namespace Quorvel::Format {
 namespace {
 
 void Require(bool holds, const std::string& otherwise) {
-    if (!holds) {
-        throw FormatError(otherwise);
-    }
+    if (!holds) { throw FormatError(otherwise); }
 }
 
 // The payload of the first block with the cache's tag. The search ends at a block that reaches past
@@ -23,13 +21,9 @@ std::optional<Bytes> FindCacheBlock(const Bytes& headerData) {
         const std::uint64_t tag = reader.TakeInteger(4);
         const std::uint64_t size = reader.TakeInteger(4);
         reader.TakeInteger(4);
-        if (size > reader.Left()) {
-            break;
-        }
+        if (size > reader.Left()) { break; }
         Bytes payload = reader.Take(size);
-        if (tag == kCacheHeaderTag) {
-            return payload;
-        }
+        if (tag == kCacheHeaderTag) { return payload; }
     }
     return std::nullopt;
 }

@@ -26,9 +26,7 @@ PackageImage LayOutEffectCache(std::vector<NewEffect> effects, const EffectCache
     std::mt19937 random(layout.package.seed);
     std::sort(effects.begin(), effects.end(),
               [](const NewEffect& a, const NewEffect& b) { return NameOrder()(a.name, b.name); });
-    if (layout.shuffleIndex) {
-        std::shuffle(effects.begin(), effects.end(), random);
-    }
+    if (layout.shuffleIndex) { std::shuffle(effects.begin(), effects.end(), random); }
     std::vector<std::uint64_t> ids(effects.size() + 1);
     std::iota(ids.begin(), ids.end(), 0);
     if (layout.shuffleStreams) {
@@ -61,9 +59,7 @@ PackageImage LayOutEffectCache(std::vector<NewEffect> effects, const EffectCache
         Append(headerData, EncodeOtherBlock(77, "of another program"));
     }
     Append(headerData, EncodeHeaderBlock(header, layout.headerPayload));
-    if (layout.moreBlocks) {
-        Append(headerData, EncodeOtherBlock(78, "too"));
-    }
+    if (layout.moreBlocks) { Append(headerData, EncodeOtherBlock(78, "too")); }
     return LayOutPackage(streams, headerData, layout.package);
 }
 

@@ -23,9 +23,7 @@ void LibraryCache::Add(const std::string& name, const CachedEffect& effect) {
 
 std::optional<Bytes> LibraryCache::Search(const std::string& name) {
     Tab<unsigned char> data;
-    if (!cache_->SearchCachedEffects(ToCStr(name), data)) {
-        return std::nullopt;
-    }
+    if (!cache_->SearchCachedEffects(ToCStr(name), data)) { return std::nullopt; }
     return Bytes(data.Addr(0), data.Addr(0) + data.Count());
 }
 

@@ -29,9 +29,7 @@ std::uint64_t AddStream(IDataStreamSet& package, const Bytes& content) {
 
 Bytes ReadStream(IDataStreamSet& package, std::uint64_t id) {
     const Util::RefPtr<IDataStream> stream = package.OpenDataStream(id);
-    if (!stream) {
-        throw std::runtime_error("the stream does not open");
-    }
+    if (!stream) { throw std::runtime_error("the stream does not open"); }
     Bytes content(static_cast<std::size_t>(stream->GetSize()));
     if (!stream->Seek(kSeekFromStart, 0) ||
         stream->Read(content.data(), content.size()) != content.size()) {

@@ -76,9 +76,7 @@ private:
         user.cache->Add(name, effect);
         user.pending[name] = effect;
         user.pendingBytes += 44 + name.size() + 8 + effect.data.size() + 8;
-        if (user.pendingBytes >= kSaveThreshold) {
-            Saved(user);
-        }
+        if (user.pendingBytes >= kSaveThreshold) { Saved(user); }
     }
 
     void Search(User& user) {

@@ -107,25 +107,17 @@ private:
     }
 
     void Delete() {
-        if (streams_.empty()) {
-            return;
-        }
+        if (streams_.empty()) { return; }
         const std::uint64_t id = AnyStream();
         ASSERT_EQ(package_->DeleteDataStream(id), held_.count(id) == 0);
-        if (held_.count(id) == 0) {
-            streams_.erase(id);
-        }
+        if (held_.count(id) == 0) { streams_.erase(id); }
     }
 
     void Overwrite() {
-        if (streams_.empty()) {
-            return;
-        }
+        if (streams_.empty()) { return; }
         const std::uint64_t id = AnyStream();
         Bytes& content = streams_[id];
-        if (content.empty()) {
-            return;
-        }
+        if (content.empty()) { return; }
         const std::size_t from = random_() % content.size();
         const Bytes bytes = Pattern(1 + random_() % (content.size() - from), random_());
         std::copy(bytes.begin(), bytes.end(), content.begin() + static_cast<std::ptrdiff_t>(from));
@@ -136,14 +128,10 @@ private:
 
     // Keeps a stream open for a while, so that its neighbours change around it.
     void Hold() {
-        if (held_.size() >= 2) {
-            held_.erase(held_.begin());
-        }
+        if (held_.size() >= 2) { held_.erase(held_.begin()); }
         if (!streams_.empty()) {
             const std::uint64_t id = AnyStream();
-            if (!streams_[id].empty()) {
-                held_[id] = package_->OpenDataStream(id);
-            }
+            if (!streams_[id].empty()) { held_[id] = package_->OpenDataStream(id); }
         }
     }
 

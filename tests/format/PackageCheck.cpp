@@ -117,9 +117,7 @@ void PackageChecker::CheckStreams() {
         const auto found = fragments_.find(stream.id);
         const std::uint64_t length = found == fragments_.end() ? 0 : found->second->length;
         Expect(length == tail, name, " of ", stream.size, " bytes has a fragment of ", length);
-        if (stream.firstPage != 0) {
-            OwnChain(stream.firstPage, stream.pageCount, name);
-        }
+        if (stream.firstPage != 0) { OwnChain(stream.firstPage, stream.pageCount, name); }
     }
 }
 
@@ -180,9 +178,7 @@ void PackageChecker::OwnChain(std::uint64_t first, std::uint64_t count, const st
             return;
         }
         Own(page, owner);
-        if (owners_.at(page) != owner) {
-            return;
-        }
+        if (owners_.at(page) != owner) { return; }
         page = image_.Link(page);
     }
     Expect(count == 0 || page == kChainEnd, owner,

@@ -42,13 +42,9 @@ class PackageCheckDamage : public testing::TestWithParam<Damage> {};
 
 TEST_P(PackageCheckDamage, IsReported) {
     PackageImage image = SoundPackage();
-    if (GetParam().toTables) {
-        GetParam().toTables(image);
-    }
+    if (GetParam().toTables) { GetParam().toTables(image); }
     Bytes file = EncodePackage(image);
-    if (GetParam().toBytes) {
-        GetParam().toBytes(file, image);
-    }
+    if (GetParam().toBytes) { GetParam().toBytes(file, image); }
 
     EXPECT_THAT(CheckPackage(file), testing::Contains(testing::HasSubstr(GetParam().reportedAs)));
 }

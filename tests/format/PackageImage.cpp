@@ -8,9 +8,7 @@ namespace Quorvel::Format {
 namespace {
 
 void Require(bool holds, const std::string& otherwise) {
-    if (!holds) {
-        throw FormatError(otherwise);
-    }
+    if (!holds) { throw FormatError(otherwise); }
 }
 
 std::string Number(std::uint64_t value) {
@@ -84,9 +82,7 @@ Bytes HeadFileReader::Read(std::uint64_t size) {
             file_.begin() + static_cast<std::ptrdiff_t>(PageOffset(page.number) + offset_);
         result.insert(result.end(), from, from + static_cast<std::ptrdiff_t>(count));
         offset_ += count;
-        if (offset_ < page.dataEnd) {
-            break;
-        }
+        if (offset_ < page.dataEnd) { break; }
         if (image_.headPages.size() == image_.headPageCount) {
             Require(result.size() == size, "the state ends early");
             break;
@@ -252,9 +248,7 @@ std::vector<StreamReader::Piece> StreamReader::Pieces(std::uint64_t id) const {
         pieces.push_back({page, 0, kPageSize});
         page = image_.Link(page);
     }
-    if (fragment != fragments_.end()) {
-        AppendTail(*fragment->second, pieces);
-    }
+    if (fragment != fragments_.end()) { AppendTail(*fragment->second, pieces); }
     return pieces;
 }
 
@@ -284,9 +278,7 @@ void StreamReader::AppendTail(const Fragment& fragment, std::vector<Piece>& piec
     const TailBlock& block = *blocks_.at(fragment.blockId);
     Require(fragment.offset + fragment.length <= kTailBlockSize - block.freeBytes,
             name + "reaches into the free bytes");
-    if (fragment.length == 0) {
-        return;
-    }
+    if (fragment.length == 0) { return; }
     const std::size_t slot = static_cast<std::size_t>(fragment.offset / kPageSize);
     const std::uint64_t offset = fragment.offset % kPageSize;
     const std::uint64_t here = std::min(fragment.length, kPageSize - offset);

@@ -67,9 +67,7 @@ private:
 void PackageComposer::PlaceTails() {
     std::vector<std::uint64_t> ids;
     for (const auto& [id, content] : streams_) {
-        if (content.size() % kPageSize != 0) {
-            ids.push_back(id);
-        }
+        if (content.size() % kPageSize != 0) { ids.push_back(id); }
     }
     for (unsigned i = 0; i < layout_.emptyBlocks; ++i) {
         NewBlock();
@@ -95,13 +93,9 @@ void PackageComposer::PlaceTails() {
 TailBlock& PackageComposer::ChooseBlock(std::uint64_t length) {
     std::vector<TailBlock*> withRoom;
     for (std::size_t i = layout_.emptyBlocks; i < image_.blocks.size(); ++i) {
-        if (image_.blocks[i].freeBytes >= length) {
-            withRoom.push_back(&image_.blocks[i]);
-        }
+        if (image_.blocks[i].freeBytes >= length) { withRoom.push_back(&image_.blocks[i]); }
     }
-    if (withRoom.empty() || layout_.tails == TailPlacement::kBlockEach) {
-        return NewBlock();
-    }
+    if (withRoom.empty() || layout_.tails == TailPlacement::kBlockEach) { return NewBlock(); }
     const std::size_t which =
         layout_.tails == TailPlacement::kScattered ? random_() % withRoom.size() : 0;
     return *withRoom[which];
@@ -199,9 +193,7 @@ void PackageComposer::Deal(const std::vector<std::uint64_t>& numbers, std::vecto
     }
     for (std::size_t i = 0; next != numbers.end(); ++i) {
         for (Chain* chain : chains) {
-            if (i < chain->size()) {
-                (*chain)[i] = *next++;
-            }
+            if (i < chain->size()) { (*chain)[i] = *next++; }
         }
     }
 }

@@ -141,8 +141,7 @@ TEST(IdentifierAllocator, AgreesWithAnOrderedSetAfterRandomOperations) {
         const std::uint64_t identifier = random() % kRange;
         switch (random() % 4) {
             case 0:
-                for (lowestFree = 0; expected.contains(lowestFree); ++lowestFree) {
-                }
+                for (lowestFree = 0; expected.contains(lowestFree); ++lowestFree) {}
                 ASSERT_EQ(allocator.Allocate(), lowestFree);
                 expected.insert(lowestFree);
                 break;
@@ -154,9 +153,7 @@ TEST(IdentifierAllocator, AgreesWithAnOrderedSetAfterRandomOperations) {
         }
         ASSERT_EQ(allocator.GetNumberOfAllocatedIdentifiers(), expected.size());
         ASSERT_EQ(allocator.IsAllocated(identifier), expected.contains(identifier));
-        if (step % 500 == 0) {
-            ASSERT_EQ(ContentOf(allocator), expected);
-        }
+        if (step % 500 == 0) { ASSERT_EQ(ContentOf(allocator), expected); }
     }
 }
 

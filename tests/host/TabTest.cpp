@@ -32,9 +32,7 @@ void ExpectNumbers(const Tab<int>& tab, int count) {
 struct Counted {
     Counted() { ++living; }
     Counted(const Counted& other) : value(other.value) {
-        if (copiesLeft-- == 0) {
-            throw std::bad_alloc();
-        }
+        if (copiesLeft-- == 0) { throw std::bad_alloc(); }
         ++living;
     }
     Counted(Counted&& other) noexcept : value(other.value) { ++living; }

@@ -31,9 +31,7 @@ private:
     void Note(const char* hook, void* block) {
         calls.emplace_back(hook);
         passed = block;
-        if (whenCalled) {
-            whenCalled(block);
-        }
+        if (whenCalled) { whenCalled(block); }
     }
 };
 

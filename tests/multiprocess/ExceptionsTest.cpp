@@ -21,9 +21,7 @@ template <typename Exception>
 std::string CaughtText(const Exception& exception) {
     try {
         throw exception;
-    } catch (const std::exception& caught) {
-        return caught.what();
-    }
+    } catch (const std::exception& caught) { return caught.what(); }
 }
 
 template <typename Exception>
@@ -90,9 +88,7 @@ TEST(FileIOException, CarriesItsCodeAndCopiesIt) {
     EXPECT_EQ(copy.errorCode, 0xFEDCBA98U);
     try {
         throw copy;
-    } catch (const FileIOException& caught) {
-        EXPECT_EQ(caught.errorCode, 0xFEDCBA98U);
-    }
+    } catch (const FileIOException& caught) { EXPECT_EQ(caught.errorCode, 0xFEDCBA98U); }
 }
 
 TEST(Win32APICallFailedException, CarriesItsCodeAndCopiesIt) {

@@ -37,9 +37,7 @@ void MutexUser::Release() {
 
 bool MutexUser::FindsItFree() {
     const bool free = Acquire() == kWaitAcquired;
-    if (free) {
-        Release();
-    }
+    if (free) { Release(); }
     return free;
 }
 

@@ -30,16 +30,12 @@ std::size_t AllocationWatch::Largest() const {
 
 void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
     using namespace Quorvel::Testing;
-    if (watching) {
-        largest = std::max(largest, size);
-    }
+    if (watching) { largest = std::max(largest, size); }
     return std::malloc(std::max<std::size_t>(size, 1));
 }
 
 void* operator new(std::size_t size) {
-    if (void* const memory = operator new(size, std::nothrow)) {
-        return memory;
-    }
+    if (void* const memory = operator new(size, std::nothrow)) { return memory; }
     throw std::bad_alloc();
 }
 

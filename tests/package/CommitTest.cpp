@@ -186,9 +186,7 @@ TEST_F(CommitTest, RewritesAHeadFileThatWasLoaded) {
 TEST_F(CommitTest, GrowsTheHeadFileStepByStep) {
     for (std::uint64_t count = 0; count < 800; ++count) {
         Add(count % 3 == 0 ? 0 : 10);
-        if (count % 50 == 49) {
-            CommitAndExpectFile();
-        }
+        if (count % 50 == 49) { CommitAndExpectFile(); }
     }
     EXPECT_GT(Image().headPageCount, 5U);
     ExpectPackage();
@@ -349,9 +347,7 @@ TEST_F(CommitFailureTest, FreesNoPageOfTheHeadFileThatALaterCommitNeeds) {
                 const StdioFault fault(call, ENOSPC, skipped);
                 try {
                     EXPECT_TRUE(package_->Commit());
-                } catch (const FileIOException&) {
-                    EXPECT_GT(fault.Failures(), 0U);
-                }
+                } catch (const FileIOException&) { EXPECT_GT(fault.Failures(), 0U); }
                 failures = fault.Failures();
             }
             for (int count = 0; count < 5; ++count) {
@@ -416,9 +412,7 @@ TEST_F(SmallCommitTest, ThatFailedTwiceOnAFullVolumeSucceedsOnceThereIsRoom) {
             const StdioFault fault(StdioCall::Write, ENOSPC, 3);
             EXPECT_EQ(FileErrorOf([&] { package_->Commit(); }), ENOSPC);
         }
-        if (commits) {
-            EXPECT_TRUE(package_->Commit());
-        }
+        if (commits) { EXPECT_TRUE(package_->Commit()); }
         package_.Reset();
         Format::ExpectFile(path_, {}, later);
     }
@@ -534,8 +528,7 @@ TEST_F(CommitTest, OfASaveMakesTheFileReadableOnlyByItsLastWrite) {
             const StdioFault fault(StdioCall::Write, EIO, writesDone);
             try {
                 isCommitted = package_->Commit();
-            } catch (const FileIOException&) {
-            }
+            } catch (const FileIOException&) {}
         }
         EXPECT_EQ(NewPackage()->Load(), isCommitted || writesDone == 0)
             << "after " << writesDone << " writes";

@@ -58,9 +58,7 @@ template <typename State>
 Format::Bytes Saved(const State& state) {
     MemoryStream stream(Format::Bytes(state.StateSize(), 0xEE));
     state.Save(stream);
-    if (stream.GetPosition() != stream.GetSize()) {
-        return {};
-    }
+    if (stream.GetPosition() != stream.GetSize()) { return {}; }
     return stream.Content();
 }
 

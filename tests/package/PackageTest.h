@@ -110,9 +110,7 @@ template <typename Operation>
 int FileErrorOf(const Operation& operation) {
     try {
         operation();
-    } catch (const FileIOException& exception) {
-        return static_cast<int>(exception.errorCode);
-    }
+    } catch (const FileIOException& exception) { return static_cast<int>(exception.errorCode); }
     ADD_FAILURE() << "no FileIOException was thrown";
     return -1;
 }

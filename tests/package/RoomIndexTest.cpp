@@ -14,9 +14,7 @@ namespace {
 std::optional<std::uint64_t> FirstWith(const std::vector<std::uint32_t>& rooms,
                                        std::uint64_t bytes) {
     for (std::uint64_t block = 0; block < rooms.size(); ++block) {
-        if (rooms[block] >= bytes) {
-            return block;
-        }
+        if (rooms[block] >= bytes) { return block; }
     }
     return std::nullopt;
 }
@@ -70,9 +68,7 @@ TEST(RoomIndex, AgreesWithALinearSearch) {
     for (std::uint64_t step = 0; step < 3000; ++step) {
         const std::uint64_t block = random() % (1 + step / 4);
         const auto room = static_cast<std::uint32_t>(random() % 65537);
-        if (block >= rooms.size()) {
-            rooms.resize(block + 1);
-        }
+        if (block >= rooms.size()) { rooms.resize(block + 1); }
         rooms[block] = room;
         index.Set(block, room);
         const std::uint64_t wanted = 1 + random() % 65537;

@@ -68,9 +68,7 @@ template <typename Action>
 std::optional<int> FileErrorOf(Action&& action) {
     try {
         action();
-    } catch (const FileIOException& error) {
-        return static_cast<int>(error.errorCode);
-    }
+    } catch (const FileIOException& error) { return static_cast<int>(error.errorCode); }
     return std::nullopt;
 }
 

@@ -50,9 +50,7 @@ protected:
     // Loads a page for writing, fills it with its own number, and keeps the pin.
     static std::uint8_t* PinFilled(FilePageCache& cache, std::uint64_t page) {
         std::uint8_t* const data = cache.GetPageForWrite(page);
-        if (data) {
-            std::memset(data, static_cast<int>(page), kPageSize);
-        }
+        if (data) { std::memset(data, static_cast<int>(page), kPageSize); }
         return data;
     }
 
@@ -789,9 +787,7 @@ class WriteWatch : public PageWriteListener {
 public:
     void BeforePageWrite() override {
         calls.push_back(CountStdioCalls().writes);
-        if (throws) {
-            throw FileIOException(EIO);
-        }
+        if (throws) { throw FileIOException(EIO); }
     }
 
     std::vector<std::uint64_t> calls;

@@ -19,9 +19,7 @@ protected:
     // True if nothing is pinned. The cache has capacity for only one page.
     bool NothingIsPinned() {
         const bool free = cache_.GetPageForRead(12) != nullptr;
-        if (free) {
-            cache_.ReleasePageForRead(12);
-        }
+        if (free) { cache_.ReleasePageForRead(12); }
         return free;
     }
 

@@ -23,12 +23,8 @@ RefusedMemory::~RefusedMemory() {
 
 // Does the same as the standard library's own, except for the refusal.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    if (refused) {
-        return nullptr;
-    }
+    if (refused) { return nullptr; }
     try {
         return ::operator new(size);
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
+    } catch (const std::bad_alloc&) { return nullptr; }
 }

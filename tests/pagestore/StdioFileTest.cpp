@@ -17,9 +17,7 @@ namespace {
 class StdioFileTest : public ::testing::Test {
 protected:
     ~StdioFileTest() override {
-        if (opened_) {
-            std::fclose(opened_);
-        }
+        if (opened_) { std::fclose(opened_); }
     }
 
     // A file of the given bytes, open for update until the test ends.

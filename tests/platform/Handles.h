@@ -31,9 +31,7 @@ public:
     }
     void Release() const { Platform::ReleaseNamedMutex(handle_); }
     void Close() {
-        if (handle_) {
-            Platform::CloseNamedMutex(std::exchange(handle_, nullptr));
-        }
+        if (handle_) { Platform::CloseNamedMutex(std::exchange(handle_, nullptr)); }
     }
 
 private:
@@ -64,12 +62,8 @@ public:
         return static_cast<unsigned char*>(view_);
     }
     void Close() {
-        if (view_) {
-            Platform::UnmapNamedMemory(handle_, std::exchange(view_, nullptr));
-        }
-        if (handle_) {
-            Platform::CloseNamedMemory(std::exchange(handle_, nullptr));
-        }
+        if (view_) { Platform::UnmapNamedMemory(handle_, std::exchange(view_, nullptr)); }
+        if (handle_) { Platform::CloseNamedMemory(std::exchange(handle_, nullptr)); }
     }
 
 private:

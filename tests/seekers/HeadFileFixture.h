@@ -91,9 +91,7 @@ protected:
     // True if no page is pinned.
     bool NothingIsPinned() {
         const bool free = cache_.GetPageForRead(17) != nullptr;
-        if (free) {
-            cache_.ReleasePageForRead(17);
-        }
+        if (free) { cache_.ReleasePageForRead(17); }
         return free;
     }
 

@@ -24,9 +24,7 @@ void AgentSend(const std::string& line) {
 std::string AgentReceive() {
     std::string line;
     std::getline(std::cin, line);
-    if (!line.empty() && line.back() == '\r') {
-        line.pop_back();
-    }
+    if (!line.empty() && line.back() == '\r') { line.pop_back(); }
     return line;
 }
 
@@ -36,9 +34,7 @@ bool RegisterAgent(const char* name, AgentFunction function) {
 }
 
 bool RunRequestedAgent(int argc, char** argv, int& exitCode) {
-    if (argc < 2 || !std::string_view(argv[1]).starts_with(kAgentOption)) {
-        return false;
-    }
+    if (argc < 2 || !std::string_view(argv[1]).starts_with(kAgentOption)) { return false; }
     const std::string_view name = std::string_view(argv[1]).substr(kAgentOption.size());
     const auto agent = Agents().find(name);
     if (agent == Agents().end()) {

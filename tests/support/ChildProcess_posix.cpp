@@ -31,9 +31,7 @@ public:
         descriptor_ = descriptor;
     }
     void Close() {
-        if (descriptor_ >= 0) {
-            ::close(std::exchange(descriptor_, -1));
-        }
+        if (descriptor_ >= 0) { ::close(std::exchange(descriptor_, -1)); }
     }
 
 private:
@@ -46,9 +44,7 @@ private:
 
 void MakePipe(Descriptor& reader, Descriptor& writer) {
     int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) {
-        Refuse(errno, "pipe");
-    }
+    if (::pipe2(ends, O_CLOEXEC) != 0) { Refuse(errno, "pipe"); }
     reader.Set(ends[0]);
     writer.Set(ends[1]);
 }
@@ -93,13 +89,10 @@ struct ChildProcess::State {
     std::string received;
 
     void Reap(int options = 0) {
-        if (!running) {
-            return;
-        }
+        if (!running) { return; }
         int status = 0;
         pid_t ended;
-        while ((ended = ::waitpid(process, &status, options)) < 0 && errno == EINTR) {
-        }
+        while ((ended = ::waitpid(process, &status, options)) < 0 && errno == EINTR) {}
         if (ended != 0) {
             running = false;
             exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -130,9 +123,7 @@ ChildProcess::ChildProcess(const std::string& agent, const std::vector<std::stri
     const std::string program = std::filesystem::read_symlink("/proc/self/exe").string();
     const int error = ::posix_spawn(&state_->process, program.c_str(), settings.Actions(),
                                     settings.Attributes(), argv.data(), environ);
-    if (error != 0) {
-        Refuse(error, "posix_spawn");
-    }
+    if (error != 0) { Refuse(error, "posix_spawn"); }
     state_->running = true;
 }
 
@@ -149,9 +140,7 @@ bool ChildProcess::Send(const std::string& line) {
     std::size_t sent = 0;
     while (sent < text.size()) {
         const ssize_t moved = ::write(state_->input.Get(), text.data() + sent, text.size() - sent);
-        if (moved < 0 && errno != EINTR) {
-            return false;
-        }
+        if (moved < 0 && errno != EINTR) { return false; }
         sent += moved < 0 ? 0 : static_cast<std::size_t>(moved);
     }
     return true;
@@ -163,12 +152,8 @@ std::string ChildProcess::Receive() {
     while ((end = received.find('\n')) == std::string::npos) {
         char buffer[4096];
         const ssize_t moved = ::read(state_->output.Get(), buffer, sizeof buffer);
-        if (moved < 0 && errno == EINTR) {
-            continue;
-        }
-        if (moved <= 0) {
-            return std::exchange(received, {});
-        }
+        if (moved < 0 && errno == EINTR) { continue; }
+        if (moved <= 0) { return std::exchange(received, {}); }
         received.append(buffer, static_cast<std::size_t>(moved));
     }
     std::string line = received.substr(0, end);
@@ -177,9 +162,7 @@ std::string ChildProcess::Receive() {
 }
 
 void ChildProcess::Kill() {
-    if (state_->running) {
-        ::kill(state_->process, SIGKILL);
-    }
+    if (state_->running) { ::kill(state_->process, SIGKILL); }
     state_->Reap();
 }
 

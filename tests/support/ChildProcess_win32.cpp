@@ -28,9 +28,7 @@ public:
         handle_ = handle;
     }
     void Close() {
-        if (handle_) {
-            ::CloseHandle(std::exchange(handle_, nullptr));
-        }
+        if (handle_) { ::CloseHandle(std::exchange(handle_, nullptr)); }
     }
 
 private:
@@ -44,9 +42,7 @@ private:
 void MakePipe(Handle& reader, Handle& writer) {
     HANDLE readEnd;
     HANDLE writeEnd;
-    if (!::CreatePipe(&readEnd, &writeEnd, nullptr, 0)) {
-        Refuse("CreatePipe");
-    }
+    if (!::CreatePipe(&readEnd, &writeEnd, nullptr, 0)) { Refuse("CreatePipe"); }
     reader.Set(readEnd);
     writer.Set(writeEnd);
 }
@@ -106,9 +102,7 @@ std::string Quoted(const std::string& argument) {
     std::string quoted = "\"";
     std::size_t backslashes = 0;
     for (const char next : argument) {
-        if (next == '"') {
-            quoted.append(backslashes + 1, '\\');
-        }
+        if (next == '"') { quoted.append(backslashes + 1, '\\'); }
         backslashes = next == '\\' ? backslashes + 1 : 0;
         quoted += next;
     }
@@ -135,9 +129,7 @@ ChildProcess::ChildProcess(const std::string& agent, const std::vector<std::stri
     MakeInheritable(childOutput);
     const Handle childError(CopyStandardError());
     std::vector<HANDLE> inherited{childInput.Get(), childOutput.Get()};
-    if (childError.Get()) {
-        inherited.push_back(childError.Get());
-    }
+    if (childError.Get()) { inherited.push_back(childError.Get()); }
     InheritedHandles attributes(std::move(inherited));
 
     const std::string program = ProgramPath();
@@ -205,9 +197,7 @@ std::string ChildProcess::Receive() {
     }
     std::string line = received.substr(0, end);
     received.erase(0, end + 1);
-    if (!line.empty() && line.back() == '\r') {
-        line.pop_back();
-    }
+    if (!line.empty() && line.back() == '\r') { line.pop_back(); }
     return line;
 }
 

@@ -36,9 +36,7 @@ std::uint64_t HeapFault::Failures() const {
 
 extern "C" void* __wrap_malloc(std::size_t size) {
     using Quorvel::Testing::fault;
-    if (!fault.armed) {
-        return __real_malloc(size);
-    }
+    if (!fault.armed) { return __real_malloc(size); }
     if (fault.skipped > 0) {
         --fault.skipped;
         return __real_malloc(size);

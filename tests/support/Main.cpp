@@ -4,9 +4,7 @@
 
 int main(int argc, char** argv) {
     int exitCode = 0;
-    if (Quorvel::Testing::RunRequestedAgent(argc, argv, exitCode)) {
-        return exitCode;
-    }
+    if (Quorvel::Testing::RunRequestedAgent(argc, argv, exitCode)) { return exitCode; }
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }

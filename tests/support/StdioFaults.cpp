@@ -57,9 +57,7 @@ std::uint64_t OffsetForTrace(std::FILE* file) {
 }
 // Records a complete transfer.
 void Record(StdioTransfer::Kind kind, std::uint64_t offset, std::uint64_t size) {
-    if (trace) {
-        trace->push_back({kind, offset, size});
-    }
+    if (trace) { trace->push_back({kind, offset, size}); }
 }
 
 Counter& CountOf(StdioCall call) {
@@ -69,13 +67,9 @@ Counter& CountOf(StdioCall call) {
 // Counts a call and decides whether it fails.
 bool CountAndFail(StdioCall call) {
     ++CountOf(call);
-    if (!fault.armed || fault.call != call) {
-        return false;
-    }
+    if (!fault.armed || fault.call != call) { return false; }
     const std::uint64_t number = fault.calls++;
-    if (number < fault.first || number >= fault.end) {
-        return false;
-    }
+    if (number < fault.first || number >= fault.end) { return false; }
     ++fault.failures;
     return true;
 }
@@ -187,9 +181,7 @@ long __wrap_ftell(std::FILE* file) {
 }
 
 std::size_t __wrap_fread(void* buffer, std::size_t size, std::size_t count, std::FILE* file) {
-    if (IsStandardStream(file)) {
-        return __real_fread(buffer, size, count, file);
-    }
+    if (IsStandardStream(file)) { return __real_fread(buffer, size, count, file); }
     if (CountAndFail(StdioCall::Read)) {
         const std::size_t bytes = BytesOfFailedTransfer(size, count);
         const std::size_t moved = bytes > 0 ? __real_fread(buffer, 1, bytes, file) : 0;
@@ -200,17 +192,13 @@ std::size_t __wrap_fread(void* buffer, std::size_t size, std::size_t count, std:
     const std::uint64_t offset = OffsetForTrace(file);
     const std::size_t items = __real_fread(buffer, size, count, file);
     bytesRead += items * size;
-    if (items == count) {
-        Record(StdioTransfer::Kind::Read, offset, items * size);
-    }
+    if (items == count) { Record(StdioTransfer::Kind::Read, offset, items * size); }
     return items;
 }
 
 std::size_t __wrap_fwrite(const void* buffer, std::size_t size, std::size_t count,
                           std::FILE* file) {
-    if (IsStandardStream(file)) {
-        return __real_fwrite(buffer, size, count, file);
-    }
+    if (IsStandardStream(file)) { return __real_fwrite(buffer, size, count, file); }
     if (CountAndFail(StdioCall::Write)) {
         const std::size_t bytes = BytesOfFailedTransfer(size, count);
         const std::size_t moved = bytes > 0 ? __real_fwrite(buffer, 1, bytes, file) : 0;
@@ -221,9 +209,7 @@ std::size_t __wrap_fwrite(const void* buffer, std::size_t size, std::size_t coun
     const std::uint64_t offset = OffsetForTrace(file);
     const std::size_t items = __real_fwrite(buffer, size, count, file);
     bytesWritten += items * size;
-    if (items == count) {
-        Record(StdioTransfer::Kind::Write, offset, items * size);
-    }
+    if (items == count) { Record(StdioTransfer::Kind::Write, offset, items * size); }
     return items;
 }
 

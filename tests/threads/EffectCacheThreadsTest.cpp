@@ -42,9 +42,7 @@ void Work(CacheClient& cache, int thread, std::atomic<int>& wrong) {
         const auto own = cache.Find(NameOf(added));
         const int searched = (thread * 3 + round * 5) % kNames;
         const auto found = cache.Find(NameOf(searched));
-        if (!own || !BelongTo(*own, added) || (found && !BelongTo(*found, searched))) {
-            ++wrong;
-        }
+        if (!own || !BelongTo(*own, added) || (found && !BelongTo(*found, searched))) { ++wrong; }
         cache->SetEnabled(round % 3 != 0);
         cache->IsEnabled();
     }
@@ -90,12 +88,8 @@ TEST(EffectCacheThreads, WithACacheEachShareOneFile) {
     RunThreads([&](int thread) {
         CacheClient cache(directory);
         Work(cache, thread, wrong);
-        if (!cache->IsEnabled()) {
-            cache->SetEnabled(true);
-        }
-        if (!cache->IsEnabled()) {
-            ++wrong;
-        }
+        if (!cache->IsEnabled()) { cache->SetEnabled(true); }
+        if (!cache->IsEnabled()) { ++wrong; }
     });
     EXPECT_EQ(wrong, 0);
     ExpectWholeCache(directory);
@@ -109,9 +103,7 @@ TEST(EffectCacheThreads, FindTheLastBytesThatTheyCached) {
     RunThreads([&](int thread) {
         for (int version = 0; version < kRounds; ++version) {
             cache.Add(NameOf(thread), BytesOf(thread, version));
-            if (cache.Find(NameOf(thread)) != BytesOf(thread, version)) {
-                ++wrong;
-            }
+            if (cache.Find(NameOf(thread)) != BytesOf(thread, version)) { ++wrong; }
         }
     });
     EXPECT_EQ(wrong, 0);

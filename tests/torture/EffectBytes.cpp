@@ -46,9 +46,7 @@ std::vector<unsigned char> MakeEffect(const std::string& name, std::uint64_t ver
 Verdict CheckEffect(const std::string& name, std::span<const unsigned char> bytes,
                     std::uint64_t& version) {
     Head head;
-    if (bytes.size() < sizeof head) {
-        return Verdict::Damaged;
-    }
+    if (bytes.size() < sizeof head) { return Verdict::Damaged; }
     std::memcpy(&head, bytes.data(), sizeof head);
     if (head.size != bytes.size() || head.nameLength > bytes.size() - sizeof head ||
         head.checksum != Checksum(bytes)) {

@@ -26,9 +26,7 @@ bool REAL_FREE_DISK_SPACE(const char* directory, std::uint64_t& bytes) noexcept;
 
 bool WRAP_FREE_DISK_SPACE(const char* directory, std::uint64_t& bytes) noexcept {
     const std::uint64_t room = reported ? reported->load() : kRealRoom;
-    if (room == kRealRoom) {
-        return REAL_FREE_DISK_SPACE(directory, bytes);
-    }
+    if (room == kRealRoom) { return REAL_FREE_DISK_SPACE(directory, bytes); }
     bytes = room;
     return true;
 }

@@ -51,9 +51,7 @@ std::string ObjectName(std::string path) {
     for (char& byte : path) {
         const bool plain = (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
                            (byte >= '0' && byte <= '9');
-        if (!plain) {
-            byte = '_';
-        }
+        if (!plain) { byte = '_'; }
     }
     return path;
 }
@@ -143,9 +141,7 @@ private:
         while (Clock::now() < end) {
             std::uint64_t next = 0;
             for (std::uint64_t slot = 1; slot < workers_.size(); ++slot) {
-                if (workers_[slot].end < workers_[next].end) {
-                    next = slot;
-                }
+                if (workers_[slot].end < workers_[next].end) { next = slot; }
             }
             while (Clock::now() < workers_[next].end) {
                 std::this_thread::sleep_for(milliseconds(20));
@@ -170,15 +166,9 @@ private:
             ChangeVolume();
             for (std::uint64_t slot = 0; slot < workers_.size(); ++slot) {
                 Worker& worker = workers_[slot];
-                if (worker.process && worker.process->HasEnded()) {
-                    Finish(slot);
-                }
-                if (!worker.process) {
-                    Start(slot, RandomLife());
-                }
-                if (worker.process && Clock::now() > worker.end + kPatience) {
-                    Finish(slot);
-                }
+                if (worker.process && worker.process->HasEnded()) { Finish(slot); }
+                if (!worker.process) { Start(slot, RandomLife()); }
+                if (worker.process && Clock::now() > worker.end + kPatience) { Finish(slot); }
             }
             Worker& victim = workers_[std::uniform_int_distribution<std::uint64_t>(
                 0, workers_.size() - 1)(random_)];
@@ -189,9 +179,7 @@ private:
             }
         }
         for (std::uint64_t slot = 0; slot < workers_.size(); ++slot) {
-            if (workers_[slot].process) {
-                Finish(slot);
-            }
+            if (workers_[slot].process) { Finish(slot); }
         }
         // One more process must be able to use the file that is left, and leave it sound.
         Start(0, milliseconds(200));
@@ -202,27 +190,21 @@ private:
     // Now and then changes the free bytes that the volume reports, or really has. Every fourth
     // time, on average, none are left.
     void ChangeVolume() {
-        if (std::uniform_int_distribution<int>(0, 4)(random_) != 0) {
-            return;
-        }
+        if (std::uniform_int_distribution<int>(0, 4)(random_) != 0) { return; }
         const bool isFull = std::uniform_int_distribution<int>(0, 3)(random_) == 0;
         if (options_.room != 0) {
             board_.Room() =
                 isFull ? 0
                        : std::uniform_int_distribution<std::uint64_t>(0, options_.room)(random_);
         }
-        if (options_.fillsVolume) {
-            FillVolume(isFull);
-        }
+        if (options_.fillsVolume) { FillVolume(isFull); }
     }
 
     void FillVolume(bool wholly) {
         const std::string path = options_.directory + kSeparator + "filler";
         std::filesystem::remove(path);
         std::uint64_t bytes = std::filesystem::space(options_.directory).available;
-        if (!wholly) {
-            bytes = std::uniform_int_distribution<std::uint64_t>(0, bytes)(random_);
-        }
+        if (!wholly) { bytes = std::uniform_int_distribution<std::uint64_t>(0, bytes)(random_); }
         std::ofstream filler(path, std::ios::binary);
         const std::string block(4096, 'f');
         for (std::uint64_t written = 0; written <= bytes && filler; written += block.size()) {

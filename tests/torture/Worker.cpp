@@ -60,9 +60,7 @@ public:
 
     // Closes the cache, which saves it, as a host does at its end.
     void Leave() {
-        if (Roll(2) == 0) {
-            Save();
-        }
+        if (Roll(2) == 0) { Save(); }
         Close();
     }
 
@@ -97,18 +95,14 @@ private:
 
     void Close() {
         cache_.Reset();
-        if (!mayEvict_) {
-            PublishSaved();
-        }
+        if (!mayEvict_) { PublishSaved(); }
     }
 
     void Open() {
         cache_ = Util::RefPtr<EffectCacheSystem>(new EffectCacheSystem(directory_.c_str()));
         pending_.clear();
         ++board_[Count::Objects];
-        if (!cache_->IsEnabled()) {
-            ++board_[Count::Unusable];
-        }
+        if (!cache_->IsEnabled()) { ++board_[Count::Unusable]; }
     }
 
     static std::string OwnedName(std::uint64_t slot, std::uint64_t name) {
@@ -132,9 +126,7 @@ private:
     std::size_t RandomSize(const std::string& name) {
         const std::size_t smallest = std::max(leastSize_, SmallestEffect(name));
         const std::uint64_t roll = Roll(10);
-        if (roll < 7) {
-            return std::max(leastSize_, kUsualSize);
-        }
+        if (roll < 7) { return std::max(leastSize_, kUsualSize); }
         return smallest + Roll(roll < 9 ? kUsualSize : kLargestSize);
     }
 
@@ -155,9 +147,7 @@ private:
 
     void CacheShared() {
         Cache(SharedName(Roll(kSharedNames)), random_(), Roll(20) == 0);
-        if (cache_->IsEnabled() && cache_->GetNumberOfEffectsInMemory() == 0) {
-            PublishSaved();
-        }
+        if (cache_->IsEnabled() && cache_->GetNumberOfEffectsInMemory() == 0) { PublishSaved(); }
     }
 
     void Save() {
@@ -183,9 +173,7 @@ private:
     bool Search(const std::string& name, std::uint64_t& version) {
         Tab<unsigned char> found;
         ++board_[Count::Searches];
-        if (!cache_->SearchCachedEffects(name.c_str(), found)) {
-            return false;
-        }
+        if (!cache_->SearchCachedEffects(name.c_str(), found)) { return false; }
         ++board_[Count::Hits];
         const auto size = static_cast<std::size_t>(found.Count());
         switch (CheckEffect(name, {found.Addr(0), size}, version)) {
@@ -207,9 +195,7 @@ private:
         std::uint64_t version = 0;
         if (!Search(OwnedName(slot, name), version)) {
             const bool mustBeThere = !mayEvict_ || name % kPermanentStep == 0;
-            if (saved != 0 && mustBeThere && cache_->IsEnabled()) {
-                ++board_[Count::Missing];
-            }
+            if (saved != 0 && mustBeThere && cache_->IsEnabled()) { ++board_[Count::Missing]; }
         } else if (version < saved) {
             ++board_[Count::Stale];
         } else if (version != kWrongBytes && version > board_.Issued(slot, name)) {
@@ -253,9 +239,7 @@ QUORVEL_AGENT(TortureWorker) {
         Worker worker(arguments[0], arguments[1], number(2), number(3), number(4), number(6) != 0);
         worker.RunUntil(Clock::now() + std::chrono::milliseconds(number(5)));
         worker.Leave();
-    } catch (const Win32APICallFailedException&) {
-        return kRefused;
-    }
+    } catch (const Win32APICallFailedException&) { return kRefused; }
     return 0;
 }
 

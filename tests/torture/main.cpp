@@ -8,9 +8,7 @@
 
 int main(int argc, char** argv) {
     int exitCode = 0;
-    if (Quorvel::Testing::RunRequestedAgent(argc, argv, exitCode)) {
-        return exitCode;
-    }
+    if (Quorvel::Testing::RunRequestedAgent(argc, argv, exitCode)) { return exitCode; }
     Quorvel::Torture::Options options;
     CLI::App app(
         "Runs several processes that use one effect cache at random, and checks every byte "
@@ -41,9 +39,7 @@ int main(int argc, char** argv) {
     }
 
     const Quorvel::Testing::TemporaryDirectory own;
-    if (options.directory.empty()) {
-        options.directory = own.Path().string();
-    }
+    if (options.directory.empty()) { options.directory = own.Path().string(); }
     const Quorvel::Torture::Report report = Quorvel::Torture::RunTorture(options);
     std::cout << "seed " << options.seed << ", " << options.processes << " processes, " << report;
     return report.IsGood() ? 0 : 1;

@@ -90,9 +90,7 @@ TEST_F(EffectCacheTransfers, OfSearchesMatchTheModel) {
             }
             const Transfers made = trace.Take();
             const Transfers expected = model.Take();
-            if (pass == 1) {
-                ASSERT_EQ(made, expected) << NameOf(number);
-            }
+            if (pass == 1) { ASSERT_EQ(made, expected) << NameOf(number); }
         }
     }
 }

@@ -22,12 +22,8 @@ bool PageCacheModel::Get(std::uint64_t page, bool forWrite) {
         ++pins_[page];
         return true;
     }
-    if (!MakeRoom()) {
-        return false;
-    }
-    if (forWrite) {
-        Ensure(page);
-    }
+    if (!MakeRoom()) { return false; }
+    if (forWrite) { Ensure(page); }
     Transfer(StdioTransfer::Kind::Read, page);
     recent_.push_front(page);
     pins_[page] = 1;

@@ -48,9 +48,7 @@ TEST_P(PageCacheTransfers, MatchTheModelAtEachStep) {
         } else if (choice < 14) {
             const bool isThere = cache.GetPageForRead(page) != nullptr;
             ASSERT_EQ(isThere, model.Get(page, false)) << step;
-            if (isThere) {
-                pinned.push_back(page);
-            }
+            if (isThere) { pinned.push_back(page); }
         } else {
             const std::uint64_t written = choice == 19 ? end : page;
             const bool isThere = cache.GetPageForWrite(written) != nullptr;

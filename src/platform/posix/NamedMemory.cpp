@@ -56,18 +56,14 @@ void* CreateNamedMemory(const char* name, std::uint64_t bytes) noexcept {
 void* MapNamedMemory(void* handle, std::uint64_t bytes) noexcept {
     auto* const memory = static_cast<NamedMemory*>(handle);
     QUORVEL_ASSERT(memory->mappedBytes == 0);
-    if (bytes == 0) {
-        bytes = memory->object->Size();
-    }
+    if (bytes == 0) { bytes = memory->object->Size(); }
     if (bytes > RoundUpToPages(memory->object->Size())) {
         errno = EACCES;
         return nullptr;
     }
     void* view =
         ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, memory->object->Descriptor(), 0);
-    if (view == MAP_FAILED) {
-        return nullptr;
-    }
+    if (view == MAP_FAILED) { return nullptr; }
     memory->mappedBytes = bytes;
     return view;
 }

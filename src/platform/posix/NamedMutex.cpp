@@ -61,9 +61,7 @@ public:
     NamedMutex(const NamedMutex&) = delete;
     NamedMutex& operator=(const NamedMutex&) = delete;
     ~NamedMutex() {
-        if (native_) {
-            UnmapNativeMutex(native_);
-        }
+        if (native_) { UnmapNativeMutex(native_); }
     }
 
     // Returns false, with errno set, when the system refuses.
@@ -81,9 +79,7 @@ public:
         return object_ != nullptr;
     }
     bool Map() {
-        if (!native_) {
-            native_ = MapNativeMutex(object_->Descriptor(), MAP_SHARED);
-        }
+        if (!native_) { native_ = MapNativeMutex(object_->Descriptor(), MAP_SHARED); }
         return native_;
     }
 
@@ -125,9 +121,7 @@ public:
     // Returns false when the calling thread does not own the mutex.
     bool Release() {
         const std::uint32_t depth = depth_.load(std::memory_order_relaxed);
-        if (owner_.load(std::memory_order_relaxed) != ThisThread() || depth == 0) {
-            return false;
-        }
+        if (owner_.load(std::memory_order_relaxed) != ThisThread() || depth == 0) { return false; }
         depth_.store(depth - 1, std::memory_order_relaxed);
         return ::pthread_mutex_unlock(native_) == 0;
     }
@@ -138,11 +132,8 @@ public:
     // Releases the mutex if its owner has ended or is the calling thread. Returns false when
     // another thread owns it.
     bool TakeFromOwner() {
-        while (Release()) {
-        }
-        if (Acquire(0) == kTimedOut) {
-            return false;
-        }
+        while (Release()) {}
+        if (Acquire(0) == kTimedOut) { return false; }
         return Release();
     }
 
@@ -169,12 +160,8 @@ private:
     }
 
     int Wait(std::uint32_t timeout) {
-        if (timeout == kForever) {
-            return ::pthread_mutex_lock(native_);
-        }
-        if (timeout == 0) {
-            return ::pthread_mutex_trylock(native_);
-        }
+        if (timeout == kForever) { return ::pthread_mutex_lock(native_); }
+        if (timeout == 0) { return ::pthread_mutex_trylock(native_); }
         timespec deadline{};
         ::clock_gettime(CLOCK_MONOTONIC, &deadline);
         const long nanoseconds = deadline.tv_nsec + static_cast<long>(timeout % 1000) * 1'000'000;
@@ -207,9 +194,7 @@ struct OpenMutexes {
             }
             std::unique_ptr<NamedMutex> taken = std::move(*place);
             *place = std::move(taken->next);
-            if (isSame) {
-                return taken;
-            }
+            if (isSame) { return taken; }
         }
         return nullptr;
     }
@@ -217,9 +202,7 @@ struct OpenMutexes {
     // Removes a mutex from byName, if it has a name.
     std::unique_ptr<NamedMutex> Remove(NamedMutex* mutex) {
         for (auto entry = byName.begin(); entry != byName.end(); ++entry) {
-            if (entry->second.get() == mutex) {
-                return std::move(byName.extract(entry).mapped());
-            }
+            if (entry->second.get() == mutex) { return std::move(byName.extract(entry).mapped()); }
         }
         return std::unique_ptr<NamedMutex>(mutex);
     }
@@ -243,9 +226,7 @@ NamedMutex* Open(const std::string& name) {
         return found->second.get();
     }
     auto opened = std::make_unique<NamedMutex>();
-    if (!opened->OpenObject(name.c_str())) {
-        return nullptr;
-    }
+    if (!opened->OpenObject(name.c_str())) { return nullptr; }
     const auto entry = table.byName.emplace(name, std::move(opened)).first;
     std::unique_ptr<NamedMutex>& mutex = entry->second;
     if (std::unique_ptr<NamedMutex> former = table.TakeLeftBehind(*mutex)) {
@@ -313,16 +294,12 @@ void ReleaseNamedMutex(void* handle) noexcept {
 // of owned mutexes still points to this one, so the mapping stays. Ownership can be taken from the
 // thread only once no other process has the object.
 void CloseNamedMutex(void* handle) noexcept {
-    if (handle == kInvalidHandle) {
-        return;
-    }
+    if (handle == kInvalidHandle) { return; }
     auto* const mutex = static_cast<NamedMutex*>(handle);
     OpenMutexes& table = Table();
     const std::lock_guard guard(table.lock);
     QUORVEL_ASSERT(mutex->openCount > 0);
-    if (--mutex->openCount > 0) {
-        return;
-    }
+    if (--mutex->openCount > 0) { return; }
     std::unique_ptr<NamedMutex> closed = table.Remove(mutex);
     if (closed->IsOwned() && !(closed->LeaveObject() && closed->TakeFromOwner())) {
         closed->next = std::move(table.leftBehind);

@@ -54,9 +54,7 @@ bool Flock(int descriptor, int operation) {
 
 bool BelongsToUs(int descriptor, mode_t type) {
     struct stat status {};
-    if (::fstat(descriptor, &status) != 0) {
-        return false;
-    }
+    if (::fstat(descriptor, &status) != 0) { return false; }
     if ((status.st_mode & S_IFMT) != type || status.st_uid != ::geteuid() ||
         (status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
         errno = EACCES;
@@ -75,13 +73,9 @@ int OpenFolder() {
     char path[64];
     FormatFolder(path);
     // not reached in tests: the folder exists, except for processes that the tests kill
-    if (::mkdir(path, S_IRWXU) != 0 && errno != EEXIST) {
-        return -1;
-    }
+    if (::mkdir(path, S_IRWXU) != 0 && errno != EEXIST) { return -1; }
     FileDescriptor folder(::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
-    if (!folder.IsOpen() || !BelongsToUs(folder.Get(), S_IFDIR)) {
-        return -1;
-    }
+    if (!folder.IsOpen() || !BelongsToUs(folder.Get(), S_IFDIR)) { return -1; }
     return folder.Detach();
 }
 
@@ -130,9 +124,7 @@ bool FillWithZeroes(int descriptor, std::size_t bytes) {
 // process that has closed the object may still have it mapped.
 int OpenHeld(int folder, const char* fileName) {
     FileDescriptor file(::openat(folder, fileName, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
-    if (!file.IsOpen() || !BelongsToUs(file.Get(), S_IFREG)) {
-        return -1;
-    }
+    if (!file.IsOpen() || !BelongsToUs(file.Get(), S_IFREG)) { return -1; }
     if (Flock(file.Get(), LOCK_EX | LOCK_NB)) {
         ::unlinkat(folder, fileName, 0);
         errno = ENOENT;
@@ -146,9 +138,7 @@ int MakeNew(int folder, const char* fileName, std::size_t bytes,
             const std::function<bool(int)>& initialise) {
     FileDescriptor file(
         ::openat(folder, fileName, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    if (!file.IsOpen()) {
-        return -1;
-    }
+    if (!file.IsOpen()) { return -1; }
     if (!FillWithZeroes(file.Get(), bytes) || (initialise && !initialise(file.Get())) ||
         !Flock(file.Get(), LOCK_SH | LOCK_NB)) {
         const int error = errno;
@@ -232,17 +222,13 @@ std::unique_ptr<NamedObject> NamedObject::Open(const char* kind, const char* nam
     std::string fileName = FileName(kind, name);
     const FileDescriptor folder(OpenFolder());
     const Gate gate(folder.Get());
-    if (!gate.IsOpen()) {
-        return nullptr;
-    }
+    if (!gate.IsOpen()) { return nullptr; }
     FileDescriptor held(OpenHeld(folder.Get(), fileName.c_str()));
     const bool isNew = !held.IsOpen() && errno == ENOENT && ifAbsent == IfAbsent::Create;
     FileDescriptor file(isNew ? MakeNew(folder.Get(), fileName.c_str(), bytes, initialise)
                               : held.Detach());
     struct stat status {};
-    if (!file.IsOpen() || ::fstat(file.Get(), &status) != 0) {
-        return nullptr;
-    }
+    if (!file.IsOpen() || ::fstat(file.Get(), &status) != 0) { return nullptr; }
     if (static std::atomic_flag hasTidied; isNew && !hasTidied.test_and_set()) {
         RemoveDeadObjects(folder.Get());
     }
@@ -263,9 +249,7 @@ NamedObject::~NamedObject() {
 }
 
 bool NamedObject::Leave() {
-    if (descriptor_ < 0) {
-        return false;
-    }
+    if (descriptor_ < 0) { return false; }
     if (process_ != ::getpid()) {  // not reached in tests: a forked process leaves no counters
         ::close(std::exchange(descriptor_, -1));  // a forked process does not hold the object
         return false;

@@ -24,9 +24,7 @@ template <typename Operation>
 std::uint32_t ErrorOf(const Operation& operation) {
     try {
         operation();
-    } catch (const Win32APICallFailedException& exception) {
-        return exception.errorCode;
-    }
+    } catch (const Win32APICallFailedException& exception) { return exception.errorCode; }
     return 0;
 }
 

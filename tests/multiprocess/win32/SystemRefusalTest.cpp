@@ -20,9 +20,7 @@ template <typename Operation>
 DWORD ErrorOf(const Operation& operation) {
     try {
         operation();
-    } catch (const Win32APICallFailedException& exception) {
-        return exception.errorCode;
-    }
+    } catch (const Win32APICallFailedException& exception) { return exception.errorCode; }
     return ERROR_SUCCESS;
 }
 

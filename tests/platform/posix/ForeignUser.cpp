@@ -28,9 +28,7 @@ constexpr std::uint64_t kBytes = 4096;
 constexpr uid_t kFirstForeignId = 0x40000000;
 
 bool BecomeUser(uid_t user) {
-    if (user == ::geteuid()) {
-        return true;
-    }
+    if (user == ::geteuid()) { return true; }
     // A process that has changed its user may no longer inspect itself, as a leak checker does.
     return ::setgid(user) == 0 && ::setuid(user) == 0 && ::prctl(PR_SET_DUMPABLE, 1) == 0;
 }
@@ -60,9 +58,7 @@ private:
     std::string OpenBlock(const std::string& name, bool create) {
         auto& block = blocks_.emplace_back();
         const bool open = create ? block.Create(name, kBytes) : block.Open(name);
-        if (!open) {
-            return ErrorUnless(false);
-        }
+        if (!open) { return ErrorUnless(false); }
         view_ = block.Map(kBytes);
         return ErrorUnless(view_ != nullptr);
     }
@@ -131,9 +127,7 @@ private:
 
 QUORVEL_AGENT(ObjectUser) {
     ObjectUserAgent agent;
-    if (!BecomeUser(static_cast<uid_t>(std::stoul(arguments[0])))) {
-        return 1;
-    }
+    if (!BecomeUser(static_cast<uid_t>(std::stoul(arguments[0])))) { return 1; }
     AgentSend("ready");
     for (std::string line = AgentReceive(); !line.empty(); line = AgentReceive()) {
         const std::size_t space = line.find(' ');

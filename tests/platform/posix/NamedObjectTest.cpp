@@ -52,9 +52,7 @@ bool IsMapped(const std::string& text) {
     std::ifstream maps("/proc/self/maps");
     std::string line;
     while (std::getline(maps, line)) {
-        if (line.find(text) != std::string::npos) {
-            return true;
-        }
+        if (line.find(text) != std::string::npos) { return true; }
     }
     return false;
 }

@@ -22,9 +22,7 @@ struct Fault {
 thread_local constinit Fault fault{};
 
 bool Fails(SystemCall call) {
-    if (!fault.armed || fault.call != call || fault.failures == 0) {
-        return false;
-    }
+    if (!fault.armed || fault.call != call || fault.failures == 0) { return false; }
     if (fault.skipped > 0) {
         --fault.skipped;
         return false;

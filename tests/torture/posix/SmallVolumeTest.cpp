@@ -20,9 +20,7 @@ public:
     SmallVolume(const SmallVolume&) = delete;
     SmallVolume& operator=(const SmallVolume&) = delete;
     ~SmallVolume() {
-        if (error_ == 0) {
-            ::umount2(Path().c_str(), MNT_DETACH);
-        }
+        if (error_ == 0) { ::umount2(Path().c_str(), MNT_DETACH); }
     }
 
     std::string Path() const { return directory_.Path().string(); }

@@ -22,9 +22,7 @@ public:
     // are taken. Throws std::bad_alloc, with nothing changed.
     std::uint64_t Allocate() {
         if (allocated_ == Capacity()) {
-            if (Capacity() > kHighestIdentifier) {
-                return kNoIdentifier;
-            }
+            if (Capacity() > kHighestIdentifier) { return kNoIdentifier; }
             Grow(allocated_);
         }
         std::size_t node = 1;
@@ -32,9 +30,7 @@ public:
         while (node < words_.size()) {
             below /= 2;
             node *= 2;
-            if (counts_[node] == below) {
-                ++node;
-            }
+            if (counts_[node] == below) { ++node; }
         }
         const std::size_t word = node - words_.size();
         const auto bit = static_cast<unsigned>(std::countr_one(words_[word]));
@@ -44,9 +40,7 @@ public:
 
     // Frees an allocated identifier. Returns false if it was free.
     bool Free(std::uint64_t identifier) {
-        if (!IsAllocated(identifier)) {
-            return false;
-        }
+        if (!IsAllocated(identifier)) { return false; }
         const std::size_t word = identifier / kWordBits;
         words_[word] &= ~(std::uint64_t{1} << (identifier % kWordBits));
         for (std::size_t node = word + words_.size(); node > 0; node /= 2) {
@@ -79,12 +73,8 @@ public:
     // Allocates the given identifier. Returns false if it is already allocated or above
     // kHighestIdentifier. Throws std::bad_alloc. Changes nothing when it fails.
     bool MarkAllocated(std::uint64_t identifier) {
-        if (identifier > kHighestIdentifier || IsAllocated(identifier)) {
-            return false;
-        }
-        if (identifier >= Capacity()) {
-            Grow(identifier);
-        }
+        if (identifier > kHighestIdentifier || IsAllocated(identifier)) { return false; }
+        if (identifier >= Capacity()) { Grow(identifier); }
         Set(identifier / kWordBits, static_cast<unsigned>(identifier % kWordBits));
         return true;
     }
@@ -94,9 +84,7 @@ public:
     // The index-th allocated identifier in ascending order, or kNoIdentifier when index is not
     // below the number of allocated identifiers.
     std::uint64_t GetAllocatedIdentifier(std::uint64_t index) const {
-        if (index >= allocated_) {
-            return kNoIdentifier;
-        }
+        if (index >= allocated_) { return kNoIdentifier; }
         std::size_t node = 1;
         while (node < words_.size()) {
             node *= 2;

@@ -52,13 +52,9 @@ private:
 
     // The bytes may be this string's own.
     void Append(const char* bytes, std::size_t length) {
-        if (length == 0) {
-            return;
-        }
+        if (length == 0) { return; }
         char* const joined = static_cast<char*>(std::malloc(length_ + length + 1));
-        if (!joined) {
-            throw std::bad_alloc();
-        }
+        if (!joined) { throw std::bad_alloc(); }
         std::memcpy(joined, data(), length_);
         std::memcpy(joined + length_, bytes, length);
         length_ += length;

@@ -39,9 +39,7 @@ public:
 
     std::uint32_t Release() override {
         const std::uint32_t left = references_.fetch_sub(1, std::memory_order_acq_rel) - 1;
-        if (left == 0) {
-            DeleteThis();
-        }
+        if (left == 0) { DeleteThis(); }
         return left;
     }
 

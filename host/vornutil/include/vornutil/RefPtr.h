@@ -12,9 +12,7 @@ public:
     RefPtr() = default;
     RefPtr(std::nullptr_t) {}
     RefPtr(T* object) : object_(object) {
-        if (object_) {
-            object_->AddRef();
-        }
+        if (object_) { object_->AddRef(); }
     }
     RefPtr(const RefPtr& other) : RefPtr(other.object_) {}
     RefPtr(RefPtr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
@@ -35,9 +33,7 @@ public:
     // Releases the reference. The pointer is cleared first, so that a destructor that reaches it
     // again finds it empty.
     void Reset() {
-        if (T* object = std::exchange(object_, nullptr)) {
-            object->Release();
-        }
+        if (T* object = std::exchange(object_, nullptr)) { object->Release(); }
     }
 
 private:

@@ -69,13 +69,9 @@ private:
 
     void Reserve(int capacity) {
         static_assert(std::is_nothrow_move_constructible_v<T>);
-        if (capacity <= capacity_) {
-            return;
-        }
+        if (capacity <= capacity_) { return; }
         T* items = static_cast<T*>(std::malloc(static_cast<std::size_t>(capacity) * sizeof(T)));
-        if (!items) {
-            throw std::bad_alloc();
-        }
+        if (!items) { throw std::bad_alloc(); }
         std::uninitialized_move(items_, items_ + count_, items);
         std::destroy_n(items_, count_);
         std::free(items_);

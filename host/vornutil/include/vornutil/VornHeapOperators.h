@@ -9,9 +9,7 @@
 class VornHeapOperators {
 public:
     static void* operator new(std::size_t size) {
-        if (void* memory = std::malloc(size)) {
-            return memory;
-        }
+        if (void* memory = std::malloc(size)) { return memory; }
         throw std::bad_alloc();
     }
     static void* operator new(std::size_t size, const std::nothrow_t&) noexcept {

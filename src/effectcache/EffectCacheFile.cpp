@@ -1,12 +1,14 @@
 #include "effectcache/EffectCacheFile.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <cstddef>
+#include <iterator>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "effectcache/StreamHelpers.h"
+#include "pagestore/RollbackJournal.h"
 #include "platform/Assert.h"
 #include "platform/DiskSpace.h"
 #include "quorvel/Exceptions.h"
@@ -19,6 +21,11 @@ constexpr std::uint64_t kPageCacheCapacity = 64;
 
 // The cache takes no more of a volume than this, however much is free.
 constexpr std::uint64_t kLargestSpaceBudget = 0x10000000;
+
+// What a save needs beyond the pages for the bytes that it writes: effects and blocks of tails
+// leave gaps, and a few pages of blocks change.
+constexpr std::uint64_t kMoreSparePages = 64;
+constexpr std::uint64_t kMoreJournalPages = 12;
 
 PagedFilePackageConfig PackageConfig(const CStr& path) {
     return {path.data(), kPageCacheCapacity, kStreamLimit};
@@ -49,28 +56,28 @@ EffectCacheFile::EffectCacheFile(const CStr& directory, const CStr& path)
 
 void EffectCacheFile::Open(const Lock& lock, EffectIndex& index) noexcept {
     QUORVEL_ASSERT(!package_);
+    if (!Recover(lock)) { return; }
     try {
         package_ = PagedFilePackage::Open(PackageConfig(path_));
-        if (package_ && Load(lock, index)) { return; }
+        if (package_ && index.Load(*package_)) {
+            Trim(lock, index);
+            return;
+        }
     } catch (...) {}
-    Rollback(lock, index);
+    Close(lock);
     Create(lock, index);
 }
 
-bool EffectCacheFile::Create(const Lock& lock, EffectIndex& index) noexcept {
+void EffectCacheFile::Create(const Lock& lock, EffectIndex& index) noexcept {
     QUORVEL_ASSERT(!package_);
     index.Clear();
     try {
         package_ = PagedFilePackage::Create(PackageConfig(path_));
-        if (!package_) { return false; }
+        if (!package_) { return; }
         stamp_.UpdateTimeStamp();
         index.Start(*package_);
         package_->Commit();
-        return true;
-    } catch (...) {
-        Close(lock);
-        return false;
-    }
+    } catch (...) { Close(lock); }
 }
 
 void EffectCacheFile::Close(const Lock& /*lock*/) noexcept {
@@ -80,15 +87,37 @@ void EffectCacheFile::Close(const Lock& /*lock*/) noexcept {
     }
 }
 
-void EffectCacheFile::Rollback(const Lock& lock, EffectIndex& index) noexcept {
-    const bool isFileSuspect = package_ && package_->MayHaveChangedFile();
-    Close(lock);
-    if (!isFileSuspect) { return; }
-    if (!Create(lock, index)) {
-        // Truncating the file needs no space, so it usually works on a full volume.
-        if (std::FILE* const file = std::fopen(path_.data(), "wb")) { std::fclose(file); }
+// Puts back what a process that died in a save has overwritten. False if that fails: this cache is
+// then inert, and the others must not trust the file before they have tried as well.
+bool EffectCacheFile::Recover(const Lock& lock) noexcept {
+    if (path_.Length() == 0) { return true; }
+    try {
+        RollbackJournal::Recover(path_.data());
+        // The process may also have died between the end of its save and its stamp.
+        if (lock.LastHolderDied()) { stamp_.UpdateTimeStamp(); }
+        return true;
+    } catch (...) {
         stamp_.UpdateTimeStamp();
+        return false;
     }
+}
+
+// Undoes a save. False if that fails, as for Recover. Only Close or loading the package may follow.
+bool EffectCacheFile::Rollback(const Lock& /*lock*/) noexcept {
+    try {
+        package_->Rollback();
+        return true;
+    } catch (...) {
+        stamp_.UpdateTimeStamp();
+        return false;
+    }
+}
+
+// Undoes a save and loads the state before it. If that fails, the cache is inert.
+void EffectCacheFile::Revert(const Lock& lock, EffectIndex& index) noexcept {
+    try {
+        if (Rollback(lock) && package_->Load() && index.Load(*package_)) { return; }
+    } catch (...) {}
     Close(lock);
 }
 
@@ -98,22 +127,14 @@ void EffectCacheFile::Sync(const Lock& lock, EffectIndex& index) noexcept {
     QUORVEL_ASSERT(package_);
     // A holder that died in the middle of a save has written no stamp.
     if (!stamp_.IsChanged() && !lock.LastHolderDied()) { return; }
+    package_->Discard();  // its pages may be older than those in the file
     try {
-        package_->Discard();  // uncommitted changes must not overwrite the new state
-        if (package_->Load() && Load(lock, index)) { return; }
+        if (Recover(lock) && package_->Load() && index.Load(*package_)) {
+            Trim(lock, index);
+            return;
+        }
     } catch (...) {}
-    Rollback(lock, index);
-}
-
-// Loads the index of a package that was just loaded, and trims the file.
-bool EffectCacheFile::Load(const Lock& lock, EffectIndex& index) {
-    if (!index.Load(*package_)) { return false; }
-    if (Trim(lock, index)) { return true; }
-    if (package_->MayHaveChangedFile()) { return false; }
-    // A file that can't be written still holds all its effects, just more than it should.
-    package_->Discard();
-    // not reached in tests: a file that was just read, and not written since, can be read again
-    return package_->Load() && index.Load(*package_);
+    Close(lock);
 }
 
 bool EffectCacheFile::Read(const Lock& /*lock*/, const EffectRecord& record,
@@ -131,21 +152,31 @@ bool EffectCacheFile::Save(const Lock& lock, EffectIndex& index, EffectQueue& qu
     QUORVEL_ASSERT(package_);
     Sync(lock, index);
     if (!package_) { return false; }
+    bool hasRoom = true;
     try {
         package_->BeginSave();
-        const std::uint64_t budget = SpaceBudget();
-        if (budget >= queue.ByteCount() && MakeRoom(lock, index, budget - queue.ByteCount())) {
-            if (!HasStreamsFor(index, queue)) { throw FileIOException(); }
-            for (const PendingEffect* const effect : queue.Entries()) {
+        hasRoom = false;
+        const std::uint64_t budget = SpaceBudget(JournalBytes(index));
+        if (budget >= queue.ByteCount()) {
+            ReservePages(lock, index, queue, budget);
+            hasRoom = MakeRoom(lock, index, budget - queue.ByteCount());
+        }
+        if (hasRoom) {
+            for (const PendingEffect* const effect : ClaimStreams(lock, index, queue)) {
                 Store(lock, index, *effect);
             }
         }
         Commit(lock, index);
         return true;
-    } catch (...) {
-        Rollback(lock, index);
-        return false;
+    } catch (...) {}
+    if (!hasRoom) {
+        // The volume may be too full even for the journal. The file can stay as it is.
+        Revert(lock, index);
+        return IsUsable();
     }
+    Rollback(lock);
+    Close(lock);
+    return false;
 }
 
 // Deletes streams of evicted effects until the package has fewer bytes than `limit`. False if it
@@ -155,42 +186,69 @@ bool EffectCacheFile::MakeRoom(const Lock& lock, EffectIndex& index, std::uint64
     return package_->GetTotalDataSize() < limit;
 }
 
-void EffectCacheFile::Evict(const Lock& /*lock*/, EffectIndex& index, std::uint64_t limit) {
+void EffectCacheFile::Evict(const Lock& lock, EffectIndex& index, std::uint64_t limit) {
     for (IndexEntry* const entry : index.EvictionOrder()) {
         if (package_->GetTotalDataSize() < limit) { return; }
-        package_->DeleteDataStream(entry->record.streamId);
-        index.Remove(entry);
+        Delete(lock, index, entry);
     }
 }
 
 // Trims a file that was just loaded to the space budget. A trim deletes streams that the index in
-// the file still names and moves the tails of others, so it is a save of its own.
-bool EffectCacheFile::Trim(const Lock& lock, EffectIndex& index) noexcept {
+// the file still names and moves the tails of others, so it is a save of its own. One that fails is
+// put off: the file still holds all its effects, just more than it should.
+void EffectCacheFile::Trim(const Lock& lock, EffectIndex& index) noexcept {
     try {
-        const std::uint64_t budget = SpaceBudget();
-        if (package_->GetTotalDataSize() < budget || index.EvictionOrder().empty()) { return true; }
+        const std::uint64_t budget = SpaceBudget(0);
+        if (package_->GetTotalDataSize() < budget || index.EvictionOrder().empty()) { return; }
         package_->BeginSave();
         Evict(lock, index, budget);
         Commit(lock, index);
-        return true;
-    } catch (...) { return false; }
+    } catch (...) { Revert(lock, index); }
 }
 
-// True if the package has enough free stream ids for the queue.
-bool EffectCacheFile::HasStreamsFor(const EffectIndex& index, EffectQueue& queue) const {
-    const auto& effects = queue.Entries();
-    const auto added = std::count_if(effects.begin(), effects.end(), [&](const auto* effect) {
-        return !index.Find(effect->Key(), effect->hash);
+// Makes pages free for what the save will write: the queue's effects, the index and the head file.
+// The spare pages and the journal together must leave most of the budget.
+void EffectCacheFile::ReservePages(const Lock& /*lock*/, const EffectIndex& index,
+                                   const EffectQueue& queue, std::uint64_t budget) {
+    const std::uint64_t pages = (queue.ByteCount() + index.TotalBytes()) / kPageSize +
+                                package_->HeadPageCount() + kMoreSparePages;
+    if (pages * kPageSize <= budget / 4) { package_->ReservePages(pages); }
+}
+
+// The queue's effects, after evicting so many others that there are streams for them. If that is
+// not enough, the newest effects are left out.
+std::vector<PendingEffect*> EffectCacheFile::ClaimStreams(const Lock& lock, EffectIndex& index,
+                                                          EffectQueue& queue) {
+    std::vector<PendingEffect*> effects = queue.Entries();
+    std::vector<PendingEffect*> added;
+    std::copy_if(effects.begin(), effects.end(), std::back_inserter(added),
+                 [&](const auto* effect) { return !index.Find(effect->Key(), effect->hash); });
+    const std::uint64_t needed = package_->GetNumberOfDataStreams() + added.size();
+    std::uint64_t missing = needed - std::min(needed, kStreamLimit);
+    if (missing == 0) { return effects; }
+    for (IndexEntry* const entry : index.EvictionOrder()) {
+        if (missing == 0) { return effects; }
+        if (queue.Find(entry->Key(), entry->Key().Hash())) { continue; }
+        Delete(lock, index, entry);
+        --missing;
+    }
+    if (missing == 0) { return effects; }
+    const auto firstDropped = added.end() - static_cast<std::ptrdiff_t>(missing);
+    std::nth_element(
+        added.begin(), firstDropped, added.end(),
+        [](const auto* left, const auto* right) { return left->order < right->order; });
+    const std::uint32_t end = (*firstDropped)->order;
+    std::erase_if(effects, [&](const auto* effect) {
+        return effect->order >= end && !index.Find(effect->Key(), effect->hash);
     });
-    return package_->GetNumberOfDataStreams() + static_cast<std::uint64_t>(added) <= kStreamLimit;
+    return effects;
 }
 
-void EffectCacheFile::Store(const Lock& /*lock*/, EffectIndex& index, const PendingEffect& effect) {
+void EffectCacheFile::Store(const Lock& lock, EffectIndex& index, const PendingEffect& effect) {
     const EffectKey name = effect.Key();
     const std::span<const unsigned char> bytes = effect.Compiled();
     if (IndexEntry* const replaced = index.Find(name, effect.hash)) {
-        package_->DeleteDataStream(replaced->record.streamId);
-        index.Remove(replaced);
+        Delete(lock, index, replaced);
     }
     const std::uint64_t id = package_->CreateDataStream(SerializedSize(bytes.size()));
     Util::RefPtr<IDataStream> stream = package_->OpenDataStream(id);
@@ -204,6 +262,11 @@ void EffectCacheFile::Store(const Lock& /*lock*/, EffectIndex& index, const Pend
     index.Put(name, effect.hash, record);
 }
 
+void EffectCacheFile::Delete(const Lock& /*lock*/, EffectIndex& index, IndexEntry* entry) {
+    package_->DeleteDataStream(entry->record.streamId);
+    index.Remove(entry);
+}
+
 // Writes the index and commits, then tells the other processes.
 void EffectCacheFile::Commit(const Lock& /*lock*/, EffectIndex& index) {
     index.Write(*package_);
@@ -211,12 +274,21 @@ void EffectCacheFile::Commit(const Lock& /*lock*/, EffectIndex& index) {
     stamp_.UpdateTimeStamp();
 }
 
-std::uint64_t EffectCacheFile::SpaceBudget() const {
+// What the journal of a save may take without spare pages: the index and the head file are then
+// written again in the same pages.
+std::uint64_t EffectCacheFile::JournalBytes(const EffectIndex& index) const {
+    const std::uint64_t pages =
+        index.TotalBytes() / kPageSize + package_->HeadPageCount() + kMoreJournalPages;
+    return pages * RollbackJournal::kBytesPerPage;
+}
+
+// The bytes that the cache may take, when so many are left for a journal.
+std::uint64_t EffectCacheFile::SpaceBudget(std::uint64_t journalBytes) const {
     std::uint64_t available = 0;
     if (!Platform::GetFreeDiskSpace(directory_.data(), available)) {
         return kLargestSpaceBudget;  // a full volume is better than an empty cache
     }
-    return std::min(available, kLargestSpaceBudget);
+    return std::min(available - std::min(available, journalBytes), kLargestSpaceBudget);
 }
 
 }  // namespace Quorvel

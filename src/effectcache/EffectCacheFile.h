@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "effectcache/EffectIndex.h"
 #include "effectcache/EffectQueue.h"
@@ -24,16 +25,16 @@ namespace Quorvel {
 //   step    before   during                           after         if it fails
 //   Open    none     Clean; a trim: as Save           Clean         Create
 //   Create  none     Clean, Changed                   Clean         none
-//   Sync    Clean    Discarded, if the file has       Clean         Rollback
+//   Sync    Clean    Discarded, if the file has       Clean         none
 //                    changed; a trim: as Save
 //   Read    Clean    Clean                            Clean         Clean, nothing found
-//   Save    Clean    as Sync; Saving, Overwriting     Clean         Rollback
+//   Save    Clean    as Sync; Saving, Overwriting     Clean         Closed by Rollback, then none
 //   Close   any      Discarded                        none
 //
-// Rollback ends without a package. It replaces the file with an empty cache, or truncates it if
-// that fails too, only if the failed step was Changed or Overwriting: what it has written may
-// contradict the state in the file. In any other state it leaves the file alone, even one that
-// can't be opened; the next Open replaces that.
+// Open and Sync first put back what a process that died in a save has overwritten. A trim that
+// fails is rolled back and put off: the file keeps more effects than it should. If old pages can't
+// be put back, the cache is inert, and the journal stays for the next process that opens or reloads
+// the file; a new stamp tells those that have it open.
 //
 // Without a package the cache is permanently inert. Only Read may throw: what OpenDataStream
 // throws.
@@ -62,7 +63,8 @@ public:
     // False when the cache is inert.
     bool IsUsable() const { return static_cast<bool>(package_); }
 
-    // Opens the file and trims it to the space budget, or makes an empty cache.
+    // Opens the file and trims it to the space budget, or makes an empty cache. Inert if old pages
+    // can't be put back.
     void Open(const Lock& lock, EffectIndex& index) noexcept;
 
     // Loads the file again, and trims it, if another process has changed it or may have died while
@@ -73,26 +75,33 @@ public:
     // lock, and the record belongs to its index.
     [[nodiscard]] bool Read(const Lock& lock, const EffectRecord& record, Tab<unsigned char>& data);
 
-    // Syncs, then moves the queue's effects into the file, evicting others to make room. Without
-    // room they are not saved, which counts as success. The caller then clears the queue. False on
-    // failure: the cache is inert, the queue unchanged, and the index unspecified. REQUIRES: the
-    // cache is usable.
+    // Syncs, then moves the queue's effects into the file, evicting others to make room and to free
+    // streams. Without room they are not saved, which counts as success; without enough streams the
+    // newest of them are not. The caller then clears the queue. False on failure: the file keeps
+    // its old state, the cache is inert, the queue unchanged, and the index unspecified. REQUIRES:
+    // the cache is usable.
     [[nodiscard]] bool Save(const Lock& lock, EffectIndex& index, EffectQueue& queue) noexcept;
 
     // Releases the package, without writing anything.
     void Close(const Lock& lock) noexcept;
 
 private:
-    bool Create(const Lock& lock, EffectIndex& index) noexcept;
-    void Rollback(const Lock& lock, EffectIndex& index) noexcept;
-    bool Load(const Lock& lock, EffectIndex& index);
-    bool Trim(const Lock& lock, EffectIndex& index) noexcept;
+    void Create(const Lock& lock, EffectIndex& index) noexcept;
+    bool Recover(const Lock& lock) noexcept;
+    bool Rollback(const Lock& lock) noexcept;
+    void Revert(const Lock& lock, EffectIndex& index) noexcept;
+    void Trim(const Lock& lock, EffectIndex& index) noexcept;
     bool MakeRoom(const Lock& lock, EffectIndex& index, std::uint64_t limit);
     void Evict(const Lock& lock, EffectIndex& index, std::uint64_t limit);
-    bool HasStreamsFor(const EffectIndex& index, EffectQueue& queue) const;
+    void ReservePages(const Lock& lock, const EffectIndex& index, const EffectQueue& queue,
+                      std::uint64_t budget);
+    std::vector<PendingEffect*> ClaimStreams(const Lock& lock, EffectIndex& index,
+                                             EffectQueue& queue);
     void Store(const Lock& lock, EffectIndex& index, const PendingEffect& effect);
+    void Delete(const Lock& lock, EffectIndex& index, IndexEntry* entry);
     void Commit(const Lock& lock, EffectIndex& index);
-    std::uint64_t SpaceBudget() const;
+    std::uint64_t JournalBytes(const EffectIndex& index) const;
+    std::uint64_t SpaceBudget(std::uint64_t journalBytes) const;
 
     const CStr directory_;
     const CStr path_;                         // of the file

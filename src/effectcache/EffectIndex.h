@@ -23,6 +23,9 @@ class EffectIndex {
 public:
     std::uint64_t Size() const { return table_.Size(); }
 
+    // The bytes that the entries take in the index stream.
+    std::uint64_t TotalBytes() const { return table_.TotalBytes(); }
+
     // The entry of a name with that hash; null when there is none.
     IndexEntry* Find(const EffectKey& name, std::uint32_t hash) const {
         return table_.Find(name, hash);

@@ -36,7 +36,7 @@ public:
              bool permanent) {
         QUORVEL_ASSERT(name.length >= kShortestName && name.length <= kLongestName);
         QUORVEL_ASSERT(compiled.size() >= kSmallestEffect && compiled.size() <= kLargestEffect);
-        table_.Put(name, hash, compiled, permanent);
+        table_.Put(name, hash, compiled, permanent, nextOrder_++);
         byteCount_ += IndexEntrySize(name.length) + SerializedSize(compiled.size());
     }
 
@@ -46,6 +46,7 @@ public:
     void Clear() {
         table_.Clear();
         byteCount_ = 0;
+        nextOrder_ = 0;
     }
 
 private:
@@ -53,6 +54,7 @@ private:
 
     EffectTable<PendingEffect> table_;
     std::uint64_t byteCount_ = 0;
+    std::uint32_t nextOrder_ = 0;
 };
 
 }  // namespace Quorvel

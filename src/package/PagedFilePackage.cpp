@@ -59,16 +59,13 @@ void PagedFilePackage::AssertState() const {
     }
     QUORVEL_ASSERT(cache_);
     QUORVEL_ASSERT(state_ != FileState::Clean || (cache_->IsOpen() && stored_.headFile));
-    QUORVEL_ASSERT((cache_->WriteListener() == this) == (state_ == FileState::Saving));
+    QUORVEL_ASSERT((cache_->Listener() == this) == IsInSave() &&
+                   (journal_ != nullptr) == IsInSave());
     QUORVEL_ASSERT(state_ != FileState::Saving || cache_->IsResident(kHeadPageNumber));
 }
 
 bool PagedFilePackage::HasChanges() const {
     return state_ == FileState::Changed || IsInSave();
-}
-
-bool PagedFilePackage::MayHaveChangedFile() const {
-    return state_ == FileState::Changed || state_ == FileState::Overwriting;
 }
 
 bool PagedFilePackage::IsInSave() const {
@@ -82,26 +79,65 @@ void PagedFilePackage::MarkChanged() {
 
 void PagedFilePackage::BeginSave() {
     AssertState();
-    QUORVEL_ASSERT(state_ == FileState::Clean);
-    SetStoredPageCount(*cache_, 0);
-    cache_->SetWriteListener(this);
+    QUORVEL_ASSERT(state_ == FileState::Clean && openStreams_.IsEmpty());
+    journal_ = std::make_unique<RollbackJournal>(config_.fileName, cache_->FileSize(),
+                                                 stored_.allocator->PagesInUse());
+    cache_->SetListener(this);
+    ScopeGuard endSave([&] { EndSave(); });
+    MarkHeadPage(*cache_, journal_->Mark());
+    endSave.Dismiss();
     state_ = FileState::Saving;
 }
 
-// Called only in the state Saving: writes the head page before the first page that leaves the
-// cache.
-void PagedFilePackage::BeforePageWrite() {
+void PagedFilePackage::EndSave() {
+    cache_->SetListener(nullptr);
+    journal_.reset();
+}
+
+// Called only in a save.
+void PagedFilePackage::BeforePageChange(std::uint64_t page, const std::uint8_t* bytes) {
+    journal_->KeepPage(page, bytes);
+}
+
+// Called only in a save. Marks the head page in the file before the first page of the committed
+// state is overwritten.
+void PagedFilePackage::BeforePageWrite(std::uint64_t page) {
+    if (!journal_->PrepareWrite(page) || state_ == FileState::Overwriting) { return; }
     AssertState();
-    cache_->WritePage(kHeadPageNumber);
-    cache_->SetWriteListener(nullptr);
+    journal_->BeginOverwriting();
     state_ = FileState::Overwriting;
+    cache_->WritePage(kHeadPageNumber);
+}
+
+void PagedFilePackage::ReservePages(std::uint64_t count) {
+    QUORVEL_ASSERT(state_ == FileState::Saving);
+    PageAllocator& allocator = *stored_.allocator;
+    const std::uint64_t free = allocator.FreePageCount();
+    const std::uint64_t last = kHeadPageNumber + allocator.PageCount() + count - free - 1;
+    if (free >= count || !IsValidPageNumber(last)) { return; }
+    try {
+        cache_->EnsurePageInFile(last);
+    } catch (const FileIOException&) { return; }
+    allocator.MarkPageAllocated(last);
+    allocator.FreePage(last);
+}
+
+void PagedFilePackage::Rollback() {
+    AssertState();
+    QUORVEL_ASSERT(openStreams_.IsEmpty());
+    if (!IsInSave()) { return Discard(); }
+    cache_->SetListener(nullptr);
+    cache_->DiscardAll();
+    const std::unique_ptr<RollbackJournal> journal = std::move(journal_);
+    Close();
+    journal->Undo();
 }
 
 void PagedFilePackage::Discard() {
     AssertState();
+    QUORVEL_ASSERT(!IsInSave());
     ReleaseStreamPages();
     if (cache_) {
-        cache_->SetWriteListener(nullptr);
         cache_->DiscardAll();
         state_ = FileState::Discarded;
     }
@@ -156,15 +192,18 @@ bool PagedFilePackage::Commit() {
     AssertState();
     if (!HasChanges()) { return true; }
     EnsureFileIsOpen();
-    const bool isInSave = IsInSave();
-    stored_.Write(*cache_, isInSave);
+    stored_.Write(*cache_, IsInSave() ? std::optional(journal_->Mark()) : std::nullopt);
+    const std::uint64_t size = cache_->FileSize();
     ReopenFile();
-    if (isInSave) {
+    if (IsInSave()) {
+        if (cache_->FileSize() < size) { throw FileIOException(); }  // it was created anew
         // Everything else is in the file. This write makes it possible to open the file again.
-        SetStoredPageCount(*cache_, stored_.HeadPageCount());
+        QUORVEL_ASSERT(state_ == FileState::Overwriting);
+        stored_.FinishHeadPage(*cache_);
         cache_->WritePage(kHeadPageNumber);
+        journal_->Finish();
+        EndSave();
     }
-    cache_->SetWriteListener(nullptr);
     state_ = FileState::Clean;
     AssertState();
     return true;

@@ -8,6 +8,7 @@
 #include "package/StoredState.h"
 #include "pagestore/ChildFileStream.h"
 #include "pagestore/FilePageCache.h"
+#include "pagestore/RollbackJournal.h"
 #include "quorvel/IDataStreamSet.h"
 #include "quorvel/PagedFilePackageConfig.h"
 #include "vornutil/RefPtr.h"
@@ -21,24 +22,29 @@ namespace Quorvel {
 //                streams don't count as a difference.
 //   Changed      Memory is ahead of the file, and pages that left the cache may have overwritten
 //                parts of the state that the file describes.
-//   Saving       Memory is ahead, but no page of the file has been overwritten yet; the file may
-//                have grown. In the cache the head page states a page count of 0, and the package
-//                listens to the cache, to write that page before any other.
-//   Overwriting  As Changed, but the head page in the file states a page count of 0: nothing can
-//                open the file until Commit has written everything.
+//   Saving       Memory is ahead, but no page of the last committed state has been overwritten;
+//                other pages may have been, and the file may have grown. The package listens to the
+//                cache, to keep the old bytes of pages in the rollback journal. In the cache, the
+//                head page carries the journal's mark.
+//   Overwriting  As Saving, but pages of the last committed state may have been overwritten. Their
+//                old bytes are in the journal's file, and the head page in the file carries the
+//                mark: nothing can open the file until it is restored or Commit has written
+//                everything.
 //   Discarded    A file is open, but memory does not describe it: changes were discarded, or the
 //                file is about to be loaded or created.
 //
 //   Closed -> Clean                             Create, Load
 //   Clean -> Changed                            every operation that changes the package
 //   Clean -> Saving                             BeginSave
-//   Saving -> Overwriting                       BeforePageWrite, for the first page that leaves
-//   Changed, Saving, Overwriting -> Clean       Commit
-//   any but Closed -> Discarded                 Discard
-//   Clean, Changed, Discarded -> Clean          Load
+//   Saving -> Overwriting                       BeforePageWrite, for the first such page
+//   Changed, Saving, Overwriting -> Clean       Commit, which removes the journal
+//   Saving, Overwriting -> Closed               Rollback, which restores the old state
+//   Closed, Clean, Changed -> Discarded         Discard
+//   Closed, Clean, Changed, Discarded -> Clean  Load
 //   any -> Closed                               destruction, which first commits what HasChanges
 //
-// A Commit that fails keeps the state, or turns Saving into Overwriting; another Commit may follow.
+// A Commit that fails keeps the state, or turns Saving into Overwriting; another Commit or, in a
+// save, Rollback may follow.
 enum class FileState { Closed, Clean, Changed, Saving, Overwriting, Discarded };
 
 // A package over one file: its streams. A stream's bytes lie in whole pages, chained by the
@@ -46,7 +52,7 @@ enum class FileState { Closed, Clean, Changed, Saving, Overwriting, Discarded };
 // stored.
 //
 // For one thread at a time. Operations throw as IDataStreamSet documents.
-class PagedFilePackage final : public IDataStreamSet, private PageWriteListener {
+class PagedFilePackage final : public IDataStreamSet, private PageListener {
 public:
     // A package without a file. Throws InvalidParameterException when config has no path.
     explicit PagedFilePackage(const PagedFilePackageConfig& config);
@@ -66,17 +72,31 @@ public:
     // True if Commit has something to write.
     bool HasChanges() const;
 
-    // True if the file may no longer hold what was last committed or loaded.
-    bool MayHaveChangedFile() const;
-
-    // Begins a save that is all or nothing for the next process that opens the file: from the first
-    // page that is overwritten to the end of Commit, nothing can open it. A process that dies in
-    // between leaves the old state, the new one, or a file that can't be opened, never a mixture.
-    // REQUIRES: the state is Clean. When it throws, nothing has changed.
+    // Begins a save that is all or nothing, and that Commit or Rollback ends. A process that dies
+    // in between leaves the old state, the new one, or a file that RollbackJournal::Recover
+    // restores. REQUIRES: the state is Clean and no stream is open. When it throws, nothing has
+    // changed.
     void BeginSave();
 
+    // Makes sure that `count` pages are free, if the file can grow that far. A save that has enough
+    // of them leaves most pages of the committed state as they are, and keeps few in its journal.
+    // REQUIRES: BeginSave was called just before. Throws std::bad_alloc.
+    void ReservePages(std::uint64_t count);
+
+    // The number of pages that the save has kept in its journal.
+    std::uint64_t JournalPages() const { return journal_ ? journal_->KeptPages() : 0; }
+
+    // Pages of the head file. REQUIRES: the state is Clean or Saving.
+    std::uint64_t HeadPageCount() const { return stored_.headFile->pageCount; }
+
+    // Undoes a save: puts back every page of the committed state and closes the file. Only Load or
+    // destruction may follow. REQUIRES: no stream is open. Throws FileIOException or std::bad_alloc
+    // if a page could not be put back: the journal then stays, and RollbackJournal::Recover can try
+    // again.
+    void Rollback();
+
     // Forgets every change since the last Commit or Load without writing anything. Only Load or
-    // destruction may follow.
+    // destruction may follow. REQUIRES: no save has begun.
     void Discard();
 
     // True if no damage of the file can make one stream's bytes appear in another: see
@@ -109,7 +129,9 @@ protected:
 
 private:
     void AssertState() const;
-    void BeforePageWrite() override;
+    void BeforePageChange(std::uint64_t page, const std::uint8_t* bytes) override;
+    void BeforePageWrite(std::uint64_t page) override;
+    void EndSave();
     void MarkChanged();
     bool IsInSave() const;
 
@@ -131,6 +153,7 @@ private:
     std::unique_ptr<FilePageCache> cache_;
     StoredState stored_;
     OpenStreams openStreams_;
+    std::unique_ptr<RollbackJournal> journal_;  // while a save runs
 };
 
 }  // namespace Quorvel

@@ -51,10 +51,10 @@ void StoredState::Read(FilePageCache& cache, std::uint64_t streamLimit) {
     if (!reader.ReadItems(headerData, length)) { throw FileIOException(); }
 }
 
-void StoredState::Write(FilePageCache& cache, bool markUnfinished) {
+void StoredState::Write(FilePageCache& cache, const std::optional<HeadPageMark>& mark) {
     FreeHeadFile();
     CreateHeadFile(cache);
-    if (markUnfinished) { SetStoredPageCount(cache, 0); }
+    if (mark) { MarkHeadPage(cache, *mark); }
     WriteContent(cache);
 }
 
@@ -122,11 +122,25 @@ void StoredState::WriteContent(FilePageCache& cache) const {
     writer.Flush();
 }
 
-void SetStoredPageCount(FilePageCache& cache, std::uint64_t pageCount) {
+namespace {
+
+void SetHeadPageStart(FilePageCache& cache, const HeadPageMark& start) {
+    static_assert(offsetof(HeadPageMark, pageCount) == offsetof(HeadFileHeader, pageCount));
+    static_assert(offsetof(HeadPageMark, nonce) == offsetof(HeadFileHeader, byteSize));
     PageRef page(&cache);
     page.SetWritePage(kHeadPageNumber);
     if (!page.Data()) { throw FileDataCorruptException(); }
-    std::memcpy(page.Data() + offsetof(HeadFileHeader, pageCount), &pageCount, sizeof pageCount);
+    std::memcpy(page.Data(), &start, sizeof start);
+}
+
+}  // namespace
+
+void StoredState::FinishHeadPage(FilePageCache& cache) const {
+    SetHeadPageStart(cache, {headFile->pageCount, headFile->byteSize});
+}
+
+void MarkHeadPage(FilePageCache& cache, const HeadPageMark& mark) {
+    SetHeadPageStart(cache, mark);
 }
 
 }  // namespace Quorvel

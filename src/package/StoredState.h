@@ -1,12 +1,14 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "package/StreamDirectory.h"
 #include "package/TailBlockTable.h"
 #include "pagestore/FilePageCache.h"
 #include "pagestore/PageAllocator.h"
+#include "pagestore/RollbackJournal.h"
 #include "quorvel/IDataStream.h"
 #include "seekers/IPagedFileSeeker.h"
 #include "vornutil/RefPtr.h"
@@ -28,13 +30,13 @@ struct StoredState {
     void Read(FilePageCache& cache, std::uint64_t streamLimit);
 
     // Writes a new head file into pages of the cache. Throws as the cache and the allocator do;
-    // what is in memory stays valid, and another Write may follow. `markUnfinished` leaves a page
-    // count of 0 in the head page, which makes the file one that can't be opened.
-    void Write(FilePageCache& cache, bool markUnfinished);
+    // what is in memory stays valid, and another Write may follow. With a mark, the head page of
+    // the new head file carries it; FinishHeadPage ends that.
+    void Write(FilePageCache& cache, const std::optional<HeadPageMark>& mark);
 
-    // Pages of the head file; the count that a finished head page states. REQUIRES: the state
-    // was read or written.
-    std::uint64_t HeadPageCount() const { return headFile->pageCount; }
+    // Removes the mark of the head page, in the cache alone. REQUIRES: the state was written.
+    // Throws as MarkHeadPage does.
+    void FinishHeadPage(FilePageCache& cache) const;
 
     // Resets to the state of a new package.
     void Clear();
@@ -57,9 +59,8 @@ private:
 // The number of pages of a head file that were read or are about to be written.
 std::uint64_t KnownPageCount(const IPagedFileSeeker& headFile);
 
-// Sets the page count that the head page states, in the cache alone. 0 makes the file one that
-// can't be opened. Throws as FilePageCache::GetPageForWrite does, FileDataCorruptException when
-// every page of the cache is pinned.
-void SetStoredPageCount(FilePageCache& cache, std::uint64_t pageCount);
+// Marks the head page, in the cache alone. Throws as FilePageCache::GetPageForWrite does,
+// FileDataCorruptException when every page of the cache is pinned.
+void MarkHeadPage(FilePageCache& cache, const HeadPageMark& mark);
 
 }  // namespace Quorvel

@@ -99,6 +99,7 @@ std::uint8_t* FilePageCache::GetPage(std::uint64_t page, Access access) {
     if (index >= pages_.size()) { pages_.resize(index + 1); }
     const bool forWrite = access == Access::Write;
     if (CachedPage* const resident = pages_[index]) {
+        if (forWrite) { AnnounceChange(page, resident->data); }
         Unlink(resident);
         PushMostRecent(resident);
         ++resident->pinCount;
@@ -108,6 +109,7 @@ std::uint8_t* FilePageCache::GetPage(std::uint64_t page, Access access) {
 
     std::unique_ptr<CachedPage> loaded = LoadPage(index, forWrite);
     if (!loaded) { return nullptr; }
+    if (forWrite) { AnnounceChange(page, loaded->data); }
     PushMostRecent(loaded.get());
     return (pages_[index] = loaded.release())->data;
 }
@@ -130,6 +132,10 @@ std::unique_ptr<CachedPage> FilePageCache::LoadPage(std::uint64_t index, bool fo
     return loaded;
 }
 
+void FilePageCache::AnnounceChange(std::uint64_t page, const std::uint8_t* bytes) {
+    if (listener_) { listener_->BeforePageChange(page, bytes); }
+}
+
 void FilePageCache::ReleasePage(std::uint64_t page) {
     if (!IsValidPageNumber(page)) { return; }
     const std::uint64_t index = page - kHeadPageNumber;
@@ -150,7 +156,7 @@ bool FilePageCache::EvictDownTo(std::uint64_t limit, std::unique_ptr<CachedPage>
 
 // Writes a page and takes it out of the cache.
 std::unique_ptr<CachedPage> FilePageCache::WriteBackPage(CachedPage* page) {
-    if (writeListener_) { writeListener_->BeforePageWrite(); }
+    if (listener_) { listener_->BeforePageWrite(page->pageIndex + kHeadPageNumber); }
     WriteAt(page->data, OffsetOfIndex(page->pageIndex), kPageSize);
     pages_[page->pageIndex] = nullptr;
     Unlink(page);

@@ -22,15 +22,18 @@ struct CachedPage {
 #pragma pack(pop)
 static_assert(sizeof(CachedPage) == 13 + kPageSize + 2 * sizeof(void*));
 
-// Is told before a page is written to the file.
-class PageWriteListener {
+// Is told before a page changes in memory and before it is written to the file. If it throws,
+// neither happens, and the exception leaves the operation that was about to do it.
+class PageListener {
 public:
-    // Called before each write of a whole page that leaves the cache. If it throws, the page is not
-    // written and stays resident, and the exception leaves the operation that needed the write.
-    virtual void BeforePageWrite() = 0;
+    // Called before GetPageForWrite returns: these bytes may now change.
+    virtual void BeforePageChange(std::uint64_t page, const std::uint8_t* bytes) = 0;
+
+    // Called before each write of a whole page that leaves the cache.
+    virtual void BeforePageWrite(std::uint64_t page) = 0;
 
 protected:
-    ~PageWriteListener() = default;
+    ~PageListener() = default;
 };
 
 // Every byte of a package file passes through its page cache. The cache keeps a bounded number of
@@ -79,6 +82,9 @@ public:
     void ReleasePageForRead(std::uint64_t page) { ReleasePage(page); }
     void ReleasePageForWrite(std::uint64_t page) { ReleasePage(page); }
 
+    // The length of the open file in bytes.
+    std::uint64_t FileSize() const { return fileSize_; }
+
     bool IsResident(std::uint64_t page) const;
 
     // Writes a page to the file now; it stays resident. The listener is not called.
@@ -86,8 +92,8 @@ public:
     void WritePage(std::uint64_t page);
 
     // Sets the listener, or none. It must outlive the cache or be replaced before it dies.
-    void SetWriteListener(PageWriteListener* listener) { writeListener_ = listener; }
-    const PageWriteListener* WriteListener() const { return writeListener_; }
+    void SetListener(PageListener* listener) { listener_ = listener; }
+    const PageListener* Listener() const { return listener_; }
 
     // True if the whole page lies in the file. REQUIRES: the page number is valid.
     bool CoversPage(std::uint64_t page) const;
@@ -101,6 +107,7 @@ private:
 
     std::uint8_t* GetPage(std::uint64_t page, Access access);
     std::unique_ptr<CachedPage> LoadPage(std::uint64_t index, bool forWrite);
+    void AnnounceChange(std::uint64_t page, const std::uint8_t* bytes);
     void ReleasePage(std::uint64_t page);
     bool EvictDownTo(std::uint64_t limit, std::unique_ptr<CachedPage>& frame);
     std::unique_ptr<CachedPage> WriteBackPage(CachedPage* page);
@@ -119,7 +126,7 @@ private:
     std::uint64_t residentCount_;
     CachedPage* mostRecent_;
     CachedPage* leastRecent_;
-    PageWriteListener* writeListener_ = nullptr;
+    PageListener* listener_ = nullptr;
 };
 
 // Holds a pin on one page, or none, and releases it when destroyed.

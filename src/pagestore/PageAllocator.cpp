@@ -103,6 +103,17 @@ void PageAllocator::Clear() {
     freeQueue_.clear();
 }
 
+std::uint64_t PageAllocator::FreePageCount() const {
+    return static_cast<std::uint64_t>(std::count(links_.begin(), links_.end(), kFreePage));
+}
+
+std::vector<bool> PageAllocator::PagesInUse() const {
+    std::vector<bool> inUse(links_.size());
+    std::transform(links_.begin(), links_.end(), inUse.begin(),
+                   [](std::uint64_t link) { return link != kFreePage; });
+    return inUse;
+}
+
 std::uint64_t PageAllocator::GetStateSize() const {
     return sizeof(std::uint64_t) * (links_.size() + 1);
 }

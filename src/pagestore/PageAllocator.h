@@ -34,6 +34,13 @@ public:
     // loaded; 10 when there was none.
     std::uint64_t HighestPage() const { return highestPage_; }
 
+    // The number of pages that the allocator knows, and of the free ones among them.
+    std::uint64_t PageCount() const { return links_.size(); }
+    std::uint64_t FreePageCount() const;
+
+    // By page index: whether the page is in use. Throws std::bad_alloc.
+    std::vector<bool> PagesInUse() const;
+
     // Bytes that SaveState writes.
     std::uint64_t GetStateSize() const;
 

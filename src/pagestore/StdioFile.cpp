@@ -5,6 +5,7 @@
 
 #include "pagestore/PageGeometry.h"
 #include "platform/Assert.h"
+#include "platform/PlainFile.h"
 #include "quorvel/Exceptions.h"
 
 namespace Quorvel {
@@ -20,7 +21,23 @@ namespace {
 int StdioFile::Open(const char* path, const char* mode) {
     Close();
     errno = 0;
-    file_ = std::fopen(path, mode);
+    return Adopt(std::fopen(path, mode));
+}
+
+int StdioFile::Create(const char* path) {
+    Close();
+    errno = 0;
+    return Adopt(Platform::CreateNewFile(path));
+}
+
+int StdioFile::OpenPlain(const char* path) {
+    Close();
+    errno = 0;
+    return Adopt(Platform::OpenPlainFile(path));
+}
+
+int StdioFile::Adopt(std::FILE* file) {
+    file_ = file;
     if (!file_) { return errno != 0 ? errno : EIO; }
     std::setvbuf(file_, nullptr, _IONBF, 0);
     return 0;

@@ -18,6 +18,10 @@ public:
     // (EIO when it gave none).
     int Open(const char* path, const char* mode);
 
+    // The same with Platform::CreateNewFile and Platform::OpenPlainFile.
+    int Create(const char* path);
+    int OpenPlain(const char* path);
+
     void Close();
 
     // The open file; null when there is none.
@@ -27,6 +31,8 @@ public:
     std::FILE* Detach();
 
 private:
+    int Adopt(std::FILE* file);
+
     std::FILE* file_ = nullptr;
 };
 

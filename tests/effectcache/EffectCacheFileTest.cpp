@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -260,54 +261,85 @@ TEST_F(EffectCacheFile, EffectThatTakesTheLastStreamIsSaved) {
     EXPECT_EQ(CacheClient(directory).Find("x"), bytes);
 }
 
-TEST_F(EffectCacheFile, SaveFailsWhenNoStreamIsLeft) {
-    WriteCacheWithStreams(path, 65535);
+// The package's streams are not effects of the cache, so none of them can be evicted.
+TEST_F(EffectCacheFile, SaveDropsTheNewestEffectsWhenNoStreamIsLeftForThem) {
+    WriteCacheWithStreams(path, 65533);
     EffectCacheImpl cache(ToCStr(directory.Path().string()));
     const Bytes bytes = EffectBytes("x", 100);
-    cache.CacheCompiledEffect("x", bytes.data(), bytes.size(), false);
-    ASSERT_TRUE(cache.IsEnabled());
-    EXPECT_FALSE(cache.SaveToFile());
-    EXPECT_FALSE(cache.IsEnabled());
+    for (const char* name : {"z", "x", "zz", "y"}) {
+        cache.CacheCompiledEffect(name, bytes.data(), bytes.size(), false);
+    }
     EXPECT_TRUE(cache.SaveToFile());
-    EXPECT_TRUE(IsFileMutexFree(directory));
+    EXPECT_TRUE(cache.IsEnabled());
+    EXPECT_EQ(cache.GetNumberOfEffectsInMemory(), 0u);
     CacheClient fresh(directory);
-    EXPECT_TRUE(fresh->IsEnabled());
-    EXPECT_EQ(fresh.Find("x"), std::nullopt);
+    EXPECT_EQ(fresh.InFile(), 2u);
+    EXPECT_EQ(fresh.Find("z"), bytes);
+    EXPECT_EQ(fresh.Find("x"), bytes);
 }
 
-// A package with room for one more stream. Two of its streams hold effects.
-TEST_F(EffectCacheFile, SaveOfMoreEffectsThanStreamsLeftLeavesTheFileUnchanged) {
-    {
-        CacheClient cache(directory);
-        cache.Add("a", EffectBytes("a", 9000));
-        cache.Add("b", EffectBytes("b", 9000));
-    }
-    {
+// A cache with room for one more stream. It holds a permanent effect and two others, of which "old"
+// was saved first.
+class FullCacheTest : public EffectCacheFile {
+protected:
+    void SetUp() override {
+        StoredEffect permanent{"p", EffectBytes("p", 100)};
+        permanent.permanent = 1;
+        StoredEffect old{"old", EffectBytes("old", 100)};
+        old.time = {2001, 1, 1, 0, 0, 0, 0};
+        StoredEffect later{"later", EffectBytes("later", 100)};
+        later.time = {2002, 1, 1, 0, 0, 0, 0};
+        WriteCache(path, {permanent, old, later});
         const Util::RefPtr<IDataStreamSet> package = OpenFilePackage(CacheConfig(path));
         while (package->GetNumberOfDataStreams() < 65534) {
             package->CreateDataStream(0);
         }
     }
-    const Bytes before = ReadWholeFile(path);
-    EffectCacheImpl cache(ToCStr(directory.Path().string()));
-    const auto add = [&](const char* name) {
-        const Bytes bytes = EffectBytes(name, 200000);
-        cache.CacheCompiledEffect(name, bytes.data(), bytes.size(), false);
-    };
-    for (const char* name : {"a", "b", "c", "d"}) {  // "a" and "b" need no new streams
-        add(name);
+
+    // Saves effects in this order.
+    void Save(const std::vector<const char*>& names) {
+        EffectCacheImpl cache(ToCStr(directory.Path().string()));
+        for (const char* name : names) {
+            const Bytes bytes = EffectBytes("new", 200);
+            cache.CacheCompiledEffect(name, bytes.data(), bytes.size(), false);
+        }
+        EXPECT_TRUE(cache.SaveToFile());
+        EXPECT_TRUE(cache.IsEnabled());
     }
-    EXPECT_FALSE(cache.SaveToFile());
-    EXPECT_FALSE(cache.IsEnabled());
-    EXPECT_EQ(cache.GetNumberOfEffectsInMemory(), 4u);
-    EXPECT_EQ(cache.GetNumberOfEffectsInFile(), 2u);
-    EXPECT_TRUE(ReadWholeFile(path) == before);
-    CacheClient fresh(directory);
-    EXPECT_EQ(fresh.Find("a"), EffectBytes("a", 9000));
-    fresh.Add("a", EffectBytes("new", 9000));
-    fresh.Add("c", EffectBytes("c", 9000));
-    fresh->ForceSaveToFile();
-    EXPECT_EQ(CacheClient(directory).Find("c"), EffectBytes("c", 9000));
+
+    std::vector<std::string> Names() {
+        std::vector<std::string> names;
+        CacheClient cache(directory);
+        for (const char* name : {"p", "old", "later", "a", "b", "c", "d"}) {
+            if (cache.Find(name)) { names.push_back(name); }
+        }
+        return names;
+    }
+};
+
+TEST_F(FullCacheTest, TakesTheLastStreamWithoutAnEviction) {
+    Save({"a"});
+    EXPECT_THAT(Names(), ::testing::ElementsAre("p", "old", "later", "a"));
+}
+
+TEST_F(FullCacheTest, EvictsTheOldestEffectsForNewOnes) {
+    Save({"a", "b"});
+    EXPECT_THAT(Names(), ::testing::ElementsAre("p", "later", "a", "b"));
+}
+
+TEST_F(FullCacheTest, NeedsNoStreamForEffectsThatAreReplaced) {
+    Save({"later", "p", "old", "a"});
+    EXPECT_THAT(Names(), ::testing::ElementsAre("p", "old", "later", "a"));
+}
+
+TEST_F(FullCacheTest, DoesNotEvictWhatIsReplaced) {
+    Save({"old", "a", "b"});
+    EXPECT_THAT(Names(), ::testing::ElementsAre("p", "old", "a", "b"));
+}
+
+TEST_F(FullCacheTest, DropsTheNewestEffectsWhenOnlyPermanentOnesAreLeft) {
+    Save({"d", "b", "c", "a"});
+    EXPECT_THAT(Names(), ::testing::ElementsAre("p", "b", "c", "d"));
 }
 
 TEST_F(EffectCacheFile, SaveThatWritesNothingLeavesTheFileUnchanged) {

@@ -383,18 +383,56 @@ TEST_F(EffectCacheProcesses, KilledHolderOfTheFileMutexMakesTheNextOneReadTheFil
     EXPECT_EQ(b->Find("y"), Expected("new-y", 9000));
 }
 
-TEST_F(EffectCacheProcesses, FileThatAKilledProcessLeftUnfinishedIsReplacedByAnEmptyCache) {
+// Leaves the cache's file and the journal as a process does that is killed after it has overwritten
+// pages of the file.
+void LeaveUnfinished(const std::string& path) {
+    const Util::RefPtr<PagedFilePackage> package(new PagedFilePackage({path.c_str(), 64, 65535}));
+    ASSERT_TRUE(package->Load());
+    package->BeginSave();
+    ASSERT_TRUE(package->DeleteDataStream(1));
+    const std::uint64_t id = package->CreateDataStream(100 * 8192);
+    const Bytes bytes(100 * 8192);  // more than the page cache holds
+    ASSERT_EQ(package->OpenDataStream(id)->Write(bytes.data(), bytes.size()), bytes.size());
+    ASSERT_EQ(package->State(), FileState::Overwriting);
+    const Bytes file = ReadWholeFile(path);
+    const Bytes journal = ReadWholeFile(path + "-journal");
+    package->Rollback();
+    WriteWholeFile(path, file);
+    WriteWholeFile(path + "-journal", journal);
+}
+
+TEST_F(EffectCacheProcesses, FileThatAKilledProcessLeftUnfinishedIsRestored) {
     WriteCache(path, {{"x", EffectBytes("old-x", 9000)}});
-    {
-        const PagedFilePackageConfig config = {path.c_str(), 64, 65535};
-        const Util::RefPtr<PagedFilePackage> package(new PagedFilePackage(config));
-        ASSERT_TRUE(package->Load());
-        package->BeginSave();
-        const std::uint64_t id = package->CreateDataStream(100 * 8192);
-        const Bytes bytes(100 * 8192);  // more than the page cache holds
-        ASSERT_EQ(package->OpenDataStream(id)->Write(bytes.data(), bytes.size()), bytes.size());
-        package->Discard();
-    }
+    LeaveUnfinished(path);
+    const auto a = Start();
+    EXPECT_EQ(a->Find("x"), Expected("old-x", 9000));
+    EXPECT_FALSE(std::filesystem::exists(path + "-journal"));
+    a->Add("y", "by-a", 9000);
+    EXPECT_TRUE(a->Save());
+    const auto b = Start();
+    EXPECT_EQ(b->Find("x"), Expected("old-x", 9000));
+    EXPECT_EQ(b->Find("y"), Expected("by-a", 9000));
+}
+
+// The same for a process that has the cache open and inherits the file mutex of the killed one.
+TEST_F(EffectCacheProcesses, HeirOfTheFileMutexRestoresTheFileAndGoesOn) {
+    WriteCache(path, {{"x", EffectBytes("old-x", 9000)}});
+    const auto a = Start();
+    EXPECT_EQ(a->Find("x"), Expected("old-x", 9000));
+    ChildProcess holder("MutexHolder", {SharedObjectName(directory) + "_mutex"});
+    ASSERT_EQ(holder.Receive(), "0");
+    LeaveUnfinished(path);
+    holder.Kill();
+    EXPECT_EQ(a->Find("x"), Expected("old-x", 9000));
+    EXPECT_FALSE(std::filesystem::exists(path + "-journal"));
+    a->Add("y", "by-a", 9000);
+    EXPECT_TRUE(a->Save());
+}
+
+TEST_F(EffectCacheProcesses, FileThatAKilledProcessLeftUnfinishedIsReplacedWithoutItsJournal) {
+    WriteCache(path, {{"x", EffectBytes("old-x", 9000)}});
+    LeaveUnfinished(path);
+    std::filesystem::remove(path + "-journal");
     const auto a = Start();
     EXPECT_EQ(a->Find("x"), "absent");
     a->Add("y", "by-a", 9000);
@@ -402,18 +440,12 @@ TEST_F(EffectCacheProcesses, FileThatAKilledProcessLeftUnfinishedIsReplacedByAnE
     EXPECT_EQ(Start()->Find("y"), Expected("by-a", 9000));
 }
 
-// The process is killed during a save, before it overwrites the first page.
-TEST_F(EffectCacheProcesses, FileThatAKilledProcessWasAboutToChangeIsIntact) {
+TEST_F(EffectCacheProcesses, JournalOfAnotherSaveIsRemoved) {
     WriteCache(path, {{"x", EffectBytes("old-x", 9000)}});
-    {
-        const Util::RefPtr<PagedFilePackage> package(
-            new PagedFilePackage({path.c_str(), 64, 65535}));
-        ASSERT_TRUE(package->Load());
-        package->BeginSave();
-        package->CreateDataStream(100 * 8192);
-        package->Discard();
-    }
-    EXPECT_EQ(Start()->Find("x"), Expected("old-x", 9000));
+    LeaveUnfinished(path);
+    WriteCache(path, {{"x", EffectBytes("new-x", 9000)}});
+    EXPECT_EQ(Start()->Find("x"), Expected("new-x", 9000));
+    EXPECT_FALSE(std::filesystem::exists(path + "-journal"));
 }
 
 // The save and the death after it cause a single reload.

@@ -25,6 +25,9 @@ constexpr std::uint64_t kCap = 268435456;
 constexpr std::size_t kSize = 100;
 constexpr std::uint64_t kStreamSize = kSize + 8;
 
+// What a save of a small cache leaves for its journal: the head page, and twelve more.
+constexpr std::uint64_t kJournalShare = 13 * (8192 + 265);
+
 Time Year(std::uint16_t year) {
     return {year, 6, 15, 12, 30, 30, 500};
 }
@@ -203,7 +206,8 @@ TEST_F(EffectCacheTrim, ManyEffectsAreEvictedOldestFirst) {
 
 // ---- Before pending effects are moved into the file ---------------------------------------------
 
-// Saves "new" in a cache of the given effects. The free space is limited once the file is open.
+// Saves "new" in a cache of the given effects. The free space is limited once the file is open: to
+// freeSpace bytes besides the journal's.
 class EffectCacheTrimOnSave : public EffectCacheTrim {
 public:
     void SaveNew(const std::vector<StoredEffect>& effects, std::uint64_t freeSpace) {
@@ -212,7 +216,7 @@ public:
         EffectCacheImpl cache(ToCStr(directory.Path().string()));
         const Bytes bytes = EffectBytes("new", kSize);
         cache.CacheCompiledEffect("new", bytes.data(), bytes.size(), false);
-        FreeSpaceStub space(freeSpace);
+        FreeSpaceStub space(freeSpace + kJournalShare);
         EXPECT_TRUE(cache.SaveToFile());
         EXPECT_EQ(cache.GetNumberOfEffectsInMemory(), 0u);
         EXPECT_TRUE(cache.IsEnabled());
@@ -294,7 +298,7 @@ TEST_F(EffectCacheTrimOnSave, EvictingTheLastEffectLeavesACacheThatOpens) {
     Write({Effect("a", Year(2001))});
     CacheClient cache(directory);
     cache.Add("new", EffectBytes("new", kSize));
-    space.Set(pending);
+    space.Set(kJournalShare + pending);
     cache->ForceSaveToFile();
     EXPECT_EQ(cache.InFile(), 0u);
     const StoredCache stored(directory);
@@ -351,12 +355,12 @@ TEST_F(EffectCacheTrimOnSave, NameCachedTwiceNeedsRoomForBoth) {
     const std::uint64_t emptyTotal = 1;
     cache.Add("new", EffectBytes("one", kSize));
     cache.Add("new", EffectBytes("two", kSize));
-    space.Set(2 * pending + emptyTotal);
+    space.Set(kJournalShare + 2 * pending + emptyTotal);
     cache->ForceSaveToFile();
     EXPECT_EQ(cache.InFile(), 0u);
     cache.Add("new", EffectBytes("one", kSize));
     cache.Add("new", EffectBytes("two", kSize));
-    space.Set(2 * pending + emptyTotal + 1);
+    space.Set(kJournalShare + 2 * pending + emptyTotal + 1);
     cache->ForceSaveToFile();
     EXPECT_EQ(cache.InFile(), 1u);
     EXPECT_EQ(cache.Find("new"), EffectBytes("two", kSize));
@@ -368,7 +372,7 @@ TEST_F(EffectCacheTrimOnSave, FoundEffectIsEvictedLast) {
     CacheClient cache(directory);
     ASSERT_TRUE(cache.Find("b"));
     cache.Add("new", EffectBytes("new", kSize));
-    space.Set(threeTotal + pending - kStreamSize);
+    space.Set(kJournalShare + threeTotal + pending - kStreamSize);
     cache->ForceSaveToFile();
     EXPECT_EQ(StoredCache(directory).Names(), (Names{"b", "new"}));
 }

@@ -396,7 +396,7 @@ TEST(PendingEffect, HoldsCopiesOfNameAndBytes) {
     EffectTable<PendingEffect> table;
     const std::uint32_t hash = KeyOf(name).Hash();
     const PendingEffect* const effect =
-        table.Put(KeyOf(name), hash, std::span<const unsigned char>(bytes), true);
+        table.Put(KeyOf(name), hash, std::span<const unsigned char>(bytes), true, 7U);
     name[0] = 'x';
     bytes[0] = 9;
     EXPECT_TRUE(effect->Key() == KeyOf("name"));
@@ -404,6 +404,7 @@ TEST(PendingEffect, HoldsCopiesOfNameAndBytes) {
               (std::vector<unsigned char>{1, 2, 3}));
     EXPECT_EQ(effect->hash, hash);
     EXPECT_EQ(effect->permanent, 1u);
+    EXPECT_EQ(effect->order, 7U);
     EXPECT_EQ(effect->Bytes().size(), sizeof(PendingEffect) + 4 + 3);
 }
 

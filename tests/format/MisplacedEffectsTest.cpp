@@ -139,7 +139,8 @@ TEST_F(MisplacedEffects, WithATailBlockFarPastTheEndDoNotMakeTheFileGrow) {
     WriteFile([](PackageImage& image) { image.blocks[0].pages[1] = 4000; });
     const std::size_t size = ReadWholeFile(CacheFile(directory_)).size();
     ExpectNoWrongBytes();
-    EXPECT_LE(ReadWholeFile(CacheFile(directory_)).size(), size + 20 * kPageSize);
+    // A save may reserve some pages.
+    EXPECT_LE(ReadWholeFile(CacheFile(directory_)).size(), size + 100 * kPageSize);
 }
 
 // A page that was cut off is refused at first, and must not be read as zeros once the file grows.

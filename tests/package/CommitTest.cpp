@@ -243,19 +243,6 @@ TEST_F(OnePageCommitTest, FailsWhileAStreamHasTheOnlyPagePinned) {
     CommitAndExpectFile();
 }
 
-TEST_F(OnePageCommitTest, OfASaveCannotBeginWhileAStreamHasTheOnlyPagePinned) {
-    const std::uint64_t id = Add(20000);
-    CommitAndExpectFile();
-    auto stream = package_->OpenDataStream(id);
-    std::uint8_t byte = 0;
-    ASSERT_EQ(stream->Read(&byte, 1), 1U);
-    EXPECT_THROW(package_->BeginSave(), FileDataCorruptException);
-    EXPECT_EQ(package_->State(), FileState::Clean);
-    stream.Reset();
-    package_->BeginSave();
-    CommitAndExpectFile();
-}
-
 // ---- Failures -----------------------------------------------------------------------------------
 
 // A package with an open stream, and changes that make the head file grow past the end of the file.
@@ -427,7 +414,6 @@ TEST_F(SmallCommitTest, MarkThatCannotBePreparedChangesNothing) {
         const StdioFault fault(call, EIO);
         EXPECT_EQ(FileErrorOf([&] { package_->BeginSave(); }), EIO);
         EXPECT_FALSE(package_->HasChanges());
-        EXPECT_FALSE(package_->MayHaveChangedFile());
     }
     EXPECT_TRUE(File() == old);
 }
@@ -457,87 +443,6 @@ TEST_F(CommitTest, LeavesHeadFilePagesAloneThatTheStateDoesNotReach) {
     CommitAndExpectFile();
     Add(50000);
     CommitAndExpectFile();
-}
-
-// ---- Saves --------------------------------------------------------------------------------------
-
-TEST_F(CommitTest, OfASaveLeavesTheFileUnchangedUntilAPageLeavesTheCache) {
-    Add(10000);
-    EXPECT_EQ(package_->State(), FileState::Changed);
-    EXPECT_TRUE(package_->MayHaveChangedFile());
-    ASSERT_TRUE(package_->Commit());
-    const Bytes old = File();
-    package_->BeginSave();
-    EXPECT_EQ(package_->State(), FileState::Saving);
-    EXPECT_TRUE(package_->HasChanges());
-    EXPECT_FALSE(package_->MayHaveChangedFile());
-    EXPECT_TRUE(File() == old);
-    CommitAndExpectFile();
-    EXPECT_EQ(package_->State(), FileState::Clean);
-    EXPECT_FALSE(package_->MayHaveChangedFile());
-}
-
-TEST_F(CommitTest, OfASaveThatHasWrittenAPageIsWhatMakesTheFileReadableAgain) {
-    const std::uint64_t old = Add(10000);
-    ASSERT_TRUE(package_->Commit());
-    package_->BeginSave();
-    Delete(old);
-    Add(100 * 8192);  // more than the cache holds
-    EXPECT_EQ(package_->State(), FileState::Overwriting);
-    EXPECT_TRUE(package_->MayHaveChangedFile());
-    EXPECT_EQ(WordsOfPage(File(), 10, 1), Words{0});
-    EXPECT_FALSE(NewPackage()->Load());
-    CommitAndExpectFile();
-}
-
-TEST_F(CommitTest, OfASaveDiscardedBeforeAnyPageIsWrittenDoesNotHappen) {
-    Add(10000);
-    ASSERT_TRUE(package_->Commit());
-    const Bytes old = File();
-    package_->BeginSave();
-    package_->DeleteDataStream(0);
-    package_->Discard();
-    EXPECT_EQ(package_->State(), FileState::Discarded);
-    package_.Reset();
-    EXPECT_TRUE(File() == old);
-}
-
-TEST_F(CommitTest, AfterASaveIsAnOrdinaryOne) {
-    package_->BeginSave();
-    ASSERT_TRUE(package_->Commit());
-    Add(10000);
-    EXPECT_TRUE(NewPackage()->Load());
-    CommitAndExpectFile();
-}
-
-// A process that dies leaves the file as its last write left it. The file can be opened only before
-// the first write of the commit and after the last.
-TEST_F(CommitTest, OfASaveMakesTheFileReadableOnlyByItsLastWrite) {
-    std::uint64_t writesDone = 0;
-    for (bool isCommitted = false; !isCommitted; ++writesDone) {
-        StartOver();
-        for (int stream = 0; stream < 30; ++stream) {
-            Add(7500);
-        }
-        ASSERT_TRUE(package_->Commit());
-        const Bytes old = File();
-        package_->BeginSave();
-        Delete(0);
-        Add(7500);
-        {
-            const StdioFault fault(StdioCall::Write, EIO, writesDone);
-            try {
-                isCommitted = package_->Commit();
-            } catch (const FileIOException&) {}
-        }
-        EXPECT_EQ(NewPackage()->Load(), isCommitted || writesDone == 0)
-            << "after " << writesDone << " writes";
-        EXPECT_EQ(File() == old, writesDone == 0);
-        EXPECT_EQ(package_->MayHaveChangedFile(), !isCommitted && writesDone != 0);
-        package_->Discard();
-    }
-    EXPECT_GT(writesDone, 10U);
-    Format::ExpectFile(path_, streams_, headerData_);
 }
 
 }  // namespace Quorvel::Testing

@@ -21,6 +21,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::Pair;
 
 constexpr std::uint64_t kFirstInvalidPage = 0x100000;
 
@@ -782,59 +783,100 @@ TEST_F(FilePageCacheTest, WritePageThrowsIfThePageCannotBeWritten) {
     EXPECT_THROW(cache.WritePage(10), FileIOException);
 }
 
-// Records the number of writes so far at each call. Throws when told to.
-class WriteWatch : public PageWriteListener {
+// Records the pages that are written, with the number of writes before each, and the pages that
+// change, with their first byte. Throws when told to.
+class PageWatch : public PageListener {
 public:
-    void BeforePageWrite() override {
-        calls.push_back(CountStdioCalls().writes);
+    void BeforePageChange(std::uint64_t page, const std::uint8_t* bytes) override {
+        changes.emplace_back(page, bytes[0]);
         if (throws) { throw FileIOException(EIO); }
     }
 
-    std::vector<std::uint64_t> calls;
+    void BeforePageWrite(std::uint64_t page) override {
+        writes.emplace_back(page, CountStdioCalls().writes);
+        if (throws) { throw FileIOException(EIO); }
+    }
+
+    std::vector<std::pair<std::uint64_t, std::uint8_t>> changes;
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> writes;
     bool throws = false;
 };
 
 TEST_F(FilePageCacheTest, TellsTheListenerBeforeEachPageThatLeaves) {
     MakeZeroFile(4);
-    WriteWatch watch;
+    PageWatch watch;
     FilePageCache cache(path_.c_str(), 2);
-    cache.SetWriteListener(&watch);
+    cache.SetListener(&watch);
     Fill(cache, 10);
     Fill(cache, 11);
-    EXPECT_THAT(watch.calls, IsEmpty());
+    EXPECT_THAT(watch.writes, IsEmpty());
     const std::uint64_t before = CountStdioCalls().writes;
     Touch(cache, 12);
-    EXPECT_THAT(watch.calls, ElementsAre(before));
+    EXPECT_THAT(watch.writes, ElementsAre(Pair(10, before)));
     cache.Close();
-    EXPECT_THAT(watch.calls, ElementsAre(before, before + 1, before + 2));
+    EXPECT_THAT(watch.writes,
+                ElementsAre(Pair(10, before), Pair(11, before + 1), Pair(12, before + 2)));
 }
 
 TEST_F(FilePageCacheTest, DoesNotTellTheListenerOfOtherWrites) {
-    WriteWatch watch;
+    PageWatch watch;
     FilePageCache cache(path_.c_str(), 2);
-    cache.SetWriteListener(&watch);
+    cache.SetListener(&watch);
     Fill(cache, 10);
     cache.WritePage(10);
     cache.EnsurePageInFile(15);
     cache.DiscardAll();
-    cache.SetWriteListener(nullptr);
+    cache.SetListener(nullptr);
     Fill(cache, 10);
     cache.Close();
-    EXPECT_THAT(watch.calls, IsEmpty());
+    EXPECT_THAT(watch.writes, IsEmpty());
+}
+
+TEST_F(FilePageCacheTest, ShowsTheListenerEachPageThatIsGivenOutForWriting) {
+    MakeZeroFile(2);
+    PageWatch watch;
+    FilePageCache cache(path_.c_str(), 2);
+    cache.SetListener(&watch);
+    cache.GetPageForRead(10);
+    EXPECT_THAT(watch.changes, IsEmpty());
+    cache.GetPageForWrite(10)[0] = 7;
+    cache.GetPageForWrite(11)[0] = 8;
+    cache.GetPageForWrite(10);
+    EXPECT_THAT(watch.changes, ElementsAre(Pair(10, 0), Pair(11, 0), Pair(10, 7)));
+}
+
+TEST_F(FilePageCacheTest, DoesNotGiveOutAPageThatTheListenerRefuses) {
+    MakeZeroFile(2);
+    PageWatch watch;
+    FilePageCache cache(path_.c_str(), 1);
+    Touch(cache, 10);
+    cache.SetListener(&watch);
+    watch.throws = true;
+    EXPECT_EQ(FileErrorOf([&] { cache.GetPageForWrite(10); }), EIO);
+    EXPECT_TRUE(cache.IsResident(10));
+    watch.throws = false;
+    Touch(cache, 11);  // page 10 was not pinned
+    watch.throws = true;
+    Touch(cache, 11);
+    cache.DiscardAll();
+    EXPECT_EQ(FileErrorOf([&] { cache.GetPageForWrite(10); }), EIO);
+    EXPECT_FALSE(cache.IsResident(10));
+    cache.SetListener(nullptr);
+    EXPECT_NE(cache.GetPageForWrite(11), nullptr);
 }
 
 TEST_F(FilePageCacheTest, KeepsAPageThatTheListenerDoesNotWantWritten) {
     MakeZeroFile(4);
-    WriteWatch watch;
-    watch.throws = true;
+    PageWatch watch;
     FilePageCache cache(path_.c_str(), 2);
-    cache.SetWriteListener(&watch);
+    cache.SetListener(&watch);
     Fill(cache, 10);
     Fill(cache, 11);
+    watch.throws = true;
     EXPECT_EQ(FileErrorOf([&] { cache.GetPageForRead(12); }), EIO);
     EXPECT_EQ(FilledPagesOfFile(), Numbers());
     EXPECT_TRUE(cache.IsResident(10));
-    cache.SetWriteListener(nullptr);
+    cache.SetListener(nullptr);
     cache.Close();
     EXPECT_EQ(FilledPagesOfFile(), (Numbers{10, 11}));
 }

@@ -14,11 +14,20 @@
 // The linker redirects fopen to __wrap_fopen, and __real_fopen to the runtime library.
 extern "C" {
 std::FILE* __real_fopen(const char* path, const char* mode);
+#ifdef _WIN32
+#define WRAP_FDOPEN __wrap__fdopen
+#define REAL_FDOPEN __real__fdopen
+#else
+#define WRAP_FDOPEN __wrap_fdopen
+#define REAL_FDOPEN __real_fdopen
+#endif
+std::FILE* REAL_FDOPEN(int descriptor, const char* mode);
 int __real_fclose(std::FILE* file);
 int __real_fseek(std::FILE* file, long offset, int origin);
 long __real_ftell(std::FILE* file);
 std::size_t __real_fread(void* buffer, std::size_t size, std::size_t count, std::FILE* file);
 std::size_t __real_fwrite(const void* buffer, std::size_t size, std::size_t count, std::FILE* file);
+int __real_remove(const char* path);
 }
 
 namespace Quorvel::Testing {
@@ -27,7 +36,7 @@ namespace {
 
 using Counter = std::atomic<std::uint64_t>;
 
-constexpr std::size_t kCallKinds = 6;
+constexpr std::size_t kCallKinds = 7;
 
 // Zero-initialised, so usable before any constructor of the program calls a stdio function.
 std::array<Counter, kCallKinds> callCounts;
@@ -151,6 +160,24 @@ std::FILE* __wrap_fopen(const char* path, const char* mode) {
     std::FILE* const file = __real_fopen(path, mode);
     openFiles += file ? 1 : 0;
     return file;
+}
+
+std::FILE* WRAP_FDOPEN(int descriptor, const char* mode) {
+    if (CountAndFail(StdioCall::Open)) {
+        errno = fault.error;
+        return nullptr;
+    }
+    std::FILE* const file = REAL_FDOPEN(descriptor, mode);
+    openFiles += file ? 1 : 0;
+    return file;
+}
+
+int __wrap_remove(const char* path) {
+    if (CountAndFail(StdioCall::Remove)) {
+        errno = fault.error;
+        return -1;
+    }
+    return __real_remove(path);
 }
 
 int __wrap_fclose(std::FILE* file) {

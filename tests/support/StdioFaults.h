@@ -6,7 +6,8 @@
 namespace Quorvel::Testing {
 
 // The stdio functions that the page store calls.
-enum class StdioCall { Open, Close, Seek, Tell, Read, Write };
+// Open stands for fopen and fdopen.
+enum class StdioCall { Open, Close, Seek, Tell, Read, Write, Remove };
 
 // While it lives, makes the program's calls of one standard I/O function fail, those of the test
 // included. Works only in programs that are linked with --wrap, one at a time. Calls on the three

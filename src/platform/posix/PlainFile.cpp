@@ -1,0 +1,46 @@
+#include "platform/PlainFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cerrno>
+
+namespace Quorvel::Platform {
+
+namespace {
+
+std::FILE* Wrap(int descriptor, const char* mode) {
+    std::FILE* const file = ::fdopen(descriptor, mode);
+    if (!file) {
+        const int error = errno;
+        ::close(descriptor);
+        errno = error;
+    }
+    return file;
+}
+
+}  // namespace
+
+std::FILE* CreateNewFile(const char* path) noexcept {
+    constexpr mode_t kReadWrite = S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;
+    const int descriptor = ::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kReadWrite);
+    if (descriptor < 0) { return nullptr; }
+    std::FILE* const file = Wrap(descriptor, "wb");
+    if (!file) { ::unlink(path); }
+    return file;
+}
+
+std::FILE* OpenPlainFile(const char* path) noexcept {
+    // Without O_NONBLOCK, opening a FIFO would wait for a writer.
+    const int descriptor = ::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (descriptor < 0) { return nullptr; }
+    struct stat status;
+    if (::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
+        ::close(descriptor);
+        errno = ELOOP;
+        return nullptr;
+    }
+    return Wrap(descriptor, "rb");
+}
+
+}  // namespace Quorvel::Platform

@@ -1,0 +1,273 @@
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "package/PackageTest.h"
+#include "pagestore/RollbackJournal.h"
+#include "support/StdioFaults.h"
+
+namespace Quorvel::Testing {
+
+namespace {
+
+using Format::Bytes;
+using Streams = std::map<std::uint64_t, Bytes>;
+
+// A package that is saved while calls fail, and what a process that is killed would leave behind.
+class SaveTest : public PackageTest {
+protected:
+    std::string JournalPath() const { return path_ + "-journal"; }
+
+    bool HasJournal() const { return std::filesystem::exists(JournalPath()); }
+
+    void MakeOldState() {
+        StartOver();
+        for (int stream = 0; stream < 30; ++stream) {
+            Add(7500);
+        }
+        ASSERT_TRUE(package_->Commit());
+        old_ = streams_;
+        // Both states give the same ids to their streams, which have other contents.
+        for (const std::uint64_t id : {0, 1, 2, 3, 4, 5, 6, 7}) {
+            streams_.erase(id);
+        }
+        for (std::size_t id = 0; id < 8; ++id) {
+            streams_[id] = Format::Pattern(id * 8192 + 100, 1000 + id);
+        }
+        new_ = streams_;
+    }
+
+    // Saves the new state in place of the old one. False if a call fails.
+    bool TrySave() {
+        try {
+            package_->BeginSave();
+            for (std::uint64_t id = 0; id < 8; ++id) {
+                package_->DeleteDataStream(id);
+            }
+            for (std::uint64_t id = 0; id < 8; ++id) {
+                EXPECT_EQ(Format::AddStream(*package_, new_[id]), id);
+            }
+            return package_->Commit();
+        } catch (const std::exception&) { return false; }
+    }
+
+    // Copies the files as they are now, which is what a killed process would leave.
+    void TakeCrashImage() {
+        const auto options = std::filesystem::copy_options::overwrite_existing;
+        std::filesystem::copy_file(path_, crashPath_, options);
+        std::filesystem::remove(crashPath_ + "-journal");
+        if (HasJournal()) { std::filesystem::copy_file(JournalPath(), crashPath_ + "-journal"); }
+    }
+
+    // What the files hold, after a recovery: 'o' for the old state, 'n' for the new one.
+    char StateOf(const std::string& path) const {
+        const Util::RefPtr<PagedFilePackage> package(new PagedFilePackage(
+            {path.c_str(), settings_.pageCacheCapacity, settings_.streamLimit}));
+        if (!package->Load()) { return '?'; }
+        if (!package->IsSound()) { return '!'; }
+        for (const auto& [streams, name] : {std::pair(&old_, 'o'), std::pair(&new_, 'n')}) {
+            bool isSame = package->GetNumberOfDataStreams() == streams->size();
+            for (const auto& [id, bytes] : *streams) {
+                isSame = isSame && Format::ReadStream(*package, id) == bytes;
+            }
+            if (isSame) { return name; }
+        }
+        return 'x';
+    }
+
+    char RecoveredCrashImage() const {
+        RollbackJournal::Recover(crashPath_.c_str());
+        EXPECT_FALSE(std::filesystem::exists(crashPath_ + "-journal"));
+        return StateOf(crashPath_);
+    }
+
+    const std::string crashPath_ = path_ + ".crash";
+    Streams old_;
+    Streams new_;
+};
+
+TEST_F(SaveTest, LeavesTheFileUnchangedUntilAPageLeavesTheCache) {
+    Add(10000);
+    EXPECT_EQ(package_->State(), FileState::Changed);
+    ASSERT_TRUE(package_->Commit());
+    const Bytes old = File();
+    package_->BeginSave();
+    EXPECT_EQ(package_->State(), FileState::Saving);
+    EXPECT_TRUE(package_->HasChanges());
+    EXPECT_TRUE(File() == old);
+    CommitAndExpectFile();
+    EXPECT_EQ(package_->State(), FileState::Clean);
+}
+
+TEST_F(SaveTest, ThatHasWrittenAPageIsWhatMakesTheFileReadableAgain) {
+    const std::uint64_t old = Add(10000);
+    ASSERT_TRUE(package_->Commit());
+    package_->BeginSave();
+    Delete(old);
+    Add(100 * 8192);  // more than the cache holds
+    EXPECT_EQ(package_->State(), FileState::Overwriting);
+    EXPECT_EQ(Format::LoadInteger(File(), 0, 8), 0U);
+    EXPECT_TRUE(HasJournal());
+    EXPECT_FALSE(NewPackage()->Load());
+    CommitAndExpectFile();
+}
+
+TEST_F(SaveTest, RolledBackBeforeAnyPageIsWrittenDoesNotHappen) {
+    Add(10000);
+    ASSERT_TRUE(package_->Commit());
+    const Bytes old = File();
+    package_->BeginSave();
+    package_->DeleteDataStream(0);
+    package_->Rollback();
+    EXPECT_EQ(package_->State(), FileState::Closed);
+    EXPECT_TRUE(File() == old);
+    EXPECT_FALSE(HasJournal());
+    ASSERT_TRUE(package_->Load());
+    ExpectPackage();
+}
+
+TEST_F(SaveTest, IsOverAfterACommit) {
+    package_->BeginSave();
+    ASSERT_TRUE(package_->Commit());
+    Add(10000);
+    EXPECT_TRUE(NewPackage()->Load());
+    CommitAndExpectFile();
+}
+
+TEST_F(SaveTest, LeavesPagesAloneThatAreFree) {
+    Add(10000);
+    ASSERT_TRUE(package_->Commit());
+    package_->BeginSave();
+    package_->ReservePages(300);
+    Add(200 * 8192);  // more than the cache holds
+    EXPECT_EQ(package_->JournalPages(), 1U);  // the head page
+    CommitAndExpectFile();
+}
+
+// A process that dies leaves the files as its last write left them. A write that it was busy with
+// may have moved a half of a page.
+TEST_F(SaveTest, ThatDiesAfterAnyWriteIsUndoneOrComplete) {
+    for (const std::uint64_t bytesMoved : {0, 4096}) {
+        std::uint64_t writesDone = 0;
+        for (bool isCommitted = false; !isCommitted; ++writesDone) {
+            MakeOldState();
+            {
+                const StdioFault fault(StdioCall::Write, EIO, writesDone,
+                                       StdioFault::kEveryLaterCall, bytesMoved);
+                isCommitted = TrySave();
+            }
+            TakeCrashImage();
+            // The last write may have completed the save although it moved only a half of its page.
+            const char state = RecoveredCrashImage();
+            EXPECT_TRUE(state == (isCommitted ? 'n' : 'o') || (bytesMoved != 0 && state == 'n'))
+                << state << " after " << writesDone << " writes and " << bytesMoved << " bytes";
+        }
+        EXPECT_GT(writesDone, 40U);
+    }
+}
+
+// The same for a process that lives on and undoes the save.
+TEST_F(SaveTest, ThatFailsAtAnyCallIsRolledBack) {
+    for (const StdioCall call : {StdioCall::Open, StdioCall::Close, StdioCall::Seek,
+                                 StdioCall::Tell, StdioCall::Read, StdioCall::Write}) {
+        for (const std::uint64_t bytesMoved : {0, 8, 4096}) {
+            std::uint64_t callsDone = 0;
+            for (bool hasFailed = true; hasFailed; ++callsDone) {
+                MakeOldState();
+                bool isCommitted = false;
+                {
+                    const StdioFault fault(call, ENOSPC, callsDone, StdioFault::kEveryLaterCall,
+                                           bytesMoved);
+                    isCommitted = TrySave();
+                    hasFailed = fault.Failures() > 0;
+                }
+                if (!isCommitted) { package_->Rollback(); }
+                EXPECT_FALSE(HasJournal());
+                EXPECT_EQ(StateOf(path_), isCommitted ? 'n' : 'o')
+                    << "call " << static_cast<int>(call) << " after " << callsDone;
+            }
+            if (call != StdioCall::Read && call != StdioCall::Write) { break; }
+        }
+    }
+}
+
+TEST_F(SaveTest, ThatCannotBeRolledBackIsUndoneByALaterRecovery) {
+    std::uint64_t writesDone = 0;
+    for (bool isUndone = false; !isUndone; ++writesDone) {
+        MakeOldState();
+        {
+            const StdioFault fault(StdioCall::Write, EIO, 30);
+            ASSERT_FALSE(TrySave());
+        }
+        {
+            const StdioFault fault(StdioCall::Write, EIO, writesDone, StdioFault::kEveryLaterCall,
+                                   4096);
+            try {
+                package_->Rollback();
+                isUndone = true;
+            } catch (const FileIOException& exception) { EXPECT_EQ(exception.errorCode, static_cast<std::uint32_t>(EIO)); }
+        }
+        EXPECT_EQ(HasJournal(), !isUndone);
+        RollbackJournal::Recover(path_.c_str());
+        EXPECT_EQ(StateOf(path_), 'o') << "after " << writesDone << " writes";
+    }
+    EXPECT_GT(writesDone, 10U);
+}
+
+TEST_F(SaveTest, IsUndoneByARecoveryThatDiedAtAnyWrite) {
+    std::uint64_t writesDone = 0;
+    for (bool isUndone = false; !isUndone; ++writesDone) {
+        MakeOldState();
+        {
+            const StdioFault fault(StdioCall::Write, EIO, 30);
+            ASSERT_FALSE(TrySave());
+        }
+        TakeCrashImage();
+        package_->Rollback();
+        {
+            const StdioFault fault(StdioCall::Write, EIO, writesDone, StdioFault::kEveryLaterCall,
+                                   4096);
+            try {
+                RollbackJournal::Recover(crashPath_.c_str());
+                isUndone = true;
+            } catch (const FileIOException&) {}
+        }
+        EXPECT_EQ(RecoveredCrashImage(), 'o') << "after " << writesDone << " writes";
+    }
+    EXPECT_GT(writesDone, 10U);
+}
+
+// The journal's file can't be made, because a folder has its name.
+TEST_F(SaveTest, WithoutAJournalChangesNothing) {
+    MakeOldState();
+    std::filesystem::create_directories(JournalPath() + "/folder");
+    const Bytes old = File();
+    EXPECT_FALSE(TrySave());
+    EXPECT_EQ(package_->State(), FileState::Saving);
+    package_->Rollback();
+    EXPECT_EQ(StateOf(path_), 'o');
+    EXPECT_TRUE(std::filesystem::is_directory(JournalPath()));
+}
+
+TEST_F(SaveTest, ReplacesWhateverHasTheNameOfTheJournal) {
+    const std::string victim = path_ + ".victim";
+    Format::WriteWholeFile(victim, {1, 2, 3});
+    for (const bool isLink : {false, true}) {
+        MakeOldState();
+        if (isLink) {
+            std::error_code ignored;  // not every user of Windows may make links
+            std::filesystem::create_symlink(victim, JournalPath(), ignored);
+        } else {
+            Format::WriteWholeFile(JournalPath(), Bytes(100000, 1));
+        }
+        EXPECT_TRUE(TrySave());
+        EXPECT_FALSE(HasJournal());
+        EXPECT_EQ(StateOf(path_), 'n');
+    }
+    EXPECT_EQ(Format::ReadWholeFile(victim), (Bytes{1, 2, 3}));
+}
+
+}  // namespace
+
+}  // namespace Quorvel::Testing

@@ -65,9 +65,8 @@ public:
     virtual Util::RefPtr<IDataStream> OpenDataStream(std::uint64_t id) = 0;
 
     // Creates a stream of size bytes, whose content is unspecified until written. Returns its id,
-    // or kInvalidStreamId when the package has reached its stream limit. Throws
-    // InvalidParameterException when size needs more pages than a file can have. If it throws, no
-    // stream is created, but FileDataCorruptException may leave an id and some pages unusable.
+    // or kInvalidStreamId when the package has reached its stream limit. If it throws, no stream is
+    // created, but FileDataCorruptException may leave an id and some pages unusable.
     virtual std::uint64_t CreateDataStream(std::uint64_t size) = 0;
 
     // Deletes a stream and frees its space. Returns true also when no stream has the id; returns

@@ -262,7 +262,8 @@ std::uint64_t PagedFilePackage::CreateDataStream(std::uint64_t size) {
     MarkChanged();
     EnsureFileIsOpen();
     const std::uint64_t wholePages = size >> kPageShift;
-    if (wholePages > kPageCountLimit) { throw InvalidParameterException(); }
+    // It could only fail after it had taken every page.
+    if (wholePages > kPageCountLimit) { throw OutOfMemoryException(); }
     const std::uint64_t firstPage = AllocateChain(wholePages);
     ScopeGuard freePages([&] { FreeChain(firstPage); });
     const std::uint64_t id = directory.AllocateId();

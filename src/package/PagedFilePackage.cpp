@@ -253,6 +253,7 @@ void PagedFilePackage::CheckTailPages(const ChildFileTail& tail) const {
     const auto isFree = [&](std::uint64_t page) {
         return page != 0 && !stored_.allocator->IsPageAllocated(page);
     };
+    if (tail.tailLength == 0) { return; }
     if (isFree(tail.tailPage) || isFree(tail.followingPage)) { throw FileDataCorruptException(); }
 }
 

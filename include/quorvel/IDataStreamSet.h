@@ -71,9 +71,9 @@ public:
 
     // Deletes a stream and frees its space. Returns true also when no stream has the id; returns
     // false, with nothing changed, while the stream is open. If it throws, nothing has changed,
-    // provided that the page cache has room for eight pages more than the open streams use. Without
-    // that room, both an exception and false can mean that the stream is gone, but that the space
-    // of its last partial page is still in use.
+    // provided that the file is not damaged and the page cache has room for eight pages more than
+    // the open streams use. Otherwise both an exception and false can mean that the stream is gone,
+    // but that the space of its last partial page is still in use.
     virtual bool DeleteDataStream(std::uint64_t id) = 0;
 };
 

@@ -325,8 +325,9 @@ void PagedFilePackage::FreeChain(std::uint64_t firstPage) {
     }
 }
 
-// The steps that can fail come first; the rest works from memory. A failure therefore changes
-// nothing, unless the cache can't pin all pages of the block.
+// In a sound file the steps that can fail come first; the rest works from memory. A failure
+// therefore changes nothing, unless the cache can't pin all pages of the block. In a damaged file
+// the stream is gone even if its tail can't be removed; otherwise each attempt would fail.
 bool PagedFilePackage::DeleteDataStream(std::uint64_t id) {
     if (openStreams_.Find(id)) { return false; }
     const ChildFileExtent* const extent = stored_.directory.Find(id);

@@ -57,18 +57,26 @@ bool TailMover::RemoveTail() {
     return true;
 }
 
-void TailMover::ReattachStreams(const OpenStreams& openStreams) {
-    for (const auto& [id, stream] : openStreams) {
-        const TailFragment* const fragment = state_.tailBlocks.FindFragment(id);
-        if (!fragment || fragment->blockId != fragment_.blockId) { continue; }
-        try {
-            QUORVEL_ASSERT(state_.directory.Find(id));
-            ChildFileTail tail;
-            GetChildFileTail(tail, state_.tailBlocks, id);
-            const Util::RefPtr<ChildFileSeeker> seeker(new ChildFileSeeker);
-            seeker->Attach(state_.allocator, *state_.directory.Find(id), tail);
-            stream->MoveTo(seeker);
-        } catch (...) { stream->Detach(); }
+void TailMover::ReattachStreams(OpenStreams& openStreams) {
+    openStreams.RemoveIf([this](const OpenStreams::Item& open) {
+        const TailFragment* const fragment = state_.tailBlocks.FindFragment(open.id);
+        return fragment && fragment->blockId == fragment_.blockId &&
+               !Reattach(open.id, *open.stream);
+    });
+}
+
+bool TailMover::Reattach(std::uint64_t id, ChildFileStream& stream) const {
+    try {
+        QUORVEL_ASSERT(state_.directory.Find(id));
+        ChildFileTail tail;
+        GetChildFileTail(tail, state_.tailBlocks, id);
+        const Util::RefPtr<ChildFileSeeker> seeker(new ChildFileSeeker);
+        seeker->Attach(state_.allocator, *state_.directory.Find(id), tail);
+        stream.MoveTo(seeker);
+        return true;
+    } catch (...) {
+        stream.LeavePackage();
+        return false;
     }
 }
 

@@ -33,11 +33,12 @@ public:
     [[nodiscard]] bool RemoveTail();
 
     // Attaches every open stream that has a tail in the block to its new place. A stream that can't
-    // be attached has no bytes from then on.
-    void ReattachStreams(const OpenStreams& openStreams);
+    // be attached has no bytes from then on and is removed from the open ones.
+    void ReattachStreams(OpenStreams& openStreams);
 
 private:
     void PinBlock(const std::uint64_t* pages);
+    bool Reattach(std::uint64_t id, ChildFileStream& stream) const;
 
     FilePageCache& cache_;
     StoredState& state_;

@@ -186,6 +186,25 @@ TEST_F(DeleteDataStreamTest, LeavesOpenStreamsOfOtherBlocksAlone) {
     EXPECT_TRUE(Rest(*stream) == From(streams_[8], 100));
 }
 
+// In a damaged file tails may overlap. Stream 1's tail then reaches into the free bytes.
+TEST_F(DeleteDataStreamTest, LeavesAStreamWhoseTailIsLostEmptyAndNoLongerOpen) {
+    Add(100);
+    Add(100);
+    Edit([](PackageImage& image) { image.fragments[1].offset = 50; });
+    auto stream = package_->OpenDataStream(1);
+    ASSERT_TRUE(stream);
+    EXPECT_TRUE(package_->DeleteDataStream(0));
+    EXPECT_EQ(stream->GetSize(), 0U);
+    EXPECT_THROW(package_->OpenDataStream(1), FileDataCorruptException);
+    EXPECT_TRUE(package_->DeleteDataStream(1));
+    EXPECT_TRUE(package_->Commit());
+    EXPECT_TRUE(package_->Load());
+    EXPECT_EQ(Add(300), 0U);
+    const auto other = package_->OpenDataStream(0);
+    stream.Reset();
+    EXPECT_EQ(package_->OpenDataStream(0).Get(), other.Get());
+}
+
 // ---- Failures -----------------------------------------------------------------------------------
 
 // A fragment that reaches past its block. No package writes one.

@@ -65,16 +65,15 @@ public:
     virtual Util::RefPtr<IDataStream> OpenDataStream(std::uint64_t id) = 0;
 
     // Creates a stream of size bytes, whose content is unspecified until written. Returns its id,
-    // or kInvalidStreamId when the package has reached its stream limit. Throws
-    // InvalidParameterException when size needs more pages than a file can have. If it throws, no
-    // stream is created, but FileDataCorruptException may leave an id and some pages unusable.
+    // or kInvalidStreamId when the package has reached its stream limit. If it throws, no stream is
+    // created, but FileDataCorruptException may leave an id and some pages unusable.
     virtual std::uint64_t CreateDataStream(std::uint64_t size) = 0;
 
     // Deletes a stream and frees its space. Returns true also when no stream has the id; returns
     // false, with nothing changed, while the stream is open. If it throws, nothing has changed,
-    // provided that the page cache has room for eight pages more than the open streams use. Without
-    // that room, both an exception and false can mean that the stream is gone, but that the space
-    // of its last partial page is still in use.
+    // provided that the file is not damaged and the page cache has room for eight pages more than
+    // the open streams use. Otherwise both an exception and false can mean that the stream is gone,
+    // but that the space of its last partial page is still in use.
     virtual bool DeleteDataStream(std::uint64_t id) = 0;
 };
 

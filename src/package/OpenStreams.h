@@ -37,6 +37,12 @@ public:
         if (const auto place = PlaceOf(id); IsOf(id, place)) { items_.erase(place); }
     }
 
+    // Removes the items for which `condition` holds. It is called once for each, in order.
+    template <typename Condition>
+    void RemoveIf(const Condition& condition) {
+        std::erase_if(items_, condition);
+    }
+
     void Clear() { items_.clear(); }
 
     auto begin() const { return items_.begin(); }

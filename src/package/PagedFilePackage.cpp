@@ -292,6 +292,7 @@ void PagedFilePackage::CheckTailPages(const ChildFileTail& tail) const {
     const auto isFree = [&](std::uint64_t page) {
         return page != 0 && !stored_.allocator->IsPageAllocated(page);
     };
+    if (tail.tailLength == 0) { return; }
     if (isFree(tail.tailPage) || isFree(tail.followingPage)) { throw FileDataCorruptException(); }
 }
 
@@ -301,7 +302,8 @@ std::uint64_t PagedFilePackage::CreateDataStream(std::uint64_t size) {
     MarkChanged();
     EnsureFileIsOpen();
     const std::uint64_t wholePages = size >> kPageShift;
-    if (wholePages > kPageCountLimit) { throw InvalidParameterException(); }
+    // It could only fail after it had taken every page.
+    if (wholePages > kPageCountLimit) { throw OutOfMemoryException(); }
     const std::uint64_t firstPage = AllocateChain(wholePages);
     ScopeGuard freePages([&] { FreeChain(firstPage); });
     const std::uint64_t id = directory.AllocateId();
@@ -362,8 +364,9 @@ void PagedFilePackage::FreeChain(std::uint64_t firstPage) {
     }
 }
 
-// The steps that can fail come first; the rest works from memory. A failure therefore changes
-// nothing, unless the cache can't pin all pages of the block.
+// In a sound file the steps that can fail come first; the rest works from memory. A failure
+// therefore changes nothing, unless the cache can't pin all pages of the block. In a damaged file
+// the stream is gone even if its tail can't be removed; otherwise each attempt would fail.
 bool PagedFilePackage::DeleteDataStream(std::uint64_t id) {
     if (openStreams_.Find(id)) { return false; }
     const ChildFileExtent* const extent = stored_.directory.Find(id);

@@ -103,11 +103,11 @@ public:
         return record;
     }
 
-    // Appends `count` items to a vector; false when the stream ends early. The vector grows with
-    // what arrives, so that a damaged file can't claim memory for items that it does not hold.
+    // Appends `count` items to a vector; false when the stream ends early, with some appended. The
+    // vector grows with what arrives, so that a damaged file can't claim memory for items that it
+    // does not hold.
     template <typename Item>
     [[nodiscard]] bool ReadItems(std::vector<Item>& items, std::uint64_t count) {
-        if (count > BytesLeft() / sizeof(Item)) { return false; }
         while (count != 0) {
             const std::uint64_t step = std::min(count, kTransferBufferSize / sizeof(Item));
             const std::size_t filled = items.size();
@@ -119,15 +119,6 @@ public:
     }
 
 private:
-    // Bytes from the next read to the end that the stream's size gives; 0 past that end. A damaged
-    // head file may have more pages than its size says.
-    std::uint64_t BytesLeft() const {
-        QUORVEL_ASSERT(stream_.GetPosition() >= end_ - begin_);
-        const std::uint64_t position = stream_.GetPosition() - (end_ - begin_);
-        const std::uint64_t size = stream_.GetSize();
-        return size > position ? size - position : 0;
-    }
-
     bool Refill(std::uint64_t wanted) {
         begin_ = 0;
         end_ = stream_.Read(buffer_.data(), std::min<std::uint64_t>(wanted, buffer_.size()));

@@ -111,10 +111,17 @@ ABI_TEST(Errors, IncludeFileDataCorruptException) {
 }
 
 ABI_TEST(Errors, IncludeInvalidParameterException) {
-    const std::string path = TemporaryFile("too-large");
-    const auto package = CreateFilePackage({path.c_str(), 64, 1000});
+    // One page: the head page's header, one link, a stream without bytes whose first page is one
+    // that the package does not have, no tail blocks, fragments or header data.
+    std::vector<std::uint64_t> page = {1, 80, 0, 112, 1, 0, 1, 0, 0, 900, 0, 0, 0, 0};
+    page.resize(1024);
+    const std::string path = TemporaryFile("unknown-page");
+    std::FILE* const file = std::fopen(path.c_str(), "wb");
+    EXPECT(file && std::fwrite(page.data(), 8192, 1, file) == 1);
+    EXPECT(std::fclose(file) == 0);
+    const auto package = OpenFilePackage({path.c_str(), 64, 1000});
     EXPECT(package);
-    Caught<InvalidParameterException>([&] { package->CreateDataStream(~std::uint64_t{0}); });
+    Caught<InvalidParameterException>([&] { package->DeleteDataStream(0); });
 }
 
 ABI_TEST(Errors, IncludeOutOfMemoryException) {

@@ -57,9 +57,12 @@ TEST_F(Errors, IncludeFileDataCorruptException) {
 }
 
 TEST_F(Errors, IncludeInvalidParameterException) {
-    const auto package = CreateFilePackage(Config());
+    Format::PackageImage image = Format::LayOutPackage({{0, {}}}, {}, {});
+    image.streams[0].firstPage = 900;  // a page that the package does not have
+    Format::WriteWholeFile(path_, Format::EncodePackage(image));
+    const auto package = OpenFilePackage(Config());
     ASSERT_TRUE(package);
-    Caught<InvalidParameterException>([&] { package->CreateDataStream(~std::uint64_t{0}); });
+    Caught<InvalidParameterException>([&] { package->DeleteDataStream(0); });
 }
 
 TEST_F(Errors, IncludeFileIOException) {

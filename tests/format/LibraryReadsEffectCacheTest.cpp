@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <string>
+#include <vector>
+
 #include "format/EffectCacheWriter.h"
 #include "format/LibraryCache.h"
 #include "format/TestData.h"
@@ -80,6 +84,134 @@ TEST_P(LibraryReadsEffectCache, AndKeepsItSoundWhenItAddsEffects) {
 
 INSTANTIATE_TEST_SUITE_P(All, LibraryReadsEffectCache, testing::ValuesIn(CacheLayouts()),
                          [](const auto& instance) { return instance.param.name; });
+
+// A file that no writer should leave, but in which no page and no byte of a block has two owners.
+struct Oddity {
+    std::string name;
+    Bytes (*encode)(PackageImage& image);
+};
+
+void PrintTo(const Oddity& oddity, std::ostream* out) {
+    *out << oddity.name;
+}
+
+std::uint64_t AddPage(PackageImage& image, std::uint64_t link) {
+    image.links.push_back(link);
+    return kFirstPage + image.links.size() - 1;
+}
+
+// Adds a page that lies in the file.
+std::uint64_t AddPageInFile(PackageImage& image, std::uint64_t link) {
+    image.file.resize(image.file.size() + kPageSize);
+    return AddPage(image, link);
+}
+
+std::uint64_t& LastBlockLink(PackageImage& image) {
+    return image.links.at(image.blocks[0].pages[kTailBlockPages - 1] - kFirstPage);
+}
+
+class OddEffectCache : public testing::TestWithParam<Oddity> {};
+
+TEST_P(OddEffectCache, HasAllItsEffectsBeforeAndAfterASave) {
+    std::vector<NewEffect> effects = ManyEffects(8);
+    PackageImage image = LayOutEffectCache(effects, {});
+    ASSERT_EQ(image.headPages.size(), 1u);
+    const Testing::TemporaryDirectory directory;
+    WriteWholeFile(CacheFile(directory), GetParam().encode(image));
+    for (int round = 0; round < 3; ++round) {
+        LibraryCache cache(directory);
+        EXPECT_TRUE(cache->IsEnabled());
+        EXPECT_EQ(cache->GetNumberOfEffectsInFile(), effects.size());
+        for (const NewEffect& effect : effects) {
+            EXPECT_TRUE(cache.Search(effect.name) == effect.data) << effect.name;
+        }
+        effects[0].data = Pattern(9000, static_cast<std::uint64_t>(round));  // replaces the old one
+        effects.push_back({"new" + std::to_string(round), Pattern(9500, 7), false, {}});
+        cache.Add(effects.front().name, {effects.front().data, false});
+        cache.Add(effects.back().name, {effects.back().data, false});
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, OddEffectCache,
+    testing::ValuesIn(std::vector<Oddity>{
+        {"LeakedPage",
+         [](PackageImage& image) {
+             AddPageInFile(image, kChainEnd);
+             return EncodePackage(image);
+         }},
+        {"LeakedChain",
+         [](PackageImage& image) {
+             const std::uint64_t last = AddPageInFile(image, kChainEnd);
+             AddPageInFile(image, last);
+             return EncodePackage(image);
+         }},
+        {"LeakedPagePastTheEndOfTheFile",
+         [](PackageImage& image) {
+             AddPage(image, kChainEnd);
+             return EncodePackage(image);
+         }},
+        {"UnusedSecondHeadPage",
+         [](PackageImage& image) {
+             const std::uint64_t second = AddPageInFile(image, kChainEnd);
+             image.links[0] = second;
+             Bytes file = EncodePackage(image);
+             StoreInteger(file, 0, 8, 2);           // pages
+             StoreInteger(file, 16, 8, second);     // next page
+             StoreInteger(file, 24, 8, kPageSize);  // data end
+             StoreInteger(file, PageOffset(second) + 8, 8, kHeadPageHeader + 1);
+             return file;
+         }},
+        {"BlockWhoseChainGoesOn",
+         [](PackageImage& image) {
+             LastBlockLink(image) = AddPageInFile(image, kChainEnd);
+             return EncodePackage(image);
+         }},
+        {"StreamWhoseChainGoesOn",
+         [](PackageImage& image) {
+             const std::uint64_t page = AddPageInFile(image, kChainEnd);
+             const auto stream =
+                 std::find_if(image.streams.begin(), image.streams.end(),
+                              [](const StreamRecord& one) { return one.pageCount == 1; });
+             image.links.at(stream->firstPage - kFirstPage) = page;
+             return EncodePackage(image);
+         }},
+        {"GapInABlock",
+         [](PackageImage& image) {
+             TailBlock& block = image.blocks[0];
+             const auto first =
+                 image.file.begin() + static_cast<std::ptrdiff_t>(PageOffset(block.pages.front()));
+             const auto end = first + static_cast<std::ptrdiff_t>(kTailBlockSize);
+             constexpr std::uint64_t kGap = 100;
+             std::copy_backward(first, end - kGap, end);
+             for (Fragment& fragment : image.fragments) {
+                 fragment.offset += kGap;
+             }
+             block.freeBytes -= kGap;
+             return EncodePackage(image);
+         }},
+        {"GapAfterTheTailsOfABlock",
+         [](PackageImage& image) {
+             image.blocks[0].freeBytes -= 100;
+             return EncodePackage(image);
+         }},
+        {"ListInAnotherOrder",
+         [](PackageImage& image) {
+             std::vector<std::uint64_t>& list = image.blocks[0].streams;
+             std::reverse(list.begin(), list.end());
+             for (Fragment& fragment : image.fragments) {
+                 fragment.index = list.size() - 1 - fragment.index;
+             }
+             return EncodePackage(image);
+         }},
+        {"HeadFileThatStatesASizeOfZero",
+         [](PackageImage& image) {
+             Bytes file = EncodePackage(image);
+             StoreInteger(file, 8, 8, 0);
+             return file;
+         }},
+    }),
+    [](const auto& instance) { return instance.param.name; });
 
 class DamagedEffectCache : public testing::Test {
 protected:

@@ -27,11 +27,6 @@ public:
     HeadFileReader(const Bytes& file, PackageImage& image);
 
     std::uint64_t ReadInteger() { return LoadInteger(Read(8), 0, 8); }
-
-    // Bytes left according to the size in the header.
-    std::uint64_t Left() const {
-        return image_.headSize > image_.stateSize ? image_.headSize - image_.stateSize : 0;
-    }
     Bytes Read(std::uint64_t size);
 
 private:
@@ -148,7 +143,6 @@ void ReadTailBlocks(HeadFileReader& head, std::uint64_t limit, PackageImage& ima
         Require(block.freeBytes <= kTailBlockSize,
                 name + " has " + Number(block.freeBytes) + " bytes free");
         const std::uint64_t streams = head.ReadInteger();
-        Require(streams <= head.Left() / 8, name + " lists " + Number(streams) + " streams");
         for (std::uint64_t k = 0; k < streams; ++k) {
             block.streams.push_back(head.ReadInteger());
         }
@@ -200,10 +194,7 @@ PackageImage ReadPackage(Bytes file, std::uint64_t streamLimit) {
     ReadDirectory(head, streamLimit, image);
     ReadTailBlocks(head, streamLimit, image);
     ReadFragments(head, streamLimit, image);
-    const std::uint64_t headerDataSize = head.ReadInteger();
-    Require(headerDataSize <= head.Left(),
-            "the header data has " + Number(headerDataSize) + " bytes");
-    image.headerData = head.Read(headerDataSize);
+    image.headerData = head.Read(head.ReadInteger());
     image.file = std::move(file);
     return image;
 }

@@ -242,9 +242,11 @@ TEST(StreamLimit, BoundsTheTailBlocksOfALoadedPackageToAnEighth) {
 }
 
 TEST_F(CreateDataStreamTest, RefusesTooManyWholePages) {
-    EXPECT_THROW(package_->CreateDataStream(std::uint64_t{0xFFFF7} << 13),
-                 InvalidParameterException);
-    EXPECT_THROW(package_->CreateDataStream(~std::uint64_t{0}), InvalidParameterException);
+    const std::size_t fileSize = File().size();
+    for (const std::uint64_t size : {std::uint64_t{0xFFFF7} << 13, ~std::uint64_t{0}}) {
+        EXPECT_THROW(package_->CreateDataStream(size), OutOfMemoryException);
+    }
+    EXPECT_EQ(File().size(), fileSize);
     EXPECT_EQ(package_->GetNumberOfDataStreams(), 0U);
     EXPECT_EQ(Add(8192), 0U);
     CommitAndExpectFile();

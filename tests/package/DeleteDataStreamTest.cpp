@@ -1,4 +1,6 @@
 #include <cerrno>
+#include <filesystem>
+#include <vector>
 
 #include "package/PackageTest.h"
 #include "support/StdioFaults.h"
@@ -184,6 +186,25 @@ TEST_F(DeleteDataStreamTest, LeavesOpenStreamsOfOtherBlocksAlone) {
     EXPECT_TRUE(Rest(*stream) == From(streams_[8], 100));
 }
 
+// In a damaged file tails may overlap. Stream 1's tail then reaches into the free bytes.
+TEST_F(DeleteDataStreamTest, LeavesAStreamWhoseTailIsLostEmptyAndNoLongerOpen) {
+    Add(100);
+    Add(100);
+    Edit([](PackageImage& image) { image.fragments[1].offset = 50; });
+    auto stream = package_->OpenDataStream(1);
+    ASSERT_TRUE(stream);
+    EXPECT_TRUE(package_->DeleteDataStream(0));
+    EXPECT_EQ(stream->GetSize(), 0U);
+    EXPECT_THROW(package_->OpenDataStream(1), FileDataCorruptException);
+    EXPECT_TRUE(package_->DeleteDataStream(1));
+    EXPECT_TRUE(package_->Commit());
+    EXPECT_TRUE(package_->Load());
+    EXPECT_EQ(Add(300), 0U);
+    const auto other = package_->OpenDataStream(0);
+    stream.Reset();
+    EXPECT_EQ(package_->OpenDataStream(0).Get(), other.Get());
+}
+
 // ---- Failures -----------------------------------------------------------------------------------
 
 // A fragment that reaches past its block. No package writes one.
@@ -201,12 +222,20 @@ TEST_F(DeleteDataStreamTest, ReturnsFalseAndLeavesATailThatCannotBeRemoved) {
     EXPECT_EQ(image.blocks[0].streams, Words({0}));
 }
 
-TEST_F(DeleteDataStreamTest, RefusesABlockWhoseChainIsBroken) {
-    Add(100);
-    Edit([](PackageImage& image) { image.links[4] = Format::kChainEnd; });  // in the block's middle
+// The first attempt deletes the stream, but its bytes stay in the block.
+TEST_F(DeleteDataStreamTest, ThrowsOnceForABlockWhoseChainIsBroken) {
+    Add(8192 + 100);
+    Add(200);
+    Edit([](PackageImage& image) { image.links[image.blocks[0].pages[4] - 10] = 0; });
+    const std::uint64_t page = Image().streams[0].firstPage;
     EXPECT_THROW(package_->DeleteDataStream(0), FileDataCorruptException);
     EXPECT_TRUE(package_->HasChanges());
+    EXPECT_TRUE(package_->DeleteDataStream(0));
+    streams_.erase(0);
     ExpectPackage();
+    ASSERT_TRUE(package_->Commit());
+    EXPECT_EQ(Image().Link(page), Format::kFreePage);
+    EXPECT_EQ(Image().fragments.size(), 2U);
 }
 
 TEST_F(DeleteDataStreamTest, FreesAChainToItsEndEvenIfTheRecordCountsFewerPages) {
@@ -233,6 +262,60 @@ TEST_F(DeleteDataStreamTest, PassesOnFileErrors) {
     const StdioFault fault(StdioCall::Read, EIO);
     EXPECT_EQ(FileErrorOf([&] { package_->DeleteDataStream(0); }), EIO);
 }
+
+// Packages whose file ends inside the tail block, under page caches that can pin all of the block,
+// a part of it, or one page.
+class CutBlockTest : public PackageTest, public ::testing::WithParamInterface<std::uint64_t> {
+protected:
+    CutBlockTest() : PackageTest({GetParam(), 100}) {}
+
+    // Adds streams with tails of the given lengths and cuts the file inside a page of the block.
+    // Tails in that page and after it are lost.
+    void AddAndCut(const std::vector<std::size_t>& sizes, std::size_t slot) {
+        for (const std::size_t size : sizes) {
+            Add(size);
+        }
+        package_.Reset();
+        const std::size_t end = Format::PageOffset(Image().blocks[0].pages[slot]) + 5000;
+        std::filesystem::resize_file(path_, end);
+        package_ = NewPackage();
+        ASSERT_TRUE(package_->Load());
+    }
+};
+
+// Deleting must move the bytes after the tail, and some of them are not in the file.
+TEST_P(CutBlockTest, ThrowsOnceAndMovesNothing) {
+    AddAndCut({3000, 2000, 8000, 8000, 8000}, 3);
+    const std::size_t size = File().size();
+    EXPECT_EQ(FileErrorOf([&] { package_->DeleteDataStream(0); }), 0);
+    EXPECT_TRUE(package_->DeleteDataStream(0));
+    EXPECT_EQ(package_->GetNumberOfDataStreams(), 4U);
+    for (const std::uint64_t id : {1U, 2U}) {
+        EXPECT_TRUE(Format::ReadStream(*package_, id) == streams_[id]) << id;
+    }
+    EXPECT_EQ(FileErrorOf([&] { Format::ReadStream(*package_, 4); }), 0);
+    EXPECT_EQ(File().size(), size);
+}
+
+// The page that is written first is made whole, as by every write to a page.
+TEST_P(CutBlockTest, DeletesATailInTheLastPageOfTheBlock) {
+    AddAndCut({8191, 8191, 8191, 8191, 8191, 8191, 8191, 100, 6000, 70}, 7);
+    const std::size_t size = File().size();
+    EXPECT_TRUE(package_->DeleteDataStream(8));
+    EXPECT_EQ(File().size(), size + 8192 - 5000);
+    EXPECT_TRUE(Format::ReadStream(*package_, 6) == streams_[6]);
+}
+
+TEST_P(CutBlockTest, DeletesATailAfterWhichTheBlockEnds) {
+    AddAndCut({8191, 8191, 8191, 8191, 8191, 8191, 8191, 8191, 8}, 6);
+    const std::size_t size = File().size();
+    EXPECT_TRUE(package_->DeleteDataStream(8));
+    EXPECT_EQ(package_->GetNumberOfDataStreams(), 8U);
+    EXPECT_EQ(File().size(), size);
+}
+
+INSTANTIATE_TEST_SUITE_P(PageCache, CutBlockTest, ::testing::Values(1, 2, 3, 40),
+                         ::testing::PrintToStringParamName());
 
 class OnePageTest : public PackageTest {
 protected:

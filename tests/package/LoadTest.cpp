@@ -174,6 +174,26 @@ TEST_F(LoadTest, ContinuesFromTheCommittedState) {
     CommitAndExpectFile();
 }
 
+// The list of a block and the header data lie in the pages, past the size that the first page
+// states.
+TEST_F(LoadTest, ReadsWhatThePagesHoldWhateverTheSizeOfTheHeadFileSays) {
+    for (const std::size_t headerSize : {5U, 20000U}) {
+        Add(10000);
+        SetHeaderData(Format::Pattern(headerSize, 1));
+        CommitAndExpectFile();
+        const Bytes file = File();
+        const std::uint64_t size = Image().stateSize;
+        for (const std::uint64_t stated :
+             {std::uint64_t{0}, std::uint64_t{8}, size - 1, size + 1}) {
+            Bytes edited = file;
+            Format::StoreInteger(edited, 8, 8, stated);
+            Format::WriteWholeFile(path_, edited);
+            ASSERT_TRUE(package_->Load()) << stated;
+            ExpectPackage();
+        }
+    }
+}
+
 // The path is used whenever the file is opened: by Load, and at the end of Commit.
 void ExpectToOutliveItsPath(const std::string& path) {
     auto text = std::make_unique<std::string>(path);

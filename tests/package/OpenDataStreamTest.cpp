@@ -13,6 +13,26 @@ using Format::PackageImage;
 
 using OpenDataStreamTest = PackageTest;
 
+// The link of one of stream 0's whole pages.
+std::uint64_t& LinkOf(PackageImage& image, int index) {
+    std::uint64_t page = image.streams[0].firstPage;
+    for (; index > 0; --index) {
+        page = image.Link(page);
+    }
+    return image.links.at(page - Format::kFirstPage);
+}
+
+// The link of one of the first block's pages.
+std::uint64_t& BlockLink(PackageImage& image, std::size_t slot) {
+    return image.links.at(image.blocks[0].pages[slot] - Format::kFirstPage);
+}
+
+// Takes all bytes from stream 0's tail.
+void EmptyTail(PackageImage& image) {
+    image.streams[0].size -= image.fragments[0].length;
+    image.fragments[0].length = 0;
+}
+
 }  // namespace
 
 TEST_F(OpenDataStreamTest, StartsAtTheStart) {
@@ -88,25 +108,75 @@ TEST_F(OpenDataStreamTest, NeverMakesAStreamLonger) {
     ExpectPackage();
 }
 
-TEST_F(OpenDataStreamTest, RefusesATailThatDoesNotFitItsBlock) {
-    Add(100);
-    Edit([](PackageImage& image) { image.blocks[0].freeBytes = 65536; });
-    EXPECT_THROW(package_->OpenDataStream(0), FileDataCorruptException);
-}
+class DamagedStream : public PackageTest, public ::testing::WithParamInterface<Damage> {
+protected:
+    // Stream 0 has three whole pages and a tail that crosses a page boundary of its block.
+    DamagedStream() {
+        Add(3 * 8192 + 7000);
+        Add(5000);
+        Delete(0);
+        Add(3 * 8192 + 7000);
+    }
+};
 
-TEST_F(OpenDataStreamTest, RefusesASizeThatDiffersFromPagesPlusTail) {
-    Add(8192 + 100);
-    Edit([](PackageImage& image) { image.streams[0].size += 1; });
+class UnopenableStream : public DamagedStream {};
+
+TEST_P(UnopenableStream, IsRefused) {
+    Edit(GetParam().apply);
     EXPECT_THROW(package_->OpenDataStream(0), FileDataCorruptException);
     EXPECT_FALSE(package_->HasChanges());
+    EXPECT_TRUE(package_->Load());  // it is not open
 }
 
-TEST_F(OpenDataStreamTest, RefusesAChainThatIsTooShort) {
-    Add(3 * 8192);
-    Edit([](PackageImage& image) { image.links[2] = Format::kChainEnd; });
-    EXPECT_THROW(package_->OpenDataStream(0), FileDataCorruptException);
-    EXPECT_TRUE(package_->DeleteDataStream(0));  // it is not open
+INSTANTIATE_TEST_SUITE_P(
+    Damage, UnopenableStream,
+    ::testing::ValuesIn(std::vector<Damage>{
+        {"TailInFreeBytes", [](PackageImage& image) { image.blocks[0].freeBytes = 65536; }},
+        {"SizeUnlikePagesPlusTail", [](PackageImage& image) { image.streams[0].size += 1; }},
+        {"ChainThatEndsEarly", [](PackageImage& image) { LinkOf(image, 1) = Format::kChainEnd; }},
+        {"ChainThatReturnsToItsStart",
+         [](PackageImage& image) { LinkOf(image, 1) = image.streams[0].firstPage; }},
+        {"PageThatFollowsItself",
+         [](PackageImage& image) { LinkOf(image, 0) = image.streams[0].firstPage; }},
+        {"FreeFirstPage", [](PackageImage& image) { LinkOf(image, 0) = Format::kFreePage; }},
+        {"FreeLastPage", [](PackageImage& image) { LinkOf(image, 2) = Format::kFreePage; }},
+        {"TailInAFreePage", [](PackageImage& image) { BlockLink(image, 0) = Format::kFreePage; }},
+        {"TailThatEndsInAFreePage",
+         [](PackageImage& image) { BlockLink(image, 1) = Format::kFreePage; }},
+        {"TailThatCrossesToAPageThatDoesNotFollow",
+         [](PackageImage& image) { BlockLink(image, 0) = Format::kChainEnd; }},
+    }),
+    [](const auto& test) { return test.param.name; });
+
+class OpenableStream : public DamagedStream {};
+
+TEST_P(OpenableStream, HasAllItsBytes) {
+    Edit(GetParam().apply);
+    Bytes expected = streams_[0];
+    expected.resize(package_->OpenDataStream(0)->GetSize());
+    EXPECT_TRUE(Format::ReadStream(*package_, 0) == expected);
 }
+
+INSTANTIATE_TEST_SUITE_P(Oddity, OpenableStream,
+                         ::testing::ValuesIn(std::vector<Damage>{
+                             {"ChainLongerThanItsRecordSays",
+                              [](PackageImage& image) {
+                                  EmptyTail(image);
+                                  image.streams[0].pageCount -= 1;
+                                  image.streams[0].size -= 8192;
+                              }},
+                             {"TailOfNoBytesInAFreePage",
+                              [](PackageImage& image) {
+                                  EmptyTail(image);
+                                  BlockLink(image, 0) = Format::kFreePage;
+                              }},
+                             {"TailOfNoBytesInPagesThatAreNoChain",
+                              [](PackageImage& image) {
+                                  EmptyTail(image);
+                                  BlockLink(image, 0) = Format::kChainEnd;
+                              }},
+                         }),
+                         [](const auto& test) { return test.param.name; });
 
 TEST_F(OpenDataStreamTest, PassesOnFileErrorsWhenAStreamIsRead) {
     Add(8192);

@@ -181,19 +181,6 @@ TEST_F(RefusedPackageTest, HasMoreHeaderDataThanIsLeft) {
     }
 }
 
-TEST_F(RefusedPackageTest, HasHeaderDataThatReachesPastTheEndOfTheHeadFile) {
-    ExpectRefusal(WithWord(8, Format::ReadPackage(file_).stateSize - 1));
-}
-
-// The bytes are in the page, but past the end of the head file.
-TEST_F(RefusedPackageTest, HasAListThatReachesPastTheEndOfTheHeadFile) {
-    PackageImage image = Format::LayOutPackage({{0, Bytes(3)}}, {}, {});
-    file_ = Format::EncodePackage(image);
-    const std::size_t blocks = 8 + 8 * image.links.size() + 8 + 32 * image.streams.size() + 8;
-    ExpectRefusal(WithWord(8, blocks + 80 + 8 + 7));
-    ExpectRefusal(WithWord(8, 8));
-}
-
 TEST_F(RefusedPackageTest, HasAHeadFileThatDoesNotValidate) {
     for (const std::uint64_t pageCount : {std::uint64_t{0}, std::uint64_t{0xFFFF7}, kNone}) {
         ExpectRefusal(WithWord(0, pageCount));

@@ -147,6 +147,11 @@ INSTANTIATE_TEST_SUITE_P(
                  Format::kFirstPage + image.links.size() - 1;
          }},
         {"GapAfterTheTails", [](PackageImage& image) { image.blocks[0].freeBytes -= 100; }},
+        {"TailOfNoBytes",
+         [](PackageImage& image) {
+             image.blocks[0].streams.push_back(20);
+             image.fragments.push_back({20, 0, 4, image.fragments[3].offset, 0});
+         }},
         {"ListInAnotherOrder",
          [](PackageImage& image) {
              std::reverse(image.blocks[0].streams.begin(), image.blocks[0].streams.end());

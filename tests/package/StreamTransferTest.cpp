@@ -65,24 +65,25 @@ TEST(StateReader, ReadsMoreThanItsBufferHolds) {
     EXPECT_EQ(read, bytes);
 }
 
-TEST(StateReader, ReadsNoItemsWhenTheStreamHasFewer) {
-    MemoryStream stream(Pattern(24));
+TEST(StateReader, ReadsItemsWhateverSizeTheStreamStates) {
+    MemoryStream stream(Pattern(24), 8);
     StateReader reader(stream);
-    reader.Expect(24);
     reader.Read<std::uint64_t>();
     std::vector<std::uint64_t> items;
-    EXPECT_FALSE(reader.ReadItems(items, 3));
-    EXPECT_TRUE(items.empty());
     EXPECT_TRUE(reader.ReadItems(items, 2));
     EXPECT_EQ(items.size(), 2u);
+    EXPECT_FALSE(reader.ReadItems(items, 1));
 }
 
-TEST(StateReader, ItemsThatAStreamOnlyClaimsAreNotAllocated) {
-    MemoryStream stream(Pattern(16), std::uint64_t{1} << 40);
-    StateReader reader(stream);
-    std::vector<std::uint64_t> items;
-    EXPECT_FALSE(reader.ReadItems(items, std::uint64_t{1} << 36));
-    EXPECT_LE(items.capacity() * sizeof items[0], 2 * kTransferBufferSize);
+TEST(StateReader, AllocatesNoItemsThatTheStreamDoesNotHold) {
+    for (const std::uint64_t count :
+         {std::uint64_t{3}, std::uint64_t{1} << 36, ~std::uint64_t{0}}) {
+        MemoryStream stream(Pattern(16));
+        StateReader reader(stream);
+        std::vector<std::uint64_t> items;
+        EXPECT_FALSE(reader.ReadItems(items, count));
+        EXPECT_LE(items.capacity() * sizeof items[0], 2 * kTransferBufferSize);
+    }
 }
 
 TEST(StateWriter, WritesEverythingInOrder) {

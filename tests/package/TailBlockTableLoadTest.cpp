@@ -181,15 +181,6 @@ TEST(TailBlockTableLoad, RefusesAListLongerThanTheRestOfTheStream) {
     EXPECT_THROW(Load(With(kFirstListCount, ~std::uint64_t{0})), FileDataCorruptException);
 }
 
-TEST(TailBlockTableLoad, RefusesAListThatReachesPastTheEndOfTheStreamEvenIfBytesFollow) {
-    const auto loadFrom = [](std::uint64_t size) {
-        MemoryStream stream(BytesOf(kState), size);
-        return LoadFrom(TailBlockTable(), stream, kLimit);
-    };
-    EXPECT_TRUE(loadFrom(8 * kFragmentCount));
-    EXPECT_THROW(loadFrom(8 * kFragmentCount - 1), FileDataCorruptException);
-}
-
 TEST(TailBlockTableLoad, AcceptsAsManyFragmentsAsTheLimitAndRefusesOneMore) {
     EXPECT_TRUE(Load(Fragments(24), 24));
     EXPECT_THROW(Load(Fragments(25), 24), FileDataCorruptException);

@@ -6,10 +6,12 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
-#include <random>
+#include <ctime>
 #include <utility>
 
 #include "platform/Assert.h"
+#include "platform/Clock.h"
+#include "platform/Process.h"
 #include "quorvel/Exceptions.h"
 
 namespace Quorvel {
@@ -21,11 +23,6 @@ constexpr std::uint64_t kMostPages = 31;
 
 std::string JournalPath(const std::string& packagePath) {
     return packagePath + "-journal";
-}
-
-std::uint64_t MakeNonce() {
-    std::random_device random;
-    return std::uint64_t{random()} << 32 | random();
 }
 
 // A checksum of bytes and two numbers. Four sums at a time, because each step waits for the one
@@ -49,6 +46,13 @@ std::uint64_t Checksum(std::uint64_t first, std::uint64_t second, const void* by
         d = step(d, words[3]);
     }
     return step(step(step(a, b), c), d);
+}
+
+// A number that no other save has.
+std::uint64_t MakeNonce() {
+    const std::array<std::int64_t, 4> parts = {std::time(nullptr), Platform::PerformanceCounter(),
+                                               Platform::CurrentProcessId()};
+    return Checksum(0, 0, parts.data(), sizeof parts);
 }
 
 [[noreturn]] void Fail(int error) {
@@ -155,10 +159,10 @@ bool IsMarked(std::FILE* package, std::uint64_t nonce) {
 // other bytes go first, with the mark, because a process that is killed may write only a part of a
 // page.
 void Restore(std::FILE* package, std::FILE* journal, JournalPiece& piece) {
-    std::array<std::uint8_t, kPageSize> headPage = {};
+    std::vector<std::uint8_t> headPage;
     ForEachPage(journal, piece, [&](std::uint64_t number, auto& bytes) {
         if (number == kHeadPageNumber) {
-            headPage = bytes;
+            headPage.assign(bytes.begin(), bytes.end());
             const HeadPageMark mark = {0, piece.header.nonce};
             std::memcpy(bytes.data(), &mark, sizeof mark);
         }

@@ -4,6 +4,7 @@
 #include <io.h>
 #include <windows.h>
 #include <cerrno>
+#include <cstdint>
 
 namespace Quorvel::Platform {
 

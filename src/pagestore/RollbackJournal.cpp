@@ -180,14 +180,13 @@ bool Apply(const std::string& packagePath, std::FILE* journal, bool isKnown) {
         if (error == ENOENT) { return false; }
         Fail(error);
     }
+    JournalPiece::Header header;
+    if (ReadAt(journal, 0, &header, sizeof header) < sizeof header) { return false; }
+    if (!isKnown && !IsMarked(package.Get(), header.nonce)) { return false; }
+    // A file that has become shorter has lost pages that were not kept.
+    if (GetFileSize(package.Get()) < header.packageSize) { return false; }
     const auto piece = std::make_unique_for_overwrite<JournalPiece>();
     if (!ForEachPage(journal, *piece, [](std::uint64_t, const auto&) {})) { return false; }
-    ReadAt(journal, 0, &piece->header, sizeof piece->header);
-    // A file that has become shorter has lost pages that were not kept.
-    if (GetFileSize(package.Get()) < piece->header.packageSize ||
-        (!isKnown && !IsMarked(package.Get(), piece->header.nonce))) {
-        return false;
-    }
     Restore(package.Get(), journal, *piece);
     return true;
 }

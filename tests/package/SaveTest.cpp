@@ -140,7 +140,7 @@ TEST_F(SaveTest, LeavesPagesAloneThatAreFree) {
     ASSERT_TRUE(package_->Commit());
     package_->BeginSave();
     package_->ReservePages(300);
-    Add(200 * 8192);  // more than the cache holds
+    Add(200 * 8192);                          // more than the cache holds
     EXPECT_EQ(package_->JournalPages(), 1U);  // the head page
     CommitAndExpectFile();
 }
@@ -206,7 +206,9 @@ TEST_F(SaveTest, ThatCannotBeRolledBackIsUndoneByALaterRecovery) {
             try {
                 package_->Rollback();
                 isUndone = true;
-            } catch (const FileIOException& exception) { EXPECT_EQ(exception.errorCode, static_cast<std::uint32_t>(EIO)); }
+            } catch (const FileIOException& exception) {
+                EXPECT_EQ(exception.errorCode, static_cast<std::uint32_t>(EIO));
+            }
         }
         EXPECT_EQ(HasJournal(), !isUndone);
         RollbackJournal::Recover(path_.c_str());

@@ -15,9 +15,16 @@ class EffectCacheImpl;
 // them in batches to the file "vornFxoCache.dat" in a cache directory, and shares the file with
 // every process that opens the same directory. Create it with new and hold it in a Util::RefPtr.
 //
-// Processes find each other by the text of the path. All of them must spell the directory the same
-// way, preferably as an absolute path without links: processes that spell it differently damage
-// each other's file.
+// Processes find each other by the directory itself, however they spell its path. The directory is
+// looked up once, by the constructor: changing the working directory later makes no difference.
+//
+// Each user should have a directory of its own. On Linux, a directory or a file that belongs to
+// another user than the process's effective one is not used: the cache is inert. Root is the
+// exception: it shares the cache of the directory's owner, and what it makes there belongs to the
+// owner. On Windows, processes find each other only within a session. Services, and users who are
+// logged on at the same time, are in different sessions: if they open the same directory, they
+// damage each other's file. To pass effects on, copy the file while no process has it open, or read
+// it with the tools.
 //
 // A cache whose file can't be used is inert: it ignores new effects, finds none, and IsEnabled
 // returns false. Only a new EffectCacheSystem can use the directory again. Apart from the

@@ -10,9 +10,9 @@ namespace Quorvel {
 class MutexObject;
 
 // A named block of memory, guarded by its own named mutex and shared by every process that opens
-// the same name (on POSIX, every process of the same user). A hook, called under that mutex, tells
-// a subclass whether the block is new or already existed. The block lives as long as any process
-// has it open.
+// the same name: on Windows those of the same session, on POSIX those of the same user. A hook,
+// called under that mutex, tells a subclass whether the block is new or already existed. The block
+// lives as long as any process has it open.
 class QUORVEL_API MultiProcessMemory : public VornHeapOperators {
 public:
     // Has no block yet.

@@ -15,9 +15,9 @@ constexpr std::uint32_t kWaitTimedOut = 258;
 // The timeout that never expires.
 constexpr std::uint32_t kWaitForever = 0xFFFFFFFF;
 
-// A mutex of the operating system, shared by all processes that open the same name (on POSIX, all
-// processes of the same user). It lives as long as any process has it open. The thread that holds
-// it may acquire it again; each acquisition needs its own release.
+// A mutex of the operating system, shared by all processes that open the same name: on Windows
+// those of the same session, on POSIX those of the same user. It lives as long as any process has
+// it open. The thread that holds it may acquire it again; each acquisition needs its own release.
 class QUORVEL_API MutexObject : public VornHeapOperators {
 public:
     // Has no mutex: Acquire returns kWaitAbandoned at once.

@@ -17,6 +17,7 @@ namespace Quorvel {
 
 namespace {
 
+constexpr char kFileName[] = "vornFxoCache.dat";
 constexpr std::uint64_t kPageCacheCapacity = 64;
 
 // The cache takes no more of a volume than this, however much is free.
@@ -31,25 +32,37 @@ PagedFilePackageConfig PackageConfig(const CStr& path) {
     return {path.data(), kPageCacheCapacity, kStreamLimit};
 }
 
+CStr FilePath(const Platform::Directory& directory) {
+    if (directory.access != Platform::Directory::Access::Granted) { return {}; }
+    return (directory.path + kFileName).c_str();
+}
+
 // The name that a path gives the objects that processes share: letters and digits stay, any other
 // byte becomes an underscore.
-std::string ObjectName(const CStr& path, const char* suffix) {
-    std::string name(path.data(), path.Length());
-    for (char& byte : name) {
+std::string ObjectName(std::string path) {
+    for (char& byte : path) {
         const bool isPlain = (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
                              (byte >= '0' && byte <= '9');
         if (!isPlain) { byte = '_'; }
     }
-    return name + suffix;
+    return path;
 }
 
 }  // namespace
 
-EffectCacheFile::EffectCacheFile(const CStr& directory, const CStr& path)
-    : directory_(directory), path_(path), mutex_(ObjectName(path, "_mutex").c_str()) {
+EffectCacheFile::EffectCacheFile(const CStr& directory)
+    : directory_(Platform::FindDirectory(directory.data(), kFileName)),
+      path_(FilePath(directory_)) {
+    const Platform::Impersonation asOwner(directory_.user);
+    const std::string& spelling = directory_.spelling;
+    std::string name = spelling.empty() ? std::string() : ObjectName(spelling + kFileName);
+    if (path_.Length() != 0) {
+        name = name_.Agree(std::string("vornFxoCache_") + directory_.identity, name);
+    }
+    mutex_.emplace((name + "_mutex").c_str());
     // Initialised before the file is opened: a save in between causes one reload too many, where
     // the other order would miss it.
-    stamp_.Initialize(ObjectName(path, "_timestamp").c_str());
+    stamp_.Initialize((name + "_timestamp").c_str());
 }
 
 // ---- Opening, creating, closing -----------------------------------------------------------------
@@ -285,7 +298,7 @@ std::uint64_t EffectCacheFile::JournalBytes(const EffectIndex& index) const {
 // The bytes that the cache may take, when so many are left for a journal.
 std::uint64_t EffectCacheFile::SpaceBudget(std::uint64_t journalBytes) const {
     std::uint64_t available = 0;
-    if (!Platform::GetFreeDiskSpace(directory_.data(), available)) {
+    if (!Platform::GetFreeDiskSpace(directory_.path.c_str(), available)) {
         return kLargestSpaceBudget;  // a full volume is better than an empty cache
     }
     return std::min(available - std::min(available, journalBytes), kLargestSpaceBudget);

@@ -1,12 +1,16 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "effectcache/EffectIndex.h"
 #include "effectcache/EffectQueue.h"
 #include "effectcache/EffectRecord.h"
+#include "multiprocess/SharedName.h"
 #include "package/PagedFilePackage.h"
+#include "platform/Directory.h"
+#include "platform/Impersonation.h"
 #include "quorvel/AutoMutex.h"
 #include "quorvel/MultiProcessTimeStamp.h"
 #include "quorvel/MutexObject.h"
@@ -40,25 +44,28 @@ namespace Quorvel {
 // throws.
 class EffectCacheFile {
 public:
-    // Holds the file mutex while it lives. Every step requires one.
+    // Holds the file mutex while it lives. Every step requires one. If the process is root, the
+    // thread acts as the directory's owner meanwhile.
     //
     // If the last holder died, the mutex stays with this thread when the lock is destroyed, until
     // the thread ends, as AutoMutex documents. Other threads and processes wait until then.
     class Lock {
     public:
-        explicit Lock(EffectCacheFile& file) : guard_(file.mutex_, kWaitForever) {}
+        explicit Lock(EffectCacheFile& file)
+            : asOwner_(file.directory_.user), guard_(*file.mutex_, kWaitForever) {}
 
         // True if the last holder may have died in the middle of a save.
         bool LastHolderDied() const { return guard_.WaitResult() == kWaitAbandoned; }
 
     private:
+        const Platform::Impersonation asOwner_;
         const AutoMutex guard_;
     };
 
-    // Creates or opens the mutex and the stamp, but does not touch the file. `directory` ends with
-    // a path separator unless it is empty. Throws Win32APICallFailedException,
-    // OutOfMemoryException.
-    EffectCacheFile(const CStr& directory, const CStr& path);
+    // Finds the directory, and creates or opens the mutex and the stamp, but does not touch the
+    // file. All caches of a directory have the same mutex and stamp, whose names are those that the
+    // first one derived from its path. Throws Win32APICallFailedException, OutOfMemoryException.
+    explicit EffectCacheFile(const CStr& directory);
 
     // False when the cache is inert.
     bool IsUsable() const { return static_cast<bool>(package_); }
@@ -103,10 +110,11 @@ private:
     std::uint64_t JournalBytes(const EffectIndex& index) const;
     std::uint64_t SpaceBudget(std::uint64_t journalBytes) const;
 
-    const CStr directory_;
-    const CStr path_;                         // of the file
+    const Platform::Directory directory_;
+    const CStr path_;                         // of the file; empty if it must not be used
     Util::RefPtr<PagedFilePackage> package_;  // null when the cache is inert
-    MutexObject mutex_;
+    SharedName name_;                         // of the mutex and the stamp, for every spelling
+    std::optional<MutexObject> mutex_;
     MultiProcessTimeStamp stamp_;
 };
 

@@ -5,27 +5,9 @@
 #include <span>
 #include <vector>
 
-#include "platform/Path.h"
-
 namespace Quorvel {
 
-namespace {
-
-constexpr char kFileName[] = "vornFxoCache.dat";
-
-CStr WithSeparator(const CStr& directory) {
-    const std::size_t length = directory.Length();
-    if (length == 0 || directory[length - 1] == Platform::kPathSeparator) { return directory; }
-    return directory + CStr(&Platform::kPathSeparator, 1);
-}
-
-}  // namespace
-
-EffectCacheImpl::EffectCacheImpl(const CStr& directory)
-    : directory_(directory),
-      directoryPath_(WithSeparator(directory)),
-      filePath_(directory.Length() != 0 ? directoryPath_ + CStr(kFileName) : CStr()),
-      file_(directoryPath_, filePath_) {
+EffectCacheImpl::EffectCacheImpl(const CStr& directory) : directory_(directory), file_(directory) {
     const EffectCacheFile::Lock lock(file_);
     file_.Open(lock, index_);
 }

@@ -44,9 +44,7 @@ public:
 
 private:
     Platform::CriticalSection section_;
-    const CStr directory_;      // as it was passed in
-    const CStr directoryPath_;  // with a separator at its end
-    const CStr filePath_;       // empty when the directory is
+    const CStr directory_;  // as it was passed in
     bool enabled_ = true;
     EffectIndex index_;
     EffectQueue queue_;

@@ -229,16 +229,24 @@ TEST(EffectCacheSystem, ObjectNamesHaveUnderscoresForAllButLettersAndDigits) {
     EXPECT_EQ(Platform::OpenNamedMemory(stamp.c_str()), nullptr);
 }
 
+// The name gets a second attempt.
+TEST(EffectCacheSystem, ConstructorThrowsWhenTheSharedNameCannotBeMade) {
+    const TemporaryDirectory directory;
+    const NamedMutexFault fault(0, 2);
+    EXPECT_THROW(CacheClient{directory}, Win32APICallFailedException);
+    EXPECT_FALSE(std::filesystem::exists(CacheFilePath(directory)));
+}
+
 TEST(EffectCacheSystem, ConstructorThrowsWhenTheFileMutexCannotBeMade) {
     const TemporaryDirectory directory;
-    const NamedMutexFault fault(0);
+    const NamedMutexFault fault(1);
     EXPECT_THROW(CacheClient{directory}, Win32APICallFailedException);
     EXPECT_FALSE(std::filesystem::exists(CacheFilePath(directory)));
 }
 
 TEST(EffectCacheSystem, ConstructorThrowsWhenTheTimeStampCannotBeMade) {
     const TemporaryDirectory directory;
-    const NamedMutexFault fault(1);
+    const NamedMutexFault fault(2);
     EXPECT_THROW(CacheClient{directory}, Win32APICallFailedException);
     EXPECT_FALSE(std::filesystem::exists(CacheFilePath(directory)));
 }

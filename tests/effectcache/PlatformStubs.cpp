@@ -44,7 +44,8 @@ ClockStub::~ClockStub() {
     stoppedClock = nullptr;
 }
 
-NamedMutexFault::NamedMutexFault(int skipped) : skipped_(skipped) {
+NamedMutexFault::NamedMutexFault(int skipped, int failures)
+    : skipped_(skipped), failures_(failures) {
     PutInFront(mutexFault, this);
 }
 

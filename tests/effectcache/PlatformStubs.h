@@ -56,18 +56,19 @@ private:
     Platform::LocalTime time_;
 };
 
-// Makes one attempt to open or create a named mutex fail, after `skipped` that succeed.
+// Makes attempts to open or create a named mutex fail, after `skipped` that succeed.
 class NamedMutexFault {
 public:
-    explicit NamedMutexFault(int skipped);
+    explicit NamedMutexFault(int skipped, int failures = 1);
     NamedMutexFault(const NamedMutexFault&) = delete;
     NamedMutexFault& operator=(const NamedMutexFault&) = delete;
     ~NamedMutexFault();
 
-    bool Fails() { return skipped_-- == 0; }
+    bool Fails() { return skipped_-- <= 0 && failures_-- > 0; }
 
 private:
     int skipped_;
+    int failures_;
 };
 
 }  // namespace Quorvel::Testing

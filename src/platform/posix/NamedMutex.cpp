@@ -12,6 +12,7 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "platform/Assert.h"
 #include "platform/posix/NamedObject.h"
@@ -176,11 +177,12 @@ private:
     std::atomic<std::uint32_t> depth_{0};
 };
 
-// The named mutexes that this process has open, and those that it closed while one of its threads
-// owned them. Never destroyed, because a destructor that runs at exit may close a mutex.
+// The named mutexes that this process has open, by user and name, and those that it closed while
+// one of its threads owned them. Never destroyed, because a destructor that runs at exit may close
+// a mutex.
 struct OpenMutexes {
     std::mutex lock;
-    std::map<std::string, std::unique_ptr<NamedMutex>> byName;
+    std::map<std::pair<UserId, std::string>, std::unique_ptr<NamedMutex>> mutexes;
     std::unique_ptr<NamedMutex> leftBehind;
 
     // Removes the mutex whose object was opened again from those left behind and returns it; null
@@ -199,10 +201,10 @@ struct OpenMutexes {
         return nullptr;
     }
 
-    // Removes a mutex from byName, if it has a name.
+    // Removes a mutex from `mutexes`, if it has a name.
     std::unique_ptr<NamedMutex> Remove(NamedMutex* mutex) {
-        for (auto entry = byName.begin(); entry != byName.end(); ++entry) {
-            if (entry->second.get() == mutex) { return std::move(byName.extract(entry).mapped()); }
+        for (auto entry = mutexes.begin(); entry != mutexes.end(); ++entry) {
+            if (entry->second.get() == mutex) { return std::move(mutexes.extract(entry).mapped()); }
         }
         return std::unique_ptr<NamedMutex>(mutex);
     }
@@ -221,20 +223,21 @@ NamedMutex* OpenUnnamed() {
 NamedMutex* Open(const std::string& name) {
     OpenMutexes& table = Table();
     const std::lock_guard guard(table.lock);
-    if (const auto found = table.byName.find(name); found != table.byName.end()) {
+    const std::pair key(CurrentUser(), name);
+    if (const auto found = table.mutexes.find(key); found != table.mutexes.end()) {
         ++found->second->openCount;
         return found->second.get();
     }
     auto opened = std::make_unique<NamedMutex>();
     if (!opened->OpenObject(name.c_str())) { return nullptr; }
-    const auto entry = table.byName.emplace(name, std::move(opened)).first;
+    const auto entry = table.mutexes.emplace(key, std::move(opened)).first;
     std::unique_ptr<NamedMutex>& mutex = entry->second;
     if (std::unique_ptr<NamedMutex> former = table.TakeLeftBehind(*mutex)) {
         former->ComeBackThrough(*mutex);
         mutex = std::move(former);
     }
     if (!mutex->Map()) {
-        table.byName.erase(entry);
+        table.mutexes.erase(entry);
         return nullptr;
     }
     return mutex.get();

@@ -55,7 +55,7 @@ bool Flock(int descriptor, int operation) {
 bool BelongsToUs(int descriptor, mode_t type) {
     struct stat status {};
     if (::fstat(descriptor, &status) != 0) { return false; }
-    if ((status.st_mode & S_IFMT) != type || status.st_uid != ::geteuid() ||
+    if ((status.st_mode & S_IFMT) != type || status.st_uid != CurrentUser() ||
         (status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
         errno = EACCES;
         return false;
@@ -65,7 +65,7 @@ bool BelongsToUs(int descriptor, mode_t type) {
 
 template <std::size_t Size>
 void FormatFolder(char (&path)[Size]) {
-    std::snprintf(path, Size, "/dev/shm/quorvel-%u", static_cast<unsigned>(::geteuid()));
+    std::snprintf(path, Size, "/dev/shm/quorvel-%u", static_cast<unsigned>(CurrentUser()));
 }
 
 // Allocates nothing, so that a destructor can call it.
@@ -240,6 +240,7 @@ NamedObject::NamedObject(std::string fileName, int descriptor, const struct stat
     : fileName_(std::move(fileName)),
       descriptor_(descriptor),
       size_(static_cast<std::size_t>(status.st_size)),
+      user_(CurrentUser()),
       process_(::getpid()),
       device_(status.st_dev),
       inode_(status.st_ino) {}
@@ -257,6 +258,7 @@ bool NamedObject::Leave() {
     const int error = errno;
     bool isGone = false;
     {
+        const Impersonation asOwner(user_);
         const FileDescriptor folder(OpenFolder());
         const Gate gate(folder.Get());
         const FileDescriptor file(std::exchange(descriptor_, -1));
@@ -284,7 +286,7 @@ bool NamedObject::IsSameFileAs(const NamedObject& other) const {
 }
 
 bool NamedObject::HasNameOf(const NamedObject& other) const {
-    return fileName_ == other.fileName_;
+    return fileName_ == other.fileName_ && user_ == other.user_;
 }
 
 }  // namespace Quorvel::Platform

@@ -8,18 +8,21 @@
 #include <memory>
 #include <string>
 
+#include "platform/Impersonation.h"
+
 namespace Quorvel::Platform {
 
 // A file that processes of one user share by name. It lives exactly as long as any process holds
 // it, like a named kernel object of Windows.
 //
 // The files lie in a folder of the user, "/dev/shm/quorvel-<user id>", mode 0700, so that no other
-// user can reach or plant anything. Every holder keeps a shared flock on the object's file; the
-// system drops it when the process ends, however it ends. A process that gets an exclusive flock is
-// the only one with the file. When it opens an object, that means a killed holder has left the
-// file, and a new file replaces it. When it closes one, it is the last holder and removes the file.
-// Both decisions are made under an exclusive flock on another file of the folder, the gate, so that
-// no process opens an object while another one decides.
+// user can reach or plant anything. Root reaches the objects of a user by Impersonation. Every
+// holder keeps a shared flock on the object's file; the system drops it when the process ends,
+// however it ends. A process that gets an exclusive flock is the only one with the file. When it
+// opens an object, that means a killed holder has left the file, and a new file replaces it. When
+// it closes one, it is the last holder and removes the file. Both decisions are made under an
+// exclusive flock on another file of the folder, the gate, so that no process opens an object while
+// another one decides.
 //
 // A process that creates its first object removes all files that no process holds: those that
 // killed processes left and that have not been opened since.
@@ -49,7 +52,7 @@ public:
     // True if both hold the same object, or held it before Leave.
     bool IsSameFileAs(const NamedObject& other) const;
 
-    // True if both have the same kind and name: the same object or one that replaced it.
+    // True if both have the same kind, name and user: the same object or one that replaced it.
     bool HasNameOf(const NamedObject& other) const;
 
     int Descriptor() const { return descriptor_; }
@@ -65,6 +68,7 @@ private:
     std::string fileName_;
     int descriptor_;  // -1 after Leave
     std::size_t size_;
+    UserId user_;    // whose folder has the file
     pid_t process_;  // the process that opened the object
     dev_t device_;
     ino_t inode_;

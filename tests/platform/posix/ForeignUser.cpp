@@ -146,8 +146,8 @@ std::unique_ptr<ChildProcess> StartObjectUserAs(uid_t user) {
 
 }  // namespace
 
-ForeignUser::ForeignUser()
-    : id_(kFirstForeignId + static_cast<uid_t>(::getpid())),
+ForeignUser::ForeignUser(int number)
+    : id_(kFirstForeignId + static_cast<uid_t>(::getpid() * 8 + number)),
       folder_("/dev/shm/quorvel-" + std::to_string(id_)) {
     std::filesystem::remove_all(folder_);
 }

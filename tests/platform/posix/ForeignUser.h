@@ -15,7 +15,7 @@ namespace Quorvel::Testing {
 // tamper with the folder. Both require root. The folder is removed on destruction.
 class ForeignUser {
 public:
-    ForeignUser();
+    explicit ForeignUser(int number = 0);  // below 8: distinguishes the users of a test
     ForeignUser(const ForeignUser&) = delete;
     ForeignUser& operator=(const ForeignUser&) = delete;
     ~ForeignUser();

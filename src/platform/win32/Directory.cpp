@@ -1,0 +1,55 @@
+#include "platform/Directory.h"
+
+#include <windows.h>
+
+#include <cstdio>
+
+#include "platform/Path.h"
+
+namespace Quorvel::Platform {
+
+namespace {
+
+bool IsSeparator(char byte) {
+    return byte == '\\' || byte == '/';
+}
+
+// False for paths of the current directory or drive.
+bool IsAbsolute(const std::string& path) {
+    if (path.size() < 3) { return false; }
+    return (IsSeparator(path[0]) && IsSeparator(path[1])) ||
+           (path[1] == ':' && IsSeparator(path[2]));
+}
+
+bool GetInformation(const char* path, BY_HANDLE_FILE_INFORMATION& information) {
+    constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    const HANDLE handle = ::CreateFileA(path, 0, kShareAll, nullptr, OPEN_EXISTING,
+                                        FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (handle == INVALID_HANDLE_VALUE) { return false; }
+    const BOOL success = ::GetFileInformationByHandle(handle, &information);
+    ::CloseHandle(handle);
+    return success && (information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+}  // namespace
+
+Directory FindDirectory(const char* path, const char* /*file*/) {
+    Directory found;
+    found.spelling = WithSeparator(path);
+    char full[MAX_PATH];
+    const DWORD length = ::GetFullPathNameA(path, sizeof full, full, nullptr);
+    BY_HANDLE_FILE_INFORMATION information{};
+    if (length == 0 || length >= sizeof full || !GetInformation(full, information)) {
+        return found;
+    }
+    found.path = WithSeparator(full);
+    if (!IsAbsolute(found.spelling)) { found.spelling = found.path; }
+    found.access = Directory::Access::Granted;
+    char identity[40];
+    std::snprintf(identity, sizeof identity, "%lu_%lu_%lu", information.dwVolumeSerialNumber,
+                  information.nFileIndexHigh, information.nFileIndexLow);
+    found.identity = identity;
+    return found;
+}
+
+}  // namespace Quorvel::Platform

@@ -9,14 +9,16 @@ namespace Quorvel::Platform {
 
 namespace {
 
+// Closes the file and returns null, with that error.
+std::FILE* Refuse(int descriptor, int error) {
+    ::close(descriptor);
+    errno = error;
+    return nullptr;
+}
+
 std::FILE* Wrap(int descriptor, const char* mode) {
     std::FILE* const file = ::fdopen(descriptor, mode);
-    if (!file) {
-        const int error = errno;
-        ::close(descriptor);
-        errno = error;
-    }
-    return file;
+    return file ? file : Refuse(descriptor, errno);
 }
 
 }  // namespace
@@ -33,13 +35,13 @@ std::FILE* CreateNewFile(const char* path) noexcept {
 std::FILE* OpenPlainFile(const char* path) noexcept {
     // Without O_NONBLOCK, opening a FIFO would wait for a writer.
     const int descriptor = ::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (descriptor < 0) { return nullptr; }
-    struct stat status;
-    if (::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
-        ::close(descriptor);
-        errno = ELOOP;
+    if (descriptor < 0) {
+        if (errno == ENXIO) { errno = ELOOP; }  // a socket
         return nullptr;
     }
+    struct stat status;
+    if (::fstat(descriptor, &status) != 0) { return Refuse(descriptor, errno); }
+    if (!S_ISREG(status.st_mode)) { return Refuse(descriptor, ELOOP); }
     return Wrap(descriptor, "rb");
 }
 

@@ -27,12 +27,16 @@ int LastErrorNumber() {
     }
 }
 
+// Closes the file and returns null, with that error.
+std::FILE* Refuse(HANDLE handle, int error) {
+    ::CloseHandle(handle);
+    errno = error;
+    return nullptr;
+}
+
 std::FILE* Wrap(HANDLE handle, int flags, const char* mode) {
     const int descriptor = ::_open_osfhandle(reinterpret_cast<std::intptr_t>(handle), flags);
-    if (descriptor < 0) {
-        ::CloseHandle(handle);
-        return nullptr;
-    }
+    if (descriptor < 0) { return Refuse(handle, errno); }
     std::FILE* const file = ::_fdopen(descriptor, mode);
     if (!file) {
         const int error = errno;
@@ -66,13 +70,11 @@ std::FILE* OpenPlainFile(const char* path) noexcept {
     }
     constexpr DWORD kNotPlain = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
     BY_HANDLE_FILE_INFORMATION information;
-    if (::GetFileType(handle) != FILE_TYPE_DISK ||
-        !::GetFileInformationByHandle(handle, &information) ||
-        (information.dwFileAttributes & kNotPlain) != 0) {
-        ::CloseHandle(handle);
-        errno = ELOOP;
-        return nullptr;
+    if (::GetFileType(handle) != FILE_TYPE_DISK) { return Refuse(handle, ELOOP); }
+    if (!::GetFileInformationByHandle(handle, &information)) {
+        return Refuse(handle, LastErrorNumber());
     }
+    if ((information.dwFileAttributes & kNotPlain) != 0) { return Refuse(handle, ELOOP); }
     return Wrap(handle, _O_RDONLY | _O_BINARY, "rb");
 }
 

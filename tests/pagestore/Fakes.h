@@ -6,7 +6,6 @@
 #include <cstring>
 #include <fstream>
 #include <initializer_list>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <utility>
@@ -49,8 +48,11 @@ inline std::uint64_t FileOffset(std::uint64_t page) {
 }
 
 inline Bytes ReadFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    std::ifstream file(path, std::ios::binary | std::ios::ate);
+    Bytes bytes(file ? static_cast<std::size_t>(file.tellg()) : 0);
+    file.seekg(0);
+    file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    return bytes;
 }
 
 inline Bytes ReadFilePage(const std::string& path, std::uint64_t page) {

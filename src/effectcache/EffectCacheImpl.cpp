@@ -56,7 +56,15 @@ bool EffectCacheImpl::SearchCachedEffects(const CStr& name, Tab<unsigned char>& 
 bool EffectCacheImpl::SaveToFile() noexcept {
     if (!file_.IsUsable()) { return true; }
     const EffectCacheFile::Lock lock(file_);
-    if (queue_.Size() == 0) { return true; }
+    return Save(lock);
+}
+
+bool EffectCacheImpl::Save(const EffectCacheFile::Lock& lock) noexcept {
+    if (queue_.Size() == 0) {
+        // The thread keeps an abandoned mutex, so no later wait of it tells of the death.
+        if (lock.LastHolderDied()) { file_.Sync(lock, index_); }
+        return true;
+    }
     if (!file_.Save(lock, index_, queue_)) { return false; }
     queue_.Clear();
     return true;

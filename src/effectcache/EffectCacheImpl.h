@@ -18,8 +18,9 @@ namespace Quorvel {
 //
 // A search looks at the queue, then takes the file mutex, brings the index up to date
 // (EffectCacheFile::Sync) and reads the effect's stream (EffectCacheFile::Read). A save takes the
-// file mutex and hands the queue to EffectCacheFile::Save. EffectCacheFile.h says which state the
-// file is in at each of these steps.
+// file mutex and hands the queue to EffectCacheFile::Save. A save without effects only syncs, and
+// only if the last holder of the mutex died. EffectCacheFile.h says which state the file is in at
+// each of these steps.
 class EffectCacheImpl {
 public:
     explicit EffectCacheImpl(const CStr& directory);
@@ -43,6 +44,8 @@ public:
     bool SaveToFile() noexcept;
 
 private:
+    bool Save(const EffectCacheFile::Lock& lock) noexcept;
+
     Platform::CriticalSection section_;
     const CStr directory_;  // as it was passed in
     bool enabled_ = true;

@@ -5,7 +5,6 @@
 
 #include "effectcache/CacheClient.h"
 #include "effectcache/StoredCache.h"
-#include "package/PagedFilePackage.h"
 #include "platform/Path.h"
 #include "quorvel/Exceptions.h"
 #include "quorvel/MutexObject.h"
@@ -383,27 +382,9 @@ TEST_F(EffectCacheProcesses, KilledHolderOfTheFileMutexMakesTheNextOneReadTheFil
     EXPECT_EQ(b->Find("y"), Expected("new-y", 9000));
 }
 
-// Leaves the cache's file and the journal as a process does that is killed after it has overwritten
-// pages of the file.
-void LeaveUnfinished(const std::string& path) {
-    const Util::RefPtr<PagedFilePackage> package(new PagedFilePackage({path.c_str(), 64, 65535}));
-    ASSERT_TRUE(package->Load());
-    package->BeginSave();
-    ASSERT_TRUE(package->DeleteDataStream(1));
-    const std::uint64_t id = package->CreateDataStream(100 * 8192);
-    const Bytes bytes(100 * 8192);  // more than the page cache holds
-    ASSERT_EQ(package->OpenDataStream(id)->Write(bytes.data(), bytes.size()), bytes.size());
-    ASSERT_EQ(package->State(), FileState::Overwriting);
-    const Bytes file = ReadWholeFile(path);
-    const Bytes journal = ReadWholeFile(path + "-journal");
-    package->Rollback();
-    WriteWholeFile(path, file);
-    WriteWholeFile(path + "-journal", journal);
-}
-
 TEST_F(EffectCacheProcesses, FileThatAKilledProcessLeftUnfinishedIsRestored) {
     WriteCache(path, {{"x", EffectBytes("old-x", 9000)}});
-    LeaveUnfinished(path);
+    LeaveUnfinishedSave(path);
     const auto a = Start();
     EXPECT_EQ(a->Find("x"), Expected("old-x", 9000));
     EXPECT_FALSE(std::filesystem::exists(path + "-journal"));
@@ -421,7 +402,7 @@ TEST_F(EffectCacheProcesses, HeirOfTheFileMutexRestoresTheFileAndGoesOn) {
     EXPECT_EQ(a->Find("x"), Expected("old-x", 9000));
     ChildProcess holder("MutexHolder", {SharedObjectName(directory) + "_mutex"});
     ASSERT_EQ(holder.Receive(), "0");
-    LeaveUnfinished(path);
+    LeaveUnfinishedSave(path);
     holder.Kill();
     EXPECT_EQ(a->Find("x"), Expected("old-x", 9000));
     EXPECT_FALSE(std::filesystem::exists(path + "-journal"));
@@ -431,7 +412,7 @@ TEST_F(EffectCacheProcesses, HeirOfTheFileMutexRestoresTheFileAndGoesOn) {
 
 TEST_F(EffectCacheProcesses, FileThatAKilledProcessLeftUnfinishedIsReplacedWithoutItsJournal) {
     WriteCache(path, {{"x", EffectBytes("old-x", 9000)}});
-    LeaveUnfinished(path);
+    LeaveUnfinishedSave(path);
     std::filesystem::remove(path + "-journal");
     const auto a = Start();
     EXPECT_EQ(a->Find("x"), "absent");
@@ -442,7 +423,7 @@ TEST_F(EffectCacheProcesses, FileThatAKilledProcessLeftUnfinishedIsReplacedWitho
 
 TEST_F(EffectCacheProcesses, JournalOfAnotherSaveIsRemoved) {
     WriteCache(path, {{"x", EffectBytes("old-x", 9000)}});
-    LeaveUnfinished(path);
+    LeaveUnfinishedSave(path);
     WriteCache(path, {{"x", EffectBytes("new-x", 9000)}});
     EXPECT_EQ(Start()->Find("x"), Expected("new-x", 9000));
     EXPECT_FALSE(std::filesystem::exists(path + "-journal"));

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "package/PagedFilePackage.h"
+
 namespace Quorvel::Testing {
 
 ByteList& ByteList::Text(const std::string& text) {
@@ -103,6 +105,22 @@ void WriteCache(const std::string& path, const std::vector<StoredEffect>& effect
     }
     streams[0] = index;
     WritePackage(path, Block(kTagOfCache, Header(effects.size(), 0)), streams);
+}
+
+void LeaveUnfinishedSave(const std::string& path) {
+    const Util::RefPtr<PagedFilePackage> package(new PagedFilePackage(CacheConfig(path)));
+    ASSERT_TRUE(package->Load());
+    package->BeginSave();
+    ASSERT_TRUE(package->DeleteDataStream(1));
+    const std::uint64_t id = package->CreateDataStream(100 * 8192);
+    const Bytes bytes(100 * 8192);  // more than the page cache holds
+    ASSERT_EQ(package->OpenDataStream(id)->Write(bytes.data(), bytes.size()), bytes.size());
+    ASSERT_EQ(package->State(), FileState::Overwriting);
+    const Bytes file = ReadWholeFile(path);
+    const Bytes journal = ReadWholeFile(path + "-journal");
+    package->Rollback();
+    WriteWholeFile(path, file);
+    WriteWholeFile(path + "-journal", journal);
 }
 
 StoredCache::StoredCache(const std::string& path) {

@@ -69,6 +69,10 @@ void WritePackage(const std::string& path, const Bytes& headerData,
 // Writes a cache file: stream 0 is the index, stream n the n-th effect.
 void WriteCache(const std::string& path, const std::vector<StoredEffect>& effects);
 
+// Leaves a cache's file and its journal as a process does that is killed in a save, after it has
+// overwritten pages. The file must have an effect.
+void LeaveUnfinishedSave(const std::string& path);
+
 // The contents of a file, which is closed again.
 class StoredCache {
 public:

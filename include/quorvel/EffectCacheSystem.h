@@ -15,6 +15,12 @@ class EffectCacheImpl;
 // them in batches to the file "vornFxoCache.dat" in a cache directory, and shares the file with
 // every process that opens the same directory. Create it with new and hold it in a Util::RefPtr.
 //
+// While a process saves, the directory also has the file "vornFxoCache.dat-journal". If the process
+// dies, the next one that opens or uses the cache restores the state before that save from it: what
+// was saved earlier is not lost. Don't copy or remove one of the files without the other. A crash
+// of the whole machine may cost the cache, because the library does not make the system flush
+// anything to the disk.
+//
 // Processes find each other by the directory itself, however they spell its path. The directory is
 // looked up once, by the constructor: changing the working directory later makes no difference.
 //
@@ -26,18 +32,19 @@ class EffectCacheImpl;
 // damage each other's file. To pass effects on, copy the file while no process has it open, or read
 // it with the tools.
 //
-// A cache whose file can't be used is inert: it ignores new effects, finds none, and IsEnabled
-// returns false. Only a new EffectCacheSystem can use the directory again. Apart from the
-// constructor, no operation throws.
+// A cache whose file can't be used, or whose save has failed, is inert: it ignores new effects,
+// finds none, and IsEnabled returns false. Only a new EffectCacheSystem can use the directory
+// again. Apart from the constructor, no operation throws.
 //
 // Any thread may call CacheCompiledEffect, SearchCachedEffects, IsEnabled and SetEnabled at any
 // time. The other operations must not run concurrently with any other call on the same object.
 class QUORVEL_API EffectCacheSystem : public Util::ARefObject {
 public:
-    // Opens the cache of a directory, which must exist. Creates an empty cache when the file is
-    // missing, damaged, unreadable or of another version. Evicts effects, least recently used
-    // first, while their total size reaches 256 MiB or the free space of the volume. A trailing
-    // path separator makes no difference. An empty path makes an inert cache. Throws
+    // Opens the cache of a directory, which must exist. Undoes a save in which another process has
+    // died; the cache is inert if that fails. Creates an empty cache when the file is missing,
+    // damaged, unreadable or of another version. Evicts effects, least recently used first, while
+    // their total size reaches 256 MiB or the free space of the volume. A trailing path separator
+    // makes no difference. An empty path makes an inert cache. Throws
     // Win32APICallFailedException or OutOfMemoryException when the objects shared between processes
     // can't be created, and std::bad_alloc.
     explicit EffectCacheSystem(const CStr& directory);
@@ -55,11 +62,13 @@ public:
     // next save that has something to save; if another process saves before that, it is lost.
     bool SearchCachedEffects(const CStr& name, Tab<unsigned char>& data);
 
-    // Saves the queued effects now and evicts others to make room; drops the queued effects if
-    // there is still no room. If the save fails, the cache becomes inert. A failed save that has
-    // changed the file loses the saved effects for every process; one that has not leaves the file
-    // as it was. A file holds at most 65534 effects: a save that would exceed this fails, normally
-    // without changing the file.
+    // Saves the queued effects now and evicts others, least recently used first, to make room;
+    // drops the queued effects if there is still no room. A file holds at most 65534 effects: a
+    // save that would exceed this evicts others in the same way. If permanent effects leave too
+    // little, it drops the effects that were queued last.
+    //
+    // If the save fails, the queued effects are lost and the cache becomes inert. The file keeps
+    // what was saved before, and the caches of other processes go on.
     void ForceSaveToFile();
 
     // Writes one line per saved effect to a text file, ordered by name length, then by name:

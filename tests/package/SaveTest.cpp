@@ -1,7 +1,9 @@
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <functional>
 
 #include "package/PackageTest.h"
 #include "pagestore/RollbackJournal.h"
@@ -29,7 +31,7 @@ protected:
         ASSERT_TRUE(package_->Commit());
         old_ = streams_;
         // Both states give the same ids to their streams, which have other contents.
-        for (const std::uint64_t id : {0, 1, 2, 3, 4, 5, 6, 7}) {
+        for (const std::uint64_t id : {0U, 1U, 2U, 3U, 4U, 5U, 6U, 7U}) {
             streams_.erase(id);
         }
         for (std::size_t id = 0; id < 8; ++id) {
@@ -80,6 +82,27 @@ protected:
         RollbackJournal::Recover(crashPath_.c_str());
         EXPECT_FALSE(std::filesystem::exists(crashPath_ + "-journal"));
         return StateOf(crashPath_);
+    }
+
+    // Lets saves die after each of their writes, the next one having moved so many bytes.
+    void ExpectSafeDeaths(const std::function<void()>& makeOldState,
+                          const std::function<bool()>& trySave, std::uint64_t bytesMoved) {
+        std::uint64_t writesDone = 0;
+        for (bool isCommitted = false; !isCommitted; ++writesDone) {
+            makeOldState();
+            {
+                const StdioFault fault(StdioCall::Write, EIO, writesDone,
+                                       StdioFault::kEveryLaterCall, bytesMoved);
+                isCommitted = trySave();
+            }
+            TakeCrashImage();
+            // The last write may have completed the save although it moved only a half of its page.
+            const char state = RecoveredCrashImage();
+            EXPECT_TRUE(state == (isCommitted ? 'n' : 'o') || (bytesMoved != 0 && state == 'n'))
+                << state << " after " << writesDone << " writes and " << bytesMoved << " bytes";
+            ASSERT_LT(writesDone, 1000U);
+        }
+        EXPECT_GT(writesDone, 40U);
     }
 
     const std::string crashPath_ = path_ + ".crash";
@@ -145,33 +168,97 @@ TEST_F(SaveTest, LeavesPagesAloneThatAreFree) {
     CommitAndExpectFile();
 }
 
+// Pages that were freed first are used first.
+TEST_F(SaveTest, KeepsFewPagesIfEnoughAreFree) {
+    for (const std::uint64_t reserved : {0U, 150U}) {
+        StartOver();
+        const std::uint64_t old = Add(100 * 8192);
+        ASSERT_TRUE(package_->Commit());
+        package_->BeginSave();
+        package_->ReservePages(reserved);
+        Delete(old);
+        Add(100 * 8192);
+        if (reserved == 0) {
+            EXPECT_GT(package_->JournalPages(), 90U);
+        } else {
+            EXPECT_LE(package_->JournalPages(), 2U);
+        }
+        CommitAndExpectFile();
+    }
+}
+
+TEST_F(SaveTest, DoesWithoutSparePagesForWhichThereIsNoRoom) {
+    const std::uint64_t old = Add(10000);
+    ASSERT_TRUE(package_->Commit());
+    for (const std::uint64_t writes : {0U, 7U}) {
+        package_->BeginSave();
+        {
+            const StdioFault fault(StdioCall::Write, ENOSPC, writes);
+            package_->ReservePages(300);
+            EXPECT_GT(fault.Failures(), 0U);
+        }
+        EXPECT_EQ(package_->State(), FileState::Saving);
+        Add(20000);
+        CommitAndExpectFile();
+    }
+    Delete(old);
+    CommitAndExpectFile();
+}
+
+TEST_F(SaveTest, ReservesOnlyThePagesThatAreMissing) {
+    const std::uint64_t old = Add(100 * 8192);
+    ASSERT_TRUE(package_->Commit());
+    Delete(old);
+    CommitAndExpectFile();
+    const std::size_t size = File().size();
+    package_->BeginSave();
+    package_->ReservePages(80);
+    EXPECT_EQ(File().size(), size);
+    package_->ReservePages(150);
+    EXPECT_GT(File().size(), size);
+    EXPECT_LE(File().size(), size + 50 * 8192);
+    CommitAndExpectFile();
+}
+
 // A process that dies leaves the files as its last write left them. A write that it was busy with
 // may have moved a half of a page.
 TEST_F(SaveTest, ThatDiesAfterAnyWriteIsUndoneOrComplete) {
-    for (const std::uint64_t bytesMoved : {0, 4096}) {
-        std::uint64_t writesDone = 0;
-        for (bool isCommitted = false; !isCommitted; ++writesDone) {
-            MakeOldState();
-            {
-                const StdioFault fault(StdioCall::Write, EIO, writesDone,
-                                       StdioFault::kEveryLaterCall, bytesMoved);
-                isCommitted = TrySave();
-            }
-            TakeCrashImage();
-            // The last write may have completed the save although it moved only a half of its page.
-            const char state = RecoveredCrashImage();
-            EXPECT_TRUE(state == (isCommitted ? 'n' : 'o') || (bytesMoved != 0 && state == 'n'))
-                << state << " after " << writesDone << " writes and " << bytesMoved << " bytes";
-        }
-        EXPECT_GT(writesDone, 40U);
+    for (const std::uint64_t bytesMoved : {0U, 4096U}) {
+        ExpectSafeDeaths([&] { MakeOldState(); }, [&] { return TrySave(); }, bytesMoved);
     }
+}
+
+// The commit has used the head page last, and writes the other pages first.
+TEST_F(SaveTest, ThatDiesWhileItWritesALargeHeadFileIsUndoneOrComplete) {
+    const auto makeOldState = [&] {
+        StartOver();
+        SetHeaderData(Format::Pattern(70 * 8192, 1));
+        for (int stream = 0; stream < 10; ++stream) {
+            Add(7500);
+        }
+        ASSERT_TRUE(package_->Commit());
+        old_ = streams_;
+        streams_.erase(0);
+        streams_.erase(1);
+        new_ = streams_;
+    };
+    const auto trySave = [&] {
+        try {
+            package_->BeginSave();
+            package_->DeleteDataStream(0);
+            package_->DeleteDataStream(1);
+            EXPECT_EQ(package_->State(), FileState::Saving);
+            return package_->Commit();
+        } catch (const std::exception&) { return false; }
+    };
+    ExpectSafeDeaths(makeOldState, trySave, 0);
 }
 
 // The same for a process that lives on and undoes the save.
 TEST_F(SaveTest, ThatFailsAtAnyCallIsRolledBack) {
     for (const StdioCall call : {StdioCall::Open, StdioCall::Close, StdioCall::Seek,
                                  StdioCall::Tell, StdioCall::Read, StdioCall::Write}) {
-        for (const std::uint64_t bytesMoved : {0, 8, 4096}) {
+        for (const std::uint64_t bytesMoved : {0U, 8U, 4096U}) {
             std::uint64_t callsDone = 0;
             for (bool hasFailed = true; hasFailed; ++callsDone) {
                 MakeOldState();
@@ -248,6 +335,9 @@ TEST_F(SaveTest, WithoutAJournalChangesNothing) {
     EXPECT_FALSE(TrySave());
     EXPECT_EQ(package_->State(), FileState::Saving);
     package_->Rollback();
+    const Bytes file = File();
+    ASSERT_GE(file.size(), old.size());
+    EXPECT_TRUE(std::equal(old.begin(), old.end(), file.begin()));
     EXPECT_EQ(StateOf(path_), 'o');
     EXPECT_TRUE(std::filesystem::is_directory(JournalPath()));
 }

@@ -279,6 +279,28 @@ TEST_F(SaveTest, ThatFailsAtAnyCallIsRolledBack) {
     }
 }
 
+// The commit reopens the file. If only its first attempt fails, the second one empties the file.
+TEST_F(SaveTest, FailsIfTheFileIsMadeAnewMeanwhile) {
+    std::uint64_t opensDone = 0;
+    for (bool hasFailed = true; hasFailed; ++opensDone) {
+        MakeOldState();
+        const StdioFault fault(StdioCall::Open, EMFILE, opensDone, 1);
+        const bool isCommitted = TrySave();
+        hasFailed = fault.Failures() > 0;
+        EXPECT_EQ(isCommitted, !hasFailed);
+        if (!hasFailed) { break; }
+        const bool isEmptied = File().empty();
+        EXPECT_EQ(isEmptied, opensDone == 1);  // the first file is the journal
+        if (isEmptied) {
+            EXPECT_THROW(package_->Rollback(), FileIOException);
+        } else {
+            package_->Rollback();
+            EXPECT_EQ(StateOf(path_), 'o');
+        }
+    }
+    EXPECT_EQ(opensDone, 2U);
+}
+
 TEST_F(SaveTest, ThatCannotBeRolledBackIsUndoneByALaterRecovery) {
     std::uint64_t writesDone = 0;
     for (bool isUndone = false; !isUndone; ++writesDone) {

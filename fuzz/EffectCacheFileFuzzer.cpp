@@ -1,6 +1,9 @@
 // Opens an effect cache over arbitrary bytes, searches it for every name in its index and for
 // others, adds effects, saves it and opens it again. It must find exactly what an independent
 // reader of the format finds, and a sound cache must lose nothing and stay sound.
+//
+// A process may have died in a save of these bytes. Its journal lies next to the file and undoes
+// the save, unless it is damaged or belongs to another file.
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
@@ -11,6 +14,7 @@
 #include <vector>
 
 #include "format/EffectCacheImage.h"
+#include "fuzz/CrashImage.h"
 #include "fuzz/DamagedFile.h"
 #include "fuzz/FileBases.h"
 #include "fuzz/Require.h"
@@ -159,17 +163,17 @@ private:
     const Testing::TemporaryDirectory directory_;
 };
 
-// Opens a cache with the file, either directly or by a reload after a change.
-Cache OpenOver(const Directory& directory, const Bytes& file, bool byReload) {
+// Opens a cache with the files, either directly or by a reload after a change.
+Cache OpenOver(const Directory& directory, const CrashImage& image, bool byReload) {
     if (!byReload) {
-        Format::WriteWholeFile(directory.File(), file);
+        WriteFiles(directory.File(), image);
         const Cache cache = directory.Open();
         Require(cache->IsEnabled(), "a cache over any bytes works");
         return cache;
     }
     Format::WriteWholeFile(directory.File(), EffectCacheBases().back().file);
     Cache cache = directory.Open();
-    Format::WriteWholeFile(directory.File(), file);
+    WriteFiles(directory.File(), image);
     directory.AnnounceChange();
     Tab<unsigned char> data;
     cache->SearchCachedEffects(CStr("absent"), data);
@@ -188,14 +192,23 @@ bool IsRefused(EffectCacheSystem& cache, const Expectation& expected) {
 }
 
 void TryFile(const Directory& directory, FuzzedDataProvider& input) {
-    const bool byReload = input.ConsumeIntegral<std::uint8_t>() % 4 == 0;
+    const auto start = input.ConsumeIntegral<std::uint8_t>();
+    const bool byReload = start % 4 == 0;
+    const auto kind =
+        static_cast<CrashImage::Kind>(start / 4 % static_cast<int>(CrashImage::Kind::CountOfKinds));
     // These come from the front of the input; the numbers that make the file come from its end.
     const std::vector<std::uint8_t> additions = input.ConsumeBytes<std::uint8_t>(12);
     FuzzedDataProvider adding(additions.data(), additions.size());
-    const Bytes file = TakeFile(input, EffectCacheBases());
+    const std::vector<std::uint8_t> crash =
+        input.ConsumeBytes<std::uint8_t>(kind == CrashImage::Kind::NoSave ? 0 : kCrashInput);
+    FuzzedDataProvider crashing(crash.data(), crash.size());
+    const Bytes before = TakeFile(input, EffectCacheBases());
+    const CrashImage image = MakeCrashImage(directory.File(), before, kind, crashing);
+    const Bytes file = Recover(directory.File(), before, image);
     Expectation expected = Expect(file);
 
-    Cache cache = OpenOver(directory, file, byReload);
+    Cache cache = OpenOver(directory, image, byReload);
+    Require(!std::filesystem::exists(directory.File() + "-journal"), "a journal is used once");
     if (IsRefused(*cache, expected)) { expected = {}; }
     if (!expected.isCache || expected.isIndexed) {
         for (const char* const name : {"absent", "a", "bb"}) {

@@ -8,6 +8,7 @@
 
 #include "format/EffectCacheWriter.h"
 #include "format/TestData.h"
+#include "fuzz/CrashImage.h"
 #include "fuzz/FileBases.h"
 
 namespace Quorvel::Fuzz {
@@ -103,6 +104,20 @@ void WriteSeeds(const std::filesystem::path& folder, const Harness& harness) {
     }
 }
 
+// Sound files that a process saved when it died, with each kind of journal.
+void WriteCrashSeeds(const std::filesystem::path& folder) {
+    constexpr int kKinds = static_cast<int>(CrashImage::Kind::CountOfKinds);
+    for (int kind = 1; kind < kKinds; ++kind) {
+        for (std::size_t base = 0; base < EffectCacheBases().size(); ++base) {
+            Input crash;
+            crash.Byte(static_cast<std::uint8_t>(1 + 4 * kind));
+            crash.Run(Bytes(12)).Run(Format::Pattern(kCrashInput, base));
+            crash.Byte(static_cast<std::uint8_t>(kFirstBase + base)).Byte(0);
+            Save(folder, "crash-" + std::to_string(kind) + "-base-" + std::to_string(base), crash);
+        }
+    }
+}
+
 void WriteAll(const std::filesystem::path& folder) {
     WriteSeeds(
         folder / "PackageFile",
@@ -113,6 +128,7 @@ void WriteAll(const std::filesystem::path& folder) {
                {Input().Byte(1).Run(Bytes(12)), EffectCacheBases(),
                 Format::WriteEffectCache(
                     {{"a", Format::Pattern(9, 1)}, {"b", Format::Pattern(9, 2), true}})});
+    WriteCrashSeeds(folder / "EffectCacheFile");
 }
 
 }  // namespace

@@ -27,8 +27,16 @@ std::string ToHex(const Bytes& bytes) {
     return text;
 }
 
-// Executes commands on the cache of a directory: "add NAME LABEL SIZE", "find NAME", "save",
-// "counts". Names and labels have no spaces.
+// The name of an effect that is one of many, and its bytes.
+std::string NameOf(std::uint64_t number) {
+    return "effect-" + std::to_string(number);
+}
+Bytes BytesOf(std::uint64_t number) {
+    return EffectBytes(std::to_string(number), 8);
+}
+
+// Executes commands on the cache of a directory: "add NAME LABEL SIZE", "add-many FIRST COUNT",
+// "find NAME", "save", "counts". Names and labels have no spaces.
 QUORVEL_AGENT(CacheUser) {
     CacheClient cache(arguments[0]);
     AgentSend(cache->IsEnabled() ? "enabled" : "inert");
@@ -42,6 +50,14 @@ QUORVEL_AGENT(CacheUser) {
             std::size_t size = 0;
             words >> label >> size;
             cache.Add(name, EffectBytes(label, size));
+            AgentSend("added");
+        } else if (command == "add-many") {
+            const std::uint64_t first = std::stoull(name);
+            std::uint64_t count = 0;
+            words >> count;
+            for (std::uint64_t number = first; number < first + count; ++number) {
+                cache.Add(NameOf(number), BytesOf(number));
+            }
             AgentSend("added");
         } else if (command == "find") {
             const auto bytes = cache.Find(name);
@@ -76,6 +92,10 @@ public:
 
     void Add(const std::string& name, const std::string& label, std::size_t size) {
         EXPECT_EQ(process_.Ask("add " + name + ' ' + label + ' ' + std::to_string(size)), "added");
+    }
+    void AddMany(std::uint64_t first, std::uint64_t count) {
+        EXPECT_EQ(process_.Ask("add-many " + std::to_string(first) + ' ' + std::to_string(count)),
+                  "added");
     }
     bool Save() { return process_.Ask("save") == "saved"; }
     void BeginSave() { process_.Send("save"); }
@@ -268,6 +288,27 @@ TEST_F(EffectCacheProcesses, ThatReplaceTheSameNamesAtOnceLeaveWholeEffects) {
             }
             EXPECT_EQ(matches, 1) << name;
         }
+    }
+}
+
+TEST_F(EffectCacheProcesses, KeepTheNewestOfMoreEffectsThanThereAreStreams) {
+    constexpr std::uint64_t kEffects = 70000;
+    constexpr std::uint64_t kNewest = 65000;
+    constexpr std::uint64_t kBatch = 1250;
+    std::vector<std::unique_ptr<Host>> hosts;
+    for (int index = 0; index < 8; ++index) {
+        hosts.push_back(Start());
+    }
+    for (std::uint64_t first = 0; first < kEffects; first += kBatch) {
+        Host& host = *hosts[first / kBatch % hosts.size()];
+        host.AddMany(first, kBatch);
+        ASSERT_TRUE(host.Save()) << first;
+    }
+    CacheClient cache(directory);
+    EXPECT_GE(cache.InFile(), kNewest);
+    for (std::uint64_t number = 0; number < kEffects; ++number) {
+        const auto bytes = cache.Find(NameOf(number));
+        EXPECT_TRUE(bytes ? *bytes == BytesOf(number) : number < kEffects - kNewest) << number;
     }
 }
 

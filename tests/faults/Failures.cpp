@@ -25,6 +25,7 @@ std::vector<Failure> AllFailures() {
     constexpr auto kTell = StdioCall::Tell;
     constexpr auto kRead = StdioCall::Read;
     constexpr auto kWrite = StdioCall::Write;
+    constexpr auto kRemove = StdioCall::Remove;
     return {
         {"OneOpen", false, kOpen, EIO, 1, 0},
         {"TwoOpens", false, kOpen, ENOSPC, 2, 0},
@@ -45,6 +46,8 @@ std::vector<Failure> AllFailures() {
         {"EveryWriteEnospc", false, kWrite, ENOSPC, kEvery, 0},
         {"OneShortWrite", false, kWrite, ENOSPC, 1, 3000},
         {"EveryWriteShort", false, kWrite, ENOSPC, kEvery, 3000},
+        {"OneRemove", false, kRemove, EACCES, 1, 0},
+        {"EveryRemove", false, kRemove, EIO, kEvery, 0},
         {"OneAllocation", true, {}, 0, 1, 0},
         {"EveryAllocation", true, {}, 0, kEvery, 0},
     };

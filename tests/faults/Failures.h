@@ -27,6 +27,12 @@ struct Failure {
         return !isMemory && call == StdioCall::Open && failures % 2 == 1 &&
                failures != StdioFault::kEveryLaterCall;
     }
+
+    // True if a file may seem to be unreadable, in whole or in part.
+    bool MayHideFile() const {
+        return isMemory || call == StdioCall::Open || call == StdioCall::Seek ||
+               call == StdioCall::Tell || call == StdioCall::Read;
+    }
 };
 void PrintTo(const Failure& failure, std::ostream* out);
 std::string NameOf(const Failure& failure);

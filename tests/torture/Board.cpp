@@ -16,6 +16,26 @@ std::atomic<std::uint64_t>& Board::Saved(std::uint64_t slot, std::uint64_t name)
     return content_->saved[slot][name];
 }
 
+std::atomic<Moment>& Board::MomentOf(std::uint64_t slot) {
+    return content_->moments[slot];
+}
+
+std::atomic<Moment>& Board::Aim() {
+    return content_->aim;
+}
+
+std::atomic<bool>& Board::IsEnding() {
+    return content_->isEnding;
+}
+
+void Board::ForgetSaved() {
+    for (auto& versions : content_->saved) {
+        for (std::atomic<std::uint64_t>& version : versions) {
+            version = 0;
+        }
+    }
+}
+
 std::atomic<std::uint64_t>& Board::Room() {
     return content_->room;
 }

@@ -11,7 +11,20 @@ namespace Quorvel::Torture {
 constexpr std::uint64_t kMostSlots = 8;
 constexpr std::uint64_t kNamesOfSlot = 64;
 
-// What the processes of a run count. In an orderly run all but the first five must stay zero.
+// What a process is doing, for kills that must hit it there. A moment lasts until the process
+// reaches the next one or returns from the operation.
+enum class Moment : std::uint64_t {
+    Other,  // between operations, waiting for a lock, reading or loading
+    Create,
+    Save,       // before the journal
+    Journal,    // from the creation of the save's journal on
+    Overwrite,  // the same, and the file is marked; processes don't report this
+    Recovery,   // undoing the save of a process that died
+    Trim,       // overwriting pages to trim a file that was just loaded
+    CountOfMoments
+};
+
+// What the processes of a run count. All but the first five must stay zero.
 enum class Count : std::uint64_t {
     Searches,
     Hits,
@@ -46,6 +59,18 @@ public:
     std::atomic<std::uint64_t>& Issued(std::uint64_t slot, std::uint64_t name);
     std::atomic<std::uint64_t>& Saved(std::uint64_t slot, std::uint64_t name);
 
+    // The moment that a slot's process has reached.
+    std::atomic<Moment>& MomentOf(std::uint64_t slot);
+
+    // A process that reaches this moment waits while it is set. Other for none.
+    std::atomic<Moment>& Aim();
+
+    // True if every process must end soon.
+    std::atomic<bool>& IsEnding();
+
+    // The cache's file is gone: no version counts as saved. REQUIRES: no process is running.
+    void ForgetSaved();
+
     // The free bytes that the system reports for the cache's volume, or kRealRoom.
     std::atomic<std::uint64_t>& Room();
 
@@ -62,6 +87,9 @@ private:
     struct Content {
         std::atomic<std::uint64_t> issued[kMostSlots][kNamesOfSlot];
         std::atomic<std::uint64_t> saved[kMostSlots][kNamesOfSlot];
+        std::atomic<Moment> moments[kMostSlots];
+        std::atomic<Moment> aim;
+        std::atomic<bool> isEnding;
         std::atomic<std::uint64_t> room;
         std::atomic<std::uint64_t> counts[static_cast<std::uint64_t>(Count::CountOfCounts)];
     };

@@ -34,16 +34,17 @@ struct Report {
     Options options;
     std::uint64_t processes = 0;  // started
     std::uint64_t killed = 0;
-    std::uint64_t crashed = 0;  // ended with any other exit code
-    std::uint64_t hung = 0;     // killed because they did not end in time
-    std::uint64_t refused = 0;  // ended because of an abandoned lock
-    std::uint64_t checks = 0;   // of the file's structure
+    std::vector<std::uint64_t> killedAt;  // by Moment
+    std::uint64_t crashed = 0;            // ended with any other exit code
+    std::uint64_t hung = 0;               // killed because they did not end in time
+    std::uint64_t refused = 0;            // ended because of an abandoned lock
+    std::uint64_t checks = 0;             // of the file's structure
     std::vector<std::string> structureProblems;
     std::vector<std::uint64_t> counts;  // by Count
     std::uint64_t effectsAtEnd = 0;
 
-    // True if every figure is allowed. If processes are killed or the volume fills up, effects may
-    // be lost and caches may become inert, but no wrong bytes may be found.
+    // True if every figure is allowed. Neither deaths nor a full volume may cost a saved effect,
+    // but caches may become inert on a volume that fills up.
     bool IsGood() const;
 };
 

@@ -28,7 +28,7 @@ TEST(Torture, ProcessesShortOfRoomKeepPermanentEffectsAndFindNoWrongBytes) {
     EXPECT_TRUE(report.IsGood()) << report;
 }
 
-TEST(Torture, KilledProcessesCauseNoWrongBytesAndLeaveAUsableFile) {
+TEST(Torture, KilledProcessesCostNothingThatWasSaved) {
     const Testing::TemporaryDirectory directory;
     const Report report = RunTorture(
         {.directory = directory.Path().string(), .seed = 7, .processes = 2, .kills = 60});

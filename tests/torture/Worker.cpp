@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <random>
 #include <string>
 #include <utility>
@@ -12,7 +13,7 @@
 #include "support/Agent.h"
 #include "torture/Board.h"
 #include "torture/EffectBytes.h"
-#include "torture/FreeSpace.h"
+#include "torture/Probes.h"
 #include "torture/Torture.h"
 #include "vornutil/CStr.h"
 #include "vornutil/RefPtr.h"
@@ -44,12 +45,13 @@ public:
           slots_(slots),
           random_(seed),
           mayEvict_(mayEvict) {
-        ReportFreeSpace(board_.Room());
+        Observe(board_, slot);
         Open();
     }
 
     void RunUntil(Clock::time_point end) {
-        while (Clock::now() < end) {
+        SearchEveryOwned();  // a death may have cost any of them
+        while (Clock::now() < end && !board_.IsEnding()) {
             Act();
             if (!cache_->IsEnabled()) {
                 ++board_[Count::BecameInert];
@@ -94,11 +96,18 @@ private:
     }
 
     void Close() {
-        cache_.Reset();
-        if (!mayEvict_) { PublishSaved(); }
+        const bool isSaved = !mayEvict_ && cache_->IsEnabled();
+        {
+            const Operation operation(Operation::Kind::Save);
+            cache_.Reset();
+        }
+        if (isSaved) { PublishSaved(); }
     }
 
     void Open() {
+        const bool exists =
+            std::filesystem::exists(std::filesystem::path(directory_) / "vornFxoCache.dat");
+        const Operation operation(exists ? Operation::Kind::Load : Operation::Kind::Create);
         cache_ = Util::RefPtr<EffectCacheSystem>(new EffectCacheSystem(directory_.c_str()));
         pending_.clear();
         ++board_[Count::Objects];
@@ -132,6 +141,7 @@ private:
 
     void Cache(const std::string& name, std::uint64_t version, bool permanent) {
         const std::vector<unsigned char> bytes = MakeEffect(name, version, RandomSize(name));
+        const Operation operation(Operation::Kind::Save);
         cache_->CacheCompiledEffect(name.c_str(), bytes.data(), bytes.size(), permanent);
         ++board_[Count::Cached];
     }
@@ -151,7 +161,10 @@ private:
     }
 
     void Save() {
-        cache_->ForceSaveToFile();
+        {
+            const Operation operation(Operation::Kind::Save);
+            cache_->ForceSaveToFile();
+        }
         if (cache_->IsEnabled()) {
             ++board_[Count::Saves];
             PublishSaved();
@@ -173,7 +186,10 @@ private:
     bool Search(const std::string& name, std::uint64_t& version) {
         Tab<unsigned char> found;
         ++board_[Count::Searches];
-        if (!cache_->SearchCachedEffects(name.c_str(), found)) { return false; }
+        {
+            const Operation operation(Operation::Kind::Load);
+            if (!cache_->SearchCachedEffects(name.c_str(), found)) { return false; }
+        }
         ++board_[Count::Hits];
         const auto size = static_cast<std::size_t>(found.Count());
         switch (CheckEffect(name, {found.Addr(0), size}, version)) {
@@ -200,6 +216,14 @@ private:
             ++board_[Count::Stale];
         } else if (version != kWrongBytes && version > board_.Issued(slot, name)) {
             ++board_[Count::Invented];
+        }
+    }
+
+    void SearchEveryOwned() {
+        for (std::uint64_t slot = 0; slot < slots_; ++slot) {
+            for (std::uint64_t name = 0; name < kNamesOfSlot; ++name) {
+                SearchOwned(slot, name);
+            }
         }
     }
 

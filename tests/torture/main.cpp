@@ -1,4 +1,5 @@
-// quorvel-torture: several processes on one effect cache, killed or not.
+// quorvel-torture: several processes on one effect cache, killed or not. Fails if a saved effect is
+// missing or older, if bytes are wrong, if a cache is inert or if a process hangs.
 #include <CLI/CLI.hpp>
 #include <iostream>
 
@@ -22,7 +23,8 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(2, 8))
         ->capture_default_str();
     app.add_option("--kills", options.kills,
-                   "number of processes to kill at random moments; 0 for an orderly run")
+                   "number of processes to kill, most of them inside saves, recovery, trims "
+                   "(with --room) and creation; 0 for an orderly run")
         ->capture_default_str();
     app.add_option(
            "--room", options.room,

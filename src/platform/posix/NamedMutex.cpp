@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
@@ -27,6 +28,7 @@ constexpr std::uint32_t kAbandoned = 128;
 constexpr std::uint32_t kTimedOut = 258;
 constexpr std::uint32_t kFailed = 0xFFFFFFFF;
 constexpr std::uint32_t kForever = 0xFFFFFFFF;
+constexpr std::uint32_t kLongestSleep = 250;  // in milliseconds
 void* const kInvalidHandle = reinterpret_cast<void*>(~std::uintptr_t{0});
 
 bool InitialiseNativeMutex(pthread_mutex_t* mutex) {
@@ -160,13 +162,25 @@ private:
                      std::memory_order_relaxed);
     }
 
+    // Waits in slices, because a wake-up can get lost: a release wakes one waiter, and if another
+    // thread acquires the mutex first and the woken process is killed then, the next release does
+    // not know that there are more.
     int Wait(std::uint32_t timeout) {
-        if (timeout == kForever) { return ::pthread_mutex_lock(native_); }
-        if (timeout == 0) { return ::pthread_mutex_trylock(native_); }
+        int result = ::pthread_mutex_trylock(native_);
+        while ((result == EBUSY || result == ETIMEDOUT) && timeout != 0) {
+            const std::uint32_t slice = std::min(timeout, kLongestSleep);
+            result = WaitFor(slice);
+            if (timeout != kForever) { timeout -= slice; }
+        }
+        return result;
+    }
+
+    int WaitFor(std::uint32_t milliseconds) {
         timespec deadline{};
         ::clock_gettime(CLOCK_MONOTONIC, &deadline);
-        const long nanoseconds = deadline.tv_nsec + static_cast<long>(timeout % 1000) * 1'000'000;
-        deadline.tv_sec += static_cast<time_t>(timeout / 1000) + nanoseconds / 1'000'000'000;
+        const long nanoseconds =
+            deadline.tv_nsec + static_cast<long>(milliseconds % 1000) * 1'000'000;
+        deadline.tv_sec += static_cast<time_t>(milliseconds / 1000) + nanoseconds / 1'000'000'000;
         deadline.tv_nsec = nanoseconds % 1'000'000'000;
         return ::pthread_mutex_clocklock(native_, CLOCK_MONOTONIC, &deadline);
     }

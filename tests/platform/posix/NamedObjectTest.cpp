@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/futex.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -21,6 +22,7 @@
 #include "platform/Handles.h"
 #include "platform/SystemError.h"
 #include "platform/posix/ForeignUser.h"
+#include "support/ChildProcess.h"
 #include "support/TemporaryDirectory.h"
 
 namespace Quorvel::Testing {
@@ -384,6 +386,29 @@ TEST_F(NamedObjectFile, ThatCannotGetItsBytesIsRefusedAndLeavesNothingBehind) {
     ASSERT_EQ(user->Ask("bytes 1000"), "0");
     EXPECT_EQ(user->Ask("memory " + name_), std::to_string(EFBIG));
     EXPECT_FALSE(std::filesystem::exists(PathOf("memory", name_)));
+}
+
+// A release wakes one waiter. If another thread acquires the mutex first and the woken process is
+// killed, the next release wakes nobody, and the mutex is free while the other waiters sleep.
+TEST_F(NamedMutexOnPosix, IsAcquiredByAWaiterWhoseWakeUpWasLost) {
+    ChildProcess holder("MutexUser", {name_});
+    ASSERT_EQ(holder.Ask("acquire 0"), "0");
+    ChildProcess waiter("MutexUser", {name_});
+    waiter.Send("acquire " + std::to_string(kForever));
+    const auto object = NamedObject::Open("mutex", name_.c_str(), NamedObject::IfAbsent::Fail, 0);
+    ASSERT_TRUE(object);
+    // The C library keeps the state of a mutex in its first four bytes.
+    std::uint32_t state = 0;
+    while ((state & FUTEX_WAITERS) == 0) {
+        ASSERT_EQ(::pread(object->Descriptor(), &state, sizeof state, 0), 4);
+    }
+    state = 0;
+    ASSERT_EQ(::pwrite(object->Descriptor(), &state, sizeof state, 0), 4);
+    std::future<std::string> result = std::async([&] { return waiter.Receive(); });
+    EXPECT_EQ(result.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    waiter.Kill();
+    EXPECT_EQ(result.get(), "0");
+    holder.Kill();
 }
 
 TEST_F(NamedMutexOnPosix, OfAWideNameIsTheMutexOfItsUtf8Name) {

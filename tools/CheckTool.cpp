@@ -1,12 +1,14 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <exception>
+#include <filesystem>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include "format/EffectCacheImage.h"
 #include "format/PackageCheck.h"
+#include "platform/Directory.h"
 #include "tools/Tools.h"
 
 namespace Quorvel::Tools {
@@ -32,6 +34,15 @@ std::string Summary(const PackageImage& image) {
            Count(image.blocks.size(), "tail block");
 }
 
+// True if a cache of this user would not use the file, whatever it holds.
+bool IsOfAnotherUser(const std::string& path) {
+    const std::filesystem::path file(path);
+    const std::string directory = file.has_parent_path() ? file.parent_path().string() : ".";
+    const Platform::Directory found =
+        Platform::FindDirectory(directory.c_str(), file.filename().string().c_str());
+    return found.access == Platform::Directory::Access::BelongsToAnotherUser;
+}
+
 int Check(const std::string& path, std::ostream& out) {
     std::string summary;
     std::vector<std::string> problems;
@@ -47,6 +58,11 @@ int Check(const std::string& path, std::ostream& out) {
     out << path << ": " << summary << ", " << Count(problems.size(), "problem") << '\n';
     for (const std::string& problem : problems) {
         out << problem << '\n';
+    }
+    if (IsOfAnotherUser(path)) {
+        out << "note: a cache of this user does not use the file, because the file or its "
+               "directory "
+               "belongs to another user\n";
     }
     return problems.empty() ? kDone : kDamaged;
 }

@@ -3,7 +3,10 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
 #include <cerrno>
+
+#include "platform/Impersonation.h"
 
 namespace Quorvel::Platform {
 
@@ -41,7 +44,9 @@ std::FILE* OpenPlainFile(const char* path) noexcept {
     }
     struct stat status;
     if (::fstat(descriptor, &status) != 0) { return Refuse(descriptor, errno); }
-    if (!S_ISREG(status.st_mode)) { return Refuse(descriptor, ELOOP); }
+    if (!S_ISREG(status.st_mode) || status.st_uid != CurrentUser()) {
+        return Refuse(descriptor, ELOOP);
+    }
     return Wrap(descriptor, "rb");
 }
 

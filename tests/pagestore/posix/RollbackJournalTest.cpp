@@ -109,6 +109,13 @@ TEST_F(JournalOnPosix, IsNotWrittenThroughALink) {
     EXPECT_FALSE(std::filesystem::exists(directory_.File("missing")));
 }
 
+TEST_F(JournalOnPosix, OfAnotherUserIsRemoved) {
+    constexpr uid_t kOtherUser = 0x40000000;
+    if (::geteuid() != 0) { GTEST_SKIP() << "run the tests as root"; }
+    ASSERT_EQ(::chown(journalPath_.c_str(), kOtherUser, static_cast<gid_t>(-1)), 0);
+    ExpectRemovedWithoutRecovery();
+}
+
 // The package may need it, so it must not be ignored.
 TEST_F(JournalOnPosix, ThatMayNotBeReadStays) {
     constexpr uid_t kOtherUser = 0x40000000;

@@ -285,7 +285,10 @@ std::vector<std::string> DocumentedFields() {
     std::istringstream text{std::string(kFormatText)};
     int table = -1;
     std::size_t column = 0;  // of the field's name in the current table; 0 outside a table
+    bool isJournal = false;  // RollbackJournalTest.cpp damages its fields
     for (std::string line; std::getline(text, line);) {
+        if (line.starts_with("## ")) { isJournal = line == "## Rollback journal"; }
+        if (isJournal) { continue; }
         const std::vector<std::string> cells = Cells(line);
         const auto name = std::find(cells.begin(), cells.end(), "field");
         if (cells.empty()) {

@@ -91,7 +91,7 @@ struct Field {
 // A field has no places if its row stands for other rows, or for bytes that the library ignores.
 const std::vector<Field>& Fields();
 
-// The rows of the document, as "table number: cell".
+// The rows of the document about the package file, as "table number: cell".
 std::vector<std::string> DocumentedFields();
 std::string RowOf(const Field& field);
 

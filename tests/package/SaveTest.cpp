@@ -56,10 +56,11 @@ protected:
 
     // Copies the files as they are now, which is what a killed process would leave.
     void TakeCrashImage() {
-        const auto options = std::filesystem::copy_options::overwrite_existing;
-        std::filesystem::copy_file(path_, crashPath_, options);
+        Format::WriteWholeFile(crashPath_, Format::ReadWholeFile(path_));
         std::filesystem::remove(crashPath_ + "-journal");
-        if (HasJournal()) { std::filesystem::copy_file(JournalPath(), crashPath_ + "-journal"); }
+        if (HasJournal()) {
+            Format::WriteWholeFile(crashPath_ + "-journal", Format::ReadWholeFile(JournalPath()));
+        }
     }
 
     // What the files hold, after a recovery: 'o' for the old state, 'n' for the new one.

@@ -15,13 +15,10 @@
 extern "C" {
 std::FILE* __real_fopen(const char* path, const char* mode);
 #ifdef _WIN32
-#define WRAP_FDOPEN __wrap__fdopen
-#define REAL_FDOPEN __real__fdopen
+extern std::FILE* (*__real___imp__fdopen)(int descriptor, const char* mode);
 #else
-#define WRAP_FDOPEN __wrap_fdopen
-#define REAL_FDOPEN __real_fdopen
+std::FILE* __real_fdopen(int descriptor, const char* mode);
 #endif
-std::FILE* REAL_FDOPEN(int descriptor, const char* mode);
 int __real_fclose(std::FILE* file);
 int __real_fseek(std::FILE* file, long offset, int origin);
 long __real_ftell(std::FILE* file);
@@ -162,15 +159,27 @@ std::FILE* __wrap_fopen(const char* path, const char* mode) {
     return file;
 }
 
-std::FILE* WRAP_FDOPEN(int descriptor, const char* mode) {
+static std::FILE* RealFdopen(int descriptor, const char* mode) {
+#ifdef _WIN32
+    return __real___imp__fdopen(descriptor, mode);
+#else
+    return __real_fdopen(descriptor, mode);
+#endif
+}
+
+std::FILE* __wrap_fdopen(int descriptor, const char* mode) {
     if (CountAndFail(StdioCall::Open)) {
         errno = fault.error;
         return nullptr;
     }
-    std::FILE* const file = REAL_FDOPEN(descriptor, mode);
+    std::FILE* const file = RealFdopen(descriptor, mode);
     openFiles += file ? 1 : 0;
     return file;
 }
+
+#ifdef _WIN32
+std::FILE* (*__wrap___imp__fdopen)(int descriptor, const char* mode) = &__wrap_fdopen;
+#endif
 
 int __wrap_remove(const char* path) {
     if (CountAndFail(StdioCall::Remove)) {

@@ -289,7 +289,7 @@ TEST_F(RollbackJournalTest, ThatCannotBeCreatedRefusesTheWrite) {
 TEST_F(RollbackJournalTest, ThatCannotBeWrittenCanBeTriedAgain) {
     for (const StdioCall call : {StdioCall::Open, StdioCall::Seek, StdioCall::Write}) {
         WriteFile(path_, old_);
-        const auto journal = NewJournal();
+        auto journal = NewJournal();
         KeepPage(*journal, kHead);
         KeepPage(*journal, kHead + 1);
         {
@@ -300,12 +300,13 @@ TEST_F(RollbackJournalTest, ThatCannotBeWrittenCanBeTriedAgain) {
         Overwrite(*journal, 2 * kPagesOfPiece);
         EXPECT_EQ(journal->KeptPages(), 2 * kPagesOfPiece + 1);
         EXPECT_EQ(std::filesystem::file_size(journalPath_), 2 * kPiece + PageField(1));
+        journal.reset();
         ExpectRestored();
     }
 }
 
 TEST_F(RollbackJournalTest, RefusesAPageWhenAFullPieceCannotBeWritten) {
-    const auto journal = NewJournal();
+    auto journal = NewJournal();
     for (std::uint64_t page = kHead; page < kHead + kPagesOfPiece; ++page) {
         KeepPage(*journal, page);
     }
@@ -316,6 +317,7 @@ TEST_F(RollbackJournalTest, RefusesAPageWhenAFullPieceCannotBeWritten) {
     EXPECT_EQ(journal->KeptPages(), kPagesOfPiece);
     EXPECT_FALSE(journal->PrepareWrite(kHead + kPagesOfPiece));
     Overwrite(*journal, kPagesOfPiece);
+    journal.reset();
     ExpectRestored();
 }
 

@@ -168,7 +168,7 @@ bool EffectCacheFile::Save(const Lock& lock, EffectIndex& index, EffectQueue& qu
     bool hasRoom = true;
     try {
         package_->BeginSave();
-        hasRoom = false;
+        hasRoom = false;  // an error from here on means that no room was found
         const std::uint64_t budget = SpaceBudget(JournalBytes(index));
         if (budget >= queue.ByteCount()) {
             ReservePages(lock, index, queue, budget);
@@ -228,8 +228,8 @@ void EffectCacheFile::ReservePages(const Lock& /*lock*/, const EffectIndex& inde
     if (pages * kPageSize <= budget / 4) { package_->ReservePages(pages); }
 }
 
-// The queue's effects, after evicting so many others that there are streams for them. If that is
-// not enough, the newest effects are left out.
+// Evicts effects until the package has streams for the whole queue. Returns the queue's effects; if
+// evicting was not enough, without the newest ones.
 std::vector<PendingEffect*> EffectCacheFile::ClaimStreams(const Lock& lock, EffectIndex& index,
                                                           EffectQueue& queue) {
     std::vector<PendingEffect*> effects = queue.Entries();
@@ -295,7 +295,7 @@ std::uint64_t EffectCacheFile::JournalBytes(const EffectIndex& index) const {
     return pages * RollbackJournal::kBytesPerPage;
 }
 
-// The bytes that the cache may take, when so many are left for a journal.
+// The number of bytes that the cache may take if `journalBytes` are set aside for a journal.
 std::uint64_t EffectCacheFile::SpaceBudget(std::uint64_t journalBytes) const {
     std::uint64_t available = 0;
     if (!Platform::GetFreeDiskSpace(directory_.path.c_str(), available)) {

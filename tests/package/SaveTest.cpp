@@ -85,7 +85,8 @@ protected:
         return StateOf(crashPath_);
     }
 
-    // Lets saves die after each of their writes, the next one having moved so many bytes.
+    // Saves again and again and dies after one more write each time. The write that is cut short
+    // moves `bytesMoved` bytes.
     void ExpectSafeDeaths(const std::function<void()>& makeOldState,
                           const std::function<bool()>& trySave, std::uint64_t bytesMoved) {
         std::uint64_t writesDone = 0;

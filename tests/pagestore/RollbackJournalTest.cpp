@@ -91,8 +91,7 @@ protected:
         journal.KeepPage(page, Slice(old_, FileOffset(page), kPageSize).data());
     }
 
-    // Does what a save does with the head page and so many pages after it, until it has overwritten
-    // all of them.
+    // Overwrites the head page and the given number of pages after it, as a save does.
     void Overwrite(RollbackJournal& journal, std::uint64_t pages) {
         for (std::uint64_t page = kHead; page <= kHead + pages; ++page) {
             KeepPage(journal, page);

@@ -14,11 +14,8 @@
 // The linker redirects fopen to __wrap_fopen, and __real_fopen to the runtime library.
 extern "C" {
 std::FILE* __real_fopen(const char* path, const char* mode);
-#ifdef _WIN32
 extern std::FILE* (*__real___imp__fdopen)(int descriptor, const char* mode);
-#else
 std::FILE* __real_fdopen(int descriptor, const char* mode);
-#endif
 int __real_fclose(std::FILE* file);
 int __real_fseek(std::FILE* file, long offset, int origin);
 long __real_ftell(std::FILE* file);
@@ -26,6 +23,12 @@ std::size_t __real_fread(void* buffer, std::size_t size, std::size_t count, std:
 std::size_t __real_fwrite(const void* buffer, std::size_t size, std::size_t count, std::FILE* file);
 int __real_remove(const char* path);
 }
+
+#ifdef QUORVEL_FDOPEN_IS_IMPORTED
+#define REAL_FDOPEN __real___imp__fdopen
+#else
+#define REAL_FDOPEN __real_fdopen
+#endif
 
 namespace Quorvel::Testing {
 
@@ -78,6 +81,18 @@ bool CountAndFail(StdioCall call) {
     if (number < fault.first || number >= fault.end) { return false; }
     ++fault.failures;
     return true;
+}
+
+// Calls a function that opens a file, unless the call is to fail.
+template <typename Open>
+std::FILE* OpenUnlessFailing(const Open& open) {
+    if (CountAndFail(StdioCall::Open)) {
+        errno = fault.error;
+        return nullptr;
+    }
+    std::FILE* const file = open();
+    openFiles += file ? 1 : 0;
+    return file;
 }
 
 bool IsStandardStream(const std::FILE* file) {
@@ -150,34 +165,14 @@ using namespace Quorvel::Testing;
 extern "C" {
 
 std::FILE* __wrap_fopen(const char* path, const char* mode) {
-    if (CountAndFail(StdioCall::Open)) {
-        errno = fault.error;
-        return nullptr;
-    }
-    std::FILE* const file = __real_fopen(path, mode);
-    openFiles += file ? 1 : 0;
-    return file;
-}
-
-static std::FILE* RealFdopen(int descriptor, const char* mode) {
-#ifdef _WIN32
-    return __real___imp__fdopen(descriptor, mode);
-#else
-    return __real_fdopen(descriptor, mode);
-#endif
+    return OpenUnlessFailing([&] { return __real_fopen(path, mode); });
 }
 
 std::FILE* __wrap_fdopen(int descriptor, const char* mode) {
-    if (CountAndFail(StdioCall::Open)) {
-        errno = fault.error;
-        return nullptr;
-    }
-    std::FILE* const file = RealFdopen(descriptor, mode);
-    openFiles += file ? 1 : 0;
-    return file;
+    return OpenUnlessFailing([&] { return REAL_FDOPEN(descriptor, mode); });
 }
 
-#ifdef _WIN32
+#ifdef QUORVEL_FDOPEN_IS_IMPORTED
 std::FILE* (*__wrap___imp__fdopen)(int descriptor, const char* mode) = &__wrap_fdopen;
 #endif
 

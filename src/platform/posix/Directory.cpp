@@ -12,8 +12,8 @@ namespace Quorvel::Platform {
 
 namespace {
 
-// True if the directory and the file have one owner, who is the process's user, or whom it can
-// impersonate.
+// True if the file is missing or has the same owner as the directory, and that owner is the user of
+// the process or one that the process can impersonate.
 bool MayUse(const struct stat& directory, const std::string& file) {
     struct stat status {};
     if (::stat(file.c_str(), &status) == 0 && status.st_uid != directory.st_uid) { return false; }

@@ -66,7 +66,7 @@ TEST_F(JournalOnPosix, ThatIsALinkToNothingIsRemoved) {
     ExpectRemovedWithoutRecovery();
 }
 
-// Nobody writes into it, so that a wait for a writer would not end.
+// The FIFO has no writer, so waiting for one would take forever.
 TEST_F(JournalOnPosix, ThatIsAFifoIsRemovedWithoutWaiting) {
     std::filesystem::remove(journalPath_);
     ASSERT_EQ(::mkfifo(journalPath_.c_str(), 0600), 0);

@@ -389,7 +389,7 @@ TEST_F(NamedObjectFile, ThatCannotGetItsBytesIsRefusedAndLeavesNothingBehind) {
 }
 
 // A release wakes one waiter. If another thread acquires the mutex first and the woken process is
-// killed, the next release wakes nobody, and the mutex is free while the other waiters sleep.
+// killed, the next release wakes no thread: the remaining waiters sleep although the mutex is free.
 TEST_F(NamedMutexOnPosix, IsAcquiredByAWaiterWhoseWakeUpWasLost) {
     ChildProcess holder("MutexUser", {name_});
     ASSERT_EQ(holder.Ask("acquire 0"), "0");

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "effectcache/StreamHelpers.h"
+#include "effectcache/StoredEffect.h"
 #include "pagestore/RollbackJournal.h"
 #include "platform/Assert.h"
 #include "platform/DiskSpace.h"
@@ -17,53 +17,12 @@ namespace Quorvel {
 
 namespace {
 
-constexpr char kFileName[] = "vornFxoCache.dat";
-constexpr std::uint64_t kPageCacheCapacity = 64;
-
-// The cache takes no more of a volume than this, however much is free.
-constexpr std::uint64_t kLargestSpaceBudget = 0x10000000;
-
-// What a save needs beyond the pages for the bytes that it writes: effects and blocks of tails
-// leave gaps, and a few pages of blocks change.
-constexpr std::uint64_t kMoreSparePages = 64;
+// What a save's journal needs beyond the pages of the index and the head file.
 constexpr std::uint64_t kMoreJournalPages = 12;
-
-PagedFilePackageConfig PackageConfig(const CStr& path) {
-    return {path.data(), kPageCacheCapacity, kStreamLimit};
-}
-
-CStr FilePath(const Platform::Directory& directory) {
-    if (directory.access != Platform::Directory::Access::Granted) { return {}; }
-    return (directory.path + kFileName).c_str();
-}
-
-// The name that a path gives the objects that processes share: letters and digits stay, any other
-// byte becomes an underscore.
-std::string ObjectName(std::string path) {
-    for (char& byte : path) {
-        const bool isPlain = (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
-                             (byte >= '0' && byte <= '9');
-        if (!isPlain) { byte = '_'; }
-    }
-    return path;
-}
 
 }  // namespace
 
-EffectCacheFile::EffectCacheFile(const CStr& directory)
-    : directory_(Platform::FindDirectory(directory.data(), kFileName)),
-      path_(FilePath(directory_)) {
-    const Platform::Impersonation asOwner(directory_.user);
-    const std::string& spelling = directory_.spelling;
-    std::string name = spelling.empty() ? std::string() : ObjectName(spelling + kFileName);
-    if (path_.Length() != 0) {
-        name = name_.Agree(std::string("vornFxoCache_") + directory_.identity, name);
-    }
-    mutex_.emplace((name + "_mutex").c_str());
-    // Initialised before the file is opened: a save in between causes one reload too many, where
-    // the other order would miss it.
-    stamp_.Initialize((name + "_timestamp").c_str());
-}
+EffectCacheFile::EffectCacheFile(const CStr& directory) : shared_(directory) {}
 
 // ---- Opening, creating, closing -----------------------------------------------------------------
 
@@ -71,7 +30,7 @@ void EffectCacheFile::Open(const Lock& lock, EffectIndex& index) noexcept {
     QUORVEL_ASSERT(!package_);
     if (!Recover(lock)) { return; }
     try {
-        package_ = PagedFilePackage::Open(PackageConfig(path_));
+        package_ = PagedFilePackage::Open(CachePackageConfig(shared_.Path()));
         if (package_ && index.Load(*package_)) {
             Trim(lock, index);
             return;
@@ -85,9 +44,9 @@ void EffectCacheFile::Create(const Lock& lock, EffectIndex& index) noexcept {
     QUORVEL_ASSERT(!package_);
     index.Clear();
     try {
-        package_ = PagedFilePackage::Create(PackageConfig(path_));
+        package_ = PagedFilePackage::Create(CachePackageConfig(shared_.Path()));
         if (!package_) { return; }
-        stamp_.UpdateTimeStamp();
+        shared_.Stamp().UpdateTimeStamp();
         index.Start(*package_);
         package_->Commit();
     } catch (...) { Close(lock); }
@@ -103,14 +62,14 @@ void EffectCacheFile::Close(const Lock& /*lock*/) noexcept {
 // Puts back what a process that died in a save has overwritten. False if that fails: this cache is
 // then inert, and the others must not trust the file before they have tried as well.
 bool EffectCacheFile::Recover(const Lock& lock) noexcept {
-    if (path_.Length() == 0) { return true; }
+    if (shared_.Path().Length() == 0) { return true; }
     try {
-        RollbackJournal::Recover(path_.data());
+        RollbackJournal::Recover(shared_.Path().data());
         // The process may also have died between the end of its save and its stamp.
-        if (lock.LastHolderDied()) { stamp_.UpdateTimeStamp(); }
+        if (lock.LastHolderDied()) { shared_.Stamp().UpdateTimeStamp(); }
         return true;
     } catch (...) {
-        stamp_.UpdateTimeStamp();
+        shared_.Stamp().UpdateTimeStamp();
         return false;
     }
 }
@@ -121,7 +80,7 @@ bool EffectCacheFile::Rollback(const Lock& /*lock*/) noexcept {
         package_->Rollback();
         return true;
     } catch (...) {
-        stamp_.UpdateTimeStamp();
+        shared_.Stamp().UpdateTimeStamp();
         return false;
     }
 }
@@ -139,7 +98,7 @@ void EffectCacheFile::Revert(const Lock& lock, EffectIndex& index) noexcept {
 void EffectCacheFile::Sync(const Lock& lock, EffectIndex& index) noexcept {
     QUORVEL_ASSERT(package_);
     // A holder that died in the middle of a save has written no stamp.
-    if (!stamp_.IsChanged() && !lock.LastHolderDied()) { return; }
+    if (!shared_.Stamp().IsChanged() && !lock.LastHolderDied()) { return; }
     package_->Discard();  // its pages may be older than those in the file
     try {
         if (Recover(lock) && package_->Load() && index.Load(*package_)) {
@@ -152,11 +111,7 @@ void EffectCacheFile::Sync(const Lock& lock, EffectIndex& index) noexcept {
 
 bool EffectCacheFile::Read(const Lock& /*lock*/, const EffectRecord& record,
                            Tab<unsigned char>& data) {
-    if (!package_) { return false; }
-    Util::RefPtr<IDataStream> stream = package_->OpenDataStream(record.streamId);
-    if (!ReadBytes(data, stream, kLargestEffect)) { return false; }
-    const auto count = static_cast<std::uint64_t>(data.Count());
-    return count == record.effectSize && stream->GetSize() == SerializedSize(count);
+    return package_ && ReadEffect(*package_, record, data);
 }
 
 // ---- Saving -------------------------------------------------------------------------------------
@@ -176,7 +131,8 @@ bool EffectCacheFile::Save(const Lock& lock, EffectIndex& index, EffectQueue& qu
         }
         if (hasRoom) {
             for (const PendingEffect* const effect : ClaimStreams(lock, index, queue)) {
-                Store(lock, index, *effect);
+                StoreEffect(*package_, index, effect->Key(), effect->hash, effect->Compiled(),
+                            effect->permanent, CurrentEntryTime());
             }
         }
         Commit(lock, index);
@@ -199,10 +155,10 @@ bool EffectCacheFile::MakeRoom(const Lock& lock, EffectIndex& index, std::uint64
     return package_->GetTotalDataSize() < limit;
 }
 
-void EffectCacheFile::Evict(const Lock& lock, EffectIndex& index, std::uint64_t limit) {
+void EffectCacheFile::Evict(const Lock& /*lock*/, EffectIndex& index, std::uint64_t limit) {
     for (IndexEntry* const entry : index.EvictionOrder()) {
         if (package_->GetTotalDataSize() < limit) { return; }
-        Delete(lock, index, entry);
+        DeleteEffect(*package_, index, entry);
     }
 }
 
@@ -230,7 +186,7 @@ void EffectCacheFile::ReservePages(const Lock& /*lock*/, const EffectIndex& inde
 
 // Evicts effects until the package has streams for the whole queue. Returns the queue's effects; if
 // evicting was not enough, without the newest ones.
-std::vector<PendingEffect*> EffectCacheFile::ClaimStreams(const Lock& lock, EffectIndex& index,
+std::vector<PendingEffect*> EffectCacheFile::ClaimStreams(const Lock& /*lock*/, EffectIndex& index,
                                                           EffectQueue& queue) {
     std::vector<PendingEffect*> effects = queue.Entries();
     std::vector<PendingEffect*> added;
@@ -242,7 +198,7 @@ std::vector<PendingEffect*> EffectCacheFile::ClaimStreams(const Lock& lock, Effe
     for (IndexEntry* const entry : index.EvictionOrder()) {
         if (missing == 0) { return effects; }
         if (queue.Find(entry->Key(), entry->Key().Hash())) { continue; }
-        Delete(lock, index, entry);
+        DeleteEffect(*package_, index, entry);
         --missing;
     }
     if (missing == 0) { return effects; }
@@ -257,34 +213,11 @@ std::vector<PendingEffect*> EffectCacheFile::ClaimStreams(const Lock& lock, Effe
     return effects;
 }
 
-void EffectCacheFile::Store(const Lock& lock, EffectIndex& index, const PendingEffect& effect) {
-    const EffectKey name = effect.Key();
-    const std::span<const unsigned char> bytes = effect.Compiled();
-    if (IndexEntry* const replaced = index.Find(name, effect.hash)) {
-        Delete(lock, index, replaced);
-    }
-    const std::uint64_t id = package_->CreateDataStream(SerializedSize(bytes.size()));
-    Util::RefPtr<IDataStream> stream = package_->OpenDataStream(id);
-    if (!WriteBytes(bytes, stream)) { throw FileIOException(); }
-    const EffectRecord record = {id,
-                                 static_cast<std::uint32_t>(name.length),
-                                 static_cast<std::uint32_t>(bytes.size()),
-                                 effect.permanent,
-                                 CurrentEntryTime(),
-                                 0};
-    index.Put(name, effect.hash, record);
-}
-
-void EffectCacheFile::Delete(const Lock& /*lock*/, EffectIndex& index, IndexEntry* entry) {
-    package_->DeleteDataStream(entry->record.streamId);
-    index.Remove(entry);
-}
-
 // Writes the index and commits, then tells the other processes.
 void EffectCacheFile::Commit(const Lock& /*lock*/, EffectIndex& index) {
     index.Write(*package_);
     package_->Commit();
-    stamp_.UpdateTimeStamp();
+    shared_.Stamp().UpdateTimeStamp();
 }
 
 // What the journal of a save may take without spare pages: the index and the head file are then
@@ -298,7 +231,7 @@ std::uint64_t EffectCacheFile::JournalBytes(const EffectIndex& index) const {
 // The number of bytes that the cache may take if `journalBytes` are set aside for a journal.
 std::uint64_t EffectCacheFile::SpaceBudget(std::uint64_t journalBytes) const {
     std::uint64_t available = 0;
-    if (!Platform::GetFreeDiskSpace(directory_.path.c_str(), available)) {
+    if (!Platform::GetFreeDiskSpace(shared_.Directory().path.c_str(), available)) {
         return kLargestSpaceBudget;  // a full volume is better than an empty cache
     }
     return std::min(available - std::min(available, journalBytes), kLargestSpaceBudget);

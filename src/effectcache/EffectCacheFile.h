@@ -1,18 +1,15 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <vector>
 
 #include "effectcache/EffectIndex.h"
 #include "effectcache/EffectQueue.h"
 #include "effectcache/EffectRecord.h"
-#include "multiprocess/SharedName.h"
+#include "effectcache/SharedCache.h"
 #include "package/PagedFilePackage.h"
-#include "platform/Directory.h"
 #include "platform/Impersonation.h"
 #include "quorvel/AutoMutex.h"
-#include "quorvel/MultiProcessTimeStamp.h"
 #include "quorvel/MutexObject.h"
 #include "vornutil/CStr.h"
 #include "vornutil/RefPtr.h"
@@ -52,7 +49,7 @@ public:
     class Lock {
     public:
         explicit Lock(EffectCacheFile& file)
-            : asOwner_(file.directory_.user), guard_(*file.mutex_, kWaitForever) {}
+            : asOwner_(file.shared_.Directory().user), guard_(file.shared_.Mutex(), kWaitForever) {}
 
         // True if the last holder may have died in the middle of a save.
         bool LastHolderDied() const { return guard_.WaitResult() == kWaitAbandoned; }
@@ -62,9 +59,7 @@ public:
         const AutoMutex guard_;
     };
 
-    // Finds the directory, and creates or opens the mutex and the stamp, but does not touch the
-    // file. All caches of a directory have the same mutex and stamp, whose names are those that the
-    // first one derived from its path. Throws Win32APICallFailedException, OutOfMemoryException.
+    // Does not touch the file. Throws Win32APICallFailedException, OutOfMemoryException.
     explicit EffectCacheFile(const CStr& directory);
 
     // False when the cache is inert.
@@ -104,18 +99,12 @@ private:
                       std::uint64_t budget);
     std::vector<PendingEffect*> ClaimStreams(const Lock& lock, EffectIndex& index,
                                              EffectQueue& queue);
-    void Store(const Lock& lock, EffectIndex& index, const PendingEffect& effect);
-    void Delete(const Lock& lock, EffectIndex& index, IndexEntry* entry);
     void Commit(const Lock& lock, EffectIndex& index);
     std::uint64_t JournalBytes(const EffectIndex& index) const;
     std::uint64_t SpaceBudget(std::uint64_t journalBytes) const;
 
-    const Platform::Directory directory_;
-    const CStr path_;                         // of the file; empty if it must not be used
+    SharedCache shared_;
     Util::RefPtr<PagedFilePackage> package_;  // null when the cache is inert
-    SharedName name_;                         // of the mutex and the stamp, for every spelling
-    std::optional<MutexObject> mutex_;
-    MultiProcessTimeStamp stamp_;
 };
 
 }  // namespace Quorvel

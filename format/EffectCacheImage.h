@@ -74,6 +74,10 @@ CacheHeader ReadCacheHeader(const Bytes& headerData);
 // The entries of an index stream, in its order. Throws FormatError if a reader must refuse it.
 std::vector<IndexEntry> ReadIndex(const Bytes& indexStream, std::uint64_t count);
 
+// The bytes of an effect. Throws FormatError if its stream can't be read or does not hold an effect
+// of that size.
+Bytes ReadEffect(const StreamReader& streams, const EffectRecord& record);
+
 // The effects in a cache file. If a name has two entries, the later one counts. Throws FormatError
 // if the cache or one of its effects can't be read.
 Effects ReadEffectCache(const PackageImage& image);
@@ -82,5 +86,6 @@ Effects ReadEffectCache(const PackageImage& image);
 // returns one line for each violation.
 std::vector<std::string> CheckEffectCache(const Bytes& file);
 std::vector<std::string> CheckEffectCache(const PackageImage& image);
+std::vector<std::string> CheckEffectCache(const PackageState& state, const FileSource& file);
 
 }  // namespace Quorvel::Format

@@ -15,5 +15,6 @@ std::vector<std::string> CheckPackage(const Bytes& file, std::uint64_t streamLim
 
 // The same for a file that has been parsed already.
 std::vector<std::string> CheckPackage(const PackageImage& image);
+std::vector<std::string> CheckPackage(const PackageState& state, std::uint64_t fileSize);
 
 }  // namespace Quorvel::Format

@@ -4,9 +4,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <vector>
 
 #include "format/Bytes.h"
+#include "format/FileSource.h"
 
 namespace Quorvel::Format {
 
@@ -60,9 +62,8 @@ struct Fragment {
     std::uint64_t length;
 };
 
-// A parsed package file: its bytes, and the records of its head file in the order of the file.
-struct PackageImage {
-    Bytes file;
+// What a package's head file says, its records in the order of the file.
+struct PackageState {
     std::uint64_t headPageCount = 0;  // both as stated in the header of the first page
     std::uint64_t headSize = 0;
     std::vector<HeadPage> headPages;  // those that a reader of the state enters
@@ -77,17 +78,26 @@ struct PackageImage {
     std::uint64_t Link(std::uint64_t page) const;
 };
 
+// A package file in memory.
+struct PackageImage : PackageState {
+    Bytes file;
+};
+
 // The maximum number of tail blocks, and the highest tail block id, under a stream limit.
 std::uint64_t TailBlockLimit(std::uint64_t streamLimit);
 
 // Parses a package file. Throws FormatError if a reader with this stream limit must refuse it. An
 // accepted file may still break rules for writers, which CheckPackage checks.
 PackageImage ReadPackage(Bytes file, std::uint64_t streamLimit = kHighestId);
+PackageState ReadPackageState(const FileSource& file, std::uint64_t streamLimit = kHighestId);
 
-// Reads the streams of an image, which must outlive it.
+// Reads the streams of a package. The arguments must outlive it.
 class StreamReader {
 public:
     explicit StreamReader(const PackageImage& image);
+    StreamReader(const PackageState& state, const FileSource& file);
+    StreamReader(const StreamReader&) = delete;
+    StreamReader& operator=(const StreamReader&) = delete;
 
     // The bytes of a stream. Throws FormatError if the stream is missing or empty, or if a reader
     // must refuse to open or to read it.
@@ -99,10 +109,13 @@ public:
 
 private:
     struct Piece;
+    void IndexRecords();
     std::vector<Piece> Pieces(std::uint64_t id) const;
     void AppendTail(const Fragment& fragment, std::vector<Piece>& pieces) const;
 
-    const PackageImage& image_;
+    const PackageState& state_;
+    std::optional<MemorySource> memory_;  // of an image
+    const FileSource& file_;
     std::map<std::uint64_t, const StreamRecord*> streams_;
     std::map<std::uint64_t, const Fragment*> fragments_;  // by stream
     std::map<std::uint64_t, const TailBlock*> blocks_;

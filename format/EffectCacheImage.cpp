@@ -51,25 +51,15 @@ std::uint64_t IndexSize(const std::vector<IndexEntry>& entries) {
     return size;
 }
 
-// The effect that a data stream holds.
-Bytes ReadEffect(const StreamReader& streams, const EffectRecord& record) {
-    const Bytes stream = streams.Read(record.streamId);
-    ByteReader reader(stream, "the data stream");
-    const std::uint64_t size = reader.TakeInteger(kLengthPrefixSize);
-    Require(size == record.size && size == reader.Left(),
-            "the data stream of " + std::to_string(stream.size()) + " bytes states a length of " +
-                std::to_string(size));
-    return reader.Take(size);
-}
-
 class EffectCacheChecker {
 public:
-    explicit EffectCacheChecker(const PackageImage& image) : image_(image) {}
+    EffectCacheChecker(const PackageState& state, const FileSource& file)
+        : state_(state), file_(file) {}
 
     std::vector<std::string> Run() {
-        problems_ = CheckPackage(image_);
+        problems_ = CheckPackage(state_, file_.Size());
         try {
-            const CacheHeader header = ReadCacheHeader(image_.headerData);
+            const CacheHeader header = ReadCacheHeader(state_.headerData);
             CheckIndex(header);
         } catch (const FormatError& error) {
             problems_.push_back(std::string("no intact effect cache: ") + error.what());
@@ -91,13 +81,14 @@ private:
     void CheckEffect(const StreamReader& streams, const IndexEntry& entry);
     void CheckOrphans();
 
-    const PackageImage& image_;
+    const PackageState& state_;
+    const FileSource& file_;
     std::set<std::uint64_t> used_;  // streams that the cache refers to
     std::vector<std::string> problems_;
 };
 
 void EffectCacheChecker::CheckIndex(const CacheHeader& header) {
-    const StreamReader streams(image_);
+    const StreamReader streams(state_, file_);
     const Bytes index = streams.Read(header.indexStream);
     const std::vector<IndexEntry> entries = ReadIndex(index, header.effectCount);
     used_.insert(header.indexStream);
@@ -126,7 +117,7 @@ void EffectCacheChecker::CheckEffect(const StreamReader& streams, const IndexEnt
 }
 
 void EffectCacheChecker::CheckOrphans() {
-    for (const StreamRecord& stream : image_.streams) {
+    for (const StreamRecord& stream : state_.streams) {
         Expect(used_.count(stream.id) != 0, "stream ", stream.id, " belongs to no effect");
     }
 }
@@ -174,6 +165,16 @@ std::vector<IndexEntry> ReadIndex(const Bytes& indexStream, std::uint64_t count)
     return entries;
 }
 
+Bytes ReadEffect(const StreamReader& streams, const EffectRecord& record) {
+    const Bytes stream = streams.Read(record.streamId);
+    ByteReader reader(stream, "the data stream");
+    const std::uint64_t size = reader.TakeInteger(kLengthPrefixSize);
+    Require(size == record.size && size == reader.Left(),
+            "the data stream of " + std::to_string(stream.size()) + " bytes states a length of " +
+                std::to_string(size));
+    return reader.Take(size);
+}
+
 Effects ReadEffectCache(const PackageImage& image) {
     const CacheHeader header = ReadCacheHeader(image.headerData);
     const StreamReader streams(image);
@@ -194,7 +195,11 @@ std::vector<std::string> CheckEffectCache(const Bytes& file) {
 }
 
 std::vector<std::string> CheckEffectCache(const PackageImage& image) {
-    return EffectCacheChecker(image).Run();
+    return CheckEffectCache(image, MemorySource(image.file));
+}
+
+std::vector<std::string> CheckEffectCache(const PackageState& state, const FileSource& file) {
+    return EffectCacheChecker(state, file).Run();
 }
 
 }  // namespace Quorvel::Format

@@ -24,7 +24,7 @@ bool IsReachableSize(std::uint64_t size) {
 // even if none of its bytes are needed.
 class HeadFileReader {
 public:
-    HeadFileReader(const Bytes& file, PackageImage& image);
+    HeadFileReader(const FileSource& file, PackageState& image);
 
     std::uint64_t ReadInteger() { return LoadInteger(Read(8), 0, 8); }
     Bytes Read(std::uint64_t size);
@@ -32,70 +32,72 @@ public:
 private:
     void EnterPage(std::uint64_t number);
 
-    const Bytes& file_;
-    PackageImage& image_;
-    std::uint64_t offset_ = 0;  // in the last page entered
+    const FileSource& file_;
+    PackageState& state_;
+    Bytes page_;                // the last page entered
+    std::uint64_t offset_ = 0;  // in that page
 };
 
-HeadFileReader::HeadFileReader(const Bytes& file, PackageImage& image)
-    : file_(file), image_(image) {
-    Require(file.size() >= kPageSize, "the file has no first page");
-    image.headPageCount = LoadInteger(file, 0, 8);
-    image.headSize = LoadInteger(file, 8, 8);
-    Require(image.headPageCount >= 1 && image.headPageCount <= kPageCountLimit,
-            "the head file has " + Number(image.headPageCount) + " pages");
-    Require(image.headSize <= image.headPageCount * kPageSize && IsReachableSize(image.headSize),
-            "the head file's size is " + Number(image.headSize) + " bytes");
+HeadFileReader::HeadFileReader(const FileSource& file, PackageState& state)
+    : file_(file), state_(state), page_(kPageSize) {
+    Require(file.Size() >= kPageSize, "the file has no first page");
+    file.Read(0, page_.data(), kPageSize);
+    state.headPageCount = LoadInteger(page_, 0, 8);
+    state.headSize = LoadInteger(page_, 8, 8);
+    Require(state.headPageCount >= 1 && state.headPageCount <= kPageCountLimit,
+            "the head file has " + Number(state.headPageCount) + " pages");
+    Require(state.headSize <= state.headPageCount * kPageSize && IsReachableSize(state.headSize),
+            "the head file's size is " + Number(state.headSize) + " bytes");
     EnterPage(kFirstPage);
 }
 
 void HeadFileReader::EnterPage(std::uint64_t number) {
     const std::string name = "head page " + Number(number);
-    for (const HeadPage& page : image_.headPages) {
+    for (const HeadPage& page : state_.headPages) {
         Require(page.number != number, name + " appears twice in the chain");
     }
     Require(IsPageNumber(number), name + " has an invalid number");
-    Require(PageOffset(number) + kPageSize <= file_.size(),
+    Require(PageOffset(number) + kPageSize <= file_.Size(),
             name + " lies past the end of the file");
 
-    const bool first = image_.headPages.empty();
-    const std::size_t links = PageOffset(number) + (first ? 16 : 0);
-    const HeadPage page{number, LoadInteger(file_, links, 8), LoadInteger(file_, links + 8, 8)};
+    file_.Read(PageOffset(number), page_.data(), kPageSize);
+    const bool first = state_.headPages.empty();
+    const std::size_t links = first ? 16 : 0;
+    const HeadPage page{number, LoadInteger(page_, links, 8), LoadInteger(page_, links + 8, 8)};
     offset_ = first ? kFirstHeadPageHeader : kHeadPageHeader;
     Require(page.dataEnd > offset_ && page.dataEnd <= kPageSize,
             name + "'s data ends at " + Number(page.dataEnd));
     Require(page.nextPage == 0 || page.dataEnd == kPageSize, name + " is neither full nor last");
-    image_.headPages.push_back(page);
+    state_.headPages.push_back(page);
 }
 
 Bytes HeadFileReader::Read(std::uint64_t size) {
     Bytes result;
     while (result.size() < size) {
-        const HeadPage page = image_.headPages.back();
+        const HeadPage page = state_.headPages.back();
         const std::uint64_t count = std::min(size - result.size(), page.dataEnd - offset_);
-        const auto from =
-            file_.begin() + static_cast<std::ptrdiff_t>(PageOffset(page.number) + offset_);
+        const auto from = page_.begin() + static_cast<std::ptrdiff_t>(offset_);
         result.insert(result.end(), from, from + static_cast<std::ptrdiff_t>(count));
         offset_ += count;
         if (offset_ < page.dataEnd) { break; }
-        if (image_.headPages.size() == image_.headPageCount) {
+        if (state_.headPages.size() == state_.headPageCount) {
             Require(result.size() == size, "the state ends early");
             break;
         }
         EnterPage(page.nextPage);
     }
-    image_.stateSize += size;
+    state_.stateSize += size;
     return result;
 }
 
-void ReadLinks(HeadFileReader& head, PackageImage& image) {
+void ReadLinks(HeadFileReader& head, PackageState& state) {
     const std::uint64_t count = head.ReadInteger();
     Require(count <= kPageCountLimit, "the link table has " + Number(count) + " entries");
     const Bytes table = head.Read(8 * count);
     std::vector<bool> follows(static_cast<std::size_t>(count));
     for (std::size_t i = 0; i < count; ++i) {
         const std::uint64_t link = LoadInteger(table, 8 * i, 8);
-        image.links.push_back(link);
+        state.links.push_back(link);
         if (IsPageNumber(link)) {
             const std::uint64_t index = link - kFirstPage;
             Require(index < count,
@@ -106,7 +108,7 @@ void ReadLinks(HeadFileReader& head, PackageImage& image) {
     }
 }
 
-void ReadDirectory(HeadFileReader& head, std::uint64_t limit, PackageImage& image) {
+void ReadDirectory(HeadFileReader& head, std::uint64_t limit, PackageState& state) {
     const std::uint64_t count = head.ReadInteger();
     Require(count <= limit, "there are " + Number(count) + " streams");
     std::set<std::uint64_t> ids;
@@ -121,11 +123,11 @@ void ReadDirectory(HeadFileReader& head, std::uint64_t limit, PackageImage& imag
         Require(ids.insert(stream.id).second, name + " appears twice");
         Require(stream.pageCount <= kPageCountLimit,
                 name + " has " + Number(stream.pageCount) + " whole pages");
-        image.streams.push_back(stream);
+        state.streams.push_back(stream);
     }
 }
 
-void ReadTailBlocks(HeadFileReader& head, std::uint64_t limit, PackageImage& image) {
+void ReadTailBlocks(HeadFileReader& head, std::uint64_t limit, PackageState& state) {
     const std::uint64_t count = head.ReadInteger();
     Require(count <= TailBlockLimit(limit), "there are " + Number(count) + " tail blocks");
     std::set<std::uint64_t> ids;
@@ -146,13 +148,13 @@ void ReadTailBlocks(HeadFileReader& head, std::uint64_t limit, PackageImage& ima
         for (std::uint64_t k = 0; k < streams; ++k) {
             block.streams.push_back(head.ReadInteger());
         }
-        image.blocks.push_back(block);
+        state.blocks.push_back(block);
     }
 }
 
-void ReadFragments(HeadFileReader& head, std::uint64_t limit, PackageImage& image) {
+void ReadFragments(HeadFileReader& head, std::uint64_t limit, PackageState& state) {
     std::set<std::uint64_t> blocks;
-    for (const TailBlock& block : image.blocks) {
+    for (const TailBlock& block : state.blocks) {
         blocks.insert(block.id);
     }
     const std::uint64_t count = head.ReadInteger();
@@ -173,13 +175,13 @@ void ReadFragments(HeadFileReader& head, std::uint64_t limit, PackageImage& imag
         Require(fragment.offset < kTailBlockSize, name + "begins at " + Number(fragment.offset));
         Require(fragment.length < kPageSize, name + "has " + Number(fragment.length) + " bytes");
         Require(ids.insert(fragment.streamId).second, name + "appears twice");
-        image.fragments.push_back(fragment);
+        state.fragments.push_back(fragment);
     }
 }
 
 }  // namespace
 
-std::uint64_t PackageImage::Link(std::uint64_t page) const {
+std::uint64_t PackageState::Link(std::uint64_t page) const {
     return page - kFirstPage < links.size() ? links[page - kFirstPage] : kFreePage;
 }
 
@@ -188,15 +190,20 @@ std::uint64_t TailBlockLimit(std::uint64_t streamLimit) {
 }
 
 PackageImage ReadPackage(Bytes file, std::uint64_t streamLimit) {
-    PackageImage image;
-    HeadFileReader head(file, image);
-    ReadLinks(head, image);
-    ReadDirectory(head, streamLimit, image);
-    ReadTailBlocks(head, streamLimit, image);
-    ReadFragments(head, streamLimit, image);
-    image.headerData = head.Read(head.ReadInteger());
+    PackageImage image{ReadPackageState(MemorySource(file), streamLimit), {}};
     image.file = std::move(file);
     return image;
+}
+
+PackageState ReadPackageState(const FileSource& file, std::uint64_t streamLimit) {
+    PackageState state;
+    HeadFileReader head(file, state);
+    ReadLinks(head, state);
+    ReadDirectory(head, streamLimit, state);
+    ReadTailBlocks(head, streamLimit, state);
+    ReadFragments(head, streamLimit, state);
+    state.headerData = head.Read(head.ReadInteger());
+    return state;
 }
 
 // A byte range of one page.
@@ -206,14 +213,24 @@ struct StreamReader::Piece {
     std::uint64_t size;
 };
 
-StreamReader::StreamReader(const PackageImage& image) : image_(image) {
-    for (const StreamRecord& stream : image.streams) {
+StreamReader::StreamReader(const PackageImage& image)
+    : state_(image), memory_(image.file), file_(*memory_) {
+    IndexRecords();
+}
+
+StreamReader::StreamReader(const PackageState& state, const FileSource& file)
+    : state_(state), file_(file) {
+    IndexRecords();
+}
+
+void StreamReader::IndexRecords() {
+    for (const StreamRecord& stream : state_.streams) {
         streams_[stream.id] = &stream;
     }
-    for (const Fragment& fragment : image.fragments) {
+    for (const Fragment& fragment : state_.fragments) {
         fragments_[fragment.streamId] = &fragment;
     }
-    for (const TailBlock& block : image.blocks) {
+    for (const TailBlock& block : state_.blocks) {
         blocks_[block.id] = &block;
     }
 }
@@ -235,9 +252,9 @@ std::vector<StreamReader::Piece> StreamReader::Pieces(std::uint64_t id) const {
     for (std::uint64_t i = 0; i < stream.pageCount; ++i) {
         Require(IsPageNumber(page), name + "'s chain of pages ends early");
         Require(i == 0 || page != stream.firstPage, name + "'s chain of pages has no end");
-        Require(image_.Link(page) != kFreePage, name + " has a free page");
+        Require(state_.Link(page) != kFreePage, name + " has a free page");
         pieces.push_back({page, 0, kPageSize});
-        page = image_.Link(page);
+        page = state_.Link(page);
     }
     if (fragment != fragments_.end()) { AppendTail(*fragment->second, pieces); }
     return pieces;
@@ -253,13 +270,18 @@ std::vector<std::uint64_t> StreamReader::Pages(std::uint64_t id) const {
 
 Bytes StreamReader::Read(std::uint64_t id) const {
     const std::string name = "stream " + Number(id);
-    Bytes content;
-    for (const Piece& piece : Pieces(id)) {
-        Require(PageOffset(piece.page) + kPageSize <= image_.file.size(),
+    const std::vector<Piece> pieces = Pieces(id);
+    std::uint64_t size = 0;
+    for (const Piece& piece : pieces) {
+        Require(PageOffset(piece.page) + kPageSize <= file_.Size(),
                 name + "'s page " + Number(piece.page) + " lies past the end of the file");
-        const auto from = image_.file.begin() +
-                          static_cast<std::ptrdiff_t>(PageOffset(piece.page) + piece.offset);
-        content.insert(content.end(), from, from + static_cast<std::ptrdiff_t>(piece.size));
+        size += piece.size;
+    }
+    Bytes content(static_cast<std::size_t>(size));
+    std::uint8_t* to = content.data();
+    for (const Piece& piece : pieces) {
+        file_.Read(PageOffset(piece.page) + piece.offset, to, piece.size);
+        to += piece.size;
     }
     return content;
 }
@@ -273,12 +295,12 @@ void StreamReader::AppendTail(const Fragment& fragment, std::vector<Piece>& piec
     const std::size_t slot = static_cast<std::size_t>(fragment.offset / kPageSize);
     const std::uint64_t offset = fragment.offset % kPageSize;
     const std::uint64_t here = std::min(fragment.length, kPageSize - offset);
-    Require(image_.Link(block.pages[slot]) != kFreePage, name + "lies in a free page");
+    Require(state_.Link(block.pages[slot]) != kFreePage, name + "lies in a free page");
     pieces.push_back({block.pages[slot], offset, here});
     if (here < fragment.length) {
-        Require(image_.Link(block.pages[slot]) == block.pages[slot + 1],
+        Require(state_.Link(block.pages[slot]) == block.pages[slot + 1],
                 name + "crosses to a page that does not follow");
-        Require(image_.Link(block.pages[slot + 1]) != kFreePage, name + "ends in a free page");
+        Require(state_.Link(block.pages[slot + 1]) != kFreePage, name + "ends in a free page");
         pieces.push_back({block.pages[slot + 1], 0, fragment.length - here});
     }
 }

@@ -9,7 +9,8 @@ namespace {
 
 class PackageChecker {
 public:
-    explicit PackageChecker(const PackageImage& image) : image_(image) {}
+    PackageChecker(const PackageState& state, std::uint64_t fileSize)
+        : state_(state), fileSize_(fileSize) {}
 
     std::vector<std::string> Run() {
         IndexRecords();
@@ -44,7 +45,8 @@ private:
     // Makes a chain of count pages belong to an owner, and checks that it ends there.
     void OwnChain(std::uint64_t first, std::uint64_t count, const std::string& owner);
 
-    const PackageImage& image_;
+    const PackageState& state_;
+    const std::uint64_t fileSize_;
     std::map<std::uint64_t, const StreamRecord*> streams_;
     std::map<std::uint64_t, const TailBlock*> blocks_;
     std::map<std::uint64_t, const Fragment*> fragments_;  // by stream
@@ -61,23 +63,23 @@ std::string BlockName(std::uint64_t id) {
 }
 
 void PackageChecker::IndexRecords() {
-    for (const StreamRecord& stream : image_.streams) {
+    for (const StreamRecord& stream : state_.streams) {
         streams_[stream.id] = &stream;
     }
-    for (const TailBlock& block : image_.blocks) {
+    for (const TailBlock& block : state_.blocks) {
         blocks_[block.id] = &block;
     }
-    for (const Fragment& fragment : image_.fragments) {
+    for (const Fragment& fragment : state_.fragments) {
         fragments_[fragment.streamId] = &fragment;
     }
 }
 
 void PackageChecker::CheckHeadFile() {
-    const std::vector<HeadPage>& pages = image_.headPages;
-    Expect(pages.size() == image_.headPageCount, "the head file claims ", image_.headPageCount,
+    const std::vector<HeadPage>& pages = state_.headPages;
+    Expect(pages.size() == state_.headPageCount, "the head file claims ", state_.headPageCount,
            " pages; its state takes up ", pages.size());
-    Expect(image_.stateSize == image_.headSize, "the head file claims ", image_.headSize,
-           " bytes; its state takes up ", image_.stateSize);
+    Expect(state_.stateSize == state_.headSize, "the head file claims ", state_.headSize,
+           " bytes; its state takes up ", state_.stateSize);
     Expect(pages.back().nextPage == 0, "head page ", pages.back().number,
            " is the last, but names page ", pages.back().nextPage, " as the next");
 
@@ -85,21 +87,21 @@ void PackageChecker::CheckHeadFile() {
     for (std::size_t i = 1; i < pages.size(); ++i) {
         held += pages[i].dataEnd - kHeadPageHeader;
     }
-    Expect(held == image_.headSize, "the head file claims ", image_.headSize,
+    Expect(held == state_.headSize, "the head file claims ", state_.headSize,
            " bytes; its pages hold ", held);
     for (const HeadPage& page : pages) {
-        Expect(image_.Link(page.number) == page.nextPage, "head page ", page.number, " names page ",
-               page.nextPage, " as the next; its link is ", image_.Link(page.number));
+        Expect(state_.Link(page.number) == page.nextPage, "head page ", page.number, " names page ",
+               page.nextPage, " as the next; its link is ", state_.Link(page.number));
         Own(page.number, "the head file");
     }
 }
 
 void PackageChecker::CheckLinks() {
-    for (std::size_t i = 0; i < image_.links.size(); ++i) {
-        const std::uint64_t link = image_.links[i];
+    for (std::size_t i = 0; i < state_.links.size(); ++i) {
+        const std::uint64_t link = state_.links[i];
         const std::uint64_t page = i + kFirstPage;
         if (IsPageNumber(link)) {
-            Expect(image_.Link(link) != kFreePage, "page ", page, " links to the free page ", link);
+            Expect(state_.Link(link) != kFreePage, "page ", page, " links to the free page ", link);
         } else {
             Expect(link == kChainEnd || link == kFreePage, "page ", page, " has the link ", link);
         }
@@ -107,7 +109,7 @@ void PackageChecker::CheckLinks() {
 }
 
 void PackageChecker::CheckStreams() {
-    for (const StreamRecord& stream : image_.streams) {
+    for (const StreamRecord& stream : state_.streams) {
         const std::string name = StreamName(stream.id);
         Expect(stream.pageCount == stream.size / kPageSize, name, " of ", stream.size,
                " bytes has ", stream.pageCount, " whole pages");
@@ -122,7 +124,7 @@ void PackageChecker::CheckStreams() {
 }
 
 void PackageChecker::CheckTailBlocks() {
-    for (const TailBlock& block : image_.blocks) {
+    for (const TailBlock& block : state_.blocks) {
         const std::string name = BlockName(block.id);
         std::uint64_t end = 0;
         for (std::size_t i = 0; i < block.streams.size(); ++i) {
@@ -144,14 +146,14 @@ void PackageChecker::CheckTailBlocks() {
 
         OwnChain(block.pages[0], kTailBlockPages, name);
         for (std::size_t i = 0; i + 1 < kTailBlockPages; ++i) {
-            Expect(image_.Link(block.pages[i]) == block.pages[i + 1], name, "'s page ",
+            Expect(state_.Link(block.pages[i]) == block.pages[i + 1], name, "'s page ",
                    block.pages[i + 1], " does not follow its page ", block.pages[i]);
         }
     }
 }
 
 void PackageChecker::CheckFragments() {
-    for (const Fragment& fragment : image_.fragments) {
+    for (const Fragment& fragment : state_.fragments) {
         const std::string name = StreamName(fragment.streamId);
         Expect(streams_.count(fragment.streamId) != 0, "there is a fragment of ", name,
                ", but no such stream");
@@ -165,8 +167,8 @@ void PackageChecker::CheckFragments() {
 void PackageChecker::Own(std::uint64_t page, const std::string& owner) {
     const auto [previous, isNew] = owners_.emplace(page, owner);
     Expect(isNew, "page ", page, " belongs to ", previous->second, " and to ", owner);
-    Expect(image_.Link(page) != kFreePage, "page ", page, " of ", owner, " is free");
-    Expect(PageOffset(page) + kPageSize <= image_.file.size(), "page ", page, " of ", owner,
+    Expect(state_.Link(page) != kFreePage, "page ", page, " of ", owner, " is free");
+    Expect(PageOffset(page) + kPageSize <= fileSize_, "page ", page, " of ", owner,
            " lies past the end of the file");
 }
 
@@ -179,16 +181,16 @@ void PackageChecker::OwnChain(std::uint64_t first, std::uint64_t count, const st
         }
         Own(page, owner);
         if (owners_.at(page) != owner) { return; }
-        page = image_.Link(page);
+        page = state_.Link(page);
     }
     Expect(count == 0 || page == kChainEnd, owner,
            "'s chain does not end, but continues with page ", page);
 }
 
 void PackageChecker::CheckOwners() {
-    for (std::size_t i = 0; i < image_.links.size(); ++i) {
+    for (std::size_t i = 0; i < state_.links.size(); ++i) {
         const std::uint64_t page = i + kFirstPage;
-        Expect(image_.links[i] == kFreePage || owners_.count(page) != 0, "page ", page,
+        Expect(state_.links[i] == kFreePage || owners_.count(page) != 0, "page ", page,
                " is in use, but belongs to nothing");
     }
 }
@@ -204,7 +206,11 @@ std::vector<std::string> CheckPackage(const Bytes& file, std::uint64_t streamLim
 }
 
 std::vector<std::string> CheckPackage(const PackageImage& image) {
-    return PackageChecker(image).Run();
+    return CheckPackage(image, image.file.size());
+}
+
+std::vector<std::string> CheckPackage(const PackageState& state, std::uint64_t fileSize) {
+    return PackageChecker(state, fileSize).Run();
 }
 
 }  // namespace Quorvel::Format

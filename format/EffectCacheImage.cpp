@@ -1,8 +1,11 @@
 #include "format/EffectCacheImage.h"
 
+#include <algorithm>
 #include <optional>
 #include <set>
 #include <sstream>
+#include <unordered_map>
+#include <utility>
 
 #include "format/PackageCheck.h"
 
@@ -163,6 +166,30 @@ std::vector<IndexEntry> ReadIndex(const Bytes& indexStream, std::uint64_t count)
         entries.push_back(entry);
     }
     return entries;
+}
+
+std::vector<IndexEntry> FindableEntries(const PackageState& state, std::uint64_t indexStream,
+                                        std::vector<IndexEntry> entries) {
+    std::unordered_map<std::uint64_t, unsigned> namings;
+    for (const StreamRecord& stream : state.streams) {
+        namings[stream.id] = stream.id == indexStream ? 1 : 0;
+    }
+    for (const IndexEntry& entry : entries) {
+        const auto naming = namings.find(entry.record.streamId);
+        if (naming != namings.end()) { ++naming->second; }
+    }
+    std::stable_sort(entries.begin(), entries.end(), [](const auto& left, const auto& right) {
+        return NameOrder()(left.name, right.name);
+    });
+    std::vector<IndexEntry> found;
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        if (i + 1 < entries.size() && entries[i].name == entries[i + 1].name) { continue; }
+        const auto naming = namings.find(entries[i].record.streamId);
+        if (naming != namings.end() && naming->second == 1) {
+            found.push_back(std::move(entries[i]));
+        }
+    }
+    return found;
 }
 
 Bytes ReadEffect(const StreamReader& streams, const EffectRecord& record) {

@@ -74,6 +74,11 @@ CacheHeader ReadCacheHeader(const Bytes& headerData);
 // The entries of an index stream, in its order. Throws FormatError if a reader must refuse it.
 std::vector<IndexEntry> ReadIndex(const Bytes& indexStream, std::uint64_t count);
 
+// The entries that a search may find, ordered by name: of several entries with one name the last,
+// and none whose stream is missing, holds the index, or has another entry.
+std::vector<IndexEntry> FindableEntries(const PackageState& state, std::uint64_t indexStream,
+                                        std::vector<IndexEntry> entries);
+
 // The bytes of an effect. Throws FormatError if its stream can't be read or does not hold an effect
 // of that size.
 Bytes ReadEffect(const StreamReader& streams, const EffectRecord& record);

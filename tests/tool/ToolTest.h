@@ -1,0 +1,68 @@
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "format/EffectCacheWriter.h"
+#include "support/TemporaryDirectory.h"
+#include "tools/quorvel/Program.h"
+#include "tools/quorvel/Session.h"
+
+namespace Quorvel::Tool {
+
+// Runs the program, on a cache directory of its own.
+class ToolTest : public testing::Test {
+protected:
+    // The exit code. The output is then in out_ and err_.
+    int Run(const std::vector<std::string>& arguments, const std::string& input = "") {
+        std::vector<const char*> argv = {"quorvel"};
+        for (const std::string& argument : arguments) {
+            argv.push_back(argument.c_str());
+        }
+        std::istringstream in(input);
+        std::ostringstream out;
+        std::ostringstream err;
+        const int result = RunProgram(static_cast<int>(argv.size()), argv.data(), {in, out, err});
+        out_ = out.str();
+        err_ = err.str();
+        return result;
+    }
+
+    // Runs a command that must print one JSON value.
+    Json RunJson(std::vector<std::string> arguments) {
+        arguments.push_back("--json");
+        EXPECT_EQ(Run(arguments), kDone) << err_;
+        return Json::parse(out_);
+    }
+
+    std::string File(const std::string& name) const { return directory_.File(name); }
+
+    // The cache's file, and its content.
+    std::string CacheFile() const { return File("vornFxoCache.dat"); }
+    Format::Bytes FileBytes() const { return Format::ReadWholeFile(CacheFile()); }
+
+    // Replaces the cache by one with these effects.
+    void MakeCache(const std::vector<Format::NewEffect>& effects) const {
+        Format::WriteWholeFile(CacheFile(), Format::WriteEffectCache(effects));
+    }
+
+    // "a" (1 byte), "bb" (permanent, 2 bytes) and a name with odd bytes (10,000 bytes), used in
+    // this order.
+    static std::vector<Format::NewEffect> ThreeEffects() {
+        return {{"a", {1}, false, {2001, 2, 3, 4, 5, 6, 7}},
+                {"bb", {2, 2}, true, {2002, 2, 3, 4, 5, 6, 7}},
+                {"tab\there\\\xFF", Format::Bytes(10000, 3), false, {2003, 2, 3, 4, 5, 6, 7}}};
+    }
+
+    const Testing::TemporaryDirectory directory_;
+    const std::string cache_ = directory_.Path();
+    std::string out_;
+    std::string err_;
+};
+
+}  // namespace Quorvel::Tool

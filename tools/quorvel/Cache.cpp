@@ -1,0 +1,209 @@
+#include "tools/quorvel/Cache.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <utility>
+
+#include "pagestore/RollbackJournal.h"
+#include "quorvel/Exceptions.h"
+#include "tools/quorvel/Text.h"
+
+namespace Quorvel::Tool {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::uint64_t kPieceSize = 4 << 20;
+
+std::string JoinFile(const std::string& directory) {
+    return (fs::path(directory) / kCacheFileName).string();
+}
+
+// The directory to open as a host would; nothing for a file of another name.
+std::optional<std::string> SharedDirectory(const std::string& argument) {
+    if (fs::is_directory(argument)) { return argument; }
+    const fs::path path(argument);
+    if (path.filename() != kCacheFileName) { return std::nullopt; }
+    return path.has_parent_path() ? path.parent_path().string() : ".";
+}
+
+}  // namespace
+
+Cache::Cache(const Session& session, const std::string& argument)
+    : name_(argument), path_(argument), offline_(session.offline), timeout_(session.timeout) {
+    std::error_code error;
+    const fs::file_status status = fs::status(argument, error);
+    if (!fs::exists(status)) {
+        const bool isMissing = status.type() == fs::file_type::not_found;
+        throw Failure(
+            fmt::format("{}: {}", argument,
+                        isMissing ? "no such file or directory; give a cache directory or a file"
+                                  : error.message()),
+            isMissing ? kNo : kFailed);
+    }
+    if (!fs::is_directory(status) && !fs::is_regular_file(status)) {
+        throw Failure(argument + ": neither a directory nor a file");
+    }
+    if (fs::is_directory(status)) { path_ = JoinFile(argument); }
+    if (offline_) { return; }
+    const std::optional<std::string> directory = SharedDirectory(argument);
+    if (!directory) { return; }
+    try {
+        shared_ = std::make_unique<SharedCache>(directory->c_str());
+    } catch (const Win32APICallFailedException& failure) {
+        throw Failure(
+            fmt::format("{}: the cache's lock can't be opened (system error {}); "
+                        "--offline reads without it",
+                        argument, failure.errorCode));
+    }
+    if (shared_->Path().Length() == 0) {
+        throw Failure(
+            argument +
+            ": the directory or its cache file belongs to another user, so caches of this "
+            "user don't use it; run this as that user, or read it with --offline");
+    }
+    path_ = shared_->Path().data();
+}
+
+bool Cache::Exists() const {
+    std::error_code ignored;
+    return fs::exists(path_, ignored);
+}
+
+bool Cache::HasChanged() {
+    return shared_ && shared_->Stamp().IsChanged();
+}
+
+void Cache::TellOthers() {
+    if (shared_) { shared_->Stamp().UpdateTimeStamp(); }
+}
+
+Cache::Lock::Lock(Cache& cache) : cache_(cache) {
+    if (cache.offline_) { return; }
+    std::uint32_t result = kWaitAcquired;
+    if (cache.shared_) {
+        asOwner_.emplace(cache.shared_->Directory().user);
+        result = cache.shared_->Mutex().Acquire(cache.timeout_ * 1000);
+        if (result == kWaitTimedOut) {
+            throw Failure(
+                fmt::format("{}: another process has held the cache's lock for {}; wait "
+                            "longer with --timeout, or read with --offline",
+                            cache.name_, Count(cache.timeout_, "second")));
+        }
+        mutex_ = &cache.shared_->Mutex();
+    }
+    try {
+        RollbackJournal::Recover(cache.path_.c_str());
+        // The last holder may have died between the end of its save and its stamp.
+        if (result == kWaitAbandoned) { cache.TellOthers(); }
+    } catch (const std::exception& error) {
+        cache.TellOthers();
+        if (mutex_) { mutex_->Release(); }
+        const auto* const failure = dynamic_cast<const FileIOException*>(&error);
+        throw Failure(fmt::format(
+            "{}: an interrupted save can't be undone: {}; the journal stays for the next try",
+            cache.path_,
+            failure ? std::strerror(static_cast<int>(failure->errorCode)) : error.what()));
+    }
+}
+
+Cache::Lock::~Lock() {
+    if (mutex_) { mutex_->Release(); }
+}
+
+// ---- Reading ------------------------------------------------------------------------------------
+
+Snapshot::Snapshot(const Cache& cache, const Cache::Lock& /*lock*/) : file_(cache.Path()) {
+    // Plain packages may have more streams than a cache.
+    state_ = Format::ReadPackageState(file_);
+    streams_.emplace(state_, file_);
+    holdsEffects_ = Format::HoldsEffectCache(state_.headerData);
+    if (!holdsEffects_) { return; }
+    header_ = Format::ReadCacheHeader(state_.headerData);
+    effects_ = Format::FindableEntries(
+        state_, header_.indexStream,
+        Format::ReadIndex(streams_->Read(header_.indexStream), header_.effectCount));
+}
+
+const Format::IndexEntry* Snapshot::Find(const std::string& name) const {
+    const auto found = std::lower_bound(
+        effects_.begin(), effects_.end(), name,
+        [](const auto& entry, const auto& key) { return Format::NameOrder()(entry.name, key); });
+    return found != effects_.end() && found->name == name ? &*found : nullptr;
+}
+
+Format::Bytes Snapshot::Read(const Format::IndexEntry& effect) const {
+    return Format::ReadEffect(*streams_, effect.record);
+}
+
+std::unique_ptr<Snapshot> ReadPackage(Cache& cache, const Cache::Lock& lock) {
+    if (!cache.Exists()) {
+        throw Failure(
+            fmt::format("{}: there is no {} in the directory", cache.Name(), kCacheFileName), kNo);
+    }
+    try {
+        cache.HasChanged();  // from here on, only later changes count
+        return std::make_unique<Snapshot>(cache, lock);
+    } catch (const Format::FormatError& error) {
+        std::string advice = "\"quorvel check\" says more, \"quorvel salvage\" saves what is left";
+        std::error_code ignored;
+        if (cache.IsOffline() && fs::exists(cache.Path() + "-journal", ignored)) {
+            advice = "a save was interrupted; without --offline, it is undone first";
+        }
+        throw Failure(fmt::format("{}: damaged: {}; {}", cache.Path(), error.what(), advice), kNo);
+    } catch (const std::runtime_error& error) { throw Failure(error.what()); }
+}
+
+std::unique_ptr<Snapshot> ReadCache(Cache& cache, const Cache::Lock& lock) {
+    std::unique_ptr<Snapshot> snapshot = ReadPackage(cache, lock);
+    if (!snapshot->HoldsEffects()) {
+        throw Failure(cache.Path() + ": a package without an effect cache", kNo);
+    }
+    return snapshot;
+}
+
+void ForEachEffect(Cache& cache, const std::function<bool(const Format::IndexEntry&)>& select,
+                   const std::function<void(const EffectBytes&)>& use,
+                   const std::function<void(const Format::IndexEntry&, const std::string&)>& skip) {
+    std::unique_ptr<Snapshot> snapshot;
+    std::string last;  // the effects up to this name are done; no name is empty
+    for (bool isDone = false; !isDone;) {
+        StopIfAsked();
+        std::vector<EffectBytes> piece;
+        std::vector<std::pair<Format::IndexEntry, std::string>> skipped;
+        {
+            const Cache::Lock lock(cache);
+            if (!snapshot || cache.HasChanged()) { snapshot = ReadCache(cache, lock); }
+            const std::vector<Format::IndexEntry>& effects = snapshot->Effects();
+            auto next = std::upper_bound(effects.begin(), effects.end(), last,
+                                         [](const auto& key, const auto& entry) {
+                                             return Format::NameOrder()(key, entry.name);
+                                         });
+            std::uint64_t bytes = 0;
+            for (; next != effects.end() && bytes < kPieceSize; ++next) {
+                last = next->name;
+                if (!select(*next)) { continue; }
+                try {
+                    piece.push_back({*next, snapshot->Read(*next)});
+                    bytes += next->record.size;
+                } catch (const Format::FormatError& error) {
+                    skipped.emplace_back(*next, error.what());
+                }
+            }
+            isDone = next == effects.end();
+        }
+        for (const auto& [entry, why] : skipped) {
+            skip(entry, why);
+        }
+        for (const EffectBytes& effect : piece) {
+            use(effect);
+        }
+    }
+}
+
+}  // namespace Quorvel::Tool

@@ -1,0 +1,173 @@
+#include "tools/quorvel/CacheEditor.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <new>
+
+#include "effectcache/SharedCache.h"
+#include "effectcache/StoredEffect.h"
+#include "effectcache/StreamHelpers.h"
+#include "platform/DiskSpace.h"
+#include "quorvel/Exceptions.h"
+#include "tools/quorvel/Text.h"
+
+namespace Quorvel::Tool {
+
+namespace {
+
+EffectKey KeyOf(const std::string& name) {
+    return {reinterpret_cast<const unsigned char*>(name.data()), name.size()};
+}
+
+// What a failed step of the package means to a user.
+std::string Reason(const std::exception& error) {
+    if (const auto* const failure = dynamic_cast<const FileIOException*>(&error)) {
+        if (failure->errorCode == ENOSPC) {
+            return "the volume is full; make room on it, or remove effects with \"quorvel prune\"";
+        }
+        if (failure->errorCode != 0) { return std::strerror(static_cast<int>(failure->errorCode)); }
+        return "a transfer ended early";
+    }
+    if (dynamic_cast<const FileDataCorruptException*>(&error)) {
+        return "the file is damaged; \"quorvel check\" says more";
+    }
+    if (dynamic_cast<const OutOfMemoryException*>(&error) ||
+        dynamic_cast<const std::bad_alloc*>(&error)) {
+        return "not enough memory";
+    }
+    return error.what();
+}
+
+}  // namespace
+
+EntryTime ToRecord(const Format::EntryTime& time) {
+    return {time.year, time.month, time.day, time.hour, time.minute, time.second, time.millisecond};
+}
+
+std::string DescribeFailure(const std::string& path, const std::exception& error) {
+    return fmt::format("{}: nothing was changed: {}", path, Reason(error));
+}
+
+template <typename Step>
+auto CacheEditor::Try(const Step& step) {
+    try {
+        return step();
+    } catch (const Failure&) { throw; } catch (const std::exception& error) {
+        throw Failure(DescribeFailure(cache_.Path(), error));
+    }
+}
+
+CacheEditor::CacheEditor(Cache& cache, const Cache::Lock& /*lock*/, Missing missing)
+    : cache_(cache), path_(cache.Path().c_str()) {
+    Open(missing);
+}
+
+void CacheEditor::Open(Missing missing) {
+    const PagedFilePackageConfig config = CachePackageConfig(path_);
+    if (cache_.Exists()) {
+        package_ = PagedFilePackage::Open(config);
+        if (package_ && Try([&] { return index_.Load(*package_); })) { return; }
+        throw Failure(cache_.Path() +
+                          ": no cache that can be changed: it is damaged, holds no effects, or "
+                          "can't be read and written; \"quorvel check\" says more",
+                      kNo);
+    }
+    if (missing == Missing::Refuse) {
+        throw Failure(
+            fmt::format("{}: there is no {} in the directory", cache_.Name(), kCacheFileName), kNo);
+    }
+    Try([&] {
+        package_ = Util::RefPtr<PagedFilePackage>(new PagedFilePackage(config));
+        package_->Create();
+        cache_.TellOthers();
+        index_.Start(*package_);
+        package_->Commit();
+    });
+}
+
+CacheEditor::~CacheEditor() {
+    try {
+        package_->Rollback();
+    } catch (const std::exception&) {
+        // The journal stays, and the next process that opens or reloads the file tries again.
+        cache_.TellOthers();
+    }
+}
+
+// Spare pages keep the journal small. A file that can't grow does without them.
+void CacheEditor::Begin() {
+    if (package_->HasChanges()) { return; }
+    package_->BeginSave();
+    package_->ReservePages(index_.TotalBytes() / kPageSize + package_->HeadPageCount() +
+                           kMoreSparePages);
+}
+
+IndexEntry* CacheEditor::Find(const std::string& name) const {
+    const EffectKey key = KeyOf(name);
+    return index_.Find(key, key.Hash());
+}
+
+void CacheEditor::Store(const std::string& name, const Format::Bytes& data, bool permanent,
+                        const Format::EntryTime& time) {
+    const EffectKey key = KeyOf(name);
+    Try([&] {
+        Begin();
+        StoreEffect(*package_, index_, key, key.Hash(), data, permanent ? 1 : 0, ToRecord(time));
+    });
+}
+
+void CacheEditor::Remove(IndexEntry* entry) {
+    Try([&] {
+        Begin();
+        DeleteEffect(*package_, index_, entry);
+    });
+}
+
+void CacheEditor::SetPermanent(IndexEntry* entry, bool permanent) {
+    Try([&] { Begin(); });
+    entry->record.permanent = permanent ? 1 : 0;
+}
+
+std::uint64_t CacheEditor::Capacity() const {
+    std::uint64_t available = kLargestSpaceBudget;
+    const std::string directory = std::filesystem::absolute(cache_.Path()).parent_path().string();
+    if (!Platform::GetFreeDiskSpace(directory.c_str(), available)) { return kLargestSpaceBudget; }
+    return std::min(available, kLargestSpaceBudget);
+}
+
+std::uint64_t CacheEditor::EffectSize(std::uint64_t nameLength, std::uint64_t size) {
+    return IndexEntrySize(nameLength) + SerializedSize(size);
+}
+
+void CacheEditor::MakeRoom(std::uint64_t effects, std::uint64_t bytes) {
+    const std::uint64_t capacity = Capacity();
+    const auto fits = [&] {
+        return package_->GetTotalDataSize() + bytes < capacity &&
+               package_->GetNumberOfDataStreams() + effects <= kStreamLimit;
+    };
+    if (fits()) { return; }
+    for (IndexEntry* const entry : index_.EvictionOrder()) {
+        Remove(entry);
+        if (fits()) { return; }
+    }
+    throw Failure(
+        fmt::format("{}: {} of {} don't fit beside the permanent effects; the cache may "
+                    "take {} and hold {}",
+                    cache_.Path(), Count(effects, "effect"), Size(bytes), Size(capacity),
+                    Count(kStreamLimit - 1, "effect")));
+}
+
+void CacheEditor::Commit() {
+    if (!package_->HasChanges()) { return; }
+    Try([&] {
+        index_.Write(*package_);
+        package_->Commit();
+    });
+    cache_.TellOthers();
+}
+
+}  // namespace Quorvel::Tool

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <cstdint>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "effectcache/EffectIndex.h"
+#include "format/EffectCacheImage.h"
+#include "package/PagedFilePackage.h"
+#include "tools/quorvel/Cache.h"
+#include "vornutil/CStr.h"
+#include "vornutil/RefPtr.h"
+
+namespace Quorvel::Tool {
+
+// A message for a change of a file that failed: "<path>: nothing was changed: <reason>".
+std::string DescribeFailure(const std::string& path, const std::exception& error);
+
+// The same moment, as the library stores it.
+EntryTime ToRecord(const Format::EntryTime& time);
+
+// Changes the effects of a cache: all changes between the constructor and Commit, or none. Whatever
+// goes wrong becomes a Failure that names the file.
+class CacheEditor {
+public:
+    enum class Missing { Refuse, Create };
+
+    // Opens the cache, or makes an empty one if the file is missing. Changes nothing else. Throws
+    // Failure, with the exit code kNo if the file is missing or damaged. The arguments must outlive
+    // the editor.
+    CacheEditor(Cache& cache, const Cache::Lock& lock, Missing missing);
+    CacheEditor(const CacheEditor&) = delete;
+    CacheEditor& operator=(const CacheEditor&) = delete;
+
+    // Undoes what was not committed.
+    ~CacheEditor();
+
+    // The effects, ordered by name. Valid until the next change.
+    const std::vector<IndexEntry*>& Effects() { return index_.Entries(); }
+
+    // The entry of a name; null if there is none. Valid until the next change.
+    IndexEntry* Find(const std::string& name) const;
+
+    // Adds an effect, replacing the one that had the name.
+    void Store(const std::string& name, const Format::Bytes& data, bool permanent,
+               const Format::EntryTime& time);
+
+    void Remove(IndexEntry* entry);
+    void SetPermanent(IndexEntry* entry, bool permanent);
+
+    // Evicts effects, least recently used first, until new ones of that number and total size fit.
+    // Throws Failure if permanent ones leave too little room.
+    void MakeRoom(std::uint64_t effects, std::uint64_t bytes);
+
+    // How many effects the cache can hold, and how many bytes, each effect taking EffectSize.
+    std::uint64_t Capacity() const;
+    static std::uint64_t EffectSize(std::uint64_t nameLength, std::uint64_t size);
+
+    // Writes the changes, if there are any, and tells the other processes. The editor must not be
+    // used afterwards.
+    void Commit();
+
+private:
+    template <typename Step>
+    auto Try(const Step& step);
+    void Open(Missing missing);
+    void Begin();
+
+    Cache& cache_;
+    const CStr path_;
+    Util::RefPtr<PagedFilePackage> package_;
+    EffectIndex index_;
+};
+
+}  // namespace Quorvel::Tool

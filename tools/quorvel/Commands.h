@@ -1,0 +1,18 @@
+#pragma once
+
+#include "tools/quorvel/Session.h"
+
+// One function for each command: adds it to the program. The session must outlive the program.
+namespace Quorvel::Tool {
+
+void AddInfo(CLI::App& program, Session& session);
+void AddList(CLI::App& program, Session& session);
+void AddGet(CLI::App& program, Session& session);
+void AddPut(CLI::App& program, Session& session);
+void AddRemove(CLI::App& program, Session& session);
+void AddSet(CLI::App& program, Session& session);
+void AddPrune(CLI::App& program, Session& session);
+void AddCompact(CLI::App& program, Session& session);
+void AddClear(CLI::App& program, Session& session);
+
+}  // namespace Quorvel::Tool

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstdint>
+
+#include "tools/quorvel/Cache.h"
+
+namespace Quorvel::Tool {
+
+struct CompactionResult {
+    std::uint64_t effects = 0;  // kept
+    std::uint64_t damaged = 0;  // left out, because their bytes were not intact
+    std::uint64_t sizeBefore = 0;
+    std::uint64_t sizeAfter = 0;
+};
+
+enum class Keep { Everything, Nothing };
+
+// Replaces a cache's file, in place, by one that holds the same effects and nothing else, or by an
+// empty one. If the process dies, the file holds the old state or the new one, perhaps with unused
+// pages at its end. The new file is prepared in "<path>-compact", and the old pages are kept in the
+// journal meanwhile, so the volume must have room for both. With Keep::Nothing the old file may be
+// damaged. Throws Failure.
+CompactionResult Compact(Cache& cache, const Cache::Lock& lock, Keep keep);
+
+}  // namespace Quorvel::Tool

@@ -1,0 +1,63 @@
+#include <fmt/format.h>
+
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include "tools/quorvel/Cache.h"
+#include "tools/quorvel/Commands.h"
+#include "tools/quorvel/Text.h"
+
+namespace Quorvel::Tool {
+namespace {
+
+struct GetOptions {
+    std::string cache;
+    std::string name;
+    std::string output;
+};
+
+Format::Bytes ReadEffect(const GetOptions& options, Session& session) {
+    Cache cache(session, options.cache);
+    const Cache::Lock lock(cache);
+    const std::unique_ptr<Snapshot> snapshot = ReadCache(cache, lock);
+    const Format::IndexEntry* const effect = snapshot->Find(options.name);
+    if (!effect) {
+        throw Failure(
+            fmt::format("{}: no effect is called \"{}\"; \"quorvel list\" shows the names",
+                        cache.Name(), Escape(options.name)),
+            kNo);
+    }
+    try {
+        return snapshot->Read(*effect);
+    } catch (const Format::FormatError& error) {
+        throw Failure(fmt::format("{}: \"{}\" is damaged: {}", cache.Path(), Escape(options.name),
+                                  error.what()),
+                      kNo);
+    }
+}
+
+void Get(const GetOptions& options, Session& session) {
+    const Format::Bytes bytes = ReadEffect(options, session);
+    if (options.output.empty() || options.output == "-") {
+        session.out.write(reinterpret_cast<const char*>(bytes.data()),
+                          static_cast<std::streamsize>(bytes.size()));
+    } else {
+        Format::WriteWholeFile(options.output, bytes);
+    }
+}
+
+}  // namespace
+
+void AddGet(CLI::App& program, Session& session) {
+    const auto options = std::make_shared<GetOptions>();
+    Command command = AddCommand(program, session, "get", "Writes the bytes of an effect",
+                                 [options, &session] { Get(*options, session); });
+    command.AddReading();
+    command.AddCache(options->cache);
+    command.app->add_option("NAME", options->name, "the effect's name")->required();
+    command.app->add_option("-o,--output", options->output,
+                            "the file to write; standard output if it is left out");
+}
+
+}  // namespace Quorvel::Tool

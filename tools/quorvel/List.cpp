@@ -1,0 +1,115 @@
+#include <algorithm>
+#include <cstdint>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "tools/quorvel/Cache.h"
+#include "tools/quorvel/Commands.h"
+#include "tools/quorvel/Text.h"
+
+namespace Quorvel::Tool {
+namespace {
+
+struct ListOptions {
+    std::string cache;
+    std::string match = "*";
+    std::string sort = "name";
+    bool reverse = false;
+    std::optional<std::uint64_t> limit;
+    bool isLong = false;
+    bool endsInNull = false;
+};
+
+auto TimeKey(const Format::EntryTime& time) {
+    return std::tuple(time.year, time.month, time.day, time.hour, time.minute, time.second,
+                      time.millisecond);
+}
+
+// The effects that were asked for, in the order that was asked for.
+std::vector<Format::IndexEntry> Select(const ListOptions& options, Session& session) {
+    Cache cache(session, options.cache);
+    std::vector<Format::IndexEntry> effects;
+    {
+        const Cache::Lock lock(cache);
+        const std::unique_ptr<Snapshot> snapshot = ReadCache(cache, lock);
+        std::copy_if(snapshot->Effects().begin(), snapshot->Effects().end(),
+                     std::back_inserter(effects),
+                     [&](const auto& effect) { return Matches(options.match, effect.name); });
+    }
+    if (options.sort == "size") {
+        std::stable_sort(effects.begin(), effects.end(), [](const auto& left, const auto& right) {
+            return left.record.size < right.record.size;
+        });
+    } else if (options.sort == "time") {
+        std::stable_sort(effects.begin(), effects.end(), [](const auto& left, const auto& right) {
+            return TimeKey(left.record.time) < TimeKey(right.record.time);
+        });
+    }
+    if (options.reverse) { std::reverse(effects.begin(), effects.end()); }
+    if (options.limit && *options.limit < effects.size()) {
+        effects.resize(static_cast<std::size_t>(*options.limit));
+    }
+    return effects;
+}
+
+void List(const ListOptions& options, Session& session) {
+    const std::vector<Format::IndexEntry> effects = Select(options, session);
+    if (effects.empty() && options.match != "*") {
+        session.Tell("quorvel: no effect matches " + Escape(options.match));
+        session.exitCode = kNo;
+    }
+    if (session.json) {
+        Json list = Json::array();
+        for (const auto& [name, record] : effects) {
+            list.push_back({{"name", Escape(name)},
+                            {"size", record.size},
+                            {"permanent", record.permanent != 0},
+                            {"time", Time(record.time)}});
+        }
+        session.Print(list);
+        return;
+    }
+    for (const auto& [name, record] : effects) {
+        if (options.isLong) {
+            session.out << Time(record.time) << '\t' << record.size << '\t'
+                        << (record.permanent != 0 ? "permanent" : "evictable") << '\t';
+        }
+        if (options.endsInNull) {
+            session.out << name << '\0';
+        } else {
+            session.out << Escape(name) << '\n';
+        }
+    }
+}
+
+}  // namespace
+
+void AddList(CLI::App& program, Session& session) {
+    const auto options = std::make_shared<ListOptions>();
+    Command command = AddCommand(program, session, "list", "Lists the effects of a cache",
+                                 [options, &session] { List(*options, session); });
+    command.AddReading();
+    command.AddJson();
+    command.AddCache(options->cache);
+    command.app->add_option("--match", options->match, "only names that match this shell pattern")
+        ->capture_default_str();
+    command.app
+        ->add_option("--sort", options->sort,
+                     "order: by name (length, then bytes), size or time of use")
+        ->check(CLI::IsMember({"name", "size", "time"}))
+        ->capture_default_str();
+    command.app->add_flag("-r,--reverse", options->reverse, "reverse the order");
+    command.app->add_option("-n,--limit", options->limit, "list at most this number of effects");
+    command.app->add_flag(
+        "-l,--long", options->isLong,
+        "print time of use, bytes, and whether permanent, separated by tabs, before each name");
+    command.app->add_flag(
+        "-0", options->endsInNull,
+        "end each name with a null byte instead of a line break, and escape nothing");
+}
+
+}  // namespace Quorvel::Tool

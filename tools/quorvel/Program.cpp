@@ -1,0 +1,106 @@
+#include "tools/quorvel/Program.h"
+
+#include <exception>
+#include <string>
+
+#include "tools/quorvel/Commands.h"
+#include "tools/quorvel/Session.h"
+#include "tools/quorvel/Terminal.h"
+
+namespace Quorvel::Tool {
+
+void Session::Tell(const std::string& line) const {
+    if (!quiet) { err << line << '\n'; }
+}
+
+void Session::Print(const Json& value) const {
+    out << value.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+}
+
+void Session::Report(const std::string& line, const Json& value) const {
+    if (json) {
+        Print(value);
+    } else {
+        Tell(line);
+    }
+}
+
+void StopIfAsked() {
+    if (IsStopRequested()) { throw Failure("stopped; what was not complete was not changed"); }
+}
+
+Command AddCommand(CLI::App& program, Session& session, const std::string& name,
+                   const std::string& help, std::function<void()> run) {
+    CLI::App* const app = program.add_subcommand(name, help);
+    app->callback(std::move(run));
+    app->add_flag("-q,--quiet", session.quiet, "print no messages other than errors");
+    return {app, session};
+}
+
+void Command::AddReading() {
+    app->add_flag("--offline", session.offline,
+                  "take no lock and write nothing: for copies and read-only media");
+    AddChanging();
+}
+
+void Command::AddChanging() {
+    app->add_option("--timeout", session.timeout, "seconds to wait for the cache's lock")
+        ->capture_default_str()
+        ->check(CLI::Range(0U, 86400U));
+}
+
+void Command::AddCache(std::string& cache) {
+    app->add_option("CACHE", cache, "cache directory or package file")->required();
+}
+
+void Command::AddJson() {
+    app->add_flag("--json", session.json, "print JSON");
+}
+
+namespace {
+
+int Run(int argc, const char* const* argv, Session& session) {
+    CLI::App program(
+        "Looks into effect caches and package files, and mends, moves and shrinks them.",
+        "quorvel");
+    program.allow_windows_style_options(false);
+    program.set_version_flag("--version", "quorvel " QUORVEL_VERSION);
+    program.require_subcommand(1);
+    program.footer(
+        "CACHE is a cache directory, or a package file. A directory is opened with the cache's "
+        "lock, "
+        "so that commands are right while other programs use it.\n"
+        "Exit codes: 0 done, 1 not found, different or damaged, 2 bad arguments, 3 could not be "
+        "done.\n\"quorvel COMMAND --help\" says more about a command.\n");
+    for (const auto add :
+         {AddInfo, AddList, AddGet, AddPut, AddRemove, AddSet, AddPrune, AddCompact, AddClear}) {
+        add(program, session);
+    }
+    try {
+        program.parse(argc, argv);
+        return session.exitCode;
+    } catch (const CLI::ParseError& error) {
+        return program.exit(error, session.out, session.err) == 0 ? kDone : kUsage;
+    }
+}
+
+}  // namespace
+
+int RunProgram(int argc, const char* const* argv, const Streams& streams) {
+    Session session{streams.in, streams.out, streams.err};
+    session.isErrTerminal = streams.isErrTerminal;
+    int result = kFailed;
+    try {
+        result = Run(argc, argv, session);
+    } catch (const Failure& failure) {
+        session.err << "quorvel: " << failure.what() << '\n';
+        result = failure.exitCode;
+    } catch (const std::exception& error) { session.err << "quorvel: " << error.what() << '\n'; }
+    if (!session.out.flush() && result != kFailed) {
+        session.err << "quorvel: the output can't be written\n";
+        return kFailed;
+    }
+    return result;
+}
+
+}  // namespace Quorvel::Tool

@@ -1,0 +1,57 @@
+#include "tools/quorvel/Selection.h"
+
+#include <fmt/format.h>
+
+#include "tools/quorvel/Text.h"
+
+namespace Quorvel::Tool {
+
+std::string NameOf(const IndexEntry& entry) {
+    const EffectKey key = entry.Key();
+    return {reinterpret_cast<const char*>(key.bytes), key.length};
+}
+
+void Selection::AddTo(Command& command) {
+    command.app->add_option("NAME", names, "names of effects");
+    command.app->add_option("--match", match, "all effects whose names match this shell pattern");
+}
+
+void Selection::Check() const {
+    if (names.empty() == match.empty()) {
+        throw Failure("give names of effects, or a pattern with --match", kUsage);
+    }
+}
+
+std::vector<std::string> Selection::Find(CacheEditor& editor, const std::string& cache) const {
+    for (const std::string& name : names) {
+        if (!editor.Find(name)) {
+            throw Failure(fmt::format("{}: no effect is called \"{}\"; nothing was changed", cache,
+                                      Escape(name)),
+                          kNo);
+        }
+    }
+    if (!names.empty()) { return names; }
+    std::vector<std::string> found;
+    for (const IndexEntry* const entry : editor.Effects()) {
+        std::string name = NameOf(*entry);
+        if (Matches(match, name)) { found.push_back(std::move(name)); }
+    }
+    if (found.empty()) {
+        throw Failure(fmt::format("{}: no effect matches \"{}\"", cache, Escape(match)), kNo);
+    }
+    return found;
+}
+
+void ReportNames(Session& session, const std::string& done, const std::vector<std::string>& names,
+                 bool isDryRun) {
+    Json list = Json::array();
+    for (const std::string& name : names) {
+        list.push_back(Escape(name));
+        if (isDryRun && !session.json) { session.out << Escape(name) << '\n'; }
+    }
+    session.Report(
+        fmt::format("{}{}: {}", isDryRun ? "would have " : "", done, Count(names.size(), "effect")),
+        {{"dryRun", isDryRun}, {"done", done}, {"effects", list}});
+}
+
+}  // namespace Quorvel::Tool

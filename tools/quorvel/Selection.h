@@ -1,0 +1,35 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/quorvel/CacheEditor.h"
+#include "tools/quorvel/Session.h"
+
+namespace Quorvel::Tool {
+
+// The effects that a command changes: those that are named, or those that match a pattern.
+struct Selection {
+    std::vector<std::string> names;
+    std::string match;
+
+    // Adds the arguments NAME... and --match.
+    void AddTo(Command& command);
+
+    // Throws Failure, with the exit code kUsage, unless there are names or a pattern, but not both.
+    void Check() const;
+
+    // The names of the effects. Throws Failure, with the exit code kNo, if one of them is missing
+    // or if nothing matches.
+    std::vector<std::string> Find(CacheEditor& editor, const std::string& cache) const;
+};
+
+// An effect's name in the cache, as a string of bytes.
+std::string NameOf(const IndexEntry& entry);
+
+// Reports effects that were changed, "removed 2 effects", or with --json their names. A dry run
+// also prints the names, each on a line.
+void ReportNames(Session& session, const std::string& done, const std::vector<std::string>& names,
+                 bool isDryRun);
+
+}  // namespace Quorvel::Tool

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <functional>
+#include <istream>
+#include <nlohmann/json.hpp>
+#include <ostream>
+#include <stdexcept>
+#include <string>
+
+namespace Quorvel::Tool {
+
+using Json = nlohmann::ordered_json;
+
+// Exit codes.
+constexpr int kDone = 0;
+constexpr int kNo = 1;      // not found, different, damaged
+constexpr int kUsage = 2;   // bad arguments
+constexpr int kFailed = 3;  // could not be done
+
+// Ends a command. what() says what failed, on which file, and what to do.
+class Failure : public std::runtime_error {
+public:
+    explicit Failure(const std::string& message, int code = kFailed)
+        : std::runtime_error(message), exitCode(code) {}
+
+    const int exitCode;
+};
+
+// What all commands share: the streams, and the options that belong to the program.
+struct Session {
+    std::istream& in;
+    std::ostream& out;  // data
+    std::ostream& err;  // messages and progress
+
+    bool json = false;
+    bool quiet = false;
+    bool offline = false;
+    std::uint32_t timeout = 10;  // seconds that a command waits for a cache's lock
+    bool isErrTerminal = false;  // progress is shown only on a terminal
+
+    int exitCode = kDone;  // what the command returns if it does not fail
+
+    // Prints a line to err unless --quiet was given.
+    void Tell(const std::string& line) const;
+
+    // Prints a JSON value and a line break to out.
+    void Print(const Json& value) const;
+
+    // What a command that changes something has done: the JSON value if --json was given, otherwise
+    // the line, as Tell does.
+    void Report(const std::string& line, const Json& value) const;
+};
+
+// Throws Failure if the user has asked the program to stop (Ctrl-C). Long work calls it between
+// two steps; an unfinished change is then undone.
+void StopIfAsked();
+
+// A command of the program.
+struct Command {
+    CLI::App* app;
+    Session& session;
+
+    // --offline and --timeout, for commands that read a cache.
+    void AddReading();
+
+    // --timeout, for commands that change a cache.
+    void AddChanging();
+
+    // The argument CACHE.
+    void AddCache(std::string& cache);
+
+    void AddJson();
+};
+
+// Adds a command with the option --quiet; `run` is called after its arguments were parsed.
+Command AddCommand(CLI::App& program, Session& session, const std::string& name,
+                   const std::string& help, std::function<void()> run);
+
+}  // namespace Quorvel::Tool

@@ -1,0 +1,134 @@
+#include "tools/quorvel/Statistics.h"
+
+#include <utility>
+
+#include "format/PageOwners.h"
+#include "tools/quorvel/Text.h"
+
+namespace Quorvel::Tool {
+namespace {
+
+using Group = Statistics::Group;
+using Limit = std::pair<const char*, std::uint64_t>;  // what a group holds lies below it
+
+constexpr std::uint64_t kEverything = ~std::uint64_t{0};
+constexpr std::array<Limit, 7> kSizes = {{{"below 1 KiB", 1 << 10},
+                                          {"1 to 4 KiB", 4 << 10},
+                                          {"4 to 16 KiB", 16 << 10},
+                                          {"16 to 64 KiB", 64 << 10},
+                                          {"64 to 256 KiB", 256 << 10},
+                                          {"256 KiB to 1 MiB", 1 << 20},
+                                          {"1 MiB", kEverything}}};
+constexpr std::array<Limit, 6> kAges = {{{"last hour", 3600},
+                                         {"last day", 86400},
+                                         {"last week", 7 * 86400},
+                                         {"last 30 days", 30 * 86400},
+                                         {"last year", 365 * 86400},
+                                         {"older", kEverything}}};
+
+template <std::size_t N>
+std::vector<Group> MakeGroups(const std::array<Limit, N>& limits) {
+    std::vector<Group> groups;
+    for (const auto& [label, limit] : limits) {
+        groups.push_back({label, 0});
+    }
+    return groups;
+}
+
+template <std::size_t N>
+void AddTo(std::vector<Group>& groups, const std::array<Limit, N>& limits, std::uint64_t value) {
+    std::size_t i = 0;
+    while (value >= limits[i].second && i + 1 < N) {
+        ++i;
+    }
+    ++groups[i].count;
+}
+
+Statistics::Pages CountPages(const Snapshot& snapshot) {
+    Statistics::Pages pages;
+    for (const Format::PageOwner& owner :
+         Format::FindPageOwners(snapshot.State(), snapshot.File().Size())) {
+        const bool isIndex = snapshot.HoldsEffects() && owner.id == snapshot.Header().indexStream;
+        ++pages.file;
+        switch (owner.use) {
+            case Format::PageUse::kHead:
+                ++pages.head;
+                break;
+            case Format::PageUse::kStream:
+                ++(isIndex ? pages.index : pages.effects);
+                break;
+            case Format::PageUse::kTail:
+                ++pages.tails;
+                break;
+            case Format::PageUse::kFree:
+                ++pages.free;
+                break;
+            case Format::PageUse::kUnowned:
+                ++pages.unowned;
+                break;
+            case Format::PageUse::kDead:
+                ++pages.dead;
+                break;
+        }
+    }
+    return pages;
+}
+
+Json ToJson(const std::vector<Group>& groups) {
+    Json json = Json::object();
+    for (const Group& group : groups) {
+        json[group.label] = group.count;
+    }
+    return json;
+}
+
+}  // namespace
+
+Statistics MakeStatistics(const Snapshot& snapshot) {
+    Statistics result;
+    result.fileSize = snapshot.File().Size();
+    result.pages = CountPages(snapshot);
+    result.streams = snapshot.State().streams.size();
+    for (const Format::StreamRecord& stream : snapshot.State().streams) {
+        result.streamBytes += stream.size;
+    }
+    result.tailBlocks = snapshot.State().blocks.size();
+    for (const Format::TailBlock& block : snapshot.State().blocks) {
+        result.tailBytes += Format::kTailBlockSize - block.freeBytes;
+    }
+    result.sizes = MakeGroups(kSizes);
+    result.ages = MakeGroups(kAges);
+    for (const Format::IndexEntry& effect : snapshot.Effects()) {
+        ++result.effects;
+        result.effectBytes += effect.record.size;
+        if (effect.record.permanent != 0) {
+            ++result.permanent;
+            result.permanentBytes += effect.record.size;
+        }
+        AddTo(result.sizes, kSizes, effect.record.size);
+        AddTo(result.ages, kAges, Age(effect.record.time));
+    }
+    return result;
+}
+
+Json ToJson(const Statistics& statistics, bool holdsEffects) {
+    const Statistics::Pages& pages = statistics.pages;
+    Json json = {{"kind", holdsEffects ? "effect cache" : "package"},
+                 {"fileSize", statistics.fileSize}};
+    if (holdsEffects) {
+        json["effects"] = {
+            {"count", statistics.effects},       {"bytes", statistics.effectBytes},
+            {"permanent", statistics.permanent}, {"permanentBytes", statistics.permanentBytes},
+            {"sizes", ToJson(statistics.sizes)}, {"lastUsed", ToJson(statistics.ages)}};
+    }
+    json["streams"] = {{"count", statistics.streams}, {"bytes", statistics.streamBytes}};
+    json["pages"] = {{"file", pages.file},       {"head", pages.head},   {"index", pages.index},
+                     {"effects", pages.effects}, {"tails", pages.tails}, {"free", pages.free},
+                     {"unowned", pages.unowned}, {"dead", pages.dead}};
+    json["tailBlocks"] = {{"count", statistics.tailBlocks},
+                          {"usedBytes", statistics.tailBytes},
+                          {"bytes", statistics.tailBlocks * Format::kTailBlockSize}};
+    return json;
+}
+
+}  // namespace Quorvel::Tool

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// What depends on the system: the terminal, Ctrl-C, and other processes.
+namespace Quorvel::Tool {
+
+// True if standard output, or standard error, is a terminal.
+bool IsOutputTerminal();
+bool IsErrorTerminal();
+
+// Makes the standard streams transfer bytes as they are, and lets writes to a closed pipe fail
+// instead of ending the program.
+void PrepareStandardStreams();
+
+// Makes Ctrl-C, or a request to end, a request that StopIfAsked notices. A second one ends the
+// program at once.
+void CatchStopRequests();
+bool IsStopRequested();
+
+// A process that has a file open.
+struct Holder {
+    std::uint32_t process;
+    std::string name;
+};
+
+// The processes that have a file open, as far as this user may see them. False if the system can't
+// tell.
+bool FindHolders(const std::string& path, std::vector<Holder>& holders);
+
+}  // namespace Quorvel::Tool

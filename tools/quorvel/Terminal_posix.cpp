@@ -1,0 +1,83 @@
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <csignal>
+#include <fstream>
+#include <memory>
+
+#include "tools/quorvel/Terminal.h"
+
+namespace Quorvel::Tool {
+namespace {
+
+volatile std::sig_atomic_t isStopRequested = 0;
+
+extern "C" void RequestStop(int signal) {
+    isStopRequested = 1;
+    std::signal(signal, SIG_DFL);
+}
+
+using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
+
+bool HasOpen(const std::string& descriptors, const struct stat& file) {
+    const Directory directory(::opendir(descriptors.c_str()), ::closedir);
+    if (!directory) { return false; }
+    while (const dirent* const entry = ::readdir(directory.get())) {
+        struct stat opened;
+        if (::stat((descriptors + "/" + entry->d_name).c_str(), &opened) == 0 &&
+            opened.st_dev == file.st_dev && opened.st_ino == file.st_ino) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+bool IsOutputTerminal() {
+    return ::isatty(STDOUT_FILENO) != 0;
+}
+
+bool IsErrorTerminal() {
+    return ::isatty(STDERR_FILENO) != 0;
+}
+
+void PrepareStandardStreams() {
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+void CatchStopRequests() {
+    std::signal(SIGINT, RequestStop);
+    std::signal(SIGTERM, RequestStop);
+}
+
+bool IsStopRequested() {
+    return isStopRequested != 0;
+}
+
+bool FindHolders(const std::string& path, std::vector<Holder>& holders) {
+    struct stat file;
+    const Directory processes(::opendir("/proc"), ::closedir);
+    if (!processes || ::stat(path.c_str(), &file) != 0) { return false; }
+    while (const dirent* const entry = ::readdir(processes.get())) {
+        const std::string id = entry->d_name;
+        Holder holder{};
+        const auto end = std::from_chars(id.data(), id.data() + id.size(), holder.process).ptr;
+        if (end != id.data() + id.size() ||
+            holder.process == static_cast<std::uint32_t>(getpid()) ||
+            !HasOpen("/proc/" + id + "/fd", file)) {
+            continue;
+        }
+        std::ifstream comm("/proc/" + id + "/comm");
+        std::getline(comm, holder.name);
+        holders.push_back(holder);
+    }
+    std::sort(holders.begin(), holders.end(),
+              [](const auto& left, const auto& right) { return left.process < right.process; });
+    return true;
+}
+
+}  // namespace Quorvel::Tool

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "format/EffectCacheImage.h"
+
+// How the program spells names, sizes and times, and what it reads.
+namespace Quorvel::Tool {
+
+// A name on one line: control bytes and bytes that are not UTF-8 become \xNN, a backslash becomes
+// two.
+std::string Escape(std::string_view name);
+
+// "1.5 MiB", "312 bytes".
+std::string Size(std::uint64_t bytes);
+
+// "1 effect", "2 effects".
+std::string Count(std::uint64_t number, std::string_view what);
+
+// "2026-11-22T13:05:07.250", local time.
+std::string Time(const Format::EntryTime& time);
+
+// The reverse of Time. Throws Failure.
+Format::EntryTime ParseTime(const std::string& text);
+
+// The local time now, and a local time so many seconds ago.
+Format::EntryTime Now();
+Format::EntryTime TimeBefore(std::uint64_t seconds);
+
+// Seconds from a time of use to now; 0 for one in the future.
+std::uint64_t Age(const Format::EntryTime& time);
+
+// "3 days", "5 minutes".
+std::string Duration(std::uint64_t seconds);
+
+// "100MiB", "2GB", "512" in bytes; "30d", "12h", "90m", "45s", "2w" in seconds. Throw Failure with
+// the exit code for bad usage.
+std::uint64_t ParseSize(const std::string& text);
+std::uint64_t ParseDuration(const std::string& text);
+
+// True if a name matches a pattern of a shell: * stands for any bytes, ? for one byte, [a-z] and
+// [!a-z] for a byte in or out of a set, \ for the next byte itself.
+bool Matches(std::string_view pattern, std::string_view name);
+
+}  // namespace Quorvel::Tool

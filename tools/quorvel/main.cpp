@@ -1,0 +1,12 @@
+#include <iostream>
+
+#include "tools/quorvel/Program.h"
+#include "tools/quorvel/Terminal.h"
+
+int main(int argc, char** argv) {
+    Quorvel::Tool::PrepareStandardStreams();
+    Quorvel::Tool::CatchStopRequests();
+    std::ios::sync_with_stdio(false);
+    return Quorvel::Tool::RunProgram(
+        argc, argv, {std::cin, std::cout, std::cerr, Quorvel::Tool::IsErrorTerminal()});
+}

@@ -155,10 +155,24 @@ bool EffectCacheFile::MakeRoom(const Lock& lock, EffectIndex& index, std::uint64
     return package_->GetTotalDataSize() < limit;
 }
 
-void EffectCacheFile::Evict(const Lock& /*lock*/, EffectIndex& index, std::uint64_t limit) {
-    for (IndexEntry* const entry : index.EvictionOrder()) {
-        if (package_->GetTotalDataSize() < limit) { return; }
-        DeleteEffect(*package_, index, entry);
+// The journal of all evictions may need more than the volume has left. Therefore commits, and
+// begins another save, whenever the journal has taken half of that. The other half is for what the
+// save writes next, and for other programs. However little is left, a quarter of what a commit may
+// keep is taken first, or most of the time would go into commits.
+void EffectCacheFile::Evict(const Lock& lock, EffectIndex& index, std::uint64_t limit) {
+    for (;;) {
+        const std::uint64_t commitBytes = JournalBytes(index);
+        const std::uint64_t room = std::min(limit, SpaceBudget(commitBytes)) / 2;
+        const std::uint64_t most =
+            std::max(room, commitBytes / 4) / RollbackJournal::kBytesPerPage + kMoreJournalPages;
+        for (IndexEntry* const entry : index.EvictionOrder()) {
+            if (package_->GetTotalDataSize() < limit) { return; }
+            if (package_->JournalPages() >= most) { break; }
+            DeleteEffect(*package_, index, entry);
+        }
+        if (package_->JournalPages() < most) { return; }  // no effect is left to evict
+        Commit(lock, index);
+        package_->BeginSave();
     }
 }
 

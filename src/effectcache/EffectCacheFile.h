@@ -33,7 +33,9 @@ namespace Quorvel {
 //   Close   any      Discarded                        none
 //
 // Open and Sync first put back what a process that died in a save has overwritten. A trim that
-// fails is rolled back and put off: the file keeps more effects than it should. If old pages can't
+// fails is rolled back and put off: the file keeps more effects than it should. A large eviction
+// consists of several saves, so that its journal has room; only the last one is rolled back if it
+// fails, and effects that were evicted in vain stay evicted. If old pages can't
 // be put back, the cache is inert, and the journal stays for the next process that opens or reloads
 // the file; a new stamp tells those that have it open.
 //

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <optional>
+#include <set>
 
 #include "effectcache/CacheClient.h"
 #include "effectcache/EffectCacheImpl.h"
@@ -202,6 +203,91 @@ TEST_F(EffectCacheTrim, ManyEffectsAreEvictedOldestFirst) {
     for (const std::string& name : StoredCache(directory).Names()) {
         EXPECT_GE(NumberAt(StoredCache(directory).RecordOf(name), 20, 2), 1990u + 30) << name;
     }
+}
+
+// ---- With a journal that would be larger than the free space ------------------------------------
+
+class EffectCacheTrimInSteps : public EffectCacheTrim {
+public:
+    static constexpr std::size_t kLarge = 3000;
+
+    // The oldest one is the first.
+    void WriteLarge(std::size_t count) {
+        effects.clear();
+        for (std::size_t number = 0; number < count; ++number) {
+            const std::string name = "effect " + std::to_string(1000 + number);
+            const auto year = static_cast<std::uint16_t>(2000 + number);
+            effects.push_back({name, EffectBytes(name, kLarge), 0, Year(year)});
+        }
+        Write(effects);
+    }
+
+    // Fails the test unless the file has the newest effects, whole. Returns their number.
+    std::size_t NewestEffectsLeft() {
+        CacheClient cache(directory);
+        EXPECT_TRUE(cache->IsEnabled());
+        const std::size_t left = cache.InFile();
+        for (std::size_t number = effects.size() - left; number < effects.size(); ++number) {
+            EXPECT_EQ(cache.Find(effects[number].name), effects[number].bytes) << number;
+        }
+        return left;
+    }
+
+    // The largest size of the journal. Pages of the package are written one at a time.
+    static std::uint64_t LargestJournal(StdioTrace& trace) {
+        std::uint64_t largest = 0;
+        for (const StdioTransfer& transfer : trace.Take()) {
+            if (transfer.kind == StdioTransfer::Kind::Write && transfer.size > 8192) {
+                largest = std::max(largest, transfer.offset + transfer.size);
+            }
+        }
+        return largest;
+    }
+
+    std::vector<StoredEffect> effects;
+};
+
+TEST_F(EffectCacheTrimInSteps, JournalTakesAtMostTheFreeSpace) {
+    constexpr std::uint64_t kFree = 1200000;
+    WriteLarge(1500);
+    FreeSpaceStub space(kFree);
+    {
+        StdioTrace trace;
+        const CacheClient cache(directory);
+        EXPECT_GT(cache.InFile(), 100u);
+        EXPECT_LT(LargestJournal(trace), kFree);
+    }
+    WriteLarge(1500);
+    space.Set(kPlenty);
+    CacheClient cache(directory);
+    cache.Add("new", EffectBytes("new", kLarge));
+    space.Set(kFree);
+    StdioTrace trace;
+    cache->ForceSaveToFile();
+    EXPECT_GT(cache.InFile(), 100u);
+    EXPECT_LT(LargestJournal(trace), kFree);
+    EXPECT_EQ(cache.Find("new"), EffectBytes("new", kLarge));
+}
+
+TEST_F(EffectCacheTrimInSteps, StepThatFailsKeepsTheEvictionsBeforeIt) {
+    std::set<std::size_t> sizes;
+    bool hasFailed = true;
+    for (std::uint64_t writes = 0; hasFailed; writes += 7) {
+        SCOPED_TRACE(writes);
+        WriteLarge(300);
+        {
+            const FreeSpaceStub space(0);
+            const StdioFault fault(StdioCall::Write, ENOSPC, writes, 1);
+            CacheClient cache(directory);
+            EXPECT_TRUE(cache->IsEnabled());
+            hasFailed = fault.Failures() != 0;
+        }
+        sizes.insert(NewestEffectsLeft());
+        ASSERT_FALSE(HasFailure());
+    }
+    EXPECT_GT(sizes.size(), 5u);
+    EXPECT_EQ(*sizes.begin(), 0u);
+    EXPECT_EQ(*sizes.rbegin(), 300u);
 }
 
 // ---- Before pending effects are moved into the file ---------------------------------------------

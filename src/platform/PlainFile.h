@@ -11,7 +11,7 @@ namespace Quorvel::Platform {
 std::FILE* CreateNewFile(const char* path) noexcept;
 
 // Opens an existing file for reading. ENOENT if there is nothing at the path, ELOOP if there is
-// something other than a regular file or, on Linux, a file of another user.
+// something other than a regular file or, on Linux, a file of another user, readable or not.
 std::FILE* OpenPlainFile(const char* path) noexcept;
 
 }  // namespace Quorvel::Platform

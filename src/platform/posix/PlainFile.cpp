@@ -12,6 +12,10 @@ namespace Quorvel::Platform {
 
 namespace {
 
+bool IsOwnFile(const struct stat& status) {
+    return S_ISREG(status.st_mode) && status.st_uid == CurrentUser();
+}
+
 // Closes the file and returns null, with that error.
 std::FILE* Refuse(int descriptor, int error) {
     ::close(descriptor);
@@ -38,15 +42,15 @@ std::FILE* CreateNewFile(const char* path) noexcept {
 std::FILE* OpenPlainFile(const char* path) noexcept {
     // Without O_NONBLOCK, opening a FIFO would wait for a writer.
     const int descriptor = ::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    struct stat status;
     if (descriptor < 0) {
-        if (errno == ENXIO) { errno = ELOOP; }  // a socket
+        const int error = errno;
+        const bool isOthers = error == EACCES && ::lstat(path, &status) == 0 && !IsOwnFile(status);
+        errno = isOthers || error == ENXIO ? ELOOP : error;  // ENXIO: a socket
         return nullptr;
     }
-    struct stat status;
     if (::fstat(descriptor, &status) != 0) { return Refuse(descriptor, errno); }
-    if (!S_ISREG(status.st_mode) || status.st_uid != CurrentUser()) {
-        return Refuse(descriptor, ELOOP);
-    }
+    if (!IsOwnFile(status)) { return Refuse(descriptor, ELOOP); }
     return Wrap(descriptor, "rb");
 }
 

@@ -42,6 +42,15 @@ protected:
         EXPECT_TRUE(ReadFile(path_) == marked_);
     }
 
+    // The other user may then write everything but the journal, which gets that mode.
+    void ActAsOtherUser(mode_t journalMode) const {
+        ASSERT_EQ(::chmod(directory_.Path().c_str(), 0777), 0);
+        ASSERT_EQ(::chmod(path_.c_str(), 0666), 0);
+        ASSERT_EQ(::chmod(journalPath_.c_str(), journalMode), 0);
+        ASSERT_EQ(::seteuid(kOtherUser), 0);
+    }
+
+    static constexpr uid_t kOtherUser = 0x40000000;
     const TemporaryDirectory directory_;
     const std::string path_ = directory_.File("package");
     const std::string journalPath_ = path_ + "-journal";
@@ -110,24 +119,31 @@ TEST_F(JournalOnPosix, IsNotWrittenThroughALink) {
 }
 
 TEST_F(JournalOnPosix, OfAnotherUserIsRemoved) {
-    constexpr uid_t kOtherUser = 0x40000000;
     if (::geteuid() != 0) { GTEST_SKIP() << "run the tests as root"; }
     ASSERT_EQ(::chown(journalPath_.c_str(), kOtherUser, static_cast<gid_t>(-1)), 0);
     ExpectRemovedWithoutRecovery();
 }
 
-// The package may need it, so it must not be ignored.
-TEST_F(JournalOnPosix, ThatMayNotBeReadStays) {
-    constexpr uid_t kOtherUser = 0x40000000;
+// Any user who may write into the directory could otherwise make its caches inert.
+TEST_F(JournalOnPosix, OfAnotherUserThatMayNotBeReadIsRemoved) {
     if (::geteuid() != 0) { GTEST_SKIP() << "run the tests as root"; }
-    ASSERT_EQ(::chmod(directory_.Path().c_str(), 0777), 0);
-    ASSERT_EQ(::chmod(path_.c_str(), 0666), 0);
-    ASSERT_EQ(::chmod(journalPath_.c_str(), 0600), 0);
-    ASSERT_EQ(::seteuid(kOtherUser), 0);
+    ActAsOtherUser(0600);
+    EXPECT_NO_THROW(RollbackJournal::Recover(path_.c_str()));
+    ASSERT_EQ(::seteuid(0), 0);
+    EXPECT_FALSE(IsThere());
+    EXPECT_TRUE(ReadFile(path_) == marked_);
+}
+
+// The package may need it, so it must not be ignored.
+TEST_F(JournalOnPosix, OfTheUserThatMayNotBeReadStays) {
+    if (::geteuid() != 0) { GTEST_SKIP() << "run the tests as root"; }
+    ASSERT_EQ(::chown(journalPath_.c_str(), kOtherUser, static_cast<gid_t>(-1)), 0);
+    ActAsOtherUser(0);
     const auto error = FileErrorOf([&] { RollbackJournal::Recover(path_.c_str()); });
     ASSERT_EQ(::seteuid(0), 0);
     EXPECT_EQ(error, EACCES);
     EXPECT_TRUE(ReadFile(path_) == marked_);
+    ASSERT_EQ(::chown(journalPath_.c_str(), 0, static_cast<gid_t>(-1)), 0);
     RollbackJournal::Recover(path_.c_str());
     EXPECT_TRUE(ReadFile(path_) == old_);
 }

@@ -74,8 +74,9 @@ bool EffectIndex::Load(PagedFilePackage& package) {
     const Util::RefPtr<IDataStream> stream = package.OpenDataStream(header_.indexStreamId);
     if (!stream) { return false; }
     table_.Clear();
-    if (!ReadEntries(*stream)) { return false; }
-    DropAmbiguousEntries(package);
+    const std::vector<IndexEntry*> read = ReadEntries(*stream);
+    if (read.size() != header_.recordCount) { return false; }
+    DropAmbiguousEntries(package, read);
     return true;
 }
 
@@ -90,7 +91,9 @@ bool EffectIndex::ReadHeader(PagedFilePackage& package) {
     return true;
 }
 
-bool EffectIndex::ReadEntries(IDataStream& stream) {
+// Reads the records up to the first damaged one. Returns them all, also those whose name a later
+// one has taken.
+std::vector<IndexEntry*> EffectIndex::ReadEntries(IDataStream& stream) {
     std::vector<IndexEntry*> entries;
     const std::uint64_t count = header_.recordCount;
     // A damaged file may count more effects than it can hold.
@@ -107,7 +110,7 @@ bool EffectIndex::ReadEntries(IDataStream& stream) {
         rest = rest.subspan(size);
     }
     table_.AddFilled(entries);
-    return entries.size() == count;
+    return entries;
 }
 
 // Moves the bytes not used yet to new memory of the table and reads more after them. False at the
@@ -125,14 +128,15 @@ bool EffectIndex::ReadMore(IDataStream& stream, std::span<std::byte>& rest) {
     return stream.GetPosition() != position;
 }
 
-// Removes entries of streams that are missing, that hold the index, or that another entry names as
-// well: an effect that was found through one of them could have the bytes of another.
-void EffectIndex::DropAmbiguousEntries(const PagedFilePackage& package) {
+// Removes entries of streams that are missing, that hold the index, or that another of the records
+// read names as well: an effect that was found through one of them could have the bytes of another.
+void EffectIndex::DropAmbiguousEntries(const PagedFilePackage& package,
+                                       std::span<IndexEntry* const> read) {
     std::vector<std::uint8_t> namings(kStreamLimit + 1);  // by stream, 2 for more than one
     QUORVEL_ASSERT(header_.indexStreamId < namings.size());
     namings[header_.indexStreamId] = 1;
     bool isAmbiguous = false;
-    for (const IndexEntry* const entry : Entries()) {
+    for (const IndexEntry* const entry : read) {
         const std::uint64_t id = entry->record.streamId;
         if (!package.HasStream(id)) {
             isAmbiguous = true;

@@ -52,8 +52,8 @@ public:
     void Start(PagedFilePackage& package);
 
     // Replaces everything with the package's index. Leaves out effects whose stream is missing or
-    // is named twice. False when the package is not sound or the header or the index is damaged;
-    // the entries before the damage are then in the index. Throws what the package throws.
+    // is named by two records. False when the package is not sound or the header or the index is
+    // damaged; the index is then unspecified. Throws what the package throws.
     [[nodiscard]] bool Load(PagedFilePackage& package);
 
     // Writes the index stream and the header. Throws FileIOException, and what the package throws.
@@ -61,9 +61,9 @@ public:
 
 private:
     bool ReadHeader(PagedFilePackage& package);
-    bool ReadEntries(IDataStream& stream);
+    std::vector<IndexEntry*> ReadEntries(IDataStream& stream);
     bool ReadMore(IDataStream& stream, std::span<std::byte>& rest);
-    void DropAmbiguousEntries(const PagedFilePackage& package);
+    void DropAmbiguousEntries(const PagedFilePackage& package, std::span<IndexEntry* const> read);
     Util::RefPtr<IDataStream> OpenForWriting(PagedFilePackage& package, std::uint64_t size);
     void WriteHeader(PagedFilePackage& package);
 

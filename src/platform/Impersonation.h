@@ -13,8 +13,10 @@ constexpr UserId kSelf = 0xFFFFFFFF;
 UserId CurrentUser() noexcept;
 
 // While it lives, the calling thread uses files and named objects as another user: what it makes
-// belongs to that user, and it reaches no more than that user does. Takes effect only if the
-// process is root on Linux and the system permits it; CurrentUser tells. Does nothing for kSelf.
+// belongs to that user, and it has the rights of that user. Its groups stay those of the process:
+// new files get its group, and the thread reaches what its groups may reach. Takes effect only if
+// the process is root on Linux and the system permits it; CurrentUser tells. Does nothing for
+// kSelf.
 class Impersonation {
 public:
     explicit Impersonation(UserId user) noexcept;
@@ -23,9 +25,8 @@ public:
     ~Impersonation();
 
 private:
-    // Windows has no use for them.
-    [[maybe_unused]] UserId previous_ = kSelf;  // kSelf if nothing has changed
-    [[maybe_unused]] bool wasDumpable_ = false;
+    // kSelf if nothing has changed. Windows has no use for it.
+    [[maybe_unused]] UserId previous_ = kSelf;
 };
 
 }  // namespace Quorvel::Platform

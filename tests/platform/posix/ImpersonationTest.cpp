@@ -69,6 +69,28 @@ TEST_F(ImpersonationTest, LeavesAProcessUndumpableThatWasSo) {
     ::prctl(PR_SET_DUMPABLE, 1);
 }
 
+// A thread that begins while another one acts as a user finds the process undumpable.
+TEST_F(ImpersonationTest, OfTwoThreadsAtOnceLeavesAProcessDumpable) {
+    std::promise<void> begun;
+    std::promise<void> otherBegun;
+    std::promise<void> ended;
+    auto otherThread = std::async(std::launch::async, [&] {
+        begun.get_future().wait();
+        const Impersonation asUserToo(user_.Id());
+        otherBegun.set_value();
+        ended.get_future().wait();
+    });
+    {
+        const Impersonation asUser(user_.Id());
+        begun.set_value();
+        otherBegun.get_future().wait();
+    }
+    ended.set_value();
+    otherThread.get();
+    EXPECT_EQ(::prctl(PR_GET_DUMPABLE), 1);
+    ::prctl(PR_SET_DUMPABLE, 1);
+}
+
 TEST_F(ImpersonationTest, IsForRootAlone) {
     ASSERT_EQ(::seteuid(user_.Id()), 0);  // could still act as root, which is its real user
     {

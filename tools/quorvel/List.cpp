@@ -56,23 +56,27 @@ std::vector<Format::IndexEntry> Select(const ListOptions& options, Session& sess
     return effects;
 }
 
+// An array with an effect on each line. It is not built in memory: a cache may have 65,534 effects.
+void PrintJson(const std::vector<Format::IndexEntry>& effects, Session& session) {
+    const char* separator = "[\n";
+    for (const auto& [name, record] : effects) {
+        const Json effect = {{"name", Escape(name)},
+                             {"size", record.size},
+                             {"permanent", record.permanent != 0},
+                             {"time", Time(record.time)}};
+        session.out << separator << effect.dump();
+        separator = ",\n";
+    }
+    session.out << (effects.empty() ? "[]\n" : "\n]\n");
+}
+
 void List(const ListOptions& options, Session& session) {
     const std::vector<Format::IndexEntry> effects = Select(options, session);
     if (effects.empty() && options.match != "*") {
         session.Tell("quorvel: no effect matches " + Escape(options.match));
         session.exitCode = kNo;
     }
-    if (session.json) {
-        Json list = Json::array();
-        for (const auto& [name, record] : effects) {
-            list.push_back({{"name", Escape(name)},
-                            {"size", record.size},
-                            {"permanent", record.permanent != 0},
-                            {"time", Time(record.time)}});
-        }
-        session.Print(list);
-        return;
-    }
+    if (session.json) { return PrintJson(effects, session); }
     for (const auto& [name, record] : effects) {
         if (options.isLong) {
             session.out << Time(record.time) << '\t' << record.size << '\t'
@@ -103,7 +107,8 @@ void AddList(CLI::App& program, Session& session) {
         ->check(CLI::IsMember({"name", "size", "time"}))
         ->capture_default_str();
     command.app->add_flag("-r,--reverse", options->reverse, "reverse the order");
-    command.app->add_option("-n,--limit", options->limit, "list at most this number of effects");
+    command.app->add_option("-n,--limit", options->limit, "list at most this number of effects")
+        ->check(CLI::NonNegativeNumber);
     command.app->add_flag(
         "-l,--long", options->isLong,
         "print time of use, bytes, and whether permanent, separated by tabs, before each name");

@@ -123,8 +123,10 @@ void AddPrune(CLI::App& program, Session& session) {
                             "remove effects not used for this long: 30d, 12h, 45m, 2w");
     command.app->add_option("--max-size", options->maxSize,
                             "remove effects until the rest takes no more than this: 100MiB");
-    command.app->add_option("--max-effects", options->maxEffects,
-                            "remove effects until no more than this number is left");
+    command.app
+        ->add_option("--max-effects", options->maxEffects,
+                     "remove effects until no more than this number is left")
+        ->check(CLI::NonNegativeNumber);
     command.app
         ->add_option("--match", options->match,
                      "remove only effects whose names match this shell pattern")

@@ -200,8 +200,7 @@ Format::EntryTime TimeBefore(std::uint64_t seconds) {
 
 std::uint64_t Age(const Format::EntryTime& time) {
     std::tm then = ToTm(time);
-    std::tm now = ToTm(Now());
-    const double age = std::difftime(std::mktime(&now), std::mktime(&then));
+    const double age = std::difftime(std::time(nullptr), std::mktime(&then));
     return age > 0 ? static_cast<std::uint64_t>(age) : 0;
 }
 

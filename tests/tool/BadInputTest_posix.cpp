@@ -1,0 +1,66 @@
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include "tool/ToolTest.h"
+#include "tools/quorvel/Terminal.h"
+
+namespace Quorvel::Tool {
+namespace {
+
+using testing::HasSubstr;
+
+class PosixInputTest : public ToolTest {};
+
+TEST_F(PosixInputTest, ACacheOfAnotherUserIsReadOnlyOffline) {
+    if (::geteuid() != 0) { GTEST_SKIP() << "only root can give files away"; }
+    constexpr uid_t kSomebody = 12345;
+    MakeCache(ThreeEffects());
+    ASSERT_EQ(::chown(CacheFile().c_str(), kSomebody, static_cast<gid_t>(-1)), 0);
+    EXPECT_EQ(Run({"list", cache_}), kFailed);
+    EXPECT_THAT(err_, HasSubstr("belongs to another user"));
+    EXPECT_EQ(Run({"list", cache_, "--offline"}), kDone);
+}
+
+TEST_F(PosixInputTest, WhatIsNeitherFileNorDirectoryIsRefused) {
+    ASSERT_EQ(::mkfifo(File("fifo").c_str(), 0600), 0);
+    EXPECT_EQ(Run({"list", File("fifo")}), kFailed);
+    EXPECT_THAT(err_, HasSubstr("neither a directory nor a file"));
+    std::filesystem::create_directory(CacheFile());
+    EXPECT_EQ(Run({"info", cache_}), kFailed);
+    EXPECT_THAT(err_, HasSubstr("it is not a file"));
+}
+
+TEST_F(PosixInputTest, AFullDeviceAsOutputIsAFailure) {
+    MakeCache(ThreeEffects());
+    EXPECT_EQ(Run({"get", cache_, "a", "-o", "/dev/full"}), kFailed);
+    EXPECT_THAT(err_, HasSubstr("can't write /dev/full"));
+}
+
+TEST_F(PosixInputTest, ProcessesThatHaveTheFileOpenAreFound) {
+    MakeCache(ThreeEffects());
+    std::vector<Holder> holders;
+    ASSERT_TRUE(FindHolders(CacheFile(), holders));
+    EXPECT_THAT(holders, testing::IsEmpty());
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const std::ifstream file(CacheFile());
+        for (;;) {
+            ::pause();
+        }
+    }
+    while (holders.empty()) {
+        ASSERT_TRUE(FindHolders(CacheFile(), holders));
+    }
+    EXPECT_EQ(holders[0].process, static_cast<std::uint32_t>(child));
+    EXPECT_THAT(holders[0].name, HasSubstr("quorvel_tool"));
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+}
+
+}  // namespace
+}  // namespace Quorvel::Tool

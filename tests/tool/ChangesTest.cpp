@@ -1,0 +1,184 @@
+#include <cstdint>
+#include <filesystem>
+
+#include "quorvel/EffectCacheSystem.h"
+#include "tool/ToolTest.h"
+#include "vornutil/RefPtr.h"
+#include "vornutil/Tab.h"
+
+// get, put, remove and set.
+namespace Quorvel::Tool {
+namespace {
+
+class ChangesTest : public ToolTest {
+protected:
+    // "name size flag" of each effect.
+    std::vector<std::string> Effects() {
+        std::vector<std::string> effects;
+        for (const Json& effect : RunJson({"list", cache_})) {
+            effects.push_back(effect["name"].get<std::string>() + " " + effect["size"].dump() +
+                              (effect["permanent"].get<bool>() ? " permanent" : ""));
+        }
+        return effects;
+    }
+
+    void ExpectSound() const {
+        const std::vector<std::string> problems = Format::CheckEffectCache(FileBytes());
+        EXPECT_THAT(problems, testing::IsEmpty());
+        EXPECT_FALSE(std::filesystem::exists(CacheFile() + "-journal"));
+    }
+
+    const std::string odd_ = "tab\there\\\xFF";
+};
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+TEST_F(ChangesTest, GetWritesTheBytesToStandardOutputOrAFile) {
+    MakeCache(ThreeEffects());
+    EXPECT_EQ(Run({"get", cache_, odd_}), kDone);
+    EXPECT_EQ(out_, std::string(10000, '\x03'));
+    EXPECT_EQ(Run({"get", cache_, "bb", "-o", File("out")}), kDone);
+    EXPECT_EQ(out_, "");
+    EXPECT_EQ(Format::ReadWholeFile(File("out")), (Format::Bytes{2, 2}));
+}
+
+TEST_F(ChangesTest, GetSaysThatThereIsNoSuchEffect) {
+    MakeCache(ThreeEffects());
+    EXPECT_EQ(Run({"get", cache_, "nothing\n"}), kNo);
+    EXPECT_EQ(out_, "");
+    EXPECT_THAT(err_, HasSubstr("no effect is called \"nothing\\x0A\""));
+}
+
+TEST_F(ChangesTest, GetSaysThatAnEffectIsDamaged) {
+    Format::PackageImage image = Format::LayOutEffectCache(ThreeEffects(), {});
+    const Format::EffectRecord record =
+        Format::ReadIndex(
+            Format::StreamReader(image).Read(Format::ReadCacheHeader(image.headerData).indexStream),
+            3)[0]
+            .record;
+    for (Format::StreamRecord& stream : image.streams) {
+        stream.size += stream.id == record.streamId ? 1 : 0;
+    }
+    Format::WriteWholeFile(CacheFile(), Format::EncodePackage(image));
+    EXPECT_EQ(Run({"get", cache_, "a"}), kNo);
+    EXPECT_THAT(err_, HasSubstr("\"a\" is damaged"));
+}
+
+TEST_F(ChangesTest, PutMakesACacheInADirectoryThatHasNone) {
+    Format::WriteWholeFile(File("in"), {7, 8, 9});
+    EXPECT_EQ(Run({"put", cache_, "new", File("in")}), kDone);
+    EXPECT_EQ(err_, "stored 3 bytes as \"new\"\n");
+    EXPECT_THAT(Effects(), ElementsAre("new 3"));
+    ExpectSound();
+}
+
+TEST_F(ChangesTest, PutReplacesAndKeepsTheOthers) {
+    MakeCache(ThreeEffects());
+    EXPECT_EQ(Run({"put", cache_, odd_, "-", "--permanent"}, "four"), kDone);
+    EXPECT_THAT(Effects(),
+                ElementsAre("a 1", "bb 2 permanent", "tab\\x09here\\\\\\xFF 4 permanent"));
+    EXPECT_EQ(Run({"get", cache_, odd_}), kDone);
+    EXPECT_EQ(out_, "four");
+    EXPECT_EQ(RunJson({"list", cache_, "--match", "a"})[0]["time"], "2001-02-03T04:05:06.007");
+    ExpectSound();
+}
+
+TEST_F(ChangesTest, PutRefusesWhatNoCacheHolds) {
+    MakeCache(ThreeEffects());
+    const Format::Bytes before = FileBytes();
+    EXPECT_EQ(Run({"put", cache_, "a", "-"}, ""), kFailed);
+    EXPECT_THAT(err_, HasSubstr("0 bytes; an effect has 1 byte to 1 MiB"));
+    EXPECT_EQ(Run({"put", cache_, "a", "-"}, std::string((1 << 20) + 1, 'x')), kFailed);
+    EXPECT_EQ(Run({"put", cache_, "", "-"}, "x"), kUsage);
+    EXPECT_EQ(Run({"put", cache_, std::string(65537, 'n'), "-"}, "x"), kUsage);
+    EXPECT_EQ(Run({"put", cache_, "a", File("missing")}), kFailed);
+    EXPECT_THAT(err_, HasSubstr("can't read"));
+    EXPECT_EQ(FileBytes(), before);
+    EXPECT_EQ(Run({"put", cache_, std::string(65536, 'n'), "-"}, std::string(1 << 20, 'x')), kDone);
+}
+
+TEST_F(ChangesTest, RemoveRemovesByNameAndByPattern) {
+    MakeCache(ThreeEffects());
+    EXPECT_EQ(Run({"remove", cache_, "a", odd_, "a"}), kDone);
+    EXPECT_THAT(Effects(), ElementsAre("bb 2 permanent"));
+    EXPECT_EQ(Run({"remove", cache_, "--match", "b*"}), kDone);
+    EXPECT_EQ(err_, "removed: 1 effect\n");
+    EXPECT_THAT(Effects(), ElementsAre());
+    ExpectSound();
+}
+
+TEST_F(ChangesTest, RemoveRemovesAllOrNothing) {
+    MakeCache(ThreeEffects());
+    const Format::Bytes before = FileBytes();
+    EXPECT_EQ(Run({"remove", cache_, "a", "nothing"}), kNo);
+    EXPECT_THAT(err_, HasSubstr("no effect is called \"nothing\"; nothing was changed"));
+    EXPECT_EQ(Run({"remove", cache_, "--match", "nothing*"}), kNo);
+    EXPECT_EQ(FileBytes(), before);
+}
+
+TEST_F(ChangesTest, RemoveWantsNamesOrAPattern) {
+    MakeCache(ThreeEffects());
+    EXPECT_EQ(Run({"remove", cache_}), kUsage);
+    EXPECT_EQ(Run({"remove", cache_, "a", "--match", "*"}), kUsage);
+    EXPECT_EQ(Run({"remove", File("elsewhere")}), kUsage);
+}
+
+TEST_F(ChangesTest, ADryRunChangesNothing) {
+    MakeCache(ThreeEffects());
+    const Format::Bytes before = FileBytes();
+    EXPECT_EQ(Run({"remove", cache_, "--match", "*", "--dry-run"}), kDone);
+    EXPECT_EQ(out_, "a\nbb\ntab\\x09here\\\\\\xFF\n");
+    EXPECT_EQ(err_, "would have removed: 3 effects\n");
+    const Json report = RunJson({"set", cache_, "a", "bb", "--permanent", "--dry-run"});
+    EXPECT_EQ(report,
+              Json::parse(R"({"dryRun": true, "done": "made permanent", "effects": ["a"]})"));
+    EXPECT_EQ(Run({"prune", cache_, "--older-than", "1d", "--dry-run"}), kDone);
+    EXPECT_EQ(FileBytes(), before);
+}
+
+TEST_F(ChangesTest, SetChangesOnlyTheFlag) {
+    MakeCache(ThreeEffects());
+    EXPECT_EQ(Run({"set", cache_, "--match", "*", "--permanent"}), kDone);
+    EXPECT_EQ(err_, "made permanent: 2 effects\n");
+    const Json list = RunJson({"list", cache_});
+    for (const Json& effect : list) {
+        EXPECT_TRUE(effect["permanent"]);
+    }
+    EXPECT_EQ(list[0]["time"], "2001-02-03T04:05:06.007");
+    EXPECT_EQ(Run({"set", cache_, "bb", "--evictable"}), kDone);
+    EXPECT_FALSE(RunJson({"list", cache_, "--match", "bb"})[0]["permanent"]);
+    ExpectSound();
+}
+
+TEST_F(ChangesTest, SetThatChangesNothingLeavesTheFile) {
+    MakeCache(ThreeEffects());
+    const Format::Bytes before = FileBytes();
+    EXPECT_EQ(Run({"set", cache_, "bb", "--permanent"}), kDone);
+    EXPECT_EQ(err_, "made permanent: 0 effects\n");
+    EXPECT_EQ(FileBytes(), before);
+    EXPECT_EQ(Run({"set", cache_, "bb"}), kUsage);
+    EXPECT_EQ(Run({"set", cache_, "bb", "--permanent", "--evictable"}), kUsage);
+}
+
+TEST_F(ChangesTest, AHostThatHasTheCacheOpenSeesThem) {
+    const Util::RefPtr<EffectCacheSystem> host(new EffectCacheSystem(cache_.c_str()));
+    EXPECT_EQ(Run({"put", cache_, "x", "-"}, "first"), kDone);
+    Tab<unsigned char> code;
+    ASSERT_TRUE(host->SearchCachedEffects("x", code));
+    EXPECT_EQ(code.Count(), 5);
+    EXPECT_EQ(Run({"remove", cache_, "x"}), kDone);
+    EXPECT_FALSE(host->SearchCachedEffects("x", code));
+    EXPECT_TRUE(host->IsEnabled());
+}
+
+TEST_F(ChangesTest, AFileOfAnyNameCanBeChangedWithoutALock) {
+    const std::string copy = File("copy.bin");
+    Format::WriteWholeFile(copy, Format::WriteEffectCache(ThreeEffects()));
+    EXPECT_EQ(Run({"remove", copy, "a"}), kDone);
+    EXPECT_EQ(Run({"list", copy, "--offline"}), kDone);
+    EXPECT_EQ(out_, "bb\ntab\\x09here\\\\\\xFF\n");
+}
+
+}  // namespace
+}  // namespace Quorvel::Tool

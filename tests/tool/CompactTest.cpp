@@ -1,0 +1,146 @@
+#include <cstdint>
+#include <filesystem>
+
+#include "format/PageOwners.h"
+#include "quorvel/EffectCacheSystem.h"
+#include "tool/ToolTest.h"
+#include "vornutil/RefPtr.h"
+#include "vornutil/Tab.h"
+
+// compact and clear.
+namespace Quorvel::Tool {
+namespace {
+
+class CompactTest : public ToolTest {
+protected:
+    static std::vector<Format::NewEffect> Effects(std::size_t count) {
+        std::vector<Format::NewEffect> effects;
+        for (std::size_t i = 0; i < count; ++i) {
+            effects.push_back({"effect " + std::to_string(i),
+                               Format::Bytes(500 + 37 * i, static_cast<std::uint8_t>(i)),
+                               i % 5 == 0,
+                               {2020, 1, 1, 0, 0, 0, static_cast<std::uint32_t>(i)}});
+        }
+        return effects;
+    }
+
+    void ExpectOnlyTheCacheFile() const {
+        for (const auto& entry : std::filesystem::directory_iterator(cache_)) {
+            EXPECT_EQ(entry.path().filename(), "vornFxoCache.dat");
+        }
+        EXPECT_THAT(Format::CheckEffectCache(FileBytes()), testing::IsEmpty());
+    }
+};
+
+TEST_F(CompactTest, KeepsEveryEffectWithItsFlagAndTime) {
+    Format::EffectCacheLayout layout;
+    layout.package.freePages = 300;
+    layout.package.tails = Format::TailPlacement::kScattered;
+    layout.package.pageOrder = Format::PageOrder::kShuffled;
+    const std::vector<Format::NewEffect> effects = Effects(200);
+    Format::WriteWholeFile(CacheFile(), Format::WriteEffectCache(effects, layout));
+    const std::uint64_t before = FileBytes().size();
+    const Json report = RunJson({"compact", cache_});
+    EXPECT_EQ(report["effects"], 200);
+    EXPECT_EQ(report["sizeBefore"], before);
+    EXPECT_EQ(report["sizeAfter"], FileBytes().size());
+    EXPECT_LT(FileBytes().size() + 300 * Format::kPageSize, before + Format::kTailBlockSize);
+    const Format::Effects kept =
+        Format::ReadEffectCache(Format::ReadPackage(FileBytes(), Format::kCacheStreamLimit));
+    ASSERT_EQ(kept.size(), effects.size());
+    for (const Format::NewEffect& effect : effects) {
+        const Format::Effect& found = kept.at(effect.name);
+        EXPECT_EQ(found.data, effect.data);
+        EXPECT_EQ(found.record.permanent, effect.permanent ? 1U : 0U);
+        EXPECT_EQ(found.record.time.millisecond, effect.time.millisecond);
+    }
+    ExpectOnlyTheCacheFile();
+}
+
+TEST_F(CompactTest, RemovesPagesPastTheEnd) {
+    MakeCache(ThreeEffects());
+    const std::size_t size = FileBytes().size();
+    std::filesystem::resize_file(CacheFile(), size + 1000 * Format::kPageSize);
+    EXPECT_EQ(Run({"compact", cache_}), kDone);
+    EXPECT_LE(FileBytes().size(), size + 2 * Format::kPageSize);
+    ExpectOnlyTheCacheFile();
+}
+
+TEST_F(CompactTest, KeepsOtherBlocksOfTheHeaderData) {
+    Format::EffectCacheLayout layout;
+    layout.moreBlocks = true;
+    Format::WriteWholeFile(CacheFile(), Format::WriteEffectCache(ThreeEffects(), layout));
+    const std::size_t size =
+        Format::ReadPackage(FileBytes(), Format::kCacheStreamLimit).headerData.size();
+    EXPECT_EQ(Run({"compact", cache_}), kDone);
+    EXPECT_EQ(Format::ReadPackage(FileBytes(), Format::kCacheStreamLimit).headerData.size(), size);
+    EXPECT_EQ(RunJson({"list", cache_}).size(), 3U);
+}
+
+TEST_F(CompactTest, AHostThatHasTheCacheOpenFindsEverythingAfterwards) {
+    const Util::RefPtr<EffectCacheSystem> host(new EffectCacheSystem(cache_.c_str()));
+    for (const Format::NewEffect& effect : Effects(100)) {
+        host->CacheCompiledEffect(effect.name.c_str(), effect.data.data(), effect.data.size(),
+                                  false);
+    }
+    host->ForceSaveToFile();
+    EXPECT_EQ(Run({"remove", cache_, "--match", "effect ?"}), kDone);
+    EXPECT_EQ(Run({"compact", cache_}), kDone);
+    Tab<unsigned char> code;
+    for (const Format::NewEffect& effect : Effects(100)) {
+        const bool wasRemoved = effect.name.size() == 8;
+        ASSERT_EQ(host->SearchCachedEffects(effect.name.c_str(), code), !wasRemoved) << effect.name;
+        if (!wasRemoved) {
+            ASSERT_EQ(code.Count(), static_cast<int>(effect.data.size()));
+            EXPECT_EQ(code[0], effect.data[0]);
+        }
+    }
+    const unsigned char more[] = {1};
+    host->CacheCompiledEffect("more", more, 1, false);
+    host->ForceSaveToFile();
+    EXPECT_TRUE(host->IsEnabled());
+    EXPECT_EQ(RunJson({"list", cache_}).size(), 91U);
+}
+
+TEST_F(CompactTest, LeavesADamagedFileAlone) {
+    const Format::Bytes damaged(20000, 7);
+    Format::WriteWholeFile(CacheFile(), damaged);
+    EXPECT_EQ(Run({"compact", cache_}), kNo);
+    EXPECT_THAT(err_, testing::HasSubstr("nothing was changed: the file is damaged"));
+    EXPECT_EQ(FileBytes(), damaged);
+    std::filesystem::remove(CacheFile());
+    EXPECT_EQ(Run({"compact", cache_}), kNo);
+    EXPECT_TRUE(std::filesystem::is_empty(cache_));
+}
+
+TEST_F(CompactTest, RemovesWhatADeadCompactionHasLeft) {
+    MakeCache(ThreeEffects());
+    Format::WriteWholeFile(CacheFile() + "-compact", Format::Bytes(50000, 1));
+    EXPECT_EQ(Run({"compact", cache_}), kDone);
+    ExpectOnlyTheCacheFile();
+}
+
+TEST_F(CompactTest, ClearAsksFirst) {
+    MakeCache(ThreeEffects());
+    const Format::Bytes before = FileBytes();
+    for (const char* answer : {"", "\n", "n\n", "yesterday\n"}) {
+        EXPECT_EQ(Run({"clear", cache_}, answer), kNo);
+        EXPECT_THAT(err_, testing::HasSubstr("[y/N]"));
+    }
+    EXPECT_EQ(FileBytes(), before);
+    EXPECT_EQ(Run({"clear", cache_}, "y\n"), kDone);
+    EXPECT_EQ(RunJson({"info", cache_})["effects"]["count"], 0);
+    ExpectOnlyTheCacheFile();
+}
+
+TEST_F(CompactTest, ClearEmptiesADamagedFile) {
+    for (const std::size_t size : {0U, 1U, 8191U, 8192U, 100000U, 1000000U}) {
+        Format::WriteWholeFile(CacheFile(), Format::Bytes(size, 0xAA));
+        EXPECT_EQ(Run({"clear", "--yes", cache_}), kDone) << err_;
+        EXPECT_EQ(RunJson({"list", cache_}).size(), 0U);
+        ExpectOnlyTheCacheFile();
+    }
+}
+
+}  // namespace
+}  // namespace Quorvel::Tool

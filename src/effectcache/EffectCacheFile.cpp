@@ -1,6 +1,7 @@
 #include "effectcache/EffectCacheFile.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <iterator>
 #include <span>
@@ -19,6 +20,14 @@ namespace {
 
 // What a save's journal needs beyond the pages of the index and the head file.
 constexpr std::uint64_t kMoreJournalPages = 12;
+
+// True for the errors of a volume, or of a user's share of it, that has no space left.
+bool IsFull(const FileIOException& error) {
+#ifdef EDQUOT
+    if (error.errorCode == EDQUOT) { return true; }
+#endif
+    return error.errorCode == ENOSPC;
+}
 
 }  // namespace
 
@@ -120,10 +129,9 @@ bool EffectCacheFile::Save(const Lock& lock, EffectIndex& index, EffectQueue& qu
     QUORVEL_ASSERT(package_);
     Sync(lock, index);
     if (!package_) { return false; }
-    bool hasRoom = true;
+    bool hasRoom = false;
     try {
         package_->BeginSave();
-        hasRoom = false;  // an error from here on means that no room was found
         const std::uint64_t budget = SpaceBudget(JournalBytes(index));
         if (budget >= queue.ByteCount()) {
             ReservePages(lock, index, queue, budget);
@@ -137,12 +145,13 @@ bool EffectCacheFile::Save(const Lock& lock, EffectIndex& index, EffectQueue& qu
         }
         Commit(lock, index);
         return true;
+    } catch (const FileIOException& error) {
+        if (!hasRoom && IsFull(error)) {
+            // There is no room even for the journal. Then the file keeps its old state.
+            Revert(lock, index);
+            return IsUsable();
+        }
     } catch (...) {}
-    if (!hasRoom) {
-        // The volume may be too full even for the journal. The file can stay as it is.
-        Revert(lock, index);
-        return IsUsable();
-    }
     Rollback(lock);
     Close(lock);
     return false;

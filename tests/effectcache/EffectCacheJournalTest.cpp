@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "effectcache/CacheClient.h"
 #include "effectcache/EqualSizes.h"
@@ -147,23 +148,48 @@ TEST_F(EffectCacheJournal, SaveWithoutAJournalFailsAndChangesNothing) {
 
 // ---- A volume without room ----------------------------------------------------------------------
 
-TEST_F(EffectCacheJournal, SaveWithoutRoomNeedsNoJournal) {
-    CacheClient cache(directory_);
-    AddNew(cache);
-    PreventJournals();
-    {
-        const FreeSpaceStub space(0);
-        cache->ForceSaveToFile();
+TEST_F(EffectCacheJournal, SaveWithoutRoomNeedsNoJournalOnAFullVolume) {
+    std::vector<int> errors = {ENOSPC};
+#ifdef EDQUOT
+    errors.push_back(EDQUOT);
+#endif
+    for (const int error : errors) {
+        CacheClient cache(directory_);
+        AddNew(cache);
+        {
+            const FreeSpaceStub space(0);
+            const StdioFault fault(StdioCall::Write, error);
+            cache->ForceSaveToFile();
+            EXPECT_GT(fault.Failures(), 0u);
+        }
+        EXPECT_TRUE(cache->IsEnabled());
+        EXPECT_EQ(cache.InMemory(), 0u);
+        EXPECT_FALSE(stamp_.IsChanged());
+        EXPECT_TRUE(ReadWholeFile(path_) == oldFile_);
+        EXPECT_EQ(StateOf(cache), State::Old);
     }
-    EXPECT_TRUE(cache->IsEnabled());
-    EXPECT_EQ(cache.InMemory(), 0u);
-    EXPECT_FALSE(stamp_.IsChanged());
-    EXPECT_TRUE(ReadWholeFile(path_) == oldFile_);
-    EXPECT_EQ(StateOf(cache), State::Old);
-    AllowJournals();
+    CacheClient cache(directory_);
     AddNew(cache);
     cache->ForceSaveToFile();
     EXPECT_EQ(StateOf(cache), State::New);
+}
+
+TEST_F(EffectCacheJournal, SaveWithoutRoomFailsForAnyOtherReason) {
+    const auto saveWithoutRoom = [&] {
+        CacheClient cache(directory_);
+        AddNew(cache);
+        const FreeSpaceStub space(0);
+        cache->ForceSaveToFile();
+        EXPECT_FALSE(cache->IsEnabled());
+        EXPECT_GT(cache.InMemory(), 0u);
+        EXPECT_FALSE(stamp_.IsChanged());
+        EXPECT_TRUE(ReadWholeFile(path_) == oldFile_);
+    };
+    PreventJournals();
+    saveWithoutRoom();
+    AllowJournals();
+    const StdioFault fault(StdioCall::Write, EIO);
+    saveWithoutRoom();
 }
 
 TEST_F(EffectCacheJournal, TrimWithoutAJournalIsPutOff) {

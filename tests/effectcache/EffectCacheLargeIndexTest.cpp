@@ -81,7 +81,7 @@ TEST_F(EffectCacheLargeIndex, FailedSaveLeavesWhatWasSavedBefore) {
         cache.Add(NameOf(0), BytesOf(0));
         cache.Add("new", EffectBytes("new", 9000));
         {
-            const StdioFault fault(StdioCall::Write, ENOSPC, skipped, 1);
+            const StdioFault fault(StdioCall::Write, EIO, skipped, 1);
             cache->ForceSaveToFile();
             hasFaults = fault.Failures() != 0;
         }

@@ -15,4 +15,8 @@ void AddPrune(CLI::App& program, Session& session);
 void AddCompact(CLI::App& program, Session& session);
 void AddClear(CLI::App& program, Session& session);
 
+// "generate man", "bash", "zsh" and "fish", which --help doesn't show. It describes the commands
+// that were added before.
+void AddManual(CLI::App& program, Session& session);
+
 }  // namespace Quorvel::Tool

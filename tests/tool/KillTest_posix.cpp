@@ -1,0 +1,98 @@
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <thread>
+
+#include "tool/ToolTest.h"
+
+namespace Quorvel::Tool {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Commands that are killed at any moment. QUORVEL_TOOL_KILLS says how many of each.
+class KillTest : public ToolTest {
+protected:
+    static int Kills() {
+        const char* const kills = std::getenv("QUORVEL_TOOL_KILLS");
+        return kills ? std::atoi(kills) : 6;
+    }
+
+    static std::vector<Format::NewEffect> Effects(std::size_t first, std::size_t count) {
+        std::vector<Format::NewEffect> effects;
+        for (std::size_t i = first; i < first + count; ++i) {
+            effects.push_back({"effect " + std::to_string(i),
+                               Format::Bytes(100 + i * 7919 % 12000, static_cast<std::uint8_t>(i)),
+                               i % 10 == 0,
+                               {2020, 1, 1, 0, 0, static_cast<std::uint16_t>(i % 60), 0}});
+        }
+        return effects;
+    }
+
+    // What the cache holds: its list, and the bytes of every effect.
+    std::string Content() {
+        EXPECT_EQ(Run({"list", cache_, "--long"}), kDone) << err_;
+        const Format::Bytes file = FileBytes();
+        EXPECT_THAT(Format::CheckEffectCache(file), testing::IsEmpty());
+        for (const auto& [name, effect] :
+             Format::ReadEffectCache(Format::ReadPackage(file, Format::kCacheStreamLimit))) {
+            out_.append(effect.data.begin(), effect.data.end());
+        }
+        return out_;
+    }
+
+    pid_t Start(const std::vector<std::string>& command) {
+        const pid_t child = ::fork();
+        if (child == 0) { ::_exit(Run(command)); }
+        return child;
+    }
+
+    // True if the child was killed before it had ended.
+    static bool Kill(pid_t child) {
+        ::kill(child, SIGKILL);
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        return WIFSIGNALED(status);
+    }
+
+    void ExpectOldOrNew(const Format::Bytes& file, const std::vector<std::string>& command) {
+        Format::WriteWholeFile(CacheFile(), file);
+        const std::string old = Content();
+        const Clock::time_point begin = Clock::now();
+        int status = 0;
+        ::waitpid(Start(command), &status, 0);
+        const auto duration = Clock::now() - begin;
+        ASSERT_EQ(WEXITSTATUS(status), kDone);
+        const std::string done = Content();
+        int killed = 0;
+        for (int i = 0; i < Kills(); ++i) {
+            Format::WriteWholeFile(CacheFile(), file);
+            const pid_t child = Start(command);
+            std::this_thread::sleep_for(duration * i / Kills());
+            killed += Kill(child) ? 1 : 0;
+            const std::string content = Content();
+            EXPECT_TRUE(content == old || content == done) << command[0] << " killed at " << i;
+            EXPECT_FALSE(std::filesystem::exists(CacheFile() + "-journal"));
+        }
+        EXPECT_GT(killed, 0) << command[0];
+    }
+};
+
+TEST_F(KillTest, LeavesTheOldCacheOrTheNewOne) {
+    Format::EffectCacheLayout layout;
+    layout.package.freePages = 2000;
+    layout.package.pageOrder = Format::PageOrder::kShuffled;
+    const Format::Bytes file = Format::WriteEffectCache(Effects(0, 1500), layout);
+    ExpectOldOrNew(file, {"compact", cache_});
+    ExpectOldOrNew(file, {"prune", cache_, "--max-effects", "700"});
+    ExpectOldOrNew(file, {"remove", cache_, "--match", "*[1-6]"});
+    ExpectOldOrNew(file, {"clear", cache_, "--yes"});
+}
+
+}  // namespace
+}  // namespace Quorvel::Tool

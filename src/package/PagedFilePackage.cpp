@@ -105,8 +105,8 @@ void PagedFilePackage::BeforePageWrite(std::uint64_t page) {
     if (!journal_->PrepareWrite(page) || state_ == FileState::Overwriting) { return; }
     AssertState();
     journal_->BeginOverwriting();
-    state_ = FileState::Overwriting;
     cache_->WritePage(kHeadPageNumber);
+    state_ = FileState::Overwriting;  // if the mark can't be written, the next page tries again
 }
 
 void PagedFilePackage::ReservePages(std::uint64_t count) {

@@ -39,7 +39,7 @@ SharedCache::SharedCache(const CStr& directory)
     const Platform::Impersonation asOwner(directory_.user);
     const std::string& spelling = directory_.spelling;
     std::string name = spelling.empty() ? std::string() : ObjectName(spelling + kCacheFileName);
-    if (path_.Length() != 0) {
+    if (path_.Length() != 0 && !directory_.identity.empty()) {
         name = name_.Agree(std::string("vornFxoCache_") + directory_.identity, name);
     }
     mutex_.emplace((name + "_mutex").c_str());

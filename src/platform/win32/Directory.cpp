@@ -21,14 +21,24 @@ bool IsAbsolute(const std::string& path) {
            (path[1] == ':' && IsSeparator(path[2]));
 }
 
-bool GetInformation(const char* path, BY_HANDLE_FILE_INFORMATION& information) {
+bool IsDirectory(DWORD attributes) {
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+// Volume and file of a path, in digits. Empty if the volume does not tell.
+std::string Identify(const char* path) {
     constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
     const HANDLE handle = ::CreateFileA(path, 0, kShareAll, nullptr, OPEN_EXISTING,
                                         FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-    if (handle == INVALID_HANDLE_VALUE) { return false; }
+    if (handle == INVALID_HANDLE_VALUE) { return {}; }
+    BY_HANDLE_FILE_INFORMATION information{};
     const BOOL success = ::GetFileInformationByHandle(handle, &information);
     ::CloseHandle(handle);
-    return success && (information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    if (!success) { return {}; }
+    char identity[40];
+    std::snprintf(identity, sizeof identity, "%lu_%lu_%lu", information.dwVolumeSerialNumber,
+                  information.nFileIndexHigh, information.nFileIndexLow);
+    return identity;
 }
 
 }  // namespace
@@ -38,17 +48,13 @@ Directory FindDirectory(const char* path, const char* /*file*/) {
     found.spelling = WithSeparator(path);
     char full[MAX_PATH];
     const DWORD length = ::GetFullPathNameA(path, sizeof full, full, nullptr);
-    BY_HANDLE_FILE_INFORMATION information{};
-    if (length == 0 || length >= sizeof full || !GetInformation(full, information)) {
+    if (length == 0 || length >= sizeof full || !IsDirectory(::GetFileAttributesA(full))) {
         return found;
     }
     found.path = WithSeparator(full);
     if (!IsAbsolute(found.spelling)) { found.spelling = found.path; }
     found.access = Directory::Access::Granted;
-    char identity[40];
-    std::snprintf(identity, sizeof identity, "%lu_%lu_%lu", information.dwVolumeSerialNumber,
-                  information.nFileIndexHigh, information.nFileIndexLow);
-    found.identity = identity;
+    found.identity = Identify(full);
     return found;
 }
 

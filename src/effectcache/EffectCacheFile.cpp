@@ -69,7 +69,7 @@ void EffectCacheFile::Close(const Lock& /*lock*/) noexcept {
 }
 
 // Puts back what a process that died in a save has overwritten. False if that fails: this cache is
-// then inert, and the others must not trust the file before they have tried as well.
+// then inert, and the other processes must retry the recovery before they trust the file.
 bool EffectCacheFile::Recover(const Lock& lock) noexcept {
     if (shared_.Path().Length() == 0) { return true; }
     try {
@@ -83,21 +83,22 @@ bool EffectCacheFile::Recover(const Lock& lock) noexcept {
     }
 }
 
-// Undoes a save. False if that fails, as for Recover. Only Close or loading the package may follow.
-bool EffectCacheFile::Rollback(const Lock& /*lock*/) noexcept {
+// Undoes a save. If that fails, the cache is inert, as after Recover. Only Close or loading the
+// package may follow.
+void EffectCacheFile::Rollback(const Lock& lock) noexcept {
     try {
         package_->Rollback();
-        return true;
     } catch (...) {
         shared_.Stamp().UpdateTimeStamp();
-        return false;
+        Close(lock);
     }
 }
 
 // Undoes a save and loads the state before it. If that fails, the cache is inert.
-void EffectCacheFile::Revert(const Lock& lock, EffectIndex& index) noexcept {
+void EffectCacheFile::RollbackAndReload(const Lock& lock, EffectIndex& index) noexcept {
+    Rollback(lock);
     try {
-        if (Rollback(lock) && package_->Load() && index.Load(*package_)) { return; }
+        if (package_ && package_->Load() && index.Load(*package_)) { return; }
     } catch (...) {}
     Close(lock);
 }
@@ -105,7 +106,7 @@ void EffectCacheFile::Revert(const Lock& lock, EffectIndex& index) noexcept {
 // ---- Reading ------------------------------------------------------------------------------------
 
 void EffectCacheFile::Sync(const Lock& lock, EffectIndex& index) noexcept {
-    QUORVEL_ASSERT(package_);
+    QUORVEL_ASSERT(package_ && package_->State() == FileState::Clean);
     // A holder that died in the middle of a save has written no stamp.
     if (!shared_.Stamp().IsChanged() && !lock.LastHolderDied()) { return; }
     package_->Discard();  // its pages may be older than those in the file
@@ -120,13 +121,14 @@ void EffectCacheFile::Sync(const Lock& lock, EffectIndex& index) noexcept {
 
 bool EffectCacheFile::Read(const Lock& /*lock*/, const EffectRecord& record,
                            Tab<unsigned char>& data) {
+    QUORVEL_ASSERT(!package_ || package_->State() == FileState::Clean);
     return package_ && ReadEffect(*package_, record, data);
 }
 
 // ---- Saving -------------------------------------------------------------------------------------
 
 bool EffectCacheFile::Save(const Lock& lock, EffectIndex& index, EffectQueue& queue) noexcept {
-    QUORVEL_ASSERT(package_);
+    QUORVEL_ASSERT(package_ && package_->State() == FileState::Clean);
     Sync(lock, index);
     if (!package_) { return false; }
     bool hasRoom = false;
@@ -148,7 +150,7 @@ bool EffectCacheFile::Save(const Lock& lock, EffectIndex& index, EffectQueue& qu
     } catch (const FileIOException& error) {
         if (!hasRoom && IsFull(error)) {
             // There is no room even for the journal. Then the file keeps its old state.
-            Revert(lock, index);
+            RollbackAndReload(lock, index);
             return IsUsable();
         }
     } catch (...) {}
@@ -195,7 +197,7 @@ void EffectCacheFile::Trim(const Lock& lock, EffectIndex& index) noexcept {
         package_->BeginSave();
         Evict(lock, index, budget);
         Commit(lock, index);
-    } catch (...) { Revert(lock, index); }
+    } catch (...) { RollbackAndReload(lock, index); }
 }
 
 // Makes pages free for what the save will write: the queue's effects, the index and the head file.
@@ -243,8 +245,8 @@ void EffectCacheFile::Commit(const Lock& /*lock*/, EffectIndex& index) {
     shared_.Stamp().UpdateTimeStamp();
 }
 
-// What the journal of a save may take without spare pages: the index and the head file are then
-// written again in the same pages.
+// The journal's size for a save without spare pages, which overwrites the pages of the index and
+// the head file.
 std::uint64_t EffectCacheFile::JournalBytes(const EffectIndex& index) const {
     const std::uint64_t pages =
         index.TotalBytes() / kPageSize + package_->HeadPageCount() + kMoreJournalPages;

@@ -23,24 +23,29 @@ namespace Quorvel {
 // Between two steps the package is Clean or there is none. FileState, in PagedFilePackage.h, says
 // what each state means.
 //
-//   step    before   during                           after         if it fails
-//   Open    none     Clean; a trim: as Save           Clean         Create
-//   Create  none     Clean, Changed                   Clean         none
-//   Sync    Clean    Discarded, if the file has       Clean         none
+//   step    before   during                           after    if it fails
+//   Open    none     Clean; a trim: as Save           Clean    Create
+//   Create  none     Clean, Changed                   Clean    none
+//   Sync    Clean    Discarded, if the file has       Clean    none
 //                    changed; a trim: as Save
-//   Read    Clean    Clean                            Clean         Clean, nothing found
-//   Save    Clean    as Sync; Saving, Overwriting     Clean         Closed by Rollback, then none
-//   Close   any      Discarded                        none
+//   Read    any      as before                        same     same, nothing found
+//   Save    Clean    as Sync; Saving, Overwriting     Clean    Closed by Rollback (Discarded, if
+//                                                              BeginSave fails), then none
+//           Clean    the same, on a full volume,      Clean    none
+//                    then RollbackAndReload
+//   Close   any but Saving and Overwriting            none
 //
-// Open and Sync first put back what a process that died in a save has overwritten. A trim that
-// fails is rolled back and put off: the file keeps more effects than it should. A large eviction
-// consists of several saves, so that its journal has room; only the last one is rolled back if it
-// fails, and effects that were evicted in vain stay evicted. If old pages can't
-// be put back, the cache is inert, and the journal stays for the next process that opens or reloads
-// the file; a new stamp tells those that have it open.
+// A save is BeginSave, ReservePages, MakeRoom, ClaimStreams, StoreEffect for each effect, Commit. A
+// trim is BeginSave, Evict, Commit. Evict may commit and begin again several times, so that its
+// journal has room. Only the last of these saves can be undone: what was evicted before stays
+// evicted, even in vain. A trim that fails is put off: the file keeps more effects than it should.
 //
-// Without a package the cache is permanently inert. Only Read may throw: what OpenDataStream
-// throws.
+// Open and Sync first put back what a process that died in a save has overwritten. If old pages
+// can't be put back, the cache is inert, and the journal stays for the next process that opens or
+// reloads the file; a new stamp tells those that have it open.
+//
+// Without a package the cache is permanently inert. Its index stays as it last was. Of the steps,
+// only Read may throw: what OpenDataStream throws.
 class EffectCacheFile {
 public:
     // Holds the file mutex while it lives. Every step requires one. If the process is root, the
@@ -75,15 +80,15 @@ public:
     // changing it.
     void Sync(const Lock& lock, EffectIndex& index) noexcept;
 
-    // Reads an effect's bytes. False when they are not intact. REQUIRES: Sync was called under this
-    // lock, and the record belongs to its index.
+    // Reads an effect's bytes. False when they are not intact or the cache is inert. REQUIRES: Sync
+    // was called under this lock, and the record belongs to its index.
     [[nodiscard]] bool Read(const Lock& lock, const EffectRecord& record, Tab<unsigned char>& data);
 
     // Syncs, then moves the queue's effects into the file, evicting others to make room and to free
     // streams. Without room they are not saved, which counts as success; without enough streams the
     // newest of them are not. The caller then clears the queue. False on failure: the file keeps
-    // its old state, the cache is inert, the queue unchanged, and the index unspecified. REQUIRES:
-    // the cache is usable.
+    // its old state, except for evictions that were committed, the cache is inert, the queue
+    // unchanged, and the index unspecified. REQUIRES: the cache is usable.
     [[nodiscard]] bool Save(const Lock& lock, EffectIndex& index, EffectQueue& queue) noexcept;
 
     // Releases the package, without writing anything.
@@ -91,11 +96,11 @@ public:
 
 private:
     void Create(const Lock& lock, EffectIndex& index) noexcept;
-    bool Recover(const Lock& lock) noexcept;
-    bool Rollback(const Lock& lock) noexcept;
-    void Revert(const Lock& lock, EffectIndex& index) noexcept;
+    [[nodiscard]] bool Recover(const Lock& lock) noexcept;
+    void Rollback(const Lock& lock) noexcept;
+    void RollbackAndReload(const Lock& lock, EffectIndex& index) noexcept;
     void Trim(const Lock& lock, EffectIndex& index) noexcept;
-    bool MakeRoom(const Lock& lock, EffectIndex& index, std::uint64_t limit);
+    [[nodiscard]] bool MakeRoom(const Lock& lock, EffectIndex& index, std::uint64_t limit);
     void Evict(const Lock& lock, EffectIndex& index, std::uint64_t limit);
     void ReservePages(const Lock& lock, const EffectIndex& index, const EffectQueue& queue,
                       std::uint64_t budget);

@@ -47,27 +47,22 @@ bool EffectCacheImpl::SearchCachedEffects(const CStr& name, Tab<unsigned char>& 
 
     const EffectCacheFile::Lock lock(file_);
     file_.Sync(lock, index_);
+    if (!file_.IsUsable()) { return false; }
     IndexEntry* const found = index_.Find(key, hash);
     if (!found || !file_.Read(lock, found->record, data)) { return false; }
     found->record.entryTime = CurrentEntryTime();
     return true;
 }
 
-bool EffectCacheImpl::SaveToFile() noexcept {
-    if (!file_.IsUsable()) { return true; }
+void EffectCacheImpl::SaveToFile() noexcept {
+    if (!file_.IsUsable()) { return; }
     const EffectCacheFile::Lock lock(file_);
-    return Save(lock);
-}
-
-bool EffectCacheImpl::Save(const EffectCacheFile::Lock& lock) noexcept {
     if (queue_.Size() == 0) {
-        // The thread keeps an abandoned mutex, so no later wait of it tells of the death.
+        // This thread keeps the abandoned mutex, so later waits won't report the death.
         if (lock.LastHolderDied()) { file_.Sync(lock, index_); }
-        return true;
+    } else if (file_.Save(lock, index_, queue_)) {
+        queue_.Clear();
     }
-    if (!file_.Save(lock, index_, queue_)) { return false; }
-    queue_.Clear();
-    return true;
 }
 
 bool EffectCacheImpl::IsEnabled() {

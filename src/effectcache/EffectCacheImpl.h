@@ -38,14 +38,11 @@ public:
     std::uint64_t GetNumberOfEffectsInMemory() const { return queue_.Size(); }
     const CStr& GetDirectory() const { return directory_; }
 
-    // Moves the queued effects into the file. True when that worked or there was nothing to do;
-    // otherwise the cache is inert. Does not enter the critical section; CacheCompiledEffect calls
-    // it inside.
-    bool SaveToFile() noexcept;
+    // Moves the queued effects into the file. If that fails, the cache is inert. Does not enter the
+    // critical section; CacheCompiledEffect calls it inside.
+    void SaveToFile() noexcept;
 
 private:
-    bool Save(const EffectCacheFile::Lock& lock) noexcept;
-
     Platform::CriticalSection section_;
     const CStr directory_;  // as it was passed in
     bool enabled_ = true;

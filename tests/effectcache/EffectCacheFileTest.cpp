@@ -257,7 +257,7 @@ TEST_F(EffectCacheFile, EffectThatTakesTheLastStreamIsSaved) {
     EffectCacheImpl cache(ToCStr(directory.Path().string()));
     const Bytes bytes = EffectBytes("x", 100);
     cache.CacheCompiledEffect("x", bytes.data(), bytes.size(), false);
-    EXPECT_TRUE(cache.SaveToFile());
+    cache.SaveToFile();
     EXPECT_EQ(CacheClient(directory).Find("x"), bytes);
 }
 
@@ -269,7 +269,7 @@ TEST_F(EffectCacheFile, SaveDropsTheNewestEffectsWhenNoStreamIsLeftForThem) {
     for (const char* name : {"z", "x", "zz", "y"}) {
         cache.CacheCompiledEffect(name, bytes.data(), bytes.size(), false);
     }
-    EXPECT_TRUE(cache.SaveToFile());
+    cache.SaveToFile();
     EXPECT_TRUE(cache.IsEnabled());
     EXPECT_EQ(cache.GetNumberOfEffectsInMemory(), 0u);
     CacheClient fresh(directory);
@@ -303,7 +303,7 @@ protected:
             const Bytes bytes = EffectBytes("new", 200);
             cache.CacheCompiledEffect(name, bytes.data(), bytes.size(), false);
         }
-        EXPECT_TRUE(cache.SaveToFile());
+        cache.SaveToFile();
         EXPECT_TRUE(cache.IsEnabled());
     }
 

@@ -303,7 +303,7 @@ public:
         const Bytes bytes = EffectBytes("new", kSize);
         cache.CacheCompiledEffect("new", bytes.data(), bytes.size(), false);
         FreeSpaceStub space(freeSpace + kJournalShare);
-        EXPECT_TRUE(cache.SaveToFile());
+        cache.SaveToFile();
         EXPECT_EQ(cache.GetNumberOfEffectsInMemory(), 0u);
         EXPECT_TRUE(cache.IsEnabled());
         after.emplace(directory);

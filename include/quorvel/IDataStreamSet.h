@@ -31,9 +31,9 @@ public:
     virtual bool Load() = 0;
 
     // Writes the state to the file if it has changed since the last Commit: streams created or
-    // deleted, or header data. Returns false when it can't be written; the changes then stay
-    // pending. Writing to an existing stream does not change the state: those bytes reach the file
-    // with the next Commit that has a change, when their page is evicted, or when the last
+    // deleted, or header data. Always returns true. Throws when it can't be written; the changes
+    // then stay pending. Writing to an existing stream does not change the state: those bytes reach
+    // the file with the next Commit that has a change, when their page is evicted, or when the last
     // reference is released.
     virtual bool Commit() = 0;
 

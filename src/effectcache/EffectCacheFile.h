@@ -28,7 +28,8 @@ namespace Quorvel {
 //   Create  none     Clean, Changed                   Clean    none
 //   Sync    Clean    Discarded, if the file has       Clean    none
 //                    changed; a trim: as Save
-//   Read    any      as before                        same     same, nothing found
+//   Read    Clean    Clean                            Clean    Clean, nothing found
+//           none                                      none     none, nothing found
 //   Save    Clean    as Sync; Saving, Overwriting     Clean    Closed by Rollback (Discarded, if
 //                                                              BeginSave fails), then none
 //           Clean    the same, on a full volume,      Clean    none

@@ -54,13 +54,13 @@ PagedFilePackage::~PagedFilePackage() {
 
 void PagedFilePackage::AssertState() const {
     if (state_ == FileState::Closed) {
-        QUORVEL_ASSERT(!cache_ && !stored_.headFile && openStreams_.IsEmpty());
+        QUORVEL_ASSERT(!cache_ && !stored_.headFile && openStreams_.IsEmpty() && !journal_);
         return;
     }
     QUORVEL_ASSERT(cache_);
     QUORVEL_ASSERT(state_ != FileState::Clean || (cache_->IsOpen() && stored_.headFile));
     QUORVEL_ASSERT((cache_->Listener() == this) == IsInSave() &&
-                   (journal_ != nullptr) == IsInSave());
+                   (JournalPages() > 0) == IsInSave());
     QUORVEL_ASSERT(state_ != FileState::Saving || cache_->IsResident(kHeadPageNumber));
 }
 
@@ -110,6 +110,7 @@ void PagedFilePackage::BeforePageWrite(std::uint64_t page) {
 }
 
 void PagedFilePackage::ReservePages(std::uint64_t count) {
+    AssertState();
     QUORVEL_ASSERT(state_ == FileState::Saving);
     PageAllocator& allocator = *stored_.allocator;
     const std::uint64_t free = allocator.FreePageCount();
@@ -155,6 +156,8 @@ void PagedFilePackage::OpenCache() {
 }
 
 void PagedFilePackage::Create() {
+    AssertState();
+    QUORVEL_ASSERT(!IsInSave() && openStreams_.IsEmpty());
     Close();
     OpenCache();
     stored_.directory.Reset(config_.streamLimit);
@@ -237,6 +240,7 @@ std::uint64_t PagedFilePackage::GetTotalDataSize() {
 }
 
 bool PagedFilePackage::SetHeaderDataSize(std::uint64_t size) {
+    AssertState();
     stored_.headerData.resize(size);
     MarkChanged();
     return true;
@@ -266,6 +270,7 @@ std::uint64_t PagedFilePackage::GetDataStreamId(std::uint64_t index) {
 // ---- Streams ------------------------------------------------------------------------------------
 
 Util::RefPtr<IDataStream> PagedFilePackage::OpenDataStream(std::uint64_t id) {
+    AssertState();
     QUORVEL_ASSERT(cache_ && state_ != FileState::Discarded);
     if (ChildFileStream* const open = openStreams_.Find(id)) { return open; }
     const ChildFileExtent* const extent = stored_.directory.Find(id);
@@ -297,6 +302,7 @@ void PagedFilePackage::CheckTailPages(const ChildFileTail& tail) const {
 }
 
 std::uint64_t PagedFilePackage::CreateDataStream(std::uint64_t size) {
+    AssertState();
     StreamDirectory& directory = stored_.directory;
     if (directory.Count() >= config_.streamLimit) { return kInvalidStreamId; }
     MarkChanged();
@@ -368,6 +374,7 @@ void PagedFilePackage::FreeChain(std::uint64_t firstPage) {
 // therefore changes nothing, unless the cache can't pin all pages of the block. In a damaged file
 // the stream is gone even if its tail can't be removed; otherwise each attempt would fail.
 bool PagedFilePackage::DeleteDataStream(std::uint64_t id) {
+    AssertState();
     if (openStreams_.Find(id)) { return false; }
     const ChildFileExtent* const extent = stored_.directory.Find(id);
     if (!extent) { return true; }

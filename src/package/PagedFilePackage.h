@@ -9,6 +9,7 @@
 #include "pagestore/ChildFileStream.h"
 #include "pagestore/FilePageCache.h"
 #include "pagestore/RollbackJournal.h"
+#include "platform/Assert.h"
 #include "quorvel/IDataStreamSet.h"
 #include "quorvel/PagedFilePackageConfig.h"
 #include "vornutil/RefPtr.h"
@@ -33,18 +34,21 @@ namespace Quorvel {
 //   Discarded    A file is open, but memory does not describe it: changes were discarded, or the
 //                file is about to be loaded or created.
 //
-//   Closed -> Clean                             Create, Load
-//   Clean -> Changed                            every operation that changes the package
-//   Clean -> Saving                             BeginSave
-//   Saving -> Overwriting                       BeforePageWrite, for the first such page
-//   Changed, Saving, Overwriting -> Clean       Commit, which removes the journal
-//   Saving, Overwriting -> Closed               Rollback, which restores the old state
-//   Closed, Clean, Changed -> Discarded         Discard
-//   Closed, Clean, Changed, Discarded -> Clean  Load
-//   any -> Closed                               destruction, which first commits what HasChanges
+//   Closed -> Discarded                  OpenCache, on the way to Create or Load
+//   Closed, Clean, Changed, Discarded
+//                  -> Clean              Create, Load
+//   Clean -> Changed                     every operation that changes the package
+//   Clean -> Saving                      BeginSave
+//   Saving -> Overwriting                BeforePageWrite, for the first such page
+//   Changed -> Clean                     Commit
+//   Saving -> Overwriting -> Clean       Commit, which removes the journal
+//   Overwriting -> Clean                 the same
+//   Saving, Overwriting -> Closed        Rollback, which restores the old state
+//   Clean, Changed -> Discarded          Discard; a Closed package stays Closed
+//   any -> Closed                        destruction, which first commits what HasChanges
 //
-// A Commit that fails keeps the state, or turns Saving into Overwriting; another Commit or, in a
-// save, Rollback may follow.
+// A Commit that fails keeps the state, or turns Saving into Overwriting. It may leave the package
+// without an open file, and without a head file in memory; another Commit, or Rollback, may follow.
 enum class FileState { Closed, Clean, Changed, Saving, Overwriting, Discarded };
 
 // A package over one file: its streams. A stream's bytes lie in whole pages, chained by the
@@ -64,7 +68,8 @@ public:
     [[nodiscard]] static Util::RefPtr<PagedFilePackage> Open(
         const PagedFilePackageConfig& config) noexcept;
 
-    // Starts a new, empty package in the file and commits it.
+    // Starts a new, empty package in the file and commits it. REQUIRES: no save has begun and no
+    // stream is open.
     void Create();
 
     FileState State() const { return state_; }
@@ -86,17 +91,20 @@ public:
     // The number of pages that the save has kept in its journal.
     std::uint64_t JournalPages() const { return journal_ ? journal_->KeptPages() : 0; }
 
-    // Pages of the head file. REQUIRES: the state is Clean or Saving.
-    std::uint64_t HeadPageCount() const { return stored_.headFile->pageCount; }
+    // Pages of the head file. REQUIRES: the state is Clean, or Saving and no Commit has failed.
+    std::uint64_t HeadPageCount() const {
+        QUORVEL_ASSERT(stored_.headFile);
+        return stored_.headFile->pageCount;
+    }
 
-    // Undoes a save: puts back every page of the committed state and closes the file. Only Load or
-    // destruction may follow. REQUIRES: no stream is open. Throws FileIOException or std::bad_alloc
-    // if a page could not be put back: the journal then stays, and RollbackJournal::Recover can try
-    // again.
+    // Undoes a save: puts back every page of the committed state and closes the file. Outside a
+    // save it means Discard. Only Load, Discard or destruction may follow. REQUIRES: no stream is
+    // open. Throws FileIOException or std::bad_alloc if a page could not be put back: the journal
+    // then stays, and RollbackJournal::Recover can try again.
     void Rollback();
 
-    // Forgets every change since the last Commit or Load without writing anything. Only Load or
-    // destruction may follow. REQUIRES: no save has begun.
+    // Forgets every change since the last Commit or Load without writing anything. Only Load,
+    // Discard or destruction may follow. REQUIRES: no save has begun.
     void Discard();
 
     // True if no damage of the file can make one stream's bytes appear in another: see
@@ -145,7 +153,7 @@ private:
     void CheckTailPages(const ChildFileTail& tail) const;
     std::uint64_t AllocateChain(std::uint64_t count, std::uint64_t* pages = nullptr);
     void FreeChain(std::uint64_t firstPage);
-    bool PlaceTail(std::uint64_t id, std::uint64_t length);
+    [[nodiscard]] bool PlaceTail(std::uint64_t id, std::uint64_t length);
 
     FileState state_ = FileState::Closed;
     PagedFilePackageConfig config_;  // fileName points to path_

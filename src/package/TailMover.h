@@ -38,7 +38,7 @@ public:
 
 private:
     void PinBlock(const std::uint64_t* pages);
-    bool Reattach(std::uint64_t id, ChildFileStream& stream) const;
+    [[nodiscard]] bool Reattach(std::uint64_t id, ChildFileStream& stream) const;
 
     FilePageCache& cache_;
     StoredState& state_;

@@ -112,17 +112,19 @@ void PrintEffects(const Statistics& figures, const Facts& facts, TextReport& rep
 
 void PrintText(const Facts& facts, Session& session) {
     const Statistics& figures = facts.statistics;
-    const Statistics::Pages& pages = figures.pages;
+    const auto pages = [&](PageKind kind) { return figures.Pages(kind); };
     TextReport report(session.out);
     report.Line(facts.holdsEffects ? "effect cache" : "package", Escape(facts.path));
     if (facts.holdsEffects) { PrintEffects(figures, facts, report); }
     report.Line("streams", fmt::format("{} of {}", figures.streams, Size(figures.streamBytes)));
-    report.Line("file", fmt::format("{}, {}", Size(figures.fileSize), Count(pages.file, "page")));
-    report.Line("pages", fmt::format("{} head file, {} index, {} {}, {} tail blocks", pages.head,
-                                     pages.index, pages.effects,
-                                     facts.holdsEffects ? "effects" : "streams", pages.tails));
-    report.Line("", fmt::format("{} free, {} unowned, {} dead past the end", pages.free,
-                                pages.unowned, pages.dead));
+    report.Line("file",
+                fmt::format("{}, {}", Size(figures.fileSize), Count(figures.filePages, "page")));
+    report.Line("pages",
+                fmt::format("{} head file, {} index, {} {}, {} tail blocks", pages(PageKind::kHead),
+                            pages(PageKind::kIndex), pages(PageKind::kEffects),
+                            facts.holdsEffects ? "effects" : "streams", pages(PageKind::kTails)));
+    report.Line("", fmt::format("{} free, {} unowned, {} dead past the end", pages(PageKind::kFree),
+                                pages(PageKind::kUnowned), pages(PageKind::kDead)));
     report.Line("tail blocks", fmt::format("{}, {} full", figures.tailBlocks,
                                            Percent(figures.tailBytes,
                                                    figures.tailBlocks * Format::kTailBlockSize)));

@@ -44,34 +44,24 @@ void AddTo(std::vector<Group>& groups, const std::array<Limit, N>& limits, std::
     ++groups[i].count;
 }
 
-Statistics::Pages CountPages(const Snapshot& snapshot) {
-    Statistics::Pages pages;
-    for (const Format::PageOwner& owner :
-         Format::FindPageOwners(snapshot.State(), snapshot.File().Size())) {
-        const bool isIndex = snapshot.HoldsEffects() && owner.id == snapshot.Header().indexStream;
-        ++pages.file;
-        switch (owner.use) {
-            case Format::PageUse::kHead:
-                ++pages.head;
-                break;
-            case Format::PageUse::kStream:
-                ++(isIndex ? pages.index : pages.effects);
-                break;
-            case Format::PageUse::kTail:
-                ++pages.tails;
-                break;
-            case Format::PageUse::kFree:
-                ++pages.free;
-                break;
-            case Format::PageUse::kUnowned:
-                ++pages.unowned;
-                break;
-            case Format::PageUse::kDead:
-                ++pages.dead;
-                break;
-        }
+PageKind KindOf(const Format::PageOwner& owner, const Snapshot& snapshot) {
+    switch (owner.use) {
+        case Format::PageUse::kHead:
+            return PageKind::kHead;
+        case Format::PageUse::kStream:
+            return snapshot.HoldsEffects() && owner.id == snapshot.Header().indexStream
+                       ? PageKind::kIndex
+                       : PageKind::kEffects;
+        case Format::PageUse::kTail:
+            return PageKind::kTails;
+        case Format::PageUse::kFree:
+            return PageKind::kFree;
+        case Format::PageUse::kUnowned:
+            return PageKind::kUnowned;
+        case Format::PageUse::kDead:
+            break;
     }
-    return pages;
+    return PageKind::kDead;
 }
 
 Json ToJson(const std::vector<Group>& groups) {
@@ -84,10 +74,28 @@ Json ToJson(const std::vector<Group>& groups) {
 
 }  // namespace
 
+std::vector<PageRun> FindPageRuns(const Snapshot& snapshot) {
+    std::vector<PageRun> runs;
+    for (const Format::PageOwner& page :
+         Format::FindPageOwners(snapshot.State(), snapshot.File().Size())) {
+        const PageKind kind = KindOf(page, snapshot);
+        const std::uint64_t owner = kind == PageKind::kHead ? 0 : page.id;
+        if (!runs.empty() && runs.back().kind == kind && runs.back().owner == owner) {
+            ++runs.back().count;
+        } else {
+            runs.push_back({kind, owner, 1});
+        }
+    }
+    return runs;
+}
+
 Statistics MakeStatistics(const Snapshot& snapshot) {
     Statistics result;
     result.fileSize = snapshot.File().Size();
-    result.pages = CountPages(snapshot);
+    for (const PageRun& run : FindPageRuns(snapshot)) {
+        result.filePages += run.count;
+        result.pages[static_cast<std::size_t>(run.kind)] += run.count;
+    }
     result.streams = snapshot.State().streams.size();
     for (const Format::StreamRecord& stream : snapshot.State().streams) {
         result.streamBytes += stream.size;
@@ -112,7 +120,6 @@ Statistics MakeStatistics(const Snapshot& snapshot) {
 }
 
 Json ToJson(const Statistics& statistics, bool holdsEffects) {
-    const Statistics::Pages& pages = statistics.pages;
     Json json = {{"kind", holdsEffects ? "effect cache" : "package"},
                  {"fileSize", statistics.fileSize}};
     if (holdsEffects) {
@@ -122,9 +129,10 @@ Json ToJson(const Statistics& statistics, bool holdsEffects) {
             {"sizes", ToJson(statistics.sizes)}, {"lastUsed", ToJson(statistics.ages)}};
     }
     json["streams"] = {{"count", statistics.streams}, {"bytes", statistics.streamBytes}};
-    json["pages"] = {{"file", pages.file},       {"head", pages.head},   {"index", pages.index},
-                     {"effects", pages.effects}, {"tails", pages.tails}, {"free", pages.free},
-                     {"unowned", pages.unowned}, {"dead", pages.dead}};
+    json["pages"] = {{"file", statistics.filePages}};
+    for (std::size_t i = 0; i < kPageKinds.size(); ++i) {
+        json["pages"][kPageKinds[i]] = statistics.pages[i];
+    }
     json["tailBlocks"] = {{"count", statistics.tailBlocks},
                           {"usedBytes", statistics.tailBytes},
                           {"bytes", statistics.tailBlocks * Format::kTailBlockSize}};

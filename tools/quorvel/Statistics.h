@@ -10,6 +10,31 @@
 
 namespace Quorvel::Tool {
 
+// What a page is used for.
+enum class PageKind : std::uint8_t {
+    kHead,
+    kIndex,
+    kEffects,  // whole pages of effects, or of other streams
+    kTails,
+    kFree,
+    kUnowned,
+    kDead
+};
+
+// Their names, in that order, as they appear in JSON.
+constexpr std::array<const char*, 7> kPageKinds = {"head", "index",   "effects", "tails",
+                                                   "free", "unowned", "dead"};
+
+// Adjacent pages of one kind and one owner.
+struct PageRun {
+    PageKind kind;
+    std::uint64_t owner;  // the stream or the tail block; otherwise 0
+    std::uint64_t count;
+};
+
+// What the pages of a package's file are used for, in the order of the file.
+std::vector<PageRun> FindPageRuns(const Snapshot& snapshot);
+
 // Figures about a package, and about the effects in it.
 struct Statistics {
     // A group of a histogram: the effects from the limit of the group before up to its own.
@@ -18,19 +43,9 @@ struct Statistics {
         std::uint64_t count;
     };
 
-    struct Pages {
-        std::uint64_t file = 0;  // sum of the others
-        std::uint64_t head = 0;
-        std::uint64_t index = 0;
-        std::uint64_t effects = 0;  // whole pages of effects, or of other streams
-        std::uint64_t tails = 0;
-        std::uint64_t free = 0;
-        std::uint64_t unowned = 0;
-        std::uint64_t dead = 0;
-    };
-
     std::uint64_t fileSize = 0;
-    Pages pages;
+    std::uint64_t filePages = 0;
+    std::array<std::uint64_t, kPageKinds.size()> pages = {};  // of each kind
     std::uint64_t streams = 0;
     std::uint64_t streamBytes = 0;
     std::uint64_t tailBlocks = 0;
@@ -43,6 +58,8 @@ struct Statistics {
     std::uint64_t permanentBytes = 0;
     std::vector<Group> sizes;
     std::vector<Group> ages;
+
+    std::uint64_t Pages(PageKind kind) const { return pages[static_cast<std::size_t>(kind)]; }
 };
 
 Statistics MakeStatistics(const Snapshot& snapshot);

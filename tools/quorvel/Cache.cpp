@@ -118,12 +118,22 @@ Cache::Lock::~Lock() {
 
 // ---- Reading ------------------------------------------------------------------------------------
 
-Snapshot::Snapshot(const Cache& cache, const Cache::Lock& /*lock*/) : file_(cache.Path()) {
+Snapshot::Snapshot(const Cache& cache, const Cache::Lock& /*lock*/, DamagedEffects damaged)
+    : file_(cache.Path()) {
     // Plain packages may have more streams than a cache.
     state_ = Format::ReadPackageState(file_);
     streams_.emplace(state_, file_);
-    holdsEffects_ = Format::HoldsEffectCache(state_.headerData);
-    if (!holdsEffects_) { return; }
+    if (!Format::HoldsEffectCache(state_.headerData)) { return; }
+    try {
+        ReadEffects();
+        holdsEffects_ = true;
+    } catch (const Format::FormatError& error) {
+        if (damaged == DamagedEffects::Refuse) { throw; }
+        damage_ = error.what();
+    }
+}
+
+void Snapshot::ReadEffects() {
     header_ = Format::ReadCacheHeader(state_.headerData);
     effects_ = Format::FindableEntries(
         state_, header_.indexStream,
@@ -141,14 +151,15 @@ Format::Bytes Snapshot::Read(const Format::IndexEntry& effect) const {
     return Format::ReadEffect(*streams_, effect.record);
 }
 
-std::unique_ptr<Snapshot> ReadPackage(Cache& cache, const Cache::Lock& lock) {
+std::unique_ptr<Snapshot> ReadPackage(Cache& cache, const Cache::Lock& lock,
+                                      DamagedEffects damaged) {
     if (!cache.Exists()) {
         throw Failure(
             fmt::format("{}: there is no {} in the directory", cache.Name(), kCacheFileName), kNo);
     }
     try {
         cache.HasChanged();  // from here on, only later changes count
-        return std::make_unique<Snapshot>(cache, lock);
+        return std::make_unique<Snapshot>(cache, lock, damaged);
     } catch (const Format::FormatError& error) {
         std::string advice = "\"quorvel check\" says more, \"quorvel salvage\" saves what is left";
         std::error_code ignored;

@@ -54,8 +54,9 @@ public:
     bool IsOffline() const { return offline_; }
     bool IsShared() const { return shared_ != nullptr; }
 
-    // True if another process has changed the file since the last call. Always false for a file
-    // that is not shared. REQUIRES: the cache is locked.
+    // True if another process has announced a change of the file since the last call. Always false
+    // for a file that is not shared. Needs no lock: a change is complete when it is announced. But
+    // only under the lock does "no change" say anything of what is read next.
     bool HasChanged();
 
     // Tells the other processes that the file has changed. REQUIRES: the cache is locked.
@@ -69,12 +70,16 @@ private:
     std::unique_ptr<SharedCache> shared_;
 };
 
+// What becomes of a snapshot if the package is intact, but the effect cache in it can't be read.
+enum class DamagedEffects { Refuse, LeaveOut };
+
 // The records of a cache's file at one moment.
 class Snapshot {
 public:
     // Throws FormatError if the file holds no intact package, and std::runtime_error if it can't be
     // read. ReadPackage and ReadCache say the same in a Failure.
-    Snapshot(const Cache& cache, const Cache::Lock& lock);
+    Snapshot(const Cache& cache, const Cache::Lock& lock,
+             DamagedEffects damaged = DamagedEffects::Refuse);
     Snapshot(const Snapshot&) = delete;
     Snapshot& operator=(const Snapshot&) = delete;
 
@@ -82,6 +87,9 @@ public:
     const Format::PackageState& State() const { return state_; }
     bool HoldsEffects() const { return holdsEffects_; }
     const Format::CacheHeader& Header() const { return header_; }
+
+    // Why the effects were left out; empty if they were not, and if there are none.
+    const std::string& Damage() const { return damage_; }
 
     // The effects that a host would find, ordered by name. REQUIRES: HoldsEffects.
     const std::vector<Format::IndexEntry>& Effects() const { return effects_; }
@@ -94,17 +102,21 @@ public:
     Format::Bytes Read(const Format::IndexEntry& effect) const;
 
 private:
+    void ReadEffects();
+
     Format::DiskSource file_;
     Format::PackageState state_;
     std::optional<Format::StreamReader> streams_;
     bool holdsEffects_ = false;
+    std::string damage_;
     Format::CacheHeader header_;
     std::vector<Format::IndexEntry> effects_;
 };
 
 // Takes a snapshot of a package, or of a package that must hold effects. Throws Failure, with the
 // exit code kNo if the file is missing, damaged or of the other kind.
-std::unique_ptr<Snapshot> ReadPackage(Cache& cache, const Cache::Lock& lock);
+std::unique_ptr<Snapshot> ReadPackage(Cache& cache, const Cache::Lock& lock,
+                                      DamagedEffects damaged = DamagedEffects::Refuse);
 std::unique_ptr<Snapshot> ReadCache(Cache& cache, const Cache::Lock& lock);
 
 // Reads the bytes of effects in pieces of some MiB, and holds the lock only while it reads a piece:

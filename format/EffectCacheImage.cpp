@@ -150,6 +150,8 @@ CacheHeader ReadCacheHeader(const Bytes& headerData) {
 std::vector<IndexEntry> ReadIndex(const Bytes& indexStream, std::uint64_t count) {
     ByteReader reader(indexStream, "the index stream");
     std::vector<IndexEntry> entries;
+    entries.reserve(static_cast<std::size_t>(
+        std::min<std::uint64_t>(count, indexStream.size() / kEffectRecordSize)));
     for (std::uint64_t i = 0; i < count; ++i) {
         const std::string which = "record " + std::to_string(i);
         IndexEntry entry;
@@ -163,7 +165,7 @@ std::vector<IndexEntry> ReadIndex(const Bytes& indexStream, std::uint64_t count)
                 which + "'s name has " + std::to_string(length) + " bytes");
         const Bytes name = reader.Take(length);
         entry.name.assign(name.begin(), name.end());
-        entries.push_back(entry);
+        entries.push_back(std::move(entry));
     }
     return entries;
 }
@@ -178,18 +180,23 @@ std::vector<IndexEntry> FindableEntries(const PackageState& state, std::uint64_t
         const auto naming = namings.find(entry.record.streamId);
         if (naming != namings.end()) { ++naming->second; }
     }
-    std::stable_sort(entries.begin(), entries.end(), [](const auto& left, const auto& right) {
+    const auto isBefore = [](const auto& left, const auto& right) {
         return NameOrder()(left.name, right.name);
-    });
-    std::vector<IndexEntry> found;
+    };
+    // Writers sort, and sorting takes more memory.
+    if (!std::is_sorted(entries.begin(), entries.end(), isBefore)) {
+        std::stable_sort(entries.begin(), entries.end(), isBefore);
+    }
+    std::size_t found = 0;
     for (std::size_t i = 0; i < entries.size(); ++i) {
         if (i + 1 < entries.size() && entries[i].name == entries[i + 1].name) { continue; }
         const auto naming = namings.find(entries[i].record.streamId);
         if (naming != namings.end() && naming->second == 1) {
-            found.push_back(std::move(entries[i]));
+            std::swap(entries[found++], entries[i]);
         }
     }
-    return found;
+    entries.resize(found);
+    return entries;
 }
 
 Bytes ReadEffect(const StreamReader& streams, const EffectRecord& record) {

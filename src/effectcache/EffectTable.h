@@ -36,7 +36,7 @@ public:
     std::uint64_t Size() const { return size_; }
     std::uint64_t TotalBytes() const { return bytes_; }
 
-    // The bytes of all entries in the arena, removed ones included.
+    // All bytes that Put and Allocate have taken, also for entries that were removed since.
     std::uint64_t HeldBytes() const { return pool_.Size(); }
 
     // The entry of a name with that hash; null when there is none.

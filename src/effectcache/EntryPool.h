@@ -6,8 +6,7 @@
 
 namespace Quorvel {
 
-// An arena: memory for many small pieces that are all freed together. Pieces allocated one after
-// the other are adjacent, except that a large piece gets a block of its own.
+// An arena: memory for many small pieces that are all freed together.
 //
 // A piece's address is a multiple of every power of two that divides all sizes asked for, up to the
 // alignment of operator new.

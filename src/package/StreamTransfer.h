@@ -13,9 +13,9 @@
 #include "quorvel/Exceptions.h"
 #include "quorvel/IDataStream.h"
 
-// Transfers of the package's own state. It consists of many small records, which pass through a
-// buffer so that the stream moves large pieces. Everything throws FileIOException when the stream
-// ends early, except where stated.
+// Transfers of the package's own state and of the effect cache's index. They consist of many small
+// records, which pass through a buffer so that the stream moves large pieces. Everything throws
+// FileIOException when the stream ends early, except where stated.
 namespace Quorvel {
 
 // Small enough for any thread's stack, large enough that copying outweighs the cost of the call.

@@ -13,7 +13,7 @@ namespace Quorvel {
 
 namespace {
 
-// One past the last offset that a fragment takes. Even an empty one takes its own offset.
+// One past the last byte of a fragment. An empty fragment counts as one byte.
 std::uint64_t EndOf(const TailFragment& fragment) {
     return fragment.offset + std::max<std::uint64_t>(fragment.length, 1);
 }

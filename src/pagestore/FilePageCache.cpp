@@ -32,7 +32,7 @@ FilePageCache::~FilePageCache() {
     try {
         Close();
     } catch (const std::exception&) {
-        QUORVEL_ASSERT(file_);  // only writing to it can have failed
+        QUORVEL_ASSERT(file_);  // only a write to it, or the listener, can have failed
         DiscardAll();
         std::fclose(file_);
     }

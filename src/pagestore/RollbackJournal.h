@@ -78,8 +78,9 @@ public:
     void Undo();
 
     // Undoes an unfinished save of the package at a path, if there was one, and removes the
-    // journal. Does nothing when there is no journal. Throws FileIOException if the file may still
-    // need its journal, which then stays; std::bad_alloc.
+    // journal. Does nothing when there is no journal. REQUIRES: this process caches no page of the
+    // file. Throws FileIOException if the file may still need its journal, which then stays;
+    // std::bad_alloc.
     static void Recover(const char* packagePath);
 
 private:

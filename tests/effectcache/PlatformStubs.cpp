@@ -58,8 +58,8 @@ NamedMutexFault::~NamedMutexFault() {
 using namespace Quorvel;
 using namespace Quorvel::Testing;
 
-// The linker redirects the library's calls to the functions whose names begin with WRAP, and calls
-// of those that begin with REAL to the platform.
+// The linker makes each call of the library go to the WRAP function here. A REAL function is the
+// platform's own.
 extern "C" {
 
 bool REAL_FREE_DISK_SPACE(const char* directory, std::uint64_t& bytes) noexcept;

@@ -1,8 +1,8 @@
-// Two objects on one effect cache, from opening to release, with each of their file system calls
-// and allocations failing in turn. After any failure: only a constructor that gets no memory
-// throws, every lock is free at once, an object finds only whole effects under their own names, and
-// the file holds one of the states that the saves lead to. It is empty only if an object that
-// opened it could not read it.
+// Two objects use one effect cache, from opening to release. Each of their file system calls and
+// allocations fails in turn. Whichever it is: only a constructor that gets no memory throws; every
+// lock is free again at once; an object that finds an effect finds its own bytes, and all of them;
+// and the file holds the state before or after one of the saves. It is empty only if an object
+// failed to read it while opening it.
 #include <gtest/gtest.h>
 
 #include <algorithm>

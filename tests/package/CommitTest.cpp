@@ -382,7 +382,7 @@ TEST_F(CommitTest, OfAHeadFileThatClaimsAPageTooManyIsAsAnyOther) {
     CommitAndExpectFile();
 }
 
-// A page cache too small for all pages that a commit has yet to write.
+// The page cache has room for two pages, so most of what a commit writes leaves it on the way.
 class SmallCommitTest : public PackageTest {
 protected:
     SmallCommitTest() : PackageTest({2, 100}) {}

@@ -98,7 +98,7 @@ protected:
                 isCommitted = trySave();
             }
             TakeCrashImage();
-            // The last write may have completed the save although it moved only a half of its page.
+            // Half of the last page is enough to complete the save.
             const char state = RecoveredCrashImage();
             EXPECT_TRUE(state == (isCommitted ? 'n' : 'o') || (bytesMoved != 0 && state == 'n'))
                 << state << " after " << writesDone << " writes and " << bytesMoved << " bytes";

@@ -996,7 +996,7 @@ struct CacheFields {
     std::uint64_t residentCount;
     CachedPage* mostRecent;
     CachedPage* leastRecent;
-    CachedPage* firstToWrite;
+    PageListener* listener;
 };
 
 TEST_F(FilePageCacheTest, KeepsItsStateInOneFixedOrder) {

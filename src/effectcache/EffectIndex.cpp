@@ -77,6 +77,7 @@ bool EffectIndex::Load(PagedFilePackage& package) {
     const std::vector<IndexEntry*> read = ReadEntries(*stream);
     if (read.size() != header_.recordCount) { return false; }
     DropAmbiguousEntries(package, read);
+    Entries();  // sorts them now, not in the first save
     return true;
 }
 

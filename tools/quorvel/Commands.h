@@ -14,6 +14,7 @@ void AddSet(CLI::App& program, Session& session);
 void AddPrune(CLI::App& program, Session& session);
 void AddCompact(CLI::App& program, Session& session);
 void AddClear(CLI::App& program, Session& session);
+void AddMap(CLI::App& program, Session& session);
 
 // "generate man", "bash", "zsh" and "fish", which --help doesn't show. It describes the commands
 // that were added before.

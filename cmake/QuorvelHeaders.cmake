@@ -1,13 +1,13 @@
 # Header-only libraries of the distribution, for programs other than the library itself.
 #
 # quorvel_header_library(NAME HEADER DEBIAN_PACKAGE): an interface library for a header such as
-# CLI/CLI.hpp. Only that header's own folder is visible, through a link in the build tree, so that a
-# cross-build takes these headers from the build machine and no others.
+# CLI/CLI.hpp. Only that header's own folder, or a header without a folder, is visible, through a link
+# in the build tree, so that a cross-build takes these headers from the build machine and no others.
 function(quorvel_header_library name header package)
     if(TARGET ${name})
         return()
     endif()
-    cmake_path(GET header PARENT_PATH folder)
+    string(REGEX REPLACE "/.*" "" linked ${header})
     find_path(${name}_INCLUDE_DIR ${header} NO_CMAKE_FIND_ROOT_PATH HINTS /usr/include)
     mark_as_advanced(${name}_INCLUDE_DIR)
     if(NOT ${name}_INCLUDE_DIR)
@@ -15,7 +15,7 @@ function(quorvel_header_library name header package)
     endif()
     set(links ${CMAKE_BINARY_DIR}/headers/${name})
     file(MAKE_DIRECTORY ${links})
-    file(CREATE_LINK ${${name}_INCLUDE_DIR}/${folder} ${links}/${folder} COPY_ON_ERROR SYMBOLIC)
+    file(CREATE_LINK ${${name}_INCLUDE_DIR}/${linked} ${links}/${linked} COPY_ON_ERROR SYMBOLIC)
     add_library(${name} INTERFACE IMPORTED GLOBAL)
     target_include_directories(${name} SYSTEM INTERFACE ${links})
 endfunction()

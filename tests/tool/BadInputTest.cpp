@@ -17,7 +17,11 @@ class BadInputTest : public ToolTest {
 protected:
     // Commands that read a cache, and commands that change one.
     static std::vector<Arguments> Readers(const std::string& cache) {
-        return {{"info", cache}, {"list", cache}, {"get", cache, "a"}};
+        return {{"info", cache},
+                {"list", cache},
+                {"get", cache, "a"},
+                {"export", cache, "-"},
+                {"diff", cache, cache}};
     }
     static std::vector<Arguments> Changers(const std::string& cache) {
         return {{"remove", cache, "a"},

@@ -92,6 +92,10 @@ TEST_F(KillTest, LeavesTheOldCacheOrTheNewOne) {
     ExpectOldOrNew(file, {"prune", cache_, "--max-effects", "700"});
     ExpectOldOrNew(file, {"remove", cache_, "--match", "*[1-6]"});
     ExpectOldOrNew(file, {"clear", cache_, "--yes"});
+    Format::WriteWholeFile(File("other.dat"), Format::WriteEffectCache(Effects(1000, 1500)));
+    ASSERT_EQ(Run({"export", File("other.dat"), File("other.tar")}), kDone);
+    ExpectOldOrNew(file, {"merge", cache_, File("other.dat"), "--prefer", "source"});
+    ExpectOldOrNew(file, {"import", cache_, File("other.tar"), "--prefer", "source"});
 }
 
 }  // namespace

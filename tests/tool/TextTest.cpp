@@ -32,6 +32,19 @@ TEST(Text, EscapesWhatIsNotPrintable) {
     }
 }
 
+TEST(Text, ReadsTheNamesThatItSpells) {
+    std::string all;
+    for (int byte = 0; byte < 256; ++byte) {
+        all += static_cast<char>(byte);
+    }
+    for (const std::string& name : {all, std::string(), std::string("\xC3\xA4 \\x41")}) {
+        EXPECT_EQ(Unescape(Escape(name)), name);
+    }
+    for (const char* text : {"\\", "\\x", "\\x4", "\\x41", "\\xfF", "\\xG0", "\\n", "\n", "\xFF"}) {
+        EXPECT_THROW(Unescape(text), Failure) << text;
+    }
+}
+
 TEST(Text, MatchesPatternsLikeAShell) {
     const struct {
         const char* pattern;
@@ -78,12 +91,22 @@ TEST(Text, SpellsSizesAndDurations) {
 }
 
 TEST(Text, ReadsTheTimesThatItSpells) {
-    const Format::EntryTime time = {2024, 2, 29, 23, 59, 58, 7};
-    const Format::EntryTime again = ParseTime(Time(time));
-    EXPECT_EQ(Time(again), "2024-02-29T23:59:58.007");
-    for (const char* text : {"", "2024-02-29", "2024-02-29T23:59:58.007x"}) {
+    for (const Format::EntryTime& time :
+         {Format::EntryTime{2024, 2, 29, 23, 59, 58, 7}, Format::EntryTime{},
+          Format::EntryTime{65535, 65535, 65535, 65535, 65535, 65535, 4294967295}}) {
+        EXPECT_EQ(Time(ParseTime(Time(time))), Time(time));
+    }
+    EXPECT_EQ(ParseTime("2024-02-29T23:59:58.007").millisecond, 7U);
+    for (const char* text : {"", "2024-02-29", "2024-02-29T23:59:58.007x", "2024-2-29T23:59:58.007",
+                             "65536-02-29T23:59:58.007", "2024-02-29T23:59:58.4294967296"}) {
         EXPECT_THROW(ParseTime(text), Failure) << text;
     }
+}
+
+TEST(Text, KnowsTheSecondsSince1970) {
+    const std::time_t seconds = ToUnixTime({2001, 9, 9, 1, 46, 40, 0});
+    EXPECT_LE(std::abs(seconds - 1000000000), 14 * 3600);  // of a time zone
+    EXPECT_EQ(ToUnixTime({2001, 9, 9, 1, 46, 41, 0}), seconds + 1);
 }
 
 TEST(Text, CountsBackFromNow) {

@@ -143,6 +143,20 @@ std::uint64_t CacheEditor::EffectSize(std::uint64_t nameLength, std::uint64_t si
     return IndexEntrySize(nameLength) + SerializedSize(size);
 }
 
+// Streams that no effect names take room as well.
+CacheEditor::Room CacheEditor::TotalRoom() {
+    const std::uint64_t effects = index_.Size();
+    std::uint64_t bytes = 0;
+    for (const IndexEntry* const entry : index_.Entries()) {
+        bytes += EffectSize(entry->record.nameLength, entry->record.effectSize);
+    }
+    const std::uint64_t otherStreams = package_->GetNumberOfDataStreams() - effects;
+    // The stream of a damaged effect may be shorter than its record says.
+    const std::uint64_t total = std::max(package_->GetTotalDataSize(), bytes);
+    const std::uint64_t limit = Capacity() + bytes;
+    return {kStreamLimit - otherStreams, limit > total ? limit - total - 1 : 0};
+}
+
 void CacheEditor::MakeRoom(std::uint64_t effects, std::uint64_t bytes) {
     const std::uint64_t capacity = Capacity();
     const auto fits = [&] {

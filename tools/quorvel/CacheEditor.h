@@ -53,8 +53,18 @@ public:
     // Throws Failure if permanent ones leave too little room.
     void MakeRoom(std::uint64_t effects, std::uint64_t bytes);
 
-    // How many effects the cache can hold, and how many bytes, each effect taking EffectSize.
+    // How many effects the cache can hold, and how many bytes they may take, each of them taking
+    // EffectSize.
+    struct Room {
+        std::uint64_t effects;
+        std::uint64_t bytes;
+    };
+    Room TotalRoom();
+
+    // How many bytes all streams of the cache may take: fewer than this.
     std::uint64_t Capacity() const;
+
+    // How many bytes of streams an effect takes.
     static std::uint64_t EffectSize(std::uint64_t nameLength, std::uint64_t size);
 
     // Writes the changes, if there are any, and tells the other processes. The editor must not be

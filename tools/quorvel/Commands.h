@@ -15,6 +15,10 @@ void AddPrune(CLI::App& program, Session& session);
 void AddCompact(CLI::App& program, Session& session);
 void AddClear(CLI::App& program, Session& session);
 void AddMap(CLI::App& program, Session& session);
+void AddExport(CLI::App& program, Session& session);
+void AddImport(CLI::App& program, Session& session);
+void AddMerge(CLI::App& program, Session& session);
+void AddDiff(CLI::App& program, Session& session);
 
 // "generate man", "bash", "zsh" and "fish", which --help doesn't show. It describes the commands
 // that were added before.

@@ -72,10 +72,9 @@ int Run(int argc, const char* const* argv, Session& session) {
         "so that commands are right while other programs use it.\n"
         "Exit codes: 0 done, 1 not found, different or damaged, 2 bad arguments, 3 could not be "
         "done.\n\"quorvel COMMAND --help\" says more about a command.\n");
-    for (const auto add : {AddInfo, AddList, AddGet, AddPut, AddRemove, AddSet, AddPrune,
-                           AddCompact, AddClear, AddMap, AddManual}) {
-        AddCompact, AddClear, AddMap
-    }) {
+    for (const auto add :
+         {AddInfo, AddList, AddGet, AddPut, AddRemove, AddSet, AddExport, AddImport, AddMerge,
+          AddDiff, AddPrune, AddCompact, AddClear, AddMap, AddManual}) {
         add(program, session);
     }
     try {

@@ -1,10 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 
-// What depends on the system: the terminal, Ctrl-C, and other processes.
+// What depends on the system: the terminal, Ctrl-C, other processes, and temporary files.
 namespace Quorvel::Tool {
 
 // True if standard output, or standard error, is a terminal.
@@ -29,5 +30,9 @@ struct Holder {
 // The processes that have a file open, as far as this user may see them. False if the system can't
 // tell.
 bool FindHolders(const std::string& path, std::vector<Holder>& holders);
+
+// A new file in a folder, for reading and writing, that the system removes when it is closed or the
+// process ends. Null on failure, with the reason in errno.
+std::FILE* CreateTemporaryFile(const std::string& folder);
 
 }  // namespace Quorvel::Tool

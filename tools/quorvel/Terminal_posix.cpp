@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <csignal>
+#include <cstdlib>
 #include <fstream>
 #include <memory>
 
@@ -78,6 +79,16 @@ bool FindHolders(const std::string& path, std::vector<Holder>& holders) {
     std::sort(holders.begin(), holders.end(),
               [](const auto& left, const auto& right) { return left.process < right.process; });
     return true;
+}
+
+std::FILE* CreateTemporaryFile(const std::string& folder) {
+    std::string path = folder + "/quorvel-XXXXXX";
+    const int descriptor = ::mkstemp(path.data());
+    if (descriptor < 0) { return nullptr; }
+    ::unlink(path.c_str());
+    std::FILE* const file = ::fdopen(descriptor, "w+b");
+    if (!file) { ::close(descriptor); }
+    return file;
 }
 
 }  // namespace Quorvel::Tool

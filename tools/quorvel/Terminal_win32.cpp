@@ -1,6 +1,8 @@
 #include <fcntl.h>
 #include <io.h>
+#include <windows.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 
@@ -44,6 +46,15 @@ bool IsStopRequested() {
 // There is no documented way that works without administrator's rights.
 bool FindHolders(const std::string& /*path*/, std::vector<Holder>& /*holders*/) {
     return false;
+}
+
+std::FILE* CreateTemporaryFile(const std::string& folder) {
+    char path[MAX_PATH];
+    if (::GetTempFileNameA(folder.c_str(), "qvl", 0, path) == 0) {
+        errno = EACCES;
+        return nullptr;
+    }
+    return std::fopen(path, "w+bTD");
 }
 
 }  // namespace Quorvel::Tool

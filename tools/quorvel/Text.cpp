@@ -137,6 +137,28 @@ std::string Escape(std::string_view name) {
     return text;
 }
 
+std::string Unescape(std::string_view text) {
+    std::string name;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const bool isEscaped = text[i] == '\\';
+        const bool isCode = isEscaped && text.substr(i + 1, 1) == "x";
+        i += isEscaped ? 1 : 0;
+        if (!isCode) {
+            name += text.substr(i, 1);
+            continue;
+        }
+        unsigned byte = 0;
+        const std::string_view digits = text.substr(i + 1, 2);
+        std::from_chars(digits.data(), digits.data() + digits.size(), byte, 16);
+        name += static_cast<char>(byte);
+        i += 2;
+    }
+    if (Escape(name) != text) {
+        throw Failure(fmt::format("\"{}\" is not an escaped name", Escape(text)));
+    }
+    return name;
+}
+
 std::string Size(std::uint64_t bytes) {
     constexpr std::array<const char*, 4> kUnits = {"KiB", "MiB", "GiB", "TiB"};
     if (bytes < 1024) { return Count(bytes, "byte"); }
@@ -160,21 +182,25 @@ std::string Time(const Format::EntryTime& time) {
 
 Format::EntryTime ParseTime(const std::string& text) {
     Format::EntryTime time;
-    int end = 0;
     unsigned fields[7] = {};
-    const int count =
-        std::sscanf(text.c_str(), "%4u-%2u-%2uT%2u:%2u:%2u.%3u%n", &fields[0], &fields[1],
-                    &fields[2], &fields[3], &fields[4], &fields[5], &fields[6], &end);
-    if (count != 7 || static_cast<std::size_t>(end) != text.size()) {
-        throw Failure(fmt::format("\"{}\" is not a time such as 2026-11-22T13:05:07.250", text));
-    }
+    std::sscanf(text.c_str(), "%5u-%5u-%5uT%5u:%5u:%5u.%10u", &fields[0], &fields[1], &fields[2],
+                &fields[3], &fields[4], &fields[5], &fields[6]);
     std::size_t i = 0;
     for (std::uint16_t* field :
          {&time.year, &time.month, &time.day, &time.hour, &time.minute, &time.second}) {
         *field = static_cast<std::uint16_t>(fields[i++]);
     }
     time.millisecond = fields[i];
+    if (Time(time) != text) {
+        throw Failure(
+            fmt::format("\"{}\" is not a time such as 2026-11-22T13:05:07.250", Escape(text)));
+    }
     return time;
+}
+
+std::time_t ToUnixTime(const Format::EntryTime& time) {
+    std::tm fields = ToTm(time);
+    return std::mktime(&fields);
 }
 
 Format::EntryTime Now() {
@@ -184,8 +210,7 @@ Format::EntryTime Now() {
 
 Format::EntryTime TimeBefore(std::uint64_t seconds) {
     const Format::EntryTime now = Now();
-    std::tm fields = ToTm(now);
-    const std::time_t then = std::mktime(&fields) - static_cast<std::time_t>(seconds);
+    const std::time_t then = ToUnixTime(now) - static_cast<std::time_t>(seconds);
     const std::tm* const local = then > 0 ? std::localtime(&then) : nullptr;
     if (!local) { return {}; }
     const auto narrow = [](int field) { return static_cast<std::uint16_t>(field); };
@@ -199,8 +224,7 @@ Format::EntryTime TimeBefore(std::uint64_t seconds) {
 }
 
 std::uint64_t Age(const Format::EntryTime& time) {
-    std::tm then = ToTm(time);
-    const double age = std::difftime(std::time(nullptr), std::mktime(&then));
+    const double age = std::difftime(std::time(nullptr), ToUnixTime(time));
     return age > 0 ? static_cast<std::uint64_t>(age) : 0;
 }
 

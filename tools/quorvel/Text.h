@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <string_view>
 
@@ -13,6 +14,9 @@ namespace Quorvel::Tool {
 // two.
 std::string Escape(std::string_view name);
 
+// The name that Escape spells like this. Throws Failure if there is none.
+std::string Unescape(std::string_view text);
+
 // "1.5 MiB", "312 bytes".
 std::string Size(std::uint64_t bytes);
 
@@ -24,6 +28,9 @@ std::string Time(const Format::EntryTime& time);
 
 // The reverse of Time. Throws Failure.
 Format::EntryTime ParseTime(const std::string& text);
+
+// Seconds since 1970 UTC; an estimate if it is no valid time.
+std::time_t ToUnixTime(const Format::EntryTime& time);
 
 // The local time now, and a local time so many seconds ago.
 Format::EntryTime Now();

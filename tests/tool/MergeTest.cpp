@@ -1,0 +1,312 @@
+#include <algorithm>
+#include <filesystem>
+#include <optional>
+#include <random>
+#include <thread>
+
+#include "platform/DiskSpace.h"
+#include "tool/ToolTest.h"
+
+// What the volume has free, if a test says so.
+static std::optional<std::uint64_t> freeSpace;
+
+extern "C" {
+
+bool REAL_FREE_DISK_SPACE(const char* directory, std::uint64_t& bytes) noexcept;
+
+bool WRAP_FREE_DISK_SPACE(const char* directory, std::uint64_t& bytes) noexcept {
+    if (!freeSpace) { return REAL_FREE_DISK_SPACE(directory, bytes); }
+    bytes = *freeSpace;
+    return true;
+}
+
+}  // extern "C"
+
+namespace Quorvel::Tool {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using Effects = std::vector<Format::NewEffect>;
+
+class MergeTest : public ToolTest {
+protected:
+    ~MergeTest() override { freeSpace.reset(); }
+
+    static Format::EntryTime Year(unsigned year) {
+        return {static_cast<std::uint16_t>(year), 1, 1, 0, 0, 0, 0};
+    }
+
+    // A cache in a directory of its own. Returns the directory.
+    std::string Make(const std::string& name, const Effects& effects) const {
+        fs::create_directory(File(name));
+        Format::WriteWholeFile(File(name) + "/vornFxoCache.dat", Format::WriteEffectCache(effects));
+        return File(name);
+    }
+
+    // "name year flag bytes" for each effect.
+    static std::vector<std::string> Content(const std::string& directory) {
+        const Format::Bytes file = Format::ReadWholeFile(directory + "/vornFxoCache.dat");
+        EXPECT_THAT(Format::CheckEffectCache(file), IsEmpty());
+        std::vector<std::string> content;
+        for (const auto& [name, effect] :
+             Format::ReadEffectCache(Format::ReadPackage(file, Format::kCacheStreamLimit))) {
+            content.push_back(name + ' ' + std::to_string(effect.record.time.year) + ' ' +
+                              std::to_string(effect.record.permanent) + ' ' +
+                              std::string(effect.data.begin(), effect.data.end()));
+        }
+        return content;
+    }
+
+    static std::vector<std::string> Names(const Json& list) {
+        return list.get<std::vector<std::string>>();
+    }
+};
+
+TEST_F(MergeTest, TheEffectUsedLastStaysWithItsFlag) {
+    const std::string a = Make("a", {{"1", {'a'}, true, Year(2001)},
+                                     {"2", {'a'}, false, Year(2003)},
+                                     {"3", {'a'}, true, Year(2002)},
+                                     {"4", {'a'}, false, Year(2002)}});
+    const std::string b = Make("b", {{"1", {'b'}, false, Year(2002)},
+                                     {"2", {'b'}, true, Year(2002)},
+                                     {"3", {'b'}, false, Year(2002)},
+                                     {"5", {'b'}, true, Year(2002)}});
+    EXPECT_EQ(Run({"merge", a, b}), kDone);
+    EXPECT_EQ(out_, "");
+    EXPECT_EQ(err_, "added 1 effect, replaced 1; the cache's own stayed: 2\n");
+    EXPECT_THAT(Content(a),
+                ElementsAre("1 2002 0 b", "2 2003 0 a", "3 2002 1 a", "4 2002 0 a", "5 2002 1 b"));
+    EXPECT_EQ(Content(b).size(), 4U);
+}
+
+TEST_F(MergeTest, OneSideMayBePreferred) {
+    const Effects mine = {{"1", {'a'}, true, Year(2001)}, {"2", {'a'}, false, Year(2003)}};
+    const Effects yours = {{"1", {'b'}, false, Year(2002)},
+                           {"2", {'b'}, true, Year(2002)},
+                           {"3", {'b'}, true, Year(2002)}};
+    const std::string b = Make("b", yours);
+    EXPECT_EQ(Run({"merge", Make("a", mine), b, "--prefer", "dest"}), kDone);
+    EXPECT_THAT(Content(File("a")), ElementsAre("1 2001 1 a", "2 2003 0 a", "3 2002 1 b"));
+    EXPECT_EQ(Run({"merge", Make("a", mine), b, "--prefer", "source"}), kDone);
+    EXPECT_THAT(Content(File("a")), ElementsAre("1 2002 0 b", "2 2002 1 b", "3 2002 1 b"));
+}
+
+TEST_F(MergeTest, OfSeveralSourcesTheEffectUsedLastStays) {
+    const std::string a = Make("a", {{"1", {'a'}, false, Year(2001)}});
+    const std::string b = Make("b", {{"1", {'b'}, false, Year(2003)}, {"2", {'b'}}});
+    const std::string c = Make("c", {{"1", {'c'}, false, Year(2002)}, {"2", {'c'}}});
+    for (const char* prefer : {"source", "dest"}) {
+        fs::create_directory(File(prefer));
+        EXPECT_EQ(Run({"merge", File(prefer), c, b, a, "--prefer", prefer}), kDone);
+        EXPECT_THAT(Content(File(prefer)), ElementsAre("1 2003 0 b", "2 2024 0 c"));
+    }
+}
+
+TEST_F(MergeTest, TwoHalvesMakeTheWhole) {
+    std::mt19937 random(1);
+    Effects all;
+    for (unsigned i = 0; i < 600; ++i) {
+        all.push_back({"effect " + std::to_string(random()),
+                       Format::Bytes(1 + random() % 20000, static_cast<std::uint8_t>(i)),
+                       random() % 4 == 0, Year(1990 + i % 30)});
+    }
+    Effects first(all.begin(), all.begin() + 350);
+    Effects second(all.begin() + 250, all.end());
+    const std::string whole = Make("whole", all);
+    const std::string a = Make("a", first);
+    const std::string b = Make("b", second);
+    fs::create_directory(File("c"));
+    EXPECT_EQ(Run({"merge", File("c"), a, b}), kDone);
+    EXPECT_EQ(Run({"merge", a, b}), kDone);
+    for (const std::string& merged : {a, File("c")}) {
+        EXPECT_EQ(Run({"diff", "--time", merged, whole}), kDone) << out_;
+        EXPECT_THAT(Format::CheckEffectCache(Format::ReadWholeFile(merged + "/vornFxoCache.dat")),
+                    IsEmpty());
+    }
+    EXPECT_EQ(Run({"merge", a, b}), kDone);
+    EXPECT_EQ(err_, "added 0 effects, replaced 0; the cache's own stayed: 350\n");
+}
+
+TEST_F(MergeTest, PackageFilesCanBeMerged) {
+    const std::string a = Make("a", ThreeEffects());
+    fs::copy(a + "/vornFxoCache.dat", File("copy.dat"));
+    EXPECT_EQ(Run({"merge", Make("b", {}), File("copy.dat")}), kDone);
+    EXPECT_EQ(Content(File("b")), Content(a));
+    Format::WriteWholeFile(File("empty.dat"), Format::WriteEffectCache({}));
+    EXPECT_EQ(Run({"merge", File("empty.dat"), a}), kDone);
+    EXPECT_EQ(Run({"diff", File("empty.dat"), a, "--time"}), kDone);
+}
+
+TEST_F(MergeTest, ADryRunSaysWhatWouldHappen) {
+    const std::string a = Make("a", {{"a", {7}, false, Year(1999)}});
+    const std::string b = Make("b", ThreeEffects());
+    const std::vector<std::string> before = Content(a);
+    EXPECT_EQ(Run({"merge", a, b, "--dry-run", "--match", "?*[ab]"}), kDone);
+    EXPECT_EQ(out_, "+ bb\n");
+    EXPECT_EQ(Run({"merge", a, b, "--dry-run"}), kDone);
+    EXPECT_EQ(out_, "+ bb\n+ tab\\x09here\\\\\\xFF\n! a\n");
+    EXPECT_EQ(err_, "would have added 2 effects, replaced 1\n");
+    EXPECT_EQ(RunJson({"merge", a, b, "--dry-run"}),
+              Json::parse(R"({"dryRun": true, "added": ["bb", "tab\\x09here\\\\\\xFF"],
+                              "replaced": ["a"], "evicted": [], "kept": 0, "leftOut": 0,
+                              "damaged": 0})"));
+    EXPECT_EQ(Content(a), before);
+    fs::create_directory(File("empty"));
+    EXPECT_EQ(Run({"merge", File("empty"), b, "--dry-run"}), kDone);
+    EXPECT_TRUE(fs::is_empty(File("empty")));
+    EXPECT_EQ(RunJson({"merge", a, b})["dryRun"], false);
+    EXPECT_EQ(Content(a), Content(b));
+}
+
+TEST_F(MergeTest, APatternThatMatchesNothingIsANo) {
+    EXPECT_EQ(Run({"merge", Make("a", {}), Make("b", ThreeEffects()), "--match", "none"}), kNo);
+    EXPECT_THAT(err_, HasSubstr("no effect matches \"none\""));
+}
+
+TEST_F(MergeTest, ACacheIsNotMergedWithItself) {
+    const std::string a = Make("a", ThreeEffects());
+    fs::create_hard_link(a + "/vornFxoCache.dat", File("link.dat"));
+    for (const std::string& spelling :
+         {a, a + "/", File("a/../a"), a + "/vornFxoCache.dat", File("link.dat")}) {
+        EXPECT_EQ(Run({"merge", a, Make("b", {}), spelling}), kUsage) << spelling;
+        EXPECT_THAT(err_, HasSubstr(" are the same cache"));
+    }
+}
+
+TEST_F(MergeTest, ASourceThatCannotBeReadLeavesTheDestinationAsItIs) {
+    const std::string a = Make("a", ThreeEffects());
+    const std::string b = Make("b", {{"new", {1}}});
+    const std::vector<std::string> before = Content(a);
+    fs::create_directory(File("empty"));
+    Format::WriteWholeFile(File("broken.dat"), Format::Bytes(9000, 1));
+    const struct {
+        std::string source;
+        const char* why;
+    } rows[] = {{File("missing"), "missing: no such file or directory"},
+                {File("empty"), "there is no vornFxoCache.dat in the directory"},
+                {File("broken.dat"), "broken.dat: damaged: "}};
+    for (const auto& row : rows) {
+        EXPECT_EQ(Run({"merge", a, b, row.source}), kNo);
+        EXPECT_THAT(err_, HasSubstr(row.why));
+        EXPECT_EQ(Content(a), before);
+    }
+    EXPECT_EQ(Run({"merge", a}), kUsage);
+    EXPECT_EQ(Run({"merge", File("broken.dat"), b}), kNo);
+    EXPECT_THAT(err_, HasSubstr("broken.dat: no cache that can be changed"));
+}
+
+TEST_F(MergeTest, DamagedEffectsAreLeftOutAndCounted) {
+    const std::string a = Make("a", {{"x", {1}}});
+    const std::string b = Make("b", ThreeEffects());
+    Format::Bytes file = Format::ReadWholeFile(b + "/vornFxoCache.dat");
+    const std::uint8_t length[] = {2, 0, 0, 0, 0, 0, 0, 0, 2, 2};
+    const auto found = std::search(file.begin(), file.end(), std::begin(length), std::end(length));
+    ASSERT_NE(found, file.end());
+    *found = 3;
+    Format::WriteWholeFile(b + "/vornFxoCache.dat", file);
+    EXPECT_EQ(Run({"merge", a, b}), kNo);
+    EXPECT_THAT(err_, HasSubstr("\"bb\" is damaged and left out: "));
+    EXPECT_THAT(err_, HasSubstr("added 2 effects, replaced 0; left out as damaged: 1\n"));
+    EXPECT_EQ(Content(a).size(), 3U);
+}
+
+// ---- Limits -------------------------------------------------------------------------------------
+
+TEST_F(MergeTest, WithinTheNumberOfEffectsPermanentOnesAndThoseUsedLastStay) {
+    Effects many;
+    for (unsigned i = 0; i < 65532; ++i) {
+        many.push_back({"effect " + std::to_string(i), {1}, false, Year(2002)});
+    }
+    many.push_back({"oldest, permanent", {1}, true, Year(1990)});
+    many.push_back({"oldest", {1}, false, Year(2001)});
+    const std::string a = Make("a", many);
+    const std::string b = Make("b", {{"new", {2}, false, Year(2003)},
+                                     {"old", {2}, false, Year(2000)},
+                                     {"old, permanent", {2}, true, Year(2000)}});
+    const Json report = RunJson({"merge", a, b});
+    EXPECT_THAT(Names(report["added"]), ElementsAre("old, permanent", "new"));
+    EXPECT_THAT(Names(report["replaced"]), IsEmpty());
+    // Of effects used at the same time the last ones in the index go.
+    EXPECT_THAT(Names(report["evicted"]), ElementsAre("effect 65531", "oldest"));
+    EXPECT_EQ(report["leftOut"], 1);
+    EXPECT_EQ(Content(a).size(), 65534U);
+}
+
+TEST_F(MergeTest, WithinTheRoomPermanentOnesAndThoseUsedLastStay) {
+    // Each one takes 100 bytes: 39 of its own, and 61 more.
+    Effects mine = {{"p", Format::Bytes(39, 'a'), true, Year(1990)}};
+    Effects yours = {{"q", Format::Bytes(39, 'b'), true, Year(1991)}};
+    for (char c = '0'; c <= '9'; ++c) {
+        mine.push_back({std::string(1, c), Format::Bytes(39, 'a'), false,
+                        Year(2000 + static_cast<unsigned>(c))});
+        yours.push_back({std::string(1, static_cast<char>(c + 5)), Format::Bytes(39, 'b'), false,
+                         Year(2001 + static_cast<unsigned>(c + 5))});
+    }
+    const struct {
+        std::uint64_t room;
+        std::size_t effects;
+    } rows[] = {{100000, 17}, {1701, 17}, {1700, 16}, {1001, 10}, {1000, 9}, {201, 2}, {101, 1}};
+    for (const auto& row : rows) {
+        const std::string a = Make("a", mine);
+        const std::string b = Make("b", yours);
+        freeSpace = row.room;
+        const Json report = RunJson({"merge", a, b});
+        freeSpace.reset();
+        const std::vector<std::string> left = Content(a);
+        EXPECT_EQ(left.size(), row.effects) << row.room;
+        EXPECT_THAT(left, testing::Contains(testing::StartsWith("p 1990 1")));
+        EXPECT_EQ(row.effects >= 2, report["added"].dump().find("\"q\"") != std::string::npos);
+        // Those that are left of the others are the ones used last.
+        for (int c = '0' + 14;
+             row.effects > 2 && c > '0' + 14 - (static_cast<int>(row.effects) - 2); --c) {
+            const std::string name(1, static_cast<char>(c));
+            EXPECT_THAT(left, testing::Contains(testing::StartsWith(name + " "))) << row.room;
+        }
+        EXPECT_EQ(11 - report["evicted"].size() + report["added"].size(), row.effects);
+    }
+}
+
+TEST_F(MergeTest, PermanentEffectsStayEvenIfTheyExceedTheRoom) {
+    const std::string a = Make("a", {{"a", Format::Bytes(500), true, Year(1990)},
+                                     {"b", Format::Bytes(500), true, Year(1990)},
+                                     {"c", Format::Bytes(500), false, Year(2020)}});
+    const std::string b = Make("b", {{"d", Format::Bytes(500), true, Year(2021)}});
+    freeSpace = 700;
+    EXPECT_EQ(Run({"merge", a, b}), kDone);
+    EXPECT_EQ(err_, "added 0 effects, replaced 0; for lack of room, evicted 1 and left out 1\n");
+    freeSpace.reset();
+    EXPECT_EQ(Content(a).size(), 2U);
+}
+
+// ---- Locks --------------------------------------------------------------------------------------
+
+TEST_F(MergeTest, MergesInBothDirectionsDoNotWaitForEachOther) {
+    Effects mine;
+    Effects yours;
+    for (unsigned i = 0; i < 200; ++i) {
+        mine.push_back({"a" + std::to_string(i), Format::Bytes(2000, 1)});
+        yours.push_back({"b" + std::to_string(i), Format::Bytes(2000, 2)});
+    }
+    const std::string a = Make("a", mine);
+    const std::string b = Make("b", yours);
+    const auto merge = [](const std::string& dest, const std::string& source) {
+        const char* const argv[] = {"quorvel", "merge", dest.c_str(), source.c_str()};
+        std::istringstream in;
+        std::ostringstream out;
+        std::ostringstream err;
+        for (int i = 0; i < 20; ++i) {
+            EXPECT_EQ(RunProgram(4, argv, {in, out, err}), kDone) << err.str();
+        }
+    };
+    std::thread other([&] { merge(a, b); });
+    merge(b, a);
+    other.join();
+    EXPECT_EQ(Run({"diff", a, b, "--time"}), kDone);
+    EXPECT_EQ(Content(a).size(), 400U);
+}
+
+}  // namespace
+}  // namespace Quorvel::Tool

@@ -1,0 +1,187 @@
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "platform/PlainFile.h"
+#include "platform/Process.h"
+#include "tools/quorvel/Archive.h"
+#include "tools/quorvel/Cache.h"
+#include "tools/quorvel/Commands.h"
+#include "tools/quorvel/Progress.h"
+#include "tools/quorvel/Text.h"
+
+namespace Quorvel::Tool {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct ExportOptions {
+    std::string cache;
+    std::string archive;
+    std::string match = "*";
+};
+
+// The file of an archive. It gets its name when it is complete; until then it has another one in
+// the same folder. A device or a pipe is written in place.
+class ArchiveFile {
+public:
+    // Throws Failure.
+    explicit ArchiveFile(const std::string& name) : name_(name), path_(name) {
+        std::error_code ignored;
+        const fs::file_status status = fs::status(name, ignored);
+        if (fs::is_directory(status)) { throw Failure(name + ": a directory; name a file"); }
+        if (fs::exists(status) && !fs::is_regular_file(status)) {
+            Open(name);
+            return;
+        }
+        if (fs::exists(status)) { path_ = fs::canonical(name).string(); }
+        unfinished_ = fmt::format("{}.part-{}", path_, Platform::CurrentProcessId());
+        std::remove(unfinished_.c_str());  // what a process of that number has left
+        std::FILE* const file = Platform::CreateNewFile(unfinished_.c_str());
+        if (!file) { Fail(); }
+        std::fclose(file);
+        Open(unfinished_);
+    }
+    ArchiveFile(const ArchiveFile&) = delete;
+    ArchiveFile& operator=(const ArchiveFile&) = delete;
+
+    // Removes an archive that is not complete.
+    ~ArchiveFile() {
+        stream_.close();
+        if (!unfinished_.empty()) { std::remove(unfinished_.c_str()); }
+    }
+
+    std::ostream& Stream() { return stream_; }
+
+    // Throws Failure.
+    void Finish() {
+        errno = 0;
+        stream_.close();
+        if (!stream_) { Fail(); }
+        if (unfinished_.empty()) { return; }
+        std::error_code error;
+        fs::rename(unfinished_, path_, error);
+        if (error) { throw Failure(fmt::format("{}: {}", name_, error.message())); }
+        unfinished_.clear();
+    }
+
+private:
+    void Open(const std::string& path) {
+        errno = 0;
+        stream_.open(path, std::ios::binary | std::ios::out);
+        if (!stream_) { Fail(); }
+    }
+
+    [[noreturn]] void Fail() const {
+        throw Failure(fmt::format("{}: the output can't be written: {}", name_,
+                                  errno != 0 ? std::strerror(errno) : "write error"));
+    }
+
+    const std::string name_;
+    std::string path_;
+    std::string unfinished_;  // the name until then; empty for none
+    std::ofstream stream_;
+};
+
+Compression CompressionOf(const std::string& archive) {
+    constexpr std::pair<std::string_view, Compression> kEndings[] = {
+        {".tar", Compression::None},  {".tar.gz", Compression::Gzip},
+        {".tgz", Compression::Gzip},  {".tar.zst", Compression::Zstd},
+        {".tzst", Compression::Zstd},
+    };
+    for (const auto& [ending, compression] : kEndings) {
+        if (archive.ends_with(ending)) { return compression; }
+    }
+    std::error_code ignored;
+    const fs::file_status status = fs::status(archive, ignored);
+    if (fs::exists(status) && !fs::is_regular_file(status)) { return Compression::None; }
+    throw Failure(archive + ": the name of an archive ends in .tar, .tar.gz or .tar.zst", kUsage);
+}
+
+struct Exported {
+    std::uint64_t effects = 0;
+    std::uint64_t bytes = 0;
+    Json damaged = Json::array();
+};
+
+Exported WriteArchive(const ExportOptions& options, Cache& cache, std::ostream& out,
+                      Compression compression, Session& session) {
+    const std::string name = options.archive == "-" ? "standard output" : options.archive;
+    ArchiveWriter archive(out, name, compression);
+    std::error_code ignored;
+    Progress progress(session, "exporting", fs::file_size(cache.Path(), ignored));
+    Exported result;
+    ForEachEffect(
+        cache, [&](const auto& effect) { return Matches(options.match, effect.name); },
+        [&](const EffectBytes& effect) {
+            archive.Add(effect);
+            ++result.effects;
+            result.bytes += effect.data.size();
+            progress.Add(effect.data.size());
+        },
+        [&](const Format::IndexEntry& effect, const std::string& why) {
+            session.Tell(fmt::format("{}: \"{}\" is damaged and left out: {}", cache.Path(),
+                                     Escape(effect.name), why));
+            result.damaged.push_back(Escape(effect.name));
+        });
+    if (result.effects == 0 && result.damaged.empty() && options.match != "*") {
+        throw Failure(
+            fmt::format("{}: no effect matches \"{}\"", cache.Name(), Escape(options.match)), kNo);
+    }
+    archive.Finish();
+    return result;
+}
+
+void Export(const ExportOptions& options, Session& session) {
+    const bool isPipe = options.archive == "-";
+    if (isPipe && session.json) {
+        throw Failure("standard output can't have both the archive and JSON", kUsage);
+    }
+    const Compression compression = isPipe ? Compression::None : CompressionOf(options.archive);
+    Cache cache(session, options.cache);
+    Exported result;
+    if (isPipe) {
+        result = WriteArchive(options, cache, session.out, compression, session);
+    } else {
+        ArchiveFile file(options.archive);
+        result = WriteArchive(options, cache, file.Stream(), compression, session);
+        file.Finish();
+    }
+    session.Report(
+        fmt::format("exported {}, {}", Count(result.effects, "effect"), Size(result.bytes)),
+        {{"archive", options.archive},
+         {"effects", result.effects},
+         {"bytes", result.bytes},
+         {"damaged", result.damaged}});
+    if (!result.damaged.empty()) { session.exitCode = kNo; }
+}
+
+}  // namespace
+
+void AddExport(CLI::App& program, Session& session) {
+    const auto options = std::make_shared<ExportOptions>();
+    Command command = AddCommand(program, session, "export", "Writes effects into an archive (tar)",
+                                 [options, &session] { Export(*options, session); });
+    command.AddReading();
+    command.AddJson();
+    command.AddCache(options->cache);
+    command.app
+        ->add_option("ARCHIVE", options->archive,
+                     "the archive to write: a name that ends in .tar, .tar.gz or .tar.zst, or - "
+                     "for standard output (.tar)")
+        ->required();
+    command.app
+        ->add_option("--match", options->match, "only effects whose names match this shell pattern")
+        ->capture_default_str();
+}
+
+}  // namespace Quorvel::Tool

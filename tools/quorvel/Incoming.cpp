@@ -1,0 +1,266 @@
+#include "tools/quorvel/Incoming.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <utility>
+
+#include "effectcache/EffectRecord.h"
+#include "effectcache/SharedCache.h"
+#include "tools/quorvel/CacheEditor.h"
+#include "tools/quorvel/Progress.h"
+#include "tools/quorvel/Selection.h"
+#include "tools/quorvel/Terminal.h"
+#include "tools/quorvel/Text.h"
+
+namespace Quorvel::Tool {
+
+namespace {
+
+constexpr char kAdvice[] = "nothing was changed; name another folder in TMPDIR, or TMP on Windows";
+
+std::string TemporaryFolder() {
+    std::error_code error;
+    const std::filesystem::path folder = std::filesystem::temp_directory_path(error);
+    if (error) {
+        throw Failure(fmt::format("the folder for temporary files can't be used: {}; {}",
+                                  error.message(), kAdvice));
+    }
+    return folder.string();
+}
+
+[[noreturn]] void FailTemporaryFile(const std::string& what) {
+    const int error = errno;
+    throw Failure(fmt::format("{}: a temporary file can't be {}: {}; {}", TemporaryFolder(), what,
+                              std::strerror(error), kAdvice));
+}
+
+}  // namespace
+
+// ---- Collecting ---------------------------------------------------------------------------------
+
+Incoming::Incoming() : file_(CreateTemporaryFile(std::filesystem::temp_directory_path().string())) {
+    if (!file_) { FailTemporaryFile("created"); }
+}
+
+std::fpos_t Incoming::Keep(const Format::Bytes& data) {
+    std::fpos_t place;
+    if (std::fgetpos(file_.get(), &place) != 0 ||
+        std::fwrite(data.data(), 1, data.size(), file_.get()) != data.size()) {
+        FailTemporaryFile("written");
+    }
+    return place;
+}
+
+Format::Bytes Incoming::Read(const Effect& effect) const {
+    Format::Bytes data(effect.size);
+    if (std::fsetpos(file_.get(), &effect.place) != 0 ||
+        std::fread(data.data(), 1, data.size(), file_.get()) != data.size()) {
+        FailTemporaryFile("read");
+    }
+    return data;
+}
+
+bool Incoming::Wants(const std::string& name, const Format::EntryTime& time) const {
+    const auto found = effects_.find(name);
+    return found == effects_.end() || IsEarlier(ToRecord(found->second.time), ToRecord(time));
+}
+
+void IncomingOptions::AddTo(Command& command, const std::string& source) {
+    command.app
+        ->add_option(
+            "--match", match,
+            fmt::format("only effects of the {} whose names match this shell pattern", source))
+        ->capture_default_str();
+    command.app
+        ->add_option("--prefer", prefer,
+                     "which of two effects of one name stays: dest or source; without this, the "
+                     "one used last")
+        ->check(CLI::IsMember({"dest", "source"}));
+    command.app->add_flag("--dry-run", isDryRun, "say what would happen, change nothing");
+}
+
+// ---- Planning -----------------------------------------------------------------------------------
+
+namespace {
+
+// An effect that the cache would hold if it had room for everything: one of its own, or one that
+// comes in, perhaps in the place of one of its own.
+struct Candidate {
+    const IndexEntry* own = nullptr;
+    const Incoming::Effects::value_type* incoming = nullptr;
+
+    EntryTime Time() const {
+        return incoming ? ToRecord(incoming->second.time) : own->record.entryTime;
+    }
+
+    std::uint64_t Size() const {
+        return incoming ? CacheEditor::EffectSize(incoming->first.size(), incoming->second.size)
+                        : CacheEditor::EffectSize(own->record.nameLength, own->record.effectSize);
+    }
+
+    // Lower ones stay first; those of rank 0 always stay.
+    int Rank() const {
+        if (incoming) { return incoming->second.permanent ? 1 : 2; }
+        return own->record.permanent != 0 ? 0 : 2;
+    }
+};
+
+class Plan {
+public:
+    Plan(const Incoming& incoming, CacheEditor* editor, const std::string& prefer)
+        : incoming_(incoming.All()), prefer_(prefer) {
+        Match(editor);
+        Choose(editor ? editor->TotalRoom()
+                      : CacheEditor::Room{kStreamLimit - 1, kLargestSpaceBudget - 1});
+    }
+
+    IncomingResult result;
+
+private:
+    bool Wins(const Incoming::Effect& effect, const IndexEntry& own) const {
+        if (!prefer_.empty()) { return prefer_ == "source"; }
+        return IsEarlier(own.record.entryTime, ToRecord(effect.time));
+    }
+
+    void Match(CacheEditor* editor) {
+        if (editor) {
+            for (const IndexEntry* const own : editor->Effects()) {
+                const auto found = incoming_.find(NameOf(*own));
+                if (found == incoming_.end()) {
+                    candidates_.push_back({own, nullptr});
+                } else if (Wins(found->second, *own)) {
+                    candidates_.push_back({own, &*found});
+                } else {
+                    candidates_.push_back({own, nullptr});
+                    ++result.kept;
+                }
+            }
+        }
+        for (const auto& effect : incoming_) {
+            if (!editor || !editor->Find(effect.first)) {
+                candidates_.push_back({nullptr, &effect});
+            }
+        }
+    }
+
+    void Choose(CacheEditor::Room room) {
+        std::stable_sort(candidates_.begin(), candidates_.end(),
+                         [](const Candidate& left, const Candidate& right) {
+                             return left.Rank() != right.Rank()
+                                        ? left.Rank() < right.Rank()
+                                        : IsEarlier(right.Time(), left.Time());
+                         });
+        bool isFull = false;
+        for (const Candidate& candidate : candidates_) {
+            const std::uint64_t size = candidate.Size();
+            isFull = isFull || room.effects == 0 || room.bytes < size;
+            Note(candidate, !isFull || candidate.Rank() == 0);
+            room.effects -= std::min<std::uint64_t>(room.effects, 1);
+            room.bytes -= std::min(room.bytes, size);
+        }
+        for (std::vector<std::string>* const names :
+             {&result.added, &result.replaced, &result.evicted}) {
+            std::sort(names->begin(), names->end(), Format::NameOrder());
+        }
+    }
+
+    void Note(const Candidate& candidate, bool stays) {
+        if (!stays && candidate.own) { result.evicted.push_back(NameOf(*candidate.own)); }
+        if (!candidate.incoming) { return; }
+        if (!stays) {
+            ++result.leftOut;
+        } else {
+            (candidate.own ? result.replaced : result.added).push_back(candidate.incoming->first);
+        }
+    }
+
+    const Incoming::Effects& incoming_;
+    const std::string& prefer_;
+    std::vector<Candidate> candidates_;
+};
+
+}  // namespace
+
+// ---- Storing ------------------------------------------------------------------------------------
+
+namespace {
+
+void Apply(const IncomingResult& result, const Incoming& incoming, CacheEditor& editor,
+           const Session& session) {
+    for (const std::vector<std::string>* const names : {&result.evicted, &result.replaced}) {
+        for (const std::string& name : *names) {
+            StopIfAsked();
+            editor.Remove(editor.Find(name));
+        }
+    }
+    Progress progress(session, "storing", result.added.size() + result.replaced.size());
+    for (const std::vector<std::string>* const names : {&result.added, &result.replaced}) {
+        for (const std::string& name : *names) {
+            const Incoming::Effect& effect = incoming.All().at(name);
+            editor.Store(name, incoming.Read(effect), effect.permanent, effect.time);
+            progress.Add();
+        }
+    }
+    editor.Commit();
+}
+
+}  // namespace
+
+IncomingResult TakeIn(const Incoming& incoming, Cache& cache, const IncomingOptions& options,
+                      const Session& session) {
+    const Cache::Lock lock(cache);
+    std::optional<CacheEditor> editor;
+    if (cache.Exists() || !options.isDryRun) {
+        editor.emplace(cache, lock, CacheEditor::Missing::Create);
+    }
+    IncomingResult result = Plan(incoming, editor ? &*editor : nullptr, options.prefer).result;
+    if (!options.isDryRun) { Apply(result, incoming, *editor, session); }
+    return result;
+}
+
+namespace {
+
+Json ToJson(const std::vector<std::string>& names) {
+    Json list = Json::array();
+    for (const std::string& name : names) {
+        list.push_back(Escape(name));
+    }
+    return list;
+}
+
+}  // namespace
+
+void ReportResult(Session& session, const IncomingResult& result, const IncomingOptions& options,
+                  std::uint64_t damaged) {
+    const std::pair<const char*, const std::vector<std::string>&> lists[] = {
+        {"+ ", result.added}, {"! ", result.replaced}, {"- ", result.evicted}};
+    if (options.isDryRun && !session.json) {
+        for (const auto& [mark, names] : lists) {
+            for (const std::string& name : names) {
+                session.out << mark << Escape(name) << '\n';
+            }
+        }
+    }
+    std::string line = fmt::format("{}added {}, replaced {}", options.isDryRun ? "would have " : "",
+                                   Count(result.added.size(), "effect"), result.replaced.size());
+    if (result.kept > 0) { line += fmt::format("; the cache's own stayed: {}", result.kept); }
+    if (!result.evicted.empty() || result.leftOut > 0) {
+        line += fmt::format("; for lack of room, evicted {} and left out {}", result.evicted.size(),
+                            result.leftOut);
+    }
+    if (damaged > 0) { line += fmt::format("; left out as damaged: {}", damaged); }
+    session.Report(line, {{"dryRun", options.isDryRun},
+                          {"added", ToJson(result.added)},
+                          {"replaced", ToJson(result.replaced)},
+                          {"evicted", ToJson(result.evicted)},
+                          {"kept", result.kept},
+                          {"leftOut", result.leftOut},
+                          {"damaged", damaged}});
+}
+
+}  // namespace Quorvel::Tool

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "format/EffectCacheImage.h"
+#include "tools/quorvel/Cache.h"
+#include "tools/quorvel/Session.h"
+
+namespace Quorvel::Tool {
+
+// Effects on their way into a cache. Their bytes wait in a temporary file: they are collected
+// before the cache is locked, so that no command ever holds two locks or reads a pipe under a lock,
+// and a damaged source is noticed before anything is changed.
+class Incoming {
+public:
+    struct Effect {
+        Format::EntryTime time;
+        bool permanent = false;
+        std::uint32_t size = 0;
+        std::fpos_t place = {};  // in the temporary file
+    };
+    using Effects = std::map<std::string, Effect, Format::NameOrder>;
+
+    // All throw Failure if there is no room for the temporary file, or if it fails.
+    Incoming();
+    std::fpos_t Keep(const Format::Bytes& data);
+    Format::Bytes Read(const Effect& effect) const;
+
+    // True unless there is an effect of that name that was used at the same time or later.
+    bool Wants(const std::string& name, const Format::EntryTime& time) const;
+
+    // Adds an effect, replacing the one that had the name.
+    void Add(const std::string& name, const Effect& effect) { effects_[name] = effect; }
+
+    const Effects& All() const { return effects_; }
+
+private:
+    struct Close {
+        void operator()(std::FILE* file) const { std::fclose(file); }
+    };
+
+    std::unique_ptr<std::FILE, Close> file_;
+    Effects effects_;
+};
+
+// How effects are taken into a cache: the options of the commands that do that.
+struct IncomingOptions {
+    std::string match = "*";
+    std::string prefer;  // empty, "dest" or "source"
+    bool isDryRun = false;
+
+    void AddTo(Command& command, const std::string& source);
+};
+
+// What became of the effects.
+struct IncomingResult {
+    std::vector<std::string> added;
+    std::vector<std::string> replaced;
+    std::vector<std::string> evicted;  // from the cache, to make room
+    std::uint64_t kept = 0;            // the cache's own effect was preferred
+    std::uint64_t leftOut = 0;         // did not fit
+};
+
+// Takes the effects into a cache, all or none; makes the cache if its directory has none. Of two
+// effects of one name the one used last stays, with its time and flag, and of two used at the same
+// time that of the cache, unless the options say otherwise. If not all fit, the cache's permanent
+// effects stay, then the permanent ones that come in, then those used last. Throws Failure.
+IncomingResult TakeIn(const Incoming& incoming, Cache& cache, const IncomingOptions& options,
+                      const Session& session);
+
+// Prints the result. A dry run also prints what would happen to each effect: "+ name" for one that
+// is added, "! name" for one that is replaced, "- name" for one that is evicted.
+void ReportResult(Session& session, const IncomingResult& result, const IncomingOptions& options,
+                  std::uint64_t damaged);
+
+}  // namespace Quorvel::Tool

@@ -31,8 +31,10 @@ void Append(Bytes& bytes, std::string_view text);
 // Takes integers and byte runs off the front of a buffer, which must outlive it.
 class ByteReader {
 public:
-    // name describes the buffer's contents in error messages.
-    ByteReader(const Bytes& bytes, std::string name) : bytes_(&bytes), name_(std::move(name)) {}
+    // Begins at a position, which must lie in the buffer. name describes the buffer's contents in
+    // error messages.
+    ByteReader(const Bytes& bytes, std::string name, std::size_t position = 0)
+        : bytes_(&bytes), name_(std::move(name)), position_(position) {}
 
     // Both throw FormatError if fewer bytes are left.
     std::uint64_t TakeInteger(std::size_t width);
@@ -45,7 +47,7 @@ private:
 
     const Bytes* bytes_;
     std::string name_;
-    std::size_t position_ = 0;
+    std::size_t position_;
 };
 
 // The whole content of a file. Throws std::runtime_error if it can't be read.

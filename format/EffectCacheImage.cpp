@@ -2,12 +2,10 @@
 
 #include <algorithm>
 #include <optional>
-#include <set>
 #include <sstream>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
-
-#include "format/PackageCheck.h"
 
 namespace Quorvel::Format {
 namespace {
@@ -56,18 +54,18 @@ std::uint64_t IndexSize(const std::vector<IndexEntry>& entries) {
 
 class EffectCacheChecker {
 public:
-    EffectCacheChecker(const PackageState& state, const FileSource& file)
-        : state_(state), file_(file) {}
+    EffectCacheChecker(const PackageState& state, const FileSource& file,
+                       const ProblemSink& problem, const EffectSink& use)
+        : state_(state), file_(file), problem_(problem), use_(use) {}
 
-    std::vector<std::string> Run() {
-        problems_ = CheckPackage(state_, file_.Size());
+    void Run() {
+        CheckPackage(state_, file_.Size(), problem_);
         try {
             const CacheHeader header = ReadCacheHeader(state_.headerData);
             CheckIndex(header);
         } catch (const FormatError& error) {
-            problems_.push_back(std::string("no intact effect cache: ") + error.what());
+            problem_(std::string("no intact effect cache: ") + error.what());
         }
-        return std::move(problems_);
     }
 
 private:
@@ -76,7 +74,7 @@ private:
         if (!holds) {
             std::ostringstream line;
             (line << ... << otherwise);
-            problems_.push_back(line.str());
+            problem_(line.str());
         }
     }
 
@@ -86,8 +84,9 @@ private:
 
     const PackageState& state_;
     const FileSource& file_;
-    std::set<std::uint64_t> used_;  // streams that the cache refers to
-    std::vector<std::string> problems_;
+    const ProblemSink& problem_;
+    const EffectSink& use_;
+    std::unordered_set<std::uint64_t> used_;  // streams that the cache refers to
 };
 
 void EffectCacheChecker::CheckIndex(const CacheHeader& header) {
@@ -113,7 +112,8 @@ void EffectCacheChecker::CheckEffect(const StreamReader& streams, const IndexEnt
     Expect(used_.insert(entry.record.streamId).second, name, " shares stream ",
            entry.record.streamId);
     try {
-        ReadEffect(streams, entry.record);
+        const Bytes data = ReadEffect(streams, entry.record);
+        use_(entry, data);
     } catch (const FormatError& error) {
         Expect(false, name, " of ", entry.record.size, " bytes can't be read: ", error.what());
     }
@@ -131,7 +131,7 @@ bool HoldsEffectCache(const Bytes& headerData) {
     return FindCacheBlock(headerData).has_value();
 }
 
-CacheHeader ReadCacheHeader(const Bytes& headerData) {
+CacheHeader ParseCacheHeader(const Bytes& headerData) {
     const std::optional<Bytes> block = FindCacheBlock(headerData);
     Require(block.has_value(), "the header data has no cache block");
     ByteReader reader(*block, "the cache's header");
@@ -140,11 +140,31 @@ CacheHeader ReadCacheHeader(const Bytes& headerData) {
     header.effectCount = reader.TakeInteger(8);
     header.indexStream = reader.TakeInteger(8);
     header.reserved = reader.TakeInteger(8);
+    return header;
+}
+
+CacheHeader ReadCacheHeader(const Bytes& headerData) {
+    const CacheHeader header = ParseCacheHeader(headerData);
     Require(header.version == kCacheVersion,
             "the cache's version is " + std::to_string(header.version));
     Require(header.effectCount <= kEffectCountLimit,
             "the cache has " + std::to_string(header.effectCount) + " effects");
     return header;
+}
+
+IndexEntry TakeIndexEntry(ByteReader& reader, const std::string& which) {
+    IndexEntry entry;
+    entry.record = TakeRecord(reader);
+    Require(entry.record.nameLength >= 1 && entry.record.nameLength <= kNameLengthLimit,
+            which + "'s name length is " + std::to_string(entry.record.nameLength));
+    Require(entry.record.size >= 1 && entry.record.size <= kEffectSizeLimit,
+            which + "'s effect size is " + std::to_string(entry.record.size));
+    const std::uint64_t length = reader.TakeInteger(kLengthPrefixSize);
+    Require(length == entry.record.nameLength,
+            which + "'s name has " + std::to_string(length) + " bytes");
+    const Bytes name = reader.Take(length);
+    entry.name.assign(name.begin(), name.end());
+    return entry;
 }
 
 std::vector<IndexEntry> ReadIndex(const Bytes& indexStream, std::uint64_t count) {
@@ -153,19 +173,7 @@ std::vector<IndexEntry> ReadIndex(const Bytes& indexStream, std::uint64_t count)
     entries.reserve(static_cast<std::size_t>(
         std::min<std::uint64_t>(count, indexStream.size() / kEffectRecordSize)));
     for (std::uint64_t i = 0; i < count; ++i) {
-        const std::string which = "record " + std::to_string(i);
-        IndexEntry entry;
-        entry.record = TakeRecord(reader);
-        Require(entry.record.nameLength >= 1 && entry.record.nameLength <= kNameLengthLimit,
-                which + "'s name length is " + std::to_string(entry.record.nameLength));
-        Require(entry.record.size >= 1 && entry.record.size <= kEffectSizeLimit,
-                which + "'s effect size is " + std::to_string(entry.record.size));
-        const std::uint64_t length = reader.TakeInteger(kLengthPrefixSize);
-        Require(length == entry.record.nameLength,
-                which + "'s name has " + std::to_string(length) + " bytes");
-        const Bytes name = reader.Take(length);
-        entry.name.assign(name.begin(), name.end());
-        entries.push_back(std::move(entry));
+        entries.push_back(TakeIndexEntry(reader, "record " + std::to_string(i)));
     }
     return entries;
 }
@@ -200,6 +208,9 @@ std::vector<IndexEntry> FindableEntries(const PackageState& state, std::uint64_t
 }
 
 Bytes ReadEffect(const StreamReader& streams, const EffectRecord& record) {
+    const std::uint64_t streamSize = streams.Size(record.streamId);
+    Require(streamSize <= kLengthPrefixSize + kEffectSizeLimit,
+            "the data stream has " + std::to_string(streamSize) + " bytes");
     const Bytes stream = streams.Read(record.streamId);
     ByteReader reader(stream, "the data stream");
     const std::uint64_t size = reader.TakeInteger(kLengthPrefixSize);
@@ -229,11 +240,16 @@ std::vector<std::string> CheckEffectCache(const Bytes& file) {
 }
 
 std::vector<std::string> CheckEffectCache(const PackageImage& image) {
-    return CheckEffectCache(image, MemorySource(image.file));
+    std::vector<std::string> problems;
+    CheckEffectCache(
+        image, MemorySource(image.file), [&](const std::string& line) { problems.push_back(line); },
+        [](const IndexEntry&, const Bytes&) {});
+    return problems;
 }
 
-std::vector<std::string> CheckEffectCache(const PackageState& state, const FileSource& file) {
-    return EffectCacheChecker(state, file).Run();
+void CheckEffectCache(const PackageState& state, const FileSource& file, const ProblemSink& problem,
+                      const EffectSink& use) {
+    EffectCacheChecker(state, file, problem, use).Run();
 }
 
 }  // namespace Quorvel::Format

@@ -1,10 +1,12 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "format/PackageCheck.h"
 #include "format/PackageImage.h"
 
 namespace Quorvel::Format {
@@ -68,11 +70,16 @@ using Effects = std::map<std::string, Effect, NameOrder>;
 // True if a package's header data has the block of an effect cache.
 bool HoldsEffectCache(const Bytes& headerData);
 
-// The cache's header in a package's header data. Throws FormatError if a reader must refuse it.
+// The cache's header in a package's header data. Throws FormatError if a reader must refuse it; the
+// second one only if there is none.
 CacheHeader ReadCacheHeader(const Bytes& headerData);
+CacheHeader ParseCacheHeader(const Bytes& headerData);
 
 // The entries of an index stream, in its order. Throws FormatError if a reader must refuse it.
 std::vector<IndexEntry> ReadIndex(const Bytes& indexStream, std::uint64_t count);
+
+// The next entry of an index stream. Throws FormatError, in which `which` stands for the record.
+IndexEntry TakeIndexEntry(ByteReader& reader, const std::string& which);
 
 // The entries that a search may find, ordered by name: of several entries with one name the last,
 // and none whose stream is missing, holds the index, or has another entry.
@@ -91,6 +98,11 @@ Effects ReadEffectCache(const PackageImage& image);
 // returns one line for each violation.
 std::vector<std::string> CheckEffectCache(const Bytes& file);
 std::vector<std::string> CheckEffectCache(const PackageImage& image);
-std::vector<std::string> CheckEffectCache(const PackageState& state, const FileSource& file);
+
+// The same for a file that has been parsed already. Reads one effect at a time, and hands each one
+// that can be read to `use`.
+using EffectSink = std::function<void(const IndexEntry& entry, const Bytes& data)>;
+void CheckEffectCache(const PackageState& state, const FileSource& file, const ProblemSink& problem,
+                      const EffectSink& use);
 
 }  // namespace Quorvel::Format

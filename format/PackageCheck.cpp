@@ -1,18 +1,44 @@
 #include "format/PackageCheck.h"
 
-#include <algorithm>
-#include <map>
+#include <cstddef>
 #include <sstream>
+#include <unordered_map>
 
 namespace Quorvel::Format {
 namespace {
 
+std::string StreamName(std::uint64_t id) {
+    return "stream " + std::to_string(id);
+}
+
+std::string BlockName(std::uint64_t id) {
+    return "tail block " + std::to_string(id);
+}
+
+// What a page belongs to.
+struct Owner {
+    enum class Kind : std::uint8_t { Nothing, HeadFile, Stream, Block };
+
+    Kind kind = Kind::Nothing;
+    std::uint64_t id = 0;
+};
+
+std::ostream& operator<<(std::ostream& stream, const Owner& owner) {
+    if (owner.kind == Owner::Kind::HeadFile) { return stream << "the head file"; }
+    return stream << (owner.kind == Owner::Kind::Stream ? StreamName(owner.id)
+                                                        : BlockName(owner.id));
+}
+
 class PackageChecker {
 public:
-    PackageChecker(const PackageState& state, std::uint64_t fileSize)
-        : state_(state), fileSize_(fileSize) {}
+    PackageChecker(const PackageState& state, std::uint64_t fileSize, const ProblemSink& problem)
+        : state_(state),
+          fileSize_(fileSize),
+          problem_(problem),
+          listings_(state.fragments.size()),
+          owners_(state.links.size()) {}
 
-    std::vector<std::string> Run() {
+    void Run() {
         IndexRecords();
         CheckHeadFile();
         CheckLinks();
@@ -20,7 +46,6 @@ public:
         CheckTailBlocks();
         CheckFragments();
         CheckOwners();
-        return std::move(problems_);
     }
 
 private:
@@ -29,7 +54,7 @@ private:
         if (!holds) {
             std::ostringstream line;
             (line << ... << otherwise);
-            problems_.push_back(line.str());
+            problem_(line.str());
         }
     }
 
@@ -40,37 +65,29 @@ private:
     void CheckTailBlocks();
     void CheckFragments();
     void CheckOwners();
-    void Own(std::uint64_t page, const std::string& owner);
 
-    // Makes a chain of count pages belong to an owner, and checks that it ends there.
-    void OwnChain(std::uint64_t first, std::uint64_t count, const std::string& owner);
+    // Makes a page belong to an owner. False if it belongs to something already.
+    bool Own(std::uint64_t page, const Owner& owner);
+
+    // Makes a chain of count pages belong to an owner, and checks that it ends there. Stops at a
+    // page that belongs to something already, because everything after it does, too.
+    void OwnChain(std::uint64_t first, std::uint64_t count, const Owner& owner);
 
     const PackageState& state_;
     const std::uint64_t fileSize_;
-    std::map<std::uint64_t, const StreamRecord*> streams_;
-    std::map<std::uint64_t, const TailBlock*> blocks_;
-    std::map<std::uint64_t, const Fragment*> fragments_;  // by stream
-    std::map<std::uint64_t, std::string> owners_;         // by page
-    std::vector<std::string> problems_;
+    const ProblemSink& problem_;
+    std::unordered_map<std::uint64_t, const StreamRecord*> streams_;
+    std::unordered_map<std::uint64_t, std::size_t> fragments_;  // by stream, in the table
+    std::vector<std::uint64_t> listings_;  // of each fragment in the list of its block
+    std::vector<Owner> owners_;            // by page; those past the end own nothing
 };
-
-std::string StreamName(std::uint64_t id) {
-    return "stream " + std::to_string(id);
-}
-
-std::string BlockName(std::uint64_t id) {
-    return "tail block " + std::to_string(id);
-}
 
 void PackageChecker::IndexRecords() {
     for (const StreamRecord& stream : state_.streams) {
         streams_[stream.id] = &stream;
     }
-    for (const TailBlock& block : state_.blocks) {
-        blocks_[block.id] = &block;
-    }
-    for (const Fragment& fragment : state_.fragments) {
-        fragments_[fragment.streamId] = &fragment;
+    for (std::size_t i = 0; i < state_.fragments.size(); ++i) {
+        fragments_[state_.fragments[i].streamId] = i;
     }
 }
 
@@ -92,7 +109,7 @@ void PackageChecker::CheckHeadFile() {
     for (const HeadPage& page : pages) {
         Expect(state_.Link(page.number) == page.nextPage, "head page ", page.number, " names page ",
                page.nextPage, " as the next; its link is ", state_.Link(page.number));
-        Own(page.number, "the head file");
+        Own(page.number, {Owner::Kind::HeadFile});
     }
 }
 
@@ -117,9 +134,12 @@ void PackageChecker::CheckStreams() {
                " whole pages and the first page ", stream.firstPage);
         const std::uint64_t tail = stream.size % kPageSize;
         const auto found = fragments_.find(stream.id);
-        const std::uint64_t length = found == fragments_.end() ? 0 : found->second->length;
+        const std::uint64_t length =
+            found == fragments_.end() ? 0 : state_.fragments[found->second].length;
         Expect(length == tail, name, " of ", stream.size, " bytes has a fragment of ", length);
-        if (stream.firstPage != 0) { OwnChain(stream.firstPage, stream.pageCount, name); }
+        if (stream.firstPage != 0) {
+            OwnChain(stream.firstPage, stream.pageCount, {Owner::Kind::Stream, stream.id});
+        }
     }
 }
 
@@ -129,12 +149,13 @@ void PackageChecker::CheckTailBlocks() {
         std::uint64_t end = 0;
         for (std::size_t i = 0; i < block.streams.size(); ++i) {
             const auto found = fragments_.find(block.streams[i]);
-            if (found == fragments_.end() || found->second->blockId != block.id) {
+            if (found == fragments_.end() || state_.fragments[found->second].blockId != block.id) {
                 Expect(false, name, " lists ", StreamName(block.streams[i]),
                        ", which has no fragment in it");
                 continue;
             }
-            const Fragment& fragment = *found->second;
+            const Fragment& fragment = state_.fragments[found->second];
+            ++listings_[found->second];
             Expect(fragment.index == i, name, " lists ", StreamName(fragment.streamId), " as ", i,
                    "; its fragment says ", fragment.index);
             Expect(fragment.offset == end, name, " has used ", end, " bytes; ",
@@ -144,7 +165,7 @@ void PackageChecker::CheckTailBlocks() {
         Expect(end + block.freeBytes == kTailBlockSize, name, " has used ", end, " bytes and has ",
                block.freeBytes, " free");
 
-        OwnChain(block.pages[0], kTailBlockPages, name);
+        OwnChain(block.pages[0], kTailBlockPages, {Owner::Kind::Block, block.id});
         for (std::size_t i = 0; i + 1 < kTailBlockPages; ++i) {
             Expect(state_.Link(block.pages[i]) == block.pages[i + 1], name, "'s page ",
                    block.pages[i + 1], " does not follow its page ", block.pages[i]);
@@ -153,34 +174,37 @@ void PackageChecker::CheckTailBlocks() {
 }
 
 void PackageChecker::CheckFragments() {
-    for (const Fragment& fragment : state_.fragments) {
+    for (std::size_t i = 0; i < state_.fragments.size(); ++i) {
+        const Fragment& fragment = state_.fragments[i];
         const std::string name = StreamName(fragment.streamId);
         Expect(streams_.count(fragment.streamId) != 0, "there is a fragment of ", name,
                ", but no such stream");
         Expect(fragment.length > 0, name, " has an empty fragment");
-        const std::vector<std::uint64_t>& list = blocks_.at(fragment.blockId)->streams;
-        const auto times = std::count(list.begin(), list.end(), fragment.streamId);
-        Expect(times == 1, BlockName(fragment.blockId), " lists ", name, " ", times, " times");
+        Expect(listings_[i] == 1, BlockName(fragment.blockId), " lists ", name, " ", listings_[i],
+               " times");
     }
 }
 
-void PackageChecker::Own(std::uint64_t page, const std::string& owner) {
-    const auto [previous, isNew] = owners_.emplace(page, owner);
-    Expect(isNew, "page ", page, " belongs to ", previous->second, " and to ", owner);
+bool PackageChecker::Own(std::uint64_t page, const Owner& owner) {
+    const auto index = static_cast<std::size_t>(page - kFirstPage);
+    if (index >= owners_.size()) { owners_.resize(index + 1); }
+    const bool isNew = owners_[index].kind == Owner::Kind::Nothing;
+    Expect(isNew, "page ", page, " belongs to ", owners_[index], " and to ", owner);
+    if (isNew) { owners_[index] = owner; }
     Expect(state_.Link(page) != kFreePage, "page ", page, " of ", owner, " is free");
     Expect(PageOffset(page) + kPageSize <= fileSize_, "page ", page, " of ", owner,
            " lies past the end of the file");
+    return isNew;
 }
 
-void PackageChecker::OwnChain(std::uint64_t first, std::uint64_t count, const std::string& owner) {
+void PackageChecker::OwnChain(std::uint64_t first, std::uint64_t count, const Owner& owner) {
     std::uint64_t page = first;
     for (std::uint64_t i = 0; i < count; ++i) {
         if (!IsPageNumber(page)) {
             Expect(false, owner, "'s chain has ", i, " pages instead of ", count);
             return;
         }
-        Own(page, owner);
-        if (owners_.at(page) != owner) { return; }
+        if (!Own(page, owner)) { return; }
         page = state_.Link(page);
     }
     Expect(count == 0 || page == kChainEnd, owner,
@@ -190,8 +214,8 @@ void PackageChecker::OwnChain(std::uint64_t first, std::uint64_t count, const st
 void PackageChecker::CheckOwners() {
     for (std::size_t i = 0; i < state_.links.size(); ++i) {
         const std::uint64_t page = i + kFirstPage;
-        Expect(state_.links[i] == kFreePage || owners_.count(page) != 0, "page ", page,
-               " is in use, but belongs to nothing");
+        Expect(state_.links[i] == kFreePage || owners_[i].kind != Owner::Kind::Nothing, "page ",
+               page, " is in use, but belongs to nothing");
     }
 }
 
@@ -206,11 +230,14 @@ std::vector<std::string> CheckPackage(const Bytes& file, std::uint64_t streamLim
 }
 
 std::vector<std::string> CheckPackage(const PackageImage& image) {
-    return CheckPackage(image, image.file.size());
+    std::vector<std::string> problems;
+    CheckPackage(image, image.file.size(),
+                 [&](const std::string& line) { problems.push_back(line); });
+    return problems;
 }
 
-std::vector<std::string> CheckPackage(const PackageState& state, std::uint64_t fileSize) {
-    return PackageChecker(state, fileSize).Run();
+void CheckPackage(const PackageState& state, std::uint64_t fileSize, const ProblemSink& problem) {
+    PackageChecker(state, fileSize, problem).Run();
 }
 
 }  // namespace Quorvel::Format

@@ -1,12 +1,16 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "format/PackageImage.h"
 
 namespace Quorvel::Format {
+
+// Gets one line for each problem that a check finds, in the order in which it finds them.
+using ProblemSink = std::function<void(const std::string& line)>;
 
 // Checks the rules that a writer of a package file must follow, and returns one line for each
 // violation; none for a sound file. If a reader with this stream limit must refuse the file, the
@@ -15,6 +19,6 @@ std::vector<std::string> CheckPackage(const Bytes& file, std::uint64_t streamLim
 
 // The same for a file that has been parsed already.
 std::vector<std::string> CheckPackage(const PackageImage& image);
-std::vector<std::string> CheckPackage(const PackageState& state, std::uint64_t fileSize);
+void CheckPackage(const PackageState& state, std::uint64_t fileSize, const ProblemSink& problem);
 
 }  // namespace Quorvel::Format

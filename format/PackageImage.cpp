@@ -1,7 +1,6 @@
 #include "format/PackageImage.h"
 
 #include <algorithm>
-#include <set>
 #include <string>
 
 namespace Quorvel::Format {
@@ -20,6 +19,25 @@ bool IsReachableSize(std::uint64_t size) {
     return (size & 0x80000000) == 0;
 }
 
+// Finds ids that appear twice.
+class Ids {
+public:
+    // False if the id was added before. REQUIRES: it is at most kHighestId.
+    bool Add(std::uint64_t id) {
+        if (Has(id)) { return false; }
+        if (id >= isIn_.size()) { isIn_.resize(static_cast<std::size_t>(id + 1)); }
+        isIn_[static_cast<std::size_t>(id)] = true;
+        return true;
+    }
+
+    bool Has(std::uint64_t id) const {
+        return id < isIn_.size() && isIn_[static_cast<std::size_t>(id)];
+    }
+
+private:
+    std::vector<bool> isIn_;
+};
+
 // Reads the head file from front to back. Enters a page once all bytes before it have been read,
 // even if none of its bytes are needed.
 class HeadFileReader {
@@ -34,8 +52,9 @@ private:
 
     const FileSource& file_;
     PackageState& state_;
-    Bytes page_;                // the last page entered
-    std::uint64_t offset_ = 0;  // in that page
+    std::vector<bool> entered_;  // by page
+    Bytes page_;                 // the last page entered
+    std::uint64_t offset_ = 0;   // in that page
 };
 
 HeadFileReader::HeadFileReader(const FileSource& file, PackageState& state)
@@ -53,10 +72,11 @@ HeadFileReader::HeadFileReader(const FileSource& file, PackageState& state)
 
 void HeadFileReader::EnterPage(std::uint64_t number) {
     const std::string name = "head page " + Number(number);
-    for (const HeadPage& page : state_.headPages) {
-        Require(page.number != number, name + " appears twice in the chain");
-    }
     Require(IsPageNumber(number), name + " has an invalid number");
+    const auto index = static_cast<std::size_t>(number - kFirstPage);
+    if (index >= entered_.size()) { entered_.resize(index + 1); }
+    Require(!entered_[index], name + " appears twice in the chain");
+    entered_[index] = true;
     Require(PageOffset(number) + kPageSize <= file_.Size(),
             name + " lies past the end of the file");
 
@@ -111,7 +131,7 @@ void ReadLinks(HeadFileReader& head, PackageState& state) {
 void ReadDirectory(HeadFileReader& head, std::uint64_t limit, PackageState& state) {
     const std::uint64_t count = head.ReadInteger();
     Require(count <= limit, "there are " + Number(count) + " streams");
-    std::set<std::uint64_t> ids;
+    Ids ids;
     for (std::uint64_t i = 0; i < count; ++i) {
         StreamRecord stream{};
         stream.id = head.ReadInteger();
@@ -120,7 +140,7 @@ void ReadDirectory(HeadFileReader& head, std::uint64_t limit, PackageState& stat
         stream.pageCount = head.ReadInteger();
         const std::string name = "stream " + Number(stream.id);
         Require(stream.id <= std::min(limit, kHighestId), name + "'s id is too high");
-        Require(ids.insert(stream.id).second, name + " appears twice");
+        Require(ids.Add(stream.id), name + " appears twice");
         Require(stream.pageCount <= kPageCountLimit,
                 name + " has " + Number(stream.pageCount) + " whole pages");
         state.streams.push_back(stream);
@@ -130,13 +150,13 @@ void ReadDirectory(HeadFileReader& head, std::uint64_t limit, PackageState& stat
 void ReadTailBlocks(HeadFileReader& head, std::uint64_t limit, PackageState& state) {
     const std::uint64_t count = head.ReadInteger();
     Require(count <= TailBlockLimit(limit), "there are " + Number(count) + " tail blocks");
-    std::set<std::uint64_t> ids;
+    Ids ids;
     for (std::uint64_t i = 0; i < count; ++i) {
         TailBlock block{};
         block.id = head.ReadInteger();
         const std::string name = "tail block " + Number(block.id);
         Require(block.id <= TailBlockLimit(limit), name + "'s id is too high");
-        Require(ids.insert(block.id).second, name + " appears twice");
+        Require(ids.Add(block.id), name + " appears twice");
         for (std::uint64_t& page : block.pages) {
             page = head.ReadInteger();
             Require(IsPageNumber(page), name + " has a page " + Number(page));
@@ -153,13 +173,13 @@ void ReadTailBlocks(HeadFileReader& head, std::uint64_t limit, PackageState& sta
 }
 
 void ReadFragments(HeadFileReader& head, std::uint64_t limit, PackageState& state) {
-    std::set<std::uint64_t> blocks;
+    Ids blocks;
     for (const TailBlock& block : state.blocks) {
-        blocks.insert(block.id);
+        blocks.Add(block.id);
     }
     const std::uint64_t count = head.ReadInteger();
     Require(count <= limit, "there are " + Number(count) + " fragments");
-    std::set<std::uint64_t> ids;
+    Ids ids;
     for (std::uint64_t i = 0; i < count; ++i) {
         Fragment fragment{};
         fragment.streamId = head.ReadInteger();
@@ -169,12 +189,12 @@ void ReadFragments(HeadFileReader& head, std::uint64_t limit, PackageState& stat
         fragment.length = head.ReadInteger();
         const std::string name = "stream " + Number(fragment.streamId) + "'s fragment ";
         Require(fragment.streamId <= limit, name + "has too high an id");
-        Require(blocks.count(fragment.blockId) != 0,
+        Require(blocks.Has(fragment.blockId),
                 name + "lies in tail block " + Number(fragment.blockId) + ", which is missing");
         Require(fragment.index < limit, name + "has index " + Number(fragment.index));
         Require(fragment.offset < kTailBlockSize, name + "begins at " + Number(fragment.offset));
         Require(fragment.length < kPageSize, name + "has " + Number(fragment.length) + " bytes");
-        Require(ids.insert(fragment.streamId).second, name + "appears twice");
+        Require(ids.Add(fragment.streamId), name + "appears twice");
         state.fragments.push_back(fragment);
     }
 }
@@ -206,6 +226,13 @@ PackageState ReadPackageState(const FileSource& file, std::uint64_t streamLimit)
     return state;
 }
 
+bool IsMarked(const FileSource& file) {
+    Bytes pageCount(8);
+    if (file.Size() < kPageSize) { return false; }
+    file.Read(0, pageCount.data(), pageCount.size());
+    return LoadInteger(pageCount, 0, 8) == 0;
+}
+
 // A byte range of one page.
 struct StreamReader::Piece {
     std::uint64_t page;
@@ -235,11 +262,19 @@ void StreamReader::IndexRecords() {
     }
 }
 
+const StreamRecord& StreamReader::Find(std::uint64_t id) const {
+    const auto found = streams_.find(id);
+    Require(found != streams_.end(), "stream " + Number(id) + " is missing");
+    return *found->second;
+}
+
+std::uint64_t StreamReader::Size(std::uint64_t id) const {
+    return Find(id).size;
+}
+
 std::vector<StreamReader::Piece> StreamReader::Pieces(std::uint64_t id) const {
     const std::string name = "stream " + Number(id);
-    const auto found = streams_.find(id);
-    Require(found != streams_.end(), name + " is missing");
-    const StreamRecord& stream = *found->second;
+    const StreamRecord& stream = Find(id);
     const auto fragment = fragments_.find(id);
     const std::uint64_t tail = fragment == fragments_.end() ? 0 : fragment->second->length;
     Require(stream.size == stream.pageCount * kPageSize + tail && IsReachableSize(stream.size),

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <unordered_map>
 #include <vector>
 
 #include "format/Bytes.h"
@@ -91,6 +92,10 @@ std::uint64_t TailBlockLimit(std::uint64_t streamLimit);
 PackageImage ReadPackage(Bytes file, std::uint64_t streamLimit = kHighestId);
 PackageState ReadPackageState(const FileSource& file, std::uint64_t streamLimit = kHighestId);
 
+// True if the first page carries the mark of a save that was not finished. A reader must refuse the
+// file.
+bool IsMarked(const FileSource& file);
+
 // Reads the streams of a package. The arguments must outlive it.
 class StreamReader {
 public:
@@ -98,6 +103,9 @@ public:
     StreamReader(const PackageState& state, const FileSource& file);
     StreamReader(const StreamReader&) = delete;
     StreamReader& operator=(const StreamReader&) = delete;
+
+    // The size that the directory states. Throws FormatError if the stream is missing.
+    std::uint64_t Size(std::uint64_t id) const;
 
     // The bytes of a stream. Throws FormatError if the stream is missing or empty, or if a reader
     // must refuse to open or to read it.
@@ -110,15 +118,16 @@ public:
 private:
     struct Piece;
     void IndexRecords();
+    const StreamRecord& Find(std::uint64_t id) const;
     std::vector<Piece> Pieces(std::uint64_t id) const;
     void AppendTail(const Fragment& fragment, std::vector<Piece>& pieces) const;
 
     const PackageState& state_;
     std::optional<MemorySource> memory_;  // of an image
     const FileSource& file_;
-    std::map<std::uint64_t, const StreamRecord*> streams_;
-    std::map<std::uint64_t, const Fragment*> fragments_;  // by stream
-    std::map<std::uint64_t, const TailBlock*> blocks_;
+    std::unordered_map<std::uint64_t, const StreamRecord*> streams_;
+    std::unordered_map<std::uint64_t, const Fragment*> fragments_;  // by stream
+    std::unordered_map<std::uint64_t, const TailBlock*> blocks_;
 };
 
 // The bytes of every stream by id, empty streams included. Throws as StreamReader::Read does.

@@ -22,7 +22,7 @@ struct PageOwner {
 };
 
 // What each page of a file of that size is used for, in the order of the file. Of several owners of
-// a page, one is named. A last page that is incomplete counts.
+// a page, one is named. A last page that is incomplete counts; pages past the highest number don't.
 std::vector<PageOwner> FindPageOwners(const PackageState& state, std::uint64_t fileSize);
 
 }  // namespace Quorvel::Format

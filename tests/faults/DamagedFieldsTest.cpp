@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <set>
 #include <string>
 
 #include "faults/DamagedFile.h"
@@ -12,53 +11,7 @@
 
 namespace Quorvel::Faults {
 
-namespace {
-
 using Format::Bytes;
-
-std::uint64_t AllOnes(std::size_t width) {
-    return ~std::uint64_t{0} >> (64 - 8 * width);
-}
-
-// The values to set a field to at a place.
-std::set<std::uint64_t> ValuesFor(const Field& field, const Place& place,
-                                  const std::vector<Place>& places, const Bytes& file) {
-    const std::uint64_t value = Format::LoadInteger(file, place.offset, place.width);
-    std::set<std::uint64_t> values = {0,
-                                      1,
-                                      field.limit - 1,
-                                      field.limit,
-                                      field.limit + 1,
-                                      value - 1,
-                                      value + 1,
-                                      value ^ 0x80,
-                                      0x7FFFFFFF,
-                                      0x80000000,
-                                      0xFFFFFF,
-                                      std::uint64_t{1} << 63,
-                                      ~std::uint64_t{0} - 7,
-                                      ~std::uint64_t{0}};
-    // The values that the field has in other places, near and far.
-    const std::size_t here = static_cast<std::size_t>(&place - places.data());
-    for (const std::size_t other : {here + 1, here + 2, here + places.size() / 2}) {
-        const Place& there = places[other % places.size()];
-        values.insert(Format::LoadInteger(file, there.offset, there.width));
-    }
-    std::set<std::uint64_t> fitting;
-    for (const std::uint64_t one : values) {
-        if ((one & AllOnes(place.width)) != value) { fitting.insert(one & AllOnes(place.width)); }
-    }
-    return fitting;
-}
-
-// Fields with many more places than this are damaged in only some of them.
-constexpr std::size_t kMostPlaces = 5;
-
-std::string NameOf(const Field& field, std::size_t place, std::uint64_t value) {
-    return RowOf(field) + " [" + std::to_string(place) + "] = " + std::to_string(value);
-}
-
-}  // namespace
 
 TEST(FormatFields, AreThoseOfTheDocument) {
     std::vector<std::string> fields;
@@ -99,21 +52,13 @@ class DamagedFields : public ::testing::TestWithParam<Table> {};
 
 TEST_P(DamagedFields, CostOnlyWhatTheyDescribeOrTheWholeCache) {
     Examiner examiner(SampleCache());
-    std::uint64_t values = 0;
-    for (const Field& field : Fields()) {
-        if (field.table != GetParam()) { continue; }
-        const std::vector<Place> places = field.places(examiner.Map());
-        const std::size_t step = std::max<std::size_t>(places.size() / kMostPlaces, 1);
-        for (std::size_t index = 0; index < places.size(); index += step) {
-            for (const std::uint64_t value :
-                 ValuesFor(field, places[index], places, examiner.Sound())) {
-                if (++values % QUORVEL_FILE_STRIDE != 0) { continue; }
-                Bytes damaged = examiner.Sound();
-                Format::StoreInteger(damaged, places[index].offset, places[index].width, value);
-                examiner.Examine(damaged, NameOf(field, index, value));
-            }
-        }
-    }
+    std::uint64_t files = 0;
+    ForEachDamagedField(examiner.Map(), GetParam(),
+                        [&](const Bytes& damaged, const std::string& name) {
+                            if (++files % QUORVEL_FILE_STRIDE == 0) {
+                                examiner.Examine(damaged, name);
+                            }
+                        });
     EXPECT_NE(examiner.Result().files, 0U);
     Testing::FiguresOfThisProgram().damagedFiles += examiner.Result().files;
     EXPECT_TRUE(examiner.Result().IsGood()) << examiner.Result();

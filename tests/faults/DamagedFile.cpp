@@ -1,13 +1,11 @@
 #include "faults/DamagedFile.h"
 
 #include <algorithm>
-#include <cstring>
 #include <exception>
 #include <optional>
 #include <ostream>
 
 #include "faults/Memory.h"
-#include "format/EffectCacheWriter.h"
 #include "quorvel/Quorvel.h"
 #include "support/StdioFaults.h"
 #include "torture/EffectBytes.h"
@@ -23,7 +21,7 @@ using Testing::MemoryWatch;
 
 constexpr std::size_t kUsualSize = 8700;  // with its length prefix: a page and a tail
 constexpr std::size_t kMostChanged = 50;  // streams
-constexpr std::uint64_t kOldVersion = 1;
+constexpr std::uint64_t kOldVersion = kSampleVersion;
 constexpr std::uint64_t kNewVersion = 2;
 
 // Names that are saved to a damaged file: one that it has, and others.
@@ -40,27 +38,6 @@ std::uint64_t Calls() {
 }
 
 }  // namespace
-
-Bytes SampleCache(unsigned seed) {
-    std::vector<Format::NewEffect> effects;
-    for (int index = 0; index < 10; ++index) {
-        Format::NewEffect effect;
-        effect.name = "effect-" + std::to_string(index);
-        const std::size_t size = index < 7 ? kUsualSize : index < 9 ? 300 : 20000;
-        effect.data = Torture::MakeEffect(effect.name, kOldVersion, size);
-        effect.permanent = index % 3 == 0;
-        effects.push_back(effect);
-    }
-    Format::EffectCacheLayout layout;
-    layout.shuffleStreams = seed % 2 == 0;
-    layout.package.pageOrder = Format::PageOrder::kShuffled;
-    layout.package.tails =
-        seed % 3 == 0 ? Format::TailPlacement::kBlockEach : Format::TailPlacement::kPacked;
-    layout.package.freePages = 3;
-    layout.package.freePagesAtEnd = 1000;
-    layout.package.seed = seed;
-    return Format::WriteEffectCache(effects, layout);
-}
 
 void Findings::Add(const Findings& other) {
     files += other.files;
@@ -86,16 +63,7 @@ std::ostream& operator<<(std::ostream& stream, const Findings& findings) {
     return stream;
 }
 
-Examiner::Examiner(const Bytes& sound) : map_(sound) {
-    for (const FileMap::Entry& entry : map_.Entries()) {
-        Named named;
-        for (std::size_t index = 0; index < entry.name.size(); ++index) {
-            named.name.push_back(
-                map_.StreamOffset(map_.IndexStream(), entry.position + 52 + index));
-        }
-        named_.push_back(named);
-    }
-}
+Examiner::Examiner(const Bytes& sound) : map_(sound) {}
 
 void Examiner::Examine(const Bytes& damaged, const std::string& name) {
     name_ = name;
@@ -222,7 +190,7 @@ void Examiner::SearchAll(const Bytes& damaged, bool isSaved, const std::string& 
 void Examiner::SearchAll(EffectCacheSystem& cache, const Bytes& damaged, bool isSaved,
                          const std::string& when) {
     for (const FileMap::Entry& entry : map_.Entries()) {
-        const bool mustBeRight = IsUntouched(entry, damaged);
+        const bool mustBeRight = map_.IsUntouched(entry, damaged);
         const bool isReplaced =
             isSaved && std::count(kSavedNames.begin(), kSavedNames.end(), entry.name) != 0;
         const Verdict verdict = Search(cache, entry.name, isReplaced);
@@ -262,29 +230,6 @@ Examiner::Verdict Examiner::Search(EffectCacheSystem& cache, const std::string& 
                    (version == kOldVersion || (isReplaced && version == kNewVersion))
                ? Verdict::Right
                : Verdict::Wrong;
-}
-
-// True if neither the bytes of an effect nor its name were damaged, and no other index entry took
-// the name: of two entries with one name, the later one counts.
-bool Examiner::IsUntouched(const FileMap::Entry& entry, const Bytes& damaged) const {
-    const auto nameIn = [](const Bytes& file, const Named& named) {
-        std::string name;
-        for (const std::size_t offset : named.name) {
-            name += offset < file.size() ? static_cast<char>(file[offset]) : '\0';
-        }
-        return name;
-    };
-    for (const Named& named : named_) {
-        if ((nameIn(Sound(), named) == entry.name) != (nameIn(damaged, named) == entry.name)) {
-            return false;
-        }
-    }
-    const std::vector<FileMap::Piece> pieces = map_.StreamPieces(entry.stream);
-    return std::all_of(pieces.begin(), pieces.end(), [&](const FileMap::Piece& piece) {
-        return piece.offset + piece.size <= damaged.size() &&
-               std::memcmp(damaged.data() + piece.offset, Sound().data() + piece.offset,
-                           piece.size) == 0;
-    });
 }
 
 }  // namespace Quorvel::Faults

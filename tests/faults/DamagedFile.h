@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "faults/FormatFields.h"
+#include "faults/RandomDamage.h"
 #include "format/Bytes.h"
 #include "quorvel/EffectCacheSystem.h"
 #include "support/TemporaryDirectory.h"
@@ -18,10 +19,6 @@ constexpr std::uint64_t kMostMemory = std::uint64_t{64} << 20;
 
 // Nor may opening, reading, changing and saving the file take more file system calls than this.
 constexpr std::uint64_t kMostCalls = 40000;
-
-// An effect cache of ten effects, most of one size, in shuffled pages, with a head file of two
-// pages. Different seeds make different files.
-Format::Bytes SampleCache(unsigned seed = 1);
 
 // The results for the damaged files examined so far.
 struct Findings {
@@ -62,7 +59,6 @@ private:
     void SearchAll(EffectCacheSystem& cache, const Format::Bytes& damaged, bool isSaved,
                    const std::string& when);
     Verdict Search(EffectCacheSystem& cache, const std::string& name, bool isReplaced);
-    bool IsUntouched(const FileMap::Entry& entry, const Format::Bytes& damaged) const;
     void Problem(const std::string& text);
 
     template <typename Operation>
@@ -70,10 +66,6 @@ private:
 
     const Testing::TemporaryDirectory directory_;
     const FileMap map_;
-    struct Named {
-        std::vector<std::size_t> name;  // file offset of each byte of an effect's name
-    };
-    std::vector<Named> named_;
     Findings findings_;
     std::string name_;
 };

@@ -1,6 +1,8 @@
 #include "faults/FormatFields.h"
 
 #include <algorithm>
+#include <cstring>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
@@ -142,6 +144,48 @@ std::vector<std::string> Cells(const std::string& line) {
     return cells;
 }
 
+std::uint64_t AllOnes(std::size_t width) {
+    return ~std::uint64_t{0} >> (64 - 8 * width);
+}
+
+// The values to set a field to at a place.
+std::set<std::uint64_t> ValuesFor(const Field& field, const Place& place,
+                                  const std::vector<Place>& places, const Bytes& file) {
+    const std::uint64_t value = Format::LoadInteger(file, place.offset, place.width);
+    std::set<std::uint64_t> values = {0,
+                                      1,
+                                      field.limit - 1,
+                                      field.limit,
+                                      field.limit + 1,
+                                      value - 1,
+                                      value + 1,
+                                      value ^ 0x80,
+                                      0x7FFFFFFF,
+                                      0x80000000,
+                                      0xFFFFFF,
+                                      std::uint64_t{1} << 63,
+                                      ~std::uint64_t{0} - 7,
+                                      ~std::uint64_t{0}};
+    // The values that the field has in other places, near and far.
+    const std::size_t here = static_cast<std::size_t>(&place - places.data());
+    for (const std::size_t other : {here + 1, here + 2, here + places.size() / 2}) {
+        const Place& there = places[other % places.size()];
+        values.insert(Format::LoadInteger(file, there.offset, there.width));
+    }
+    std::set<std::uint64_t> fitting;
+    for (const std::uint64_t one : values) {
+        if ((one & AllOnes(place.width)) != value) { fitting.insert(one & AllOnes(place.width)); }
+    }
+    return fitting;
+}
+
+// Fields with many more places than this are damaged in only some of them.
+constexpr std::size_t kMostPlaces = 5;
+
+std::string NameOf(const Field& field, std::size_t place, std::uint64_t value) {
+    return RowOf(field) + " [" + std::to_string(place) + "] = " + std::to_string(value);
+}
+
 }  // namespace
 
 FileMap::FileMap(const Bytes& file) : image_(Format::ReadPackage(file, Format::kCacheStreamLimit)) {
@@ -153,6 +197,34 @@ FileMap::FileMap(const Bytes& file) : image_(Format::ReadPackage(file, Format::k
         entries_.push_back({position, entry.name, entry.record.streamId, entry.record.size});
         position += Format::kEffectRecordSize + Format::kLengthPrefixSize + entry.name.size();
     }
+    for (const Entry& entry : entries_) {
+        names_.emplace_back();
+        for (std::size_t index = 0; index < entry.name.size(); ++index) {
+            names_.back().push_back(StreamOffset(indexStream_, entry.position + 52 + index));
+        }
+    }
+}
+
+std::string FileMap::NameIn(const Bytes& file, std::size_t entry) const {
+    std::string name;
+    for (const std::size_t offset : names_[entry]) {
+        name += offset < file.size() ? static_cast<char>(file[offset]) : '\0';
+    }
+    return name;
+}
+
+bool FileMap::IsUntouched(const Entry& entry, const Bytes& damaged) const {
+    for (std::size_t index = 0; index < entries_.size(); ++index) {
+        if ((entries_[index].name == entry.name) != (NameIn(damaged, index) == entry.name)) {
+            return false;
+        }
+    }
+    const std::vector<Piece> pieces = StreamPieces(entry.stream);
+    return std::all_of(pieces.begin(), pieces.end(), [&](const Piece& piece) {
+        return piece.offset + piece.size <= damaged.size() &&
+               std::memcmp(damaged.data() + piece.offset, image_.file.data() + piece.offset,
+                           piece.size) == 0;
+    });
 }
 
 std::size_t FileMap::StateOffset(std::uint64_t position) const {
@@ -274,6 +346,22 @@ const std::vector<Field>& Fields() {
         {Table::TimeStamp, "id of the process that wrote it", kNoLimit, Nowhere},
     };
     return fields;
+}
+
+void ForEachDamagedField(const FileMap& map, Table table, const FileSink& use) {
+    const Bytes& sound = map.Image().file;
+    for (const Field& field : Fields()) {
+        if (field.table != table) { continue; }
+        const std::vector<Place> places = field.places(map);
+        const std::size_t step = std::max<std::size_t>(places.size() / kMostPlaces, 1);
+        for (std::size_t index = 0; index < places.size(); index += step) {
+            for (const std::uint64_t value : ValuesFor(field, places[index], places, sound)) {
+                Bytes damaged = sound;
+                Format::StoreInteger(damaged, places[index].offset, places[index].width, value);
+                use(damaged, NameOf(field, index, value));
+            }
+        }
+    }
 }
 
 std::string RowOf(const Field& field) {

@@ -75,10 +75,17 @@ public:
     };
     const std::vector<Entry>& Entries() const { return entries_; }
 
+    // True if neither the bytes of an effect nor its name are damaged in a file, and no other index
+    // entry has taken the name: of two entries with one name, the later one counts.
+    bool IsUntouched(const Entry& entry, const Format::Bytes& damaged) const;
+
 private:
+    std::string NameIn(const Format::Bytes& file, std::size_t entry) const;
+
     const Format::PackageImage image_;
     std::uint64_t indexStream_ = 0;
     std::vector<Entry> entries_;
+    std::vector<std::vector<std::size_t>> names_;  // file offset of each byte of their names
 };
 
 struct Field {
@@ -90,6 +97,12 @@ struct Field {
 
 // A field has no places if its row stands for other rows, or for bytes that the library ignores.
 const std::vector<Field>& Fields();
+
+// Calls `use` with copies of a file in each of which one field of a table has another value, and
+// with their names: values at the limits, and those of the field in other places. Fields with many
+// places are damaged in some of them.
+using FileSink = std::function<void(const Format::Bytes& damaged, const std::string& name)>;
+void ForEachDamagedField(const FileMap& map, Table table, const FileSink& use);
 
 // The rows of the document about the package file, as "table number: cell".
 std::vector<std::string> DocumentedFields();

@@ -75,6 +75,11 @@ bool Cache::Exists() const {
     return fs::exists(path_, ignored);
 }
 
+std::uint64_t Cache::StreamLimit() const {
+    return fs::path(path_).filename() == kCacheFileName ? Format::kCacheStreamLimit
+                                                        : Format::kHighestId;
+}
+
 bool Cache::HasChanged() {
     return shared_ && shared_->Stamp().IsChanged();
 }
@@ -120,8 +125,7 @@ Cache::Lock::~Lock() {
 
 Snapshot::Snapshot(const Cache& cache, const Cache::Lock& /*lock*/, DamagedEffects damaged)
     : file_(cache.Path()) {
-    // Plain packages may have more streams than a cache.
-    state_ = Format::ReadPackageState(file_);
+    state_ = Format::ReadPackageState(file_, cache.StreamLimit());
     streams_.emplace(state_, file_);
     if (!Format::HoldsEffectCache(state_.headerData)) { return; }
     try {

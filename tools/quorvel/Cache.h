@@ -54,6 +54,10 @@ public:
     bool IsOffline() const { return offline_; }
     bool IsShared() const { return shared_ != nullptr; }
 
+    // The most streams that a reader of the file accepts: a host accepts fewer than a package may
+    // have.
+    std::uint64_t StreamLimit() const;
+
     // True if another process has announced a change of the file since the last call. Always false
     // for a file that is not shared. Needs no lock: a change is complete when it is announced. But
     // only under the lock does "no change" say anything of what is read next.

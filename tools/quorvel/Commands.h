@@ -7,6 +7,7 @@ namespace Quorvel::Tool {
 
 void AddInfo(CLI::App& program, Session& session);
 void AddList(CLI::App& program, Session& session);
+void AddCheck(CLI::App& program, Session& session);
 void AddGet(CLI::App& program, Session& session);
 void AddPut(CLI::App& program, Session& session);
 void AddRemove(CLI::App& program, Session& session);
@@ -19,6 +20,7 @@ void AddExport(CLI::App& program, Session& session);
 void AddImport(CLI::App& program, Session& session);
 void AddMerge(CLI::App& program, Session& session);
 void AddDiff(CLI::App& program, Session& session);
+void AddSalvage(CLI::App& program, Session& session);
 
 // "generate man", "bash", "zsh" and "fish", which --help doesn't show. It describes the commands
 // that were added before.

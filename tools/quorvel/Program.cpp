@@ -73,8 +73,8 @@ int Run(int argc, const char* const* argv, Session& session) {
         "Exit codes: 0 done, 1 not found, different or damaged, 2 bad arguments, 3 could not be "
         "done.\n\"quorvel COMMAND --help\" says more about a command.\n");
     for (const auto add :
-         {AddInfo, AddList, AddGet, AddPut, AddRemove, AddSet, AddExport, AddImport, AddMerge,
-          AddDiff, AddPrune, AddCompact, AddClear, AddMap, AddManual}) {
+         {AddInfo, AddList, AddCheck, AddGet, AddPut, AddRemove, AddSet, AddExport, AddImport,
+          AddMerge, AddDiff, AddPrune, AddCompact, AddClear, AddSalvage, AddMap, AddManual}) {
         add(program, session);
     }
     try {

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+
+#include "format/EffectCacheImage.h"
+#include "tools/quorvel/Session.h"
+
+namespace Quorvel::Tool {
+
+// What the program knows of the bytes of effects. The cache keeps no checksum of them, but the host
+// that stored them may have.
+class EffectsFormat {
+public:
+    // Adds the option --effects-format.
+    void AddTo(Command& command);
+
+    // True if a format was given, so that IsIntact means something.
+    bool IsKnown() const { return !name_.empty(); }
+
+    // False if an effect's bytes are damaged, or belong to another name.
+    bool IsIntact(const Format::IndexEntry& entry, const Format::Bytes& data) const;
+
+private:
+    std::string name_;
+};
+
+}  // namespace Quorvel::Tool

@@ -205,7 +205,7 @@ void ForEachEffect(Cache& cache, const std::function<bool(const Format::IndexEnt
                 if (!select(*next)) { continue; }
                 try {
                     piece.push_back({*next, snapshot->Read(*next)});
-                    bytes += next->record.size;
+                    bytes += next->name.size() + next->record.size;
                 } catch (const Format::FormatError& error) {
                     skipped.emplace_back(*next, error.what());
                 }

@@ -13,6 +13,7 @@
 #include "tools/quorvel/Checksum.h"
 #include "tools/quorvel/Commands.h"
 #include "tools/quorvel/Progress.h"
+#include "tools/quorvel/Selection.h"
 #include "tools/quorvel/Text.h"
 
 namespace Quorvel::Tool {
@@ -107,13 +108,9 @@ Differences FindDifferences(const DiffOptions& options, const Session& session) 
 }
 
 void PrintJson(const Differences& differences, Session& session) {
-    Json json = {{"onlyA", Json::array()}, {"onlyB", Json::array()}, {"different", Json::array()}};
-    for (const std::string& name : differences.onlyA) {
-        json["onlyA"].push_back(Escape(name));
-    }
-    for (const std::string& name : differences.onlyB) {
-        json["onlyB"].push_back(Escape(name));
-    }
+    Json json = {{"onlyA", EscapeAll(differences.onlyA)},
+                 {"onlyB", EscapeAll(differences.onlyB)},
+                 {"different", Json::array()}};
     for (const auto& [name, what] : differences.both) {
         json["different"].push_back({{"name", Escape(name)}, {"in", what}});
     }

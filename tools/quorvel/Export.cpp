@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "platform/PlainFile.h"
 #include "platform/Process.h"
@@ -16,6 +17,7 @@
 #include "tools/quorvel/Cache.h"
 #include "tools/quorvel/Commands.h"
 #include "tools/quorvel/Progress.h"
+#include "tools/quorvel/Selection.h"
 #include "tools/quorvel/Text.h"
 
 namespace Quorvel::Tool {
@@ -110,7 +112,7 @@ Compression CompressionOf(const std::string& archive) {
 struct Exported {
     std::uint64_t effects = 0;
     std::uint64_t bytes = 0;
-    Json damaged = Json::array();
+    std::vector<std::string> damaged;
 };
 
 Exported WriteArchive(const ExportOptions& options, Cache& cache, std::ostream& out,
@@ -131,7 +133,7 @@ Exported WriteArchive(const ExportOptions& options, Cache& cache, std::ostream& 
         [&](const Format::IndexEntry& effect, const std::string& why) {
             session.Tell(fmt::format("{}: \"{}\" is damaged and left out: {}", cache.Path(),
                                      Escape(effect.name), why));
-            result.damaged.push_back(Escape(effect.name));
+            result.damaged.push_back(effect.name);
         });
     if (result.effects == 0 && result.damaged.empty() && options.match != "*") {
         throw Failure(
@@ -161,7 +163,7 @@ void Export(const ExportOptions& options, Session& session) {
         {{"archive", options.archive},
          {"effects", result.effects},
          {"bytes", result.bytes},
-         {"damaged", result.damaged}});
+         {"damaged", EscapeAll(result.damaged)}});
     if (!result.damaged.empty()) { session.exitCode = kNo; }
 }
 

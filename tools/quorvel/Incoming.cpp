@@ -43,7 +43,7 @@ std::string TemporaryFolder() {
 
 // ---- Collecting ---------------------------------------------------------------------------------
 
-Incoming::Incoming() : file_(CreateTemporaryFile(std::filesystem::temp_directory_path().string())) {
+Incoming::Incoming() : file_(CreateTemporaryFile(TemporaryFolder())) {
     if (!file_) { FailTemporaryFile("created"); }
 }
 
@@ -131,14 +131,10 @@ private:
         if (editor) {
             for (const IndexEntry* const own : editor->Effects()) {
                 const auto found = incoming_.find(NameOf(*own));
-                if (found == incoming_.end()) {
-                    candidates_.push_back({own, nullptr});
-                } else if (Wins(found->second, *own)) {
-                    candidates_.push_back({own, &*found});
-                } else {
-                    candidates_.push_back({own, nullptr});
-                    ++result.kept;
-                }
+                const bool isInBoth = found != incoming_.end();
+                const bool isReplaced = isInBoth && Wins(found->second, *own);
+                candidates_.push_back({own, isReplaced ? &*found : nullptr});
+                result.kept += isInBoth && !isReplaced ? 1 : 0;
             }
         }
         for (const auto& effect : incoming_) {
@@ -223,18 +219,6 @@ IncomingResult TakeIn(const Incoming& incoming, Cache& cache, const IncomingOpti
     return result;
 }
 
-namespace {
-
-Json ToJson(const std::vector<std::string>& names) {
-    Json list = Json::array();
-    for (const std::string& name : names) {
-        list.push_back(Escape(name));
-    }
-    return list;
-}
-
-}  // namespace
-
 void ReportResult(Session& session, const IncomingResult& result, const IncomingOptions& options,
                   std::uint64_t damaged) {
     const std::pair<const char*, const std::vector<std::string>&> lists[] = {
@@ -255,9 +239,9 @@ void ReportResult(Session& session, const IncomingResult& result, const Incoming
     }
     if (damaged > 0) { line += fmt::format("; left out as damaged: {}", damaged); }
     session.Report(line, {{"dryRun", options.isDryRun},
-                          {"added", ToJson(result.added)},
-                          {"replaced", ToJson(result.replaced)},
-                          {"evicted", ToJson(result.evicted)},
+                          {"added", EscapeAll(result.added)},
+                          {"replaced", EscapeAll(result.replaced)},
+                          {"evicted", EscapeAll(result.evicted)},
                           {"kept", result.kept},
                           {"leftOut", result.leftOut},
                           {"damaged", damaged}});

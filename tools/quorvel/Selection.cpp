@@ -42,16 +42,22 @@ std::vector<std::string> Selection::Find(CacheEditor& editor, const std::string&
     return found;
 }
 
-void ReportNames(Session& session, const std::string& done, const std::vector<std::string>& names,
-                 bool isDryRun) {
+Json EscapeAll(const std::vector<std::string>& names) {
     Json list = Json::array();
     for (const std::string& name : names) {
         list.push_back(Escape(name));
+    }
+    return list;
+}
+
+void ReportNames(Session& session, const std::string& done, const std::vector<std::string>& names,
+                 bool isDryRun) {
+    for (const std::string& name : names) {
         if (isDryRun && !session.json) { session.out << Escape(name) << '\n'; }
     }
     session.Report(
         fmt::format("{}{}: {}", isDryRun ? "would have " : "", done, Count(names.size(), "effect")),
-        {{"dryRun", isDryRun}, {"done", done}, {"effects", list}});
+        {{"dryRun", isDryRun}, {"done", done}, {"effects", EscapeAll(names)}});
 }
 
 }  // namespace Quorvel::Tool

@@ -27,6 +27,9 @@ struct Selection {
 // An effect's name in the cache, as a string of bytes.
 std::string NameOf(const IndexEntry& entry);
 
+// Escaped names, as JSON.
+Json EscapeAll(const std::vector<std::string>& names);
+
 // Reports effects that were changed, "removed 2 effects", or with --json their names. A dry run
 // also prints the names, each on a line.
 void ReportNames(Session& session, const std::string& done, const std::vector<std::string>& names,

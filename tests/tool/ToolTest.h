@@ -60,7 +60,7 @@ protected:
     }
 
     const Testing::TemporaryDirectory directory_;
-    const std::string cache_ = directory_.Path();
+    const std::string cache_ = directory_.Path().string();
     std::string out_;
     std::string err_;
 };

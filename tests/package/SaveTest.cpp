@@ -274,7 +274,7 @@ TEST_F(SaveTest, WhoseSecondCommitDiesAfterAnyWriteIsUndoneOrComplete) {
         const auto makeOldStateAndFailToCommit = [&] {
             StartOver();
             SetHeaderData(Format::Pattern(8 * 8192, 1));
-            for (const std::size_t pages : {3, 2, 1}) {
+            for (const std::size_t pages : {3U, 2U, 1U}) {
                 Add(pages * 8192);
             }
             ASSERT_TRUE(package_->Commit());

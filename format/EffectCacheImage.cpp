@@ -7,12 +7,10 @@
 #include <unordered_set>
 #include <utility>
 
+#include "format/Require.h"
+
 namespace Quorvel::Format {
 namespace {
-
-void Require(bool holds, const std::string& otherwise) {
-    if (!holds) { throw FormatError(otherwise); }
-}
 
 // The payload of the first block with the cache's tag. The search ends at a block that reaches past
 // the end of the header data.
@@ -145,23 +143,21 @@ CacheHeader ParseCacheHeader(const Bytes& headerData) {
 
 CacheHeader ReadCacheHeader(const Bytes& headerData) {
     const CacheHeader header = ParseCacheHeader(headerData);
-    Require(header.version == kCacheVersion,
-            "the cache's version is " + std::to_string(header.version));
-    Require(header.effectCount <= kEffectCountLimit,
-            "the cache has " + std::to_string(header.effectCount) + " effects");
+    Require(header.version == kCacheVersion, "the cache's version is ", header.version);
+    Require(header.effectCount <= kEffectCountLimit, "the cache has ", header.effectCount,
+            " effects");
     return header;
 }
 
-IndexEntry TakeIndexEntry(ByteReader& reader, const std::string& which) {
+IndexEntry TakeIndexEntry(ByteReader& reader, std::uint64_t number) {
     IndexEntry entry;
     entry.record = TakeRecord(reader);
-    Require(entry.record.nameLength >= 1 && entry.record.nameLength <= kNameLengthLimit,
-            which + "'s name length is " + std::to_string(entry.record.nameLength));
-    Require(entry.record.size >= 1 && entry.record.size <= kEffectSizeLimit,
-            which + "'s effect size is " + std::to_string(entry.record.size));
+    Require(entry.record.nameLength >= 1 && entry.record.nameLength <= kNameLengthLimit, "record ",
+            number, "'s name length is ", entry.record.nameLength);
+    Require(entry.record.size >= 1 && entry.record.size <= kEffectSizeLimit, "record ", number,
+            "'s effect size is ", entry.record.size);
     const std::uint64_t length = reader.TakeInteger(kLengthPrefixSize);
-    Require(length == entry.record.nameLength,
-            which + "'s name has " + std::to_string(length) + " bytes");
+    Require(length == entry.record.nameLength, "record ", number, "'s name has ", length, " bytes");
     const Bytes name = reader.Take(length);
     entry.name.assign(name.begin(), name.end());
     return entry;
@@ -173,7 +169,7 @@ std::vector<IndexEntry> ReadIndex(const Bytes& indexStream, std::uint64_t count)
     entries.reserve(static_cast<std::size_t>(
         std::min<std::uint64_t>(count, indexStream.size() / kEffectRecordSize)));
     for (std::uint64_t i = 0; i < count; ++i) {
-        entries.push_back(TakeIndexEntry(reader, "record " + std::to_string(i)));
+        entries.push_back(TakeIndexEntry(reader, i));
     }
     return entries;
 }
@@ -209,14 +205,13 @@ std::vector<IndexEntry> FindableEntries(const PackageState& state, std::uint64_t
 
 Bytes ReadEffect(const StreamReader& streams, const EffectRecord& record) {
     const std::uint64_t streamSize = streams.Size(record.streamId);
-    Require(streamSize <= kLengthPrefixSize + kEffectSizeLimit,
-            "the data stream has " + std::to_string(streamSize) + " bytes");
+    Require(streamSize <= kLengthPrefixSize + kEffectSizeLimit, "the data stream has ", streamSize,
+            " bytes");
     const Bytes stream = streams.Read(record.streamId);
     ByteReader reader(stream, "the data stream");
     const std::uint64_t size = reader.TakeInteger(kLengthPrefixSize);
-    Require(size == record.size && size == reader.Left(),
-            "the data stream of " + std::to_string(stream.size()) + " bytes states a length of " +
-                std::to_string(size));
+    Require(size == record.size && size == reader.Left(), "the data stream of ", stream.size(),
+            " bytes states a length of ", size);
     return reader.Take(size);
 }
 

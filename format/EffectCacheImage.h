@@ -78,8 +78,8 @@ CacheHeader ParseCacheHeader(const Bytes& headerData);
 // The entries of an index stream, in its order. Throws FormatError if a reader must refuse it.
 std::vector<IndexEntry> ReadIndex(const Bytes& indexStream, std::uint64_t count);
 
-// The next entry of an index stream. Throws FormatError, in which `which` stands for the record.
-IndexEntry TakeIndexEntry(ByteReader& reader, const std::string& which);
+// The next entry of an index stream, which gets this number in a FormatError.
+IndexEntry TakeIndexEntry(ByteReader& reader, std::uint64_t number);
 
 // The entries that a search may find, ordered by name: of several entries with one name the last,
 // and none whose stream is missing, holds the index, or has another entry.

@@ -3,12 +3,10 @@
 #include <algorithm>
 #include <string>
 
+#include "format/Require.h"
+
 namespace Quorvel::Format {
 namespace {
-
-void Require(bool holds, const std::string& otherwise) {
-    if (!holds) { throw FormatError(otherwise); }
-}
 
 std::string Number(std::uint64_t value) {
     return std::to_string(value);
@@ -44,7 +42,7 @@ class HeadFileReader {
 public:
     HeadFileReader(const FileSource& file, PackageState& image);
 
-    std::uint64_t ReadInteger() { return LoadInteger(Read(8), 0, 8); }
+    std::uint64_t ReadInteger();
     Bytes Read(std::uint64_t size);
 
 private:
@@ -64,31 +62,37 @@ HeadFileReader::HeadFileReader(const FileSource& file, PackageState& state)
     state.headPageCount = LoadInteger(page_, 0, 8);
     state.headSize = LoadInteger(page_, 8, 8);
     Require(state.headPageCount >= 1 && state.headPageCount <= kPageCountLimit,
-            "the head file has " + Number(state.headPageCount) + " pages");
+            "the head file has ", state.headPageCount, " pages");
     Require(state.headSize <= state.headPageCount * kPageSize && IsReachableSize(state.headSize),
-            "the head file's size is " + Number(state.headSize) + " bytes");
+            "the head file's size is ", state.headSize, " bytes");
     EnterPage(kFirstPage);
 }
 
 void HeadFileReader::EnterPage(std::uint64_t number) {
     const std::string name = "head page " + Number(number);
-    Require(IsPageNumber(number), name + " has an invalid number");
+    Require(IsPageNumber(number), name, " has an invalid number");
     const auto index = static_cast<std::size_t>(number - kFirstPage);
     if (index >= entered_.size()) { entered_.resize(index + 1); }
-    Require(!entered_[index], name + " appears twice in the chain");
+    Require(!entered_[index], name, " appears twice in the chain");
     entered_[index] = true;
-    Require(PageOffset(number) + kPageSize <= file_.Size(),
-            name + " lies past the end of the file");
+    Require(PageOffset(number) + kPageSize <= file_.Size(), name, " lies past the end of the file");
 
     file_.Read(PageOffset(number), page_.data(), kPageSize);
     const bool first = state_.headPages.empty();
     const std::size_t links = first ? 16 : 0;
     const HeadPage page{number, LoadInteger(page_, links, 8), LoadInteger(page_, links + 8, 8)};
     offset_ = first ? kFirstHeadPageHeader : kHeadPageHeader;
-    Require(page.dataEnd > offset_ && page.dataEnd <= kPageSize,
-            name + "'s data ends at " + Number(page.dataEnd));
-    Require(page.nextPage == 0 || page.dataEnd == kPageSize, name + " is neither full nor last");
+    Require(page.dataEnd > offset_ && page.dataEnd <= kPageSize, name, "'s data ends at ",
+            page.dataEnd);
+    Require(page.nextPage == 0 || page.dataEnd == kPageSize, name, " is neither full nor last");
     state_.headPages.push_back(page);
+}
+
+std::uint64_t HeadFileReader::ReadInteger() {
+    if (offset_ + 8 >= state_.headPages.back().dataEnd) { return LoadInteger(Read(8), 0, 8); }
+    offset_ += 8;
+    state_.stateSize += 8;
+    return LoadInteger(page_, offset_ - 8, 8);
 }
 
 Bytes HeadFileReader::Read(std::uint64_t size) {
@@ -112,7 +116,7 @@ Bytes HeadFileReader::Read(std::uint64_t size) {
 
 void ReadLinks(HeadFileReader& head, PackageState& state) {
     const std::uint64_t count = head.ReadInteger();
-    Require(count <= kPageCountLimit, "the link table has " + Number(count) + " entries");
+    Require(count <= kPageCountLimit, "the link table has ", count, " entries");
     const Bytes table = head.Read(8 * count);
     std::vector<bool> follows(static_cast<std::size_t>(count));
     for (std::size_t i = 0; i < count; ++i) {
@@ -120,9 +124,8 @@ void ReadLinks(HeadFileReader& head, PackageState& state) {
         state.links.push_back(link);
         if (IsPageNumber(link)) {
             const std::uint64_t index = link - kFirstPage;
-            Require(index < count,
-                    "page " + Number(link) + " follows a page, but is not in the table");
-            Require(!follows[index], "page " + Number(link) + " follows two pages");
+            Require(index < count, "page ", link, " follows a page, but is not in the table");
+            Require(!follows[index], "page ", link, " follows two pages");
             follows[index] = true;
         }
     }
@@ -130,7 +133,7 @@ void ReadLinks(HeadFileReader& head, PackageState& state) {
 
 void ReadDirectory(HeadFileReader& head, std::uint64_t limit, PackageState& state) {
     const std::uint64_t count = head.ReadInteger();
-    Require(count <= limit, "there are " + Number(count) + " streams");
+    Require(count <= limit, "there are ", count, " streams");
     Ids ids;
     for (std::uint64_t i = 0; i < count; ++i) {
         StreamRecord stream{};
@@ -139,31 +142,30 @@ void ReadDirectory(HeadFileReader& head, std::uint64_t limit, PackageState& stat
         stream.firstPage = head.ReadInteger();
         stream.pageCount = head.ReadInteger();
         const std::string name = "stream " + Number(stream.id);
-        Require(stream.id <= std::min(limit, kHighestId), name + "'s id is too high");
-        Require(ids.Add(stream.id), name + " appears twice");
-        Require(stream.pageCount <= kPageCountLimit,
-                name + " has " + Number(stream.pageCount) + " whole pages");
+        Require(stream.id <= std::min(limit, kHighestId), name, "'s id is too high");
+        Require(ids.Add(stream.id), name, " appears twice");
+        Require(stream.pageCount <= kPageCountLimit, name, " has ", stream.pageCount,
+                " whole pages");
         state.streams.push_back(stream);
     }
 }
 
 void ReadTailBlocks(HeadFileReader& head, std::uint64_t limit, PackageState& state) {
     const std::uint64_t count = head.ReadInteger();
-    Require(count <= TailBlockLimit(limit), "there are " + Number(count) + " tail blocks");
+    Require(count <= TailBlockLimit(limit), "there are ", count, " tail blocks");
     Ids ids;
     for (std::uint64_t i = 0; i < count; ++i) {
         TailBlock block{};
         block.id = head.ReadInteger();
         const std::string name = "tail block " + Number(block.id);
-        Require(block.id <= TailBlockLimit(limit), name + "'s id is too high");
-        Require(ids.Add(block.id), name + " appears twice");
+        Require(block.id <= TailBlockLimit(limit), name, "'s id is too high");
+        Require(ids.Add(block.id), name, " appears twice");
         for (std::uint64_t& page : block.pages) {
             page = head.ReadInteger();
-            Require(IsPageNumber(page), name + " has a page " + Number(page));
+            Require(IsPageNumber(page), name, " has a page ", page);
         }
         block.freeBytes = head.ReadInteger();
-        Require(block.freeBytes <= kTailBlockSize,
-                name + " has " + Number(block.freeBytes) + " bytes free");
+        Require(block.freeBytes <= kTailBlockSize, name, " has ", block.freeBytes, " bytes free");
         const std::uint64_t streams = head.ReadInteger();
         for (std::uint64_t k = 0; k < streams; ++k) {
             block.streams.push_back(head.ReadInteger());
@@ -178,7 +180,7 @@ void ReadFragments(HeadFileReader& head, std::uint64_t limit, PackageState& stat
         blocks.Add(block.id);
     }
     const std::uint64_t count = head.ReadInteger();
-    Require(count <= limit, "there are " + Number(count) + " fragments");
+    Require(count <= limit, "there are ", count, " fragments");
     Ids ids;
     for (std::uint64_t i = 0; i < count; ++i) {
         Fragment fragment{};
@@ -188,13 +190,13 @@ void ReadFragments(HeadFileReader& head, std::uint64_t limit, PackageState& stat
         fragment.offset = head.ReadInteger();
         fragment.length = head.ReadInteger();
         const std::string name = "stream " + Number(fragment.streamId) + "'s fragment ";
-        Require(fragment.streamId <= limit, name + "has too high an id");
-        Require(blocks.Has(fragment.blockId),
-                name + "lies in tail block " + Number(fragment.blockId) + ", which is missing");
-        Require(fragment.index < limit, name + "has index " + Number(fragment.index));
-        Require(fragment.offset < kTailBlockSize, name + "begins at " + Number(fragment.offset));
-        Require(fragment.length < kPageSize, name + "has " + Number(fragment.length) + " bytes");
-        Require(ids.Add(fragment.streamId), name + "appears twice");
+        Require(fragment.streamId <= limit, name, "has too high an id");
+        Require(blocks.Has(fragment.blockId), name, "lies in tail block ", fragment.blockId,
+                ", which is missing");
+        Require(fragment.index < limit, name, "has index ", fragment.index);
+        Require(fragment.offset < kTailBlockSize, name, "begins at ", fragment.offset);
+        Require(fragment.length < kPageSize, name, "has ", fragment.length, " bytes");
+        Require(ids.Add(fragment.streamId), name, "appears twice");
         state.fragments.push_back(fragment);
     }
 }
@@ -264,7 +266,7 @@ void StreamReader::IndexRecords() {
 
 const StreamRecord& StreamReader::Find(std::uint64_t id) const {
     const auto found = streams_.find(id);
-    Require(found != streams_.end(), "stream " + Number(id) + " is missing");
+    Require(found != streams_.end(), "stream ", id, " is missing");
     return *found->second;
 }
 
@@ -278,16 +280,16 @@ std::vector<StreamReader::Piece> StreamReader::Pieces(std::uint64_t id) const {
     const auto fragment = fragments_.find(id);
     const std::uint64_t tail = fragment == fragments_.end() ? 0 : fragment->second->length;
     Require(stream.size == stream.pageCount * kPageSize + tail && IsReachableSize(stream.size),
-            name + "'s size is " + Number(stream.size) + " bytes");
-    Require(stream.size > 0, name + " is empty");
-    Require(stream.pageCount + 2 <= kPageCountLimit, name + " has too many pages");
+            name, "'s size is ", stream.size, " bytes");
+    Require(stream.size > 0, name, " is empty");
+    Require(stream.pageCount + 2 <= kPageCountLimit, name, " has too many pages");
 
     std::vector<Piece> pieces;
     std::uint64_t page = stream.firstPage;
     for (std::uint64_t i = 0; i < stream.pageCount; ++i) {
-        Require(IsPageNumber(page), name + "'s chain of pages ends early");
-        Require(i == 0 || page != stream.firstPage, name + "'s chain of pages has no end");
-        Require(state_.Link(page) != kFreePage, name + " has a free page");
+        Require(IsPageNumber(page), name, "'s chain of pages ends early");
+        Require(i == 0 || page != stream.firstPage, name, "'s chain of pages has no end");
+        Require(state_.Link(page) != kFreePage, name, " has a free page");
         pieces.push_back({page, 0, kPageSize});
         page = state_.Link(page);
     }
@@ -308,8 +310,8 @@ Bytes StreamReader::Read(std::uint64_t id) const {
     const std::vector<Piece> pieces = Pieces(id);
     std::uint64_t size = 0;
     for (const Piece& piece : pieces) {
-        Require(PageOffset(piece.page) + kPageSize <= file_.Size(),
-                name + "'s page " + Number(piece.page) + " lies past the end of the file");
+        Require(PageOffset(piece.page) + kPageSize <= file_.Size(), name, "'s page ", piece.page,
+                " lies past the end of the file");
         size += piece.size;
     }
     Bytes content(static_cast<std::size_t>(size));
@@ -324,18 +326,18 @@ Bytes StreamReader::Read(std::uint64_t id) const {
 void StreamReader::AppendTail(const Fragment& fragment, std::vector<Piece>& pieces) const {
     const std::string name = "stream " + Number(fragment.streamId) + "'s fragment ";
     const TailBlock& block = *blocks_.at(fragment.blockId);
-    Require(fragment.offset + fragment.length <= kTailBlockSize - block.freeBytes,
-            name + "reaches into the free bytes");
+    Require(fragment.offset + fragment.length <= kTailBlockSize - block.freeBytes, name,
+            "reaches into the free bytes");
     if (fragment.length == 0) { return; }
     const std::size_t slot = static_cast<std::size_t>(fragment.offset / kPageSize);
     const std::uint64_t offset = fragment.offset % kPageSize;
     const std::uint64_t here = std::min(fragment.length, kPageSize - offset);
-    Require(state_.Link(block.pages[slot]) != kFreePage, name + "lies in a free page");
+    Require(state_.Link(block.pages[slot]) != kFreePage, name, "lies in a free page");
     pieces.push_back({block.pages[slot], offset, here});
     if (here < fragment.length) {
-        Require(state_.Link(block.pages[slot]) == block.pages[slot + 1],
-                name + "crosses to a page that does not follow");
-        Require(state_.Link(block.pages[slot + 1]) != kFreePage, name + "ends in a free page");
+        Require(state_.Link(block.pages[slot]) == block.pages[slot + 1], name,
+                "crosses to a page that does not follow");
+        Require(state_.Link(block.pages[slot + 1]) != kFreePage, name, "ends in a free page");
         pieces.push_back({block.pages[slot + 1], 0, fragment.length - here});
     }
 }

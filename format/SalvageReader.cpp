@@ -351,7 +351,7 @@ void SalvageReader::ReadRecords(const Bytes& index) {
         skipped += next - position;
         if (next == index.size()) { break; }
         ByteReader reader(index, "the index", next);
-        entries_.push_back(TakeIndexEntry(reader, "a record"));
+        entries_.push_back(TakeIndexEntry(reader, entries_.size()));
         position = index.size() - reader.Left();
     }
     if (skipped > 0) {

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <sstream>
+#include <vector>
 
 #include "faults/RandomDamage.h"
 #include "format/EffectCacheImage.h"
@@ -99,17 +100,28 @@ private:
     std::string name_;
 };
 
+bool IsOffered(const CommandLine& command) {
+    const char* const argv[] = {"quorvel", command.front().c_str(), "--help"};
+    std::istringstream in;
+    std::ostringstream out;
+    return RunProgram(3, argv, {in, out, out}) == kDone;
+}
+
 }  // namespace
 
-const std::vector<CommandLine>& CommandsForDamagedFiles() {
-    static const std::vector<CommandLine> commands = {
+std::vector<CommandLine> CommandsForDamagedFiles() {
+    std::vector<CommandLine> commands = {
         {"info", "{file}"},
         {"info", "{file}", "--json", "--offline"},
         {"list", "{file}", "--json"},
         {"check", "{file}", "--effects-format", "effecthost"},
         {"check", "{file}", "--json", "--max-problems", "3", "--offline"},
         {"salvage", "{file}", "{directory}", "--json"},
+        {"export", "{file}", "{output}"},
+        {"map", "{file}", "-o", "{output}"},
     };
+    // Some systems lack what "export" needs.
+    std::erase_if(commands, [](const CommandLine& command) { return !IsOffered(command); });
     return commands;
 }
 

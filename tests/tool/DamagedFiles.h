@@ -10,11 +10,11 @@
 namespace Quorvel::Tool {
 
 // A command and its arguments. In them, {file} stands for a damaged file, {directory} for an empty
-// directory, and {output} for a path where there is nothing. A new line for each run.
+// directory, and {output} for a path where there is nothing.
 using CommandLine = std::vector<std::string>;
 
-// The commands that take any file.
-const std::vector<CommandLine>& CommandsForDamagedFiles();
+// The commands that take any file, as far as this system offers them.
+std::vector<CommandLine> CommandsForDamagedFiles();
 
 struct DamagedFileRuns {
     std::uint64_t files = 0;

@@ -24,6 +24,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
+constexpr const char* kEffectCache = "effect cache";
+
 struct CheckOptions {
     std::vector<std::string> caches;
     std::uint64_t mostProblems = 100;
@@ -52,7 +54,11 @@ public:
     Checker(const CheckOptions& options, const Session& session, Findings& findings)
         : options_(options), session_(session), findings_(findings) {}
 
-    void Check(const Cache& cache);
+    // Checks the structures. REQUIRES: the cache is locked.
+    void CheckStructure(const Cache& cache);
+
+    // Checks the contents of the effects that can be read. REQUIRES: the cache is not locked.
+    void CheckContents(Cache& cache);
 
 private:
     void Problem(const std::string& line);
@@ -72,7 +78,7 @@ void Checker::Problem(const std::string& line) {
     }
 }
 
-void Checker::Check(const Cache& cache) {
+void Checker::CheckStructure(const Cache& cache) {
     const Format::DiskSource file(cache.Path());
     try {
         CheckState(Format::ReadPackageState(file, cache.StreamLimit()), file);
@@ -90,16 +96,29 @@ void Checker::CheckState(const Format::PackageState& state, const Format::FileSo
         Format::CheckPackage(state, file.Size(), problem);
         return;
     }
-    findings_.kind = "effect cache";
-    findings_.areContentsChecked = options_.format.IsKnown();
+    findings_.kind = kEffectCache;
     Progress progress(session_, "checking", state.streams.size());
     Format::CheckEffectCache(
-        state, file, problem, [&](const Format::IndexEntry& effect, const Format::Bytes& data) {
-            progress.Add();
-            if (!options_.format.IsIntact(effect, data)) {
-                Problem(fmt::format("effect \"{}\" has a wrong checksum", effect.name));
-            }
-        });
+        state, file, problem,
+        [&](const Format::IndexEntry&, const Format::Bytes&) { progress.Add(); });
+}
+
+void Checker::CheckContents(Cache& cache) {
+    Progress progress(session_, "checking contents", findings_.streams);
+    const auto check = [&](const EffectBytes& effect) {
+        progress.Add();
+        if (!options_.format.IsIntact(effect.entry, effect.data)) {
+            Problem(fmt::format("effect \"{}\" has a wrong checksum", effect.entry.name));
+        }
+    };
+    try {
+        ForEachEffect(
+            cache, [](const auto&) { return true; }, check, [](const auto&, const auto&) {});
+        findings_.areContentsChecked = true;
+    } catch (const Failure& failure) {
+        // The problems say why there are no effects.
+        if (failure.exitCode != kNo) { throw; }
+    }
 }
 
 void Checker::CountParts(const Format::PackageState& state, std::uint64_t fileSize) {
@@ -142,14 +161,16 @@ Findings Check(const std::string& argument, const CheckOptions& options, Session
     Cache cache(session, argument);
     Findings findings;
     findings.path = cache.Path();
+    Checker checker(options, session, findings);
     {
         const Cache::Lock lock(cache);
         if (!cache.Exists()) {
             throw Failure(
                 fmt::format("{}: there is no {} in the directory", argument, kCacheFileName), kNo);
         }
-        Checker(options, session, findings).Check(cache);
+        checker.CheckStructure(cache);
     }
+    if (options.format.IsKnown() && findings.kind == kEffectCache) { checker.CheckContents(cache); }
     if (!cache.IsShared()) { NoteOwner(cache, findings); }
     return findings;
 }

@@ -21,7 +21,9 @@ protected:
                 {"list", cache},
                 {"get", cache, "a"},
                 {"export", cache, "-"},
-                {"diff", cache, cache}};
+                {"diff", cache, cache},
+                {"map", cache},
+                {"watch", cache, "--count", "1"}};
     }
     static std::vector<Arguments> Changers(const std::string& cache) {
         return {{"remove", cache, "a"},

@@ -118,7 +118,8 @@ std::vector<CommandLine> CommandsForDamagedFiles() {
         {"check", "{file}", "--json", "--max-problems", "3", "--offline"},
         {"salvage", "{file}", "{directory}", "--json"},
         {"export", "{file}", "{output}"},
-        {"map", "{file}", "-o", "{output}"},
+        {"map", "{file}"},
+        {"map", "{file}", "--svg", "--offline"},
     };
     // Some systems lack what "export" needs.
     std::erase_if(commands, [](const CommandLine& command) { return !IsOffered(command); });

@@ -1,6 +1,7 @@
 #include "format/PackageWriter.h"
 #include "quorvel/EffectCacheSystem.h"
 #include "tool/ToolTest.h"
+#include "tools/quorvel/Text.h"
 #include "vornutil/RefPtr.h"
 
 namespace Quorvel::Tool {
@@ -23,6 +24,22 @@ TEST_F(InfoTest, CountsEffectsAndPages) {
     EXPECT_EQ(info["pages"]["effects"], 1);  // of the large effect; the rest are tails
     EXPECT_EQ(info["pages"]["tails"], 8);
     EXPECT_EQ(info["limits"]["effects"], 65534);
+}
+
+TEST_F(InfoTest, GroupsEffectsByTheirTimesOfUse) {
+    constexpr std::uint64_t kHour = 3600;
+    constexpr std::uint64_t kDay = 24 * kHour;
+    MakeCache({{"future", {1}, false, {65535, 65535, 65535, 0, 0, 0, 0}},
+               {"now", {1}, false, Now()},
+               {"today", {1}, false, TimeBefore(3 * kHour)},
+               {"this week", {1}, false, TimeBefore(3 * kDay)},
+               {"this month", {1}, false, TimeBefore(20 * kDay)},
+               {"this year", {1}, false, TimeBefore(200 * kDay)},
+               {"earlier", {1}, false, TimeBefore(400 * kDay)},
+               {"never", {1}, false, {}}});
+    EXPECT_EQ(RunJson({"info", cache_})["effects"]["lastUsed"],
+              Json::parse(R"({"last hour": 2, "last day": 1, "last week": 1, "last 30 days": 1,
+                              "last year": 1, "older": 2})"));
 }
 
 TEST_F(InfoTest, CountsEachPageOfTheFileOnce) {

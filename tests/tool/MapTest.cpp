@@ -20,8 +20,7 @@ protected:
     void MakePackage() const {
         const std::map<std::uint64_t, Format::Bytes> streams = {{3, Format::Bytes(20000, 1)},
                                                                 {5, Format::Bytes(10, 2)}};
-        Format::WriteWholeFile(package_,
-                               Format::EncodePackage(Format::LayOutPackage(streams, {}, {})));
+        Format::WriteWholeFile(package_, Format::WritePackage(streams, {}));
     }
 
     // Overwrites the index of the cache's file, so that it can't be read.
@@ -169,13 +168,6 @@ TEST_F(MapTest, RefusesAFileWhoseStateIsDamaged) {
     EXPECT_THAT(err_, HasSubstr("damaged: "));
     EXPECT_EQ(out_, "");
     EXPECT_FALSE(std::filesystem::exists(File("report.html")));
-}
-
-TEST_F(MapTest, RefusesAMissingCache) {
-    EXPECT_EQ(Run({"map", File("missing")}), kNo);
-    EXPECT_THAT(err_, HasSubstr("no such file or directory"));
-    EXPECT_EQ(Run({"map", cache_}), kNo);
-    EXPECT_THAT(err_, HasSubstr("there is no vornFxoCache.dat"));
 }
 
 TEST_F(MapTest, WritesAFileOrStandardOutput) {

@@ -110,11 +110,9 @@ TEST(Text, KnowsTheSecondsSince1970) {
 }
 
 TEST(Text, CountsBackFromNow) {
-    EXPECT_LT(Age(Now()), 5U);
-    const std::uint64_t age = Age(TimeBefore(86400));
-    EXPECT_GE(age, 86400U - 3700);  // a change of the clocks
-    EXPECT_LE(age, 86400U + 3700);
-    EXPECT_EQ(Age({3000, 1, 1, 0, 0, 0, 0}), 0U);
+    const std::time_t age = ToUnixTime(Now()) - ToUnixTime(TimeBefore(86400));
+    EXPECT_GE(age, 86400 - 3700);  // a change of the clocks
+    EXPECT_LE(age, 86400 + 3700);
 }
 
 }  // namespace

@@ -16,6 +16,7 @@ void AddPrune(CLI::App& program, Session& session);
 void AddCompact(CLI::App& program, Session& session);
 void AddClear(CLI::App& program, Session& session);
 void AddMap(CLI::App& program, Session& session);
+void AddWatch(CLI::App& program, Session& session);
 void AddExport(CLI::App& program, Session& session);
 void AddImport(CLI::App& program, Session& session);
 void AddMerge(CLI::App& program, Session& session);

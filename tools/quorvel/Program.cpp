@@ -72,9 +72,9 @@ int Run(int argc, const char* const* argv, Session& session) {
         "so that commands are right while other programs use it.\n"
         "Exit codes: 0 done, 1 not found, different or damaged, 2 bad arguments, 3 could not be "
         "done.\n\"quorvel COMMAND --help\" says more about a command.\n");
-    for (const auto add :
-         {AddInfo, AddList, AddCheck, AddGet, AddPut, AddRemove, AddSet, AddExport, AddImport,
-          AddMerge, AddDiff, AddPrune, AddCompact, AddClear, AddSalvage, AddMap, AddManual}) {
+    for (const auto add : {AddInfo, AddList, AddCheck, AddGet, AddPut, AddRemove, AddSet, AddExport,
+                           AddImport, AddMerge, AddDiff, AddPrune, AddCompact, AddClear, AddSalvage,
+                           AddMap, AddWatch, AddManual}) {
         add(program, session);
     }
     try {
@@ -90,6 +90,7 @@ int Run(int argc, const char* const* argv, Session& session) {
 int RunProgram(int argc, const char* const* argv, const Streams& streams) {
     Session session{streams.in, streams.out, streams.err};
     session.isErrTerminal = streams.isErrTerminal;
+    session.isOutTerminal = streams.isOutTerminal;
     int result = kFailed;
     try {
         result = Run(argc, argv, session);

@@ -10,6 +10,7 @@ struct Streams {
     std::ostream& out;
     std::ostream& err;
     bool isErrTerminal = false;
+    bool isOutTerminal = false;
 };
 
 // The program "quorvel". Returns its exit code.

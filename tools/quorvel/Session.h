@@ -39,6 +39,7 @@ struct Session {
     bool offline = false;
     std::uint32_t timeout = 10;  // seconds that a command waits for a cache's lock
     bool isErrTerminal = false;  // progress is shown only on a terminal
+    bool isOutTerminal = false;
 
     int exitCode = kDone;  // what the command returns if it does not fail
 

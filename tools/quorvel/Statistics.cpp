@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "format/PageOwners.h"
+#include "tools/quorvel/CacheEditor.h"
 #include "tools/quorvel/Text.h"
 
 namespace Quorvel::Tool {
@@ -35,10 +36,28 @@ std::vector<Group> MakeGroups(const std::array<Limit, N>& limits) {
     return groups;
 }
 
-template <std::size_t N>
-void AddTo(std::vector<Group>& groups, const std::array<Limit, N>& limits, std::uint64_t value) {
+void AddSize(std::vector<Group>& groups, std::uint64_t size) {
     std::size_t i = 0;
-    while (value >= limits[i].second && i + 1 < N) {
+    while (size >= kSizes[i].second) {
+        ++i;
+    }
+    ++groups[i].count;
+}
+
+// The times of use at which the groups of ages begin, except the last one. To compare a time with
+// them takes much less time than to compute its age.
+std::vector<EntryTime> StartsOfAges() {
+    std::vector<EntryTime> starts;
+    for (std::size_t i = 0; i + 1 < kAges.size(); ++i) {
+        starts.push_back(ToRecord(TimeBefore(kAges[i].second)));
+    }
+    return starts;
+}
+
+void AddAge(std::vector<Group>& groups, const std::vector<EntryTime>& starts,
+            const EntryTime& time) {
+    std::size_t i = 0;
+    while (i < starts.size() && !IsEarlier(starts[i], time)) {
         ++i;
     }
     ++groups[i].count;
@@ -106,6 +125,7 @@ Statistics MakeStatistics(const Snapshot& snapshot) {
     }
     result.sizes = MakeGroups(kSizes);
     result.ages = MakeGroups(kAges);
+    const std::vector<EntryTime> starts = StartsOfAges();
     for (const Format::IndexEntry& effect : snapshot.Effects()) {
         ++result.effects;
         result.effectBytes += effect.record.size;
@@ -113,8 +133,8 @@ Statistics MakeStatistics(const Snapshot& snapshot) {
             ++result.permanent;
             result.permanentBytes += effect.record.size;
         }
-        AddTo(result.sizes, kSizes, effect.record.size);
-        AddTo(result.ages, kAges, Age(effect.record.time));
+        AddSize(result.sizes, effect.record.size);
+        AddAge(result.ages, starts, ToRecord(effect.record.time));
     }
     return result;
 }

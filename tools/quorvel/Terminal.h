@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -12,8 +13,15 @@ namespace Quorvel::Tool {
 bool IsOutputTerminal();
 bool IsErrorTerminal();
 
-// Makes the standard streams transfer bytes as they are, and lets writes to a closed pipe fail
-// instead of ending the program.
+// The columns and lines of the terminal that standard output is; 80 and 24 if it is none.
+struct TerminalSize {
+    std::size_t columns = 80;
+    std::size_t lines = 24;
+};
+TerminalSize OutputSize();
+
+// Makes the standard streams transfer bytes as they are, and terminals obey ANSI sequences. Lets
+// writes to a closed pipe fail instead of ending the program.
 void PrepareStandardStreams();
 
 // Makes Ctrl-C, or a request to end, a request that StopIfAsked notices. A second one ends the

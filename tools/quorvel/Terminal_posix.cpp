@@ -1,4 +1,5 @@
 #include <dirent.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -44,6 +45,14 @@ bool IsOutputTerminal() {
 
 bool IsErrorTerminal() {
     return ::isatty(STDERR_FILENO) != 0;
+}
+
+TerminalSize OutputSize() {
+    winsize size{};
+    if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col < 2 || size.ws_row < 2) {
+        return {};
+    }
+    return {size.ws_col, size.ws_row};
 }
 
 void PrepareStandardStreams() {

@@ -28,7 +28,22 @@ bool IsErrorTerminal() {
     return ::_isatty(::_fileno(stderr)) != 0;
 }
 
+TerminalSize OutputSize() {
+    CONSOLE_SCREEN_BUFFER_INFO info;
+    if (::GetConsoleScreenBufferInfo(::GetStdHandle(STD_OUTPUT_HANDLE), &info) == 0) { return {}; }
+    const auto columns = info.srWindow.Right - info.srWindow.Left + 1;
+    const auto lines = info.srWindow.Bottom - info.srWindow.Top + 1;
+    if (columns < 2 || lines < 2) { return {}; }
+    return {static_cast<std::size_t>(columns), static_cast<std::size_t>(lines)};
+}
+
 void PrepareStandardStreams() {
+    for (const DWORD id : {STD_OUTPUT_HANDLE, STD_ERROR_HANDLE}) {
+        const HANDLE console = ::GetStdHandle(id);
+        DWORD mode = 0;
+        if (::GetConsoleMode(console, &mode) == 0) { continue; }
+        ::SetConsoleMode(console, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+    }
     for (std::FILE* const stream : {stdin, stdout, stderr}) {
         ::_setmode(::_fileno(stream), _O_BINARY);
     }

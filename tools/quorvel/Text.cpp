@@ -223,11 +223,6 @@ Format::EntryTime TimeBefore(std::uint64_t seconds) {
             now.millisecond};
 }
 
-std::uint64_t Age(const Format::EntryTime& time) {
-    const double age = std::difftime(std::time(nullptr), ToUnixTime(time));
-    return age > 0 ? static_cast<std::uint64_t>(age) : 0;
-}
-
 std::string Duration(std::uint64_t seconds) {
     constexpr std::array<std::pair<std::uint64_t, const char*>, 4> kUnits = {
         {{86400, "day"}, {3600, "hour"}, {60, "minute"}, {1, "second"}}};

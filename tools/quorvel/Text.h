@@ -36,9 +36,6 @@ std::time_t ToUnixTime(const Format::EntryTime& time);
 Format::EntryTime Now();
 Format::EntryTime TimeBefore(std::uint64_t seconds);
 
-// Seconds from a time of use to now; 0 for one in the future.
-std::uint64_t Age(const Format::EntryTime& time);
-
 // "3 days", "5 minutes".
 std::string Duration(std::uint64_t seconds);
 

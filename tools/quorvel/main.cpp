@@ -8,5 +8,7 @@ int main(int argc, char** argv) {
     Quorvel::Tool::CatchStopRequests();
     std::ios::sync_with_stdio(false);
     return Quorvel::Tool::RunProgram(
-        argc, argv, {std::cin, std::cout, std::cerr, Quorvel::Tool::IsErrorTerminal()});
+        argc, argv,
+        {std::cin, std::cout, std::cerr, Quorvel::Tool::IsErrorTerminal(),
+         Quorvel::Tool::IsOutputTerminal()});
 }

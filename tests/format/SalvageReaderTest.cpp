@@ -276,7 +276,7 @@ std::vector<Damage> TableDamages() {
              image.blocks.push_back(image.blocks[0]);
              image.blocks[1].id = 1;
              image.blocks[1].streams.clear();
-             for (const std::size_t slot : {0, 2, 3, 4, 5, 6, 7}) {
+             for (const std::size_t slot : {0U, 2U, 3U, 4U, 5U, 6U, 7U}) {
                  image.blocks[1].pages[slot] = 0xFFFFF;
              }
          }},

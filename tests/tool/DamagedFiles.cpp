@@ -94,7 +94,7 @@ private:
     const Testing::TemporaryDirectory directory_;
     const std::string file_ = directory_.File("vornFxoCache.dat");
     const std::string saved_ = directory_.File("saved");
-    const std::string output_ = directory_.File("output");
+    const std::string output_ = directory_.File("output.tar");
     const FileMap* map_ = nullptr;
     const Bytes* damaged_ = nullptr;
     std::string name_;

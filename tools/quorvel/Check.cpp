@@ -255,12 +255,11 @@ void AddCheck(CLI::App& program, Session& session) {
                    [options, &session] { CheckAll(*options, session); });
     command.AddReading();
     command.AddJson();
-    command.app->add_option("CACHE", options->caches, "cache directories or package files")
-        ->required();
-    command.app
-        ->add_option("--max-problems", options->mostProblems,
-                     "print at most this number of problems of each cache")
-        ->capture_default_str();
+    command.AddOption("CACHE", options->caches, "cache directories or package files").Required();
+    command
+        .AddOption("--max-problems", options->mostProblems,
+                   "print at most this number of problems of each cache")
+        .ShowDefault();
     options->format.AddTo(command);
 }
 

@@ -45,7 +45,7 @@ void AddClear(CLI::App& program, Session& session) {
     command.AddChanging();
     command.AddJson();
     command.AddCache(options->cache);
-    command.app->add_flag("-y,--yes", options->isSure, "don't ask");
+    command.AddFlag("-y,--yes", options->isSure, "don't ask");
 }
 
 }  // namespace Quorvel::Tool

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tools/quorvel/Session.h"
+#include "tools/quorvel/Command.h"
 
 // One function for each command: adds it to the program. The session must outlive the program.
 namespace Quorvel::Tool {

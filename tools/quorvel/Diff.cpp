@@ -152,12 +152,12 @@ void AddDiff(CLI::App& program, Session& session) {
                                  [options, &session] { Diff(*options, session); });
     command.AddReading();
     command.AddJson();
-    command.app->add_option("A", options->a, "cache directory or package file")->required();
-    command.app->add_option("B", options->b, "cache directory or package file")->required();
-    command.app->add_flag("--time", options->comparesTimes, "also compare the times of use");
-    command.app
-        ->add_option("--match", options->match, "only effects whose names match this shell pattern")
-        ->capture_default_str();
+    command.AddOption("A", options->a, "cache directory or package file").Required();
+    command.AddOption("B", options->b, "cache directory or package file").Required();
+    command.AddFlag("--time", options->comparesTimes, "also compare the times of use");
+    command
+        .AddOption("--match", options->match, "only effects whose names match this shell pattern")
+        .ShowDefault();
 }
 
 }  // namespace Quorvel::Tool

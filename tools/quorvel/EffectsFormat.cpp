@@ -5,11 +5,11 @@
 namespace Quorvel::Tool {
 
 void EffectsFormat::AddTo(Command& command) {
-    command.app
-        ->add_option("--effects-format", name_,
-                     "check the bytes of effects, too: \"effecthost\" for the checksums of the "
-                     "example host")
-        ->check(CLI::IsMember({"effecthost"}));
+    command
+        .AddOption("--effects-format", name_,
+                   "check the bytes of effects, too: \"effecthost\" for the checksums of the "
+                   "example host")
+        .OneOf({"effecthost"});
 }
 
 bool EffectsFormat::IsIntact(const Format::IndexEntry& entry, const Format::Bytes& data) const {

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "format/EffectCacheImage.h"
-#include "tools/quorvel/Session.h"
+#include "tools/quorvel/Command.h"
 
 namespace Quorvel::Tool {
 

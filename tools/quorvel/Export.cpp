@@ -176,14 +176,14 @@ void AddExport(CLI::App& program, Session& session) {
     command.AddReading();
     command.AddJson();
     command.AddCache(options->cache);
-    command.app
-        ->add_option("ARCHIVE", options->archive,
-                     "the archive to write: a name that ends in .tar, .tar.gz or .tar.zst, or - "
-                     "for standard output (.tar)")
-        ->required();
-    command.app
-        ->add_option("--match", options->match, "only effects whose names match this shell pattern")
-        ->capture_default_str();
+    command
+        .AddOption("ARCHIVE", options->archive,
+                   "the archive to write: a name that ends in .tar, .tar.gz or .tar.zst, or - "
+                   "for standard output (.tar)")
+        .Required();
+    command
+        .AddOption("--match", options->match, "only effects whose names match this shell pattern")
+        .ShowDefault();
 }
 
 }  // namespace Quorvel::Tool

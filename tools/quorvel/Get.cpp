@@ -55,9 +55,9 @@ void AddGet(CLI::App& program, Session& session) {
                                  [options, &session] { Get(*options, session); });
     command.AddReading();
     command.AddCache(options->cache);
-    command.app->add_option("NAME", options->name, "the effect's name")->required();
-    command.app->add_option("-o,--output", options->output,
-                            "the file to write; standard output if it is left out");
+    command.AddOption("NAME", options->name, "the effect's name").Required();
+    command.AddOption("-o,--output", options->output,
+                      "the file to write; standard output if it is left out");
 }
 
 }  // namespace Quorvel::Tool

@@ -65,10 +65,10 @@ void AddImport(CLI::App& program, Session& session) {
     command.AddChanging();
     command.AddJson();
     command.AddCache(options->cache);
-    command.app
-        ->add_option("ARCHIVE", options->archive,
-                     "an archive of \"quorvel export\"; - for standard input")
-        ->required();
+    command
+        .AddOption("ARCHIVE", options->archive,
+                   "an archive of \"quorvel export\"; - for standard input")
+        .Required();
     options->incoming.AddTo(command, "archive");
 }
 

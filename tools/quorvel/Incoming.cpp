@@ -71,17 +71,17 @@ bool Incoming::Wants(const std::string& name, const Format::EntryTime& time) con
 }
 
 void IncomingOptions::AddTo(Command& command, const std::string& source) {
-    command.app
-        ->add_option(
+    command
+        .AddOption(
             "--match", match,
             fmt::format("only effects of the {} whose names match this shell pattern", source))
-        ->capture_default_str();
-    command.app
-        ->add_option("--prefer", prefer,
-                     "which of two effects of one name stays: dest or source; without this, the "
-                     "one used last")
-        ->check(CLI::IsMember({"dest", "source"}));
-    command.app->add_flag("--dry-run", isDryRun, "say what would happen, change nothing");
+        .ShowDefault();
+    command
+        .AddOption("--prefer", prefer,
+                   "which of two effects of one name stays: dest or source; without this, the "
+                   "one used last")
+        .OneOf({"dest", "source"});
+    command.AddFlag("--dry-run", isDryRun, "say what would happen, change nothing");
 }
 
 // ---- Planning -----------------------------------------------------------------------------------

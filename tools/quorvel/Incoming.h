@@ -9,7 +9,7 @@
 
 #include "format/EffectCacheImage.h"
 #include "tools/quorvel/Cache.h"
-#include "tools/quorvel/Session.h"
+#include "tools/quorvel/Command.h"
 
 namespace Quorvel::Tool {
 

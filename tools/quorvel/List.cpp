@@ -99,22 +99,21 @@ void AddList(CLI::App& program, Session& session) {
     command.AddReading();
     command.AddJson();
     command.AddCache(options->cache);
-    command.app->add_option("--match", options->match, "only names that match this shell pattern")
-        ->capture_default_str();
-    command.app
-        ->add_option("--sort", options->sort,
-                     "order: by name (length, then bytes), size or time of use")
-        ->check(CLI::IsMember({"name", "size", "time"}))
-        ->capture_default_str();
-    command.app->add_flag("-r,--reverse", options->reverse, "reverse the order");
-    command.app->add_option("-n,--limit", options->limit, "list at most this number of effects")
-        ->check(CLI::NonNegativeNumber);
-    command.app->add_flag(
+    command.AddOption("--match", options->match, "only names that match this shell pattern")
+        .ShowDefault();
+    command
+        .AddOption("--sort", options->sort,
+                   "order: by name (length, then bytes), size or time of use")
+        .OneOf({"name", "size", "time"})
+        .ShowDefault();
+    command.AddFlag("-r,--reverse", options->reverse, "reverse the order");
+    command.AddOption("-n,--limit", options->limit, "list at most this number of effects")
+        .NonNegative();
+    command.AddFlag(
         "-l,--long", options->isLong,
         "print time of use, bytes, and whether permanent, separated by tabs, before each name");
-    command.app->add_flag(
-        "-0", options->endsInNull,
-        "end each name with a null byte instead of a line break, and escape nothing");
+    command.AddFlag("-0", options->endsInNull,
+                    "end each name with a null byte instead of a line break, and escape nothing");
 }
 
 }  // namespace Quorvel::Tool

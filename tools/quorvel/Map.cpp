@@ -72,9 +72,9 @@ void AddMap(CLI::App& program, Session& session) {
                                  [options, &session] { Map(*options, session); });
     command.AddReading();
     command.AddCache(options->cache);
-    command.app->add_option("-o,--output", options->output,
-                            "the file to write; standard output if it is left out");
-    command.app->add_flag("--svg", options->svg, "write the picture alone, as SVG");
+    command.AddOption("-o,--output", options->output,
+                      "the file to write; standard output if it is left out");
+    command.AddFlag("--svg", options->svg, "write the picture alone, as SVG");
 }
 
 }  // namespace Quorvel::Tool

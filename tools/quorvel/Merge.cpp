@@ -95,10 +95,9 @@ void AddMerge(CLI::App& program, Session& session) {
         [options, &session] { Merge(*options, session); });
     command.AddChanging();
     command.AddJson();
-    command.app->add_option("DEST", options->dest, "the cache that takes the effects")->required();
-    command.app
-        ->add_option("SOURCE", options->sources, "cache directories or package files to read")
-        ->required();
+    command.AddOption("DEST", options->dest, "the cache that takes the effects").Required();
+    command.AddOption("SOURCE", options->sources, "cache directories or package files to read")
+        .Required();
     options->incoming.AddTo(command, "sources");
 }
 

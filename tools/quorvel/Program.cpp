@@ -1,5 +1,6 @@
 #include "tools/quorvel/Program.h"
 
+#include <CLI/CLI.hpp>
 #include <exception>
 #include <string>
 
@@ -27,34 +28,6 @@ void Session::Report(const std::string& line, const Json& value) const {
 
 void StopIfAsked() {
     if (IsStopRequested()) { throw Failure("stopped; what was not complete was not changed"); }
-}
-
-Command AddCommand(CLI::App& program, Session& session, const std::string& name,
-                   const std::string& help, std::function<void()> run) {
-    CLI::App* const app = program.add_subcommand(name, help);
-    app->callback(std::move(run));
-    app->add_flag("-q,--quiet", session.quiet, "print no messages other than errors");
-    return {app, session};
-}
-
-void Command::AddReading() {
-    app->add_flag("--offline", session.offline,
-                  "take no lock and write nothing: for copies and read-only media");
-    AddChanging();
-}
-
-void Command::AddChanging() {
-    app->add_option("--timeout", session.timeout, "seconds to wait for the cache's lock")
-        ->capture_default_str()
-        ->check(CLI::Range(0U, 86400U));
-}
-
-void Command::AddCache(std::string& cache) {
-    app->add_option("CACHE", cache, "cache directory or package file")->required();
-}
-
-void Command::AddJson() {
-    app->add_flag("--json", session.json, "print JSON");
 }
 
 namespace {

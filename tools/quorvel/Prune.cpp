@@ -119,20 +119,19 @@ void AddPrune(CLI::App& program, Session& session) {
     command.AddChanging();
     command.AddJson();
     command.AddCache(options->cache);
-    command.app->add_option("--older-than", options->olderThan,
-                            "remove effects not used for this long: 30d, 12h, 45m, 2w");
-    command.app->add_option("--max-size", options->maxSize,
-                            "remove effects until the rest takes no more than this: 100MiB");
-    command.app
-        ->add_option("--max-effects", options->maxEffects,
-                     "remove effects until no more than this number is left")
-        ->check(CLI::NonNegativeNumber);
-    command.app
-        ->add_option("--match", options->match,
-                     "remove only effects whose names match this shell pattern")
-        ->capture_default_str();
-    command.app->add_flag("--dry-run", options->isDryRun,
-                          "say what would be removed, change nothing");
+    command.AddOption("--older-than", options->olderThan,
+                      "remove effects not used for this long: 30d, 12h, 45m, 2w");
+    command.AddOption("--max-size", options->maxSize,
+                      "remove effects until the rest takes no more than this: 100MiB");
+    command
+        .AddOption("--max-effects", options->maxEffects,
+                   "remove effects until no more than this number is left")
+        .NonNegative();
+    command
+        .AddOption("--match", options->match,
+                   "remove only effects whose names match this shell pattern")
+        .ShowDefault();
+    command.AddFlag("--dry-run", options->isDryRun, "say what would be removed, change nothing");
 }
 
 }  // namespace Quorvel::Tool

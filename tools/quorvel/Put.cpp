@@ -59,9 +59,9 @@ void AddPut(CLI::App& program, Session& session) {
     command.AddChanging();
     command.AddJson();
     command.AddCache(options->cache);
-    command.app->add_option("NAME", options->name, "the effect's name")->required();
-    command.app->add_option("FILE", options->file, "its bytes; - for standard input")->required();
-    command.app->add_flag("--permanent", options->permanent, "never evict the effect");
+    command.AddOption("NAME", options->name, "the effect's name").Required();
+    command.AddOption("FILE", options->file, "its bytes; - for standard input").Required();
+    command.AddFlag("--permanent", options->permanent, "never evict the effect");
 }
 
 }  // namespace Quorvel::Tool

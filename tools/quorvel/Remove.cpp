@@ -46,8 +46,7 @@ void AddRemove(CLI::App& program, Session& session) {
     command.AddJson();
     command.AddCache(options->cache);
     options->selection.AddTo(command);
-    command.app->add_flag("--dry-run", options->isDryRun,
-                          "say what would be removed, change nothing");
+    command.AddFlag("--dry-run", options->isDryRun, "say what would be removed, change nothing");
 }
 
 }  // namespace Quorvel::Tool

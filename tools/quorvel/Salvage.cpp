@@ -223,14 +223,13 @@ void AddSalvage(CLI::App& program, Session& session) {
                    [options, &session] { Salvage(*options, session); });
     command.AddChanging();
     command.AddJson();
-    command.app
-        ->add_option("FILE", options->file,
-                     "the damaged file, which stays as it is; no process should be using it")
-        ->required();
-    command.app->add_option("DEST", options->destination, "the directory for the new cache")
-        ->required();
-    command.app->add_flag("-v,--verbose", options->isVerbose,
-                          "print the names of effects that are left out");
+    command
+        .AddOption("FILE", options->file,
+                   "the damaged file, which stays as it is; no process should be using it")
+        .Required();
+    command.AddOption("DEST", options->destination, "the directory for the new cache").Required();
+    command.AddFlag("-v,--verbose", options->isVerbose,
+                    "print the names of effects that are left out");
     options->format.AddTo(command);
 }
 

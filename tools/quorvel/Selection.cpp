@@ -12,8 +12,8 @@ std::string NameOf(const IndexEntry& entry) {
 }
 
 void Selection::AddTo(Command& command) {
-    command.app->add_option("NAME", names, "names of effects");
-    command.app->add_option("--match", match, "all effects whose names match this shell pattern");
+    command.AddOption("NAME", names, "names of effects");
+    command.AddOption("--match", match, "all effects whose names match this shell pattern");
 }
 
 void Selection::Check() const {

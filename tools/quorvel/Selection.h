@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "tools/quorvel/CacheEditor.h"
-#include "tools/quorvel/Session.h"
+#include "tools/quorvel/Command.h"
 
 namespace Quorvel::Tool {
 

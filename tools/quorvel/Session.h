@@ -1,8 +1,6 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
-#include <functional>
 #include <istream>
 #include <nlohmann/json.hpp>
 #include <ostream>
@@ -57,26 +55,5 @@ struct Session {
 // Throws Failure if the user has asked the program to stop (Ctrl-C). Long work calls it between
 // two steps; an unfinished change is then undone.
 void StopIfAsked();
-
-// A command of the program.
-struct Command {
-    CLI::App* app;
-    Session& session;
-
-    // --offline and --timeout, for commands that read a cache.
-    void AddReading();
-
-    // --timeout, for commands that change a cache.
-    void AddChanging();
-
-    // The argument CACHE.
-    void AddCache(std::string& cache);
-
-    void AddJson();
-};
-
-// Adds a command with the option --quiet; `run` is called after its arguments were parsed.
-Command AddCommand(CLI::App& program, Session& session, const std::string& name,
-                   const std::string& help, std::function<void()> run);
 
 }  // namespace Quorvel::Tool

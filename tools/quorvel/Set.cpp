@@ -51,10 +51,9 @@ void AddSet(CLI::App& program, Session& session) {
     command.AddJson();
     command.AddCache(options->cache);
     options->selection.AddTo(command);
-    command.app->add_flag("--permanent", options->permanent, "never evict the effects");
-    command.app->add_flag("--evictable", options->evictable, "evict them when there is no room");
-    command.app->add_flag("--dry-run", options->isDryRun,
-                          "say what would be changed, change nothing");
+    command.AddFlag("--permanent", options->permanent, "never evict the effects");
+    command.AddFlag("--evictable", options->evictable, "evict them when there is no room");
+    command.AddFlag("--dry-run", options->isDryRun, "say what would be changed, change nothing");
 }
 
 }  // namespace Quorvel::Tool

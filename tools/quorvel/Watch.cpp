@@ -262,13 +262,13 @@ void AddWatch(CLI::App& program, Session& session) {
     command.AddReading();
     command.AddJson();
     command.AddCache(options->cache);
-    command.app->add_option("--interval", options->interval, "seconds between two looks")
-        ->check(CLI::Range(0.01, 86400.0))
-        ->capture_default_str();
-    command.app
-        ->add_option("--count", options->count,
-                     "end after this number of updates; the first one is how the cache is now")
-        ->check(CLI::PositiveNumber);
+    command.AddOption("--interval", options->interval, "seconds between two looks")
+        .Between(0.01, 86400.0)
+        .ShowDefault();
+    command
+        .AddOption("--count", options->count,
+                   "end after this number of updates; the first one is how the cache is now")
+        .Positive();
 }
 
 }  // namespace Quorvel::Tool

@@ -1,9 +1,12 @@
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
+#include <map>
 
 #include "format/PageOwners.h"
 #include "quorvel/EffectCacheSystem.h"
 #include "tool/ToolTest.h"
+#include "torture/EffectBytes.h"
 #include "vornutil/RefPtr.h"
 #include "vornutil/Tab.h"
 
@@ -77,29 +80,43 @@ TEST_F(CompactTest, KeepsOtherBlocksOfTheHeaderData) {
     EXPECT_EQ(RunJson({"list", cache_}).size(), 3U);
 }
 
-TEST_F(CompactTest, AHostThatHasTheCacheOpenFindsEverythingAfterwards) {
+TEST_F(CompactTest, AfterPruningToHalfAHostThatHasTheCacheOpenFindsTheRest) {
+    constexpr std::size_t kCount = 2000;
     const Util::RefPtr<EffectCacheSystem> host(new EffectCacheSystem(cache_.c_str()));
-    for (const Format::NewEffect& effect : Effects(100)) {
-        host->CacheCompiledEffect(effect.name.c_str(), effect.data.data(), effect.data.size(),
-                                  false);
+    std::map<std::string, Format::Bytes> effects;
+    for (std::size_t i = 0; i < kCount; ++i) {
+        const std::string name = "effect " + std::to_string(i);
+        const auto& [_, data] =
+            *effects.emplace(name, Torture::MakeEffect(name, i, 100 + i * 7919 % 6000)).first;
+        host->CacheCompiledEffect(name.c_str(), data.data(), data.size(), false);
     }
     host->ForceSaveToFile();
-    EXPECT_EQ(Run({"remove", cache_, "--match", "effect ?"}), kDone);
-    EXPECT_EQ(Run({"compact", cache_}), kDone);
+    const std::size_t before = FileBytes().size();
+    const std::string half = std::to_string(kCount / 2);
+    const Json pruned = RunJson({"prune", cache_, "--max-effects", half});
+    EXPECT_EQ(Run({"compact", cache_}), kDone) << err_;
+    EXPECT_LT(FileBytes().size(), before * 6 / 10);
+    const std::uint64_t needed = RunJson({"info", cache_})["streams"]["bytes"];
+    EXPECT_LE(FileBytes().size(), needed + needed / 20);
+
+    ASSERT_EQ(pruned["effects"].size(), kCount / 2);
+    for (const Json& name : pruned["effects"]) {
+        effects.erase(name);
+    }
     Tab<unsigned char> code;
-    for (const Format::NewEffect& effect : Effects(100)) {
-        const bool wasRemoved = effect.name.size() == 8;
-        ASSERT_EQ(host->SearchCachedEffects(effect.name.c_str(), code), !wasRemoved) << effect.name;
-        if (!wasRemoved) {
-            ASSERT_EQ(code.Count(), static_cast<int>(effect.data.size()));
-            EXPECT_EQ(code[0], effect.data[0]);
-        }
+    for (const Json& name : pruned["effects"]) {
+        EXPECT_FALSE(host->SearchCachedEffects(name.get<std::string>().c_str(), code)) << name;
+    }
+    for (const auto& [name, data] : effects) {
+        ASSERT_TRUE(host->SearchCachedEffects(name.c_str(), code)) << name;
+        ASSERT_EQ(code.Count(), static_cast<int>(data.size())) << name;
+        EXPECT_TRUE(std::equal(data.begin(), data.end(), code.Addr(0))) << name;
     }
     const unsigned char more[] = {1};
     host->CacheCompiledEffect("more", more, 1, false);
     host->ForceSaveToFile();
     EXPECT_TRUE(host->IsEnabled());
-    EXPECT_EQ(RunJson({"list", cache_}).size(), 91U);
+    EXPECT_EQ(RunJson({"list", cache_}).size(), kCount / 2 + 1);
 }
 
 TEST_F(CompactTest, LeavesADamagedFileAlone) {

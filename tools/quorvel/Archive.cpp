@@ -55,44 +55,48 @@ std::string FileName(std::uint64_t number, const std::string& name) {
 
 // ---- Writing ------------------------------------------------------------------------------------
 
-namespace {
-
-la_ssize_t WriteBlock(archive* archive, void* out, const void* data, std::size_t size) {
-    errno = 0;
-    auto& stream = *static_cast<std::ostream*>(out);
-    if (!stream.write(static_cast<const char*>(data), static_cast<std::streamsize>(size))) {
-        archive_set_error(archive, errno, "%s", errno != 0 ? std::strerror(errno) : "write error");
-        return -1;
-    }
-    return static_cast<la_ssize_t>(size);
-}
-
-}  // namespace
-
 ArchiveWriter::ArchiveWriter(std::ostream& out, const std::string& name, Compression compression)
-    : out_(out), name_(name), archive_(archive_write_new()) {
+    : out_(out), name_(name), archive_(archive_write_new(), archive_write_free) {
     if (!archive_) { throw std::bad_alloc(); }
     AddLine({{"format", kFormat}, {"version", kVersion}});
-    Try(archive_write_set_format_pax_restricted(archive_));
-    Try(archive_write_set_bytes_per_block(archive_, kBlockSize));
-    Try(archive_write_set_bytes_in_last_block(archive_, 1));
+    Try(archive_write_set_format_pax_restricted(archive_.get()));
+    Try(archive_write_set_bytes_per_block(archive_.get(), kBlockSize));
+    Try(archive_write_set_bytes_in_last_block(archive_.get(), 1));
     if (compression == Compression::Gzip) {
-        Try(archive_write_add_filter_gzip(archive_));
+        Try(archive_write_add_filter_gzip(archive_.get()));
         // The same cache makes the same archive.
-        Try(archive_write_set_filter_option(archive_, "gzip", "timestamp", nullptr));
+        Try(archive_write_set_filter_option(archive_.get(), "gzip", "timestamp", nullptr));
     }
-    if (compression == Compression::Zstd) { Try(archive_write_add_filter_zstd(archive_)); }
-    Try(archive_write_open(archive_, &out_, nullptr, WriteBlock, nullptr));
+    if (compression == Compression::Zstd) { Try(archive_write_add_filter_zstd(archive_.get())); }
+    // Never reports an error: libarchive would not free an archive whose output has failed.
+    const auto writeBlock = [](archive* /*archive*/, void* self, const void* data,
+                               std::size_t size) {
+        static_cast<ArchiveWriter*>(self)->WriteBlock(data, size);
+        return static_cast<la_ssize_t>(size);
+    };
+    Try(archive_write_open(archive_.get(), this, nullptr, writeBlock, nullptr));
 }
 
 ArchiveWriter::~ArchiveWriter() {
-    archive_write_fail(archive_);  // an unfinished archive gets no end
-    archive_write_free(archive_);
+    isOutputUsed_ = false;  // an unfinished archive gets no end
+}
+
+void ArchiveWriter::WriteBlock(const void* data, std::size_t size) {
+    if (!isOutputUsed_ || !out_) { return; }
+    errno = 0;
+    out_.write(static_cast<const char*>(data), static_cast<std::streamsize>(size));
+    error_ = errno;
 }
 
 void ArchiveWriter::Try(int result) {
-    if (result == ARCHIVE_OK) { return; }
-    const char* const why = archive_error_string(archive_);
+    const char* why = nullptr;
+    if (!out_) {
+        why = error_ != 0 ? std::strerror(error_) : "write error";
+    } else if (result != ARCHIVE_OK) {
+        why = archive_error_string(archive_.get());
+    } else {
+        return;
+    }
     throw Failure(
         fmt::format("{}: the output can't be written: {}", name_, why ? why : "unknown error"));
 }
@@ -106,11 +110,11 @@ void ArchiveWriter::AddFile(const std::string& path, std::uint64_t size, std::ti
     archive_entry_set_filetype(entry.get(), AE_IFREG);
     archive_entry_set_perm(entry.get(), kPermissions);
     archive_entry_set_mtime(entry.get(), time, 0);
-    Try(archive_write_header(archive_, entry.get()));
+    Try(archive_write_header(archive_.get(), entry.get()));
 }
 
 void ArchiveWriter::Write(const void* data, std::size_t size) {
-    const la_ssize_t written = archive_write_data(archive_, data, size);
+    const la_ssize_t written = archive_write_data(archive_.get(), data, size);
     Try(written < 0 ? static_cast<int>(written) : ARCHIVE_OK);
 }
 
@@ -145,7 +149,7 @@ void ArchiveWriter::Finish() {
     for (const std::string& block : manifest_) {
         Write(block.data(), block.size());
     }
-    Try(archive_write_close(archive_));
+    Try(archive_write_close(archive_.get()));
 }
 
 // ---- Reading ------------------------------------------------------------------------------------

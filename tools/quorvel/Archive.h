@@ -47,14 +47,17 @@ public:
     void Finish();
 
 private:
+    void WriteBlock(const void* data, std::size_t size);
     void AddFile(const std::string& path, std::uint64_t size, std::time_t time);
     void Write(const void* data, std::size_t size);
     void AddLine(const Json& json);
     void Try(int result);
 
     std::ostream& out_;
+    bool isOutputUsed_ = true;
+    int error_ = 0;  // errno when the output failed
     const std::string name_;
-    archive* archive_;
+    std::unique_ptr<archive, int (*)(archive*)> archive_;
     std::uint64_t effects_ = 0;
     std::time_t newest_ = 0;
 

@@ -2,12 +2,15 @@ import gc
 import os
 import subprocess
 import sys
+import tempfile
 import threading
 from pathlib import Path
 
 import pytest
 
 import quorvel
+
+NOBODY = 65534
 
 
 def test_finds_what_was_added(tmp_path: Path) -> None:
@@ -142,32 +145,34 @@ def test_needs_a_directory_that_it_can_use(tmp_path: Path) -> None:
     assert caught.value.status == quorvel.Status.UNUSABLE
 
 
-def open_as_nobody(directory: Path) -> str:
-    """The name of the exception that a user without rights gets."""
-    directory.chmod(0o755)
+def error_of_nobody(directory: str) -> str:
+    """The name of the exception that a user without rights gets; empty for none."""
+    receiver, sender = os.pipe()
     child = os.fork()
     if child == 0:
-        os.setuid(65534)
+        os.setuid(NOBODY)
         try:
             quorvel.EffectCache(directory)
-        except PermissionError:
-            os._exit(1)
-        except BaseException:
-            os._exit(2)
+        except BaseException as error:
+            os.write(sender, type(error).__name__.encode())
         os._exit(0)
-    return ["none", "PermissionError", "other"][os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])]
+    os.close(sender)
+    with open(receiver, encoding="ascii") as answer:
+        name = answer.read()
+    os.waitpid(child, 0)
+    return name
 
 
 @pytest.mark.skipif(os.geteuid() != 0, reason="only root can become another user")
-def test_reports_missing_rights(tmp_path: Path) -> None:
-    for path in (tmp_path, *tmp_path.parents[:2]):
-        path.chmod(0o755)
-    directory = tmp_path / "cache"
-    directory.mkdir()
-    os.chown(directory, 65534, 65534)
-    assert open_as_nobody(directory) == "none"
-    os.chown(directory, 0, 0)
-    assert open_as_nobody(directory) == "PermissionError"
+def test_reports_missing_rights() -> None:
+    with tempfile.TemporaryDirectory() as directory:
+        assert error_of_nobody(directory) == "PermissionError"
+        os.chmod(directory, 0o755)
+        assert error_of_nobody(directory) == "PermissionError"
+        os.chmod(directory, 0o777)
+        assert error_of_nobody(directory) == "QuorvelError"  # it belongs to another user
+        os.chown(directory, NOBODY, -1)
+        assert error_of_nobody(directory) == ""
 
 
 def test_reports_a_save_that_fails(tmp_path: Path) -> None:

@@ -58,7 +58,8 @@ def test_finds_the_library_beside_itself_or_where_the_system_looks(tmp_path: Pat
 
 
 def test_runs_from_its_wheel(tmp_path: Path) -> None:
-    pytest.importorskip("wheel")
+    for needed in ("setuptools", "wheel"):
+        pytest.importorskip(needed)
     build = ("import setuptools.build_meta as meta, shutil, sys, os; shutil.copytree("
              f"{str(SOURCES)!r}, 'source'); os.chdir('source'); print(meta.build_wheel('..'))")
     name = run("-c", build, directory=tmp_path).splitlines()[-1]

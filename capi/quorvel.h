@@ -174,8 +174,9 @@ typedef struct quorvel_package quorvel_package;
 quorvel_status quorvel_package_create(const char* file_name, uint64_t cache_pages,
                                       uint64_t stream_limit, quorvel_package** package);
 
-// Opens the package in a file. QUORVEL_ERROR_DAMAGED if there is none, or if it has more streams
-// than stream_limit or was made with a much higher one.
+// Opens the package in a file. QUORVEL_ERROR_IO if the file is missing or can't be written;
+// QUORVEL_ERROR_DAMAGED if it does not hold an intact package, if it has more streams than
+// stream_limit or was made with a much higher one, or if memory runs out.
 quorvel_status quorvel_package_open(const char* file_name, uint64_t cache_pages,
                                     uint64_t stream_limit, quorvel_package** package);
 

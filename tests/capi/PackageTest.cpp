@@ -157,6 +157,8 @@ TEST_F(CPackage, KeepsHeaderData) {
     EXPECT_EQ(quorvel_package_read_header(package.get(), buffer, 6, &size), QUORVEL_OK);
     EXPECT_EQ(size, 4U);
     EXPECT_STREQ(buffer, "head..");
+    EXPECT_EQ(quorvel_package_write_header(package.get(), "head", SIZE_MAX),
+              QUORVEL_ERROR_OUT_OF_MEMORY);
     EXPECT_EQ(quorvel_package_commit(package.get()), QUORVEL_OK);
     EXPECT_EQ(quorvel_package_header_size(Open().get()), 4U);
     EXPECT_EQ(quorvel_package_write_header(package.get(), nullptr, 0), QUORVEL_OK);
@@ -289,6 +291,18 @@ TEST_F(CPackage, ReportsAFieldOutOfRange) {
     EXPECT_EQ(quorvel_package_delete_stream(Open().get(), 0), QUORVEL_ERROR_DAMAGED);
     EXPECT_STREQ(quorvel_last_error(),
                  "the file does not hold an intact package: a field is out of range");
+}
+
+// A fragment that reaches past its block. No package writes one.
+TEST_F(CPackage, ReportsADeletionThatLeavesSpaceInUse) {
+    Format::PackageImage image = Format::LayOutPackage({{0, Format::Bytes(8191)}}, {}, {});
+    image.fragments[0].offset = 65000;
+    Format::WriteWholeFile(path_, Format::EncodePackage(image));
+    const PackageHandle package = Open();
+    EXPECT_EQ(quorvel_package_delete_stream(package.get(), 0), QUORVEL_ERROR_DAMAGED);
+    EXPECT_STREQ(quorvel_last_error(),
+                 "the file does not hold an intact package: some space was not freed");
+    EXPECT_EQ(quorvel_package_stream_count(package.get()), 0U);
 }
 
 TEST_F(CPackage, ReportsAFailingCommitAndCommitsLater) {

@@ -1,8 +1,8 @@
-# Installs the library, its headers and a package configuration for find_package(Quorvel).
+# Installs the libraries, their headers and a package configuration for find_package(Quorvel).
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-set(targets quorvel)
+set(targets quorvel quorvel_c)
 set(QUORVEL_INSTALLED_HOST ${QUORVEL_HOST_LIBRARIES})
 if(NOT QUORVEL_HOST_LIBRARIES)
     list(APPEND targets vornutil corvaneutility)
@@ -17,9 +17,11 @@ install(TARGETS ${targets} EXPORT QuorvelTargets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 if(CMAKE_CXX_LINKER_SUPPORTS_PDB)
-    install(FILES $<TARGET_PDB_FILE:quorvel> DESTINATION ${CMAKE_INSTALL_BINDIR} OPTIONAL)
+    install(FILES $<TARGET_PDB_FILE:quorvel> $<TARGET_PDB_FILE:quorvel_c>
+            DESTINATION ${CMAKE_INSTALL_BINDIR} OPTIONAL)
 endif()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/quorvel DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/capi/quorvel.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Quorvel)
 install(EXPORT QuorvelTargets NAMESPACE Quorvel:: DESTINATION ${package_dir})

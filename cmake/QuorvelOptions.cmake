@@ -41,9 +41,9 @@ if(QUORVEL_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
     set(CMAKE_CXX_COMPILER_LAUNCHER
         ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${QUORVEL_CCACHE})
     if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
-        add_compile_options(-fpch-preprocess)
+        add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-fpch-preprocess>)
     elseif(CMAKE_CXX_COMPILER_ID STREQUAL Clang)
-        add_compile_options("SHELL:-Xclang -fno-pch-timestamp")
+        add_compile_options("$<$<COMPILE_LANGUAGE:CXX>:SHELL:-Xclang -fno-pch-timestamp>")
     endif()
 endif()
 

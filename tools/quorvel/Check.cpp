@@ -176,7 +176,7 @@ Findings Check(const std::string& argument, const CheckOptions& options, Session
 }
 
 void PrintText(const Findings& findings, Session& session) {
-    session.out << Escape(findings.path) << ": " << findings.kind;
+    session.out << EscapePath(findings.path) << ": " << findings.kind;
     if (findings.pages > 0) {
         session.out << fmt::format(
             ", {} of {}, {} ({} free, {} unowned, {} dead), {}", Count(findings.streams, "stream"),
@@ -197,7 +197,7 @@ void PrintText(const Findings& findings, Session& session) {
 }
 
 Json ToJson(const Findings& findings) {
-    return {{"path", Escape(findings.path)},
+    return {{"path", EscapePath(findings.path)},
             {"kind", findings.kind},
             {"streams", {{"count", findings.streams}, {"bytes", findings.streamBytes}}},
             {"pages",
@@ -220,7 +220,7 @@ void CheckAll(const CheckOptions& options, Session& session) {
         if (IsStopRequested()) { throw; }
         session.err << "quorvel: " << what << '\n';
         session.exitCode = std::max(session.exitCode, code);
-        json.push_back({{"path", Escape(argument)}, {"error", what}});
+        json.push_back({{"path", EscapePath(argument)}, {"error", what}});
     };
     for (const std::string& argument : options.caches) {
         try {

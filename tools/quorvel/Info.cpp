@@ -48,7 +48,7 @@ std::uint64_t ByteLimit(const Facts& facts) {
 }
 
 void PrintJson(const Facts& facts, Session& session) {
-    Json json = {{"path", Escape(facts.path)}};
+    Json json = {{"path", EscapePath(facts.path)}};
     json.update(ToJson(facts.statistics, facts.holdsEffects));
     if (facts.holdsEffects) {
         json["limits"] = {{"effects", kStreamLimit - 1},
@@ -114,7 +114,7 @@ void PrintText(const Facts& facts, Session& session) {
     const Statistics& figures = facts.statistics;
     const auto pages = [&](PageKind kind) { return figures.Pages(kind); };
     TextReport report(session.out);
-    report.Line(facts.holdsEffects ? "effect cache" : "package", Escape(facts.path));
+    report.Line(facts.holdsEffects ? "effect cache" : "package", EscapePath(facts.path));
     if (facts.holdsEffects) { PrintEffects(figures, facts, report); }
     report.Line("streams", fmt::format("{} of {}", figures.streams, Size(figures.streamBytes)));
     report.Line("file",

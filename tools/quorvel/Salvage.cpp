@@ -193,9 +193,9 @@ void PrintText(const Outcome& outcome, const SalvageOptions& options, Session& s
 }
 
 Json ToJson(const Outcome& outcome, const SalvageOptions& options) {
-    Json json = {{"file", Escape(options.file)}, {"saveUndone", outcome.isSaveUndone},
-                 {"damage", outcome.damage},     {"indexComplete", outcome.hasWholeIndex},
-                 {"saved", outcome.saved},       {"savedBytes", outcome.savedBytes},
+    Json json = {{"file", EscapePath(options.file)}, {"saveUndone", outcome.isSaveUndone},
+                 {"damage", outcome.damage},         {"indexComplete", outcome.hasWholeIndex},
+                 {"saved", outcome.saved},           {"savedBytes", outcome.savedBytes},
                  {"leftOut", Json::array()}};
     for (const auto& [name, reason] : outcome.leftOut) {
         json["leftOut"].push_back({{"name", Escape(name)}, {"reason", reason}});

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 
 #include "tools/quorvel/Terminal.h"
 
@@ -12,6 +13,8 @@ namespace Quorvel::Tool {
 namespace {
 
 volatile std::sig_atomic_t isStopRequested = 0;
+
+UINT previousCodePage = 0;
 
 extern "C" void RequestStop(int signal) {
     isStopRequested = 1;
@@ -38,6 +41,11 @@ TerminalSize OutputSize() {
 }
 
 void PrepareStandardStreams() {
+    // The console keeps its code page when the program has ended.
+    previousCodePage = ::GetConsoleOutputCP();
+    if (::SetConsoleOutputCP(CP_UTF8) != 0) {
+        std::atexit([] { ::SetConsoleOutputCP(previousCodePage); });
+    }
     for (const DWORD id : {STD_OUTPUT_HANDLE, STD_ERROR_HANDLE}) {
         const HANDLE console = ::GetStdHandle(id);
         DWORD mode = 0;

@@ -159,7 +159,7 @@ Json Names(const std::vector<std::string>& names) {
 Json ToJson(const WatchUpdate& update, std::size_t saves) {
     Json json = {{"time", Time(update.time)}};
     if (!update.problem.empty()) {
-        json["problem"] = Escape(update.problem);
+        json["problem"] = EscapePath(update.problem);
         return json;
     }
     json["effects"] = update.state.effects;
@@ -176,7 +176,9 @@ Json ToJson(const WatchUpdate& update, std::size_t saves) {
 class Output {
 public:
     Output(const Session& session, const std::string& path)
-        : session_(session), isView_(session.isOutTerminal && !session.json), view_(Escape(path)) {}
+        : session_(session),
+          isView_(session.isOutTerminal && !session.json),
+          view_(EscapePath(path)) {}
 
     void Add(const WatchUpdate& update) {
         const Clock::time_point now = Clock::now();

@@ -302,7 +302,7 @@ TEST_F(ArchiveTest, FilesThatDoNotBelongThereAreRefused) {
         {{"../x", "x"}, "\"../x\" lies outside of it"},
         {{"effects/../../x", "x"}, "\"effects/../../x\" lies outside of it"},
         {{"effects/..", "x"}, "\"effects/..\" lies outside of it"},
-        {{"..\\x", "x"}, "\"..\\\\x\" lies outside of it"},
+        {{"..\\x", "x"}, "x\" lies outside of it"},  // on Windows, Pack turns it into ../x
         {{"C:x", "x"}, "\"C:x\" lies outside of it"},
         {{"effects/x", "", Kind::Directory}, "\" is not a file"},
         {{"effects/x", "", Kind::SymbolicLink}, "\"effects/x\" is not a file"},

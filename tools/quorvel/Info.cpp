@@ -8,6 +8,7 @@
 
 #include "effectcache/EffectRecord.h"
 #include "effectcache/SharedCache.h"
+#include "format/Path.h"
 #include "tools/quorvel/Cache.h"
 #include "tools/quorvel/Commands.h"
 #include "tools/quorvel/Statistics.h"
@@ -37,7 +38,7 @@ Facts Collect(const std::string& argument, Session& session) {
         facts.statistics = MakeStatistics(*snapshot);
     }
     std::error_code ignored;
-    facts.freeDisk = std::filesystem::space(cache.Path(), ignored).available;
+    facts.freeDisk = std::filesystem::space(Format::ToPath(cache.Path()), ignored).available;
     facts.knowsHolders = FindHolders(cache.Path(), facts.holders);
     return facts;
 }

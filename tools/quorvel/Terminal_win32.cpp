@@ -14,21 +14,33 @@ namespace {
 
 volatile std::sig_atomic_t isStopRequested = 0;
 
-UINT previousCodePage = 0;
-
 extern "C" void RequestStop(int signal) {
     isStopRequested = 1;
     std::signal(signal, SIG_DFL);
 }
 
+// Unlike _isatty, false for NUL.
+bool IsTerminal(DWORD id) {
+    DWORD mode = 0;
+    return ::GetConsoleMode(::GetStdHandle(id), &mode) != 0;
+}
+
+// Until the program ends, since the console outlives it.
+void MakeConsoleUtf8() {
+    static const UINT previous = ::GetConsoleOutputCP();
+    if (::SetConsoleOutputCP(CP_UTF8) != 0) {
+        std::atexit([] { ::SetConsoleOutputCP(previous); });
+    }
+}
+
 }  // namespace
 
 bool IsOutputTerminal() {
-    return ::_isatty(::_fileno(stdout)) != 0;
+    return IsTerminal(STD_OUTPUT_HANDLE);
 }
 
 bool IsErrorTerminal() {
-    return ::_isatty(::_fileno(stderr)) != 0;
+    return IsTerminal(STD_ERROR_HANDLE);
 }
 
 TerminalSize OutputSize() {
@@ -41,17 +53,13 @@ TerminalSize OutputSize() {
 }
 
 void PrepareStandardStreams() {
-    // The console keeps its code page when the program has ended.
-    previousCodePage = ::GetConsoleOutputCP();
-    if (::SetConsoleOutputCP(CP_UTF8) != 0) {
-        std::atexit([] { ::SetConsoleOutputCP(previousCodePage); });
-    }
     for (const DWORD id : {STD_OUTPUT_HANDLE, STD_ERROR_HANDLE}) {
         const HANDLE console = ::GetStdHandle(id);
         DWORD mode = 0;
         if (::GetConsoleMode(console, &mode) == 0) { continue; }
         ::SetConsoleMode(console, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
     }
+    if (IsOutputTerminal() || IsErrorTerminal()) { MakeConsoleUtf8(); }
     for (std::FILE* const stream : {stdin, stdout, stderr}) {
         ::_setmode(::_fileno(stream), _O_BINARY);
     }

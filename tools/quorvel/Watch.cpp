@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "format/Path.h"
 #include "tools/quorvel/Cache.h"
 #include "tools/quorvel/Commands.h"
 #include "tools/quorvel/Terminal.h"
@@ -73,7 +74,8 @@ private:
 
 Watcher::Mark Watcher::Look() const {
     std::error_code ignored;
-    return {fs::file_size(cache_.Path(), ignored), fs::last_write_time(cache_.Path(), ignored)};
+    const fs::path path = Format::ToPath(cache_.Path());
+    return {fs::file_size(path, ignored), fs::last_write_time(path, ignored)};
 }
 
 WatchUpdate Watcher::First() {

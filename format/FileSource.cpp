@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "format/Path.h"
+
 namespace Quorvel::Format {
 namespace {
 
@@ -23,7 +25,7 @@ void MemorySource::Read(std::uint64_t offset, std::uint8_t* to, std::uint64_t si
 
 DiskSource::DiskSource(const std::string& path) : path_(path) {
     std::error_code error;
-    const std::filesystem::file_status status = std::filesystem::status(path, error);
+    const std::filesystem::file_status status = std::filesystem::status(ToPath(path), error);
     if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
         Fail(path, "it is not a file");
     }
@@ -31,7 +33,7 @@ DiskSource::DiskSource(const std::string& path) : path_(path) {
     if (!file_) { Fail(path, std::strerror(errno)); }
     // Ranges are read whole, so a buffer would only copy them.
     std::setvbuf(file_.get(), nullptr, _IONBF, 0);
-    size_ = std::filesystem::file_size(path, error);
+    size_ = std::filesystem::file_size(ToPath(path), error);
     if (error) { Fail(path, error.message().c_str()); }
 }
 

@@ -3,6 +3,7 @@
 #include <fstream>
 #include <functional>
 #include <random>
+#include <regex>
 #include <sstream>
 
 #include "support/StdioFaults.h"
@@ -149,10 +150,10 @@ TEST_F(ArchiveTest, AnArchiveHoldsOrdinaryFilesInAFolderOfItsOwn) {
     ASSERT_EQ(Run({"export", cache_, "-"}), kDone);
     const std::vector<TarMember> members = Unpack(out_);
     ASSERT_EQ(members.size(), 271U);
+    const std::regex name("effects/[0-9]{6}-[-_.a-zA-Z0-9]+");
     EXPECT_EQ(members.back().path, "manifest.jsonl");
     for (std::size_t i = 0; i + 1 < members.size(); ++i) {
-        EXPECT_THAT(members[i].path, testing::MatchesRegex(
-                                         "effects/[0-9][0-9][0-9][0-9][0-9][0-9]-[-_.a-zA-Z0-9]+"));
+        EXPECT_TRUE(std::regex_match(members[i].path, name)) << members[i].path;
         EXPECT_LT(members[i].path.size(), 100U);
     }
 }
@@ -301,7 +302,7 @@ TEST_F(ArchiveTest, FilesThatDoNotBelongThereAreRefused) {
         {{"../x", "x"}, "\"../x\" lies outside of it"},
         {{"effects/../../x", "x"}, "\"effects/../../x\" lies outside of it"},
         {{"effects/..", "x"}, "\"effects/..\" lies outside of it"},
-        {{"..\\x", "x"}, "\"..\\\\x\" lies outside of it"},
+        {{"..\\x", "x"}, "x\" lies outside of it"},  // on Windows, Pack turns it into ../x
         {{"C:x", "x"}, "\"C:x\" lies outside of it"},
         {{"effects/x", "", Kind::Directory}, "\" is not a file"},
         {{"effects/x", "", Kind::SymbolicLink}, "\"effects/x\" is not a file"},

@@ -10,7 +10,8 @@
 #include "support/SmallVolume.h"
 #include "tool/ToolTest.h"
 
-// export and import, where they meet the system.
+// export and import with devices, named pipes, links and small volumes, which Windows lacks or
+// leaves to administrators.
 namespace Quorvel::Tool {
 namespace {
 

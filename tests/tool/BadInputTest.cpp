@@ -55,6 +55,12 @@ TEST_F(BadInputTest, AMissingDirectoryIsNamed) {
     EXPECT_FALSE(std::filesystem::exists(File("missing")));
 }
 
+TEST_F(BadInputTest, ADirectoryInThePlaceOfTheFileIsRefused) {
+    std::filesystem::create_directory(CacheFile());
+    EXPECT_EQ(Run({"info", cache_}), kFailed);
+    EXPECT_THAT(err_, HasSubstr("it is not a file"));
+}
+
 TEST_F(BadInputTest, ADirectoryWithoutACacheStaysEmpty) {
     ExpectAll(All(cache_), kNo, cache_ + ": there is no ");
     EXPECT_TRUE(std::filesystem::is_empty(cache_));

@@ -140,8 +140,10 @@ TEST_F(CheckTest, ChecksSeveralCachesAndGoesOnAfterOneThatItCannot) {
 TEST_F(CheckTest, PrintsJson) {
     WriteWholeFile(file_, FiveProblems());
     EXPECT_EQ(Run({"check", file_, "--json", "--max-problems", "1"}), kNo);
-    EXPECT_EQ(Json::parse(out_), Json::parse(R"([{
-        "path": ")" + file_ + R"(", "kind": "package", "streams": {"count": 0, "bytes": 0},
+    EXPECT_EQ(Json::parse(out_),
+              Json::parse(R"([{
+        "path": )" + Json(file_).dump() +
+                          R"(, "kind": "package", "streams": {"count": 0, "bytes": 0},
         "pages": {"file": 1, "free": 0, "unowned": 0, "dead": 0}, "tailBlocks": 0,
         "contentsChecked": false, "problemCount": 5,
         "problems": ["page 12 is in use, but belongs to nothing"], "notes": []}])"));

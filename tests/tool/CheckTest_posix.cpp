@@ -2,6 +2,7 @@
 
 #include "tool/ToolTest.h"
 
+// On Windows, the file system alone decides about files of other users.
 namespace Quorvel::Tool {
 namespace {
 

@@ -100,17 +100,10 @@ private:
     std::string name_;
 };
 
-bool IsOffered(const CommandLine& command) {
-    const char* const argv[] = {"quorvel", command.front().c_str(), "--help"};
-    std::istringstream in;
-    std::ostringstream out;
-    return RunProgram(3, argv, {in, out, out}) == kDone;
-}
-
 }  // namespace
 
 std::vector<CommandLine> CommandsForDamagedFiles() {
-    std::vector<CommandLine> commands = {
+    return {
         {"info", "{file}"},
         {"info", "{file}", "--json", "--offline"},
         {"list", "{file}", "--json"},
@@ -121,9 +114,6 @@ std::vector<CommandLine> CommandsForDamagedFiles() {
         {"map", "{file}"},
         {"map", "{file}", "--svg", "--offline"},
     };
-    // Some systems lack what "export" needs.
-    std::erase_if(commands, [](const CommandLine& command) { return !IsOffered(command); });
-    return commands;
 }
 
 std::ostream& operator<<(std::ostream& stream, const DamagedFileRuns& runs) {

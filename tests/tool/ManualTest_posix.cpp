@@ -2,6 +2,7 @@
 
 #include "tool/ToolTest.h"
 
+// Runs bash.
 namespace Quorvel::Tool {
 namespace {
 

@@ -86,8 +86,10 @@ TEST_F(SalvageTest, NamesWhatIsLeftOutOnRequest) {
 
     fs::remove(destination_ + "/vornFxoCache.dat");
     EXPECT_EQ(Run({"salvage", "--json", file_, destination_}), kNo);
-    EXPECT_EQ(Json::parse(out_), Json::parse(R"({
-        "file": ")" + file_ + R"(", "saveUndone": false, "damage": [], "indexComplete": true,
+    EXPECT_EQ(Json::parse(out_),
+              Json::parse(R"({
+        "file": )" + Json(file_).dump() +
+                          R"(, "saveUndone": false, "damage": [], "indexComplete": true,
         "saved": 2, "savedBytes": 3,
         "leftOut": [{"name": "tab\\x09here\\\\\\xFF", "reason": "its chain of pages is broken"}]
         })"));

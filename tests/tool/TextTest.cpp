@@ -32,6 +32,10 @@ TEST(Text, EscapesWhatIsNotPrintable) {
     }
 }
 
+TEST(Text, KeepsTheBackslashesOfPaths) {
+    EXPECT_EQ(EscapePath("C:\\folder\\\xC3\xA4\n\xFF"), "C:\\folder\\\xC3\xA4\\x0A\\xFF");
+}
+
 TEST(Text, ReadsTheNamesThatItSpells) {
     std::string all;
     for (int byte = 0; byte < 256; ++byte) {

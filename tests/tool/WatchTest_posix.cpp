@@ -6,6 +6,7 @@
 #include "tool/ToolTest.h"
 #include "tools/quorvel/Terminal.h"
 
+// On Windows, Ctrl-C goes to all processes of a console and can't be sent to one.
 namespace Quorvel::Tool {
 namespace {
 

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <utility>
 
+#include "format/Path.h"
 #include "pagestore/RollbackJournal.h"
 #include "quorvel/Exceptions.h"
 #include "tools/quorvel/Text.h"
@@ -21,14 +22,22 @@ namespace {
 constexpr std::uint64_t kPieceSize = 4 << 20;
 
 std::string JoinFile(const std::string& directory) {
-    return (fs::path(directory) / kCacheFileName).string();
+    return (Format::ToPath(directory) / kCacheFileName).string();
+}
+
+// True if a path names the cache's file of its directory, in whatever spelling.
+bool IsCacheFile(const std::string& file) {
+    const fs::path path = Format::ToPath(file);
+    std::error_code ignored;
+    return path.filename() == kCacheFileName ||
+           fs::equivalent(path, path.parent_path() / kCacheFileName, ignored);
 }
 
 // The directory to open as a host would; nothing for a file of another name.
 std::optional<std::string> SharedDirectory(const std::string& argument) {
-    if (fs::is_directory(argument)) { return argument; }
-    const fs::path path(argument);
-    if (path.filename() != kCacheFileName) { return std::nullopt; }
+    const fs::path path = Format::ToPath(argument);
+    if (fs::is_directory(path)) { return argument; }
+    if (!IsCacheFile(argument)) { return std::nullopt; }
     return path.has_parent_path() ? path.parent_path().string() : ".";
 }
 
@@ -37,7 +46,7 @@ std::optional<std::string> SharedDirectory(const std::string& argument) {
 Cache::Cache(const Session& session, const std::string& argument)
     : name_(argument), path_(argument), offline_(session.offline), timeout_(session.timeout) {
     std::error_code error;
-    const fs::file_status status = fs::status(argument, error);
+    const fs::file_status status = fs::status(Format::ToPath(argument), error);
     if (!fs::exists(status)) {
         const bool isMissing = status.type() == fs::file_type::not_found;
         throw Failure(
@@ -72,12 +81,11 @@ Cache::Cache(const Session& session, const std::string& argument)
 
 bool Cache::Exists() const {
     std::error_code ignored;
-    return fs::exists(path_, ignored);
+    return fs::exists(Format::ToPath(path_), ignored);
 }
 
 std::uint64_t Cache::StreamLimit() const {
-    return fs::path(path_).filename() == kCacheFileName ? Format::kCacheStreamLimit
-                                                        : Format::kHighestId;
+    return IsCacheFile(path_) ? Format::kCacheStreamLimit : Format::kHighestId;
 }
 
 bool Cache::HasChanged() {
@@ -167,7 +175,7 @@ std::unique_ptr<Snapshot> ReadPackage(Cache& cache, const Cache::Lock& lock,
     } catch (const Format::FormatError& error) {
         std::string advice = "\"quorvel check\" says more, \"quorvel salvage\" saves what is left";
         std::error_code ignored;
-        if (cache.IsOffline() && fs::exists(cache.Path() + "-journal", ignored)) {
+        if (cache.IsOffline() && fs::exists(Format::ToPath(cache.Path() + "-journal"), ignored)) {
             advice = "a save was interrupted; without --offline, it is undone first";
         }
         throw Failure(fmt::format("{}: damaged: {}; {}", cache.Path(), error.what(), advice), kNo);

@@ -11,6 +11,7 @@
 #include "effectcache/SharedCache.h"
 #include "effectcache/StoredEffect.h"
 #include "effectcache/StreamHelpers.h"
+#include "format/Path.h"
 #include "platform/DiskSpace.h"
 #include "quorvel/Exceptions.h"
 #include "tools/quorvel/Text.h"
@@ -134,7 +135,8 @@ void CacheEditor::SetPermanent(IndexEntry* entry, bool permanent) {
 
 std::uint64_t CacheEditor::Capacity() const {
     std::uint64_t available = kLargestSpaceBudget;
-    const std::string directory = std::filesystem::absolute(cache_.Path()).parent_path().string();
+    const std::string directory =
+        std::filesystem::absolute(Format::ToPath(cache_.Path())).parent_path().string();
     if (!Platform::GetFreeDiskSpace(directory.c_str(), available)) { return kLargestSpaceBudget; }
     return std::min(available, kLargestSpaceBudget);
 }

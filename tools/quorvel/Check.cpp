@@ -10,6 +10,7 @@
 
 #include "format/PackageCheck.h"
 #include "format/PageOwners.h"
+#include "format/Path.h"
 #include "platform/Directory.h"
 #include "tools/quorvel/Cache.h"
 #include "tools/quorvel/Commands.h"
@@ -137,7 +138,7 @@ void Checker::CountParts(const Format::PackageState& state, std::uint64_t fileSi
 
 void Checker::SayThatASaveWasInterrupted(const Cache& cache) {
     std::error_code ignored;
-    const bool hasJournal = fs::exists(cache.Path() + "-journal", ignored);
+    const bool hasJournal = fs::exists(Format::ToPath(cache.Path() + "-journal"), ignored);
     findings_.notes.push_back(
         hasJournal ? "a save was interrupted; without --offline, it is undone first"
                    : "a save was interrupted, and the journal that could undo it is missing; "
@@ -146,7 +147,7 @@ void Checker::SayThatASaveWasInterrupted(const Cache& cache) {
 
 // A note if caches of this user would not use the file, whatever it holds.
 void NoteOwner(const Cache& cache, Findings& findings) {
-    const fs::path file(cache.Path());
+    const fs::path file = Format::ToPath(cache.Path());
     const std::string directory = file.has_parent_path() ? file.parent_path().string() : ".";
     const Platform::Directory found =
         Platform::FindDirectory(directory.c_str(), file.filename().string().c_str());
@@ -176,7 +177,7 @@ Findings Check(const std::string& argument, const CheckOptions& options, Session
 }
 
 void PrintText(const Findings& findings, Session& session) {
-    session.out << Escape(findings.path) << ": " << findings.kind;
+    session.out << EscapePath(findings.path) << ": " << findings.kind;
     if (findings.pages > 0) {
         session.out << fmt::format(
             ", {} of {}, {} ({} free, {} unowned, {} dead), {}", Count(findings.streams, "stream"),
@@ -197,7 +198,7 @@ void PrintText(const Findings& findings, Session& session) {
 }
 
 Json ToJson(const Findings& findings) {
-    return {{"path", Escape(findings.path)},
+    return {{"path", EscapePath(findings.path)},
             {"kind", findings.kind},
             {"streams", {{"count", findings.streams}, {"bytes", findings.streamBytes}}},
             {"pages",
@@ -220,7 +221,7 @@ void CheckAll(const CheckOptions& options, Session& session) {
         if (IsStopRequested()) { throw; }
         session.err << "quorvel: " << what << '\n';
         session.exitCode = std::max(session.exitCode, code);
-        json.push_back({{"path", Escape(argument)}, {"error", what}});
+        json.push_back({{"path", EscapePath(argument)}, {"error", what}});
     };
     for (const std::string& argument : options.caches) {
         try {

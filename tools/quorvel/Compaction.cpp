@@ -13,6 +13,7 @@
 
 #include "effectcache/EffectIndex.h"
 #include "effectcache/StoredEffect.h"
+#include "format/Path.h"
 #include "package/PagedFilePackage.h"
 #include "pagestore/RollbackJournal.h"
 #include "pagestore/StdioFile.h"
@@ -55,8 +56,8 @@ void Write(std::FILE* file, std::uint64_t page, const Page& from) {
 // Replaces the bytes of the file by those of another one. All pages that are overwritten are in the
 // journal before the first one is; page 0, the head page, is written last.
 void ReplaceBytes(const std::string& path, const std::string& by) {
-    const std::uint64_t oldSize = fs::file_size(path);
-    const std::uint64_t pages = fs::file_size(by) / kPageSize;
+    const std::uint64_t oldSize = fs::file_size(Format::ToPath(path));
+    const std::uint64_t pages = fs::file_size(Format::ToPath(by)) / kPageSize;
     const std::uint64_t overwritten = std::min(oldSize / kPageSize, pages);
     StdioFile file;
     StdioFile source;
@@ -95,7 +96,7 @@ void ReplaceBytes(const std::string& path, const std::string& by) {
     undo.Dismiss();
     file.Close();
     std::error_code ignored;  // a longer file is as good, it only takes more room
-    fs::resize_file(path, pages * kPageSize, ignored);
+    fs::resize_file(Format::ToPath(path), pages * kPageSize, ignored);
 }
 
 // Copies the effects of a package and the other blocks of its header data.
@@ -159,10 +160,10 @@ CompactionResult Compact(Cache& cache, const Cache::Lock& /*lock*/, Keep keep) {
     CompactionResult result;
     const Platform::ScopeGuard removeNewFile([&] { std::remove(newPath.c_str()); });
     try {
-        result.sizeBefore = fs::file_size(cache.Path());
+        result.sizeBefore = fs::file_size(Format::ToPath(cache.Path()));
         Prepare(cache.Path(), newPath, keep, result);
         ReplaceBytes(cache.Path(), newPath);
-        result.sizeAfter = fs::file_size(cache.Path());
+        result.sizeAfter = fs::file_size(Format::ToPath(cache.Path()));
     } catch (const Failure&) { throw; } catch (const FileDataCorruptException& error) {
         throw Failure(DescribeFailure(cache.Path(), error), kNo);
     } catch (const std::exception& error) { throw Failure(DescribeFailure(cache.Path(), error)); }

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "format/Path.h"
 #include "tools/quorvel/Cache.h"
 #include "tools/quorvel/Checksum.h"
 #include "tools/quorvel/Commands.h"
@@ -85,8 +86,8 @@ Differences FindDifferences(const DiffOptions& options, const Session& session) 
     Cache b(session, options.b);
     std::error_code ignored;
     Progress progress(session, "comparing",
-                      std::filesystem::file_size(a.Path(), ignored) +
-                          std::filesystem::file_size(b.Path(), ignored));
+                      std::filesystem::file_size(Format::ToPath(a.Path()), ignored) +
+                          std::filesystem::file_size(Format::ToPath(b.Path()), ignored));
     Differences result;
     std::map<std::string, Known, Format::NameOrder> inA;
     ReadAll(options, a, progress, session,

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "format/Path.h"
 #include "platform/PlainFile.h"
 #include "platform/Process.h"
 #include "tools/quorvel/Archive.h"
@@ -39,13 +40,13 @@ public:
     // Throws Failure.
     explicit ArchiveFile(const std::string& name) : name_(name), path_(name) {
         std::error_code ignored;
-        const fs::file_status status = fs::status(name, ignored);
+        const fs::file_status status = fs::status(Format::ToPath(name), ignored);
         if (fs::is_directory(status)) { throw Failure(name + ": a directory; name a file"); }
         if (fs::exists(status) && !fs::is_regular_file(status)) {
             Open(name);
             return;
         }
-        if (fs::exists(status)) { path_ = fs::canonical(name).string(); }
+        if (fs::exists(status)) { path_ = fs::canonical(Format::ToPath(name)).string(); }
         unfinished_ = fmt::format("{}.part-{}", path_, Platform::CurrentProcessId());
         std::remove(unfinished_.c_str());  // what a process of that number has left
         std::FILE* const file = Platform::CreateNewFile(unfinished_.c_str());
@@ -71,7 +72,7 @@ public:
         if (!stream_) { Fail(); }
         if (unfinished_.empty()) { return; }
         std::error_code error;
-        fs::rename(unfinished_, path_, error);
+        fs::rename(Format::ToPath(unfinished_), Format::ToPath(path_), error);
         if (error) { throw Failure(fmt::format("{}: {}", name_, error.message())); }
         unfinished_.clear();
     }
@@ -104,7 +105,7 @@ Compression CompressionOf(const std::string& archive) {
         if (archive.ends_with(ending)) { return compression; }
     }
     std::error_code ignored;
-    const fs::file_status status = fs::status(archive, ignored);
+    const fs::file_status status = fs::status(Format::ToPath(archive), ignored);
     if (fs::exists(status) && !fs::is_regular_file(status)) { return Compression::None; }
     throw Failure(archive + ": the name of an archive ends in .tar, .tar.gz or .tar.zst", kUsage);
 }
@@ -120,7 +121,7 @@ Exported WriteArchive(const ExportOptions& options, Cache& cache, std::ostream& 
     const std::string name = options.archive == "-" ? "standard output" : options.archive;
     ArchiveWriter archive(out, name, compression);
     std::error_code ignored;
-    Progress progress(session, "exporting", fs::file_size(cache.Path(), ignored));
+    Progress progress(session, "exporting", fs::file_size(Format::ToPath(cache.Path()), ignored));
     Exported result;
     ForEachEffect(
         cache, [&](const auto& effect) { return Matches(options.match, effect.name); },

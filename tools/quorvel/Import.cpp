@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "format/Path.h"
 #include "tools/quorvel/Archive.h"
 #include "tools/quorvel/Cache.h"
 #include "tools/quorvel/Commands.h"
@@ -37,7 +38,8 @@ std::uint64_t Read(const ImportOptions& options, Incoming& incoming, Session& se
             error == ENOENT ? kNo : kFailed);
     }
     std::error_code ignored;
-    Progress progress(session, "reading", std::filesystem::file_size(options.archive, ignored));
+    Progress progress(session, "reading",
+                      std::filesystem::file_size(Format::ToPath(options.archive), ignored));
     return ReadArchive(file, options.archive, options.incoming.match, incoming,
                        [&](std::uint64_t bytes) { progress.Add(bytes); });
 }

@@ -8,6 +8,7 @@
 
 #include "effectcache/EffectRecord.h"
 #include "effectcache/SharedCache.h"
+#include "format/Path.h"
 #include "tools/quorvel/Cache.h"
 #include "tools/quorvel/Commands.h"
 #include "tools/quorvel/Statistics.h"
@@ -37,7 +38,7 @@ Facts Collect(const std::string& argument, Session& session) {
         facts.statistics = MakeStatistics(*snapshot);
     }
     std::error_code ignored;
-    facts.freeDisk = std::filesystem::space(cache.Path(), ignored).available;
+    facts.freeDisk = std::filesystem::space(Format::ToPath(cache.Path()), ignored).available;
     facts.knowsHolders = FindHolders(cache.Path(), facts.holders);
     return facts;
 }
@@ -48,7 +49,7 @@ std::uint64_t ByteLimit(const Facts& facts) {
 }
 
 void PrintJson(const Facts& facts, Session& session) {
-    Json json = {{"path", Escape(facts.path)}};
+    Json json = {{"path", EscapePath(facts.path)}};
     json.update(ToJson(facts.statistics, facts.holdsEffects));
     if (facts.holdsEffects) {
         json["limits"] = {{"effects", kStreamLimit - 1},
@@ -114,7 +115,7 @@ void PrintText(const Facts& facts, Session& session) {
     const Statistics& figures = facts.statistics;
     const auto pages = [&](PageKind kind) { return figures.Pages(kind); };
     TextReport report(session.out);
-    report.Line(facts.holdsEffects ? "effect cache" : "package", Escape(facts.path));
+    report.Line(facts.holdsEffects ? "effect cache" : "package", EscapePath(facts.path));
     if (facts.holdsEffects) { PrintEffects(figures, facts, report); }
     report.Line("streams", fmt::format("{} of {}", figures.streams, Size(figures.streamBytes)));
     report.Line("file",

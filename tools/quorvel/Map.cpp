@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "format/Path.h"
 #include "tools/quorvel/Cache.h"
 #include "tools/quorvel/Commands.h"
 #include "tools/quorvel/Report.h"
@@ -33,7 +34,8 @@ void Write(const MapOptions& options, const Snapshot& snapshot, const std::strin
 
 void WriteFile(const MapOptions& options, const Snapshot& snapshot, const std::string& path) {
     std::error_code ignored;
-    if (std::filesystem::equivalent(options.output, path, ignored)) {
+    if (std::filesystem::equivalent(Format::ToPath(options.output), Format::ToPath(path),
+                                    ignored)) {
         throw Failure(options.output + ": the report would replace the cache; name another file",
                       kUsage);
     }

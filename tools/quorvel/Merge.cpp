@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "format/Path.h"
 #include "tools/quorvel/Cache.h"
 #include "tools/quorvel/Commands.h"
 #include "tools/quorvel/Incoming.h"
@@ -31,7 +32,8 @@ Caches OpenSources(const MergeOptions& options, const Cache& dest, const Session
     for (const std::string& argument : options.sources) {
         sources.push_back(std::make_unique<Cache>(session, argument));
         std::error_code ignored;
-        if (fs::equivalent(dest.Path(), sources.back()->Path(), ignored)) {
+        if (fs::equivalent(Format::ToPath(dest.Path()), Format::ToPath(sources.back()->Path()),
+                           ignored)) {
             throw Failure(fmt::format("{} and {} are the same cache", dest.Name(), argument),
                           kUsage);
         }
@@ -46,7 +48,7 @@ std::uint64_t Collect(const Caches& sources, const std::string& match, Incoming&
     std::uint64_t bytes = 0;
     for (const auto& source : sources) {
         std::error_code ignored;
-        bytes += fs::file_size(source->Path(), ignored);
+        bytes += fs::file_size(Format::ToPath(source->Path()), ignored);
     }
     Progress progress(session, "reading", bytes);
     std::uint64_t damaged = 0;

@@ -131,14 +131,10 @@ void ReportData::FindThings() {
 }
 
 Json ReportData::Facts(const std::string& path) const {
-    Json facts = {{"path", Escape(path)},
-                  {"time", Time(Now())},
-                  {"version", QUORVEL_VERSION},
-                  {"damage", snapshot_.Damage()},
-                  {"pageSize", Format::kPageSize},
-                  {"blockSize", Format::kTailBlockSize},
-                  {"effectLimit", kStreamLimit - 1},
-                  {"byteLimit", kLargestSpaceBudget}};
+    Json facts = {{"path", EscapePath(path)},        {"time", Time(Now())},
+                  {"version", QUORVEL_VERSION},      {"damage", snapshot_.Damage()},
+                  {"pageSize", Format::kPageSize},   {"blockSize", Format::kTailBlockSize},
+                  {"effectLimit", kStreamLimit - 1}, {"byteLimit", kLargestSpaceBudget}};
     facts.update(ToJson(MakeStatistics(snapshot_), snapshot_.HoldsEffects()));
     return facts;
 }

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "format/Path.h"
 #include "format/SalvageReader.h"
 #include "pagestore/RollbackJournal.h"
 #include "pagestore/StdioFile.h"
@@ -86,13 +87,13 @@ private:
 
 Outcome Salvager::Run() {
     OpenFile();
-    if (!fs::is_directory(options_.destination)) {
+    if (!fs::is_directory(Format::ToPath(options_.destination))) {
         throw Failure(options_.destination + ": not a directory; make one for the new cache",
                       kUsage);
     }
     Cache cache(session_, options_.destination);
     std::error_code isMissing;
-    if (fs::equivalent(path_, cache.Path(), isMissing)) {
+    if (fs::equivalent(Format::ToPath(path_), Format::ToPath(cache.Path()), isMissing)) {
         throw Failure(cache.Path() +
                           ": the file can't be its own destination; name another "
                           "directory",
@@ -123,9 +124,9 @@ Outcome Salvager::Run() {
 }
 
 void Salvager::OpenFile() {
-    path_ = fs::is_directory(options_.file) ? (fs::path(options_.file) / kCacheFileName).string()
-                                            : options_.file;
-    if (!fs::exists(path_)) { throw Failure(path_ + ": no such file", kNo); }
+    const fs::path file = Format::ToPath(options_.file);
+    path_ = fs::is_directory(file) ? (file / kCacheFileName).string() : options_.file;
+    if (!fs::exists(Format::ToPath(path_))) { throw Failure(path_ + ": no such file", kNo); }
     file_ = std::make_unique<Format::DiskSource>(path_);
 }
 
@@ -134,7 +135,9 @@ void Salvager::OpenFile() {
 // anyway.
 void Salvager::UndoSave(const std::string& copy) {
     std::error_code ignored;
-    if (!Format::IsMarked(*file_) || !fs::exists(JournalOf(path_), ignored)) { return; }
+    if (!Format::IsMarked(*file_) || !fs::exists(Format::ToPath(JournalOf(path_)), ignored)) {
+        return;
+    }
     Copy(*file_, copy);
     Copy(Format::DiskSource(JournalOf(path_)), JournalOf(copy));
     try {
@@ -193,9 +196,9 @@ void PrintText(const Outcome& outcome, const SalvageOptions& options, Session& s
 }
 
 Json ToJson(const Outcome& outcome, const SalvageOptions& options) {
-    Json json = {{"file", Escape(options.file)}, {"saveUndone", outcome.isSaveUndone},
-                 {"damage", outcome.damage},     {"indexComplete", outcome.hasWholeIndex},
-                 {"saved", outcome.saved},       {"savedBytes", outcome.savedBytes},
+    Json json = {{"file", EscapePath(options.file)}, {"saveUndone", outcome.isSaveUndone},
+                 {"damage", outcome.damage},         {"indexComplete", outcome.hasWholeIndex},
+                 {"saved", outcome.saved},           {"savedBytes", outcome.savedBytes},
                  {"leftOut", Json::array()}};
     for (const auto& [name, reason] : outcome.leftOut) {
         json["leftOut"].push_back({{"name", Escape(name)}, {"reason", reason}});

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 
 #include "tools/quorvel/Terminal.h"
 
@@ -18,14 +19,28 @@ extern "C" void RequestStop(int signal) {
     std::signal(signal, SIG_DFL);
 }
 
+// Unlike _isatty, false for NUL.
+bool IsTerminal(DWORD id) {
+    DWORD mode = 0;
+    return ::GetConsoleMode(::GetStdHandle(id), &mode) != 0;
+}
+
+// Until the program ends, since the console outlives it.
+void MakeConsoleUtf8() {
+    static const UINT previous = ::GetConsoleOutputCP();
+    if (::SetConsoleOutputCP(CP_UTF8) != 0) {
+        std::atexit([] { ::SetConsoleOutputCP(previous); });
+    }
+}
+
 }  // namespace
 
 bool IsOutputTerminal() {
-    return ::_isatty(::_fileno(stdout)) != 0;
+    return IsTerminal(STD_OUTPUT_HANDLE);
 }
 
 bool IsErrorTerminal() {
-    return ::_isatty(::_fileno(stderr)) != 0;
+    return IsTerminal(STD_ERROR_HANDLE);
 }
 
 TerminalSize OutputSize() {
@@ -44,6 +59,7 @@ void PrepareStandardStreams() {
         if (::GetConsoleMode(console, &mode) == 0) { continue; }
         ::SetConsoleMode(console, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
     }
+    if (IsOutputTerminal() || IsErrorTerminal()) { MakeConsoleUtf8(); }
     for (std::FILE* const stream : {stdin, stdout, stderr}) {
         ::_setmode(::_fileno(stream), _O_BINARY);
     }

@@ -37,6 +37,23 @@ std::size_t CharacterLength(std::string_view text) {
     return isValid ? length : 0;
 }
 
+std::string EscapeBytes(std::string_view name, const char* backslash) {
+    std::string text;
+    while (!name.empty()) {
+        const std::size_t length = CharacterLength(name);
+        const auto byte = static_cast<unsigned char>(name[0]);
+        if (byte == '\\') {
+            text += backslash;
+        } else if (length == 0 || byte < 0x20 || byte == 0x7F) {
+            text += fmt::format("\\x{:02X}", byte);
+        } else {
+            text += name.substr(0, length);
+        }
+        name.remove_prefix(length == 0 ? 1 : length);
+    }
+    return text;
+}
+
 [[noreturn]] void BadNumber(const std::string& what, const std::string& text,
                             const std::string& examples) {
     throw Failure(fmt::format("\"{}\" is no {}; write, for example, {}", text, what, examples),
@@ -121,20 +138,11 @@ bool MatchesOne(std::string_view pattern, std::size_t& at, char byte) {
 }  // namespace
 
 std::string Escape(std::string_view name) {
-    std::string text;
-    while (!name.empty()) {
-        const std::size_t length = CharacterLength(name);
-        const auto byte = static_cast<unsigned char>(name[0]);
-        if (byte == '\\') {
-            text += "\\\\";
-        } else if (length == 0 || byte < 0x20 || byte == 0x7F) {
-            text += fmt::format("\\x{:02X}", byte);
-        } else {
-            text += name.substr(0, length);
-        }
-        name.remove_prefix(length == 0 ? 1 : length);
-    }
-    return text;
+    return EscapeBytes(name, "\\\\");
+}
+
+std::string EscapePath(std::string_view path) {
+    return EscapeBytes(path, "\\");
 }
 
 std::string Unescape(std::string_view text) {

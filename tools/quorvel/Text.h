@@ -14,6 +14,10 @@ namespace Quorvel::Tool {
 // two.
 std::string Escape(std::string_view name);
 
+// The same for a path, or a message that names one, but a backslash stays one: on Windows, it
+// separates folders.
+std::string EscapePath(std::string_view path);
+
 // The name that Escape spells like this. Throws Failure if there is none.
 std::string Unescape(std::string_view text);
 

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "format/Path.h"
 #include "tools/quorvel/Cache.h"
 #include "tools/quorvel/Commands.h"
 #include "tools/quorvel/Terminal.h"
@@ -73,7 +74,8 @@ private:
 
 Watcher::Mark Watcher::Look() const {
     std::error_code ignored;
-    return {fs::file_size(cache_.Path(), ignored), fs::last_write_time(cache_.Path(), ignored)};
+    const fs::path path = Format::ToPath(cache_.Path());
+    return {fs::file_size(path, ignored), fs::last_write_time(path, ignored)};
 }
 
 WatchUpdate Watcher::First() {
@@ -159,7 +161,7 @@ Json Names(const std::vector<std::string>& names) {
 Json ToJson(const WatchUpdate& update, std::size_t saves) {
     Json json = {{"time", Time(update.time)}};
     if (!update.problem.empty()) {
-        json["problem"] = Escape(update.problem);
+        json["problem"] = EscapePath(update.problem);
         return json;
     }
     json["effects"] = update.state.effects;
@@ -176,7 +178,9 @@ Json ToJson(const WatchUpdate& update, std::size_t saves) {
 class Output {
 public:
     Output(const Session& session, const std::string& path)
-        : session_(session), isView_(session.isOutTerminal && !session.json), view_(Escape(path)) {}
+        : session_(session),
+          isView_(session.isOutTerminal && !session.json),
+          view_(EscapePath(path)) {}
 
     void Add(const WatchUpdate& update) {
         const Clock::time_point now = Clock::now();

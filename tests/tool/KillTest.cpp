@@ -1,19 +1,29 @@
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <sstream>
 #include <thread>
 
+#include "support/Agent.h"
+#include "support/ChildProcess.h"
 #include "tool/ToolTest.h"
 
 namespace Quorvel::Tool {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using Testing::ChildProcess;
+
+// Says when it begins.
+QUORVEL_AGENT(RunCommand) {
+    std::vector<const char*> argv = {"quorvel"};
+    for (const std::string& argument : arguments) {
+        argv.push_back(argument.c_str());
+    }
+    std::stringstream streams;
+    Testing::AgentSend("begins");
+    return RunProgram(static_cast<int>(argv.size()), argv.data(), {streams, streams, streams});
+}
 
 // Commands that are killed at any moment. QUORVEL_TOOL_KILLS says how many of each.
 class KillTest : public ToolTest {
@@ -46,35 +56,26 @@ protected:
         return out_;
     }
 
-    pid_t Start(const std::vector<std::string>& command) {
-        const pid_t child = ::fork();
-        if (child == 0) { ::_exit(Run(command)); }
-        return child;
-    }
-
-    // True if the child was killed before it had ended.
-    static bool Kill(pid_t child) {
-        ::kill(child, SIGKILL);
-        int status = 0;
-        ::waitpid(child, &status, 0);
-        return WIFSIGNALED(status);
-    }
-
     void ExpectOldOrNew(const Format::Bytes& file, const std::vector<std::string>& command) {
         Format::WriteWholeFile(CacheFile(), file);
         const std::string old = Content();
-        const Clock::time_point begin = Clock::now();
-        int status = 0;
-        ::waitpid(Start(command), &status, 0);
-        const auto duration = Clock::now() - begin;
-        ASSERT_EQ(WEXITSTATUS(status), kDone);
+        Clock::duration duration{};
+        {
+            ChildProcess child("RunCommand", command);
+            child.Receive();
+            const Clock::time_point begin = Clock::now();
+            ASSERT_EQ(child.Wait(), kDone);
+            duration = Clock::now() - begin;
+        }
         const std::string done = Content();
         int killed = 0;
         for (int i = 0; i < Kills(); ++i) {
             Format::WriteWholeFile(CacheFile(), file);
-            const pid_t child = Start(command);
+            ChildProcess child("RunCommand", command);
+            child.Receive();
             std::this_thread::sleep_for(duration * i / Kills());
-            killed += Kill(child) ? 1 : 0;
+            child.Kill();
+            killed += child.Wait() == -1 ? 1 : 0;
             const std::string content = Content();
             EXPECT_TRUE(content == old || content == done) << command[0] << " killed at " << i;
             EXPECT_FALSE(std::filesystem::exists(CacheFile() + "-journal"));

@@ -5,6 +5,7 @@
 #include "effectcache/SharedCache.h"
 #include "format/PackageWriter.h"
 #include "pagestore/RollbackJournal.h"
+#include "tool/InterruptedSave.h"
 #include "tool/ToolTest.h"
 
 namespace Quorvel::Tool {
@@ -172,6 +173,31 @@ TEST_F(BadInputTest, AnInterruptedSaveIsUndoneFirstButNotOffline) {
     EXPECT_EQ(Run({"list", cache_}), kDone);
     EXPECT_EQ(FileBytes(), old);
     EXPECT_FALSE(std::filesystem::exists(CacheFile() + "-journal"));
+}
+
+TEST_F(BadInputTest, OnlyAChangeUndoesAnInterruptedOneOfAFileThatIsNotShared) {
+    MakeCache(ThreeEffects());
+    const std::string copy = File("copy.dat");
+    std::filesystem::copy(CacheFile(), copy);
+    InterruptSave(copy, 12);
+    const Format::Bytes interrupted = Format::ReadWholeFile(copy);
+    EXPECT_EQ(Run({"list", copy}), kNo);
+    EXPECT_THAT(err_, HasSubstr("a change is running or was interrupted"));
+    EXPECT_EQ(Format::ReadWholeFile(copy), interrupted);
+    EXPECT_EQ(Run({"remove", copy, "a"}), kDone) << err_;
+    EXPECT_EQ(RunJson({"list", copy}).size(), 2U);
+}
+
+TEST_F(BadInputTest, UnknownCommandsAndNegativeNumbersAreNamed) {
+    EXPECT_EQ(Run({"lists", cache_}), kUsage);
+    EXPECT_THAT(err_, HasSubstr("there is no command \"lists\""));
+    MakeCache({});
+    for (const Arguments& arguments :
+         {Arguments{"list", cache_, "-n", "-1"}, Arguments{"prune", cache_, "--max-effects", "-1"},
+          Arguments{"check", cache_, "--max-problems", "-1"}}) {
+        EXPECT_EQ(Run(arguments), kUsage) << arguments[0];
+        EXPECT_THAT(err_, HasSubstr("a number below 0")) << arguments[0];
+    }
 }
 
 TEST_F(BadInputTest, OfflineCommandsMakeNoSharedObjectAndWriteNothing) {

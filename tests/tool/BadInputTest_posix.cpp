@@ -3,9 +3,11 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 
 #include "tool/ToolTest.h"
+#include "tools/quorvel/Cache.h"
 #include "tools/quorvel/Terminal.h"
 
 // Files of other users, named pipes, devices, and processes that have a file open: Windows has no
@@ -36,7 +38,7 @@ TEST_F(PosixInputTest, WhatIsNeitherFileNorDirectoryIsRefused) {
 TEST_F(PosixInputTest, AFullDeviceAsOutputIsAFailure) {
     MakeCache(ThreeEffects());
     EXPECT_EQ(Run({"get", cache_, "a", "-o", "/dev/full"}), kFailed);
-    EXPECT_THAT(err_, HasSubstr("can't write /dev/full"));
+    EXPECT_THAT(err_, HasSubstr("/dev/full: the output can't be written: No space left"));
 }
 
 TEST_F(PosixInputTest, ProcessesThatHaveTheFileOpenAreFound) {
@@ -58,6 +60,18 @@ TEST_F(PosixInputTest, ProcessesThatHaveTheFileOpenAreFound) {
     EXPECT_THAT(holders[0].name, HasSubstr("quorvel_tool"));
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
+}
+
+TEST_F(PosixInputTest, ALinkToACacheTakesItsLock) {
+    MakeCache(ThreeEffects());
+    std::filesystem::create_symlink(CacheFile(), File("link.dat"));
+    std::istringstream in;
+    std::ostringstream out;
+    const Session session{in, out, out};
+    const Cache cache(session, File("link.dat"));
+    EXPECT_TRUE(cache.IsShared());
+    EXPECT_TRUE(std::filesystem::equivalent(cache.Path(), CacheFile()));
+    EXPECT_TRUE(cache.Path().ends_with("vornFxoCache.dat"));
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
+#include <cerrno>
 #include <cstdint>
 #include <filesystem>
 
 #include "quorvel/EffectCacheSystem.h"
+#include "support/StdioFaults.h"
 #include "tool/ToolTest.h"
 #include "vornutil/RefPtr.h"
 #include "vornutil/Tab.h"
@@ -88,12 +90,12 @@ TEST_F(ChangesTest, PutRefusesWhatNoCacheHolds) {
     MakeCache(ThreeEffects());
     const Format::Bytes before = FileBytes();
     EXPECT_EQ(Run({"put", cache_, "a", "-"}, ""), kFailed);
-    EXPECT_THAT(err_, HasSubstr("0 bytes; an effect has 1 byte to 1 MiB"));
+    EXPECT_THAT(err_, HasSubstr("empty; an effect has 1 byte to 1 MiB"));
     EXPECT_EQ(Run({"put", cache_, "a", "-"}, std::string((1 << 20) + 1, 'x')), kFailed);
     EXPECT_EQ(Run({"put", cache_, "", "-"}, "x"), kUsage);
     EXPECT_EQ(Run({"put", cache_, std::string(65537, 'n'), "-"}, "x"), kUsage);
     EXPECT_EQ(Run({"put", cache_, "a", File("missing")}), kFailed);
-    EXPECT_THAT(err_, HasSubstr("can't read"));
+    EXPECT_THAT(err_, HasSubstr("missing: can't be read: No such file"));
     EXPECT_EQ(FileBytes(), before);
     EXPECT_EQ(Run({"put", cache_, std::string(65536, 'n'), "-"}, std::string(1 << 20, 'x')), kDone);
 }
@@ -178,6 +180,55 @@ TEST_F(ChangesTest, AFileOfAnyNameCanBeChangedWithoutALock) {
     EXPECT_EQ(Run({"remove", copy, "a"}), kDone);
     EXPECT_EQ(Run({"list", copy, "--offline"}), kDone);
     EXPECT_EQ(out_, "bb\ntab\\x09here\\\\\\xFF\n");
+}
+
+TEST_F(ChangesTest, ANameInBracketsIsOneName) {
+    MakeCache({{"a", {1}}, {"b", {2}}, {"[a,b]", {3}}});
+    EXPECT_EQ(Run({"remove", cache_, "[a,b]"}), kDone);
+    EXPECT_THAT(Effects(), ElementsAre("a 1", "b 1"));
+}
+
+TEST_F(ChangesTest, ANameThatIsGivenTwiceCountsOnce) {
+    MakeCache(ThreeEffects());
+    EXPECT_EQ(RunJson({"remove", cache_, "a", "a"})["effects"], Json::parse(R"(["a"])"));
+    EXPECT_EQ(Effects().size(), 2U);
+}
+
+TEST_F(ChangesTest, PutReadsNoMoreThanAnEffectMayHave) {
+    EXPECT_EQ(Run({"put", cache_, "a", "-"}, std::string(5 << 20, 'x')), kFailed);
+    EXPECT_THAT(err_, HasSubstr("too large; an effect has 1 byte to 1 MiB"));
+    EXPECT_EQ(Run({"put", cache_, "a", File("missing")}), kFailed);
+    EXPECT_THAT(err_, HasSubstr("missing: can't be read: No such file"));
+    EXPECT_FALSE(std::filesystem::exists(CacheFile()));
+}
+
+TEST_F(ChangesTest, OutputNeverReplacesTheCache) {
+    MakeCache(ThreeEffects());
+    const Format::Bytes before = FileBytes();
+    EXPECT_EQ(Run({"get", cache_, "a", "-o", CacheFile()}), kUsage);
+    EXPECT_THAT(err_, HasSubstr("would replace the cache"));
+    EXPECT_EQ(Run({"map", cache_, "-o", CacheFile()}), kUsage);
+    EXPECT_EQ(FileBytes(), before);
+}
+
+TEST_F(ChangesTest, AFailedPutLeavesNoNewCache) {
+    Format::WriteWholeFile(File("in"), Format::Bytes(100000, 1));
+    std::uint64_t writes = 0;
+    {
+        const Testing::StdioFault none(Testing::StdioCall::Write, 0, ~std::uint64_t{0});
+        ASSERT_EQ(Run({"put", cache_, "a", File("in")}), kDone);
+        writes = none.Calls();
+    }
+    for (std::uint64_t i = 0; i < writes; ++i) {
+        std::filesystem::remove(CacheFile());
+        int exitCode = kDone;
+        {
+            const Testing::StdioFault full(Testing::StdioCall::Write, ENOSPC, i);
+            exitCode = Run({"put", cache_, "a", File("in")});
+        }
+        EXPECT_EQ(std::filesystem::exists(CacheFile()), exitCode == kDone) << i;
+        EXPECT_EQ(Run({"put", cache_, "a", File("in")}), kDone) << err_;
+    }
 }
 
 }  // namespace

@@ -159,5 +159,20 @@ TEST_F(CompactTest, ClearEmptiesADamagedFile) {
     }
 }
 
+TEST_F(CompactTest, ClearLeavesAFileAloneThatIsNoCache) {
+    const std::string file = File("notes.txt");
+    const Format::Bytes other = Format::WritePackage({{1, {1}}}, {});
+    for (const Format::Bytes& bytes : {Format::Bytes(20000, 'x'), other}) {
+        Format::WriteWholeFile(file, bytes);
+        EXPECT_EQ(Run({"clear", file, "--yes"}), kNo);
+        EXPECT_THAT(err_, testing::HasSubstr("not recognisable as an effect cache"));
+        EXPECT_EQ(Format::ReadWholeFile(file), bytes);
+    }
+    MakeCache(ThreeEffects());
+    std::filesystem::copy(CacheFile(), File("copy.dat"));
+    EXPECT_EQ(Run({"clear", File("copy.dat"), "--yes"}), kDone);
+    EXPECT_EQ(RunJson({"list", File("copy.dat")}).size(), 0U);
+}
+
 }  // namespace
 }  // namespace Quorvel::Tool

@@ -185,14 +185,14 @@ TEST_F(MapTest, WritesAFileOrStandardOutput) {
 TEST_F(MapTest, SaysThatAFileCannotBeWritten) {
     MakeCache(ThreeEffects());
     EXPECT_EQ(Run({"map", cache_, "-o", File("missing/report.html")}), kFailed);
-    EXPECT_THAT(err_, HasSubstr("report.html: can't be written: "));
+    EXPECT_THAT(err_, HasSubstr("report.html: the output can't be written: "));
 }
 
 TEST_F(MapTest, DoesNotReplaceTheCacheByTheReport) {
     MakeCache(ThreeEffects());
     const Format::Bytes before = FileBytes();
     EXPECT_EQ(Run({"map", cache_, "-o", CacheFile()}), kUsage);
-    EXPECT_THAT(err_, HasSubstr("the report would replace the cache"));
+    EXPECT_THAT(err_, HasSubstr("the output would replace the cache"));
     EXPECT_EQ(FileBytes(), before);
 }
 

@@ -269,6 +269,19 @@ TEST_F(MergeTest, WithinTheRoomPermanentOnesAndThoseUsedLastStay) {
     }
 }
 
+TEST_F(MergeTest, AnOwnEffectStaysIfItsNewerVersionDoesNotFit) {
+    for (const bool isPermanent : {false, true}) {
+        const std::string a = Make("a", {{"a", Format::Bytes(100), isPermanent, Year(1990)}});
+        const std::string b = Make("b", {{"a", Format::Bytes(900), false, Year(2020)}});
+        freeSpace = 500;
+        const Json report = RunJson({"merge", a, b});
+        freeSpace.reset();
+        EXPECT_EQ(report["evicted"], Json::array());
+        EXPECT_EQ(report["leftOut"], 1);
+        EXPECT_THAT(Content(a), testing::ElementsAre(testing::StartsWith("a 1990")));
+    }
+}
+
 TEST_F(MergeTest, PermanentEffectsStayEvenIfTheyExceedTheRoom) {
     const std::string a = Make("a", {{"a", Format::Bytes(500), true, Year(1990)},
                                      {"b", Format::Bytes(500), true, Year(1990)},

@@ -33,11 +33,21 @@ bool IsCacheFile(const std::string& file) {
            fs::equivalent(path, path.parent_path() / kCacheFileName, ignored);
 }
 
-// The directory to open as a host would; nothing for a file of another name.
-std::optional<std::string> SharedDirectory(const std::string& argument) {
+// What a path stands for: the file itself, if a link of another name points to it.
+std::string Resolve(const std::string& argument) {
     const fs::path path = Format::ToPath(argument);
-    if (fs::is_directory(path)) { return argument; }
-    if (!IsCacheFile(argument)) { return std::nullopt; }
+    std::error_code ignored;
+    if (!fs::is_symlink(path, ignored) || fs::is_directory(path) || IsCacheFile(argument)) {
+        return argument;
+    }
+    return fs::canonical(path).string();
+}
+
+// The directory to open as a host would; nothing for a file of another name.
+std::optional<std::string> SharedDirectory(const std::string& file) {
+    const fs::path path = Format::ToPath(file);
+    if (fs::is_directory(path)) { return file; }
+    if (!IsCacheFile(file)) { return std::nullopt; }
     return path.has_parent_path() ? path.parent_path().string() : ".";
 }
 
@@ -58,9 +68,10 @@ Cache::Cache(const Session& session, const std::string& argument)
     if (!fs::is_directory(status) && !fs::is_regular_file(status)) {
         throw Failure(argument + ": neither a directory nor a file");
     }
+    path_ = Resolve(argument);
+    const std::optional<std::string> directory = SharedDirectory(path_);
     if (fs::is_directory(status)) { path_ = JoinFile(argument); }
     if (offline_) { return; }
-    const std::optional<std::string> directory = SharedDirectory(argument);
     if (!directory) { return; }
     try {
         shared_ = std::make_unique<SharedCache>(directory->c_str());
@@ -89,7 +100,8 @@ std::uint64_t Cache::StreamLimit() const {
 }
 
 bool Cache::HasChanged() {
-    return shared_ && shared_->Stamp().IsChanged();
+    const bool isAnnounced = shared_ && shared_->Stamp().IsChanged();
+    return std::exchange(hasLastHolderDied_, false) || isAnnounced;
 }
 
 void Cache::TellOthers() {
@@ -97,30 +109,41 @@ void Cache::TellOthers() {
 }
 
 Cache::Lock::Lock(Cache& cache) : cache_(cache) {
-    if (cache.offline_) { return; }
-    std::uint32_t result = kWaitAcquired;
-    if (cache.shared_) {
-        asOwner_.emplace(cache.shared_->Directory().user);
-        result = cache.shared_->Mutex().Acquire(cache.timeout_ * 1000);
-        if (result == kWaitTimedOut) {
-            throw Failure(
-                fmt::format("{}: another process has held the cache's lock for {}; wait "
-                            "longer with --timeout, or read with --offline",
-                            cache.name_, Count(cache.timeout_, "second")));
-        }
-        mutex_ = &cache.shared_->Mutex();
+    if (!cache.shared_) { return; }
+    asOwner_.emplace(cache.shared_->Directory().user);
+    const std::uint32_t result = cache.shared_->Mutex().Acquire(cache.timeout_ * 1000);
+    if (result == kWaitTimedOut) {
+        throw Failure(
+            fmt::format("{}: another process has held the cache's lock for {}; wait "
+                        "longer with --timeout, or read with --offline",
+                        cache.name_, Count(cache.timeout_, "second")));
     }
+    if (result != kWaitAcquired && result != kWaitAbandoned) {
+        throw Failure(cache.name_ + ": the system refuses the cache's lock; try again");
+    }
+    mutex_ = &cache.shared_->Mutex();
     try {
-        RollbackJournal::Recover(cache.path_.c_str());
-        // The last holder may have died between the end of its save and its stamp.
-        if (result == kWaitAbandoned) { cache.TellOthers(); }
-    } catch (const std::exception& error) {
+        Recover();
+    } catch (const Failure&) {
         cache.TellOthers();
-        if (mutex_) { mutex_->Release(); }
+        mutex_->Release();
+        throw;
+    }
+    // The last holder may have died between the end of its save and its stamp.
+    if (result == kWaitAbandoned) {
+        cache.TellOthers();
+        cache.hasLastHolderDied_ = true;
+    }
+}
+
+void Cache::Lock::Recover() const {
+    try {
+        RollbackJournal::Recover(cache_.path_.c_str());
+    } catch (const std::exception& error) {
         const auto* const failure = dynamic_cast<const FileIOException*>(&error);
         throw Failure(fmt::format(
             "{}: an interrupted save can't be undone: {}; the journal stays for the next try",
-            cache.path_,
+            cache_.path_,
             failure ? std::strerror(static_cast<int>(failure->errorCode)) : error.what()));
     }
 }
@@ -175,8 +198,10 @@ std::unique_ptr<Snapshot> ReadPackage(Cache& cache, const Cache::Lock& lock,
     } catch (const Format::FormatError& error) {
         std::string advice = "\"quorvel check\" says more, \"quorvel salvage\" saves what is left";
         std::error_code ignored;
-        if (cache.IsOffline() && fs::exists(Format::ToPath(cache.Path() + "-journal"), ignored)) {
-            advice = "a save was interrupted; without --offline, it is undone first";
+        if (!cache.IsShared() && fs::exists(Format::ToPath(cache.Path() + "-journal"), ignored)) {
+            advice = cache.IsOffline()
+                         ? "a save was interrupted; without --offline, it is undone first"
+                         : "a change is running or was interrupted; the next change undoes it";
         }
         throw Failure(fmt::format("{}: damaged: {}; {}", cache.Path(), error.what(), advice), kNo);
     } catch (const std::runtime_error& error) { throw Failure(error.what()); }

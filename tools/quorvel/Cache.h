@@ -21,8 +21,7 @@ namespace Quorvel::Tool {
 class Cache {
 public:
     // Keeps other processes out of the file while it lives. The file is then whole: what a process
-    // that died in a save has overwritten was put back. Does nothing for a file that is not shared,
-    // except that it puts back as well, unless --offline is given.
+    // that died in a save has overwritten was put back. Does nothing for a file that is not shared.
     //
     // Unlike a host, the program gives the mutex back even if the last holder died.
     class Lock {
@@ -33,9 +32,12 @@ public:
         Lock& operator=(const Lock&) = delete;
         ~Lock();
 
-    private:
-        void Recover();
+        // Puts back what an interrupted save has overwritten. Files that are not shared need it
+        // before they are changed; nothing tells a save that was interrupted from a running one, so
+        // reading leaves them alone. Throws Failure.
+        void Recover() const;
 
+    private:
         Cache& cache_;
         std::optional<Platform::Impersonation> asOwner_;
         MutexObject* mutex_ = nullptr;
@@ -72,6 +74,7 @@ private:
     bool offline_;
     std::uint32_t timeout_;
     std::unique_ptr<SharedCache> shared_;
+    bool hasLastHolderDied_ = false;  // since the last call of HasChanged
 };
 
 // What becomes of a snapshot if the package is intact, but the effect cache in it can't be read.

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <new>
@@ -12,7 +13,9 @@
 #include "effectcache/StoredEffect.h"
 #include "effectcache/StreamHelpers.h"
 #include "format/Path.h"
+#include "pagestore/StdioFile.h"
 #include "platform/DiskSpace.h"
+#include "platform/ScopeGuard.h"
 #include "quorvel/Exceptions.h"
 #include "tools/quorvel/Text.h"
 
@@ -62,25 +65,32 @@ auto CacheEditor::Try(const Step& step) {
     }
 }
 
-CacheEditor::CacheEditor(Cache& cache, const Cache::Lock& /*lock*/, Missing missing)
+CacheEditor::CacheEditor(Cache& cache, const Cache::Lock& lock, Missing missing)
     : cache_(cache), path_(cache.Path().c_str()) {
+    lock.Recover();
     Open(missing);
 }
 
 void CacheEditor::Open(Missing missing) {
     const PagedFilePackageConfig config = CachePackageConfig(path_);
     if (cache_.Exists()) {
+        if (const int error = StdioFile().Open(path_.data(), "r+b"); error != 0) {
+            throw Failure(fmt::format("{}: can't be opened for writing: {}", cache_.Path(),
+                                      std::strerror(error)));
+        }
         package_ = PagedFilePackage::Open(config);
         if (package_ && Try([&] { return index_.Load(*package_); })) { return; }
         throw Failure(cache_.Path() +
-                          ": no cache that can be changed: it is damaged, holds no effects, or "
-                          "can't be read and written; \"quorvel check\" says more",
+                          ": no cache that can be changed: it is damaged or holds no effects; "
+                          "\"quorvel check\" says more",
                       kNo);
     }
     if (missing == Missing::Refuse) {
         throw Failure(
             fmt::format("{}: there is no {} in the directory", cache_.Name(), kCacheFileName), kNo);
     }
+    isNew_ = true;
+    Platform::ScopeGuard removeFile([&] { RemoveNewFile(); });
     Try([&] {
         package_ = Util::RefPtr<PagedFilePackage>(new PagedFilePackage(config));
         package_->Create();
@@ -88,6 +98,13 @@ void CacheEditor::Open(Missing missing) {
         index_.Start(*package_);
         package_->Commit();
     });
+    removeFile.Dismiss();
+}
+
+void CacheEditor::RemoveNewFile() noexcept {
+    package_ = nullptr;
+    std::remove(path_.data());
+    cache_.TellOthers();
 }
 
 CacheEditor::~CacheEditor() {
@@ -97,6 +114,7 @@ CacheEditor::~CacheEditor() {
         // The journal stays, and the next process that opens or reloads the file tries again.
         cache_.TellOthers();
     }
+    if (isNew_) { RemoveNewFile(); }
 }
 
 // Spare pages keep the journal small. A file that can't grow does without them.
@@ -178,11 +196,13 @@ void CacheEditor::MakeRoom(std::uint64_t effects, std::uint64_t bytes) {
 }
 
 void CacheEditor::Commit() {
-    if (!package_->HasChanges()) { return; }
-    Try([&] {
-        index_.Write(*package_);
-        package_->Commit();
-    });
+    if (package_->HasChanges()) {
+        Try([&] {
+            index_.Write(*package_);
+            package_->Commit();
+        });
+    }
+    isNew_ = false;
     cache_.TellOthers();
 }
 

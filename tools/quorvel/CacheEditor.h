@@ -33,7 +33,7 @@ public:
     CacheEditor(const CacheEditor&) = delete;
     CacheEditor& operator=(const CacheEditor&) = delete;
 
-    // Undoes what was not committed.
+    // Undoes what was not committed. Removes a file that it made.
     ~CacheEditor();
 
     // The effects, ordered by name. Valid until the next change.
@@ -75,12 +75,14 @@ private:
     template <typename Step>
     auto Try(const Step& step);
     void Open(Missing missing);
+    void RemoveNewFile() noexcept;
     void Begin();
 
     Cache& cache_;
     const CStr path_;
     Util::RefPtr<PagedFilePackage> package_;
     EffectIndex index_;
+    bool isNew_ = false;  // nothing was committed to a file that was missing
 };
 
 }  // namespace Quorvel::Tool

@@ -260,6 +260,7 @@ void AddCheck(CLI::App& program, Session& session) {
     command
         .AddOption("--max-problems", options->mostProblems,
                    "print at most this number of problems of each cache")
+        .NonNegative()
         .ShowDefault();
     options->format.AddTo(command);
 }

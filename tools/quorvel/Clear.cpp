@@ -23,8 +23,25 @@ bool IsSure(const ClearOptions& options, Session& session) {
     return answer == "y" || answer == "Y" || answer == "yes";
 }
 
+// A file of another name than a cache's may be anything.
+bool IsCache(Cache& cache) {
+    const Cache::Lock lock(cache);
+    try {
+        return cache.IsShared() ||
+               Format::HoldsEffectCache(
+                   ReadPackage(cache, lock, DamagedEffects::LeaveOut)->State().headerData);
+    } catch (const Failure&) { return false; }
+}
+
 void Clear(const ClearOptions& options, Session& session) {
     Cache cache(session, options.cache);
+    if (!IsCache(cache)) {
+        throw Failure(
+            fmt::format("{}: not recognisable as an effect cache; nothing was changed. To empty a "
+                        "damaged one, name its directory",
+                        options.cache),
+            kNo);
+    }
     if (!IsSure(options, session)) {
         throw Failure("nothing was changed; answer y, or give --yes", kNo);
     }

@@ -1,10 +1,28 @@
 #include "tools/quorvel/Command.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 
 namespace Quorvel::Tool {
+
+namespace {
+
+// CLI11 takes a value such as "[a,b]" for a list. This byte, which no argument has, keeps it from
+// seeing the bracket.
+constexpr char kBracketMark = '\0';
+
+}  // namespace
+
+std::vector<std::string> ArgumentsForParser(int argc, const char* const* argv) {
+    std::vector<std::string> arguments(argv + 1, argv + argc);
+    for (std::string& argument : arguments) {
+        if (argument.starts_with('[') && argument.ends_with(']')) { argument += kBracketMark; }
+    }
+    std::reverse(arguments.begin(), arguments.end());
+    return arguments;
+}
 
 Option Option::Required() {
     option_->required();
@@ -27,18 +45,27 @@ Option Option::Between(double lowest, double highest) {
 }
 
 Option Option::NonNegative() {
-    option_->check(CLI::NonNegativeNumber);
+    option_->check([](const std::string& text) {
+        return text.starts_with('-') ? "a number below 0" : std::string();
+    });
     return *this;
 }
 
 Option Option::Positive() {
-    option_->check(CLI::PositiveNumber);
+    NonNegative();
+    option_->check(
+        [](const std::string& text) { return text == "0" ? "must not be 0" : std::string(); });
     return *this;
 }
 
 template <typename Value>
 Option Command::AddOption(const std::string& name, Value& value, const std::string& help) {
-    return Option(app->add_option(name, value, help));
+    CLI::Option* const option = app->add_option(name, value, help);
+    option->transform([](std::string text) {
+        if (text.ends_with(kBracketMark)) { text.pop_back(); }
+        return text;
+    });
+    return Option(option);
 }
 
 template Option Command::AddOption(const std::string&, std::string&, const std::string&);

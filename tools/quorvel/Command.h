@@ -14,6 +14,9 @@ class Option;
 
 namespace Quorvel::Tool {
 
+// The arguments of the program, as CLI::App::parse takes them.
+std::vector<std::string> ArgumentsForParser(int argc, const char* const* argv);
+
 // An option or argument of a command.
 class Option {
 public:

@@ -19,6 +19,7 @@ void CompactCache(const std::string& argument, Session& session) {
         result = Compact(cache, lock, Keep::Everything);
     }
     if (result.damaged > 0) {
+        session.exitCode = kNo;
         session.Tell(fmt::format("left out {} that could not be read",
                                  Count(result.damaged, "damaged effect")));
     }

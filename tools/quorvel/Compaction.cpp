@@ -152,7 +152,8 @@ void Prepare(const std::string& path, const std::string& newPath, Keep keep,
 
 }  // namespace
 
-CompactionResult Compact(Cache& cache, const Cache::Lock& /*lock*/, Keep keep) {
+CompactionResult Compact(Cache& cache, const Cache::Lock& lock, Keep keep) {
+    lock.Recover();
     if (!cache.Exists()) {
         throw Failure(cache.Name() + ": there is no cache file in the directory", kNo);
     }

@@ -1,10 +1,6 @@
 #include <fmt/format.h>
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -12,11 +8,10 @@
 #include <vector>
 
 #include "format/Path.h"
-#include "platform/PlainFile.h"
-#include "platform/Process.h"
 #include "tools/quorvel/Archive.h"
 #include "tools/quorvel/Cache.h"
 #include "tools/quorvel/Commands.h"
+#include "tools/quorvel/OutputFile.h"
 #include "tools/quorvel/Progress.h"
 #include "tools/quorvel/Selection.h"
 #include "tools/quorvel/Text.h"
@@ -31,68 +26,6 @@ struct ExportOptions {
     std::string cache;
     std::string archive;
     std::string match = "*";
-};
-
-// The file of an archive. It gets its name when it is complete; until then it has another one in
-// the same folder. A device or a pipe is written in place.
-class ArchiveFile {
-public:
-    // Throws Failure.
-    explicit ArchiveFile(const std::string& name) : name_(name), path_(name) {
-        std::error_code ignored;
-        const fs::file_status status = fs::status(Format::ToPath(name), ignored);
-        if (fs::is_directory(status)) { throw Failure(name + ": a directory; name a file"); }
-        if (fs::exists(status) && !fs::is_regular_file(status)) {
-            Open(name);
-            return;
-        }
-        if (fs::exists(status)) { path_ = fs::canonical(Format::ToPath(name)).string(); }
-        unfinished_ = fmt::format("{}.part-{}", path_, Platform::CurrentProcessId());
-        std::remove(unfinished_.c_str());  // what a process of that number has left
-        std::FILE* const file = Platform::CreateNewFile(unfinished_.c_str());
-        if (!file) { Fail(); }
-        std::fclose(file);
-        Open(unfinished_);
-    }
-    ArchiveFile(const ArchiveFile&) = delete;
-    ArchiveFile& operator=(const ArchiveFile&) = delete;
-
-    // Removes an archive that is not complete.
-    ~ArchiveFile() {
-        stream_.close();
-        if (!unfinished_.empty()) { std::remove(unfinished_.c_str()); }
-    }
-
-    std::ostream& Stream() { return stream_; }
-
-    // Throws Failure.
-    void Finish() {
-        errno = 0;
-        stream_.close();
-        if (!stream_) { Fail(); }
-        if (unfinished_.empty()) { return; }
-        std::error_code error;
-        fs::rename(Format::ToPath(unfinished_), Format::ToPath(path_), error);
-        if (error) { throw Failure(fmt::format("{}: {}", name_, error.message())); }
-        unfinished_.clear();
-    }
-
-private:
-    void Open(const std::string& path) {
-        errno = 0;
-        stream_.open(path, std::ios::binary | std::ios::out);
-        if (!stream_) { Fail(); }
-    }
-
-    [[noreturn]] void Fail() const {
-        throw Failure(fmt::format("{}: the output can't be written: {}", name_,
-                                  errno != 0 ? std::strerror(errno) : "write error"));
-    }
-
-    const std::string name_;
-    std::string path_;
-    std::string unfinished_;  // the name until then; empty for none
-    std::ofstream stream_;
 };
 
 Compression CompressionOf(const std::string& archive) {
@@ -155,7 +88,7 @@ void Export(const ExportOptions& options, Session& session) {
     if (isPipe) {
         result = WriteArchive(options, cache, session.out, compression, session);
     } else {
-        ArchiveFile file(options.archive);
+        OutputFile file(options.archive, cache);
         result = WriteArchive(options, cache, file.Stream(), compression, session);
         file.Finish();
     }

@@ -6,6 +6,7 @@
 
 #include "tools/quorvel/Cache.h"
 #include "tools/quorvel/Commands.h"
+#include "tools/quorvel/OutputFile.h"
 #include "tools/quorvel/Text.h"
 
 namespace Quorvel::Tool {
@@ -17,8 +18,7 @@ struct GetOptions {
     std::string output;
 };
 
-Format::Bytes ReadEffect(const GetOptions& options, Session& session) {
-    Cache cache(session, options.cache);
+Format::Bytes ReadEffect(const GetOptions& options, Cache& cache) {
     const Cache::Lock lock(cache);
     const std::unique_ptr<Snapshot> snapshot = ReadCache(cache, lock);
     const Format::IndexEntry* const effect = snapshot->Find(options.name);
@@ -37,13 +37,20 @@ Format::Bytes ReadEffect(const GetOptions& options, Session& session) {
     }
 }
 
+void Write(const Format::Bytes& bytes, std::ostream& out) {
+    out.write(reinterpret_cast<const char*>(bytes.data()),
+              static_cast<std::streamsize>(bytes.size()));
+}
+
 void Get(const GetOptions& options, Session& session) {
-    const Format::Bytes bytes = ReadEffect(options, session);
+    Cache cache(session, options.cache);
+    const Format::Bytes bytes = ReadEffect(options, cache);
     if (options.output.empty() || options.output == "-") {
-        session.out.write(reinterpret_cast<const char*>(bytes.data()),
-                          static_cast<std::streamsize>(bytes.size()));
+        Write(bytes, session.out);
     } else {
-        Format::WriteWholeFile(options.output, bytes);
+        OutputFile file(options.output, cache);
+        Write(bytes, file.Stream());
+        file.Finish();
     }
 }
 

@@ -103,10 +103,10 @@ struct Candidate {
                         : CacheEditor::EffectSize(own->record.nameLength, own->record.effectSize);
     }
 
-    // Lower ones stay first; those of rank 0 always stay.
+    // Lower ones stay first; those of rank 0 always stay, if need be in the cache's own version.
     int Rank() const {
-        if (incoming) { return incoming->second.permanent ? 1 : 2; }
-        return own->record.permanent != 0 ? 0 : 2;
+        if (own && own->record.permanent != 0) { return 0; }
+        return incoming && incoming->second.permanent ? 1 : 2;
     }
 };
 
@@ -152,10 +152,18 @@ private:
                                         : IsEarlier(right.Time(), left.Time());
                          });
         bool isFull = false;
-        for (const Candidate& candidate : candidates_) {
+        for (Candidate& candidate : candidates_) {
+            const auto fits = [&] {
+                return !isFull && room.effects > 0 && room.bytes >= candidate.Size();
+            };
+            if (candidate.own && candidate.incoming && !fits()) {
+                candidate.incoming = nullptr;
+                ++result.leftOut;
+            }
+            const bool stays = fits() || candidate.Rank() == 0;
+            isFull = isFull || !stays;
+            Note(candidate, stays);
             const std::uint64_t size = candidate.Size();
-            isFull = isFull || room.effects == 0 || room.bytes < size;
-            Note(candidate, !isFull || candidate.Rank() == 0);
             room.effects -= std::min<std::uint64_t>(room.effects, 1);
             room.bytes -= std::min(room.bytes, size);
         }

@@ -1,15 +1,12 @@
 #include <fmt/format.h>
 
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <memory>
+#include <ostream>
 #include <string>
 
-#include "format/Path.h"
 #include "tools/quorvel/Cache.h"
 #include "tools/quorvel/Commands.h"
+#include "tools/quorvel/OutputFile.h"
 #include "tools/quorvel/Report.h"
 #include "tools/quorvel/Text.h"
 
@@ -32,30 +29,15 @@ void Write(const MapOptions& options, const Snapshot& snapshot, const std::strin
     options.svg ? WritePicture(snapshot, out) : WriteReport(snapshot, path, out);
 }
 
-void WriteFile(const MapOptions& options, const Snapshot& snapshot, const std::string& path) {
-    std::error_code ignored;
-    if (std::filesystem::equivalent(Format::ToPath(options.output), Format::ToPath(path),
-                                    ignored)) {
-        throw Failure(options.output + ": the report would replace the cache; name another file",
-                      kUsage);
-    }
-    errno = 0;
-    std::ofstream file(options.output, std::ios::binary);
-    Write(options, snapshot, path, file);
-    file.close();
-    if (!file) {
-        throw Failure(
-            fmt::format("{}: can't be written: {}", options.output, std::strerror(errno)));
-    }
-}
-
 void Map(const MapOptions& options, Session& session) {
     Cache cache(session, options.cache);
     const std::unique_ptr<Snapshot> snapshot = Read(cache);
     if (options.output.empty() || options.output == "-") {
         Write(options, *snapshot, cache.Path(), session.out);
     } else {
-        WriteFile(options, *snapshot, cache.Path());
+        OutputFile file(options.output, cache);
+        Write(options, *snapshot, cache.Path(), file.Stream());
+        file.Finish();
     }
     if (snapshot->Damage().empty()) { return; }
     session.err << fmt::format(

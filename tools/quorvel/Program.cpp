@@ -1,5 +1,7 @@
 #include "tools/quorvel/Program.h"
 
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
 #include <exception>
 #include <string>
@@ -7,6 +9,7 @@
 #include "tools/quorvel/Commands.h"
 #include "tools/quorvel/Session.h"
 #include "tools/quorvel/Terminal.h"
+#include "tools/quorvel/Text.h"
 
 namespace Quorvel::Tool {
 
@@ -50,8 +53,14 @@ int Run(int argc, const char* const* argv, Session& session) {
                            AddMap, AddWatch, AddManual}) {
         add(program, session);
     }
+    const auto isNamed = [&](const CLI::App* command) { return command->get_name() == argv[1]; };
+    if (argc > 1 && argv[1][0] != '-' && program.get_subcommands(isNamed).empty()) {
+        throw Failure(fmt::format("there is no command \"{}\"; \"quorvel --help\" lists them",
+                                  Escape(argv[1])),
+                      kUsage);
+    }
     try {
-        program.parse(argc, argv);
+        program.parse(ArgumentsForParser(argc, argv));
         return session.exitCode;
     } catch (const CLI::ParseError& error) {
         return program.exit(error, session.out, session.err) == 0 ? kDone : kUsage;

@@ -1,10 +1,14 @@
 #include <fmt/format.h>
 
-#include <iterator>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <istream>
 #include <memory>
 #include <string>
 
 #include "effectcache/EffectRecord.h"
+#include "format/Path.h"
 #include "tools/quorvel/Cache.h"
 #include "tools/quorvel/CacheEditor.h"
 #include "tools/quorvel/Commands.h"
@@ -20,16 +24,29 @@ struct PutOptions {
     bool permanent = false;
 };
 
+// The bytes to store. Of a longer input, one byte more than an effect may have.
 Format::Bytes ReadInput(const PutOptions& options, Session& session) {
-    if (options.file != "-") { return Format::ReadWholeFile(options.file); }
-    return {std::istreambuf_iterator<char>(session.in), {}};
+    errno = 0;
+    std::ifstream file;
+    if (options.file != "-") {
+        file.open(Format::ToPath(options.file), std::ios::binary);
+        if (!file) {
+            throw Failure(fmt::format("{}: can't be read: {}", options.file, std::strerror(errno)));
+        }
+    }
+    std::istream& in = options.file == "-" ? session.in : file;
+    Format::Bytes data(kLargestEffect + 1);
+    in.read(reinterpret_cast<char*>(data.data()), static_cast<std::streamsize>(data.size()));
+    if (in.bad()) { throw Failure(fmt::format("{}: can't be read", options.file)); }
+    data.resize(static_cast<std::size_t>(in.gcount()));
+    return data;
 }
 
 void Put(const PutOptions& options, Session& session) {
     const Format::Bytes data = ReadInput(options, session);
     if (data.size() < kSmallestEffect || data.size() > kLargestEffect) {
         throw Failure(fmt::format("{}: {}; an effect has 1 byte to 1 MiB", options.file,
-                                  Count(data.size(), "byte")));
+                                  data.empty() ? "empty" : "too large"));
     }
     if (options.name.size() < kShortestName || options.name.size() > kLongestName) {
         throw Failure(fmt::format("the name has {}; a name has 1 to {}",
@@ -37,12 +54,14 @@ void Put(const PutOptions& options, Session& session) {
                       kUsage);
     }
     Cache cache(session, options.cache);
-    const Cache::Lock lock(cache);
-    CacheEditor editor(cache, lock, CacheEditor::Missing::Create);
-    if (IndexEntry* const replaced = editor.Find(options.name)) { editor.Remove(replaced); }
-    editor.MakeRoom(1, CacheEditor::EffectSize(options.name.size(), data.size()));
-    editor.Store(options.name, data, options.permanent, Now());
-    editor.Commit();
+    {
+        const Cache::Lock lock(cache);
+        CacheEditor editor(cache, lock, CacheEditor::Missing::Create);
+        if (IndexEntry* const replaced = editor.Find(options.name)) { editor.Remove(replaced); }
+        editor.MakeRoom(1, CacheEditor::EffectSize(options.name.size(), data.size()));
+        editor.Store(options.name, data, options.permanent, Now());
+        editor.Commit();
+    }
     session.Report(
         fmt::format("stored {} as \"{}\"", Count(data.size(), "byte"), Escape(options.name)),
         {{"stored", Escape(options.name)}, {"size", data.size()}});

@@ -27,8 +27,7 @@ void Remove(const RemoveOptions& options, Session& session) {
         if (!options.isDryRun) {
             for (const std::string& name : names) {
                 StopIfAsked();
-                // A name may be given twice.
-                if (IndexEntry* const entry = editor.Find(name)) { editor.Remove(entry); }
+                editor.Remove(editor.Find(name));
             }
             editor.Commit();
         }

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include "tools/quorvel/Text.h"
 
 namespace Quorvel::Tool {
@@ -30,8 +32,10 @@ std::vector<std::string> Selection::Find(CacheEditor& editor, const std::string&
                           kNo);
         }
     }
-    if (!names.empty()) { return names; }
-    std::vector<std::string> found;
+    std::vector<std::string> found(names);
+    std::sort(found.begin(), found.end(), Format::NameOrder());
+    found.erase(std::unique(found.begin(), found.end()), found.end());
+    if (!found.empty()) { return found; }
     for (const IndexEntry* const entry : editor.Effects()) {
         std::string name = NameOf(*entry);
         if (Matches(match, name)) { found.push_back(std::move(name)); }

@@ -19,8 +19,8 @@ struct Selection {
     // Throws Failure, with the exit code kUsage, unless there are names or a pattern, but not both.
     void Check() const;
 
-    // The names of the effects. Throws Failure, with the exit code kNo, if one of them is missing
-    // or if nothing matches.
+    // The names of the effects, each once and in their order. Throws Failure, with the exit code
+    // kNo, if one of them is missing or if nothing matches.
     std::vector<std::string> Find(CacheEditor& editor, const std::string& cache) const;
 };
 

@@ -1,4 +1,5 @@
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -56,6 +57,11 @@ TerminalSize OutputSize() {
 }
 
 void PrepareStandardStreams() {
+    // If a standard stream is closed, the next file to be opened would get its number, and messages
+    // would go into it.
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(stream, F_GETFD) == -1) { ::open("/dev/null", O_RDWR); }
+    }
     std::signal(SIGPIPE, SIG_IGN);
 }
 

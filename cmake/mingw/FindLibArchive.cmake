@@ -10,7 +10,7 @@ include(FindPackageHandleStandardArgs)
 find_package_handle_standard_args(LibArchive
     REQUIRED_VARS LibArchive_LIBRARY LibArchive_ZSTD_LIBRARY LibArchive_ZLIB_LIBRARY
         LibArchive_INCLUDE_DIR
-    REASON_FAILURE_MESSAGE "scripts/build-windows-libraries builds it (Debian: libz-mingw-w64-dev)")
+    REASON_FAILURE_MESSAGE "run scripts/build-windows-libraries")
 
 if(LibArchive_FOUND AND NOT TARGET LibArchive::LibArchive)
     add_library(LibArchive::LibArchive STATIC IMPORTED)

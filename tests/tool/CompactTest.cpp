@@ -145,8 +145,11 @@ TEST_F(CompactTest, ClearAsksFirst) {
         EXPECT_THAT(err_, testing::HasSubstr("[y/N]"));
     }
     EXPECT_EQ(FileBytes(), before);
-    EXPECT_EQ(Run({"clear", cache_}, "y\n"), kDone);
-    EXPECT_EQ(RunJson({"info", cache_})["effects"]["count"], 0);
+    for (const char* answer : {"y\n", "Y\n", "yes\n", "y\r\n", "y"}) {
+        MakeCache(ThreeEffects());
+        EXPECT_EQ(Run({"clear", cache_}, answer), kDone);
+        EXPECT_EQ(RunJson({"info", cache_})["effects"]["count"], 0);
+    }
     ExpectOnlyTheCacheFile();
 }
 

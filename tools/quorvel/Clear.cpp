@@ -20,6 +20,7 @@ bool IsSure(const ClearOptions& options, Session& session) {
     session.err << "remove all effects from " << options.cache << "? [y/N] " << std::flush;
     std::string answer;
     std::getline(session.in, answer);
+    if (answer.ends_with('\r')) { answer.pop_back(); }  // lines on Windows
     return answer == "y" || answer == "Y" || answer == "yes";
 }
 

@@ -53,8 +53,8 @@ std::uint64_t IndexSize(const std::vector<IndexEntry>& entries) {
 class EffectCacheChecker {
 public:
     EffectCacheChecker(const PackageState& state, const FileSource& file,
-                       const ProblemSink& problem, const EffectSink& use)
-        : state_(state), file_(file), problem_(problem), use_(use) {}
+                       const ProblemSink& problem, bool readsEffects)
+        : state_(state), file_(file), problem_(problem), readsEffects_(readsEffects) {}
 
     void Run() {
         CheckPackage(state_, file_.Size(), problem_);
@@ -83,19 +83,19 @@ private:
     const PackageState& state_;
     const FileSource& file_;
     const ProblemSink& problem_;
-    const EffectSink& use_;
+    const bool readsEffects_;
     std::unordered_set<std::uint64_t> used_;  // streams that the cache refers to
 };
 
 void EffectCacheChecker::CheckIndex(const CacheHeader& header) {
     const StreamReader streams(state_, file_);
-    const Bytes index = streams.Read(header.indexStream);
-    const std::vector<IndexEntry> entries = ReadIndex(index, header.effectCount);
+    const std::vector<IndexEntry> entries = ReadIndex(streams, header);
+    const std::uint64_t indexSize = streams.Size(header.indexStream);
     used_.insert(header.indexStream);
 
     // The index of an empty cache is one meaningless byte.
     const std::uint64_t size = entries.empty() ? 1 : IndexSize(entries);
-    Expect(index.size() == size, "the index stream has ", index.size(), " bytes instead of ", size);
+    Expect(indexSize == size, "the index stream has ", indexSize, " bytes instead of ", size);
     for (std::size_t i = 0; i < entries.size(); ++i) {
         Expect(i == 0 || NameOrder()(entries[i - 1].name, entries[i].name), "the names of records ",
                i - 1, " and ", i, " are not in order");
@@ -110,8 +110,8 @@ void EffectCacheChecker::CheckEffect(const StreamReader& streams, const IndexEnt
     Expect(used_.insert(entry.record.streamId).second, name, " shares stream ",
            entry.record.streamId);
     try {
-        const Bytes data = ReadEffect(streams, entry.record);
-        use_(entry, data);
+        streams.Size(entry.record.streamId);
+        if (readsEffects_) { ReadEffect(streams, entry.record); }
     } catch (const FormatError& error) {
         Expect(false, name, " of ", entry.record.size, " bytes can't be read: ", error.what());
     }
@@ -163,14 +163,25 @@ IndexEntry TakeIndexEntry(ByteReader& reader, std::uint64_t number) {
     return entry;
 }
 
-std::vector<IndexEntry> ReadIndex(const Bytes& indexStream, std::uint64_t count) {
-    ByteReader reader(indexStream, "the index stream");
+// The index is read in windows: long names make it large.
+std::vector<IndexEntry> ReadIndex(const StreamReader& streams, const CacheHeader& header) {
+    constexpr std::uint64_t kWindowSize = 1 << 20;
+    constexpr std::uint64_t kLargestEntry =
+        kEffectRecordSize + kLengthPrefixSize + kNameLengthLimit;
+    const std::uint64_t size = streams.Size(header.indexStream);
     std::vector<IndexEntry> entries;
-    entries.reserve(static_cast<std::size_t>(
-        std::min<std::uint64_t>(count, indexStream.size() / kEffectRecordSize)));
-    for (std::uint64_t i = 0; i < count; ++i) {
-        entries.push_back(TakeIndexEntry(reader, i));
-    }
+    entries.reserve(
+        static_cast<std::size_t>(std::min(header.effectCount, size / kEffectRecordSize)));
+    std::uint64_t offset = 0;  // of the first entry in the window
+    do {
+        const Bytes window = streams.Read(header.indexStream, offset, kWindowSize);
+        const bool isLast = offset + window.size() == size;
+        ByteReader reader(window, "the index stream");
+        while (entries.size() < header.effectCount && (isLast || reader.Left() >= kLargestEntry)) {
+            entries.push_back(TakeIndexEntry(reader, entries.size()));
+        }
+        offset += window.size() - reader.Left();
+    } while (entries.size() < header.effectCount);
     return entries;
 }
 
@@ -219,8 +230,7 @@ Effects ReadEffectCache(const PackageImage& image) {
     const CacheHeader header = ReadCacheHeader(image.headerData);
     const StreamReader streams(image);
     Effects effects;
-    for (const IndexEntry& entry :
-         ReadIndex(streams.Read(header.indexStream), header.effectCount)) {
+    for (const IndexEntry& entry : ReadIndex(streams, header)) {
         effects[entry.name] = {entry.record, ReadEffect(streams, entry.record)};
     }
     return effects;
@@ -236,15 +246,15 @@ std::vector<std::string> CheckEffectCache(const Bytes& file) {
 
 std::vector<std::string> CheckEffectCache(const PackageImage& image) {
     std::vector<std::string> problems;
-    CheckEffectCache(
-        image, MemorySource(image.file), [&](const std::string& line) { problems.push_back(line); },
-        [](const IndexEntry&, const Bytes&) {});
+    const MemorySource file(image.file);
+    const ProblemSink problem = [&](const std::string& line) { problems.push_back(line); };
+    EffectCacheChecker(image, file, problem, true).Run();
     return problems;
 }
 
-void CheckEffectCache(const PackageState& state, const FileSource& file, const ProblemSink& problem,
-                      const EffectSink& use) {
-    EffectCacheChecker(state, file, problem, use).Run();
+void CheckEffectCacheStructure(const PackageState& state, const FileSource& file,
+                               const ProblemSink& problem) {
+    EffectCacheChecker(state, file, problem, false).Run();
 }
 
 }  // namespace Quorvel::Format

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -75,8 +74,9 @@ bool HoldsEffectCache(const Bytes& headerData);
 CacheHeader ReadCacheHeader(const Bytes& headerData);
 CacheHeader ParseCacheHeader(const Bytes& headerData);
 
-// The entries of an index stream, in its order. Throws FormatError if a reader must refuse it.
-std::vector<IndexEntry> ReadIndex(const Bytes& indexStream, std::uint64_t count);
+// The entries of a cache's index stream, in its order. Throws FormatError if a reader must refuse
+// it.
+std::vector<IndexEntry> ReadIndex(const StreamReader& streams, const CacheHeader& header);
 
 // The next entry of an index stream, which gets this number in a FormatError.
 IndexEntry TakeIndexEntry(ByteReader& reader, std::uint64_t number);
@@ -99,10 +99,8 @@ Effects ReadEffectCache(const PackageImage& image);
 std::vector<std::string> CheckEffectCache(const Bytes& file);
 std::vector<std::string> CheckEffectCache(const PackageImage& image);
 
-// The same for a file that has been parsed already. Reads one effect at a time, and hands each one
-// that can be read to `use`.
-using EffectSink = std::function<void(const IndexEntry& entry, const Bytes& data)>;
-void CheckEffectCache(const PackageState& state, const FileSource& file, const ProblemSink& problem,
-                      const EffectSink& use);
+// The same for a file that has been parsed already, but without reading the effects.
+void CheckEffectCacheStructure(const PackageState& state, const FileSource& file,
+                               const ProblemSink& problem);
 
 }  // namespace Quorvel::Format

@@ -306,19 +306,27 @@ std::vector<std::uint64_t> StreamReader::Pages(std::uint64_t id) const {
 }
 
 Bytes StreamReader::Read(std::uint64_t id) const {
-    const std::string name = "stream " + Number(id);
+    return Read(id, 0, Size(id));
+}
+
+Bytes StreamReader::Read(std::uint64_t id, std::uint64_t offset, std::uint64_t size) const {
     const std::vector<Piece> pieces = Pieces(id);
-    std::uint64_t size = 0;
     for (const Piece& piece : pieces) {
-        Require(PageOffset(piece.page) + kPageSize <= file_.Size(), name, "'s page ", piece.page,
-                " lies past the end of the file");
-        size += piece.size;
+        Require(PageOffset(piece.page) + kPageSize <= file_.Size(), "stream ", id, "'s page ",
+                piece.page, " lies past the end of the file");
     }
-    Bytes content(static_cast<std::size_t>(size));
+    const std::uint64_t end = std::min(Size(id), offset + size);
+    Bytes content(static_cast<std::size_t>(end - std::min(offset, end)));
     std::uint8_t* to = content.data();
+    std::uint64_t start = 0;  // of the piece, in the stream
     for (const Piece& piece : pieces) {
-        file_.Read(PageOffset(piece.page) + piece.offset, to, piece.size);
-        to += piece.size;
+        const std::uint64_t first = std::max(start, offset);
+        const std::uint64_t last = std::min(start + piece.size, end);
+        if (first < last) {
+            file_.Read(PageOffset(piece.page) + piece.offset + first - start, to, last - first);
+            to += last - first;
+        }
+        start += piece.size;
     }
     return content;
 }

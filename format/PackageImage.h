@@ -111,6 +111,9 @@ public:
     // must refuse to open or to read it.
     Bytes Read(std::uint64_t id) const;
 
+    // The bytes in a range of a stream, as far as the stream reaches. Throws as Read does.
+    Bytes Read(std::uint64_t id, std::uint64_t offset, std::uint64_t size) const;
+
     // The pages that hold those bytes, in order. Throws as Read does, but accepts pages past the
     // end of the file.
     std::vector<std::uint64_t> Pages(std::uint64_t id) const;

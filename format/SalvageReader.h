@@ -31,6 +31,9 @@ namespace Quorvel::Format {
 // The memory that it takes depends on the size of the index, but not on what the tables say.
 class SalvageReader {
 public:
+    // Gets an effect that is whole.
+    using EffectSink = std::function<void(const IndexEntry& entry, const Bytes& data)>;
+
     // Gets an effect that is not whole, and the reason, which is one of a few texts.
     using LostSink = std::function<void(const IndexEntry& entry, const std::string& reason)>;
 

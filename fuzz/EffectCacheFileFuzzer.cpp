@@ -86,7 +86,7 @@ Expectation Expect(const Bytes& file) {
         expected.isCache = true;
         if (!IsWithinBudget(image)) { return expected; }
         const Format::StreamReader reader(image);
-        const auto entries = Format::ReadIndex(reader.Read(header.indexStream), header.effectCount);
+        const auto entries = Format::ReadIndex(reader, header);
         expected.isIndexed = true;
         std::map<std::string, Format::EffectRecord> records;
         for (const Format::IndexEntry& entry : entries) {

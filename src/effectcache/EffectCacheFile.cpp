@@ -8,18 +8,15 @@
 #include <string>
 #include <vector>
 
+#include "effectcache/SpaceBudget.h"
 #include "effectcache/StoredEffect.h"
 #include "pagestore/RollbackJournal.h"
 #include "platform/Assert.h"
-#include "platform/DiskSpace.h"
 #include "quorvel/Exceptions.h"
 
 namespace Quorvel {
 
 namespace {
-
-// What a save's journal needs beyond the pages of the index and the head file.
-constexpr std::uint64_t kMoreJournalPages = 12;
 
 // True for the errors of a volume, or of a user's share of it, that has no space left.
 bool IsFull(const FileIOException& error) {
@@ -134,9 +131,9 @@ bool EffectCacheFile::Save(const Lock& lock, EffectIndex& index, EffectQueue& qu
     bool hasRoom = false;
     try {
         package_->BeginSave();
-        const std::uint64_t budget = SpaceBudget(JournalBytes(index));
+        const std::uint64_t budget = Budget(JournalBytes(*package_, index));
         if (budget >= queue.ByteCount()) {
-            ReservePages(lock, index, queue, budget);
+            ReservePages(*package_, index, queue.ByteCount(), budget);
             hasRoom = MakeRoom(lock, index, budget - queue.ByteCount());
         }
         if (hasRoom) {
@@ -172,8 +169,8 @@ bool EffectCacheFile::MakeRoom(const Lock& lock, EffectIndex& index, std::uint64
 // keep is taken first, or most of the time would go into commits.
 void EffectCacheFile::Evict(const Lock& lock, EffectIndex& index, std::uint64_t limit) {
     for (;;) {
-        const std::uint64_t commitBytes = JournalBytes(index);
-        const std::uint64_t room = std::min(limit, SpaceBudget(commitBytes)) / 2;
+        const std::uint64_t commitBytes = JournalBytes(*package_, index);
+        const std::uint64_t room = std::min(limit, Budget(commitBytes)) / 2;
         const std::uint64_t most =
             std::max(room, commitBytes / 4) / RollbackJournal::kBytesPerPage + kMoreJournalPages;
         for (IndexEntry* const entry : index.EvictionOrder()) {
@@ -192,21 +189,12 @@ void EffectCacheFile::Evict(const Lock& lock, EffectIndex& index, std::uint64_t 
 // put off: the file still holds all its effects, just more than it should.
 void EffectCacheFile::Trim(const Lock& lock, EffectIndex& index) noexcept {
     try {
-        const std::uint64_t budget = SpaceBudget(0);
+        const std::uint64_t budget = Budget(0);
         if (package_->GetTotalDataSize() < budget || index.EvictionOrder().empty()) { return; }
         package_->BeginSave();
         Evict(lock, index, budget);
         Commit(lock, index);
     } catch (...) { RollbackAndReload(lock, index); }
-}
-
-// Makes pages free for what the save will write: the queue's effects, the index and the head file.
-// The spare pages and the journal together must leave most of the budget.
-void EffectCacheFile::ReservePages(const Lock& /*lock*/, const EffectIndex& index,
-                                   const EffectQueue& queue, std::uint64_t budget) {
-    const std::uint64_t pages = (queue.ByteCount() + index.TotalBytes()) / kPageSize +
-                                package_->HeadPageCount() + kMoreSparePages;
-    if (pages * kPageSize <= budget / 4) { package_->ReservePages(pages); }
 }
 
 // Evicts effects until the package has streams for the whole queue. Returns the queue's effects; if
@@ -245,21 +233,8 @@ void EffectCacheFile::Commit(const Lock& /*lock*/, EffectIndex& index) {
     shared_.Stamp().UpdateTimeStamp();
 }
 
-// The journal's size for a save without spare pages, which overwrites the pages of the index and
-// the head file.
-std::uint64_t EffectCacheFile::JournalBytes(const EffectIndex& index) const {
-    const std::uint64_t pages =
-        index.TotalBytes() / kPageSize + package_->HeadPageCount() + kMoreJournalPages;
-    return pages * RollbackJournal::kBytesPerPage;
-}
-
-// The number of bytes that the cache may take if `journalBytes` are set aside for a journal.
-std::uint64_t EffectCacheFile::SpaceBudget(std::uint64_t journalBytes) const {
-    std::uint64_t available = 0;
-    if (!Platform::GetFreeDiskSpace(shared_.Directory().path.c_str(), available)) {
-        return kLargestSpaceBudget;  // a full volume is better than an empty cache
-    }
-    return std::min(available - std::min(available, journalBytes), kLargestSpaceBudget);
+std::uint64_t EffectCacheFile::Budget(std::uint64_t reserved) const noexcept {
+    return SpaceBudget(shared_.Directory().path.c_str(), reserved);
 }
 
 }  // namespace Quorvel

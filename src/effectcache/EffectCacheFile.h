@@ -103,13 +103,10 @@ private:
     void Trim(const Lock& lock, EffectIndex& index) noexcept;
     [[nodiscard]] bool MakeRoom(const Lock& lock, EffectIndex& index, std::uint64_t limit);
     void Evict(const Lock& lock, EffectIndex& index, std::uint64_t limit);
-    void ReservePages(const Lock& lock, const EffectIndex& index, const EffectQueue& queue,
-                      std::uint64_t budget);
     std::vector<PendingEffect*> ClaimStreams(const Lock& lock, EffectIndex& index,
                                              EffectQueue& queue);
     void Commit(const Lock& lock, EffectIndex& index);
-    std::uint64_t JournalBytes(const EffectIndex& index) const;
-    std::uint64_t SpaceBudget(std::uint64_t journalBytes) const;
+    std::uint64_t Budget(std::uint64_t reserved) const noexcept;
 
     SharedCache shared_;
     Util::RefPtr<PagedFilePackage> package_;  // null when the cache is inert

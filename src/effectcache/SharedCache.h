@@ -14,13 +14,6 @@ namespace Quorvel {
 
 constexpr char kCacheFileName[] = "vornFxoCache.dat";
 
-// The cache takes no more bytes of a volume than this, however many are free.
-constexpr std::uint64_t kLargestSpaceBudget = 0x10000000;
-
-// What a save needs beyond the pages for the bytes that it writes: effects and blocks of tails
-// leave gaps, and a few pages of blocks change.
-constexpr std::uint64_t kMoreSparePages = 64;
-
 // How the cache opens its package. The path must outlive the result.
 PagedFilePackageConfig CachePackageConfig(const CStr& path);
 

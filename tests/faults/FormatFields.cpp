@@ -191,9 +191,9 @@ std::string NameOf(const Field& field, std::size_t place, std::uint64_t value) {
 FileMap::FileMap(const Bytes& file) : image_(Format::ReadPackage(file, Format::kCacheStreamLimit)) {
     indexStream_ = Format::ReadCacheHeader(image_.headerData).indexStream;
     const Format::CacheHeader header = Format::ReadCacheHeader(image_.headerData);
+    const Format::StreamReader streams(image_);
     std::uint64_t position = 0;
-    for (const Format::IndexEntry& entry : Format::ReadIndex(
-             Format::StreamReader(image_).Read(header.indexStream), header.effectCount)) {
+    for (const Format::IndexEntry& entry : Format::ReadIndex(streams, header)) {
         entries_.push_back({position, entry.name, entry.record.streamId, entry.record.size});
         position += Format::kEffectRecordSize + Format::kLengthPrefixSize + entry.name.size();
     }

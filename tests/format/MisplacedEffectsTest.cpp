@@ -25,15 +25,15 @@ protected:
     }
     void WriteFileWithIndex(const std::function<void(std::vector<IndexEntry>&)>& edit) {
         WriteFile([&](PackageImage& image) {
-            const std::uint64_t index = ReadCacheHeader(image.headerData).indexStream;
+            const CacheHeader header = ReadCacheHeader(image.headerData);
             const StreamReader reader(image);
-            std::vector<IndexEntry> entries = ReadIndex(reader.Read(index), effects_.size());
+            std::vector<IndexEntry> entries = ReadIndex(reader, header);
             edit(entries);
             std::map<std::uint64_t, Bytes> streams;
             for (const StreamRecord& stream : image.streams) {
                 streams[stream.id] = reader.Read(stream.id);
             }
-            streams[index] = EncodeIndex(entries);
+            streams[header.indexStream] = EncodeIndex(entries);
             image = LayOutPackage(streams, image.headerData, {});
         });
     }

@@ -233,7 +233,7 @@ TEST_F(ArchiveTest, DamagedEffectsAreLeftOutAndNamed) {
     *found = 3;
     Format::WriteWholeFile(CacheFile(), file);
     EXPECT_EQ(Run({"export", cache_, File("a.tar"), "--json"}), kNo);
-    EXPECT_THAT(err_, HasSubstr("\"bb\" is damaged and left out: "));
+    EXPECT_THAT(err_, HasSubstr("\"bb\" is damaged: "));
     EXPECT_EQ(Json::parse(out_)["effects"], 2);
     EXPECT_EQ(Json::parse(out_)["damaged"], Json::parse(R"(["bb"])"));
     EXPECT_EQ(Run({"import", other_, File("a.tar")}), kDone);
@@ -304,7 +304,6 @@ TEST_F(ArchiveTest, FilesThatDoNotBelongThereAreRefused) {
         {{"effects/..", "x"}, "\"effects/..\" lies outside of it"},
         {{"..\\x", "x"}, "x\" lies outside of it"},  // on Windows, Pack turns it into ../x
         {{"C:x", "x"}, "\"C:x\" lies outside of it"},
-        {{"effects/x", "", Kind::Directory}, "\" is not a file"},
         {{"effects/x", "", Kind::SymbolicLink}, "\"effects/x\" is not a file"},
         {{"effects/x", "", Kind::HardLink}, "\"effects/x\" is not a file"},
         {{"effects/x", "", Kind::Device}, "\"effects/x\" is not a file"},
@@ -319,6 +318,13 @@ TEST_F(ArchiveTest, FilesThatDoNotBelongThereAreRefused) {
         members.insert(members.begin() + 3, row.member);
         ExpectRefused(Pack(members), row.why);
     }
+}
+
+TEST_F(ArchiveTest, FoldersAreIgnored) {
+    std::vector<TarMember> members = ThreeMembers();
+    members.insert(members.begin(), {"effects", "", TarMember::Kind::Directory});
+    EXPECT_EQ(Run({"import", other_, "-"}, Pack(members)), kDone) << err_;
+    EXPECT_EQ(RunJson({"list", other_}).size(), 3U);
 }
 
 TEST_F(ArchiveTest, MissingDamagedAndMisplacedFilesAreRefused) {

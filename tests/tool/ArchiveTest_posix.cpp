@@ -81,6 +81,7 @@ TEST_F(PosixArchiveTest, AFolderForTemporaryFilesThatCannotBeUsedIsNamed) {
     EXPECT_EQ(Run({"import", cache_, File("a.tar")}), kFailed);
     EXPECT_THAT(err_, HasSubstr("the folder for temporary files can't be used: "));
     EXPECT_EQ(FileBytes(), before);
+    EXPECT_EQ(Run({"import", cache_, File("a.tar"), "--dry-run"}), kDone) << err_;
 }
 
 TEST_F(PosixArchiveTest, FullVolumesAreFailuresThatChangeNothing) {

@@ -29,6 +29,25 @@ TEST_F(PosixInputTest, ACacheOfAnotherUserIsReadOnlyOffline) {
     EXPECT_EQ(Run({"list", cache_, "--offline"}), kDone);
 }
 
+TEST_F(PosixInputTest, AFolderThatCannotBeSearchedIsNotAnEmptyOne) {
+    if (::geteuid() != 0) { GTEST_SKIP() << "only root can become another user"; }
+    constexpr uid_t kSomebody = 12345;
+    MakeCache(ThreeEffects());
+    for (const mode_t mode : {0700, 0744}) {
+        ASSERT_EQ(::chmod(cache_.c_str(), mode), 0);
+        const pid_t child = ::fork();
+        if (child == 0) {
+            const bool isOther = ::setuid(kSomebody) == 0;
+            const int code = Run({"info", cache_, "--offline"});
+            const bool isClear = err_.find("Permission denied") != std::string::npos;
+            ::_exit(isOther && isClear ? code : 100);
+        }
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        EXPECT_EQ(WEXITSTATUS(status), kFailed);
+    }
+}
+
 TEST_F(PosixInputTest, WhatIsNeitherFileNorDirectoryIsRefused) {
     ASSERT_EQ(::mkfifo(File("fifo").c_str(), 0600), 0);
     EXPECT_EQ(Run({"list", File("fifo")}), kFailed);

@@ -54,11 +54,9 @@ TEST_F(ChangesTest, GetSaysThatThereIsNoSuchEffect) {
 
 TEST_F(ChangesTest, GetSaysThatAnEffectIsDamaged) {
     Format::PackageImage image = Format::LayOutEffectCache(ThreeEffects(), {});
+    const Format::StreamReader streams(image);
     const Format::EffectRecord record =
-        Format::ReadIndex(
-            Format::StreamReader(image).Read(Format::ReadCacheHeader(image.headerData).indexStream),
-            3)[0]
-            .record;
+        Format::ReadIndex(streams, Format::ReadCacheHeader(image.headerData))[0].record;
     for (Format::StreamRecord& stream : image.streams) {
         stream.size += stream.id == record.streamId ? 1 : 0;
     }
@@ -94,7 +92,7 @@ TEST_F(ChangesTest, PutRefusesWhatNoCacheHolds) {
     EXPECT_EQ(Run({"put", cache_, "a", "-"}, std::string((1 << 20) + 1, 'x')), kFailed);
     EXPECT_EQ(Run({"put", cache_, "", "-"}, "x"), kUsage);
     EXPECT_EQ(Run({"put", cache_, std::string(65537, 'n'), "-"}, "x"), kUsage);
-    EXPECT_EQ(Run({"put", cache_, "a", File("missing")}), kFailed);
+    EXPECT_EQ(Run({"put", cache_, "a", File("missing")}), kNo);
     EXPECT_THAT(err_, HasSubstr("missing: can't be read: No such file"));
     EXPECT_EQ(FileBytes(), before);
     EXPECT_EQ(Run({"put", cache_, std::string(65536, 'n'), "-"}, std::string(1 << 20, 'x')), kDone);
@@ -108,6 +106,33 @@ TEST_F(ChangesTest, RemoveRemovesByNameAndByPattern) {
     EXPECT_EQ(err_, "removed: 1 effect\n");
     EXPECT_THAT(Effects(), ElementsAre());
     ExpectSound();
+}
+
+TEST_F(ChangesTest, PutKeepsAPermanentEffectPermanent) {
+    MakeCache(ThreeEffects());
+    EXPECT_EQ(Run({"put", cache_, "bb", "-"}, "new"), kDone);
+    EXPECT_EQ(Run({"put", cache_, "a", "-"}, "new"), kDone);
+    const Json effects = RunJson({"list", cache_});
+    EXPECT_EQ(effects[0]["permanent"], false);
+    EXPECT_EQ(effects[1]["permanent"], true);
+}
+
+TEST_F(ChangesTest, NamesAreTakenAsListPrintsThem) {
+    MakeCache(ThreeEffects());
+    const std::string odd = R"(tab\x09here\\\xFF)";
+    ASSERT_EQ(RunJson({"list", cache_})[2]["name"], odd);
+    EXPECT_EQ(Run({"get", cache_, odd}), kNo);
+    EXPECT_EQ(Run({"get", cache_, odd, "--escaped"}), kDone);
+    EXPECT_EQ(out_.size(), 10000U);
+    EXPECT_EQ(Run({"put", cache_, odd, "-", "-e"}, "new"), kDone);
+    EXPECT_EQ(Run({"set", cache_, odd, "--permanent", "-e"}), kDone);
+    EXPECT_EQ(RunJson({"list", cache_}).size(), 3U);
+    EXPECT_EQ(Run({"remove", cache_, odd, "-e"}), kDone);
+    EXPECT_EQ(RunJson({"list", cache_}).size(), 2U);
+    for (const char* const command : {"get", "remove"}) {
+        EXPECT_EQ(Run({command, cache_, "\\x0", "-e"}), kUsage);
+        EXPECT_THAT(err_, HasSubstr("\"\\x0\" is not an escaped name"));
+    }
 }
 
 TEST_F(ChangesTest, RemoveRemovesAllOrNothing) {
@@ -197,7 +222,7 @@ TEST_F(ChangesTest, ANameThatIsGivenTwiceCountsOnce) {
 TEST_F(ChangesTest, PutReadsNoMoreThanAnEffectMayHave) {
     EXPECT_EQ(Run({"put", cache_, "a", "-"}, std::string(5 << 20, 'x')), kFailed);
     EXPECT_THAT(err_, HasSubstr("too large; an effect has 1 byte to 1 MiB"));
-    EXPECT_EQ(Run({"put", cache_, "a", File("missing")}), kFailed);
+    EXPECT_EQ(Run({"put", cache_, "a", File("missing")}), kNo);
     EXPECT_THAT(err_, HasSubstr("missing: can't be read: No such file"));
     EXPECT_FALSE(std::filesystem::exists(CacheFile()));
 }

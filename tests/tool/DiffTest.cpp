@@ -29,6 +29,16 @@ TEST_F(DiffTest, PrintsNothingForEqualCaches) {
               Json::parse(R"({"onlyA": [], "onlyB": [], "different": []})"));
 }
 
+TEST_F(DiffTest, SaysThatNothingMatches) {
+    MakeCache(ThreeEffects());
+    const std::string b = Make("b.dat", {{"only in b", {1}}});
+    EXPECT_EQ(Run({"diff", cache_, b, "--match", "nothing"}), kNo);
+    EXPECT_EQ(out_, "");
+    EXPECT_THAT(err_, HasSubstr("no effect matches \"nothing\""));
+    EXPECT_EQ(Run({"diff", cache_, b, "--match", "only*"}), kNo);
+    EXPECT_EQ(out_, "> only in b\n");
+}
+
 TEST_F(DiffTest, NamesWhatIsDifferent) {
     const Format::EntryTime early = {2001, 1, 1, 0, 0, 0, 0};
     const Format::EntryTime late = {2001, 1, 1, 0, 0, 0, 1};

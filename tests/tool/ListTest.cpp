@@ -47,7 +47,7 @@ TEST_F(ListTest, SaysThatNothingMatches) {
     MakeCache(ThreeEffects());
     EXPECT_EQ(Run({"list", cache_, "--match", "nothing"}), kNo);
     EXPECT_EQ(out_, "");
-    EXPECT_THAT(err_, testing::HasSubstr("no effect matches nothing"));
+    EXPECT_THAT(err_, testing::HasSubstr("no effect matches \"nothing\""));
 }
 
 TEST_F(ListTest, PrintsNothingForAnEmptyCache) {

@@ -48,8 +48,13 @@ TEST_F(PruneTest, SaysThatTheRestIsPermanentOrDoesNotMatch) {
     EXPECT_EQ(Run({"prune", cache_, "--max-effects", "0"}), kNo);
     EXPECT_THAT(err_, testing::HasSubstr("the rest exceeds the limits"));
     EXPECT_EQ(Rest(), "oldest\n");
-    EXPECT_EQ(Run({"prune", cache_, "--max-effects", "0", "--match", "nothing"}), kNo);
+    EXPECT_EQ(Run({"prune", cache_, "--max-effects", "0", "--match", "old*"}), kNo);
     EXPECT_EQ(Rest(), "oldest\n");
+}
+
+TEST_F(PruneTest, SaysThatNothingMatches) {
+    EXPECT_EQ(Run({"prune", cache_, "--older-than", "1d", "--match", "nothing"}), kNo);
+    EXPECT_THAT(err_, testing::HasSubstr("no effect matches \"nothing\""));
 }
 
 TEST_F(PruneTest, RefusesToGuessWhatMayGo) {

@@ -4,6 +4,7 @@
 #include "format/PackageWriter.h"
 #include "tool/InterruptedSave.h"
 #include "tool/ToolTest.h"
+#include "tools/quorvel/EffectsFormat.h"
 
 namespace Quorvel::Tool {
 namespace {
@@ -57,7 +58,8 @@ TEST_F(SalvageTest, SavesEverythingOfASoundCache) {
     const Bytes before = FileBytes();
     EXPECT_EQ(Run({"salvage", cache_, destination_}), kDone);
     EXPECT_EQ(out_, "");
-    EXPECT_EQ(err_, "saved 3 effects of 9.8 KiB in " + destination_ + "\n");
+    EXPECT_EQ(err_,
+              "saved 3 effects of 9.8 KiB in " + destination_ + "\n" + kContentsUnchecked + "\n");
     EXPECT_TRUE(FileBytes() == before);
     EXPECT_EQ(SavedList(), ListOf(ThreeEffects()));
     const Effects saved =
@@ -73,7 +75,8 @@ TEST_F(SalvageTest, LeavesOutWhatIsNotWholeAndSaysWhy) {
     EXPECT_EQ(Run({"salvage", file_, destination_}), kNo);
     EXPECT_EQ(out_, "");
     EXPECT_EQ(err_, "saved 2 effects of 3 bytes in " + destination_ +
-                        "\nleft out 1 effect: its chain of pages is broken\n");
+                        "\nleft out 1 effect: its chain of pages is broken\n" + kContentsUnchecked +
+                        "\n");
     std::vector<NewEffect> rest = ThreeEffects();
     rest.pop_back();
     EXPECT_EQ(SavedList(), ListOf(rest));

@@ -25,6 +25,11 @@ TEST(Text, EscapesWhatIsNotPrintable) {
         {"\xED\xA0\x80", "\\xED\\xA0\\x80"},  // half of a surrogate pair
         {"\xF0\x9F\x98\x80", "\xF0\x9F\x98\x80"},
         {"\xF4\x90\x80\x80", "\\xF4\\x90\\x80\\x80"},
+        {"\xE2\x80\xA7", "\xE2\x80\xA7"},
+        {"\xE2\x80\xA8", "\\xE2\\x80\\xA8"},  // a line separator
+        {"\xE2\x80\xAE", "\\xE2\\x80\\xAE"},  // from right to left
+        {"\xE2\x81\xA6", "\\xE2\\x81\\xA6"},
+        {"\xE2\x82\xAC", "\xE2\x82\xAC"},
         {std::string("\0x", 2), "\\x00x"},
     };
     for (const auto& row : rows) {

@@ -136,6 +136,32 @@ TEST_F(WatchTest, SaysThatOnlyTheIndexWasWritten) {
     EXPECT_EQ(ExitCode(), kDone);
 }
 
+TEST_F(WatchTest, CompactingReplacesNoEffect) {
+    std::vector<Format::NewEffect> effects = ThreeEffects();
+    Format::EffectCacheLayout layout;
+    layout.shuffleStreams = true;
+    Format::WriteWholeFile(CacheFile(), Format::WriteEffectCache(effects, layout));
+    Watch({cache_, "--count", "2"});
+    Line();
+    EXPECT_EQ(Run({"compact", cache_}), kDone);
+    EXPECT_THAT(Line(), EndsWith("3 effects, 9.8 KiB: the same effects"));
+    EXPECT_EQ(ExitCode(), kDone);
+}
+
+TEST_F(WatchTest, TellsSearchesFromReplacements) {
+    MakeCache(ThreeEffects());
+    Watch({cache_, "--json", "--count", "2"});
+    JsonLine();
+    std::vector<Format::NewEffect> effects = ThreeEffects();
+    effects[0].time.millisecond += 1;
+    effects[1].data.push_back(2);
+    MakeCache(effects);
+    const Json line = JsonLine();
+    EXPECT_EQ(line["used"], Json::parse(R"(["a"])"));
+    EXPECT_EQ(line["replaced"], Json::parse(R"(["bb"])"));
+    EXPECT_EQ(ExitCode(), kDone);
+}
+
 TEST_F(WatchTest, GoesOnIfTheFileVanishesOrIsDamaged) {
     MakeCache(ThreeEffects());
     Watch({cache_, "--json", "--count", "5"});

@@ -14,8 +14,9 @@
 #include <utility>
 
 #include "effectcache/EffectRecord.h"
-#include "effectcache/SharedCache.h"
+#include "effectcache/SpaceBudget.h"
 #include "tools/quorvel/CacheEditor.h"
+#include "tools/quorvel/Terminal.h"
 #include "tools/quorvel/Text.h"
 
 namespace Quorvel::Tool {
@@ -165,7 +166,7 @@ la_ssize_t ReadBlock(archive* archive, void* client, const void** data) {
     errno = 0;
     auto& input = *static_cast<Input*>(client);
     input.stream.read(input.block.data(), kBlockSize);
-    if (input.stream.bad()) {
+    if (input.stream.bad() || IsStopRequested()) {
         archive_set_error(archive, errno, "%s", errno != 0 ? std::strerror(errno) : "read error");
         return -1;
     }
@@ -245,8 +246,9 @@ private:
 
     void Try(int result) const {
         if (result == ARCHIVE_OK) { return; }
+        StopIfAsked();
         const char* const text = archive_error_string(archive_.get());
-        const std::string why = text ? Escape(text) : "unknown error";
+        const std::string why = text ? Escape(text) : "it is damaged or cut short";
         if (input_.stream.bad()) {
             throw Failure(fmt::format("{}: can't be read: {}; nothing was changed", name_, why));
         }
@@ -259,6 +261,7 @@ private:
         Require(std::strlen(path) <= kLongestPath, "a file in it has a name that is too long");
         const std::string shown = Escape(path);
         if (IsOutside(path)) { Refuse(fmt::format("\"{}\" lies outside of it", shown)); }
+        if (archive_entry_filetype(entry) == AE_IFDIR) { return; }
         if (archive_entry_filetype(entry) != AE_IFREG || archive_entry_hardlink(entry)) {
             Refuse(fmt::format("\"{}\" is not a file", shown));
         }

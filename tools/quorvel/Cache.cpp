@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <utility>
@@ -91,8 +92,19 @@ Cache::Cache(const Session& session, const std::string& argument)
 }
 
 bool Cache::Exists() const {
-    std::error_code ignored;
-    return fs::exists(Format::ToPath(path_), ignored);
+    std::error_code error;
+    const fs::file_status status = fs::status(Format::ToPath(path_), error);
+    if (status.type() == fs::file_type::none) {
+        throw Failure(fmt::format("{}: {}", path_, error.message()));
+    }
+    return fs::exists(status);
+}
+
+void Cache::RequireFile() const {
+    if (!Exists()) {
+        throw Failure(fmt::format("{}: there is no {} in the directory", name_, kCacheFileName),
+                      kNo);
+    }
 }
 
 std::uint64_t Cache::StreamLimit() const {
@@ -108,14 +120,33 @@ void Cache::TellOthers() {
     if (shared_) { shared_->Stamp().UpdateTimeStamp(); }
 }
 
+namespace {
+
+// Acquires a mutex, in slices of the time, so that Ctrl-C ends the wait.
+std::uint32_t Acquire(MutexObject& mutex, std::chrono::milliseconds timeout) {
+    using Clock = std::chrono::steady_clock;
+    constexpr std::chrono::milliseconds kSlice(100);
+    const Clock::time_point end = Clock::now() + timeout;
+    for (;;) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+        const auto slice = std::clamp(left, std::chrono::milliseconds(0), kSlice);
+        const std::uint32_t result = mutex.Acquire(static_cast<std::uint32_t>(slice.count()));
+        if (result != kWaitTimedOut || left <= kSlice) { return result; }
+        StopIfAsked();
+    }
+}
+
+}  // namespace
+
 Cache::Lock::Lock(Cache& cache) : cache_(cache) {
     if (!cache.shared_) { return; }
     asOwner_.emplace(cache.shared_->Directory().user);
-    const std::uint32_t result = cache.shared_->Mutex().Acquire(cache.timeout_ * 1000);
+    const std::uint32_t result =
+        Acquire(cache.shared_->Mutex(), std::chrono::seconds(cache.timeout_));
     if (result == kWaitTimedOut) {
         throw Failure(
-            fmt::format("{}: another process has held the cache's lock for {}; wait "
-                        "longer with --timeout, or read with --offline",
+            fmt::format("{}: another process has held the cache's lock for {}; wait longer with "
+                        "--timeout; commands that only read can do without the lock (--offline)",
                         cache.name_, Count(cache.timeout_, "second")));
     }
     if (result != kWaitAcquired && result != kWaitAbandoned) {
@@ -170,9 +201,8 @@ Snapshot::Snapshot(const Cache& cache, const Cache::Lock& /*lock*/, DamagedEffec
 
 void Snapshot::ReadEffects() {
     header_ = Format::ReadCacheHeader(state_.headerData);
-    effects_ = Format::FindableEntries(
-        state_, header_.indexStream,
-        Format::ReadIndex(streams_->Read(header_.indexStream), header_.effectCount));
+    effects_ =
+        Format::FindableEntries(state_, header_.indexStream, Format::ReadIndex(*streams_, header_));
 }
 
 const Format::IndexEntry* Snapshot::Find(const std::string& name) const {
@@ -188,10 +218,7 @@ Format::Bytes Snapshot::Read(const Format::IndexEntry& effect) const {
 
 std::unique_ptr<Snapshot> ReadPackage(Cache& cache, const Cache::Lock& lock,
                                       DamagedEffects damaged) {
-    if (!cache.Exists()) {
-        throw Failure(
-            fmt::format("{}: there is no {} in the directory", cache.Name(), kCacheFileName), kNo);
-    }
+    cache.RequireFile();
     try {
         cache.HasChanged();  // from here on, only later changes count
         return std::make_unique<Snapshot>(cache, lock, damaged);
@@ -203,7 +230,9 @@ std::unique_ptr<Snapshot> ReadPackage(Cache& cache, const Cache::Lock& lock,
                          ? "a save was interrupted; without --offline, it is undone first"
                          : "a change is running or was interrupted; the next change undoes it";
         }
-        throw Failure(fmt::format("{}: damaged: {}; {}", cache.Path(), error.what(), advice), kNo);
+        throw Failure(
+            fmt::format("{}: damaged, or no package: {}; {}", cache.Path(), error.what(), advice),
+            kNo);
     } catch (const std::runtime_error& error) { throw Failure(error.what()); }
 }
 

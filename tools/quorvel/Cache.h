@@ -52,7 +52,11 @@ public:
     // Of the package file. It may be missing in a directory.
     const std::string& Path() const { return path_; }
 
+    // Throws Failure if this user may not know.
     bool Exists() const;
+
+    // Throws Failure, with the exit code kNo, if the package file is missing.
+    void RequireFile() const;
     bool IsOffline() const { return offline_; }
     bool IsShared() const { return shared_ != nullptr; }
 

@@ -10,11 +10,11 @@
 #include <new>
 
 #include "effectcache/SharedCache.h"
+#include "effectcache/SpaceBudget.h"
 #include "effectcache/StoredEffect.h"
 #include "effectcache/StreamHelpers.h"
 #include "format/Path.h"
 #include "pagestore/StdioFile.h"
-#include "platform/DiskSpace.h"
 #include "platform/ScopeGuard.h"
 #include "quorvel/Exceptions.h"
 #include "tools/quorvel/Text.h"
@@ -31,7 +31,7 @@ EffectKey KeyOf(const std::string& name) {
 std::string Reason(const std::exception& error) {
     if (const auto* const failure = dynamic_cast<const FileIOException*>(&error)) {
         if (failure->errorCode == ENOSPC) {
-            return "the volume is full; make room on it, or remove effects with \"quorvel prune\"";
+            return "the volume is full; make room on it, or empty the cache with \"quorvel clear\"";
         }
         if (failure->errorCode != 0) { return std::strerror(static_cast<int>(failure->errorCode)); }
         return "a transfer ended early";
@@ -48,12 +48,23 @@ std::string Reason(const std::exception& error) {
 
 }  // namespace
 
+std::string NameOf(const IndexEntry& entry) {
+    const EffectKey key = entry.Key();
+    return {reinterpret_cast<const char*>(key.bytes), key.length};
+}
+
 EntryTime ToRecord(const Format::EntryTime& time) {
     return {time.year, time.month, time.day, time.hour, time.minute, time.second, time.millisecond};
 }
 
 std::string DescribeFailure(const std::string& path, const std::exception& error) {
     return fmt::format("{}: nothing was changed: {}", path, Reason(error));
+}
+
+std::uint64_t CapacityBeside(const Cache& cache, std::uint64_t reserved) {
+    const std::string directory =
+        std::filesystem::absolute(Format::ToPath(cache.Path())).parent_path().string();
+    return SpaceBudget(directory.c_str(), reserved);
 }
 
 template <typename Step>
@@ -85,10 +96,7 @@ void CacheEditor::Open(Missing missing) {
                           "\"quorvel check\" says more",
                       kNo);
     }
-    if (missing == Missing::Refuse) {
-        throw Failure(
-            fmt::format("{}: there is no {} in the directory", cache_.Name(), kCacheFileName), kNo);
-    }
+    if (missing == Missing::Refuse) { cache_.RequireFile(); }
     isNew_ = true;
     Platform::ScopeGuard removeFile([&] { RemoveNewFile(); });
     Try([&] {
@@ -120,9 +128,9 @@ CacheEditor::~CacheEditor() {
 // Spare pages keep the journal small. A file that can't grow does without them.
 void CacheEditor::Begin() {
     if (package_->HasChanges()) { return; }
+    const std::uint64_t capacity = Capacity();
     package_->BeginSave();
-    package_->ReservePages(index_.TotalBytes() / kPageSize + package_->HeadPageCount() +
-                           kMoreSparePages);
+    ReservePages(*package_, index_, 0, capacity);
 }
 
 IndexEntry* CacheEditor::Find(const std::string& name) const {
@@ -152,11 +160,7 @@ void CacheEditor::SetPermanent(IndexEntry* entry, bool permanent) {
 }
 
 std::uint64_t CacheEditor::Capacity() const {
-    std::uint64_t available = kLargestSpaceBudget;
-    const std::string directory =
-        std::filesystem::absolute(Format::ToPath(cache_.Path())).parent_path().string();
-    if (!Platform::GetFreeDiskSpace(directory.c_str(), available)) { return kLargestSpaceBudget; }
-    return std::min(available, kLargestSpaceBudget);
+    return CapacityBeside(cache_, 2 * JournalBytes(*package_, index_));
 }
 
 std::uint64_t CacheEditor::EffectSize(std::uint64_t nameLength, std::uint64_t size) {
@@ -177,22 +181,22 @@ CacheEditor::Room CacheEditor::TotalRoom() {
     return {kStreamLimit - otherStreams, limit > total ? limit - total - 1 : 0};
 }
 
-void CacheEditor::MakeRoom(std::uint64_t effects, std::uint64_t bytes) {
+std::vector<std::string> CacheEditor::MakeRoom(std::uint64_t size) {
     const std::uint64_t capacity = Capacity();
     const auto fits = [&] {
-        return package_->GetTotalDataSize() + bytes < capacity &&
-               package_->GetNumberOfDataStreams() + effects <= kStreamLimit;
+        return package_->GetTotalDataSize() + size < capacity &&
+               package_->GetNumberOfDataStreams() < kStreamLimit;
     };
-    if (fits()) { return; }
+    std::vector<std::string> evicted;
+    if (fits()) { return evicted; }
     for (IndexEntry* const entry : index_.EvictionOrder()) {
+        evicted.push_back(NameOf(*entry));
         Remove(entry);
-        if (fits()) { return; }
+        if (fits()) { return evicted; }
     }
-    throw Failure(
-        fmt::format("{}: {} of {} don't fit beside the permanent effects; the cache may "
-                    "take {} and hold {}",
-                    cache_.Path(), Count(effects, "effect"), Size(bytes), Size(capacity),
-                    Count(kStreamLimit - 1, "effect")));
+    throw Failure(fmt::format(
+        "{}: {} don't fit beside the permanent effects; the cache may take {} and hold {}",
+        cache_.Path(), Size(size), Size(capacity), Count(kStreamLimit - 1, "effect")));
 }
 
 void CacheEditor::Commit() {

@@ -17,8 +17,14 @@ namespace Quorvel::Tool {
 // A message for a change of a file that failed: "<path>: nothing was changed: <reason>".
 std::string DescribeFailure(const std::string& path, const std::exception& error);
 
+// An effect's name in the cache, as a string of bytes.
+std::string NameOf(const IndexEntry& entry);
+
 // The same moment, as the library stores it.
 EntryTime ToRecord(const Format::EntryTime& time);
+
+// How many bytes all streams of a cache may take, if so many are set aside on its volume.
+std::uint64_t CapacityBeside(const Cache& cache, std::uint64_t reserved);
 
 // Changes the effects of a cache: all changes between the constructor and Commit, or none. Whatever
 // goes wrong becomes a Failure that names the file.
@@ -49,9 +55,9 @@ public:
     void Remove(IndexEntry* entry);
     void SetPermanent(IndexEntry* entry, bool permanent);
 
-    // Evicts effects, least recently used first, until new ones of that number and total size fit.
-    // Throws Failure if permanent ones leave too little room.
-    void MakeRoom(std::uint64_t effects, std::uint64_t bytes);
+    // Evicts effects, least recently used first, until a new one of that size fits. Returns their
+    // names. Throws Failure if permanent ones leave too little room.
+    std::vector<std::string> MakeRoom(std::uint64_t size);
 
     // How many effects the cache can hold, and how many bytes they may take, each of them taking
     // EffectSize.
@@ -61,7 +67,8 @@ public:
     };
     Room TotalRoom();
 
-    // How many bytes all streams of the cache may take: fewer than this.
+    // How many bytes all streams of the cache may take: fewer than this. The volume must have room
+    // for the journal and for spare pages besides.
     std::uint64_t Capacity() const;
 
     // How many bytes of streams an effect takes.

@@ -45,6 +45,7 @@ struct Findings {
     std::uint64_t deadPages = 0;
     std::uint64_t tailBlocks = 0;
     bool areContentsChecked = false;
+    std::string failure;  // why the effects could not be read; empty if they could
     std::uint64_t problemCount = 0;
     std::vector<std::string> problems;  // the first of them
     std::vector<std::string> notes;
@@ -58,8 +59,9 @@ public:
     // Checks the structures. REQUIRES: the cache is locked.
     void CheckStructure(const Cache& cache);
 
-    // Checks the contents of the effects that can be read. REQUIRES: the cache is not locked.
-    void CheckContents(Cache& cache);
+    // Reads the effects, and checks their contents if their format is known. REQUIRES: the cache is
+    // not locked.
+    void CheckEffects(Cache& cache);
 
 private:
     void Problem(const std::string& line);
@@ -98,14 +100,11 @@ void Checker::CheckState(const Format::PackageState& state, const Format::FileSo
         return;
     }
     findings_.kind = kEffectCache;
-    Progress progress(session_, "checking", state.streams.size());
-    Format::CheckEffectCache(
-        state, file, problem,
-        [&](const Format::IndexEntry&, const Format::Bytes&) { progress.Add(); });
+    Format::CheckEffectCacheStructure(state, file, problem);
 }
 
-void Checker::CheckContents(Cache& cache) {
-    Progress progress(session_, "checking contents", findings_.streams);
+void Checker::CheckEffects(Cache& cache) {
+    Progress progress(session_, "checking", findings_.streams);
     const auto check = [&](const EffectBytes& effect) {
         progress.Add();
         if (!options_.format.IsIntact(effect.entry, effect.data)) {
@@ -114,11 +113,17 @@ void Checker::CheckContents(Cache& cache) {
     };
     try {
         ForEachEffect(
-            cache, [](const auto&) { return true; }, check, [](const auto&, const auto&) {});
-        findings_.areContentsChecked = true;
+            cache, [](const auto&) { return true; }, check,
+            [&](const Format::IndexEntry& effect, const std::string& why) {
+                progress.Add();
+                Problem(fmt::format("effect \"{}\" of {} can't be read: {}", effect.name,
+                                    Count(effect.record.size, "byte"), why));
+            });
+        findings_.areContentsChecked = options_.format.IsKnown();
     } catch (const Failure& failure) {
-        // The problems say why there are no effects.
-        if (failure.exitCode != kNo) { throw; }
+        // If there are no effects, the problems say why.
+        if (IsStopRequested()) { throw; }
+        if (failure.exitCode != kNo) { findings_.failure = failure.what(); }
     }
 }
 
@@ -165,13 +170,10 @@ Findings Check(const std::string& argument, const CheckOptions& options, Session
     Checker checker(options, session, findings);
     {
         const Cache::Lock lock(cache);
-        if (!cache.Exists()) {
-            throw Failure(
-                fmt::format("{}: there is no {} in the directory", argument, kCacheFileName), kNo);
-        }
+        cache.RequireFile();
         checker.CheckStructure(cache);
     }
-    if (options.format.IsKnown() && findings.kind == kEffectCache) { checker.CheckContents(cache); }
+    if (findings.kind == kEffectCache) { checker.CheckEffects(cache); }
     if (!cache.IsShared()) { NoteOwner(cache, findings); }
     return findings;
 }
@@ -198,28 +200,30 @@ void PrintText(const Findings& findings, Session& session) {
 }
 
 Json ToJson(const Findings& findings) {
-    return {{"path", EscapePath(findings.path)},
-            {"kind", findings.kind},
-            {"streams", {{"count", findings.streams}, {"bytes", findings.streamBytes}}},
-            {"pages",
-             {{"file", findings.pages},
-              {"free", findings.freePages},
-              {"unowned", findings.unownedPages},
-              {"dead", findings.deadPages}}},
-            {"tailBlocks", findings.tailBlocks},
-            {"contentsChecked", findings.areContentsChecked},
-            {"problemCount", findings.problemCount},
-            {"problems", findings.problems},
-            {"notes", findings.notes}};
+    Json json = {{"path", EscapePath(findings.path)},
+                 {"kind", findings.kind},
+                 {"streams", {{"count", findings.streams}, {"bytes", findings.streamBytes}}},
+                 {"pages",
+                  {{"file", findings.pages},
+                   {"free", findings.freePages},
+                   {"unowned", findings.unownedPages},
+                   {"dead", findings.deadPages}}},
+                 {"tailBlocks", findings.tailBlocks},
+                 {"contentsChecked", findings.areContentsChecked},
+                 {"problemCount", findings.problemCount},
+                 {"problems", findings.problems},
+                 {"notes", findings.notes}};
+    if (!findings.failure.empty()) { json["error"] = findings.failure; }
+    return json;
 }
 
 // Goes on after a file that can't be checked.
 void CheckAll(const CheckOptions& options, Session& session) {
     Json json = Json::array();
-    bool isUnchecked = false;  // the contents of a sound file
+    bool isUnchecked = false;  // the contents of a file
     const auto fail = [&](const std::string& argument, const char* what, int code) {
         if (IsStopRequested()) { throw; }
-        session.err << "quorvel: " << what << '\n';
+        session.err << "quorvel: " << EscapePath(what) << '\n';
         session.exitCode = std::max(session.exitCode, code);
         json.push_back({{"path", EscapePath(argument)}, {"error", what}});
     };
@@ -227,12 +231,15 @@ void CheckAll(const CheckOptions& options, Session& session) {
         try {
             const Findings findings = Check(argument, options, session);
             if (findings.problemCount > 0) { session.exitCode = std::max(session.exitCode, kNo); }
-            isUnchecked =
-                isUnchecked || (findings.problemCount == 0 && !findings.areContentsChecked);
+            isUnchecked = isUnchecked || !findings.areContentsChecked;
             if (session.json) {
                 json.push_back(ToJson(findings));
             } else {
                 PrintText(findings, session);
+            }
+            if (!findings.failure.empty()) {
+                session.err << "quorvel: " << EscapePath(findings.failure) << '\n';
+                session.exitCode = kFailed;
             }
         } catch (const Failure& failure) {
             fail(argument, failure.what(), failure.exitCode);
@@ -241,9 +248,7 @@ void CheckAll(const CheckOptions& options, Session& session) {
     if (session.json) {
         session.Print(json);
     } else if (isUnchecked) {
-        session.Tell(
-            "the contents of streams have no checksum: damage to them goes unnoticed, unless "
-            "--effects-format says where to find one");
+        session.Tell(kContentsUnchecked);
     }
 }
 

@@ -20,6 +20,7 @@ bool IsSure(const ClearOptions& options, Session& session) {
     session.err << "remove all effects from " << options.cache << "? [y/N] " << std::flush;
     std::string answer;
     std::getline(session.in, answer);
+    StopIfAsked();
     if (answer.ends_with('\r')) { answer.pop_back(); }  // lines on Windows
     return answer == "y" || answer == "Y" || answer == "yes";
 }
@@ -48,7 +49,7 @@ void Clear(const ClearOptions& options, Session& session) {
     }
     {
         const Cache::Lock lock(cache);
-        Compact(cache, lock, Keep::Nothing);
+        Compact(cache, lock, Keep::Nothing, session);
     }
     session.Report(fmt::format("{}: now empty", options.cache), {{"cleared", options.cache}});
 }

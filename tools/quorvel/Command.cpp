@@ -100,6 +100,12 @@ void Command::AddJson() {
     AddFlag("--json", session.json, "print JSON");
 }
 
+void Command::AddEscaped() {
+    AddFlag("-e,--escaped", session.isEscaped,
+            "NAME is spelled as \"quorvel list\" prints it, with \\xNN for a byte and \\\\ for a "
+            "backslash");
+}
+
 Command AddCommand(CLI::App& program, Session& session, const std::string& name,
                    const std::string& help, std::function<void()> run) {
     CLI::App* const app = program.add_subcommand(name, help);

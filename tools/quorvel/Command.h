@@ -49,6 +49,9 @@ struct Command {
 
     void AddJson();
 
+    // --escaped, for commands that take names of effects.
+    void AddEscaped();
+
     // An option such as "-o,--output", or an argument such as "NAME". The value may be a string, a
     // number, an optional number, or a vector of strings.
     template <typename Value>

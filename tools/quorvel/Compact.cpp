@@ -16,7 +16,7 @@ void CompactCache(const std::string& argument, Session& session) {
     {
         Cache cache(session, argument);
         const Cache::Lock lock(cache);
-        result = Compact(cache, lock, Keep::Everything);
+        result = Compact(cache, lock, Keep::Everything, session);
     }
     if (result.damaged > 0) {
         session.exitCode = kNo;

@@ -21,6 +21,7 @@
 #include "platform/ScopeGuard.h"
 #include "quorvel/Exceptions.h"
 #include "tools/quorvel/CacheEditor.h"
+#include "tools/quorvel/Progress.h"
 #include "tools/quorvel/Text.h"
 
 namespace Quorvel::Tool {
@@ -55,7 +56,8 @@ void Write(std::FILE* file, std::uint64_t page, const Page& from) {
 
 // Replaces the bytes of the file by those of another one. All pages that are overwritten are in the
 // journal before the first one is; page 0, the head page, is written last.
-void ReplaceBytes(const std::string& path, const std::string& by) {
+void ReplaceBytes(Cache& cache, const std::string& by, const Session& session) {
+    const std::string& path = cache.Path();
     const std::uint64_t oldSize = fs::file_size(Format::ToPath(path));
     const std::uint64_t pages = fs::file_size(Format::ToPath(by)) / kPageSize;
     const std::uint64_t overwritten = std::min(oldSize / kPageSize, pages);
@@ -69,13 +71,17 @@ void ReplaceBytes(const std::string& path, const std::string& by) {
         file.Close();
         try {
             journal.Undo();
-        } catch (const std::exception&) {}  // the next process that opens the file tries again
+        } catch (const std::exception&) {
+            // The journal stays, and the next process that opens or reloads the file tries again.
+            cache.TellOthers();
+        }
     };
     Platform::ScopeGuard undo(putBack);
+    Progress progress(session, "replacing the file", overwritten + pages);
     for (std::uint64_t i = 0; i < overwritten; ++i) {
-        StopIfAsked();
         Read(file.Get(), i, page);
         journal.KeepPage(kHeadPageNumber + i, page.data());
+        progress.Add();
     }
     if (overwritten > 0) {
         if (!journal.PrepareWrite(kHeadPageNumber + overwritten - 1)) { FailWith(EIO); }
@@ -86,9 +92,9 @@ void ReplaceBytes(const std::string& path, const std::string& by) {
         Write(file.Get(), 0, page);
     }
     for (std::uint64_t i = 1; i < pages; ++i) {
-        StopIfAsked();
         Read(source.Get(), i, page);
         Write(file.Get(), i, page);
+        progress.Add();
     }
     Read(source.Get(), 0, page);
     Write(file.Get(), 0, page);
@@ -100,7 +106,8 @@ void ReplaceBytes(const std::string& path, const std::string& by) {
 }
 
 // Copies the effects of a package and the other blocks of its header data.
-void CopyEffects(PagedFilePackage& from, PagedFilePackage& to, CompactionResult& result) {
+void CopyEffects(PagedFilePackage& from, PagedFilePackage& to, CompactionResult& result,
+                 const Session& session) {
     EffectIndex effects;
     if (!effects.Load(from)) { throw FileDataCorruptException(); }
     const std::uint64_t headerSize = from.GetHeaderDataSize();
@@ -109,8 +116,9 @@ void CopyEffects(PagedFilePackage& from, PagedFilePackage& to, CompactionResult&
     EffectIndex copies;
     copies.Start(to);
     Tab<unsigned char> data;
+    Progress progress(session, "copying effects", effects.Size());
     for (const IndexEntry* const effect : effects.Entries()) {
-        StopIfAsked();
+        progress.Add();
         bool isIntact = false;
         try {
             isIntact = ReadEffect(from, effect->record, data);
@@ -131,7 +139,7 @@ void CopyEffects(PagedFilePackage& from, PagedFilePackage& to, CompactionResult&
 
 // Writes the new file.
 void Prepare(const std::string& path, const std::string& newPath, Keep keep,
-             CompactionResult& result) {
+             CompactionResult& result, const Session& session) {
     std::remove(newPath.c_str());  // what a process that died has left, or something planted
     std::FILE* const file = Platform::CreateNewFile(newPath.c_str());
     if (!file) { FailWith(errno); }
@@ -147,23 +155,41 @@ void Prepare(const std::string& path, const std::string& newPath, Keep keep,
     const CStr name(path.c_str());
     const Util::RefPtr<PagedFilePackage> package = PagedFilePackage::Open(CachePackageConfig(name));
     if (!package) { throw FileDataCorruptException(); }
-    CopyEffects(*package, *copy, result);
+    CopyEffects(*package, *copy, result, session);
+}
+
+// What the file takes is enough for an empty package.
+void EmptyInPlace(const std::string& path) {
+    fs::resize_file(Format::ToPath(path), 0);
+    const CStr name(path.c_str());
+    const Util::RefPtr<PagedFilePackage> package =
+        PagedFilePackage::Create(CachePackageConfig(name));
+    if (!package) { FailWith(ENOSPC); }
+    EffectIndex().Start(*package);
+    package->Commit();
+}
+
+void Replace(Cache& cache, Keep keep, CompactionResult& result, const Session& session) {
+    const std::string newPath = cache.Path() + "-compact";
+    const Platform::ScopeGuard removeNewFile([&] { std::remove(newPath.c_str()); });
+    Prepare(cache.Path(), newPath, keep, result, session);
+    ReplaceBytes(cache, newPath, session);
 }
 
 }  // namespace
 
-CompactionResult Compact(Cache& cache, const Cache::Lock& lock, Keep keep) {
+CompactionResult Compact(Cache& cache, const Cache::Lock& lock, Keep keep, const Session& session) {
     lock.Recover();
-    if (!cache.Exists()) {
-        throw Failure(cache.Name() + ": there is no cache file in the directory", kNo);
-    }
-    const std::string newPath = cache.Path() + "-compact";
+    cache.RequireFile();
     CompactionResult result;
-    const Platform::ScopeGuard removeNewFile([&] { std::remove(newPath.c_str()); });
     try {
         result.sizeBefore = fs::file_size(Format::ToPath(cache.Path()));
-        Prepare(cache.Path(), newPath, keep, result);
-        ReplaceBytes(cache.Path(), newPath);
+        try {
+            Replace(cache, keep, result, session);
+        } catch (const FileIOException& error) {
+            if (keep == Keep::Everything || error.errorCode != ENOSPC) { throw; }
+            EmptyInPlace(cache.Path());
+        }
         result.sizeAfter = fs::file_size(Format::ToPath(cache.Path()));
     } catch (const Failure&) { throw; } catch (const FileDataCorruptException& error) {
         throw Failure(DescribeFailure(cache.Path(), error), kNo);

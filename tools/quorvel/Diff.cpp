@@ -62,15 +62,14 @@ void ReadAll(const DiffOptions& options, Cache& cache, Progress& progress, const
             progress.Add(effect.data.size());
         },
         [&](const Format::IndexEntry& effect, const std::string& why) {
-            session.Tell(
-                fmt::format("{}: \"{}\" is damaged: {}", cache.Path(), Escape(effect.name), why));
+            TellDamage(session, cache, effect.name, why);
             Known known = describe(effect.record);
             known.isDamaged = true;
             use(effect.name, known);
         });
 }
 
-// In what two effects of one name differ. A damaged one differs from all.
+// How two effects of one name differ. A damaged one differs from every other.
 Json Compare(const Known& a, const Known& b, bool comparesTimes) {
     Json what = Json::array();
     const bool isDamaged = a.isDamaged || b.isDamaged;
@@ -92,7 +91,9 @@ Differences FindDifferences(const DiffOptions& options, const Session& session) 
     std::map<std::string, Known, Format::NameOrder> inA;
     ReadAll(options, a, progress, session,
             [&](const std::string& name, const Known& effect) { inA.emplace(name, effect); });
+    bool hasMatch = !inA.empty();
     ReadAll(options, b, progress, session, [&](const std::string& name, const Known& effect) {
+        hasMatch = true;
         const auto found = inA.find(name);
         if (found == inA.end()) {
             result.onlyB.push_back(name);
@@ -102,6 +103,9 @@ Differences FindDifferences(const DiffOptions& options, const Session& session) 
         Json what = Compare(found->second, effect, options.comparesTimes);
         if (!what.empty()) { result.both.emplace_back(name, std::move(what)); }
     });
+    if (!hasMatch && options.match != "*") {
+        throw NoMatch(options.a + ", " + options.b, options.match);
+    }
     for (const auto& [name, effect] : inA) {
         if (!effect.isInBoth) { result.onlyA.push_back(name); }
     }

@@ -7,6 +7,11 @@
 
 namespace Quorvel::Tool {
 
+// What to say when the contents of effects were not checked.
+constexpr char kContentsUnchecked[] =
+    "the contents of streams have no checksum: damage to them goes unnoticed, unless "
+    "--effects-format says where to find one";
+
 // What the program knows of the bytes of effects. The cache keeps no checksum of them, but the host
 // that stored them may have.
 class EffectsFormat {

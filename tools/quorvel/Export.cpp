@@ -65,13 +65,11 @@ Exported WriteArchive(const ExportOptions& options, Cache& cache, std::ostream& 
             progress.Add(effect.data.size());
         },
         [&](const Format::IndexEntry& effect, const std::string& why) {
-            session.Tell(fmt::format("{}: \"{}\" is damaged and left out: {}", cache.Path(),
-                                     Escape(effect.name), why));
+            TellDamage(session, cache, effect.name, why);
             result.damaged.push_back(effect.name);
         });
     if (result.effects == 0 && result.damaged.empty() && options.match != "*") {
-        throw Failure(
-            fmt::format("{}: no effect matches \"{}\"", cache.Name(), Escape(options.match)), kNo);
+        throw NoMatch(cache.Name(), options.match);
     }
     archive.Finish();
     return result;

@@ -18,22 +18,22 @@ struct GetOptions {
     std::string output;
 };
 
-Format::Bytes ReadEffect(const GetOptions& options, Cache& cache) {
+Format::Bytes ReadEffect(const std::string& name, Cache& cache) {
     const Cache::Lock lock(cache);
     const std::unique_ptr<Snapshot> snapshot = ReadCache(cache, lock);
-    const Format::IndexEntry* const effect = snapshot->Find(options.name);
+    const Format::IndexEntry* const effect = snapshot->Find(name);
     if (!effect) {
         throw Failure(
             fmt::format("{}: no effect is called \"{}\"; \"quorvel list\" shows the names",
-                        cache.Name(), Escape(options.name)),
+                        cache.Name(), Escape(name)),
             kNo);
     }
     try {
         return snapshot->Read(*effect);
     } catch (const Format::FormatError& error) {
-        throw Failure(fmt::format("{}: \"{}\" is damaged: {}", cache.Path(), Escape(options.name),
-                                  error.what()),
-                      kNo);
+        throw Failure(
+            fmt::format("{}: \"{}\" is damaged: {}", cache.Path(), Escape(name), error.what()),
+            kNo);
     }
 }
 
@@ -44,7 +44,7 @@ void Write(const Format::Bytes& bytes, std::ostream& out) {
 
 void Get(const GetOptions& options, Session& session) {
     Cache cache(session, options.cache);
-    const Format::Bytes bytes = ReadEffect(options, cache);
+    const Format::Bytes bytes = ReadEffect(session.ReadName(options.name), cache);
     if (options.output.empty() || options.output == "-") {
         Write(bytes, session.out);
     } else {
@@ -63,6 +63,7 @@ void AddGet(CLI::App& program, Session& session) {
     command.AddReading();
     command.AddCache(options->cache);
     command.AddOption("NAME", options->name, "the effect's name").Required();
+    command.AddEscaped();
     command.AddOption("-o,--output", options->output,
                       "the file to write; standard output if it is left out");
 }

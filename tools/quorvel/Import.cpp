@@ -13,6 +13,7 @@
 #include "tools/quorvel/Commands.h"
 #include "tools/quorvel/Incoming.h"
 #include "tools/quorvel/Progress.h"
+#include "tools/quorvel/Selection.h"
 #include "tools/quorvel/Text.h"
 
 namespace Quorvel::Tool {
@@ -46,11 +47,9 @@ std::uint64_t Read(const ImportOptions& options, Incoming& incoming, Session& se
 
 void Import(const ImportOptions& options, Session& session) {
     Cache cache(session, options.cache);
-    Incoming incoming;
+    Incoming incoming(options.incoming.isDryRun);
     if (Read(options, incoming, session) == 0 && options.incoming.match != "*") {
-        throw Failure(fmt::format("{}: no effect matches \"{}\"", options.archive,
-                                  Escape(options.incoming.match)),
-                      kNo);
+        throw NoMatch(options.archive, options.incoming.match);
     }
     const IncomingResult result = TakeIn(incoming, cache, options.incoming, session);
     ReportResult(session, result, options.incoming, 0);

@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "effectcache/EffectRecord.h"
-#include "effectcache/SharedCache.h"
+#include "effectcache/SpaceBudget.h"
 #include "tools/quorvel/CacheEditor.h"
 #include "tools/quorvel/Progress.h"
 #include "tools/quorvel/Selection.h"
@@ -43,12 +43,15 @@ std::string TemporaryFolder() {
 
 // ---- Collecting ---------------------------------------------------------------------------------
 
-Incoming::Incoming() : file_(CreateTemporaryFile(TemporaryFolder())) {
+Incoming::Incoming(bool isDryRun) {
+    if (isDryRun) { return; }
+    file_.reset(CreateTemporaryFile(TemporaryFolder()));
     if (!file_) { FailTemporaryFile("created"); }
 }
 
 std::fpos_t Incoming::Keep(const Format::Bytes& data) {
-    std::fpos_t place;
+    std::fpos_t place = {};
+    if (!file_) { return place; }
     if (std::fgetpos(file_.get(), &place) != 0 ||
         std::fwrite(data.data(), 1, data.size(), file_.get()) != data.size()) {
         FailTemporaryFile("written");
@@ -88,6 +91,11 @@ void IncomingOptions::AddTo(Command& command, const std::string& source) {
 
 namespace {
 
+CacheEditor::Room RoomOfNewCache(const Cache& cache) {
+    const std::uint64_t capacity = CapacityBeside(cache, 0);
+    return {kStreamLimit - 1, capacity - std::min<std::uint64_t>(capacity, 1)};
+}
+
 // An effect that the cache would hold if it had room for everything: one of its own, or one that
 // comes in, perhaps in the place of one of its own.
 struct Candidate {
@@ -112,11 +120,12 @@ struct Candidate {
 
 class Plan {
 public:
-    Plan(const Incoming& incoming, CacheEditor* editor, const std::string& prefer)
+    // Without an editor, for a cache that would be made.
+    Plan(const Incoming& incoming, const Cache& cache, CacheEditor* editor,
+         const std::string& prefer)
         : incoming_(incoming.All()), prefer_(prefer) {
         Match(editor);
-        Choose(editor ? editor->TotalRoom()
-                      : CacheEditor::Room{kStreamLimit - 1, kLargestSpaceBudget - 1});
+        Choose(editor ? editor->TotalRoom() : RoomOfNewCache(cache));
     }
 
     IncomingResult result;
@@ -167,10 +176,12 @@ private:
             room.effects -= std::min<std::uint64_t>(room.effects, 1);
             room.bytes -= std::min(room.bytes, size);
         }
-        for (std::vector<std::string>* const names :
-             {&result.added, &result.replaced, &result.evicted}) {
-            std::sort(names->begin(), names->end(), Format::NameOrder());
+        for (auto* const names : {&result.added, &result.replaced}) {
+            std::sort(names->begin(), names->end(), [](const auto* left, const auto* right) {
+                return Format::NameOrder()(*left, *right);
+            });
         }
+        std::sort(result.evicted.begin(), result.evicted.end(), Format::NameOrder());
     }
 
     void Note(const Candidate& candidate, bool stays) {
@@ -179,7 +190,7 @@ private:
         if (!stays) {
             ++result.leftOut;
         } else {
-            (candidate.own ? result.replaced : result.added).push_back(candidate.incoming->first);
+            (candidate.own ? result.replaced : result.added).push_back(&candidate.incoming->first);
         }
     }
 
@@ -196,17 +207,20 @@ namespace {
 
 void Apply(const IncomingResult& result, const Incoming& incoming, CacheEditor& editor,
            const Session& session) {
-    for (const std::vector<std::string>* const names : {&result.evicted, &result.replaced}) {
-        for (const std::string& name : *names) {
-            StopIfAsked();
-            editor.Remove(editor.Find(name));
-        }
+    Progress progress(session, "storing",
+                      result.evicted.size() + result.added.size() + result.replaced.size());
+    for (const std::string& name : result.evicted) {
+        editor.Remove(editor.Find(name));
+        progress.Add();
     }
-    Progress progress(session, "storing", result.added.size() + result.replaced.size());
-    for (const std::vector<std::string>* const names : {&result.added, &result.replaced}) {
-        for (const std::string& name : *names) {
-            const Incoming::Effect& effect = incoming.All().at(name);
-            editor.Store(name, incoming.Read(effect), effect.permanent, effect.time);
+    for (const std::string* const name : result.replaced) {
+        StopIfAsked();
+        editor.Remove(editor.Find(*name));
+    }
+    for (const auto* const names : {&result.added, &result.replaced}) {
+        for (const std::string* const name : *names) {
+            const Incoming::Effect& effect = incoming.All().at(*name);
+            editor.Store(*name, incoming.Read(effect), effect.permanent, effect.time);
             progress.Add();
         }
     }
@@ -222,20 +236,23 @@ IncomingResult TakeIn(const Incoming& incoming, Cache& cache, const IncomingOpti
     if (cache.Exists() || !options.isDryRun) {
         editor.emplace(cache, lock, CacheEditor::Missing::Create);
     }
-    IncomingResult result = Plan(incoming, editor ? &*editor : nullptr, options.prefer).result;
+    IncomingResult result =
+        Plan(incoming, cache, editor ? &*editor : nullptr, options.prefer).result;
     if (!options.isDryRun) { Apply(result, incoming, *editor, session); }
     return result;
 }
 
 void ReportResult(Session& session, const IncomingResult& result, const IncomingOptions& options,
                   std::uint64_t damaged) {
-    const std::pair<const char*, const std::vector<std::string>&> lists[] = {
-        {"+ ", result.added}, {"! ", result.replaced}, {"- ", result.evicted}};
     if (options.isDryRun && !session.json) {
-        for (const auto& [mark, names] : lists) {
-            for (const std::string& name : names) {
-                session.out << mark << Escape(name) << '\n';
+        for (const auto& [mark, names] :
+             {std::pair("+ ", &result.added), std::pair("! ", &result.replaced)}) {
+            for (const std::string* const name : *names) {
+                session.out << mark << Escape(*name) << '\n';
             }
+        }
+        for (const std::string& name : result.evicted) {
+            session.out << "- " << Escape(name) << '\n';
         }
     }
     std::string line = fmt::format("{}added {}, replaced {}", options.isDryRun ? "would have " : "",

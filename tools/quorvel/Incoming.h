@@ -26,8 +26,9 @@ public:
     };
     using Effects = std::map<std::string, Effect, Format::NameOrder>;
 
-    // All throw Failure if there is no room for the temporary file, or if it fails.
-    Incoming();
+    // Without the bytes, for a dry run, if asked to. All throw Failure if there is no room for the
+    // temporary file, or if it fails.
+    explicit Incoming(bool isDryRun);
     std::fpos_t Keep(const Format::Bytes& data);
     Format::Bytes Read(const Effect& effect) const;
 
@@ -57,10 +58,10 @@ struct IncomingOptions {
     void AddTo(Command& command, const std::string& source);
 };
 
-// What became of the effects.
+// What became of the effects. The names are in the order of an index.
 struct IncomingResult {
-    std::vector<std::string> added;
-    std::vector<std::string> replaced;
+    std::vector<const std::string*> added;  // names in the Incoming
+    std::vector<const std::string*> replaced;
     std::vector<std::string> evicted;  // from the cache, to make room
     std::uint64_t kept = 0;            // the cache's own effect was preferred
     std::uint64_t leftOut = 0;         // did not fit

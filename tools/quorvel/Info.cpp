@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "effectcache/EffectRecord.h"
-#include "effectcache/SharedCache.h"
+#include "effectcache/SpaceBudget.h"
 #include "format/Path.h"
 #include "tools/quorvel/Cache.h"
 #include "tools/quorvel/Commands.h"

@@ -4,11 +4,11 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "tools/quorvel/Cache.h"
 #include "tools/quorvel/Commands.h"
+#include "tools/quorvel/Selection.h"
 #include "tools/quorvel/Text.h"
 
 namespace Quorvel::Tool {
@@ -23,11 +23,6 @@ struct ListOptions {
     bool isLong = false;
     bool endsInNull = false;
 };
-
-auto TimeKey(const Format::EntryTime& time) {
-    return std::tuple(time.year, time.month, time.day, time.hour, time.minute, time.second,
-                      time.millisecond);
-}
 
 // The effects that were asked for, in the order that was asked for.
 std::vector<Format::IndexEntry> Select(const ListOptions& options, Session& session) {
@@ -46,7 +41,7 @@ std::vector<Format::IndexEntry> Select(const ListOptions& options, Session& sess
         });
     } else if (options.sort == "time") {
         std::stable_sort(effects.begin(), effects.end(), [](const auto& left, const auto& right) {
-            return TimeKey(left.record.time) < TimeKey(right.record.time);
+            return IsEarlier(ToRecord(left.record.time), ToRecord(right.record.time));
         });
     }
     if (options.reverse) { std::reverse(effects.begin(), effects.end()); }
@@ -73,7 +68,7 @@ void PrintJson(const std::vector<Format::IndexEntry>& effects, Session& session)
 void List(const ListOptions& options, Session& session) {
     const std::vector<Format::IndexEntry> effects = Select(options, session);
     if (effects.empty() && options.match != "*") {
-        session.Tell("quorvel: no effect matches " + Escape(options.match));
+        session.Tell(std::string("quorvel: ") + NoMatch(options.cache, options.match).what());
         session.exitCode = kNo;
     }
     if (session.json) { return PrintJson(effects, session); }

@@ -11,6 +11,7 @@
 #include "tools/quorvel/Commands.h"
 #include "tools/quorvel/Incoming.h"
 #include "tools/quorvel/Progress.h"
+#include "tools/quorvel/Selection.h"
 #include "tools/quorvel/Text.h"
 
 namespace Quorvel::Tool {
@@ -66,8 +67,7 @@ std::uint64_t Collect(const Caches& sources, const std::string& match, Incoming&
                 progress.Add(record.size);
             },
             [&](const Format::IndexEntry& effect, const std::string& why) {
-                session.Tell(fmt::format("{}: \"{}\" is damaged and left out: {}", source->Path(),
-                                         Escape(effect.name), why));
+                TellDamage(session, *source, effect.name, why);
                 ++damaged;
             });
     }
@@ -77,10 +77,10 @@ std::uint64_t Collect(const Caches& sources, const std::string& match, Incoming&
 void Merge(const MergeOptions& options, Session& session) {
     Cache dest(session, options.dest);
     const Caches sources = OpenSources(options, dest, session);
-    Incoming incoming;
+    Incoming incoming(options.incoming.isDryRun);
     const std::uint64_t damaged = Collect(sources, options.incoming.match, incoming, session);
     if (incoming.All().empty() && damaged == 0 && options.incoming.match != "*") {
-        throw Failure(fmt::format("no effect matches \"{}\"", Escape(options.incoming.match)), kNo);
+        throw NoMatch(fmt::format("{}", fmt::join(options.sources, ", ")), options.incoming.match);
     }
     const IncomingResult result = TakeIn(incoming, dest, options.incoming, session);
     ReportResult(session, result, options.incoming, damaged);

@@ -13,8 +13,14 @@
 
 namespace Quorvel::Tool {
 
+std::string Session::ReadName(const std::string& argument) const {
+    return isEscaped ? Unescape(argument) : argument;
+}
+
 void Session::Tell(const std::string& line) const {
-    if (!quiet) { err << line << '\n'; }
+    if (quiet) { return; }
+    if (isErrTerminal) { err << "\r\x1B[K"; }  // a progress bar may be there
+    err << EscapePath(line) << '\n';
 }
 
 void Session::Print(const Json& value) const {
@@ -30,7 +36,7 @@ void Session::Report(const std::string& line, const Json& value) const {
 }
 
 void StopIfAsked() {
-    if (IsStopRequested()) { throw Failure("stopped; what was not complete was not changed"); }
+    if (IsStopRequested()) { throw Failure("stopped; no unfinished change was kept"); }
 }
 
 namespace {
@@ -77,7 +83,7 @@ int RunProgram(int argc, const char* const* argv, const Streams& streams) {
     try {
         result = Run(argc, argv, session);
     } catch (const Failure& failure) {
-        session.err << "quorvel: " << failure.what() << '\n';
+        session.err << "quorvel: " << EscapePath(failure.what()) << '\n';
         result = failure.exitCode;
     } catch (const std::exception& error) { session.err << "quorvel: " << error.what() << '\n'; }
     if (!session.out.flush() && result != kFailed) {

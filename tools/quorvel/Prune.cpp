@@ -57,14 +57,16 @@ std::vector<std::string> Choose(CacheEditor& editor, const PruneOptions& options
                                 const Limits& limits, bool& isWithinLimits) {
     std::uint64_t size = 0;
     std::uint64_t effects = 0;
+    bool hasMatch = false;
     std::vector<const IndexEntry*> candidates;
     for (const IndexEntry* const effect : editor.Effects()) {
         size += SizeOf(*effect);
         ++effects;
-        if (effect->record.permanent == 0 && Matches(options.match, NameOf(*effect))) {
-            candidates.push_back(effect);
-        }
+        if (!Matches(options.match, NameOf(*effect))) { continue; }
+        hasMatch = true;
+        if (effect->record.permanent == 0) { candidates.push_back(effect); }
     }
+    if (!hasMatch && options.match != "*") { throw NoMatch(options.cache, options.match); }
     std::stable_sort(candidates.begin(), candidates.end(), [](const auto* left, const auto* right) {
         return IsEarlier(left->record.entryTime, right->record.entryTime);
     });
@@ -92,13 +94,7 @@ void Prune(const PruneOptions& options, Session& session) {
         const Cache::Lock lock(cache);
         CacheEditor editor(cache, lock, CacheEditor::Missing::Refuse);
         names = Choose(editor, options, limits, isWithinLimits);
-        if (!options.isDryRun) {
-            for (const std::string& name : names) {
-                StopIfAsked();
-                editor.Remove(editor.Find(name));
-            }
-            editor.Commit();
-        }
+        if (!options.isDryRun) { RemoveEffects(editor, names, session); }
     }
     ReportNames(session, "removed", names, options.isDryRun);
     if (!isWithinLimits) {

@@ -6,12 +6,14 @@
 #include <istream>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "effectcache/EffectRecord.h"
 #include "format/Path.h"
 #include "tools/quorvel/Cache.h"
 #include "tools/quorvel/CacheEditor.h"
 #include "tools/quorvel/Commands.h"
+#include "tools/quorvel/Selection.h"
 #include "tools/quorvel/Text.h"
 
 namespace Quorvel::Tool {
@@ -31,13 +33,16 @@ Format::Bytes ReadInput(const PutOptions& options, Session& session) {
     if (options.file != "-") {
         file.open(Format::ToPath(options.file), std::ios::binary);
         if (!file) {
-            throw Failure(fmt::format("{}: can't be read: {}", options.file, std::strerror(errno)));
+            const int error = errno;
+            throw Failure(fmt::format("{}: can't be read: {}", options.file, std::strerror(error)),
+                          error == ENOENT ? kNo : kFailed);
         }
     }
     std::istream& in = options.file == "-" ? session.in : file;
     Format::Bytes data(kLargestEffect + 1);
     in.read(reinterpret_cast<char*>(data.data()), static_cast<std::streamsize>(data.size()));
     if (in.bad()) { throw Failure(fmt::format("{}: can't be read", options.file)); }
+    StopIfAsked();
     data.resize(static_cast<std::size_t>(in.gcount()));
     return data;
 }
@@ -48,23 +53,32 @@ void Put(const PutOptions& options, Session& session) {
         throw Failure(fmt::format("{}: {}; an effect has 1 byte to 1 MiB", options.file,
                                   data.empty() ? "empty" : "too large"));
     }
-    if (options.name.size() < kShortestName || options.name.size() > kLongestName) {
-        throw Failure(fmt::format("the name has {}; a name has 1 to {}",
-                                  Count(options.name.size(), "byte"), kLongestName),
+    const std::string name = session.ReadName(options.name);
+    if (name.size() < kShortestName || name.size() > kLongestName) {
+        throw Failure(fmt::format("the name has {}; a name has 1 to {}", Count(name.size(), "byte"),
+                                  kLongestName),
                       kUsage);
     }
     Cache cache(session, options.cache);
+    std::vector<std::string> evicted;
     {
         const Cache::Lock lock(cache);
         CacheEditor editor(cache, lock, CacheEditor::Missing::Create);
-        if (IndexEntry* const replaced = editor.Find(options.name)) { editor.Remove(replaced); }
-        editor.MakeRoom(1, CacheEditor::EffectSize(options.name.size(), data.size()));
-        editor.Store(options.name, data, options.permanent, Now());
+        bool isPermanent = options.permanent;
+        if (IndexEntry* const replaced = editor.Find(name)) {
+            isPermanent = isPermanent || replaced->record.permanent != 0;
+            editor.Remove(replaced);
+        }
+        evicted = editor.MakeRoom(CacheEditor::EffectSize(name.size(), data.size()));
+        editor.Store(name, data, isPermanent, Now());
         editor.Commit();
     }
+    std::string line = fmt::format("stored {} as \"{}\"", Count(data.size(), "byte"), Escape(name));
+    if (!evicted.empty()) {
+        line += fmt::format("; for lack of room, evicted {}", Count(evicted.size(), "effect"));
+    }
     session.Report(
-        fmt::format("stored {} as \"{}\"", Count(data.size(), "byte"), Escape(options.name)),
-        {{"stored", Escape(options.name)}, {"size", data.size()}});
+        line, {{"stored", Escape(name)}, {"size", data.size()}, {"evicted", EscapeAll(evicted)}});
 }
 
 }  // namespace
@@ -80,7 +94,10 @@ void AddPut(CLI::App& program, Session& session) {
     command.AddCache(options->cache);
     command.AddOption("NAME", options->name, "the effect's name").Required();
     command.AddOption("FILE", options->file, "its bytes; - for standard input").Required();
-    command.AddFlag("--permanent", options->permanent, "never evict the effect");
+    command.AddEscaped();
+    command.AddFlag(
+        "--permanent", options->permanent,
+        "never evict the effect; one that replaces a permanent effect is permanent, too");
 }
 
 }  // namespace Quorvel::Tool

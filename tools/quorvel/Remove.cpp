@@ -23,14 +23,8 @@ void Remove(const RemoveOptions& options, Session& session) {
     {
         const Cache::Lock lock(cache);
         CacheEditor editor(cache, lock, CacheEditor::Missing::Refuse);
-        names = options.selection.Find(editor, cache.Name());
-        if (!options.isDryRun) {
-            for (const std::string& name : names) {
-                StopIfAsked();
-                editor.Remove(editor.Find(name));
-            }
-            editor.Commit();
-        }
+        names = options.selection.Find(editor, cache, session);
+        if (!options.isDryRun) { RemoveEffects(editor, names, session); }
     }
     ReportNames(session, "removed", names, options.isDryRun);
 }

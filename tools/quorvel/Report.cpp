@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "effectcache/EffectRecord.h"
-#include "effectcache/SharedCache.h"
+#include "effectcache/SpaceBudget.h"
 #include "tools/quorvel/ReportPage.h"
 #include "tools/quorvel/Session.h"
 #include "tools/quorvel/Statistics.h"

@@ -193,6 +193,7 @@ void PrintText(const Outcome& outcome, const SalvageOptions& options, Session& s
         session.Tell(fmt::format("left out {}: {}", Count(count, "effect"), reason));
     }
     if (!outcome.hasWholeIndex) { session.Tell("there may have been more effects"); }
+    if (!options.format.IsKnown()) { session.Tell(kContentsUnchecked); }
 }
 
 Json ToJson(const Outcome& outcome, const SalvageOptions& options) {

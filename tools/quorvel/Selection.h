@@ -21,14 +21,24 @@ struct Selection {
 
     // The names of the effects, each once and in their order. Throws Failure, with the exit code
     // kNo, if one of them is missing or if nothing matches.
-    std::vector<std::string> Find(CacheEditor& editor, const std::string& cache) const;
+    std::vector<std::string> Find(CacheEditor& editor, const Cache& cache,
+                                  const Session& session) const;
 };
 
-// An effect's name in the cache, as a string of bytes.
-std::string NameOf(const IndexEntry& entry);
+// What to throw if a pattern matches nothing; with the exit code kNo.
+Failure NoMatch(const std::string& cache, const std::string& pattern);
+
+// Removes effects, and commits that.
+void RemoveEffects(CacheEditor& editor, const std::vector<std::string>& names,
+                   const Session& session);
+
+// Says that an effect can't be read, and why.
+void TellDamage(const Session& session, const Cache& cache, const std::string& name,
+                const std::string& why);
 
 // Escaped names, as JSON.
 Json EscapeAll(const std::vector<std::string>& names);
+Json EscapeAll(const std::vector<const std::string*>& names);
 
 // Reports effects that were changed, "removed 2 effects", or with --json their names. A dry run
 // also prints the names, each on a line.

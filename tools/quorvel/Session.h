@@ -35,11 +35,15 @@ struct Session {
     bool json = false;
     bool quiet = false;
     bool offline = false;
+    bool isEscaped = false;      // names in arguments are
     std::uint32_t timeout = 10;  // seconds that a command waits for a cache's lock
     bool isErrTerminal = false;  // progress is shown only on a terminal
     bool isOutTerminal = false;
 
     int exitCode = kDone;  // what the command returns if it does not fail
+
+    // The name of an effect that an argument stands for. Throws Failure.
+    std::string ReadName(const std::string& argument) const;
 
     // Prints a line to err unless --quiet was given.
     void Tell(const std::string& line) const;

@@ -28,7 +28,8 @@ void Set(const SetOptions& options, Session& session) {
     {
         const Cache::Lock lock(cache);
         CacheEditor editor(cache, lock, CacheEditor::Missing::Refuse);
-        for (const std::string& name : options.selection.Find(editor, cache.Name())) {
+        for (const std::string& name : options.selection.Find(editor, cache, session)) {
+            StopIfAsked();
             IndexEntry* const entry = editor.Find(name);
             if ((entry->record.permanent != 0) == options.permanent) { continue; }
             if (!options.isDryRun) { editor.SetPermanent(entry, options.permanent); }

@@ -24,8 +24,8 @@ TerminalSize OutputSize();
 // writes to a closed pipe fail instead of ending the program.
 void PrepareStandardStreams();
 
-// Makes Ctrl-C, or a request to end, a request that StopIfAsked notices. A second one ends the
-// program at once.
+// Makes Ctrl-C, or a request to end, a request that StopIfAsked notices; a read from a terminal or
+// a pipe that is waiting then fails. A second one ends the program at once.
 void CatchStopRequests();
 bool IsStopRequested();
 

@@ -18,9 +18,8 @@ namespace {
 
 volatile std::sig_atomic_t isStopRequested = 0;
 
-extern "C" void RequestStop(int signal) {
+extern "C" void RequestStop(int /*signal*/) {
     isStopRequested = 1;
-    std::signal(signal, SIG_DFL);
 }
 
 using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
@@ -66,8 +65,11 @@ void PrepareStandardStreams() {
 }
 
 void CatchStopRequests() {
-    std::signal(SIGINT, RequestStop);
-    std::signal(SIGTERM, RequestStop);
+    struct sigaction action = {};
+    action.sa_handler = RequestStop;
+    action.sa_flags = SA_RESETHAND;  // without SA_RESTART: a read that waits for input ends
+    ::sigaction(SIGINT, &action, nullptr);
+    ::sigaction(SIGTERM, &action, nullptr);
 }
 
 bool IsStopRequested() {

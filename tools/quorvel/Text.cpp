@@ -17,7 +17,8 @@
 namespace Quorvel::Tool {
 namespace {
 
-// The length of the UTF-8 character that the text begins with; 0 if it does not begin with one.
+// The length of the UTF-8 character that the text begins with; 0 if it begins with none, or with
+// one that can't be shown as a part of a line.
 std::size_t CharacterLength(std::string_view text) {
     const auto byte = [&](std::size_t i) {
         return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
@@ -31,7 +32,11 @@ std::size_t CharacterLength(std::string_view text) {
     }
     // Overlong forms, surrogates, and numbers above 0x10FFFF. C2 80 to C2 9F are control bytes.
     const unsigned second = byte(1);
-    const bool isValid = !(first == 0xE0 && second < 0xA0) && !(first == 0xED && second > 0x9F) &&
+    // Characters that reverse or break the line: U+2028 to U+202E, U+2066 to U+2069.
+    const unsigned third = byte(2);
+    const bool isValid = !(first == 0xE2 && second == 0x80 && third >= 0xA8 && third <= 0xAE) &&
+                         !(first == 0xE2 && second == 0x81 && third >= 0xA6 && third <= 0xA9) &&
+                         !(first == 0xE0 && second < 0xA0) && !(first == 0xED && second > 0x9F) &&
                          !(first == 0xF0 && second < 0x90) && !(first == 0xF4 && second > 0x8F) &&
                          !(first == 0xC2 && second < 0xA0);
     return isValid ? length : 0;
@@ -162,7 +167,7 @@ std::string Unescape(std::string_view text) {
         i += 2;
     }
     if (Escape(name) != text) {
-        throw Failure(fmt::format("\"{}\" is not an escaped name", Escape(text)));
+        throw Failure(fmt::format("\"{}\" is not an escaped name", EscapePath(text)), kUsage);
     }
     return name;
 }

@@ -10,8 +10,8 @@
 // How the program spells names, sizes and times, and what it reads.
 namespace Quorvel::Tool {
 
-// A name on one line: control bytes and bytes that are not UTF-8 become \xNN, a backslash becomes
-// two.
+// A name on one line: control bytes, bytes that are not UTF-8, and characters that break or reverse
+// the line become \xNN for each byte, a backslash becomes two.
 std::string Escape(std::string_view name);
 
 // The same for a path, or a message that names one, but a backslash stays one: on Windows, it

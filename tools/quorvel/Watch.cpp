@@ -13,6 +13,7 @@
 #include "format/Path.h"
 #include "tools/quorvel/Cache.h"
 #include "tools/quorvel/Commands.h"
+#include "tools/quorvel/Selection.h"
 #include "tools/quorvel/Terminal.h"
 #include "tools/quorvel/Text.h"
 #include "tools/quorvel/WatchView.h"
@@ -56,8 +57,7 @@ private:
 
     struct Effect {
         std::string name;
-        std::uint64_t stream;
-        std::uint64_t size;
+        Format::EffectRecord record;
     };
 
     Mark Look() const;
@@ -134,12 +134,17 @@ void Watcher::Compare(const std::vector<Format::IndexEntry>& effects, WatchUpdat
         if (old == effects_.end() || old->name != name) {
             update.added.push_back(name);
         } else {
-            if (old->stream != record.streamId || old->size != record.size) {
+            // Compacting gives an effect another stream, a search gives it another time.
+            const bool isMoved = old->record.streamId != record.streamId;
+            const bool hasNewTime = Time(old->record.time) != Time(record.time);
+            if (old->record.size != record.size || (isMoved && hasNewTime)) {
                 update.replaced.push_back(name);
+            } else if (hasNewTime) {
+                update.used.push_back(name);
             }
             ++old;
         }
-        now.push_back({name, record.streamId, record.size});
+        now.push_back({name, record});
     }
     for (; old != effects_.end(); ++old) {
         update.removed.push_back(old->name);
@@ -149,14 +154,6 @@ void Watcher::Compare(const std::vector<Format::IndexEntry>& effects, WatchUpdat
 }
 
 // ---- Showing ------------------------------------------------------------------------------------
-
-Json Names(const std::vector<std::string>& names) {
-    Json list = Json::array();
-    for (const std::string& name : names) {
-        list.push_back(Escape(name));
-    }
-    return list;
-}
 
 Json ToJson(const WatchUpdate& update, std::size_t saves) {
     Json json = {{"time", Time(update.time)}};
@@ -168,9 +165,10 @@ Json ToJson(const WatchUpdate& update, std::size_t saves) {
     json["bytes"] = update.state.bytes;
     json["fileSize"] = update.state.fileSize;
     json["savesInLastMinute"] = saves;
-    json["added"] = Names(update.added);
-    json["replaced"] = Names(update.replaced);
-    json["removed"] = Names(update.removed);
+    json["added"] = EscapeAll(update.added);
+    json["replaced"] = EscapeAll(update.replaced);
+    json["removed"] = EscapeAll(update.removed);
+    json["used"] = EscapeAll(update.used);
     return json;
 }
 
@@ -199,7 +197,7 @@ public:
         }
     }
 
-    // Draws the view over the one before. REQUIRES nothing of what is in the terminal above it.
+    // Draws the view over the last one, and leaves what is above it as it is.
     void Refresh() {
         if (!isView_) { return; }
         const TerminalSize size = OutputSize();

@@ -60,7 +60,7 @@ std::string Summary(const WatchUpdate& update) {
     std::string text;
     for (const auto& [names, done] :
          {std::pair(&update.added, "added"), std::pair(&update.replaced, "replaced"),
-          std::pair(&update.removed, "removed")}) {
+          std::pair(&update.removed, "removed"), std::pair(&update.used, "used")}) {
         if (names->empty()) { continue; }
         text += fmt::format("{}{} {}", text.empty() ? "" : ", ", names->size(), done);
     }

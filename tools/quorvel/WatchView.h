@@ -28,10 +28,11 @@ struct WatchUpdate {
     std::vector<std::string> added;  // names
     std::vector<std::string> replaced;
     std::vector<std::string> removed;
+    std::vector<std::string> used;  // they have a new time
 };
 
-// "12 added, 3 replaced, 1 removed", or "the same effects"; "watching" for the first update; or the
-// problem.
+// "12 added, 3 replaced, 1 removed, 5 used", or "the same effects"; "watching" for the first
+// update; or the problem.
 std::string Summary(const WatchUpdate& update);
 
 // The view of a cache in a terminal: its state now, and its last changes.

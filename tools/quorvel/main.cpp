@@ -6,7 +6,6 @@
 int main(int argc, char** argv) {
     Quorvel::Tool::PrepareStandardStreams();
     Quorvel::Tool::CatchStopRequests();
-    std::ios::sync_with_stdio(false);
     return Quorvel::Tool::RunProgram(
         argc, argv,
         {std::cin, std::cout, std::cerr, Quorvel::Tool::IsErrorTerminal(),

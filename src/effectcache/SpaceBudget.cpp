@@ -1,0 +1,40 @@
+#include "effectcache/SpaceBudget.h"
+
+#include <algorithm>
+
+#include "pagestore/RollbackJournal.h"
+#include "platform/DiskSpace.h"
+
+namespace Quorvel {
+
+namespace {
+
+// What a save needs beyond the pages for the bytes that it writes: effects and blocks of tails
+// leave gaps, and a few pages of blocks change.
+constexpr std::uint64_t kMoreSparePages = 64;
+
+}  // namespace
+
+std::uint64_t SpaceBudget(const char* directory, std::uint64_t reserved) noexcept {
+    std::uint64_t available = 0;
+    if (!Platform::GetFreeDiskSpace(directory, available)) {
+        return kLargestSpaceBudget;  // a full volume is better than an empty cache
+    }
+    return std::min(available - std::min(available, reserved), kLargestSpaceBudget);
+}
+
+std::uint64_t JournalBytes(const PagedFilePackage& package, const EffectIndex& index) {
+    const std::uint64_t pages =
+        index.TotalBytes() / kPageSize + package.HeadPageCount() + kMoreJournalPages;
+    return pages * RollbackJournal::kBytesPerPage;
+}
+
+// The spare pages and the journal together must leave most of the budget.
+void ReservePages(PagedFilePackage& package, const EffectIndex& index, std::uint64_t bytes,
+                  std::uint64_t budget) {
+    const std::uint64_t pages =
+        (bytes + index.TotalBytes()) / kPageSize + package.HeadPageCount() + kMoreSparePages;
+    if (pages * kPageSize <= budget / 4) { package.ReservePages(pages); }
+}
+
+}  // namespace Quorvel

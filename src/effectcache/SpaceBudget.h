@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+
+#include "effectcache/EffectIndex.h"
+#include "package/PagedFilePackage.h"
+
+// How much of a volume a cache may take, and what its saves set aside.
+namespace Quorvel {
+
+// The cache takes no more bytes of a volume than this, however many are free.
+constexpr std::uint64_t kLargestSpaceBudget = 0x10000000;
+
+// What a save's journal needs beyond the pages of the index and the head file.
+constexpr std::uint64_t kMoreJournalPages = 12;
+
+// The number of bytes that the cache of a directory may take if `reserved` of the free ones are set
+// aside.
+std::uint64_t SpaceBudget(const char* directory, std::uint64_t reserved) noexcept;
+
+// The journal's size for a save without spare pages, which overwrites the pages of the index and
+// the head file.
+std::uint64_t JournalBytes(const PagedFilePackage& package, const EffectIndex& index);
+
+// Makes pages free for what a save will write: `bytes` of effects, the index and the head file.
+// Does nothing if they would take too much of the budget, or if the file can't grow.
+void ReservePages(PagedFilePackage& package, const EffectIndex& index, std::uint64_t bytes,
+                  std::uint64_t budget);
+
+}  // namespace Quorvel

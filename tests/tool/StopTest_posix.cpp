@@ -1,0 +1,106 @@
+#include <csignal>
+#include <fstream>
+#include <iostream>
+#include <thread>
+
+#include "effectcache/SharedCache.h"
+#include "support/Agent.h"
+#include "support/ChildProcess.h"
+#include "tool/ToolTest.h"
+#include "tools/quorvel/Terminal.h"
+
+// Ctrl-C. On Windows it goes to all processes of a console and can't be sent to one.
+namespace Quorvel::Tool {
+namespace {
+
+using Testing::ChildProcess;
+using testing::HasSubstr;
+
+// Says when it begins. Sends messages to the test, too.
+QUORVEL_AGENT(RunTool) {
+    CatchStopRequests();
+    Testing::AgentSend("begins");
+    std::vector<const char*> argv = {"quorvel"};
+    for (const std::string& argument : arguments) {
+        argv.push_back(argument.c_str());
+    }
+    return RunProgram(static_cast<int>(argv.size()), argv.data(), {std::cin, std::cout, std::cout});
+}
+
+class StopTest : public ToolTest {
+protected:
+    static void Stop(const ChildProcess& process, int signal) {
+        ASSERT_EQ(::kill(static_cast<pid_t>(process.Id()), signal), 0);
+    }
+
+    // Waits until the process waits for input.
+    static void AwaitRead(const ChildProcess& process) {
+        const std::string path = "/proc/" + std::to_string(process.Id()) + "/syscall";
+        for (std::string number, descriptor; descriptor != "0x0";) {
+            std::this_thread::yield();
+            std::ifstream(path) >> number >> descriptor;
+        }
+    }
+};
+
+TEST_F(StopTest, WatchEndsWithoutAnError) {
+    MakeCache(ThreeEffects());
+    for (const int signal : {SIGINT, SIGTERM}) {
+        ChildProcess watch("RunTool", {"watch", cache_, "--interval", "3600"});
+        EXPECT_EQ(watch.Receive(), "begins");
+        EXPECT_THAT(watch.Receive(), testing::EndsWith("watching"));
+        Stop(watch, signal);
+        EXPECT_EQ(watch.Wait(), kDone);
+    }
+}
+
+TEST_F(StopTest, ClearChangesNothingAtItsQuestion) {
+    MakeCache(ThreeEffects());
+    const Format::Bytes before = FileBytes();
+    ChildProcess clear("RunTool", {"clear", cache_});
+    EXPECT_EQ(clear.Receive(), "begins");
+    AwaitRead(clear);
+    Stop(clear, SIGINT);
+    EXPECT_THAT(clear.Receive(), HasSubstr("quorvel: stopped"));
+    EXPECT_EQ(clear.Wait(), kFailed);
+    EXPECT_EQ(FileBytes(), before);
+}
+
+TEST_F(StopTest, PutStoresNoPartOfItsInput) {
+    MakeCache(ThreeEffects());
+    const Format::Bytes before = FileBytes();
+    ChildProcess put("RunTool", {"put", cache_, "new", "-"});
+    EXPECT_EQ(put.Receive(), "begins");
+    ASSERT_TRUE(put.Send("the beginning"));
+    AwaitRead(put);
+    Stop(put, SIGINT);
+    EXPECT_THAT(put.Receive(), HasSubstr("quorvel: stopped"));
+    EXPECT_EQ(put.Wait(), kFailed);
+    EXPECT_EQ(FileBytes(), before);
+}
+
+TEST_F(StopTest, ImportStopsReadingAPipe) {
+    MakeCache(ThreeEffects());
+    const Format::Bytes before = FileBytes();
+    ChildProcess import("RunTool", {"import", cache_, "-"});
+    EXPECT_EQ(import.Receive(), "begins");
+    AwaitRead(import);
+    Stop(import, SIGINT);
+    EXPECT_THAT(import.Receive(), HasSubstr("quorvel: stopped"));
+    EXPECT_EQ(import.Wait(), kFailed);
+    EXPECT_EQ(FileBytes(), before);
+}
+
+TEST_F(StopTest, NoCommandWaitsOnForTheLock) {
+    MakeCache(ThreeEffects());
+    SharedCache held(CStr(cache_.c_str()));
+    ASSERT_EQ(held.Mutex().Acquire(0), kWaitAcquired);
+    ChildProcess list("RunTool", {"list", cache_, "--timeout", "3600"});
+    EXPECT_EQ(list.Receive(), "begins");
+    Stop(list, SIGTERM);
+    EXPECT_EQ(list.Wait(), kFailed);
+    held.Mutex().Release();
+}
+
+}  // namespace
+}  // namespace Quorvel::Tool

@@ -91,10 +91,12 @@ void Main(const std::string& program, int rounds) {
     const std::string full = scratch.Path() + "/full";
     const std::string other = scratch.Path() + "/other";
     const std::string work = scratch.Path() + "/work";
+    const std::string effect = scratch.Path() + "/effect";
     const std::string archive = scratch.Path() + "/effects.tar";
     for (const std::string& directory : {full, other, work}) {
         fs::create_directory(directory);
     }
+    std::ofstream(effect) << std::string(kMeanSize, 'x');
     Fill(full, "full/", 1);
     Fill(other, "other/", 2);
     const auto nothing = [] {};
@@ -111,13 +113,24 @@ void Main(const std::string& program, int rounds) {
     Measure("list --json", rounds, nothing, command({"list", full, "--json"}));
     Measure("check", rounds, nothing, command({"check", full}));
     Measure("map", rounds, nothing, command({"map", full}));
+    Measure("get", rounds, nothing, command({"get", full, "full/1 ps_5_0 TAPS=9 SHADOWS=1"}));
+    Measure("diff, equal caches", rounds, copy, command({"diff", full, work}));
     Measure("export to .tar", rounds, nothing, command({"export", full, archive}));
+    Measure("export to .tar.gz", rounds, nothing, command({"export", full, archive + ".gz"}));
+    Measure("export to .tar.zst", rounds, nothing, command({"export", full, archive + ".zst"}));
     Measure("import, empty cache", rounds, empty, command({"import", work, archive}));
+    Measure("import from .tar.zst", rounds, empty, command({"import", work, archive + ".zst"}));
+    Measure("salvage", rounds, empty, command({"salvage", full, work}));
     Measure("merge, all new", rounds, copy, command({"merge", work, other}));
     Measure("merge, all known", rounds, copy, command({"merge", work, full}));
+    Measure("put", rounds, copy, command({"put", work, "new", effect}));
+    Measure("set, all effects", rounds, copy,
+            command({"set", work, "--match", "*", "--permanent"}));
+    Measure("remove, all effects", rounds, copy, command({"remove", work, "--match", "*"}));
     Measure("prune to half", rounds, copy,
             command({"prune", work, "--max-effects", std::to_string(kEffects / 2)}));
     Measure("compact", rounds, copy, command({"compact", work}));
+    Measure("clear", rounds, copy, command({"clear", work, "--yes"}));
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include "effectcache/EqualSizes.h"
 #include "effectcache/PlatformStubs.h"
 #include "effectcache/StoredCache.h"
+#include "pagestore/PageGeometry.h"
 #include "quorvel/MultiProcessTimeStamp.h"
 #include "support/ChildProcess.h"
 #include "support/StdioFaults.h"
@@ -242,6 +243,51 @@ TEST_F(EffectCacheJournal, SparePagesAreLeftOutWhenTheyTakeAQuarterOfTheRoom) {
     EXPECT_LT(pagesAdded(4 * kLeastSparePages * 8192), 20u);
 }
 
+// ---- What a journal costs -----------------------------------------------------------------------
+
+namespace {
+
+// The pages that an operation puts into the journal. Its pieces are of other sizes than pages.
+template <typename Operation>
+std::uint64_t JournalPages(const Operation& operation) {
+    StdioTrace trace;
+    operation();
+    std::uint64_t bytes = 0;
+    for (const StdioTransfer& transfer : trace.Take()) {
+        const bool isPage = transfer.size == kPageSize;
+        if (transfer.kind == StdioTransfer::Kind::Write && !isPage) { bytes += transfer.size; }
+    }
+    return bytes / kPageSize;
+}
+
+}  // namespace
+
+TEST_F(EffectCacheJournal, SavesKeepFewPagesAndLetTheFileGrowLittle) {
+    std::filesystem::remove(path_);
+    CacheClient cache(directory_);
+    std::uint64_t bytes = 0;
+    int next = 0;
+    const auto add = [&](int first, int count) {
+        for (int i = first; i < first + count; ++i) {
+            const std::string name = "effect " + std::to_string(i);
+            const std::size_t size = 500 + static_cast<std::size_t>(i) * 7919 % 5000;
+            cache.Add(name, EffectBytes(name + std::to_string(next++), size));
+            bytes += size;
+        }
+        cache->ForceSaveToFile();
+    };
+    for (int i = 0; i < 8000; i += 500) {
+        add(i, 500);
+    }
+    EXPECT_LT(std::filesystem::file_size(path_), bytes + bytes / 5);
+    const std::uint64_t added = JournalPages([&] { add(8000, 600); });
+    EXPECT_GT(added, 0u);
+    EXPECT_LT(added, 80u);
+    // A tail block has eight pages, half of which change if a tail in the middle goes.
+    EXPECT_LT(JournalPages([&] { add(0, 300); }), 300u * 5);
+    EXPECT_LT(std::filesystem::file_size(path_), bytes + bytes / 5);
+}
+
 // ---- Recoveries that fail -----------------------------------------------------------------------
 
 TEST_F(EffectCacheJournal, RecoveryThatFailsMakesTheCacheInertAndKeepsTheJournal) {
@@ -285,6 +331,18 @@ TEST_F(EffectCacheJournal, RecoveryThatFailsWhenTheFileIsReadAgainIsLeftToTheNex
 }
 
 // ---- Processes that die -------------------------------------------------------------------------
+
+// The process that makes the file anew knows nothing of journals.
+TEST_F(EffectCacheJournal, JournalOfAFileThatWasMadeAnewIsRemoved) {
+    LeaveUnfinishedSave(path_);
+    const Bytes bytes = EffectBytes("only", 100);
+    WriteCache(path_, {{"only", bytes}});
+    ASSERT_TRUE(HasJournal());
+    CacheClient cache(directory_);
+    EXPECT_FALSE(HasJournal());
+    EXPECT_EQ(FindAll(cache), Contents());
+    EXPECT_EQ(cache.Find("only"), bytes);
+}
 
 // The thread inherits the mutex and keeps it, so only its first wait tells of the death.
 TEST_F(EffectCacheJournal, HeirWithNothingToSaveUndoesTheSaveOfTheDead) {

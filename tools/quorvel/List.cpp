@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <cstdint>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -24,24 +23,27 @@ struct ListOptions {
     bool endsInNull = false;
 };
 
-// The effects that were asked for, in the order that was asked for.
-std::vector<Format::IndexEntry> Select(const ListOptions& options, Session& session) {
+using Effects = std::vector<const Format::IndexEntry*>;
+
+std::unique_ptr<Snapshot> Read(const ListOptions& options, Session& session) {
     Cache cache(session, options.cache);
-    std::vector<Format::IndexEntry> effects;
-    {
-        const Cache::Lock lock(cache);
-        const std::unique_ptr<Snapshot> snapshot = ReadCache(cache, lock);
-        std::copy_if(snapshot->Effects().begin(), snapshot->Effects().end(),
-                     std::back_inserter(effects),
-                     [&](const auto& effect) { return Matches(options.match, effect.name); });
+    const Cache::Lock lock(cache);
+    return ReadCache(cache, lock);
+}
+
+// The effects that were asked for, in the order that was asked for.
+Effects Select(const ListOptions& options, const Snapshot& snapshot) {
+    Effects effects;
+    for (const Format::IndexEntry& effect : snapshot.Effects()) {
+        if (Matches(options.match, effect.name)) { effects.push_back(&effect); }
     }
     if (options.sort == "size") {
-        std::stable_sort(effects.begin(), effects.end(), [](const auto& left, const auto& right) {
-            return left.record.size < right.record.size;
+        std::stable_sort(effects.begin(), effects.end(), [](const auto* left, const auto* right) {
+            return left->record.size < right->record.size;
         });
     } else if (options.sort == "time") {
-        std::stable_sort(effects.begin(), effects.end(), [](const auto& left, const auto& right) {
-            return IsEarlier(ToRecord(left.record.time), ToRecord(right.record.time));
+        std::stable_sort(effects.begin(), effects.end(), [](const auto* left, const auto* right) {
+            return IsEarlier(ToRecord(left->record.time), ToRecord(right->record.time));
         });
     }
     if (options.reverse) { std::reverse(effects.begin(), effects.end()); }
@@ -52,9 +54,10 @@ std::vector<Format::IndexEntry> Select(const ListOptions& options, Session& sess
 }
 
 // An array with an effect on each line. It is not built in memory: a cache may have 65,534 effects.
-void PrintJson(const std::vector<Format::IndexEntry>& effects, Session& session) {
+void PrintJson(const Effects& effects, Session& session) {
     const char* separator = "[\n";
-    for (const auto& [name, record] : effects) {
+    for (const auto* const entry : effects) {
+        const auto& [name, record] = *entry;
         const Json effect = {{"name", Escape(name)},
                              {"size", record.size},
                              {"permanent", record.permanent != 0},
@@ -66,13 +69,15 @@ void PrintJson(const std::vector<Format::IndexEntry>& effects, Session& session)
 }
 
 void List(const ListOptions& options, Session& session) {
-    const std::vector<Format::IndexEntry> effects = Select(options, session);
+    const std::unique_ptr<Snapshot> snapshot = Read(options, session);
+    const Effects effects = Select(options, *snapshot);
     if (effects.empty() && options.match != "*") {
         session.Tell(std::string("quorvel: ") + NoMatch(options.cache, options.match).what());
         session.exitCode = kNo;
     }
     if (session.json) { return PrintJson(effects, session); }
-    for (const auto& [name, record] : effects) {
+    for (const auto* const entry : effects) {
+        const auto& [name, record] = *entry;
         if (options.isLong) {
             session.out << Time(record.time) << '\t' << record.size << '\t'
                         << (record.permanent != 0 ? "permanent" : "evictable") << '\t';

@@ -26,6 +26,13 @@ bool IsFull(const FileIOException& error) {
     return error.errorCode == ENOSPC;
 }
 
+std::uint64_t CountReplaced(const EffectIndex& index, EffectQueue& queue) {
+    const std::vector<PendingEffect*>& effects = queue.Entries();
+    return static_cast<std::uint64_t>(std::count_if(
+        effects.begin(), effects.end(),
+        [&](const auto* effect) { return index.Find(effect->Key(), effect->hash) != nullptr; }));
+}
+
 }  // namespace
 
 EffectCacheFile::EffectCacheFile(const CStr& directory) : shared_(directory) {}
@@ -131,7 +138,8 @@ bool EffectCacheFile::Save(const Lock& lock, EffectIndex& index, EffectQueue& qu
     bool hasRoom = false;
     try {
         package_->BeginSave();
-        const std::uint64_t budget = Budget(JournalBytes(*package_, index));
+        const std::uint64_t budget =
+            Budget(JournalBytes(*package_, index, CountReplaced(index, queue)));
         if (budget >= queue.ByteCount()) {
             ReservePages(*package_, index, queue.ByteCount(), budget);
             hasRoom = MakeRoom(lock, index, budget - queue.ByteCount());
@@ -169,7 +177,7 @@ bool EffectCacheFile::MakeRoom(const Lock& lock, EffectIndex& index, std::uint64
 // keep is taken first, or most of the time would go into commits.
 void EffectCacheFile::Evict(const Lock& lock, EffectIndex& index, std::uint64_t limit) {
     for (;;) {
-        const std::uint64_t commitBytes = JournalBytes(*package_, index);
+        const std::uint64_t commitBytes = JournalBytes(*package_, index, 0);
         const std::uint64_t room = std::min(limit, Budget(commitBytes)) / 2;
         const std::uint64_t most =
             std::max(room, commitBytes / 4) / RollbackJournal::kBytesPerPage + kMoreJournalPages;

@@ -12,12 +12,12 @@ EffectCacheImpl::EffectCacheImpl(const CStr& directory) : directory_(directory),
     file_.Open(lock, index_);
 }
 
+// Under one lock: a process that got it in between could die in a save that nobody would undo.
 EffectCacheImpl::~EffectCacheImpl() {
-    SaveToFile();
-    if (file_.IsUsable()) {
-        const EffectCacheFile::Lock lock(file_);
-        file_.Close(lock);
-    }
+    if (!file_.IsUsable()) { return; }
+    const EffectCacheFile::Lock lock(file_);
+    Save(lock);
+    file_.Close(lock);
 }
 
 void EffectCacheImpl::CacheCompiledEffect(const CStr& name, const unsigned char* data,
@@ -57,6 +57,10 @@ bool EffectCacheImpl::SearchCachedEffects(const CStr& name, Tab<unsigned char>& 
 void EffectCacheImpl::SaveToFile() noexcept {
     if (!file_.IsUsable()) { return; }
     const EffectCacheFile::Lock lock(file_);
+    Save(lock);
+}
+
+void EffectCacheImpl::Save(const EffectCacheFile::Lock& lock) noexcept {
     if (queue_.Size() == 0) {
         // This thread keeps the abandoned mutex, so later waits won't report the death.
         if (lock.LastHolderDied()) { file_.Sync(lock, index_); }

@@ -43,6 +43,8 @@ public:
     void SaveToFile() noexcept;
 
 private:
+    void Save(const EffectCacheFile::Lock& lock) noexcept;
+
     Platform::CriticalSection section_;
     const CStr directory_;  // as it was passed in
     bool enabled_ = true;

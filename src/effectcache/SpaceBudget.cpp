@@ -23,9 +23,11 @@ std::uint64_t SpaceBudget(const char* directory, std::uint64_t reserved) noexcep
     return std::min(available - std::min(available, reserved), kLargestSpaceBudget);
 }
 
-std::uint64_t JournalBytes(const PagedFilePackage& package, const EffectIndex& index) {
-    const std::uint64_t pages =
-        index.TotalBytes() / kPageSize + package.HeadPageCount() + kMoreJournalPages;
+std::uint64_t JournalBytes(const PagedFilePackage& package, const EffectIndex& index,
+                           std::uint64_t replaced) {
+    const std::uint64_t blocks = std::min(replaced, package.TailBlockCount());
+    const std::uint64_t pages = index.TotalBytes() / kPageSize + package.HeadPageCount() +
+                                kMoreJournalPages + blocks * kTailBlockPages;
     return pages * RollbackJournal::kBytesPerPage;
 }
 

@@ -18,9 +18,10 @@ constexpr std::uint64_t kMoreJournalPages = 12;
 // aside.
 std::uint64_t SpaceBudget(const char* directory, std::uint64_t reserved) noexcept;
 
-// The journal's size for a save without spare pages, which overwrites the pages of the index and
-// the head file.
-std::uint64_t JournalBytes(const PagedFilePackage& package, const EffectIndex& index);
+// The most that the journal of a save without spare pages takes. The save overwrites the pages of
+// the index and the head file, and for each effect that it replaces a tail block.
+std::uint64_t JournalBytes(const PagedFilePackage& package, const EffectIndex& index,
+                           std::uint64_t replaced);
 
 // Makes pages free for what a save will write: `bytes` of effects, the index and the head file.
 // Does nothing if they would take too much of the budget, or if the file can't grow.

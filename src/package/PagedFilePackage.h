@@ -91,11 +91,14 @@ public:
     // The number of pages that the save has kept in its journal.
     std::uint64_t JournalPages() const { return journal_ ? journal_->KeptPages() : 0; }
 
-    // Pages of the head file. REQUIRES: the state is Clean, or Saving and no Commit has failed.
+    // Pages of the head file that a save will free and write anew. REQUIRES: the state is Clean, or
+    // Saving and no Commit has failed.
     std::uint64_t HeadPageCount() const {
         QUORVEL_ASSERT(stored_.headFile);
-        return stored_.headFile->pageCount;
+        return KnownPageCount(*stored_.headFile);
     }
+
+    std::uint64_t TailBlockCount() const { return stored_.tailBlocks.BlockCount(); }
 
     // Undoes a save: puts back every page of the committed state and closes the file. Outside a
     // save it means Discard. Only Load, Discard or destruction may follow. REQUIRES: no stream is

@@ -85,6 +85,9 @@ public:
     // after it down. REQUIRES: the stream has a tail.
     void Remove(std::uint64_t streamId);
 
+    // Blocks, and ids that no block has but that are lower than one in use.
+    std::uint64_t BlockCount() const { return blocks_.size(); }
+
     std::uint64_t StateSize() const;
 
     // Throws FileIOException when the stream ends early.

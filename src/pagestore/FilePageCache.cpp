@@ -32,9 +32,8 @@ FilePageCache::~FilePageCache() {
     try {
         Close();
     } catch (const std::exception&) {
-        QUORVEL_ASSERT(file_);  // only a write to it, or the listener, can have failed
         DiscardAll();
-        std::fclose(file_);
+        if (file_) { std::fclose(file_); }
     }
 }
 
@@ -56,8 +55,12 @@ void FilePageCache::Close() {
     for (CachedPage* page : pages_) {
         if (page) { WriteBackPage(page); }
     }
-    if (file_) { std::fclose(file_); }
+    std::FILE* const file = file_;
     ResetToEmpty();
+    // Some file systems report only now that bytes which were written are lost.
+    if (file && std::fclose(file) != 0) {
+        throw FileIOException(static_cast<std::uint32_t>(errno));
+    }
 }
 
 void FilePageCache::DiscardAll() {

@@ -188,6 +188,7 @@ bool Apply(const std::string& packagePath, std::FILE* journal, bool isKnown) {
     const auto piece = std::make_unique_for_overwrite<JournalPiece>();
     if (!ForEachPage(journal, *piece, [](std::uint64_t, const auto&) {})) { return false; }
     Restore(package.Get(), journal, *piece);
+    if (const int error = package.Close(); error != 0) { Fail(error); }
     return true;
 }
 

@@ -43,8 +43,8 @@ int StdioFile::Adopt(std::FILE* file) {
     return 0;
 }
 
-void StdioFile::Close() {
-    if (file_) { std::fclose(std::exchange(file_, nullptr)); }
+int StdioFile::Close() {
+    return file_ && std::fclose(std::exchange(file_, nullptr)) != 0 ? errno : 0;
 }
 
 std::FILE* StdioFile::Detach() {

@@ -22,7 +22,9 @@ public:
     int Create(const char* path);
     int OpenPlain(const char* path);
 
-    void Close();
+    // Closes the file, if it is open. Returns 0, or the runtime's error number: bytes that were
+    // written may be lost. The file is closed then, too.
+    int Close();
 
     // The open file; null when there is none.
     std::FILE* Get() const { return file_; }

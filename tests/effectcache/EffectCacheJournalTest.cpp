@@ -23,6 +23,7 @@ namespace Quorvel::Testing {
 
 namespace {
 
+constexpr std::uint64_t kStatedPages = 0xFFFF6;  // as many as a file may have
 constexpr std::uint64_t kPlenty = std::uint64_t{1} << 40;
 
 class EffectCacheJournal : public ::testing::Test {
@@ -286,6 +287,25 @@ TEST_F(EffectCacheJournal, SavesKeepFewPagesAndLetTheFileGrowLittle) {
     // A tail block has eight pages, half of which change if a tail in the middle goes.
     EXPECT_LT(JournalPages([&] { add(0, 300); }), 300u * 5);
     EXPECT_LT(std::filesystem::file_size(path_), bytes + bytes / 5);
+}
+
+// A head file may state more pages than it has: they are not read, and not written either.
+TEST_F(EffectCacheJournal, StatedPagesOfTheHeadFileTakeNoRoom) {
+    Bytes file = oldFile_;
+    ASSERT_EQ(NumberAt(file, 0, 8), 1U);
+    const ByteList head = ByteList()
+                              .U64(kStatedPages)
+                              .U64(NumberAt(file, 8, 8))
+                              .U64(11)     // the next page, which nothing reads
+                              .U64(8192);  // where data ends in this one
+    std::copy(head.Get().begin(), head.Get().end(), file.begin());
+    WriteWholeFile(path_, file);
+    const FreeSpaceStub space(std::uint64_t{1} << 30);
+    CacheClient cache(directory_);
+    ASSERT_EQ(StateOf(cache), State::Old);
+    AddNew(cache);
+    cache->ForceSaveToFile();
+    EXPECT_EQ(StateOf(cache), State::New);
 }
 
 // ---- Recoveries that fail -----------------------------------------------------------------------

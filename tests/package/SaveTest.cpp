@@ -322,6 +322,19 @@ TEST_F(SaveTest, ThatFailsAtAnyCallIsRolledBack) {
     }
 }
 
+// Some file systems report only then that bytes which were written are lost.
+TEST_F(SaveTest, ThatCannotCloseTheFileIsRolledBack) {
+    MakeOldState();
+    {
+        const StdioFault fault(StdioCall::Close, ENOSPC, 0, 1);
+        EXPECT_FALSE(TrySave());
+        EXPECT_EQ(fault.Failures(), 1U);
+    }
+    package_->Rollback();
+    EXPECT_FALSE(HasJournal());
+    EXPECT_EQ(StateOf(path_), 'o');
+}
+
 // The commit reopens the file. If only its first attempt fails, the second one empties the file.
 TEST_F(SaveTest, FailsIfTheFileIsMadeAnewMeanwhile) {
     std::uint64_t opensDone = 0;

@@ -683,13 +683,13 @@ TEST_F(FilePageCacheTest, ClosingAClosedCacheTouchesNothing) {
     EXPECT_EQ(CountStdioCalls().writes, before.writes);
 }
 
-TEST_F(FilePageCacheTest, AFailureToCloseTheFileLeavesTheCacheClosed) {
+TEST_F(FilePageCacheTest, AFailureToCloseTheFileIsReportedAndLeavesTheCacheClosed) {
     MakeZeroFile(1);
     FilePageCache cache(path_.c_str(), 4);
     Fill(cache, 10);
     {
         const StdioFault fault(StdioCall::Close, EIO);
-        cache.Close();
+        EXPECT_EQ(FileErrorOf([&] { cache.Close(); }), EIO);
         EXPECT_EQ(fault.Failures(), 1u);
         cache.Close();
         EXPECT_EQ(fault.Failures(), 1u);

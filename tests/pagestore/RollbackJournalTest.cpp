@@ -650,6 +650,16 @@ TEST_F(RollbackJournalTest, RecoverThatFailsKeepsTheJournal) {
     }
 }
 
+TEST_F(RollbackJournalTest, RecoverThatCannotCloseThePackageKeepsTheJournal) {
+    DieAfterOverwriting(40);
+    {
+        const StdioFault fault(StdioCall::Close, EIO, 0, 1);
+        EXPECT_EQ(FileErrorOf([&] { RollbackJournal::Recover(path_.c_str()); }), EIO);
+    }
+    EXPECT_TRUE(HasJournal());
+    ExpectRestored();
+}
+
 TEST_F(RollbackJournalTest, ThatCannotBeRemovedIsAppliedOnlyOnce) {
     DieAfterOverwriting(40);
     {

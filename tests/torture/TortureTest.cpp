@@ -36,6 +36,18 @@ TEST(Torture, KilledProcessesCostNothingThatWasSaved) {
     EXPECT_EQ(report.killed, 60U) << report;
 }
 
+// Some of them die in a trim.
+TEST(Torture, KilledProcessesShortOfRoomCostNothingPermanentThatWasSaved) {
+    const Testing::TemporaryDirectory directory;
+    const Report report = RunTorture({.directory = directory.Path().string(),
+                                      .seed = 8,
+                                      .processes = 4,
+                                      .kills = 60,
+                                      .room = 3 * kMebibyte});
+    EXPECT_TRUE(report.IsGood()) << report;
+    EXPECT_EQ(report.killed, 60U) << report;
+}
+
 }  // namespace
 
 }  // namespace Quorvel::Torture

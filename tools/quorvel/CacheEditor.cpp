@@ -160,7 +160,7 @@ void CacheEditor::SetPermanent(IndexEntry* entry, bool permanent) {
 }
 
 std::uint64_t CacheEditor::Capacity() const {
-    return CapacityBeside(cache_, 2 * JournalBytes(*package_, index_));
+    return CapacityBeside(cache_, 2 * JournalBytes(*package_, index_, 0));
 }
 
 std::uint64_t CacheEditor::EffectSize(std::uint64_t nameLength, std::uint64_t size) {

@@ -20,6 +20,9 @@ int LastErrorNumber() {
         case ERROR_FILE_EXISTS:
         case ERROR_ALREADY_EXISTS:
             return EEXIST;
+        case ERROR_DISK_FULL:
+        case ERROR_HANDLE_DISK_FULL:
+            return ENOSPC;
         case ERROR_TOO_MANY_OPEN_FILES:
             return EMFILE;
         default:

@@ -52,4 +52,36 @@ TEST(EffectCacheOnASmallVolume, EvictsMuchMoreThanIsFreeAndKeepsNewEffects) {
     }
 }
 
+// Each effect that is replaced changes a whole tail block, however little is left in it.
+TEST(EffectCacheOnASmallVolume, DropsEffectsThatReplaceMoreThanTheJournalHasRoomFor) {
+    constexpr int kEffects = 1500;
+    const SmallVolume volume(40);
+    if (volume.Error() != 0) {
+        GTEST_SKIP() << "this user cannot mount a volume: " << std::strerror(volume.Error());
+    }
+    const auto name = [](int number) { return "effect " + std::to_string(number); };
+    CacheClient cache(volume.Path());
+    const auto fill = [&](std::uint64_t left) {
+        std::ofstream other(volume.Path() + "/other", std::ios::app);
+        other << std::string(FreeBytes(volume.Path()) - left, 'x');
+    };
+    // One effect in each block stays: it is permanent.
+    for (int number = 0; number < kEffects; ++number) {
+        cache.Add(name(number), EffectBytes(name(number), 6000), number % 10 == 0);
+    }
+    cache->ForceSaveToFile();
+    fill(2500000);
+    cache.Add("evicts", EffectBytes("evicts", 100));
+    cache->ForceSaveToFile();
+    ASSERT_LT(cache.InFile(), std::uint64_t{kEffects / 3});
+    for (int number = 0; number < kEffects; number += 10) {
+        cache.Add(name(number), EffectBytes("new", 6000), true);
+    }
+    cache->ForceSaveToFile();
+    EXPECT_TRUE(cache->IsEnabled());
+    for (int number = 0; number < kEffects; number += 10) {
+        EXPECT_TRUE(cache.Find(name(number)).has_value()) << number;
+    }
+}
+
 }  // namespace Quorvel::Testing

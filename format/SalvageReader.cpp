@@ -373,7 +373,8 @@ std::size_t SalvageReader::FindRecord(const Bytes& index, std::size_t position) 
     return position;
 }
 
-// What is wrong with records because of other ones, in their order; null for nothing.
+// For each record of the index, in order: what is wrong because another record has its name, or
+// because its stream has another owner; null if neither is so.
 std::vector<const char*> SalvageReader::FindAmbiguousRecords() const {
     std::unordered_map<std::string_view, unsigned> names;
     std::unordered_map<std::uint64_t, unsigned> namings = {{indexStream_, 1}};

@@ -13,9 +13,9 @@
 
 namespace Quorvel::Format {
 
-// Finds the whole effects in the file of an effect cache that a reader may have to refuse. It takes
-// the tables as far as they go, whatever the head file's header says, and judges each record on its
-// own.
+// Finds the whole effects in an effect cache's file, even in one that other readers must refuse. It
+// takes the tables as far as they go, whatever the head file's header says, and judges each record
+// on its own.
 //
 // An effect is whole if
 //   - its record in the index is valid, and no other one names its stream or has its name;
@@ -28,7 +28,7 @@ namespace Quorvel::Format {
 //   - the bytes begin with the effect's size.
 // Damage to the bytes themselves, or to a name, can't be noticed.
 //
-// The memory that it takes depends on the size of the index, but not on what the tables say.
+// The memory that it takes grows with the index, and is otherwise bounded, whatever the tables say.
 class SalvageReader {
 public:
     // Gets an effect that is whole.

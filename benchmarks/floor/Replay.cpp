@@ -140,8 +140,8 @@ Replay::Replay(const FloorTask& task, const RecordedTransfers& recorded, Clock c
     zeros_.resize(longest);
 }
 
-// A save follows the effect that fills the queue, so its transfers come after that effect's copy.
-// The copies into pages are spread evenly over the pages that are read.
+// A save begins when an effect has filled the queue, so its transfers come after the step that
+// queues this effect. The bytes that it copies into pages are spread evenly over its page reads.
 Replay::Steps Replay::PlanSave(const PhaseTransfers& phase) const {
     Steps steps;
     FramePlan frames;

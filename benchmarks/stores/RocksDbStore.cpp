@@ -28,7 +28,7 @@ std::optional<std::span<const unsigned char>> Get(rocksdb::DB& effects, const CS
     return std::span(reinterpret_cast<const unsigned char*>(found.data()), found.size());
 }
 
-// Without a log, writes stay in memory until they are flushed.
+// There is no log, so writes stay in memory until they are flushed.
 class RocksDbStore : public Store {
 public:
     explicit RocksDbStore(const std::string& directory) {

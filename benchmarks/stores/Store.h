@@ -32,7 +32,8 @@ public:
     virtual std::optional<std::span<const unsigned char>> Find(const CStr& name) = 0;
 };
 
-// Counts waiting bytes as the effect cache does: name, bytes and 60 more for each effect.
+// Counts waiting bytes as the effect cache does: for each effect its name, its bytes, and 60 bytes
+// of overhead.
 class Batch {
 public:
     // Returns true when this effect completes the batch, which is then empty again.

@@ -13,8 +13,8 @@ namespace Quorvel {
 constexpr std::uint64_t kInvalidStreamId = ~std::uint64_t{0};
 
 // A package as its client sees it: a set of byte streams, each with an integer id, and one
-// free-form block of header data. Changes are kept in memory and in evicted pages until Commit, or
-// the release of the last reference, makes them the state of the file.
+// free-form block of header data. Changes stay in memory, or in pages that were evicted to the
+// file, until Commit, or the release of the last reference, makes them the state of the file.
 //
 // Except where stated, operations throw FileIOException when the file can't be read or written,
 // FileDataCorruptException or InvalidParameterException when its contents are inconsistent,

@@ -97,7 +97,7 @@ bool EffectIndex::ReadHeader(PagedFilePackage& package) {
 std::vector<IndexEntry*> EffectIndex::ReadEntries(IDataStream& stream) {
     std::vector<IndexEntry*> entries;
     const std::uint64_t count = header_.recordCount;
-    // A damaged file may count more effects than it can hold.
+    // A damaged header may state more effects than a cache can hold.
     entries.reserve(std::min(count, kStreamLimit));
     std::span<std::byte> rest;
     while (entries.size() < count) {

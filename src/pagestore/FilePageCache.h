@@ -62,7 +62,8 @@ public:
 
     // Writes back and frees every page in ascending order, pinned ones too, and closes the file.
     // Throws FileIOException when a page can't be written: that page and those after it stay
-    // resident and the file stays open.
+    // resident and the file stays open. Also throws it when the file can't be closed in order, so
+    // that written bytes may be lost; the cache is then closed.
     void Close();
 
     // Frees every page without writing it. The file stays open.

@@ -116,9 +116,9 @@ static_assert(RollbackJournal::kBytesPerPage * kMostPages >= sizeof(JournalPiece
 
 namespace {
 
-// Reads a journal from its start, with memory for a piece, and calls `apply` with each page's
-// number and old bytes: the head page first. False if the journal is damaged or holds no page. A
-// process that died may have left the last piece incomplete.
+// Reads a journal from its start, one piece at a time into `piece`, and calls `apply` with each
+// page's number and old bytes: the head page first. False if the journal is damaged or holds no
+// page. A last piece that is incomplete is no damage: a process that died may have left it so.
 template <typename Apply>
 bool ForEachPage(std::FILE* journal, JournalPiece& piece, const Apply& apply) {
     std::uint64_t nonce = 0;

@@ -86,7 +86,8 @@ private:
     void ReadWhileAnotherIsDeleted();
     void Close();
 
-    // True if the script can continue with the package, whose file must not have been emptied.
+    // True if the script can go on with the package. It can't once a failure may have emptied its
+    // file.
     bool IsUsable() const { return package_ && !MayBeGone(); }
 
     void ExpectCounts() const;

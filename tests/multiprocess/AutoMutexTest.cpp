@@ -78,8 +78,8 @@ TEST_F(AutoMutexTest, GuardWhoseWaitTimesOutTakesNothingFromTheOwner) {
     EXPECT_EQ(mutex_.Acquire(0), kWaitTimedOut);
 }
 
-// A guard releases even if its wait timed out. The release has an effect if the thread owns the
-// mutex at the end of the scope.
+// A guard calls Release even if its wait timed out. That matters only if the thread owns the mutex
+// by then.
 TEST_F(AutoMutexTest, GuardWhoseWaitTimesOutReleasesAtItsEnd) {
     ASSERT_EQ(other_.Acquire(), kWaitAcquired);
     {

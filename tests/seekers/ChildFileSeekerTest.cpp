@@ -48,7 +48,8 @@ protected:
         allocator_->links = {{20, 31}, {31, 12}, {12, 0}, {40, 41}, {41, 42}, {42, 0}};
     }
 
-    // Attaches a file of `wholePages` whole pages, from page 20 on, and a tail.
+    // Attaches the seeker to a file: `wholePages` pages of the chain that begins with page 20, and
+    // a tail.
     void Attach(std::uint64_t wholePages, const ChildFileTail& tail) {
         EXPECT_TRUE(seeker_->Attach(allocator_, ExtentFor(wholePages, tail), tail));
     }

@@ -25,7 +25,7 @@ QUORVEL_AGENT(RunCommand) {
     return RunProgram(static_cast<int>(argv.size()), argv.data(), {streams, streams, streams});
 }
 
-// Commands that are killed at any moment. QUORVEL_TOOL_KILLS says how many of each.
+// Each command is killed QUORVEL_TOOL_KILLS times, at moments spread over its run.
 class KillTest : public ToolTest {
 protected:
     static int Kills() {

@@ -6,8 +6,11 @@
 #include <thread>
 
 #include "format/PackageWriter.h"
+#include "quorvel/EffectCacheSystem.h"
 #include "tool/ToolTest.h"
 #include "tools/quorvel/Cache.h"
+#include "vornutil/RefPtr.h"
+#include "vornutil/Tab.h"
 
 namespace Quorvel::Tool {
 namespace {
@@ -137,10 +140,9 @@ TEST_F(WatchTest, SaysThatOnlyTheIndexWasWritten) {
 }
 
 TEST_F(WatchTest, CompactingReplacesNoEffect) {
-    std::vector<Format::NewEffect> effects = ThreeEffects();
     Format::EffectCacheLayout layout;
     layout.shuffleStreams = true;
-    Format::WriteWholeFile(CacheFile(), Format::WriteEffectCache(effects, layout));
+    Format::WriteWholeFile(CacheFile(), Format::WriteEffectCache(ThreeEffects(), layout));
     Watch({cache_, "--count", "2"});
     Line();
     EXPECT_EQ(Run({"compact", cache_}), kDone);
@@ -152,10 +154,13 @@ TEST_F(WatchTest, TellsSearchesFromReplacements) {
     MakeCache(ThreeEffects());
     Watch({cache_, "--json", "--count", "2"});
     JsonLine();
-    std::vector<Format::NewEffect> effects = ThreeEffects();
-    effects[0].time.millisecond += 1;
-    effects[1].data.push_back(2);
-    MakeCache(effects);
+    {
+        const Util::RefPtr<EffectCacheSystem> host(new EffectCacheSystem(cache_.c_str()));
+        Tab<unsigned char> found;
+        EXPECT_TRUE(host->SearchCachedEffects("a", found));
+        const unsigned char code[] = {1, 2, 3};
+        host->CacheCompiledEffect("bb", code, sizeof code, false);
+    }
     const Json line = JsonLine();
     EXPECT_EQ(line["used"], Json::parse(R"(["a"])"));
     EXPECT_EQ(line["replaced"], Json::parse(R"(["bb"])"));

@@ -43,7 +43,7 @@ public:
     // REQUIRES: names come in their order.
     void Add(const EffectBytes& effect);
 
-    // Completes the archive. Nothing may follow.
+    // Completes the archive. Must be the last call.
     void Finish();
 
 private:
@@ -67,8 +67,9 @@ private:
 };
 
 // Reads an archive to its end, and adds the effects whose names match a pattern. Returns their
-// number. Throws Failure, with the exit code kNo, if the archive is damaged, incomplete or not one
-// of these. `advance` is called between files with the number of bytes read since.
+// number. Throws Failure, with the exit code kNo, if the archive is damaged or incomplete, or was
+// not written by ArchiveWriter. `advance` is called between files, with the number of bytes read
+// since its last call.
 std::uint64_t ReadArchive(std::istream& in, const std::string& name, const std::string& match,
                           Incoming& incoming, const std::function<void(std::uint64_t)>& advance);
 

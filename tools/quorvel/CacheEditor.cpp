@@ -167,7 +167,7 @@ std::uint64_t CacheEditor::EffectSize(std::uint64_t nameLength, std::uint64_t si
     return IndexEntrySize(nameLength) + SerializedSize(size);
 }
 
-// Streams that no effect names take room as well.
+// A stream that belongs to no effect takes up room, too.
 CacheEditor::Room CacheEditor::TotalRoom() {
     const std::uint64_t effects = index_.Size();
     std::uint64_t bytes = 0;

@@ -26,7 +26,8 @@ public:
     const int exitCode;
 };
 
-// What all commands share: the streams, and the options that belong to the program.
+// What a command gets besides arguments of its own: input and output, and the options that several
+// commands have.
 struct Session {
     std::istream& in;
     std::ostream& out;  // data

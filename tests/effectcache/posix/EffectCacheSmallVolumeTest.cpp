@@ -21,7 +21,7 @@ std::uint64_t FreeBytes(const std::string& path) {
 
 }  // namespace
 
-// The journal of all evictions at once would need more than the volume has.
+// One journal for all evictions would need more than is free on the volume.
 TEST(EffectCacheOnASmallVolume, EvictsMuchMoreThanIsFreeAndKeepsNewEffects) {
     constexpr int kEffects = 4000;
     constexpr std::uint64_t kFree = 3000000;

@@ -64,7 +64,7 @@ using Quorvel::Testing::SystemCall;
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the linker dictates these names.
 
-// The linker redirects a function to __wrap_..., and __real_... to the system's function.
+// The linker sends every call of f to __wrap_f; __real_f is the system's f.
 extern "C" {
 
 int __real_mkdir(const char* path, mode_t mode);

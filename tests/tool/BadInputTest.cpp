@@ -7,6 +7,7 @@
 #include "pagestore/RollbackJournal.h"
 #include "tool/InterruptedSave.h"
 #include "tool/ToolTest.h"
+#include "tools/quorvel/Cache.h"
 
 namespace Quorvel::Tool {
 namespace {
@@ -152,6 +153,22 @@ TEST_F(BadInputTest, ALockWhoseHolderDiedIsGivenBack) {
         shared.Mutex().Release();
     }).join();
     EXPECT_TRUE(shared.Stamp().IsChanged());
+}
+
+// A process that dies after its save, but before its stamp, announces nothing.
+TEST_F(BadInputTest, ADeadHolderOfTheLockCountsAsAChange) {
+    MakeCache(ThreeEffects());
+    std::istringstream in;
+    std::ostringstream out;
+    const Session session{in, out, out};
+    Cache cache(session, cache_);
+    SharedCache shared(cache_.c_str());
+    { const Cache::Lock lock(cache); }
+    EXPECT_FALSE(cache.HasChanged());
+    std::thread([&] { EXPECT_EQ(shared.Mutex().Acquire(0), kWaitAcquired); }).join();
+    { const Cache::Lock lock(cache); }
+    EXPECT_TRUE(cache.HasChanged());
+    EXPECT_FALSE(cache.HasChanged());
 }
 
 TEST_F(BadInputTest, AnInterruptedSaveIsUndoneFirstButNotOffline) {

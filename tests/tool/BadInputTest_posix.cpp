@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -79,6 +80,20 @@ TEST_F(PosixInputTest, ProcessesThatHaveTheFileOpenAreFound) {
     EXPECT_THAT(holders[0].name, HasSubstr("quorvel_tool"));
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
+}
+
+TEST_F(PosixInputTest, MessagesOfAClosedStreamGoIntoNoFile) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+            ::close(stream);
+        }
+        PrepareStandardStreams();
+        ::_exit(::open(File("file").c_str(), O_CREAT | O_WRONLY, 0600));
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_GT(WEXITSTATUS(status), STDERR_FILENO);
 }
 
 TEST_F(PosixInputTest, ALinkToACacheTakesItsLock) {

@@ -11,6 +11,7 @@ option(QUORVEL_BUILD_EXAMPLES "Build the example host application" ${whole_tree}
 option(QUORVEL_BUILD_BENCHMARKS "Build the benchmarks" OFF)
 option(QUORVEL_BUILD_FUZZERS "Build the fuzzing harnesses (clang, preset fuzz)" OFF)
 option(QUORVEL_WARNINGS_AS_ERRORS "Treat compiler warnings as errors" OFF)
+option(QUORVEL_UNITY_BUILD "Compile many sources together, where they allow it" OFF)
 option(QUORVEL_COVERAGE "Instrument for gcov" OFF)
 set(QUORVEL_SANITIZERS "" CACHE STRING "Value for -fsanitize=, empty for none")
 set(assertions OFF)
@@ -68,6 +69,13 @@ if(QUORVEL_COVERAGE)
     target_compile_options(quorvel_build_settings INTERFACE --coverage -fprofile-update=atomic)
     target_link_options(quorvel_build_settings INTERFACE --coverage)
 endif()
+
+# quorvel_unity_build(TARGET): for targets whose sources spend most of the compiler's time in the same
+# headers. No two of their sources may define the same name.
+function(quorvel_unity_build target)
+    set_target_properties(${target} PROPERTIES
+        UNITY_BUILD ${QUORVEL_UNITY_BUILD} UNITY_BUILD_BATCH_SIZE 12)
+endfunction()
 
 if(WIN32)
     set(QUORVEL_PLATFORM win32)

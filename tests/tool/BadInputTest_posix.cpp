@@ -34,7 +34,7 @@ TEST_F(PosixInputTest, AFolderThatCannotBeSearchedIsNotAnEmptyOne) {
     if (::geteuid() != 0) { GTEST_SKIP() << "only root can become another user"; }
     constexpr uid_t kSomebody = 12345;
     MakeCache(ThreeEffects());
-    for (const mode_t mode : {0700, 0744}) {
+    for (const mode_t mode : {mode_t{0700}, mode_t{0744}}) {
         ASSERT_EQ(::chmod(cache_.c_str(), mode), 0);
         const pid_t child = ::fork();
         if (child == 0) {

@@ -51,13 +51,13 @@ TEST_F(CheckTest, CountsThePagesOfTheFileByTheirUse) {
     layout.freePagesAtEnd = 50;  // past the end
     PackageImage image = LayOutPackage({{0, Bytes(8192)}}, {}, layout);
     Bytes file = EncodePackage(image);
-    file.resize(file.size() + 50 * kPageSize + 3 * kPageSize);
+    file.resize(file.size() + 50 * Format::kPageSize + 3 * Format::kPageSize);
     EXPECT_EQ(CheckFile(file), kDone);
     EXPECT_THAT(out_, HasSubstr(", 57 pages (52 free, 0 unowned, 3 dead), "));
     EXPECT_EQ(CheckFile(FiveProblems()), kNo);
     EXPECT_THAT(out_, HasSubstr(", 1 page (0 free, 0 unowned, 0 dead), "));
     file = FiveProblems();
-    file.resize(3 * kPageSize);
+    file.resize(3 * Format::kPageSize);
     EXPECT_EQ(CheckFile(file), kNo);
     EXPECT_THAT(out_, HasSubstr(", 3 pages (1 free, 1 unowned, 0 dead), "));
 }

@@ -62,7 +62,7 @@ TEST_F(SalvageTest, SavesEverythingOfASoundCache) {
               "saved 3 effects of 9.8 KiB in " + destination_ + "\n" + kContentsUnchecked + "\n");
     EXPECT_TRUE(FileBytes() == before);
     EXPECT_EQ(SavedList(), ListOf(ThreeEffects()));
-    const Effects saved =
+    const Format::Effects saved =
         ReadEffectCache(ReadPackage(ReadWholeFile(destination_ + "/vornFxoCache.dat")));
     for (const NewEffect& effect : ThreeEffects()) {
         EXPECT_TRUE(saved.at(effect.name).data == effect.data);
@@ -143,7 +143,7 @@ TEST_F(SalvageTest, LeavesOutEffectsWithAWrongChecksum) {
 }
 
 TEST_F(SalvageTest, SaysThatThereMayHaveBeenMore) {
-    WriteWholeFile(file_, Bytes(10 * kPageSize, 'x'));
+    WriteWholeFile(file_, Bytes(10 * Format::kPageSize, 'x'));
     EXPECT_EQ(Run({"salvage", file_, destination_}), kNo);
     EXPECT_THAT(err_, HasSubstr(file_ + ": the link table can't be read to its end"));
     EXPECT_THAT(err_, HasSubstr("saved 0 effects"));

@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kBefore(500);
 constexpr std::chrono::milliseconds kBetween(100);
-constexpr std::uint64_t kWidth = 40;
+constexpr std::uint64_t kBarWidth = 40;
 
 }  // namespace
 
@@ -33,9 +33,9 @@ void Progress::Add(std::uint64_t parts) {
 }
 
 void Progress::Show() {
-    const std::uint64_t filled = done_ * kWidth / total_;
+    const std::uint64_t filled = done_ * kBarWidth / total_;
     session_.err << fmt::format("\r{} [{}{}] {:3} %", label_, std::string(filled, '#'),
-                                std::string(kWidth - filled, '.'), done_ * 100 / total_)
+                                std::string(kBarWidth - filled, '.'), done_ * 100 / total_)
                  << std::flush;
     next_ = Clock::now() + kBetween;
     isShown_ = true;

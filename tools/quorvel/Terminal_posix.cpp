@@ -67,7 +67,7 @@ void PrepareStandardStreams() {
 void CatchStopRequests() {
     struct sigaction action = {};
     action.sa_handler = RequestStop;
-    action.sa_flags = SA_RESETHAND;  // without SA_RESTART: a read that waits for input ends
+    action.sa_flags = static_cast<int>(SA_RESETHAND);  // not SA_RESTART: a waiting read ends
     ::sigaction(SIGINT, &action, nullptr);
     ::sigaction(SIGTERM, &action, nullptr);
 }

@@ -1,7 +1,6 @@
 #include "effectcache/EffectCacheFile.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstddef>
 #include <iterator>
 #include <span>
@@ -17,14 +16,6 @@
 namespace Quorvel {
 
 namespace {
-
-// True for the errors of a volume, or of a user's share of it, that has no space left.
-bool IsFull(const FileIOException& error) {
-#ifdef EDQUOT
-    if (error.errorCode == EDQUOT) { return true; }
-#endif
-    return error.errorCode == ENOSPC;
-}
 
 std::uint64_t CountReplaced(const EffectIndex& index, EffectQueue& queue) {
     const std::vector<PendingEffect*>& effects = queue.Entries();

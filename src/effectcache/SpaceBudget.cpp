@@ -1,6 +1,7 @@
 #include "effectcache/SpaceBudget.h"
 
 #include <algorithm>
+#include <cerrno>
 
 #include "pagestore/RollbackJournal.h"
 #include "platform/DiskSpace.h"
@@ -14,6 +15,13 @@ namespace {
 constexpr std::uint64_t kMoreSparePages = 64;
 
 }  // namespace
+
+bool IsFull(const FileIOException& error) noexcept {
+#ifdef EDQUOT
+    if (error.errorCode == EDQUOT) { return true; }
+#endif
+    return error.errorCode == ENOSPC;
+}
 
 std::uint64_t SpaceBudget(const char* directory, std::uint64_t reserved) noexcept {
     std::uint64_t available = 0;

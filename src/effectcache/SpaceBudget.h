@@ -4,12 +4,16 @@
 
 #include "effectcache/EffectIndex.h"
 #include "package/PagedFilePackage.h"
+#include "quorvel/Exceptions.h"
 
 // How much of a volume a cache may take, and what its saves set aside.
 namespace Quorvel {
 
 // The cache takes no more bytes of a volume than this, however many are free.
 constexpr std::uint64_t kLargestSpaceBudget = 0x10000000;
+
+// True for the errors of a volume, or of a user's share of it, that has no space left.
+bool IsFull(const FileIOException& error) noexcept;
 
 // What a save's journal needs beyond the pages of the index and the head file.
 constexpr std::uint64_t kMoreJournalPages = 12;

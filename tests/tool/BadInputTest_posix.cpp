@@ -49,6 +49,41 @@ TEST_F(PosixInputTest, AFolderThatCannotBeSearchedIsNotAnEmptyOne) {
     }
 }
 
+TEST_F(PosixInputTest, AFileThatMayNotBeReadOrChangedIsNotADamagedOne) {
+    if (::geteuid() != 0) { GTEST_SKIP() << "only root can become another user"; }
+    constexpr uid_t kSomebody = 12345;
+    MakeCache(ThreeEffects());
+    const std::string copy = File("copy.dat");
+    std::filesystem::copy_file(CacheFile(), copy);
+    ASSERT_EQ(::chmod(cache_.c_str(), 0777), 0);
+    const std::vector<std::vector<std::string>> reading = {
+        {"info", copy}, {"list", copy}, {"check", copy}, {"map", copy}, {"get", copy, "a"}};
+    const std::vector<std::vector<std::string>> changing = {{"remove", copy, "a"},
+                                                            {"compact", copy},
+                                                            {"clear", copy, "-y"},
+                                                            {"merge", copy, copy + "x"},
+                                                            {"put", copy, "a", copy}};
+    for (const auto& [mode, commands] :
+         {std::pair(mode_t{0}, &reading), std::pair(mode_t{0}, &changing),
+          std::pair(mode_t{0444}, &changing)}) {
+        std::filesystem::copy_file(CacheFile(), copy + "x",
+                                   std::filesystem::copy_options::overwrite_existing);
+        ASSERT_EQ(::chmod(copy.c_str(), mode), 0);
+        for (const std::vector<std::string>& command : *commands) {
+            const pid_t child = ::fork();
+            if (child == 0) {
+                const bool isOther = ::setuid(kSomebody) == 0;
+                const int code = Run(command);
+                const bool isClear = err_.find("Permission denied") != std::string::npos;
+                ::_exit(isOther && isClear ? code : 100);
+            }
+            int status = 0;
+            ::waitpid(child, &status, 0);
+            EXPECT_EQ(WEXITSTATUS(status), kFailed) << command[0] << ' ' << mode;
+        }
+    }
+}
+
 TEST_F(PosixInputTest, WhatIsNeitherFileNorDirectoryIsRefused) {
     ASSERT_EQ(::mkfifo(File("fifo").c_str(), 0600), 0);
     EXPECT_EQ(Run({"list", File("fifo")}), kFailed);

@@ -2,6 +2,7 @@
 #include <cstdint>
 #include <filesystem>
 
+#include "effectcache/SharedCache.h"
 #include "quorvel/EffectCacheSystem.h"
 #include "support/StdioFaults.h"
 #include "tool/ToolTest.h"
@@ -162,6 +163,29 @@ TEST_F(ChangesTest, ADryRunChangesNothing) {
               Json::parse(R"({"dryRun": true, "done": "made permanent", "effects": ["a"]})"));
     EXPECT_EQ(Run({"prune", cache_, "--older-than", "1d", "--dry-run"}), kDone);
     EXPECT_EQ(FileBytes(), before);
+}
+
+TEST_F(ChangesTest, HostsAreToldOnlyOfChanges) {
+    MakeCache(ThreeEffects());
+    SharedCache host(cache_.c_str());
+    host.Stamp().IsChanged();
+    for (const std::vector<std::string>& command :
+         std::vector<std::vector<std::string>>{{"set", cache_, "a", "--permanent", "--dry-run"},
+                                               {"set", cache_, "a", "--evictable"},
+                                               {"prune", cache_, "--max-effects", "3"},
+                                               {"merge", cache_, cache_ + "/../x", "--dry-run"}}) {
+        Run(command);
+        EXPECT_FALSE(host.Stamp().IsChanged()) << command[0];
+    }
+    for (const std::vector<std::string>& command :
+         std::vector<std::vector<std::string>>{{"set", cache_, "a", "--permanent"},
+                                               {"put", cache_, "x", CacheFile()},
+                                               {"remove", cache_, "a"},
+                                               {"compact", cache_},
+                                               {"clear", cache_, "--yes"}}) {
+        EXPECT_EQ(Run(command), kDone) << err_;
+        EXPECT_TRUE(host.Stamp().IsChanged()) << command[0];
+    }
 }
 
 TEST_F(ChangesTest, SetChangesOnlyTheFlag) {

@@ -50,6 +50,12 @@ TEST_F(ListTest, SaysThatNothingMatches) {
     EXPECT_THAT(err_, testing::HasSubstr("no effect matches \"nothing\""));
 }
 
+TEST_F(ListTest, SaysThatNothingMatchesEvenQuietly) {
+    MakeCache(ThreeEffects());
+    EXPECT_EQ(Run({"list", cache_, "--match", "nothing", "--quiet"}), kNo);
+    EXPECT_NE(err_, "");
+}
+
 TEST_F(ListTest, PrintsNothingForAnEmptyCache) {
     MakeCache({});
     EXPECT_EQ(Run({"list", cache_}), kDone);

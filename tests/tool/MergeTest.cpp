@@ -227,7 +227,7 @@ TEST_F(MergeTest, WithinTheNumberOfEffectsPermanentOnesAndThoseUsedLastStay) {
     const std::string b = Make("b", {{"new", {2}, false, Year(2003)},
                                      {"old", {2}, false, Year(2000)},
                                      {"old, permanent", {2}, true, Year(2000)}});
-    const Json report = RunJson({"merge", a, b});
+    const Json report = RunJson({"merge", a, b}, kNo);
     EXPECT_THAT(Names(report["added"]), ElementsAre("new", "old, permanent"));
     EXPECT_THAT(Names(report["replaced"]), IsEmpty());
     // Of effects used at the same time the last ones in the index go.
@@ -236,66 +236,55 @@ TEST_F(MergeTest, WithinTheNumberOfEffectsPermanentOnesAndThoseUsedLastStay) {
     EXPECT_EQ(RunJson({"info", a})["effects"]["count"], 65534);
 }
 
-// What is set aside for the journal and spare pages of a small cache.
+// What is set aside for the journal and spare pages of a small cache, and for each effect that is
+// replaced.
 constexpr std::uint64_t kReserved = 2 * 13 * RollbackJournal::kBytesPerPage;
+constexpr std::uint64_t kReservedForBlock = 8 * RollbackJournal::kBytesPerPage;
 
-TEST_F(MergeTest, WithinTheRoomPermanentOnesAndThoseUsedLastStay) {
+TEST_F(MergeTest, OnAFullVolumePermanentOnesAndThoseUsedLastComeIn) {
     // Each one takes 100 bytes: 39 of its own, and 61 more.
-    Effects mine = {{"p", Format::Bytes(39, 'a'), true, Year(1990)}};
+    const Effects mine = {{"p", Format::Bytes(39, 'a'), false, Year(1990)}};
     Effects yours = {{"q", Format::Bytes(39, 'b'), true, Year(1991)}};
-    for (char c = '0'; c <= '9'; ++c) {
-        mine.push_back({std::string(1, c), Format::Bytes(39, 'a'), false,
-                        Year(2000 + static_cast<unsigned>(c))});
-        yours.push_back({std::string(1, static_cast<char>(c + 5)), Format::Bytes(39, 'b'), false,
-                         Year(2001 + static_cast<unsigned>(c + 5))});
+    for (char c = '0'; c <= '4'; ++c) {
+        yours.push_back({std::string(1, c), Format::Bytes(39, 'b'), false,
+                         Year(2000 + static_cast<unsigned>(c))});
     }
+    // An eighth of what is free stays so.
     const struct {
-        std::uint64_t room;
-        std::size_t effects;
-    } rows[] = {{100000, 17}, {1701, 17}, {1700, 16}, {1001, 10}, {1000, 9}, {201, 2}, {101, 1}};
+        std::uint64_t free;
+        std::vector<std::string> added;
+    } rows[] = {{0, {}},
+                {113, {}},
+                {114, {"q"}},
+                {343, {"3", "4", "q"}},
+                {100000, {"0", "1", "2", "3", "4", "q"}}};
     for (const auto& row : rows) {
         const std::string a = Make("a", mine);
         const std::string b = Make("b", yours);
-        freeSpace = kReserved + row.room;
-        const Json report = RunJson({"merge", a, b});
+        freeSpace = kReserved + row.free;
+        const Json report = RunJson({"merge", a, b}, row.added.size() == 6 ? kDone : kNo);
         freeSpace.reset();
-        const std::vector<std::string> left = Content(a);
-        EXPECT_EQ(left.size(), row.effects) << row.room;
-        EXPECT_THAT(left, testing::Contains(testing::StartsWith("p 1990 1")));
-        EXPECT_EQ(row.effects >= 2, report["added"].dump().find("\"q\"") != std::string::npos);
-        // Those that are left of the others are the ones used last.
-        for (int c = '0' + 14;
-             row.effects > 2 && c > '0' + 14 - (static_cast<int>(row.effects) - 2); --c) {
-            const std::string name(1, static_cast<char>(c));
-            EXPECT_THAT(left, testing::Contains(testing::StartsWith(name + " "))) << row.room;
-        }
-        EXPECT_EQ(11 - report["evicted"].size() + report["added"].size(), row.effects);
+        EXPECT_EQ(report["added"], Json(row.added)) << row.free;
+        EXPECT_EQ(report["leftOut"], 6 - row.added.size());
+        EXPECT_EQ(report["evicted"], Json::array());
+        EXPECT_EQ(Content(a).size(), 1 + row.added.size());
     }
 }
 
 TEST_F(MergeTest, AnOwnEffectStaysIfItsNewerVersionDoesNotFit) {
     for (const bool isPermanent : {false, true}) {
-        const std::string a = Make("a", {{"a", Format::Bytes(100), isPermanent, Year(1990)}});
         const std::string b = Make("b", {{"a", Format::Bytes(900), false, Year(2020)}});
-        freeSpace = kReserved + 500;
-        const Json report = RunJson({"merge", a, b});
-        freeSpace.reset();
-        EXPECT_EQ(report["evicted"], Json::array());
-        EXPECT_EQ(report["leftOut"], 1);
-        EXPECT_THAT(Content(a), testing::ElementsAre(testing::StartsWith("a 1990")));
+        for (const std::uint64_t free : {1000U, 2000U}) {
+            const std::string a = Make("a", {{"a", Format::Bytes(100), isPermanent, Year(1990)}});
+            freeSpace = kReserved + kReservedForBlock + free;
+            const Json report = RunJson({"merge", a, b}, free == 1000 ? kNo : kDone);
+            freeSpace.reset();
+            EXPECT_EQ(report["evicted"], Json::array());
+            EXPECT_EQ(report["leftOut"], free == 1000 ? 1 : 0);
+            EXPECT_THAT(Content(a), testing::ElementsAre(
+                                        testing::StartsWith(free == 1000 ? "a 1990" : "a 2020")));
+        }
     }
-}
-
-TEST_F(MergeTest, PermanentEffectsStayEvenIfTheyExceedTheRoom) {
-    const std::string a = Make("a", {{"a", Format::Bytes(500), true, Year(1990)},
-                                     {"b", Format::Bytes(500), true, Year(1990)},
-                                     {"c", Format::Bytes(500), false, Year(2020)}});
-    const std::string b = Make("b", {{"d", Format::Bytes(500), true, Year(2021)}});
-    freeSpace = kReserved + 700;
-    EXPECT_EQ(Run({"merge", a, b}), kDone);
-    EXPECT_EQ(err_, "added 0 effects, replaced 0; for lack of room, evicted 1 and left out 1\n");
-    freeSpace.reset();
-    EXPECT_EQ(Content(a).size(), 2U);
 }
 
 // ---- Locks --------------------------------------------------------------------------------------

@@ -62,6 +62,8 @@ TEST_F(PruneTest, RefusesToGuessWhatMayGo) {
     EXPECT_EQ(Run({"prune", cache_}), kUsage);
     EXPECT_EQ(Run({"prune", cache_, "--older-than", "soon"}), kUsage);
     EXPECT_EQ(Run({"prune", cache_, "--max-size", "-1"}), kUsage);
+    EXPECT_EQ(Run({"prune", cache_, "--older-than", "", "--match", "o*"}), kUsage);
+    EXPECT_EQ(Run({"prune", cache_, "--max-size", ""}), kUsage);
     EXPECT_EQ(Run({"prune", cache_, "--max-effects", "some"}), kUsage);
     EXPECT_EQ(Run({"prune", cache_, "--max-effects", "-1"}), kUsage);
     EXPECT_EQ(FileBytes(), before);

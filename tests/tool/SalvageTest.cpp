@@ -93,7 +93,7 @@ TEST_F(SalvageTest, NamesWhatIsLeftOutOnRequest) {
               Json::parse(R"({
         "file": )" + Json(file_).dump() +
                           R"(, "saveUndone": false, "damage": [], "indexComplete": true,
-        "saved": 2, "savedBytes": 3,
+        "saved": 2, "savedBytes": 3, "contentsChecked": false,
         "leftOut": [{"name": "tab\\x09here\\\\\\xFF", "reason": "its chain of pages is broken"}]
         })"));
 }

@@ -1,3 +1,4 @@
+#include <chrono>
 #include <csignal>
 #include <fstream>
 #include <iostream>
@@ -89,6 +90,32 @@ TEST_F(StopTest, ImportStopsReadingAPipe) {
     EXPECT_THAT(import.Receive(), HasSubstr("quorvel: stopped"));
     EXPECT_EQ(import.Wait(), kFailed);
     EXPECT_EQ(FileBytes(), before);
+}
+
+TEST_F(StopTest, AStoppedChangeIsUndone) {
+    std::vector<Format::NewEffect> effects;
+    for (int i = 0; i < 2000; ++i) {
+        effects.push_back({"effect " + std::to_string(i), Format::Bytes(4000, 1)});
+    }
+    MakeCache(effects);
+    const Format::Bytes before = FileBytes();
+    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+             {"compact", cache_}, {"prune", cache_, "--max-effects", "10"}}) {
+        int stopped = 0;
+        for (int delay = 0; delay < 40; delay += 2) {
+            Format::WriteWholeFile(CacheFile(), before);
+            ChildProcess command("RunTool", arguments);
+            EXPECT_EQ(command.Receive(), "begins");
+            std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+            Stop(command, SIGINT);
+            const int result = command.Wait();
+            if (result == kDone) { break; }
+            EXPECT_EQ(result, kFailed);
+            ++stopped;
+            EXPECT_EQ(RunJson({"list", cache_}).size(), 2000U);
+        }
+        EXPECT_GT(stopped, 0) << arguments[0];
+    }
 }
 
 TEST_F(StopTest, NoCommandWaitsOnForTheLock) {

@@ -34,9 +34,9 @@ protected:
     }
 
     // Runs a command that must print one JSON value.
-    Json RunJson(std::vector<std::string> arguments) {
+    Json RunJson(std::vector<std::string> arguments, int exitCode = kDone) {
         arguments.push_back("--json");
-        EXPECT_EQ(Run(arguments), kDone) << err_;
+        EXPECT_EQ(Run(arguments), exitCode) << err_;
         return Json::parse(out_);
     }
 

@@ -79,14 +79,14 @@ Cache::Cache(const Session& session, const std::string& argument)
     } catch (const Win32APICallFailedException& failure) {
         throw Failure(
             fmt::format("{}: the cache's lock can't be opened (system error {}); "
-                        "--offline reads without it",
+                        "commands that only read take --offline",
                         argument, failure.errorCode));
     }
     if (shared_->Path().Length() == 0) {
         throw Failure(
             argument +
             ": the directory or its cache file belongs to another user, so caches of this "
-            "user don't use it; run this as that user, or read it with --offline");
+            "user don't use it; run this as that user; commands that only read take --offline");
     }
     path_ = shared_->Path().data();
 }
@@ -173,7 +173,7 @@ void Cache::Lock::Recover() const {
     } catch (const std::exception& error) {
         const auto* const failure = dynamic_cast<const FileIOException*>(&error);
         throw Failure(fmt::format(
-            "{}: an interrupted save can't be undone: {}; the journal stays for the next try",
+            "{}: whether a save was interrupted can't be found out, or it can't be undone: {}",
             cache_.path_,
             failure ? std::strerror(static_cast<int>(failure->errorCode)) : error.what()));
     }

@@ -30,7 +30,7 @@ EffectKey KeyOf(const std::string& name) {
 // What a failed step of the package means to a user.
 std::string Reason(const std::exception& error) {
     if (const auto* const failure = dynamic_cast<const FileIOException*>(&error)) {
-        if (failure->errorCode == ENOSPC) {
+        if (IsFull(*failure)) {
             return "the volume is full; make room on it, or empty the cache with \"quorvel clear\"";
         }
         if (failure->errorCode != 0) { return std::strerror(static_cast<int>(failure->errorCode)); }
@@ -61,10 +61,19 @@ std::string DescribeFailure(const std::string& path, const std::exception& error
     return fmt::format("{}: nothing was changed: {}", path, Reason(error));
 }
 
-std::uint64_t CapacityBeside(const Cache& cache, std::uint64_t reserved) {
+std::uint64_t FreeBytes(const Cache& cache, std::uint64_t reserved) {
     const std::string directory =
         std::filesystem::absolute(Format::ToPath(cache.Path())).parent_path().string();
-    return SpaceBudget(directory.c_str(), reserved);
+    const std::uint64_t free = SpaceBudget(directory.c_str(), reserved);
+    return free == kLargestSpaceBudget ? free : free - free / 8;
+}
+
+void RequireWritable(const Cache& cache) {
+    cache.RequireFile();
+    if (const int error = StdioFile().Open(cache.Path().c_str(), "r+b"); error != 0) {
+        throw Failure(
+            fmt::format("{}: can't be opened for writing: {}", cache.Path(), std::strerror(error)));
+    }
 }
 
 template <typename Step>
@@ -85,10 +94,7 @@ CacheEditor::CacheEditor(Cache& cache, const Cache::Lock& lock, Missing missing)
 void CacheEditor::Open(Missing missing) {
     const PagedFilePackageConfig config = CachePackageConfig(path_);
     if (cache_.Exists()) {
-        if (const int error = StdioFile().Open(path_.data(), "r+b"); error != 0) {
-            throw Failure(fmt::format("{}: can't be opened for writing: {}", cache_.Path(),
-                                      std::strerror(error)));
-        }
+        RequireWritable(cache_);
         package_ = PagedFilePackage::Open(config);
         if (package_ && Try([&] { return index_.Load(*package_); })) { return; }
         throw Failure(cache_.Path() +
@@ -159,8 +165,13 @@ void CacheEditor::SetPermanent(IndexEntry* entry, bool permanent) {
     entry->record.permanent = permanent ? 1 : 0;
 }
 
-std::uint64_t CacheEditor::Capacity() const {
-    return CapacityBeside(cache_, 2 * JournalBytes(*package_, index_, 0));
+std::uint64_t CacheEditor::Capacity(std::uint64_t replaced) const {
+    const std::uint64_t sparePages = JournalBytes(*package_, index_, 0);  // about as many
+    const std::uint64_t free =
+        FreeBytes(cache_, JournalBytes(*package_, index_, replaced) + sparePages);
+    return free == kLargestSpaceBudget
+               ? free
+               : std::min(kLargestSpaceBudget, package_->GetTotalDataSize() + 1 + free);
 }
 
 std::uint64_t CacheEditor::EffectSize(std::uint64_t nameLength, std::uint64_t size) {
@@ -168,17 +179,21 @@ std::uint64_t CacheEditor::EffectSize(std::uint64_t nameLength, std::uint64_t si
 }
 
 // A stream that belongs to no effect takes up room, too.
-CacheEditor::Room CacheEditor::TotalRoom() {
-    const std::uint64_t effects = index_.Size();
+CacheEditor::Room CacheEditor::TotalRoom(std::uint64_t replaced) {
+    const std::uint64_t otherStreams = package_->GetNumberOfDataStreams() - index_.Size();
+    const std::uint64_t effects = kStreamLimit - otherStreams;
+    const std::uint64_t capacity = Capacity(replaced);
+    if (capacity < kLargestSpaceBudget) {
+        return {effects, capacity - package_->GetTotalDataSize() - 1, true};
+    }
     std::uint64_t bytes = 0;
     for (const IndexEntry* const entry : index_.Entries()) {
         bytes += EffectSize(entry->record.nameLength, entry->record.effectSize);
     }
-    const std::uint64_t otherStreams = package_->GetNumberOfDataStreams() - effects;
     // The stream of a damaged effect may be shorter than its record says.
     const std::uint64_t total = std::max(package_->GetTotalDataSize(), bytes);
-    const std::uint64_t limit = Capacity() + bytes;
-    return {kStreamLimit - otherStreams, limit > total ? limit - total - 1 : 0};
+    const std::uint64_t limit = capacity + bytes;
+    return {effects, limit > total ? limit - total - 1 : 0, false};
 }
 
 std::vector<std::string> CacheEditor::MakeRoom(std::uint64_t size) {
@@ -205,9 +220,9 @@ void CacheEditor::Commit() {
             index_.Write(*package_);
             package_->Commit();
         });
+        cache_.TellOthers();
     }
     isNew_ = false;
-    cache_.TellOthers();
 }
 
 }  // namespace Quorvel::Tool

@@ -23,8 +23,12 @@ std::string NameOf(const IndexEntry& entry);
 // The same moment, as the library stores it.
 EntryTime ToRecord(const Format::EntryTime& time);
 
-// How many bytes all streams of a cache may take, if so many are set aside on its volume.
-std::uint64_t CapacityBeside(const Cache& cache, std::uint64_t reserved);
+// How many bytes the volume of a cache has room for, if so many are set aside: 256 MiB, or most of
+// what is free.
+std::uint64_t FreeBytes(const Cache& cache, std::uint64_t reserved);
+
+// Throws Failure if the cache's file is missing, with the exit code kNo, or can't be changed.
+void RequireWritable(const Cache& cache);
 
 // Changes the effects of a cache: all changes between the constructor and Commit, or none. Whatever
 // goes wrong becomes a Failure that names the file.
@@ -60,16 +64,20 @@ public:
     std::vector<std::string> MakeRoom(std::uint64_t size);
 
     // How many effects the cache can hold, and how many bytes they may take, each of them taking
-    // EffectSize.
+    // EffectSize. If the volume sets the limit, it is one for new effects alone: evicting and
+    // replacing others makes no room, because the journal takes it. `replaced` of the cache's
+    // effects will be replaced.
     struct Room {
         std::uint64_t effects;
         std::uint64_t bytes;
+        bool isLimitedByVolume;
     };
-    Room TotalRoom();
+    Room TotalRoom(std::uint64_t replaced);
 
-    // How many bytes all streams of the cache may take: fewer than this. The volume must have room
-    // for the journal and for spare pages besides.
-    std::uint64_t Capacity() const;
+    // How many bytes all streams of the cache may take: fewer than this. What is added must fit on
+    // the volume, beside the journal and spare pages. (A host leaves more free: as much as the
+    // cache takes.)
+    std::uint64_t Capacity(std::uint64_t replaced = 0) const;
 
     // How many bytes of streams an effect takes.
     static std::uint64_t EffectSize(std::uint64_t nameLength, std::uint64_t size);

@@ -124,6 +124,7 @@ void Checker::CheckEffects(Cache& cache) {
         // If there are no effects, the problems say why.
         if (IsStopRequested()) { throw; }
         if (failure.exitCode != kNo) { findings_.failure = failure.what(); }
+        if (failure.exitCode == kNo && findings_.problemCount == 0) { Problem(failure.what()); }
     }
 }
 

@@ -6,6 +6,7 @@
 #include "tools/quorvel/Cache.h"
 #include "tools/quorvel/Commands.h"
 #include "tools/quorvel/Compaction.h"
+#include "tools/quorvel/Text.h"
 
 namespace Quorvel::Tool {
 namespace {
@@ -17,7 +18,8 @@ struct ClearOptions {
 
 bool IsSure(const ClearOptions& options, Session& session) {
     if (options.isSure) { return true; }
-    session.err << "remove all effects from " << options.cache << "? [y/N] " << std::flush;
+    session.err << "remove all effects from " << EscapePath(options.cache) << "? [y/N] "
+                << std::flush;
     std::string answer;
     std::getline(session.in, answer);
     StopIfAsked();
@@ -32,7 +34,10 @@ bool IsCache(Cache& cache) {
         return cache.IsShared() ||
                Format::HoldsEffectCache(
                    ReadPackage(cache, lock, DamagedEffects::LeaveOut)->State().headerData);
-    } catch (const Failure&) { return false; }
+    } catch (const Failure& failure) {
+        if (failure.exitCode != kNo) { throw; }
+        return false;
+    }
 }
 
 void Clear(const ClearOptions& options, Session& session) {

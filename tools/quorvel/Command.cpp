@@ -75,6 +75,8 @@ template Option Command::AddOption(const std::string&, double&, const std::strin
 template Option Command::AddOption(const std::string&, std::uint64_t&, const std::string&);
 template Option Command::AddOption(const std::string&, std::optional<std::uint64_t>&,
                                    const std::string&);
+template Option Command::AddOption(const std::string&, std::optional<std::string>&,
+                                   const std::string&);
 
 void Command::AddFlag(const std::string& name, bool& isGiven, const std::string& help) {
     app->add_flag(name, isGiven, help);

@@ -20,7 +20,7 @@ void CompactCache(const std::string& argument, Session& session) {
     }
     if (result.damaged > 0) {
         session.exitCode = kNo;
-        session.Tell(fmt::format("left out {} that could not be read",
+        session.Warn(fmt::format("left out {} that could not be read",
                                  Count(result.damaged, "damaged effect")));
     }
     session.Report(

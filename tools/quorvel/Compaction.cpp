@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "effectcache/EffectIndex.h"
+#include "effectcache/SpaceBudget.h"
 #include "effectcache/StoredEffect.h"
 #include "format/Path.h"
 #include "package/PagedFilePackage.h"
@@ -38,6 +39,11 @@ using Page = std::vector<std::uint8_t>;
 
 void OpenFile(StdioFile& file, const std::string& path, const char* mode) {
     if (const int error = file.Open(path.c_str(), mode); error != 0) { FailWith(error); }
+}
+
+// Some file systems report only now that bytes which were written are lost.
+void CloseFile(StdioFile& file) {
+    if (const int error = file.Close(); error != 0) { FailWith(error); }
 }
 
 void Read(std::FILE* file, std::uint64_t page, Page& to) {
@@ -96,11 +102,13 @@ void ReplaceBytes(Cache& cache, const std::string& by, const Session& session) {
         Write(file.Get(), i, page);
         progress.Add();
     }
+    CloseFile(file);
+    OpenFile(file, path, "r+b");
     Read(source.Get(), 0, page);
     Write(file.Get(), 0, page);
+    CloseFile(file);
     journal.Finish();
     undo.Dismiss();
-    file.Close();
     std::error_code ignored;  // a longer file is as good, it only takes more room
     fs::resize_file(Format::ToPath(path), pages * kPageSize, ignored);
 }
@@ -158,15 +166,22 @@ void Prepare(const std::string& path, const std::string& newPath, Keep keep,
     CopyEffects(*package, *copy, result, session);
 }
 
-// What the file takes is enough for an empty package.
-void EmptyInPlace(const std::string& path) {
-    fs::resize_file(Format::ToPath(path), 0);
-    const CStr name(path.c_str());
-    const Util::RefPtr<PagedFilePackage> package =
-        PagedFilePackage::Create(CachePackageConfig(name));
-    if (!package) { FailWith(ENOSPC); }
-    EffectIndex().Start(*package);
-    package->Commit();
+// What the file has taken is enough for an empty package.
+void EmptyInPlace(Cache& cache) {
+    fs::resize_file(Format::ToPath(cache.Path()), 0);
+    try {
+        const CStr name(cache.Path().c_str());
+        const Util::RefPtr<PagedFilePackage> package =
+            PagedFilePackage::Create(CachePackageConfig(name));
+        if (!package) { FailWith(ENOSPC); }
+        EffectIndex().Start(*package);
+        package->Commit();
+    } catch (const std::exception&) {
+        cache.TellOthers();
+        throw Failure(cache.Path() +
+                      ": all effects were removed, but the empty cache can't be written; the next "
+                      "host makes it");
+    }
 }
 
 void Replace(Cache& cache, Keep keep, CompactionResult& result, const Session& session) {
@@ -180,21 +195,25 @@ void Replace(Cache& cache, Keep keep, CompactionResult& result, const Session& s
 
 CompactionResult Compact(Cache& cache, const Cache::Lock& lock, Keep keep, const Session& session) {
     lock.Recover();
-    cache.RequireFile();
+    RequireWritable(cache);
     CompactionResult result;
     try {
         result.sizeBefore = fs::file_size(Format::ToPath(cache.Path()));
         try {
             Replace(cache, keep, result, session);
         } catch (const FileIOException& error) {
-            if (keep == Keep::Everything || error.errorCode != ENOSPC) { throw; }
-            EmptyInPlace(cache.Path());
+            if (keep == Keep::Everything || !IsFull(error)) { throw; }
+            EmptyInPlace(cache);
         }
-        result.sizeAfter = fs::file_size(Format::ToPath(cache.Path()));
-    } catch (const Failure&) { throw; } catch (const FileDataCorruptException& error) {
-        throw Failure(DescribeFailure(cache.Path(), error), kNo);
+    } catch (const Failure&) { throw; } catch (const FileDataCorruptException&) {
+        throw Failure(cache.Path() +
+                          ": nothing was changed: the file is damaged or holds no effects; "
+                          "\"quorvel check\" says more",
+                      kNo);
     } catch (const std::exception& error) { throw Failure(DescribeFailure(cache.Path(), error)); }
     cache.TellOthers();
+    std::error_code ignored;
+    result.sizeAfter = fs::file_size(Format::ToPath(cache.Path()), ignored);
     return result;
 }
 

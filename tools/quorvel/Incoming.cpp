@@ -91,9 +91,12 @@ void IncomingOptions::AddTo(Command& command, const std::string& source) {
 
 namespace {
 
+// The journal and the spare pages of a small cache.
+constexpr std::uint64_t kReservedForNewCache = 0x40000;
+
 CacheEditor::Room RoomOfNewCache(const Cache& cache) {
-    const std::uint64_t capacity = CapacityBeside(cache, 0);
-    return {kStreamLimit - 1, capacity - std::min<std::uint64_t>(capacity, 1)};
+    const std::uint64_t free = FreeBytes(cache, kReservedForNewCache);
+    return {kStreamLimit - 1, free, free < kLargestSpaceBudget};
 }
 
 // An effect that the cache would hold if it had room for everything: one of its own, or one that
@@ -106,14 +109,18 @@ struct Candidate {
         return incoming ? ToRecord(incoming->second.time) : own->record.entryTime;
     }
 
-    std::uint64_t Size() const {
-        return incoming ? CacheEditor::EffectSize(incoming->first.size(), incoming->second.size)
-                        : CacheEditor::EffectSize(own->record.nameLength, own->record.effectSize);
+    std::uint64_t Size(const CacheEditor::Room& room) const {
+        if (incoming) {
+            return CacheEditor::EffectSize(incoming->first.size(), incoming->second.size);
+        }
+        return room.isLimitedByVolume
+                   ? 0
+                   : CacheEditor::EffectSize(own->record.nameLength, own->record.effectSize);
     }
 
     // Lower ones stay first; those of rank 0 always stay, if need be in the cache's own version.
-    int Rank() const {
-        if (own && own->record.permanent != 0) { return 0; }
+    int Rank(const CacheEditor::Room& room) const {
+        if (own && (own->record.permanent != 0 || room.isLimitedByVolume)) { return 0; }
         return incoming && incoming->second.permanent ? 1 : 2;
     }
 };
@@ -125,7 +132,11 @@ public:
          const std::string& prefer)
         : incoming_(incoming.All()), prefer_(prefer) {
         Match(editor);
-        Choose(editor ? editor->TotalRoom() : RoomOfNewCache(cache));
+        const auto replaced =
+            std::count_if(candidates_.begin(), candidates_.end(),
+                          [](const auto& one) { return one.own && one.incoming; });
+        Choose(editor ? editor->TotalRoom(static_cast<std::uint64_t>(replaced))
+                      : RoomOfNewCache(cache));
     }
 
     IncomingResult result;
@@ -155,24 +166,24 @@ private:
 
     void Choose(CacheEditor::Room room) {
         std::stable_sort(candidates_.begin(), candidates_.end(),
-                         [](const Candidate& left, const Candidate& right) {
-                             return left.Rank() != right.Rank()
-                                        ? left.Rank() < right.Rank()
+                         [&](const Candidate& left, const Candidate& right) {
+                             return left.Rank(room) != right.Rank(room)
+                                        ? left.Rank(room) < right.Rank(room)
                                         : IsEarlier(right.Time(), left.Time());
                          });
         bool isFull = false;
         for (Candidate& candidate : candidates_) {
             const auto fits = [&] {
-                return !isFull && room.effects > 0 && room.bytes >= candidate.Size();
+                return !isFull && room.effects > 0 && room.bytes >= candidate.Size(room);
             };
             if (candidate.own && candidate.incoming && !fits()) {
                 candidate.incoming = nullptr;
                 ++result.leftOut;
             }
-            const bool stays = fits() || candidate.Rank() == 0;
+            const bool stays = fits() || candidate.Rank(room) == 0;
             isFull = isFull || !stays;
             Note(candidate, stays);
-            const std::uint64_t size = candidate.Size();
+            const std::uint64_t size = candidate.Size(room);
             room.effects -= std::min<std::uint64_t>(room.effects, 1);
             room.bytes -= std::min(room.bytes, size);
         }
@@ -255,6 +266,7 @@ void ReportResult(Session& session, const IncomingResult& result, const Incoming
             session.out << "- " << Escape(name) << '\n';
         }
     }
+    if (result.leftOut > 0) { session.exitCode = kNo; }
     std::string line = fmt::format("{}added {}, replaced {}", options.isDryRun ? "would have " : "",
                                    Count(result.added.size(), "effect"), result.replaced.size());
     if (result.kept > 0) { line += fmt::format("; the cache's own stayed: {}", result.kept); }

@@ -31,12 +31,13 @@ Facts Collect(const std::string& argument, Session& session) {
     Cache cache(session, argument);
     Facts facts;
     facts.path = cache.Path();
+    std::unique_ptr<Snapshot> snapshot;
     {
         const Cache::Lock lock(cache);
-        const std::unique_ptr<Snapshot> snapshot = ReadPackage(cache, lock);
-        facts.holdsEffects = snapshot->HoldsEffects();
-        facts.statistics = MakeStatistics(*snapshot);
+        snapshot = ReadPackage(cache, lock);
     }
+    facts.holdsEffects = snapshot->HoldsEffects();
+    facts.statistics = MakeStatistics(*snapshot);
     std::error_code ignored;
     facts.freeDisk = std::filesystem::space(Format::ToPath(cache.Path()), ignored).available;
     facts.knowsHolders = FindHolders(cache.Path(), facts.holders);

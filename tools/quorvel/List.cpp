@@ -72,7 +72,7 @@ void List(const ListOptions& options, Session& session) {
     const std::unique_ptr<Snapshot> snapshot = Read(options, session);
     const Effects effects = Select(options, *snapshot);
     if (effects.empty() && options.match != "*") {
-        session.Tell(std::string("quorvel: ") + NoMatch(options.cache, options.match).what());
+        session.Warn(std::string("quorvel: ") + NoMatch(options.cache, options.match).what());
         session.exitCode = kNo;
     }
     if (session.json) { return PrintJson(effects, session); }

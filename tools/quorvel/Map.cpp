@@ -40,9 +40,9 @@ void Map(const MapOptions& options, Session& session) {
         file.Finish();
     }
     if (snapshot->Damage().empty()) { return; }
-    session.err << fmt::format(
-        "quorvel: {}: damaged: {}; the report shows streams instead of effects\n", cache.Path(),
-        snapshot->Damage());
+    session.Warn(
+        fmt::format("quorvel: {}: damaged: {}; the report shows streams instead of effects",
+                    cache.Path(), snapshot->Damage()));
     session.exitCode = kNo;
 }
 

@@ -41,11 +41,13 @@ OutputFile::~OutputFile() {
 }
 
 void OutputFile::Finish() {
-    errno = 0;
+    if (stream_) { errno = 0; }  // otherwise it says why a write failed
     stream_.close();
     if (!stream_) { Fail(); }
     if (unfinished_.empty()) { return; }
     std::error_code error;
+    const fs::file_status old = fs::status(Format::ToPath(path_), error);
+    if (fs::exists(old)) { fs::permissions(Format::ToPath(unfinished_), old.permissions(), error); }
     fs::rename(Format::ToPath(unfinished_), Format::ToPath(path_), error);
     if (error) { throw Failure(fmt::format("{}: {}", name_, error.message())); }
     unfinished_.clear();

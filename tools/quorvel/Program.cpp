@@ -18,7 +18,10 @@ std::string Session::ReadName(const std::string& argument) const {
 }
 
 void Session::Tell(const std::string& line) const {
-    if (quiet) { return; }
+    if (!quiet) { Warn(line); }
+}
+
+void Session::Warn(const std::string& line) const {
     if (isErrTerminal) { err << "\r\x1B[K"; }  // a progress bar may be there
     err << EscapePath(line) << '\n';
 }
@@ -28,6 +31,7 @@ void Session::Print(const Json& value) const {
 }
 
 void Session::Report(const std::string& line, const Json& value) const {
+    isDone = true;
     if (json) {
         Print(value);
     } else {
@@ -85,9 +89,12 @@ int RunProgram(int argc, const char* const* argv, const Streams& streams) {
     } catch (const Failure& failure) {
         session.err << "quorvel: " << EscapePath(failure.what()) << '\n';
         result = failure.exitCode;
-    } catch (const std::exception& error) { session.err << "quorvel: " << error.what() << '\n'; }
+    } catch (const std::exception& error) {
+        session.err << "quorvel: " << EscapePath(error.what()) << '\n';
+    }
     if (!session.out.flush() && result != kFailed) {
-        session.err << "quorvel: the output can't be written\n";
+        session.err << "quorvel: the output can't be written"
+                    << (session.isDone ? ", but the command was carried out\n" : "\n");
         return kFailed;
     }
     return result;

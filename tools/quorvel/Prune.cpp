@@ -19,8 +19,8 @@ namespace {
 
 struct PruneOptions {
     std::string cache;
-    std::string olderThan;
-    std::string maxSize;
+    std::optional<std::string> olderThan;
+    std::optional<std::string> maxSize;
     std::optional<std::uint64_t> maxEffects;
     std::string match = "*";
     bool isDryRun = false;
@@ -34,17 +34,16 @@ struct Limits {
 };
 
 Limits ReadLimits(const PruneOptions& options) {
-    if (options.olderThan.empty() && options.maxSize.empty() && !options.maxEffects &&
-        options.match == "*") {
+    if (!options.olderThan && !options.maxSize && !options.maxEffects && options.match == "*") {
         throw Failure("say what may go: --older-than, --max-size, --max-effects or --match",
                       kUsage);
     }
     Limits limits;
-    if (!options.olderThan.empty()) { limits.age = ParseDuration(options.olderThan); }
-    if (!options.maxSize.empty()) { limits.size = ParseSize(options.maxSize); }
+    if (options.olderThan) { limits.age = ParseDuration(*options.olderThan); }
+    if (options.maxSize) { limits.size = ParseSize(*options.maxSize); }
     limits.effects = options.maxEffects.value_or(limits.effects);
     // Without a limit, everything that matches goes.
-    if (!limits.age && options.maxSize.empty() && !options.maxEffects) { limits.age = 0; }
+    if (!limits.age && !options.maxSize && !options.maxEffects) { limits.age = 0; }
     return limits;
 }
 
@@ -98,7 +97,7 @@ void Prune(const PruneOptions& options, Session& session) {
     }
     ReportNames(session, "removed", names, options.isDryRun);
     if (!isWithinLimits) {
-        session.Tell("the rest exceeds the limits, but is permanent or does not match");
+        session.Warn("the rest exceeds the limits, but is permanent or does not match");
         session.exitCode = kNo;
     }
 }

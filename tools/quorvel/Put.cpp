@@ -41,8 +41,11 @@ Format::Bytes ReadInput(const PutOptions& options, Session& session) {
     std::istream& in = options.file == "-" ? session.in : file;
     Format::Bytes data(kLargestEffect + 1);
     in.read(reinterpret_cast<char*>(data.data()), static_cast<std::streamsize>(data.size()));
-    if (in.bad()) { throw Failure(fmt::format("{}: can't be read", options.file)); }
     StopIfAsked();
+    if (in.bad()) {
+        throw Failure(fmt::format("{}: can't be read: {}", options.file,
+                                  errno != 0 ? std::strerror(errno) : "read error"));
+    }
     data.resize(static_cast<std::size_t>(in.gcount()));
     return data;
 }

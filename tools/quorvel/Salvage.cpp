@@ -110,7 +110,7 @@ Outcome Salvager::Run() {
     UndoSave(copy);
 
     const Format::SalvageReader reader(*file_);
-    outcome_.damage = reader.Damage();
+    outcome_.damage.insert(outcome_.damage.end(), reader.Damage().begin(), reader.Damage().end());
     outcome_.hasWholeIndex = reader.HasWholeIndex();
     if (reader.Count() == 0) { return outcome_; }
     CacheEditor editor(cache, lock, CacheEditor::Missing::Create);
@@ -138,13 +138,17 @@ void Salvager::UndoSave(const std::string& copy) {
     if (!Format::IsMarked(*file_) || !fs::exists(Format::ToPath(JournalOf(path_)), ignored)) {
         return;
     }
-    Copy(*file_, copy);
-    Copy(Format::DiskSource(JournalOf(path_)), JournalOf(copy));
+    try {
+        Copy(*file_, copy);
+        Copy(Format::DiskSource(JournalOf(path_)), JournalOf(copy));
+    } catch (const Failure&) { throw; } catch (const std::runtime_error& error) {
+        outcome_.damage.push_back(
+            fmt::format("an interrupted save can't be undone: {}", EscapePath(error.what())));
+        return;
+    }
     try {
         RollbackJournal::Recover(copy.c_str());
-    } catch (const std::exception&) {
-        throw Failure(copy + ": an interrupted save can't be undone; make room on the volume");
-    }
+    } catch (const std::exception& error) { throw Failure(DescribeFailure(copy, error)); }
     file_ = std::make_unique<Format::DiskSource>(copy);
     outcome_.isSaveUndone = !Format::IsMarked(*file_);
 }
@@ -179,7 +183,7 @@ void Salvager::Save(const Format::SalvageReader& reader, CacheEditor& editor) {
 
 void PrintText(const Outcome& outcome, const SalvageOptions& options, Session& session) {
     for (const std::string& line : outcome.damage) {
-        session.Tell(options.file + ": " + line);
+        session.Warn(options.file + ": " + line);
     }
     if (outcome.isSaveUndone) { session.Tell("undid the interrupted save, in a copy"); }
     session.Tell(fmt::format("saved {} of {} in {}", Count(outcome.saved, "effect"),
@@ -190,16 +194,20 @@ void PrintText(const Outcome& outcome, const SalvageOptions& options, Session& s
         if (options.isVerbose) { session.out << Escape(name) << ": " << reason << '\n'; }
     }
     for (const auto& [reason, count] : reasons) {
-        session.Tell(fmt::format("left out {}: {}", Count(count, "effect"), reason));
+        session.Warn(fmt::format("left out {}: {}", Count(count, "effect"), reason));
     }
     if (!outcome.hasWholeIndex) { session.Tell("there may have been more effects"); }
     if (!options.format.IsKnown()) { session.Tell(kContentsUnchecked); }
 }
 
 Json ToJson(const Outcome& outcome, const SalvageOptions& options) {
-    Json json = {{"file", EscapePath(options.file)}, {"saveUndone", outcome.isSaveUndone},
-                 {"damage", outcome.damage},         {"indexComplete", outcome.hasWholeIndex},
-                 {"saved", outcome.saved},           {"savedBytes", outcome.savedBytes},
+    Json json = {{"file", EscapePath(options.file)},
+                 {"saveUndone", outcome.isSaveUndone},
+                 {"damage", outcome.damage},
+                 {"indexComplete", outcome.hasWholeIndex},
+                 {"saved", outcome.saved},
+                 {"savedBytes", outcome.savedBytes},
+                 {"contentsChecked", options.format.IsKnown()},
                  {"leftOut", Json::array()}};
     for (const auto& [name, reason] : outcome.leftOut) {
         json["leftOut"].push_back({{"name", Escape(name)}, {"reason", reason}});

@@ -59,7 +59,7 @@ void RemoveEffects(CacheEditor& editor, const std::vector<std::string>& names,
 
 void TellDamage(const Session& session, const Cache& cache, const std::string& name,
                 const std::string& why) {
-    session.Tell(fmt::format("{}: \"{}\" is damaged: {}", cache.Path(), Escape(name), why));
+    session.Warn(fmt::format("{}: \"{}\" is damaged: {}", cache.Path(), Escape(name), why));
 }
 
 Json EscapeAll(const std::vector<std::string>& names) {

@@ -41,12 +41,14 @@ struct Session {
     bool isErrTerminal = false;  // progress is shown only on a terminal
     bool isOutTerminal = false;
 
-    int exitCode = kDone;  // what the command returns if it does not fail
+    int exitCode = kDone;         // what the command returns if it does not fail
+    mutable bool isDone = false;  // Report was called: only output can still fail
 
     // The name of an effect that an argument stands for. Throws Failure.
     std::string ReadName(const std::string& argument) const;
 
-    // Prints a line to err unless --quiet was given.
+    // Prints a line to err; Tell does not if --quiet was given.
+    void Warn(const std::string& line) const;
     void Tell(const std::string& line) const;
 
     // Prints a JSON value and a line break to out.

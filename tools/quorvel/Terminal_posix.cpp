@@ -57,9 +57,10 @@ TerminalSize OutputSize() {
 
 void PrepareStandardStreams() {
     // If a standard stream is closed, the next file to be opened would get its number, and messages
-    // would go into it.
+    // would go into it. Reads and writes fail as before.
     for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        if (::fcntl(stream, F_GETFD) == -1) { ::open("/dev/null", O_RDWR); }
+        if (::fcntl(stream, F_GETFD) != -1) { continue; }
+        ::open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
     }
     std::signal(SIGPIPE, SIG_IGN);
 }

@@ -85,7 +85,9 @@ std::FILE* CreateTemporaryFile(const std::string& folder) {
         errno = EACCES;
         return nullptr;
     }
-    return std::fopen(path, "w+bTD");
+    std::FILE* const file = std::fopen(path, "w+bTD");
+    if (!file) { ::DeleteFileA(path); }
+    return file;
 }
 
 }  // namespace Quorvel::Tool

@@ -247,17 +247,19 @@ std::string Duration(std::uint64_t seconds) {
 
 std::uint64_t ParseSize(const std::string& text) {
     constexpr double kKibi = 1024;
-    return ParseQuantity<9>(text,
-                            {{{"", 1},
-                              {"B", 1},
-                              {"KiB", kKibi},
-                              {"MiB", kKibi * kKibi},
-                              {"GiB", kKibi * kKibi * kKibi},
-                              {"K", kKibi},
-                              {"M", kKibi * kKibi},
-                              {"KB", 1e3},
-                              {"MB", 1e6}}},
-                            "size", "100MiB or 5000");
+    return ParseQuantity<11>(text,
+                             {{{"", 1},
+                               {"B", 1},
+                               {"KiB", kKibi},
+                               {"MiB", kKibi * kKibi},
+                               {"GiB", kKibi * kKibi * kKibi},
+                               {"K", kKibi},
+                               {"M", kKibi * kKibi},
+                               {"G", kKibi * kKibi * kKibi},
+                               {"KB", 1e3},
+                               {"MB", 1e6},
+                               {"GB", 1e9}}},
+                             "size", "100MiB or 5000");
 }
 
 std::uint64_t ParseDuration(const std::string& text) {

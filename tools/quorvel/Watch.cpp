@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -93,7 +94,7 @@ std::optional<WatchUpdate> Watcher::Next() {
         problem_.clear();
         return update;
     } catch (const Failure& failure) {
-        if (failure.what() == problem_) { return std::nullopt; }
+        if (IsStopRequested() || failure.what() == problem_) { return std::nullopt; }
         problem_ = failure.what();
         WatchUpdate update;
         update.time = Now();
@@ -108,8 +109,8 @@ WatchUpdate Watcher::Read() {
         const Cache::Lock lock(cache_);
         const Clock::time_point start = Clock::now();
         mark_ = Look();
-        mustRead_ = false;
         snapshot = ReadCache(cache_, lock);
+        mustRead_ = false;
         nextRead_ = Clock::now() + kShareOfTime * (Clock::now() - start);
     }
     WatchUpdate update;
@@ -234,6 +235,7 @@ void Sleep(Clock::duration duration) {
 }
 
 void Watch(const WatchOptions& options, Session& session) {
+    if (std::isnan(options.interval)) { throw Failure("--interval is no number", kUsage); }
     Watcher watcher(session, options.cache);
     Output output(session, watcher.Path());
     const auto interval = std::chrono::duration_cast<Clock::duration>(

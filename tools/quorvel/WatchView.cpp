@@ -55,7 +55,7 @@ std::size_t Width(const std::string& text) {
 }
 
 std::string Summary(const WatchUpdate& update) {
-    if (!update.problem.empty()) { return update.problem; }
+    if (!update.problem.empty()) { return EscapePath(update.problem); }
     if (update.isFirst) { return "watching"; }
     std::string text;
     for (const auto& [names, done] :
@@ -68,7 +68,7 @@ std::string Summary(const WatchUpdate& update) {
 }
 
 void WatchView::Add(const WatchUpdate& update, Clock::time_point now) {
-    problem_ = update.problem;
+    problem_ = EscapePath(update.problem);
     if (problem_.empty()) {
         state_ = update.state;
         if (!update.isFirst) { saves_.push_back(now); }

@@ -112,6 +112,18 @@ TEST_F(SalvageTest, UndoesAnInterruptedSaveInACopy) {
     EXPECT_THAT(SavedFiles(), ElementsAre("vornFxoCache.dat"));
 }
 
+TEST_F(SalvageTest, GoesOnIfTheJournalCannotBeRead) {
+    MakeCache(ThreeEffects());
+    const PackageImage image = ReadPackage(FileBytes());
+    InterruptSave(CacheFile(), image.streams[3].firstPage);
+    fs::remove(CacheFile() + "-journal");
+    fs::create_directory(CacheFile() + "-journal");
+    EXPECT_EQ(Run({"salvage", CacheFile(), destination_}), kNo);
+    EXPECT_THAT(err_, HasSubstr("an interrupted save can't be undone: can't read "));
+    EXPECT_THAT(err_, HasSubstr("saved 2 effects"));
+    EXPECT_THAT(SavedFiles(), ElementsAre("vornFxoCache.dat"));
+}
+
 TEST_F(SalvageTest, TakesWhatAnInterruptedSaveHasLeft) {
     MakeCache(ThreeEffects());
     const PackageImage image = ReadPackage(FileBytes());

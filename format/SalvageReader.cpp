@@ -194,7 +194,7 @@ bool SalvageReader::ReadLinks(HeadFile& head) {
 bool SalvageReader::ReadDirectory(HeadFile& head) {
     std::uint64_t count = 0;
     if (!head.Take(count) || count > kCacheStreamLimit) { return false; }
-    std::uint64_t damaged = 0;
+    std::vector<std::uint64_t> damaged;  // ids
     std::array<std::uint64_t, 4> values{};
     std::uint64_t done = 0;
     for (; done < count && head.Take(values); ++done) {
@@ -203,14 +203,17 @@ bool SalvageReader::ReadDirectory(HeadFile& head) {
         if (IsValid(stream)) {
             state_.streams.push_back(stream);
         } else {
-            ++damaged;
+            damaged.push_back(stream.id);
         }
     }
-    if (damaged > 0) {
+    if (!damaged.empty()) {
         damage_.push_back("records of the stream directory that are not valid: " +
-                          std::to_string(damaged));
+                          std::to_string(damaged.size()));
     }
     streams_ = ById(state_.streams);
+    for (const std::uint64_t id : damaged) {
+        streams_[id] = nullptr;  // a valid record with this id may be another stream's
+    }
     return done == count;
 }
 

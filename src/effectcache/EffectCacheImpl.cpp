@@ -12,7 +12,8 @@ EffectCacheImpl::EffectCacheImpl(const CStr& directory) : directory_(directory),
     file_.Open(lock, index_);
 }
 
-// Under one lock: a process that got it in between could die in a save that nobody would undo.
+// Saves and closes under one lock. If it were released in between, another process could take it
+// and die in a save, and this thread would inherit the mutex without undoing that save.
 EffectCacheImpl::~EffectCacheImpl() {
     if (!file_.IsUsable()) { return; }
     const EffectCacheFile::Lock lock(file_);

@@ -85,7 +85,7 @@ public:
     // after it down. REQUIRES: the stream has a tail.
     void Remove(std::uint64_t streamId);
 
-    // Blocks, and ids that no block has but that are lower than one in use.
+    // An upper bound of the number of blocks: one more than the highest id that was used.
     std::uint64_t BlockCount() const { return blocks_.size(); }
 
     std::uint64_t StateSize() const;

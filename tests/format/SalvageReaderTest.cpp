@@ -215,6 +215,14 @@ std::vector<Damage> TableDamages() {
          {{"bb", kNoRecord}, {"ccc", kNoRecord}},
          true,
          [](PackageImage& image) { image.streams[3].id = 2; }},
+        {"StreamTakesTheIdOfADamagedRecord",
+         {{"bb", kNoRecord}, {"ccc", kNoRecord}},
+         true,
+         [](PackageImage& image) {
+             image.streams[2].size = 1;
+             image.streams[3].id = 2;
+             image.streams[3].size = 9008;
+         }},
         {"StreamIsMissing",
          {{"ccc", kNoRecord}},
          true,

@@ -78,8 +78,8 @@ TEST_F(AutoMutexTest, GuardWhoseWaitTimesOutTakesNothingFromTheOwner) {
     EXPECT_EQ(mutex_.Acquire(0), kWaitTimedOut);
 }
 
-// A guard calls Release even if its wait timed out. That matters only if the thread owns the mutex
-// by then.
+// A guard calls Release even if its wait timed out. The call does something only if the thread has
+// acquired the mutex in the meantime.
 TEST_F(AutoMutexTest, GuardWhoseWaitTimesOutReleasesAtItsEnd) {
     ASSERT_EQ(other_.Acquire(), kWaitAcquired);
     {

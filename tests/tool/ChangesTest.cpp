@@ -54,14 +54,7 @@ TEST_F(ChangesTest, GetSaysThatThereIsNoSuchEffect) {
 }
 
 TEST_F(ChangesTest, GetSaysThatAnEffectIsDamaged) {
-    Format::PackageImage image = Format::LayOutEffectCache(ThreeEffects(), {});
-    const Format::StreamReader streams(image);
-    const Format::EffectRecord record =
-        Format::ReadIndex(streams, Format::ReadCacheHeader(image.headerData))[0].record;
-    for (Format::StreamRecord& stream : image.streams) {
-        stream.size += stream.id == record.streamId ? 1 : 0;
-    }
-    Format::WriteWholeFile(CacheFile(), Format::EncodePackage(image));
+    MakeCacheWithDamagedEffect();
     EXPECT_EQ(Run({"get", cache_, "a"}), kNo);
     EXPECT_THAT(err_, HasSubstr("\"a\" is damaged"));
 }

@@ -132,14 +132,7 @@ TEST_F(CompactTest, LeavesADamagedFileAlone) {
 }
 
 TEST_F(CompactTest, LeavesOutADamagedEffectAndSaysSo) {
-    Format::PackageImage image = Format::LayOutEffectCache(ThreeEffects(), {});
-    const Format::StreamReader streams(image);
-    const Format::EffectRecord record =
-        Format::ReadIndex(streams, Format::ReadCacheHeader(image.headerData))[0].record;
-    for (Format::StreamRecord& stream : image.streams) {
-        stream.size += stream.id == record.streamId ? 1 : 0;
-    }
-    Format::WriteWholeFile(CacheFile(), Format::EncodePackage(image));
+    MakeCacheWithDamagedEffect();
     EXPECT_EQ(Run({"compact", cache_}), kNo);
     EXPECT_THAT(err_, testing::HasSubstr("left out 1 damaged effect that could not be read"));
     EXPECT_THAT(Format::CheckEffectCache(FileBytes()), testing::IsEmpty());

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "format/EffectCacheWriter.h"
+#include "format/PackageWriter.h"
 #include "support/TemporaryDirectory.h"
 #include "tools/quorvel/Program.h"
 #include "tools/quorvel/Session.h"
@@ -49,6 +50,18 @@ protected:
     // Replaces the cache by one with these effects.
     void MakeCache(const std::vector<Format::NewEffect>& effects) const {
         Format::WriteWholeFile(CacheFile(), Format::WriteEffectCache(effects));
+    }
+
+    // The same, but "a" can't be read: its stream has another size than its record says.
+    void MakeCacheWithDamagedEffect() const {
+        Format::PackageImage image = Format::LayOutEffectCache(ThreeEffects(), {});
+        const Format::StreamReader streams(image);
+        const Format::EffectRecord record =
+            Format::ReadIndex(streams, Format::ReadCacheHeader(image.headerData))[0].record;
+        for (Format::StreamRecord& stream : image.streams) {
+            stream.size += stream.id == record.streamId ? 1 : 0;
+        }
+        Format::WriteWholeFile(CacheFile(), Format::EncodePackage(image));
     }
 
     // "a" (1 byte), "bb" (permanent, 2 bytes) and a name with odd bytes (10,000 bytes), used in

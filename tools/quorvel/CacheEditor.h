@@ -23,8 +23,8 @@ std::string NameOf(const IndexEntry& entry);
 // The same moment, as the library stores it.
 EntryTime ToRecord(const Format::EntryTime& time);
 
-// How many bytes the volume of a cache has room for, if so many are set aside: 256 MiB, or most of
-// what is free.
+// The free bytes that a cache may use on its volume after `reserved` bytes are set aside. At most
+// 256 MiB, and seven eighths of them if there are fewer.
 std::uint64_t FreeBytes(const Cache& cache, std::uint64_t reserved);
 
 // Throws Failure if the cache's file is missing, with the exit code kNo, or can't be changed.

@@ -63,8 +63,8 @@ void EffectCacheFile::Close(const Lock& /*lock*/) noexcept {
     }
 }
 
-// Puts back what a process that died in a save has overwritten. False if that fails: this cache is
-// then inert, and the other processes must retry the recovery before they trust the file.
+// Undoes the save of a process that died in it. False if that fails: this cache is then inert, and
+// the other processes must retry the recovery before they trust the file.
 bool EffectCacheFile::Recover(const Lock& lock) noexcept {
     if (shared_.Path().Length() == 0) { return true; }
     try {
@@ -78,8 +78,8 @@ bool EffectCacheFile::Recover(const Lock& lock) noexcept {
     }
 }
 
-// Undoes a save. If that fails, the cache is inert, as after Recover. Only Close or loading the
-// package may follow.
+// Undoes a save. If that fails, the cache is inert, as after a failed Recover. Only Close or a load
+// of the package may follow.
 void EffectCacheFile::Rollback(const Lock& lock) noexcept {
     try {
         package_->Rollback();
@@ -89,7 +89,7 @@ void EffectCacheFile::Rollback(const Lock& lock) noexcept {
     }
 }
 
-// Undoes a save and loads the state before it. If that fails, the cache is inert.
+// Undoes a save and loads the state that preceded it. If that fails, the cache is inert.
 void EffectCacheFile::RollbackAndReload(const Lock& lock, EffectIndex& index) noexcept {
     Rollback(lock);
     try {
@@ -145,7 +145,7 @@ bool EffectCacheFile::Save(const Lock& lock, EffectIndex& index, EffectQueue& qu
         return true;
     } catch (const FileIOException& error) {
         if (!hasRoom && IsFull(error)) {
-            // There is no room even for the journal. Then the file keeps its old state.
+            // There is no room even for the journal, so the file keeps its old state.
             RollbackAndReload(lock, index);
             return IsUsable();
         }
@@ -155,17 +155,18 @@ bool EffectCacheFile::Save(const Lock& lock, EffectIndex& index, EffectQueue& qu
     return false;
 }
 
-// Deletes streams of evicted effects until the package has fewer bytes than `limit`. False if it
-// still has more.
+// Evicts effects until the package's streams have fewer bytes than `limit`. False if they still
+// have more.
 bool EffectCacheFile::MakeRoom(const Lock& lock, EffectIndex& index, std::uint64_t limit) {
     if (package_->GetTotalDataSize() >= limit) { Evict(lock, index, limit); }
     return package_->GetTotalDataSize() < limit;
 }
 
-// The journal of all evictions may need more than the volume has left. Therefore commits, and
-// begins another save, whenever the journal has taken half of that. The other half is for what the
-// save writes next, and for other programs. However little is left, a quarter of what a commit may
-// keep is taken first, or most of the time would go into commits.
+// One journal for all evictions might need more space than the volume has left. Therefore this
+// function commits, and begins another save, whenever the journal has taken half of the space. The
+// other half is for what the save writes next, and for other programs. However little space is
+// left, each save evicts until its journal has a quarter of what the commit itself may add;
+// otherwise most of the time would go into commits.
 void EffectCacheFile::Evict(const Lock& lock, EffectIndex& index, std::uint64_t limit) {
     for (;;) {
         const std::uint64_t commitBytes = JournalBytes(*package_, index, 0);
@@ -184,8 +185,8 @@ void EffectCacheFile::Evict(const Lock& lock, EffectIndex& index, std::uint64_t 
 }
 
 // Trims a file that was just loaded to the space budget. A trim deletes streams that the index in
-// the file still names and moves the tails of others, so it is a save of its own. One that fails is
-// put off: the file still holds all its effects, just more than it should.
+// the file still names and moves the tails of others, so it is a save of its own. A trim that fails
+// is put off: the file still holds all its effects, just more than it should.
 void EffectCacheFile::Trim(const Lock& lock, EffectIndex& index) noexcept {
     try {
         const std::uint64_t budget = Budget(0);
@@ -196,8 +197,8 @@ void EffectCacheFile::Trim(const Lock& lock, EffectIndex& index) noexcept {
     } catch (...) { RollbackAndReload(lock, index); }
 }
 
-// Evicts effects until the package has streams for the whole queue. Returns the queue's effects; if
-// evicting was not enough, without the newest ones.
+// Evicts effects until the package has streams for the whole queue. Returns the queue's effects,
+// without the newest ones if evicting was not enough.
 std::vector<PendingEffect*> EffectCacheFile::ClaimStreams(const Lock& /*lock*/, EffectIndex& index,
                                                           EffectQueue& queue) {
     std::vector<PendingEffect*> effects = queue.Entries();

@@ -38,22 +38,23 @@ namespace Quorvel {
 //
 // A save is BeginSave, ReservePages, MakeRoom, ClaimStreams, StoreEffect for each effect, Commit. A
 // trim is BeginSave, Evict, Commit. Evict may commit and begin again several times, so that its
-// journal has room. Only the last of these saves can be undone: what was evicted before stays
-// evicted, even in vain. A trim that fails is put off: the file keeps more effects than it should.
+// journal has room. Only the last of these saves can be undone; effects that an earlier one evicted
+// stay evicted. A trim that fails is put off: the file keeps more effects than it should.
 //
-// Open and Sync first put back what a process that died in a save has overwritten. If old pages
-// can't be put back, the cache is inert, and the journal stays for the next process that opens or
-// reloads the file; a new stamp tells those that have it open.
+// Open and Sync first put back the pages that a process had overwritten when it died in a save. If
+// that fails, the cache is inert, and the journal stays for the next process that opens or reloads
+// the file; a new stamp makes processes that have the file open reload it.
 //
-// Without a package the cache is permanently inert. Its index stays as it last was. Of the steps,
-// only Read may throw: what OpenDataStream throws.
+// Without a package the cache is permanently inert, and its index no longer changes. Read is the
+// only step that may throw; it throws what OpenDataStream throws.
 class EffectCacheFile {
 public:
-    // Holds the file mutex while it lives. Every step requires one. If the process is root, the
-    // thread acts as the directory's owner meanwhile.
+    // Holds the file mutex for its lifetime. Every step requires a lock. If the process is root,
+    // the thread acts as the directory's owner while it holds one.
     //
-    // If the last holder died, the mutex stays with this thread when the lock is destroyed, until
-    // the thread ends, as AutoMutex documents. Other threads and processes wait until then.
+    // If the last holder died, destroying the lock does not release the mutex: it stays with this
+    // thread until the thread ends, as AutoMutex documents. Other threads and processes wait until
+    // then.
     class Lock {
     public:
         explicit Lock(EffectCacheFile& file)
@@ -86,13 +87,13 @@ public:
     [[nodiscard]] bool Read(const Lock& lock, const EffectRecord& record, Tab<unsigned char>& data);
 
     // Syncs, then moves the queue's effects into the file, evicting others to make room and to free
-    // streams. Without room they are not saved, which counts as success; without enough streams the
-    // newest of them are not. The caller then clears the queue. False on failure: the file keeps
-    // its old state, except for evictions that were committed, the cache is inert, the queue
-    // unchanged, and the index unspecified. REQUIRES: the cache is usable.
+    // streams. If there is no room, they are not saved, which counts as success; if there are too
+    // few streams, the newest are not saved. The caller then clears the queue. False on failure:
+    // the file keeps its old state except for committed evictions, and the cache is inert, the
+    // queue unchanged and the index unspecified. REQUIRES: the cache is usable.
     [[nodiscard]] bool Save(const Lock& lock, EffectIndex& index, EffectQueue& queue) noexcept;
 
-    // Releases the package, without writing anything.
+    // Releases the package without writing anything.
     void Close(const Lock& lock) noexcept;
 
 private:

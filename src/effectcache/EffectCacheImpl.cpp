@@ -12,8 +12,8 @@ EffectCacheImpl::EffectCacheImpl(const CStr& directory) : directory_(directory),
     file_.Open(lock, index_);
 }
 
-// Saves and closes under one lock. If it were released in between, another process could take it
-// and die in a save, and this thread would inherit the mutex without undoing that save.
+// Saves and closes under one lock. If the lock were released in between, another process could take
+// it and die in a save, and this thread would inherit the mutex without undoing that save.
 EffectCacheImpl::~EffectCacheImpl() {
     if (!file_.IsUsable()) { return; }
     const EffectCacheFile::Lock lock(file_);

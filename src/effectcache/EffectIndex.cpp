@@ -92,8 +92,8 @@ bool EffectIndex::ReadHeader(PagedFilePackage& package) {
     return true;
 }
 
-// Reads the records up to the first damaged one. Returns them all, also those whose name a later
-// one has taken.
+// Reads the records up to the first damaged one. Returns all of them, even those that a later
+// record of the same name replaces.
 std::vector<IndexEntry*> EffectIndex::ReadEntries(IDataStream& stream) {
     std::vector<IndexEntry*> entries;
     const std::uint64_t count = header_.recordCount;
@@ -114,8 +114,8 @@ std::vector<IndexEntry*> EffectIndex::ReadEntries(IDataStream& stream) {
     return entries;
 }
 
-// Moves the bytes not used yet to new memory of the table and reads more after them. False at the
-// end of the stream, and at a page that can't be read: that page may lie after the last entry.
+// Moves the unused bytes to new memory of the table and reads more after them. False at the end of
+// the stream, and at a page that can't be read: that page may lie after the last entry.
 bool EffectIndex::ReadMore(IDataStream& stream, std::span<std::byte>& rest) {
     const std::uint64_t position = stream.GetPosition();
     QUORVEL_ASSERT(position <= stream.GetSize());
@@ -129,11 +129,11 @@ bool EffectIndex::ReadMore(IDataStream& stream, std::span<std::byte>& rest) {
     return stream.GetPosition() != position;
 }
 
-// Removes entries of streams that are missing, that hold the index, or that another of the records
-// read names as well: an effect that was found through one of them could have the bytes of another.
+// Removes entries whose stream is missing, holds the index, or is named by another of the records
+// read: a search could return another effect's bytes for them.
 void EffectIndex::DropAmbiguousEntries(const PagedFilePackage& package,
                                        std::span<IndexEntry* const> read) {
-    std::vector<std::uint8_t> namings(kStreamLimit + 1);  // by stream, 2 for more than one
+    std::vector<std::uint8_t> namings(kStreamLimit + 1);  // by stream; 2 stands for more
     QUORVEL_ASSERT(header_.indexStreamId < namings.size());
     namings[header_.indexStreamId] = 1;
     bool isAmbiguous = false;

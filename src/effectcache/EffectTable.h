@@ -23,10 +23,11 @@ namespace Quorvel {
 // everything else about the effect: Key() returns its name and Bytes() the whole piece. Entries
 // live in the table's arena and keep their address until Pack or Clear.
 //
-// Two structures hold the entries. The slots are a hash table with linear probing; the hash next to
-// each pointer, 0 in an empty slot, tells most other names apart without touching their entries.
-// Two lists hold the entries for walks in key order: `sorted_`, and `added_` for those added
-// since. Both may still contain entries that were removed; Entries() sorts and cleans up.
+// Two structures hold the entries. The slots are a hash table with linear probing. Each has the
+// hash next to the pointer, 0 if it is empty, so that a search can pass over most other names
+// without touching their entries. Two lists hold the entries for walks in key order: `sorted_`, and
+// `added_` for those that were added after the last sort. Both may still contain entries that were
+// removed; Entries() sorts and cleans up.
 template <typename Entry>
 class EffectTable {
     static_assert(std::is_trivially_copyable_v<Entry> && std::is_trivially_destructible_v<Entry>);
@@ -36,7 +37,7 @@ public:
     std::uint64_t Size() const { return size_; }
     std::uint64_t TotalBytes() const { return bytes_; }
 
-    // All bytes that Put and Allocate have taken, also for entries that were removed since.
+    // All bytes that Put and Allocate have taken, including those of entries removed since.
     std::uint64_t HeldBytes() const { return pool_.Size(); }
 
     // The entry of a name with that hash; null when there is none.
@@ -45,8 +46,8 @@ public:
         return slot != kNoSlot ? slots_[slot].entry : nullptr;
     }
 
-    // Memory of the table for entries that AddFilled will enter, at any address. It stays allocated
-    // until Pack or Clear. Throws std::bad_alloc, changing nothing.
+    // Memory in the table, with any alignment, for entries that AddFilled will enter. It stays
+    // allocated until Pack or Clear. Throws std::bad_alloc, changing nothing.
     std::byte* Allocate(std::size_t size) {
         static_assert(alignof(Entry) == 1);
         return pool_.Allocate(size);
@@ -85,8 +86,8 @@ public:
         removed_.push_back(entry);
         std::size_t gap = FindSlot(entry->Key(), entry->Key().Hash());
         QUORVEL_ASSERT(gap != kNoSlot && slots_[gap].entry == entry);
-        // Entries after the gap that belong at or before it move up, so that none is cut off from
-        // the slot that its hash names.
+        // Entries after the gap that belong in it or before it move up: a search stops at an empty
+        // slot, and must not stop before it reaches them.
         for (std::size_t slot = Next(gap); slots_[slot].hash != 0; slot = Next(slot)) {
             if (Distance(slots_[slot].hash, slot) >= Distance(gap, slot)) {
                 slots_[gap] = slots_[slot];
@@ -107,8 +108,8 @@ public:
         return sorted_;
     }
 
-    // Copies the entries into a new table if removed ones take more memory than they do. Without
-    // memory for that nothing changes.
+    // Copies the entries into a new table if removed ones take more memory than they do. Does
+    // nothing if there is no memory for the copy.
     void Pack() noexcept {
         if (HeldBytes() <= 2 * TotalBytes() + kLeastWaste) { return; }
         try {
@@ -217,7 +218,7 @@ private:
         removed_.clear();
     }
 
-    // Usually only a few entries are new, so a binary search finds the place of each.
+    // Usually only a few entries are new, so a binary search for the place of each is fastest.
     void MergeAdded() {
         if (added_.empty()) { return; }
         if (!std::is_sorted(added_.begin(), added_.end(), IsBefore)) {

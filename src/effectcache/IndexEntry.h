@@ -14,7 +14,7 @@ namespace Quorvel {
 
 #pragma pack(push, 1)
 // An effect of the file, an entry of an EffectTable. In memory it consists of the same bytes as in
-// the index stream: the record, the length of the name once more, and the name.
+// the index stream: the record, the length of the name again, and the name.
 struct IndexEntry {
     static std::size_t SizeFor(const EffectKey& key, const EffectRecord& /*record*/) {
         return IndexEntrySize(key.length);
@@ -28,8 +28,8 @@ struct IndexEntry {
         return ::new (memory) IndexEntry{record, record.nameLength};
     }
 
-    // The size of the entry that `bytes` begin with, as far as they tell: the size of its fixed
-    // part when they are shorter. 0 when the entry is out of range or contradicts itself.
+    // The size of the entry at the start of `bytes`; the size of its fixed part if `bytes` are
+    // shorter than that. 0 if the entry is out of range or contradicts itself.
     static std::size_t SizeIn(std::span<const std::byte> bytes) {
         if (bytes.size() < sizeof(IndexEntry)) { return sizeof(IndexEntry); }
         IndexEntry entry;

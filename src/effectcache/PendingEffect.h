@@ -42,7 +42,7 @@ struct PendingEffect {
     std::uint32_t size;
     std::uint32_t nameLength;
     std::uint32_t permanent;
-    std::uint32_t order;  // of effects in the queue, the newest has the largest
+    std::uint32_t order;  // the newest effect in the queue has the largest
 };
 
 }  // namespace Quorvel

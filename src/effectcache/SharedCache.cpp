@@ -16,8 +16,8 @@ CStr FilePath(const Platform::Directory& directory) {
     return (directory.path + kCacheFileName).c_str();
 }
 
-// The name that a path gives the objects that processes share: letters and digits stay, any other
-// byte becomes an underscore.
+// The name, made from a path, of the objects that processes share: letters and digits stay, any
+// other byte becomes an underscore.
 std::string ObjectName(std::string path) {
     for (char& byte : path) {
         const bool isPlain = (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
@@ -43,8 +43,8 @@ SharedCache::SharedCache(const CStr& directory)
         name = name_.Agree(std::string("vornFxoCache_") + directory_.identity, name);
     }
     mutex_.emplace((name + "_mutex").c_str());
-    // Initialised before the file is opened: a save in between causes one reload too many, where
-    // the other order would miss it.
+    // Initialised before the file is opened: a save in between then causes a needless reload. In
+    // the other order it would be missed.
     stamp_.Initialize((name + "_timestamp").c_str());
 }
 

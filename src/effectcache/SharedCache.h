@@ -17,10 +17,9 @@ constexpr char kCacheFileName[] = "vornFxoCache.dat";
 // How the cache opens its package. The path must outlive the result.
 PagedFilePackageConfig CachePackageConfig(const CStr& path);
 
-// The cache of a directory, as far as processes share it: the path of its file, the mutex that
-// keeps other processes out of it, and the stamp that tells them of changes. All caches of a
-// directory have the same mutex and stamp, whose names are those that the first one derived from
-// its path.
+// What processes share of a directory's cache: the path of its file, the mutex that keeps other
+// processes out of it, and the stamp that tells them of changes. All caches of a directory have the
+// same mutex and stamp, named after the path that the first of them was given.
 class SharedCache {
 public:
     // Finds the directory, and creates or opens the mutex and the stamp, but does not touch the
@@ -29,7 +28,7 @@ public:
 
     const Platform::Directory& Directory() const { return directory_; }
 
-    // Of the file. Empty if it must not be used.
+    // The path of the file. Empty if the file must not be used.
     const CStr& Path() const { return path_; }
 
     MutexObject& Mutex() { return *mutex_; }

@@ -10,8 +10,8 @@ namespace Quorvel {
 
 namespace {
 
-// What a save needs beyond the pages for the bytes that it writes: effects and blocks of tails
-// leave gaps, and a few pages of blocks change.
+// The pages that a save needs in addition to those for its bytes: effects and tail blocks leave
+// gaps, and a few pages of tail blocks change.
 constexpr std::uint64_t kMoreSparePages = 64;
 
 }  // namespace

@@ -8,7 +8,7 @@ namespace {
 
 constexpr std::uint64_t kByteArrayLimit = 0x80000000;
 
-// A short transfer. It never leaves this file.
+// Thrown for a short transfer; never leaves this file.
 class ShortTransfer : public std::exception {
 public:
     explicit ShortTransfer(const char* text) : text_(text) {}

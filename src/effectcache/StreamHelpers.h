@@ -7,9 +7,9 @@
 #include "vornutil/RefPtr.h"
 #include "vornutil/Tab.h"
 
-// Transfers of exact sizes between buffers and streams. Nothing is thrown: every failure makes the
-// result false. A transfer that fails after it began sets the caller's stream reference to null, so
-// that all later calls in a chain fail too.
+// Transfers of exact sizes between buffers and streams. These functions don't throw; they return
+// false on any failure. A transfer that fails after it began sets the caller's stream reference to
+// null, so that all later calls in a chain fail too.
 namespace Quorvel {
 
 // Moves exactly size bytes. False for a null stream, null data or a size of 0, which leave the

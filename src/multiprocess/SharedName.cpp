@@ -7,8 +7,8 @@
 namespace Quorvel {
 
 // Initialize fails if a holder of the block's mutex died, and leaves the mutex with this thread.
-// The block needs no repair: while a process fills it, no other has it open, so it died with that
-// process. Given back, the mutex is good for another attempt.
+// While a process fills the block, no other has it open, so a half-filled block disappears with the
+// process and needs no repair. Once the mutex is released, another attempt can succeed.
 const std::string& SharedName::Agree(const std::string& block, const std::string& proposal) {
     name_ = proposal;
     try {

@@ -7,8 +7,8 @@
 
 namespace Quorvel {
 
-// A name that processes agree on: the proposal of the first holder of a block, adopted by every
-// later one while the block lives, even if the first is gone.
+// A name that processes agree on: the proposal of a block's first holder. Every later holder adopts
+// it for as long as the block exists, even if the first one is gone.
 class SharedName : public MultiProcessMemory {
 public:
     // Opens or creates the block and returns the name in force, at most 4095 bytes of it. Throws

@@ -12,7 +12,7 @@ namespace Quorvel {
 
 namespace {
 
-// A lost page may lie this far past the end of the file.
+// An allocated page may lie this far past the end of the file.
 constexpr std::uint64_t kMostPagesPastEnd = 128;
 
 // The pages that have been found to belong to something.
@@ -30,7 +30,8 @@ public:
         return true;
     }
 
-    // Claims a page and all that follow it. Also false for a chain that returns to itself.
+    // Claims a page and all that follow it. False if one of them can't be claimed, as in a chain
+    // that returns to itself.
     bool ClaimChain(std::uint64_t page) {
         for (; IsValidPageNumber(page); page = allocator_.GetNextPage(page)) {
             if (!Claim(page)) { return false; }

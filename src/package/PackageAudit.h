@@ -14,9 +14,9 @@ namespace Quorvel {
 //   reach into the block's free bytes;
 // - the successor of any other page is allocated and has no owner: otherwise the next load would
 //   find two pages with one successor;
-// - no page is allocated far past the end of the file, to where the next new page would make it
-//   grow.
-// Other oddities only waste space. Also false if memory runs out. REQUIRES: the state was read or
+// - no page is allocated far past the end of the file: the next new page would make the file grow
+//   to there.
+// Other faults only waste space. Also false if memory runs out. REQUIRES: the state was read or
 // written.
 [[nodiscard]] bool IsSound(const StoredState& state, const FilePageCache& cache) noexcept;
 

@@ -41,7 +41,7 @@ PagedFilePackage::~PagedFilePackage() {
     try {
         Commit();
     } catch (...) {
-        // The file keeps what it holds; there is no caller left to tell.
+        // The file keeps its contents; no caller is left to report the error to.
     }
     for (const OpenStreams::Item& open : openStreams_) {
         open.stream->LeavePackage();
@@ -308,7 +308,7 @@ std::uint64_t PagedFilePackage::CreateDataStream(std::uint64_t size) {
     MarkChanged();
     EnsureFileIsOpen();
     const std::uint64_t wholePages = size >> kPageShift;
-    // It could only fail after it had taken every page.
+    // Allocating that many could only fail after every page was taken.
     if (wholePages > kPageCountLimit) { throw OutOfMemoryException(); }
     const std::uint64_t firstPage = AllocateChain(wholePages);
     ScopeGuard freePages([&] { FreeChain(firstPage); });
@@ -324,8 +324,8 @@ std::uint64_t PagedFilePackage::CreateDataStream(std::uint64_t size) {
     freeId.Dismiss();
     freePages.Dismiss();
     if (!isPlaced) {
-        // The id stays taken: the damage in the table may concern this id alone, and a free id
-        // would be the next one to be tried again.
+        // The id stays taken: the damage in the table may concern this id alone, and the next call
+        // would try it again if it were free.
         throw FileDataCorruptException();
     }
     return id;

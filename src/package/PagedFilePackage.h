@@ -34,7 +34,7 @@ namespace Quorvel {
 //   Discarded    A file is open, but memory does not describe it: changes were discarded, or the
 //                file is about to be loaded or created.
 //
-//   Closed -> Discarded                  OpenCache, on the way to Create or Load
+//   Closed -> Discarded                  OpenCache, called by Create and Load
 //   Closed, Clean, Changed, Discarded
 //                  -> Clean              Create, Load
 //   Clean -> Changed                     every operation that changes the package
@@ -45,7 +45,7 @@ namespace Quorvel {
 //   Overwriting -> Clean                 the same
 //   Saving, Overwriting -> Closed        Rollback, which restores the old state
 //   Clean, Changed -> Discarded          Discard; a Closed package stays Closed
-//   any -> Closed                        destruction, which first commits what HasChanges
+//   any -> Closed                        destruction, which first commits any changes
 //
 // A Commit that fails keeps the state, or turns Saving into Overwriting. It may leave the package
 // without an open file, and without a head file in memory; another Commit, or Rollback, may follow.
@@ -77,10 +77,9 @@ public:
     // True if Commit has something to write.
     bool HasChanges() const;
 
-    // Begins a save that is all or nothing, and that Commit or Rollback ends. A process that dies
-    // in between leaves the old state, the new one, or a file that RollbackJournal::Recover
-    // restores. REQUIRES: the state is Clean and no stream is open. When it throws, nothing has
-    // changed.
+    // Begins a save that is all or nothing; Commit or Rollback ends it. A process that dies in
+    // between leaves the old state, the new one, or a file that RollbackJournal::Recover restores.
+    // REQUIRES: the state is Clean and no stream is open. When it throws, nothing has changed.
     void BeginSave();
 
     // Makes sure that `count` pages are free, if the file can grow that far. A save that has enough
@@ -91,8 +90,8 @@ public:
     // The number of pages that the save has kept in its journal.
     std::uint64_t JournalPages() const { return journal_ ? journal_->KeptPages() : 0; }
 
-    // Pages of the head file that a save will free and write anew. REQUIRES: the state is Clean, or
-    // Saving and no Commit has failed.
+    // The number of pages of the head file that a save will free and write anew. REQUIRES: the
+    // state is Clean, or Saving and no Commit has failed.
     std::uint64_t HeadPageCount() const {
         QUORVEL_ASSERT(stored_.headFile);
         return KnownPageCount(*stored_.headFile);
@@ -110,7 +109,7 @@ public:
     // Discard or destruction may follow. REQUIRES: no save has begun.
     void Discard();
 
-    // True if no damage of the file can make one stream's bytes appear in another: see
+    // True if no damage to the file can make one stream's bytes appear in another: see
     // PackageAudit.h. False without a file.
     [[nodiscard]] bool IsSound() const noexcept;
 

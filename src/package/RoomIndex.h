@@ -9,8 +9,8 @@
 
 namespace Quorvel {
 
-// The free bytes of many blocks, by block id; finds the first block with enough of them. The
-// largest number of each group of blocks is kept too, so that full groups are skipped.
+// The free bytes of many blocks, by block id; finds the first block with enough of them. For each
+// group of blocks it also keeps the largest number of free bytes, so that full groups are skipped.
 class RoomIndex {
 public:
     // Sets the free bytes of a block. Throws std::bad_alloc, changing nothing.

@@ -30,8 +30,8 @@ struct StoredState {
     void Read(FilePageCache& cache, std::uint64_t streamLimit);
 
     // Writes a new head file into pages of the cache. Throws as the cache and the allocator do;
-    // what is in memory stays valid, and another Write may follow. With a mark, the head page of
-    // the new head file carries it; FinishHeadPage ends that.
+    // what is in memory stays valid, and another Write may follow. The new head page carries the
+    // mark, if there is one, until FinishHeadPage removes it.
     void Write(FilePageCache& cache, const std::optional<HeadPageMark>& mark);
 
     // Removes the mark of the head page, in the cache alone. REQUIRES: the state was written.

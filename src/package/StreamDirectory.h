@@ -30,7 +30,7 @@ public:
     std::uint64_t Count() const { return ids_.GetNumberOfAllocatedIdentifiers(); }
     std::uint64_t IdAt(std::uint64_t index) const { return ids_.GetAllocatedIdentifier(index); }
 
-    // The record of a stream; null when there is none. It stays where it is until it is removed.
+    // The record of a stream; null when there is none. It keeps its address until it is removed.
     const ChildFileExtent* Find(std::uint64_t id) const { return records_.Find(id); }
 
     // Visits every record, in ascending order of ids.

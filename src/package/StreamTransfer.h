@@ -43,13 +43,13 @@ public:
         }
     }
 
-    // A record without pointers or padding, by value.
+    // Writes a record, which must have no pointers or padding.
     template <typename Record>
     void Write(const Record& record) {
         Write(&record, sizeof record);
     }
 
-    // Several of them.
+    // Writes several records.
     template <typename Record>
     void WriteAll(std::span<const Record> records) {
         Write(records.data(), records.size_bytes());

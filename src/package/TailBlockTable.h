@@ -45,7 +45,8 @@ static_assert(offsetof(StoredTailBlock, freeBytes) == 72);
 static_assert(sizeof(TailFragment) == 40);
 
 // A tail block in memory. Fragments are packed from offset 0 upwards in the order of the list, so a
-// new one begins at kTailBlockSize - freeBytes. A block that was read from a file may be otherwise.
+// new one begins at kTailBlockSize - freeBytes. A block that was read from a damaged file may
+// differ.
 struct TailBlockRecord : StoredTailBlock {
     std::vector<std::uint64_t> streamIds;  // the list
     std::vector<std::uint32_t> tails;      // streams whose fragments name this block, in any order
@@ -62,7 +63,7 @@ public:
     // that.
     void Reset(std::uint64_t limit = kDefaultStreamLimit);
 
-    // The tail of a stream; a block. Null when there is none.
+    // The tail of a stream, or a block; null when there is none.
     const TailFragment* FindFragment(std::uint64_t streamId) const;
     const TailBlockRecord* FindBlock(std::uint64_t blockId) const;
 

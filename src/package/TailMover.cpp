@@ -25,8 +25,8 @@ TailMover::TailMover(FilePageCache& cache, StoredState& state, const TailFragmen
     PinBlock(seeker->pageNumbers);
 }
 
-// The first page is written before any other is read, and the file grows to cover it. The others
-// must lie in the file.
+// The page in which the fragment begins may lie past the end of the file: it is written before any
+// other is read, and the file grows to cover it. The other pages must lie in the file.
 void TailMover::PinBlock(const std::uint64_t* pages) {
     const std::uint64_t* const end = pages + kTailBlockPages;
     const std::uint64_t* const first = pages + (fragment_.offset >> kPageShift);

@@ -15,9 +15,8 @@ namespace Quorvel {
 // Cuts one stream's tail out of its tail block: the bytes after it move down, and open streams
 // whose tails moved follow them.
 //
-// Everything that can fail in a sound file happens in the constructor; RemoveTail then works from
-// memory. The one exception is a cache that can't pin all pages of the block, which loads them one
-// by one.
+// In a sound file everything that can fail happens in the constructor; RemoveTail then works from
+// memory. One exception: a cache that can't pin all pages of the block loads them one by one.
 class TailMover {
 public:
     // Opens the block and pins its pages from the one where the fragment begins. Throws as
@@ -27,13 +26,13 @@ public:
     TailMover& operator=(const TailMover&) = delete;
 
     // Cuts the fragment out of the block and out of the table. False if its bytes can't be cut; the
-    // table is then unchanged. Throws, with nothing changed, FileDataCorruptException for a block
-    // whose chain is broken and FileIOException for one whose bytes after the fragment are not in
-    // the file; and as FilePageCache does where pages were not pinned.
+    // table is then unchanged. Throws FileDataCorruptException if the block's chain is broken, and
+    // FileIOException if bytes after the fragment are not in the file; nothing has changed then.
+    // Also throws as FilePageCache does if pages were not pinned.
     [[nodiscard]] bool RemoveTail();
 
     // Attaches every open stream that has a tail in the block to its new place. A stream that can't
-    // be attached has no bytes from then on and is removed from the open ones.
+    // be attached has no bytes from then on and is removed from `openStreams`.
     void ReattachStreams(OpenStreams& openStreams);
 
 private:

@@ -145,8 +145,8 @@ void FilePageCache::ReleasePage(std::uint64_t page) {
     if (index < pages_.size() && pages_[index]) { --pages_[index]->pinCount; }
 }
 
-// Evicts from the cold end, stepping over pinned pages, until at most `limit` pages are left. False
-// if too many are pinned. Hands over one of the freed frames for the next page.
+// Evicts the least recently used pages, skipping pinned ones, until at most `limit` pages are left.
+// False if too many are pinned. Leaves one of the freed pages in `frame` for the next page to use.
 bool FilePageCache::EvictDownTo(std::uint64_t limit, std::unique_ptr<CachedPage>& frame) {
     CachedPage* next = leastRecent_;
     while (residentCount_ > limit && next) {

@@ -13,7 +13,7 @@ namespace Quorvel {
 #pragma pack(push, 1)
 struct CachedPage {
     std::uint64_t pageIndex;
-    std::int32_t pinCount;  // evictable while below 1
+    std::int32_t pinCount;  // the page can be evicted while this is below 1
     std::uint8_t dirty;     // was pinned for writing; recorded, never consulted
     std::uint8_t data[kPageSize];
     CachedPage* older;  // towards the least recently used end
@@ -22,8 +22,9 @@ struct CachedPage {
 #pragma pack(pop)
 static_assert(sizeof(CachedPage) == 13 + kPageSize + 2 * sizeof(void*));
 
-// Is told before a page changes in memory and before it is written to the file. If it throws,
-// neither happens, and the exception leaves the operation that was about to do it.
+// Is notified before a page changes in memory and before it is written to the file. If the listener
+// throws, the page is not changed or written, and the exception leaves the operation that was about
+// to do so.
 class PageListener {
 public:
     // Called before GetPageForWrite returns: these bytes may now change.
@@ -55,14 +56,14 @@ public:
     // Closes. Pages that can't be written are lost.
     virtual ~FilePageCache();
 
-    // Closes what is open, then opens a file for reading and writing, or creates it if it can't be
-    // opened. Keeps at most `capacity` pages; 0 counts as 1. Returns true. Throws FileIOException
-    // with the error number of the attempt to create, or as Close does.
+    // Closes the open file, if any, then opens a file for reading and writing, or creates it if it
+    // can't be opened. Keeps at most `capacity` pages; 0 counts as 1. Returns true. Throws
+    // FileIOException with the error number of the attempt to create, or as Close does.
     bool Open(const char* path, std::uint64_t capacity);
 
     // Writes back and frees every page in ascending order, pinned ones too, and closes the file.
     // Throws FileIOException when a page can't be written: that page and those after it stay
-    // resident and the file stays open. Also throws it when the file can't be closed in order, so
+    // resident and the file stays open. Also throws it when closing the file reports an error, so
     // that written bytes may be lost; the cache is then closed.
     void Close();
 
@@ -92,7 +93,7 @@ public:
     // REQUIRES: the page is resident. Throws FileIOException.
     void WritePage(std::uint64_t page);
 
-    // Sets the listener, or none. It must outlive the cache or be replaced before it dies.
+    // Sets the listener, or none. It must outlive the cache or be replaced before it is destroyed.
     void SetListener(PageListener* listener) { listener_ = listener; }
     const PageListener* Listener() const { return listener_; }
 

@@ -17,8 +17,8 @@ constexpr std::uint64_t kFreePage = 1;
 // a number that no page can have.
 class IPageAllocator : public Util::ARefObject {
 public:
-    // Takes a free page, or a new one after all others, and makes it the successor of previous; an
-    // invalid previous (0) starts a new chain. Returns the page's number. Throws
+    // Takes a free page, or else a new one after all others, and makes it the successor of
+    // previous; an invalid previous (0) starts a new chain. Returns the page's number. Throws
     // InvalidParameterException when, once the page is taken, previous is unknown, free or has a
     // successor (the page is then lost until the next load), and OutOfMemoryException when no
     // number is left.

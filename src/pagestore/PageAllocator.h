@@ -38,7 +38,7 @@ public:
     std::uint64_t PageCount() const { return links_.size(); }
     std::uint64_t FreePageCount() const;
 
-    // By page index: whether the page is in use. Throws std::bad_alloc.
+    // For each page index, whether the page is in use. Throws std::bad_alloc.
     std::vector<bool> PagesInUse() const;
 
     // Bytes that SaveState writes.

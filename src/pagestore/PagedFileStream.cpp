@@ -44,8 +44,9 @@ std::uint64_t PagedFileStream::Write(const void* buffer, std::uint64_t size) {
     return Transfer<Direction::Write>(static_cast<std::uint8_t*>(const_cast<void*>(buffer)), size);
 }
 
-// One loop for both directions. Reaching the end of a page's data steps to the next page at once,
-// even when nothing is left to copy, so that a position between two pages is always the later one.
+// One loop serves both directions. At the end of a page's data it steps to the next page at once,
+// even when nothing is left to copy, so a position between two pages always belongs to the later
+// one.
 template <PagedFileStream::Direction direction>
 std::uint64_t PagedFileStream::Transfer(std::uint8_t* buffer, std::uint64_t size) {
     if (!seeker_ || seeker_->pageCount == 0) { return 0; }
@@ -141,7 +142,7 @@ void PagedFileStream::Detach() {
     position_ = {};
 }
 
-// The seeker is not asked when the position does not change.
+// Does not call the seeker when the position stays the same.
 bool PagedFileStream::ComputeTarget(Position& target, const Position& from, std::uint32_t origin,
                                     std::int32_t offset) {
     if (!seeker_) { return false; }

@@ -25,8 +25,8 @@ std::string JournalPath(const std::string& packagePath) {
     return packagePath + "-journal";
 }
 
-// A checksum of bytes and two numbers. Four sums at a time, because each step waits for the one
-// before. REQUIRES: the size is a multiple of 32.
+// A checksum of bytes and two numbers. It computes four sums side by side, because within a sum
+// each step has to wait for the one before. REQUIRES: the size is a multiple of 32.
 std::uint64_t Checksum(std::uint64_t first, std::uint64_t second, const void* bytes,
                        std::uint64_t size) {
     const auto step = [](std::uint64_t sum, std::uint64_t word) {
@@ -79,7 +79,7 @@ std::uint64_t ReadAt(std::FILE* file, std::uint64_t offset, void* bytes, std::ui
 
 }  // namespace
 
-// What is written to the journal's file at a time. The n-th piece lies at n times the size of a
+// The unit in which the journal's file is written. The n-th piece lies at n times the size of a
 // full one, because large writes at such offsets are the cheapest.
 struct JournalPiece {
     struct Header {
@@ -155,9 +155,9 @@ bool IsMarked(std::FILE* package, std::uint64_t nonce) {
            mark.nonce == nonce;
 }
 
-// Puts the old pages back. The head page comes last: until it is there, the file is marked. Its
-// other bytes go first, with the mark, because a process that is killed may write only a part of a
-// page.
+// Puts the old pages back. The head page comes last: until it is written, the file is marked. The
+// rest of the head page is written first, together with the mark, because a process that is killed
+// may write only part of a page.
 void Restore(std::FILE* package, std::FILE* journal, JournalPiece& piece) {
     std::vector<std::uint8_t> headPage;
     ForEachPage(journal, piece, [&](std::uint64_t number, auto& bytes) {

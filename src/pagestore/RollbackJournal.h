@@ -12,8 +12,8 @@ namespace Quorvel {
 
 struct JournalPiece;
 
-// How the head page begins while the file is being overwritten. A page count of 0 makes the file
-// one that can't be opened. The nonce, in the place of the byte size, names the journal that can
+// How the head page begins while the file is being overwritten. Because the page count is 0, the
+// file can't be opened. The nonce, in the place of the byte size, names the journal that can
 // restore it.
 struct HeadPageMark {
     std::uint64_t pageCount = 0;
@@ -21,7 +21,7 @@ struct HeadPageMark {
 };
 
 // Keeps the old contents of the pages that a save overwrites in a file of its own, next to the
-// package's, so that a save that fails or dies can be undone.
+// package's, so that a save can be undone if it fails or its process dies.
 //
 //   1. KeepPage gets each page of the committed state before it changes for the first time.
 //   2. Before such a page is written to the package's file, PrepareWrite writes what was kept of it
@@ -39,7 +39,7 @@ struct HeadPageMark {
 // overwritten yet.
 class RollbackJournal {
 public:
-    // What each page that is kept takes in the journal's file.
+    // The bytes that each kept page takes in the journal's file.
     static constexpr std::uint64_t kBytesPerPage = kPageSize + kPageSize / 31 + 1;
 
     // For a save of the package at a path, whose file has `packageSize` bytes. `pagesInUse` tells,
@@ -60,7 +60,8 @@ public:
     void KeepPage(std::uint64_t page, const std::uint8_t* bytes);
 
     // Must be called before a page is written to the package's file. True if the page was kept: its
-    // old bytes are then in the journal's file. Throws FileIOException when they can't be.
+    // old bytes are then in the journal's file. Throws FileIOException when they can't be written
+    // there.
     [[nodiscard]] bool PrepareWrite(std::uint64_t page);
 
     // The mark is about to be written: from now on the journal is needed, until Finish.
@@ -91,7 +92,7 @@ private:
     std::vector<bool> isToKeep_;  // by page index
     std::vector<bool> isKept_;    // by page index
     std::uint64_t keptPages_ = 0;
-    std::unique_ptr<JournalPiece> piece_;  // what the file has yet to get
+    std::unique_ptr<JournalPiece> piece_;  // not yet written to the file
     StdioFile file_;                       // created with the first piece
     std::uint64_t fileSize_ = 0;           // in full pieces
     bool isNeeded_ = false;

@@ -18,7 +18,7 @@ struct Directory {
     // These are set if the directory was found.
     std::string path;      // absolute and, on Linux, without links
     std::string identity;  // digits and underscores: the same text for every path of the directory;
-                           // empty on a Windows volume that tells nothing about its files
+                           // empty on a Windows volume that does not number its files
     UserId user = kSelf;   // use the directory as this user (Impersonation.h)
 };
 

@@ -12,11 +12,11 @@ constexpr UserId kSelf = 0xFFFFFFFF;
 // The user as whom the calling thread uses files and named objects; kSelf on Windows.
 UserId CurrentUser() noexcept;
 
-// While it lives, the calling thread uses files and named objects as another user: what it makes
-// belongs to that user, and it has the rights of that user. Its groups stay those of the process:
-// new files get its group, and the thread reaches what its groups may reach. Takes effect only if
-// the process is root on Linux and the system permits it; CurrentUser tells. Does nothing for
-// kSelf.
+// For its lifetime, the calling thread uses files and named objects as another user: what the
+// thread makes belongs to that user, and the thread has that user's rights. Its groups stay those
+// of the process: new files get its group, and the thread reaches what its groups may reach. Takes
+// effect only if the process is root on Linux and the system permits it; CurrentUser tells whether
+// it did. Does nothing for kSelf.
 class Impersonation {
 public:
     explicit Impersonation(UserId user) noexcept;
@@ -25,7 +25,7 @@ public:
     ~Impersonation();
 
 private:
-    // kSelf if nothing has changed. Windows has no use for it.
+    // kSelf if the user was not changed. Unused on Windows.
     [[maybe_unused]] UserId previous_ = kSelf;
 };
 

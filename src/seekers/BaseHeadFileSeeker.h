@@ -33,7 +33,7 @@ static_assert(offsetof(HeadFileHeader, dataEnd) == 24);
 static_assert(sizeof(HeadFilePageHeader) == kPageHeaderSize);
 static_assert(offsetof(HeadFilePageHeader, dataEnd) == 8);
 
-// Data bytes in the first page and in each other page.
+// The number of data bytes in the first page, and in each other page.
 constexpr std::uint64_t kFirstPageCapacity = kPageSize - kFirstPageHeaderSize;
 constexpr std::uint64_t kPageCapacity = kPageSize - kPageHeaderSize;
 

@@ -39,7 +39,7 @@ public:
     virtual bool MovePosition(std::uint64_t& pageIndex, std::uint64_t& pageOffset,
                               const PagePosition& from, std::uint32_t distance) = 0;
 
-    // Makes the page numbers and ranges of every page up to pageIndex known. Must be called before
+    // Fills in the page number and the range of every page up to pageIndex. Must be called before
     // either is read. REQUIRES: pageIndex < pageCount.
     virtual void LoadPageInfo(std::uint64_t pageIndex) = 0;
 

@@ -90,7 +90,8 @@ public:
     // true if no other process has the object.
     bool LeaveObject() { return !object_ || object_->Leave(); }
 
-    // For coming back to an object that this mutex has left and that other has opened since.
+    // True if this mutex has left the object that `other` has opened since, and so can take it
+    // over.
     bool HasLeftObjectOf(const NamedMutex& other) const {
         QUORVEL_ASSERT(other.object_);
         return object_ && object_->IsSameFileAs(*other.object_);
@@ -163,8 +164,8 @@ private:
     }
 
     // Waits in slices, because a wake-up can get lost: a release wakes one waiter, and if another
-    // thread acquires the mutex first and the woken process is killed then, the next release does
-    // not know that there are more.
+    // thread acquires the mutex first and the woken process is killed, the next release does not
+    // know that others are waiting.
     int Wait(std::uint32_t timeout) {
         int result = ::pthread_mutex_trylock(native_);
         while ((result == EBUSY || result == ETIMEDOUT) && timeout != 0) {
@@ -175,8 +176,8 @@ private:
         return result;
     }
 
-    // If the system's clock is set back meanwhile, a sleep takes longer; a release still ends it.
-    // ThreadSanitizer does not know the function that takes another clock.
+    // Uses the system's clock, since ThreadSanitizer does not know the function that takes another
+    // one. If the clock is set back meanwhile, the sleep takes longer, but a release still ends it.
     int WaitFor(std::uint32_t milliseconds) {
         timespec deadline{};
         ::clock_gettime(CLOCK_REALTIME, &deadline);
@@ -201,8 +202,9 @@ struct OpenMutexes {
     std::map<std::pair<UserId, std::string>, std::unique_ptr<NamedMutex>> mutexes;
     std::unique_ptr<NamedMutex> leftBehind;
 
-    // Removes the mutex whose object was opened again from those left behind and returns it; null
-    // if there is none. Destroys those of the same name whose object and owner are gone.
+    // If the object of a mutex left behind has been opened again, removes that mutex from the list
+    // and returns it; otherwise null. Destroys those of the same name whose object and owner are
+    // gone.
     std::unique_ptr<NamedMutex> TakeLeftBehind(const NamedMutex& opened) {
         for (auto* place = &leftBehind; *place;) {
             const bool isSame = (*place)->HasLeftObjectOf(opened);
@@ -309,9 +311,9 @@ void ReleaseNamedMutex(void* handle) noexcept {
 }
 
 // Closing the last handle in this process closes the mutex, even if a thread of this process owns
-// it. While other processes have the mutex open, the thread owns it until the thread ends. Its list
-// of owned mutexes still points to this one, so the mapping stays. Ownership can be taken from the
-// thread only once no other process has the object.
+// it. While other processes have the mutex open, the thread owns it until the thread ends. The
+// thread's list of owned mutexes still points to this one, so the mapping stays. Ownership can be
+// taken from the thread only once no other process has the object.
 void CloseNamedMutex(void* handle) noexcept {
     if (handle == kInvalidHandle) { return; }
     auto* const mutex = static_cast<NamedMutex*>(handle);

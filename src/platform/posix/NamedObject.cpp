@@ -149,8 +149,8 @@ int MakeNew(int folder, const char* fileName, std::size_t bytes,
     return file.Detach();
 }
 
-// Removes the files in a folder that no process holds, which killed processes left. REQUIRES: the
-// caller holds the gate, which therefore stays.
+// Removes the files in a folder that killed processes left and no process holds. REQUIRES: the
+// caller holds the gate, so the gate's own file stays.
 void RemoveDeadObjects(int folder) {
     FileDescriptor listed(::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     // not reached in tests: opening an open folder again fails only without descriptors or memory
@@ -263,7 +263,8 @@ bool NamedObject::Leave() {
         const Gate gate(folder.Get());
         const FileDescriptor file(std::exchange(descriptor_, -1));
         // Without the gate the file stays, and the next process to open it removes it. If the
-        // process has changed its user, the folder is another one and may have a file of that name.
+        // process has changed its user, this is a different folder, which may have another file of
+        // that name.
         isGone = gate.IsOpen() && Flock(file.Get(), LOCK_EX | LOCK_NB);
         struct stat status {};
         // not reached in tests: no test process changes its user
@@ -272,8 +273,8 @@ bool NamedObject::Leave() {
             status.st_dev == device_ && status.st_ino == inode_) {
             ::unlinkat(folder.Get(), fileName_.c_str(), 0);
         }
-        // Closing does not unlock a file that is still mapped. Unlocking must come before the gate
-        // opens, so that of two holders leaving at once one sees that it is the last.
+        // Closing does not unlock a file that is still mapped. The file must be unlocked before the
+        // gate is, so that if two holders leave at once, one of them sees that it is the last.
         Flock(file.Get(), LOCK_UN);
     }
     errno = error;

@@ -45,8 +45,8 @@ public:
     ~NamedObject();
 
     // Stops holding the object; the last holder removes it. Returns true if this was the last
-    // holder, false if it was not or that can't be determined. Preserves errno. Does nothing the
-    // second time. In a forked process, the parent keeps holding the object.
+    // holder, false if it was not or if that can't be determined. Preserves errno. A second call
+    // does nothing. In a forked process, the parent keeps holding the object.
     bool Leave();
 
     // True if both hold the same object, or held it before Leave.

@@ -25,7 +25,7 @@ bool IsDirectory(DWORD attributes) {
     return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
 }
 
-// Volume and file of a path, in digits. Empty if the volume does not tell.
+// The numbers of the path's volume and file, in digits. Empty if they can't be found out.
 std::string Identify(const char* path) {
     constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
     const HANDLE handle = ::CreateFileA(path, 0, kShareAll, nullptr, OPEN_EXISTING,

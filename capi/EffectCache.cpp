@@ -11,7 +11,7 @@ using Quorvel::EffectCacheSystem;
 using namespace Quorvel::C;
 
 struct quorvel_cache {
-    // The switch of this class stays on, so its IsEnabled tells whether the cache is usable.
+    // Its own switch stays on, so that its IsEnabled says whether the cache is usable.
     Util::RefPtr<EffectCacheSystem> system;
     std::atomic<bool> enabled{true};
 };
@@ -113,7 +113,7 @@ quorvel_status quorvel_cache_list(quorvel_cache* cache, const char* file_name) {
     return Run([&] {
         RequireCache(cache);
         Require(file_name, "the file name must not be null");
-        // The class says nothing if it can't open the file.
+        // EffectCacheSystem does not report a file that it can't open.
         std::FILE* const file = std::fopen(file_name, "w");
         if (!file) { throw Quorvel::FileIOException(static_cast<std::uint32_t>(errno)); }
         std::fclose(file);

@@ -57,7 +57,7 @@ quorvel_status Make(const char* fileName, std::uint64_t cachePages, std::uint64_
         Require(package, "the place for the package must not be null");
         Require(fileName, "the file name must not be null");
         const Quorvel::PagedFilePackageConfig config = {fileName, cachePages, streamLimit};
-        // Opening a missing file would create it.
+        // OpenFilePackage would create a missing file.
         if (!isNew) { RequireFile(fileName); }
         const Util::RefPtr<IDataStreamSet> set =
             isNew ? Quorvel::CreateFilePackage(config) : Quorvel::OpenFilePackage(config);

@@ -6,7 +6,7 @@ namespace Quorvel::C {
 
 namespace {
 
-// An error is often ignored, so its text is put together only on request.
+// Callers often ignore errors, so the text is put together only on request.
 struct LastError {
     quorvel_status status;
     std::uint32_t systemError;

@@ -8,7 +8,7 @@
 #include <vector>
 
 // A second implementation of the file formats that docs/format.md describes. It shares no code with
-// the library, so that the two don't share mistakes.
+// the library, and therefore none of its mistakes.
 namespace Quorvel::Format {
 
 using Bytes = std::vector<std::uint8_t>;
@@ -28,11 +28,10 @@ void AppendInteger(Bytes& bytes, std::size_t width, std::uint64_t value);
 void Append(Bytes& bytes, const Bytes& more);
 void Append(Bytes& bytes, std::string_view text);
 
-// Takes integers and byte runs off the front of a buffer, which must outlive it.
+// Takes integers and byte runs off the front of a buffer, which must outlive the reader.
 class ByteReader {
 public:
-    // Begins at a position, which must lie in the buffer. name describes the buffer's contents in
-    // error messages.
+    // Begins at a position in the buffer. name describes the buffer's contents in error messages.
     ByteReader(const Bytes& bytes, std::string name, std::size_t position = 0)
         : bytes_(&bytes), name_(std::move(name)), position_(position) {}
 

@@ -198,7 +198,7 @@ std::vector<IndexEntry> FindableEntries(const PackageState& state, std::uint64_t
     const auto isBefore = [](const auto& left, const auto& right) {
         return NameOrder()(left.name, right.name);
     };
-    // Writers sort, and sorting takes more memory.
+    // Usually the writer has sorted them, and a stable sort takes more memory.
     if (!std::is_sorted(entries.begin(), entries.end(), isBefore)) {
         std::stable_sort(entries.begin(), entries.end(), isBefore);
     }

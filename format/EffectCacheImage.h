@@ -69,8 +69,8 @@ using Effects = std::map<std::string, Effect, NameOrder>;
 // True if a package's header data has the block of an effect cache.
 bool HoldsEffectCache(const Bytes& headerData);
 
-// The cache's header in a package's header data. Throws FormatError if a reader must refuse it; the
-// second one only if there is none.
+// The cache's header in a package's header data. ReadCacheHeader throws FormatError if a reader
+// must refuse it, ParseCacheHeader only if it is missing or too short.
 CacheHeader ReadCacheHeader(const Bytes& headerData);
 CacheHeader ParseCacheHeader(const Bytes& headerData);
 
@@ -78,11 +78,11 @@ CacheHeader ParseCacheHeader(const Bytes& headerData);
 // it.
 std::vector<IndexEntry> ReadIndex(const StreamReader& streams, const CacheHeader& header);
 
-// The next entry of an index stream, which gets this number in a FormatError.
+// The next entry of an index stream. `number` identifies it in a FormatError.
 IndexEntry TakeIndexEntry(ByteReader& reader, std::uint64_t number);
 
-// The entries that a search may find, ordered by name: of several entries with one name the last,
-// and none whose stream is missing, holds the index, or has another entry.
+// The entries that a search may find, ordered by name. Of several entries with one name, that is
+// the last; entries whose stream is missing, holds the index or has another entry are left out.
 std::vector<IndexEntry> FindableEntries(const PackageState& state, std::uint64_t indexStream,
                                         std::vector<IndexEntry> entries);
 

@@ -31,7 +31,7 @@ DiskSource::DiskSource(const std::string& path) : path_(path) {
     }
     file_.reset(std::fopen(path.c_str(), "rb"));
     if (!file_) { Fail(path, std::strerror(errno)); }
-    // Ranges are read whole, so a buffer would only copy them.
+    // Each range is read at once, so a buffer would only add a copy.
     std::setvbuf(file_.get(), nullptr, _IONBF, 0);
     size_ = std::filesystem::file_size(ToPath(path), error);
     if (error) { Fail(path, error.message().c_str()); }

@@ -9,12 +9,12 @@
 
 namespace Quorvel::Format {
 
-// The bytes of a file, read where they are needed.
+// The bytes of a file, read piece by piece as they are needed.
 class FileSource {
 public:
     virtual ~FileSource() = default;
 
-    // The size in bytes, as it was at the start.
+    // The size in bytes when the source was opened.
     virtual std::uint64_t Size() const = 0;
 
     // Reads exactly size bytes. REQUIRES: they lie within Size. Throws std::runtime_error if they
@@ -22,7 +22,7 @@ public:
     virtual void Read(std::uint64_t offset, std::uint8_t* to, std::uint64_t size) const = 0;
 };
 
-// A file that is in memory; the bytes must outlive it.
+// A file in memory; the bytes must outlive it.
 class MemorySource final : public FileSource {
 public:
     explicit MemorySource(const Bytes& bytes) : bytes_(&bytes) {}

@@ -69,8 +69,8 @@ private:
     // Makes a page belong to an owner. False if it belongs to something already.
     bool Own(std::uint64_t page, const Owner& owner);
 
-    // Makes a chain of count pages belong to an owner, and checks that it ends there. Stops at a
-    // page that belongs to something already, because everything after it does, too.
+    // Makes a chain of count pages belong to an owner, and checks that the chain ends after them.
+    // Stops at a page that already belongs to something, because everything after it does too.
     void OwnChain(std::uint64_t first, std::uint64_t count, const Owner& owner);
 
     const PackageState& state_;
@@ -78,7 +78,7 @@ private:
     const ProblemSink& problem_;
     std::unordered_map<std::uint64_t, const StreamRecord*> streams_;
     std::unordered_map<std::uint64_t, std::size_t> fragments_;  // by stream, in the table
-    std::vector<std::uint64_t> listings_;  // of each fragment in the list of its block
+    std::vector<std::uint64_t> listings_;  // how often the list of its block names each fragment
     std::vector<Owner> owners_;            // by page; those past the end own nothing
 };
 

@@ -9,7 +9,7 @@
 
 namespace Quorvel::Format {
 
-// Gets one line for each problem that a check finds, in the order in which it finds them.
+// Receives one line for each problem that a check finds, in the order in which it finds them.
 using ProblemSink = std::function<void(const std::string& line)>;
 
 // Checks the rules that a writer of a package file must follow, and returns one line for each

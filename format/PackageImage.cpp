@@ -12,7 +12,7 @@ std::string Number(std::uint64_t value) {
     return std::to_string(value);
 }
 
-// A reader compares sizes with positions as signed 32-bit numbers.
+// A reader compares the size with positions, which are signed 32-bit numbers.
 bool IsReachableSize(std::uint64_t size) {
     return (size & 0x80000000) == 0;
 }

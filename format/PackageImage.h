@@ -63,11 +63,11 @@ struct Fragment {
     std::uint64_t length;
 };
 
-// What a package's head file says, its records in the order of the file.
+// The contents of a package's head file, with the records in the order of the file.
 struct PackageState {
-    std::uint64_t headPageCount = 0;  // both as stated in the header of the first page
+    std::uint64_t headPageCount = 0;  // as the header of the first page states it, like headSize
     std::uint64_t headSize = 0;
-    std::vector<HeadPage> headPages;  // those that a reader of the state enters
+    std::vector<HeadPage> headPages;  // the pages that a reader of the state enters
     std::uint64_t stateSize = 0;      // bytes that the state takes up
     std::vector<std::uint64_t> links;
     std::vector<StreamRecord> streams;

@@ -15,10 +15,10 @@ enum class TailPlacement {
     kScattered,  // streams in random order, each tail into a random block that has room
 };
 
-// One of many sound ways to lay out the same streams in a file. Random choices depend only on the
-// seed.
+// One of the many valid ways to lay out the same streams in a file. Random choices depend only on
+// the seed.
 struct PackageLayout {
-    PageOrder pageOrder = PageOrder::kAscending;  // in which chains take page numbers
+    PageOrder pageOrder = PageOrder::kAscending;  // the order in which chains take page numbers
     bool interleaveChains = false;                // one page to each chain in turn
     unsigned freePages = 0;                       // spread among the used pages
     unsigned freePagesAtEnd = 0;                  // after them, past the end of the file

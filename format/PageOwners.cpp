@@ -28,7 +28,7 @@ std::vector<PageOwner> FindPageOwners(const PackageState& state, std::uint64_t f
     };
     for (const StreamRecord& stream : state.streams) {
         std::uint64_t page = stream.firstPage;
-        // Chains that meet don't part again.
+        // Once two chains have met, they stay the same.
         for (std::uint64_t i = 0; i < stream.pageCount && own(page, PageUse::kStream, stream.id);
              ++i) {
             page = state.Link(page);

@@ -21,8 +21,9 @@ struct PageOwner {
     std::uint64_t id;  // of the stream or tail block, or the position in the head file
 };
 
-// What each page of a file of that size is used for, in the order of the file. Of several owners of
-// a page, one is named. A last page that is incomplete counts; pages past the highest number don't.
+// What each page of a file of that size is used for, in the order of the file. If a page has
+// several owners, one of them is named. An incomplete last page counts; pages past the highest page
+// number don't.
 std::vector<PageOwner> FindPageOwners(const PackageState& state, std::uint64_t fileSize);
 
 }  // namespace Quorvel::Format

@@ -5,8 +5,8 @@
 
 namespace Quorvel::Format {
 
-// The path that a string spells, on Windows in UTF-8. There, the runtime library's own conversion
-// takes the bytes for other characters.
+// The path that a string spells. On Windows the string is UTF-8, which the runtime library's own
+// conversion would misread.
 inline std::filesystem::path ToPath(const std::string& text) {
     return std::u8string(text.begin(), text.end());
 }

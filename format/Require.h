@@ -6,7 +6,7 @@
 
 namespace Quorvel::Format {
 
-// Throws FormatError with these words, one after the other, unless a condition holds.
+// Throws FormatError with the given words in a row, unless a condition holds.
 template <typename... Words>
 void Require(bool holds, const Words&... otherwise) {
     if (holds) { return; }

@@ -9,7 +9,7 @@
 namespace Quorvel::Format {
 namespace {
 
-// A cache's header data has one block of some bytes, and perhaps those of other programs.
+// A cache's header data has one small block, and perhaps blocks of other programs.
 constexpr std::uint64_t kMostHeaderData = 1 << 20;
 
 constexpr const char* kTwoNames = "another record of the index has its name";
@@ -38,7 +38,7 @@ void CountUpToTwo(std::uint8_t& count) {
     count = static_cast<std::uint8_t>(std::min(count + 1, 2));
 }
 
-// Maps the ids of records to them, or to null if several have one id.
+// Maps ids to their records, or to null if several records have the same id.
 template <typename Record>
 std::unordered_map<std::uint64_t, const Record*> ById(const std::vector<Record>& records) {
     std::unordered_map<std::uint64_t, const Record*> found;
@@ -74,9 +74,9 @@ bool IsRecord(const Bytes& index, std::size_t position) {
 
 }  // namespace
 
-// Reads the head file from front to back, without regard to the page count, the byte size and the
-// ends of data in its pages: they are all full but the last, and the tables say where they end. A
-// page that can't be read counts as zeros.
+// Reads the head file from front to back. Ignores the page count, the byte size and the ends of
+// data in its pages: all pages but the last are full, and the tables say where they end. A page
+// that can't be read counts as zeros.
 class SalvageReader::HeadFile {
 public:
     // Adds the pages that it enters to the state.
@@ -86,7 +86,7 @@ public:
         offset_ = kFirstHeadPageHeader;
     }
 
-    // Takes integers. False if the chain ends before.
+    // Takes integers. False if the chain ends first.
     template <std::size_t N>
     bool Take(std::array<std::uint64_t, N>& values) {
         const Bytes bytes = TakeBytes(8 * N);
@@ -103,7 +103,7 @@ public:
         return isThere;
     }
 
-    // Takes bytes, fewer if the chain ends before.
+    // Takes bytes, fewer if the chain ends first.
     Bytes TakeBytes(std::uint64_t size) {
         Bytes bytes;
         while (isOpen_ && bytes.size() < size) {
@@ -117,7 +117,7 @@ public:
     }
 
 private:
-    // The link table tells the chain, too, if the page does not.
+    // If the page does not name the next one, the link table does.
     bool EnterNext() {
         const std::uint64_t here = state_.headPages.back().number;
         const std::uint64_t next = LoadInteger(page_, here == kFirstPage ? 16 : 0, 8);
@@ -257,13 +257,13 @@ bool SalvageReader::ReadFragments(HeadFile& head) {
     return done == count;
 }
 
-// Of two fragments that overlap, it's not known which one owns the bytes.
+// If two fragments overlap, either of them may own the bytes.
 void SalvageReader::KeepFragments(std::vector<Fragment> fragments) {
     std::sort(fragments.begin(), fragments.end(), [](const Fragment& left, const Fragment& right) {
         return std::tie(left.blockId, left.offset) < std::tie(right.blockId, right.offset);
     });
     std::vector<bool> overlaps(fragments.size());
-    std::size_t furthest = 0;  // of the fragments before, the one that ends last
+    std::size_t furthest = 0;  // the fragment so far that ends last
     for (std::size_t i = 1; i < fragments.size(); ++i) {
         const Fragment& before = fragments[furthest];
         const bool isSameBlock = before.blockId == fragments[i].blockId;
@@ -305,7 +305,7 @@ void SalvageReader::ClaimPages() {
         }
     }
     for (std::uint64_t page : firstPages_) {
-        // Chains that have met don't part again.
+        // Once two chains have met, they stay the same.
         while (IsPageNumber(page) && At(page).chains < 2) {
             ++At(page).chains;
             page = state_.Link(page);
@@ -345,8 +345,8 @@ void SalvageReader::ReadIndex() {
     }
 }
 
-// The records follow each other to the end of the index, whatever their number should be. After
-// damage, they go on with the next one that fits a stream.
+// Reads records up to the end of the index, whatever number of them the header states. After
+// damage, it goes on with the next record that fits a stream.
 void SalvageReader::ReadRecords(const Bytes& index) {
     std::size_t skipped = 0;
     for (std::size_t position = 0; position < index.size();) {
@@ -376,8 +376,8 @@ std::size_t SalvageReader::FindRecord(const Bytes& index, std::size_t position) 
     return position;
 }
 
-// For each record of the index, in order: what is wrong because another record has its name, or
-// because its stream has another owner; null if neither is so.
+// For each record of the index, in order: a text that says if another record has its name or its
+// stream has another owner; otherwise null.
 std::vector<const char*> SalvageReader::FindAmbiguousRecords() const {
     std::unordered_map<std::string_view, unsigned> names;
     std::unordered_map<std::uint64_t, unsigned> namings = {{indexStream_, 1}};
@@ -420,8 +420,8 @@ const char* SalvageReader::ReadWhole(const IndexEntry& entry, Bytes& data) const
     return nullptr;
 }
 
-// Reads a stream. Returns what is wrong with it, or null. The bytes then end where the chain can't
-// be followed, and are zero where a page is not surely a part of the stream.
+// Reads a stream. Returns what is wrong with it, or null. In a faulty stream the bytes end where
+// the chain can't be followed, and are zero for pages that may not belong to the stream.
 const char* SalvageReader::ReadStream(const StreamRecord& stream, Bytes& bytes) const {
     const char* fault = nullptr;
     std::uint64_t page = stream.firstPage;
@@ -444,7 +444,7 @@ const char* SalvageReader::ReadStream(const StreamRecord& stream, Bytes& bytes) 
     return fault ? fault : tail;
 }
 
-// A page of a block must be linked with another one of its pages as the block says.
+// True if the link table connects a page of the block with another of its pages as the block says.
 bool SalvageReader::IsConfirmed(const TailBlock& block, std::size_t slot) const {
     for (std::size_t other = 0; other < kTailBlockPages; ++other) {
         const std::size_t last = std::max(slot, other);

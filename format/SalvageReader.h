@@ -14,8 +14,8 @@
 namespace Quorvel::Format {
 
 // Finds the whole effects in an effect cache's file, even in one that other readers must refuse. It
-// takes the tables as far as they go, whatever the head file's header says, and judges each record
-// on its own.
+// reads the tables as far as they reach, whatever the head file's header says, and judges each
+// record on its own.
 //
 // An effect is whole if
 //   - its record in the index is valid, and no other one names its stream or has its name;
@@ -29,13 +29,13 @@ namespace Quorvel::Format {
 //   - the bytes begin with the effect's size.
 // Damage to the bytes themselves, or to a name, can't be noticed.
 //
-// The memory that it takes grows with the index, and is otherwise bounded, whatever the tables say.
+// Its memory grows with the index and is otherwise bounded, whatever the tables say.
 class SalvageReader {
 public:
-    // Gets an effect that is whole.
+    // Receives an effect that is whole.
     using EffectSink = std::function<void(const IndexEntry& entry, const Bytes& data)>;
 
-    // Gets an effect that is not whole, and the reason, which is one of a few texts.
+    // Receives an effect that is not whole, and the reason, which is one of a few texts.
     using LostSink = std::function<void(const IndexEntry& entry, const std::string& reason)>;
 
     // Reads the tables and the index of a file, which must outlive the reader. Throws
@@ -59,7 +59,7 @@ public:
 private:
     class HeadFile;
 
-    // How many things claim a page; 2 stands for more.
+    // How many things claim a page; 2 means two or more.
     struct Page {
         std::uint8_t chains;        // of streams
         std::uint8_t others;        // tail blocks, and the head file
@@ -98,8 +98,8 @@ private:
                          Bytes& bytes) const;
 
     const FileSource& file_;
-    PackageState state_;                     // the tables, with the valid records alone
-    std::vector<std::uint64_t> firstPages_;  // of chains, also of records that are not valid
+    PackageState state_;                     // the tables, with only the valid records
+    std::vector<std::uint64_t> firstPages_;  // of chains, including those of invalid records
     std::vector<Page> pages_;
     // Null for an id that several records have.
     std::unordered_map<std::uint64_t, const StreamRecord*> streams_;

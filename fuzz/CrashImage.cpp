@@ -17,8 +17,8 @@ using Format::Bytes;
 constexpr std::size_t kPiecePages = 32;  // a header and 31 pages
 constexpr int kMostDamages = 3;
 
-// Keeps the head page and others, and returns their numbers in that order and the journal's mark.
-// The journal's file stays.
+// Keeps the head page and then others in a journal, whose file stays. Stores their numbers in
+// `pages`, in that order, and returns the journal's mark.
 HeadPageMark KeepPages(const std::string& path, const Bytes& before,
                        std::vector<std::uint64_t>& pages, FuzzedDataProvider& input) {
     const std::size_t pageCount = before.size() / kPageSize;
@@ -76,8 +76,8 @@ CrashImage MakeCrashImage(const std::string& path, const Bytes& before, CrashIma
         return image;
     }
 
-    // If the process died while it wrote to the journal, it had overwritten no page that is
-    // missing.
+    // A process that died while it wrote to the journal had not overwritten the pages that are
+    // missing there.
     const std::size_t end = EndInJournal(0) + input.ConsumeIntegral<std::uint32_t>();
     if (input.ConsumeBool()) { image.journal.resize(std::min(image.journal.size(), end)); }
     const std::uint8_t filler = input.ConsumeIntegral<std::uint8_t>();

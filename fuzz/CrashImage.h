@@ -8,8 +8,7 @@
 
 namespace Quorvel::Fuzz {
 
-// What a process may leave that dies in a save: the cache's file, and the journal next to it or
-// nothing.
+// What a process that dies in a save may leave: the cache's file, and perhaps a journal next to it.
 struct CrashImage {
     enum class Kind {
         NoSave,           // the file is as before
@@ -28,12 +27,12 @@ struct CrashImage {
 constexpr std::size_t kCrashInput = 24;
 
 // Lets the library's own journal keep pages of a file of that path and content, and then overwrites
-// them. A file without a whole page is never saved.
+// them. A file without a whole page is left as NoSave.
 CrashImage MakeCrashImage(const std::string& path, const Format::Bytes& before,
                           CrashImage::Kind kind, FuzzedDataProvider& input);
 
-// Writes both files, undoes the save and returns the file's new content. Requires that it is what
-// it was before the save if the journal is intact, and otherwise that or what the crash left.
+// Writes both files, undoes the save and returns the file's new content. Requires that this is the
+// content before the save if the journal is intact; otherwise it may also be what the crash left.
 Format::Bytes Recover(const std::string& path, const Format::Bytes& before,
                       const CrashImage& image);
 

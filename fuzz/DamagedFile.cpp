@@ -30,7 +30,7 @@ constexpr std::uint64_t kBorders[] = {
     0x100001,   8388608,    8388609,    0xFFFFFE,   0xFFFFFF,   0x1000000,  0x7FFFFFFF, 0x80000000,
     0xFFFFFFFF, 1ull << 32, 1ull << 51, 1ull << 60, 1ull << 61, 1ull << 63, ~0ull - 7,  ~0ull};
 
-// The file offsets of a stream's bytes in a sound image, from its start, at most `most` of them.
+// The file offsets of a stream's first bytes in a sound image, at most `most` of them.
 std::vector<std::size_t> PlacesOf(const PackageImage& image, const Format::StreamRecord& stream,
                                   std::size_t most) {
     std::vector<std::size_t> places;

@@ -33,7 +33,7 @@ FileBase MakeBase(const Format::PackageImage& image);
 //   start; the rest of the page is zero. A backslash is written as two. Pages of zeros follow, or
 //   the file ends with the last run.
 // - Patched: one of the bases, with a few records removed, duplicated or renumbered, and then with
-//   a few fields set to values that have a meaning, or with a different file size.
+//   a few fields set to meaningful values, or with a different file size.
 Format::Bytes TakeFile(FuzzedDataProvider& input, const std::vector<FileBase>& bases);
 
 // The library may make such a file longer by at most this number of bytes: the file's link table

@@ -77,8 +77,8 @@ bool HasStream(const Format::PackageImage& image, std::uint64_t id) {
                        [id](const Format::StreamRecord& stream) { return stream.id == id; });
 }
 
-// What a cache must find in this file. It drops an effect whose stream is missing, or has another
-// owner.
+// What a cache must find in this file. A cache drops an effect whose stream is missing or has
+// another owner.
 Expectation Expect(const Bytes& file) {
     Expectation expected;
     try {

@@ -31,7 +31,7 @@ PackageLayout LongState() {
     return layout;
 }
 
-// Most share a size with others, so that the library can't detect wrong bytes by their number.
+// Most share a size with others, so that the library can't detect wrong bytes by their length.
 std::vector<Format::NewEffect> SomeEffects() {
     return {{"a", Pattern(100, 1)},   {"b", Pattern(100, 2)},   {"c", Pattern(100, 3), true},
             {"bb", Pattern(8184, 4)}, {"cc", Pattern(8184, 5)}, {"long name", Pattern(20000, 6)}};

@@ -12,7 +12,7 @@ namespace Quorvel::Fuzz {
 
 constexpr std::size_t kLongestPattern = 1 << 17;
 
-// Bytes that differ from place to place and from seed to seed. Quick.
+// Bytes that differ from place to place and from seed to seed. Fast to make.
 inline Format::Bytes PatternOf(std::size_t size, std::uint8_t seed) {
     constexpr std::size_t kStep = 61;
     static const Format::Bytes table = [] {

@@ -31,7 +31,8 @@ constexpr std::uint64_t kMostWholePages = 4;
 constexpr std::uint64_t kMostHeadBytes = 4 * kPageSize;
 constexpr int kMostOperations = 60;
 
-// A stream may pin one page twice; removing a range from it needs two more, its seeker a fourth.
+// A stream may pin one page, twice; removing a range from it needs two more pages, and its seeker a
+// fourth.
 constexpr std::uint64_t kCacheCapacity = 4;
 
 // Where a byte lies in the package's file.

@@ -290,7 +290,8 @@ void Runner::Load() {
         Require(!package_->Load(), "not reloaded while a stream is open");
         return;
     }
-    // Counts as a change. Without one, a commit does not write back the streams' bytes.
+    // GetHeaderData counts as a change. Without a change, a commit does not write back the streams'
+    // bytes.
     package_->GetHeaderData();
     changed_ = true;
     Commit();

@@ -27,7 +27,7 @@ constexpr char kManifestName[] = "manifest.jsonl";
 constexpr char kFormat[] = "quorvel effects";
 constexpr unsigned kVersion = 1;
 
-// An archive that was written while a cache changed may hold a little more than fits in one.
+// An archive that was written while its cache changed may hold slightly more than fits in a cache.
 constexpr std::uint64_t kMostArchived = 2 * kStreamLimit;
 constexpr std::uint64_t kMostArchivedBytes = 2 * kLargestSpaceBudget;
 constexpr std::size_t kLongestLine = 5 * kLongestName + 1024;  // a byte may become \\xNN
@@ -40,7 +40,7 @@ struct FreeEntry {
     void operator()(archive_entry* entry) const { archive_entry_free(entry); }
 };
 
-// The name of an effect's file: legal on every system, and different from all others by its number.
+// The name of an effect's file: legal on every system, and made unique by its number.
 std::string FileName(std::uint64_t number, const std::string& name) {
     constexpr std::size_t kLongest = 80;
     std::string path = fmt::format("effects/{:06}-", number);
@@ -65,7 +65,7 @@ ArchiveWriter::ArchiveWriter(std::ostream& out, const std::string& name, Compres
     Try(archive_write_set_bytes_in_last_block(archive_.get(), 1));
     if (compression == Compression::Gzip) {
         Try(archive_write_add_filter_gzip(archive_.get()));
-        // The same cache makes the same archive.
+        // Without a time stamp, the same cache always gives the same archive.
         Try(archive_write_set_filter_option(archive_.get(), "gzip", "timestamp", nullptr));
     }
     if (compression == Compression::Zstd) { Try(archive_write_add_filter_zstd(archive_.get())); }

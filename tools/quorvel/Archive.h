@@ -15,9 +15,9 @@
 
 struct archive;
 
-// Effects in a tar archive. Each one is a file in the folder "effects", whose name begins with a
-// number and resembles the effect's name. The last file, "manifest.jsonl", says the rest, one JSON
-// value on each line:
+// Effects in a tar archive. Each one is a file in the folder "effects". The file's name begins with
+// a number and resembles the effect's name. The last file, "manifest.jsonl", holds everything else,
+// one JSON value on each line:
 //
 //   {"format":"quorvel effects","version":1}
 //   {"member":"effects/000001-fog","name":"fog","size":812,"permanent":true,
@@ -40,7 +40,7 @@ public:
     ArchiveWriter& operator=(const ArchiveWriter&) = delete;
     ~ArchiveWriter();
 
-    // REQUIRES: names come in their order.
+    // REQUIRES: effects are added in the order of their names.
     void Add(const EffectBytes& effect);
 
     // Completes the archive. Must be the last call.

@@ -26,7 +26,7 @@ std::string JoinFile(const std::string& directory) {
     return (Format::ToPath(directory) / kCacheFileName).string();
 }
 
-// True if a path names the cache's file of its directory, in whatever spelling.
+// True if a path, in any spelling, names the cache file of its directory.
 bool IsCacheFile(const std::string& file) {
     const fs::path path = Format::ToPath(file);
     std::error_code ignored;
@@ -34,7 +34,7 @@ bool IsCacheFile(const std::string& file) {
            fs::equivalent(path, path.parent_path() / kCacheFileName, ignored);
 }
 
-// What a path stands for: the file itself, if a link of another name points to it.
+// The path to use for an argument. A link with another name is replaced by the path of its file.
 std::string Resolve(const std::string& argument) {
     const fs::path path = Format::ToPath(argument);
     std::error_code ignored;
@@ -122,7 +122,7 @@ void Cache::TellOthers() {
 
 namespace {
 
-// Acquires a mutex, in slices of the time, so that Ctrl-C ends the wait.
+// Waits for a mutex in short slices, so that Ctrl-C can end the wait.
 std::uint32_t Acquire(MutexObject& mutex, std::chrono::milliseconds timeout) {
     using Clock = std::chrono::steady_clock;
     constexpr std::chrono::milliseconds kSlice(100);
@@ -248,7 +248,7 @@ void ForEachEffect(Cache& cache, const std::function<bool(const Format::IndexEnt
                    const std::function<void(const EffectBytes&)>& use,
                    const std::function<void(const Format::IndexEntry&, const std::string&)>& skip) {
     std::unique_ptr<Snapshot> snapshot;
-    std::string last;  // the effects up to this name are done; no name is empty
+    std::string last;  // the effects up to this name are done; empty before the first one
     for (bool isDone = false; !isDone;) {
         StopIfAsked();
         std::vector<EffectBytes> piece;

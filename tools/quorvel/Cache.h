@@ -20,21 +20,21 @@ namespace Quorvel::Tool {
 // given.
 class Cache {
 public:
-    // Keeps other processes out of the file while it lives. The file is then whole: what a process
-    // that died in a save has overwritten was put back. Does nothing for a file that is not shared.
+    // Keeps other processes out of the file for its lifetime. If a process died in a save, the
+    // constructor undoes that save. Does nothing for a file that is not shared.
     //
-    // Unlike a host, the program gives the mutex back even if the last holder died.
+    // Unlike a host, the program releases the mutex even if the last holder died.
     class Lock {
     public:
-        // Throws Failure if the lock can't be had in time, or if the file can't be made whole.
+        // Throws Failure if the lock can't be acquired in time, or if the save can't be undone.
         explicit Lock(Cache& cache);
         Lock(const Lock&) = delete;
         Lock& operator=(const Lock&) = delete;
         ~Lock();
 
-        // Puts back what an interrupted save has overwritten. Files that are not shared need it
-        // before they are changed; nothing tells a save that was interrupted from a running one, so
-        // reading leaves them alone. Throws Failure.
+        // Undoes an interrupted save. A file that is not shared needs this before it is changed.
+        // Reading leaves such a file alone, because an interrupted save can't be told from a
+        // running one. Throws Failure.
         void Recover() const;
 
     private:
@@ -46,13 +46,13 @@ public:
     // Throws Failure if there is no such directory or file, or if this user may not use it.
     Cache(const Session& session, const std::string& argument);
 
-    // As it was given.
+    // The argument as it was given.
     const std::string& Name() const { return name_; }
 
-    // Of the package file. It may be missing in a directory.
+    // The path of the package file. In a directory, the file may be missing.
     const std::string& Path() const { return path_; }
 
-    // Throws Failure if this user may not know.
+    // Throws Failure if this user has no right to know.
     bool Exists() const;
 
     // Throws Failure, with the exit code kNo, if the package file is missing.
@@ -60,13 +60,13 @@ public:
     bool IsOffline() const { return offline_; }
     bool IsShared() const { return shared_ != nullptr; }
 
-    // The most streams that a reader of the file accepts: a host accepts fewer than a package may
-    // have.
+    // The maximum number of streams that a reader of the file accepts: in a cache, a host accepts
+    // fewer than a package may have.
     std::uint64_t StreamLimit() const;
 
     // True if another process has announced a change of the file since the last call. Always false
     // for a file that is not shared. Needs no lock: a change is complete when it is announced. But
-    // only under the lock does "no change" say anything of what is read next.
+    // only while the cache is locked does a result of false say anything about what is read next.
     bool HasChanged();
 
     // Tells the other processes that the file has changed. REQUIRES: the cache is locked.
@@ -81,14 +81,14 @@ private:
     bool hasLastHolderDied_ = false;  // since the last call of HasChanged
 };
 
-// What becomes of a snapshot if the package is intact, but the effect cache in it can't be read.
+// What a snapshot does if the package is intact but the effect cache in it can't be read.
 enum class DamagedEffects { Refuse, LeaveOut };
 
 // The records of a cache's file at one moment.
 class Snapshot {
 public:
     // Throws FormatError if the file holds no intact package, and std::runtime_error if it can't be
-    // read. ReadPackage and ReadCache say the same in a Failure.
+    // read. ReadPackage and ReadCache turn these into a Failure.
     Snapshot(const Cache& cache, const Cache::Lock& lock,
              DamagedEffects damaged = DamagedEffects::Refuse);
     Snapshot(const Snapshot&) = delete;
@@ -99,7 +99,7 @@ public:
     bool HoldsEffects() const { return holdsEffects_; }
     const Format::CacheHeader& Header() const { return header_; }
 
-    // Why the effects were left out; empty if they were not, and if there are none.
+    // Why the effects were left out; empty if they were not, or if there are none.
     const std::string& Damage() const { return damage_; }
 
     // The effects that a host would find, ordered by name. REQUIRES: HoldsEffects.
@@ -131,9 +131,9 @@ std::unique_ptr<Snapshot> ReadPackage(Cache& cache, const Cache::Lock& lock,
 std::unique_ptr<Snapshot> ReadCache(Cache& cache, const Cache::Lock& lock);
 
 // Reads the bytes of effects in pieces of some MiB, and holds the lock only while it reads a piece:
-// `use` runs without it. `select` says which effects, from a snapshot; it is asked again whenever
-// the cache has changed meanwhile. Effects that vanish before it is their turn are left out. `use`
-// gets each effect once. Effects that are not intact go to `skip`.
+// `use` runs without it. `select` says which effects of a snapshot to read; after a change of the
+// cache, the remaining effects are chosen from a new snapshot. Effects that vanish before their
+// turn are left out. `use` receives each effect once. Effects that are not intact go to `skip`.
 struct EffectBytes {
     Format::IndexEntry entry;
     Format::Bytes data;

@@ -178,7 +178,7 @@ std::uint64_t CacheEditor::EffectSize(std::uint64_t nameLength, std::uint64_t si
     return IndexEntrySize(nameLength) + SerializedSize(size);
 }
 
-// A stream that belongs to no effect takes up room, too.
+// A stream that belongs to no effect takes up room too.
 CacheEditor::Room CacheEditor::TotalRoom(std::uint64_t replaced) {
     const std::uint64_t otherStreams = package_->GetNumberOfDataStreams() - index_.Size();
     const std::uint64_t effects = kStreamLimit - otherStreams;

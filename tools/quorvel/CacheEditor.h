@@ -20,7 +20,7 @@ std::string DescribeFailure(const std::string& path, const std::exception& error
 // An effect's name in the cache, as a string of bytes.
 std::string NameOf(const IndexEntry& entry);
 
-// The same moment, as the library stores it.
+// A time in the form in which the library stores it.
 EntryTime ToRecord(const Format::EntryTime& time);
 
 // The free bytes that a cache may use on its volume after `reserved` bytes are set aside. At most
@@ -30,8 +30,8 @@ std::uint64_t FreeBytes(const Cache& cache, std::uint64_t reserved);
 // Throws Failure if the cache's file is missing, with the exit code kNo, or can't be changed.
 void RequireWritable(const Cache& cache);
 
-// Changes the effects of a cache: all changes between the constructor and Commit, or none. Whatever
-// goes wrong becomes a Failure that names the file.
+// Changes the effects of a cache: makes all changes between the constructor and Commit, or none.
+// Any error becomes a Failure that names the file.
 class CacheEditor {
 public:
     enum class Missing { Refuse, Create };
@@ -63,10 +63,10 @@ public:
     // names. Throws Failure if permanent ones leave too little room.
     std::vector<std::string> MakeRoom(std::uint64_t size);
 
-    // How many effects the cache can hold, and how many bytes they may take, each of them taking
-    // EffectSize. If the volume sets the limit, it is one for new effects alone: evicting and
-    // replacing others makes no room, because the journal takes it. `replaced` of the cache's
-    // effects will be replaced.
+    // The number of effects that the cache can hold, and the bytes that they may take, with
+    // EffectSize for each. If the volume sets the limit, it applies to new effects only: evicting
+    // and replacing others makes no room, because the journal takes that space. `replaced` is the
+    // number of effects that will be replaced.
     struct Room {
         std::uint64_t effects;
         std::uint64_t bytes;
@@ -74,12 +74,12 @@ public:
     };
     Room TotalRoom(std::uint64_t replaced);
 
-    // How many bytes all streams of the cache may take: fewer than this. What is added must fit on
-    // the volume, beside the journal and spare pages. (A host leaves more free: as much as the
-    // cache takes.)
+    // All streams of the cache together must take fewer bytes than this. New ones must fit on the
+    // volume, beside the journal and spare pages. (A host leaves more free: as much as the cache
+    // takes.)
     std::uint64_t Capacity(std::uint64_t replaced = 0) const;
 
-    // How many bytes of streams an effect takes.
+    // The number of bytes that an effect takes in streams.
     static std::uint64_t EffectSize(std::uint64_t nameLength, std::uint64_t size);
 
     // Writes the changes, if there are any, and tells the other processes. The editor must not be
@@ -97,7 +97,7 @@ private:
     const CStr path_;
     Util::RefPtr<PagedFilePackage> package_;
     EffectIndex index_;
-    bool isNew_ = false;  // nothing was committed to a file that was missing
+    bool isNew_ = false;  // the file was missing, and nothing has been committed to it
 };
 
 }  // namespace Quorvel::Tool

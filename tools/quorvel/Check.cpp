@@ -39,7 +39,7 @@ struct Findings {
     std::string kind = "no intact package";
     std::uint64_t streams = 0;
     std::uint64_t streamBytes = 0;
-    std::uint64_t pages = 0;  // of the file, the next three among them
+    std::uint64_t pages = 0;  // all pages of the file, including the next three
     std::uint64_t freePages = 0;
     std::uint64_t unownedPages = 0;
     std::uint64_t deadPages = 0;
@@ -47,7 +47,7 @@ struct Findings {
     bool areContentsChecked = false;
     std::string failure;  // why the effects could not be read; empty if they could
     std::uint64_t problemCount = 0;
-    std::vector<std::string> problems;  // the first of them
+    std::vector<std::string> problems;  // the first problems
     std::vector<std::string> notes;
 };
 
@@ -151,7 +151,7 @@ void Checker::SayThatASaveWasInterrupted(const Cache& cache) {
                      "\"quorvel salvage\" saves what is left");
 }
 
-// A note if caches of this user would not use the file, whatever it holds.
+// Adds a note if a cache of this user would not use the file, whatever its contents.
 void NoteOwner(const Cache& cache, Findings& findings) {
     const fs::path file = Format::ToPath(cache.Path());
     const std::string directory = file.has_parent_path() ? file.parent_path().string() : ".";

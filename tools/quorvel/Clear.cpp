@@ -27,7 +27,7 @@ bool IsSure(const ClearOptions& options, Session& session) {
     return answer == "y" || answer == "Y" || answer == "yes";
 }
 
-// A file of another name than a cache's may be anything.
+// A file whose name is not that of a cache may be anything.
 bool IsCache(Cache& cache) {
     const Cache::Lock lock(cache);
     try {

@@ -9,8 +9,8 @@ namespace Quorvel::Tool {
 
 namespace {
 
-// CLI11 takes a value such as "[a,b]" for a list. This byte, which no argument has, keeps it from
-// seeing the bracket.
+// CLI11 takes a value such as "[a,b]" for a list. This byte, which no argument contains, hides the
+// bracket from it.
 constexpr char kBracketMark = '\0';
 
 }  // namespace

@@ -60,8 +60,8 @@ void Write(std::FILE* file, std::uint64_t page, const Page& from) {
     }
 }
 
-// Replaces the bytes of the file by those of another one. All pages that are overwritten are in the
-// journal before the first one is; page 0, the head page, is written last.
+// Replaces the bytes of the file by those of another one. The journal has all pages that will be
+// overwritten before the first of them is; page 0, the head page, is written last.
 void ReplaceBytes(Cache& cache, const std::string& by, const Session& session) {
     const std::string& path = cache.Path();
     const std::uint64_t oldSize = fs::file_size(Format::ToPath(path));
@@ -109,7 +109,7 @@ void ReplaceBytes(Cache& cache, const std::string& by, const Session& session) {
     CloseFile(file);
     journal.Finish();
     undo.Dismiss();
-    std::error_code ignored;  // a longer file is as good, it only takes more room
+    std::error_code ignored;  // a longer file only takes more room
     fs::resize_file(Format::ToPath(path), pages * kPageSize, ignored);
 }
 
@@ -166,7 +166,7 @@ void Prepare(const std::string& path, const std::string& newPath, Keep keep,
     CopyEffects(*package, *copy, result, session);
 }
 
-// What the file has taken is enough for an empty package.
+// The space that the file took is enough for an empty package.
 void EmptyInPlace(Cache& cache) {
     fs::resize_file(Format::ToPath(cache.Path()), 0);
     try {

@@ -27,7 +27,7 @@ struct DiffOptions {
     bool comparesTimes = false;
 };
 
-// What is kept of an effect of the first cache while the second one is read.
+// What is remembered of an effect of the first cache while the second one is read.
 struct Known {
     std::uint32_t size = 0;
     bool permanent = false;
@@ -40,7 +40,7 @@ struct Known {
 struct Differences {
     std::vector<std::string> onlyA;
     std::vector<std::string> onlyB;
-    std::vector<std::pair<std::string, Json>> both;  // and in what they differ
+    std::vector<std::pair<std::string, Json>> both;  // with what differs
 };
 
 // Calls `use` for each effect that matches.

@@ -12,8 +12,8 @@ constexpr char kContentsUnchecked[] =
     "the contents of streams have no checksum: damage to them goes unnoticed, unless "
     "--effects-format says where to find one";
 
-// What the program knows of the bytes of effects. The cache keeps no checksum of them, but the host
-// that stored them may have.
+// What the program knows about the bytes of effects. The cache keeps no checksum of them, but the
+// host that stored them may have.
 class EffectsFormat {
 public:
     // Adds the option --effects-format.

@@ -99,8 +99,8 @@ CacheEditor::Room RoomOfNewCache(const Cache& cache) {
     return {kStreamLimit - 1, free, free < kLargestSpaceBudget};
 }
 
-// An effect that the cache would hold if it had room for everything: one of its own, or one that
-// comes in, perhaps in the place of one of its own.
+// An effect that the cache would hold if it had room for everything: one of its own, or an incoming
+// one, which may replace one of its own.
 struct Candidate {
     const IndexEntry* own = nullptr;
     const Incoming::Effects::value_type* incoming = nullptr;
@@ -118,7 +118,8 @@ struct Candidate {
                    : CacheEditor::EffectSize(own->record.nameLength, own->record.effectSize);
     }
 
-    // Lower ones stay first; those of rank 0 always stay, if need be in the cache's own version.
+    // Effects of a lower rank are kept first. Those of rank 0 always stay, if necessary in the
+    // cache's own version.
     int Rank(const CacheEditor::Room& room) const {
         if (own && (own->record.permanent != 0 || room.isLimitedByVolume)) { return 0; }
         return incoming && incoming->second.permanent ? 1 : 2;
@@ -127,7 +128,7 @@ struct Candidate {
 
 class Plan {
 public:
-    // Without an editor, for a cache that would be made.
+    // The editor is null for a cache that does not exist yet.
     Plan(const Incoming& incoming, const Cache& cache, CacheEditor* editor,
          const std::string& prefer)
         : incoming_(incoming.All()), prefer_(prefer) {

@@ -26,8 +26,8 @@ public:
     };
     using Effects = std::map<std::string, Effect, Format::NameOrder>;
 
-    // Without the bytes, for a dry run, if asked to. All throw Failure if there is no room for the
-    // temporary file, or if it fails.
+    // A dry run keeps no bytes. All three throw Failure if there is no room for the temporary file,
+    // or if it can't be used.
     explicit Incoming(bool isDryRun);
     std::fpos_t Keep(const Format::Bytes& data);
     Format::Bytes Read(const Effect& effect) const;
@@ -49,7 +49,7 @@ private:
     Effects effects_;
 };
 
-// How effects are taken into a cache: the options of the commands that do that.
+// How effects are taken into a cache: the options of the commands that do so.
 struct IncomingOptions {
     std::string match = "*";
     std::string prefer;  // empty, "dest" or "source"

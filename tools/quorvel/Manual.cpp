@@ -53,7 +53,7 @@ std::vector<std::string> ChoicesOf(const CLI::Option& option) {
     return CLI::detail::split(type.substr(begin + 1, end - begin - 1), ',');
 }
 
-// What a value is called in the man page.
+// What the man page calls an option's value.
 std::string ValueOf(const CLI::Option& option) {
     const std::vector<std::string> choices = ChoicesOf(option);
     if (!choices.empty()) { return CLI::detail::join(choices, "|"); }

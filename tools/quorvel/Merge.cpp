@@ -42,8 +42,8 @@ Caches OpenSources(const MergeOptions& options, const Cache& dest, const Session
     return sources;
 }
 
-// Reads the effects of the sources; of two of one name, the one used last. Returns the number of
-// damaged ones.
+// Reads the effects of the sources. Of two effects of one name, keeps the one used last. Returns
+// the number of damaged ones.
 std::uint64_t Collect(const Caches& sources, const std::string& match, Incoming& incoming,
                       Session& session) {
     std::uint64_t bytes = 0;

@@ -28,7 +28,7 @@ OutputFile::OutputFile(const std::string& name, const Cache& cache) : name_(name
     }
     if (fs::exists(status)) { path_ = fs::canonical(Format::ToPath(name)).string(); }
     unfinished_ = fmt::format("{}.part-{}", path_, Platform::CurrentProcessId());
-    std::remove(unfinished_.c_str());  // what a process of that number has left
+    std::remove(unfinished_.c_str());  // left by an earlier process with the same number
     std::FILE* const file = Platform::CreateNewFile(unfinished_.c_str());
     if (!file) { Fail(); }
     std::fclose(file);
@@ -41,7 +41,7 @@ OutputFile::~OutputFile() {
 }
 
 void OutputFile::Finish() {
-    if (stream_) { errno = 0; }  // otherwise it says why a write failed
+    if (stream_) { errno = 0; }  // otherwise errno says why a write failed
     stream_.close();
     if (!stream_) { Fail(); }
     if (unfinished_.empty()) { return; }

@@ -8,11 +8,11 @@
 
 namespace Quorvel::Tool {
 
-// A file that a command writes. It gets its name when it is complete; until then it has another one
-// in the same folder. A device or a pipe is written in place.
+// A file that a command writes. It gets its name when it is complete; until then it has a temporary
+// name in the same folder. A device or a pipe is written in place.
 class OutputFile {
 public:
-    // Throws Failure, with the exit code kUsage if the name is that of the cache's own file.
+    // Throws Failure; with the exit code kUsage if the name is that of the cache's own file.
     OutputFile(const std::string& name, const Cache& cache);
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
@@ -31,7 +31,7 @@ private:
 
     const std::string name_;
     std::string path_;
-    std::string unfinished_;  // the name until then; empty for none
+    std::string unfinished_;  // the temporary name; empty if there is none
     std::ofstream stream_;
 };
 

@@ -8,11 +8,11 @@
 
 namespace Quorvel::Tool {
 
-// A bar on standard error while it lives, if that is a terminal and neither --quiet nor --json was
-// given. Nothing is shown of work that ends quickly.
+// Shows a progress bar on standard error for its lifetime, if that is a terminal and neither
+// --quiet nor --json was given. Shows nothing for work that ends quickly.
 class Progress {
 public:
-    // Of work that consists of `total` equal parts.
+    // For work that consists of `total` equal parts.
     Progress(const Session& session, std::string label, std::uint64_t total);
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;

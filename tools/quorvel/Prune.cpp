@@ -26,7 +26,7 @@ struct PruneOptions {
     bool isDryRun = false;
 };
 
-// How much is allowed to stay, and how much there is.
+// What is allowed to stay.
 struct Limits {
     std::optional<std::uint64_t> age;
     std::uint64_t size = ~std::uint64_t{0};

@@ -26,7 +26,7 @@ struct PutOptions {
     bool permanent = false;
 };
 
-// The bytes to store. Of a longer input, one byte more than an effect may have.
+// The bytes to store. If the input is too long, reads only one byte more than an effect may have.
 Format::Bytes ReadInput(const PutOptions& options, Session& session) {
     errno = 0;
     std::ifstream file;

@@ -18,7 +18,7 @@
 namespace Quorvel::Tool {
 namespace {
 
-// JSON inside of an HTML page. Without a '<' it can't end the element that it is in.
+// JSON for use inside an HTML page. Without a '<' it can't end the element that contains it.
 std::string ToPageText(const Json& json) {
     std::string text = json.dump(-1, ' ', false, Json::error_handler_t::replace);
     for (std::size_t at = 0; (at = text.find('<', at)) != std::string::npos;) {
@@ -28,8 +28,8 @@ std::string ToPageText(const Json& json) {
 }
 
 // The data of the page, which report.js reads: one JSON object. It is written piece by piece, since
-// it may be large. The effects are followed by the other streams; positions in this list stand for
-// their names.
+// it may be large. The effects are followed by the other streams; positions in this list identify
+// them.
 class ReportData {
 public:
     ReportData(const Snapshot& snapshot, std::ostream& out) : snapshot_(snapshot), out_(out) {
@@ -57,7 +57,7 @@ private:
 
     struct Thing {
         const Format::StreamRecord* stream;
-        const Format::IndexEntry* effect;  // null for another stream
+        const Format::IndexEntry* effect;  // null for a stream that is no effect
         std::int64_t block;                // of its tail, counted from 1; 0 if there is none
     };
 
@@ -83,7 +83,7 @@ private:
     void WriteBlocks();
     void WriteThings();
 
-    // Writes a list, with one item for each thing from the first one on.
+    // Writes a list with one item for each thing from `first` up to `end`.
     template <typename Item>
     void WriteList(const char* name, std::size_t first, std::size_t end, const Item& item) {
         out_ << ",\n\"" << name << "\":[";

@@ -130,8 +130,8 @@ void Salvager::OpenFile() {
     file_ = std::make_unique<Format::DiskSource>(path_);
 }
 
-// If a save of the file was interrupted, and its journal is there, goes on with a copy in which the
-// save is undone. The copy lies with the new cache, where there must be room for the effects
+// If a save of the file was interrupted and its journal exists, continues with a copy in which the
+// save is undone. The copy lies beside the new cache, where there must be room for the effects
 // anyway.
 void Salvager::UndoSave(const std::string& copy) {
     std::error_code ignored;

@@ -16,7 +16,7 @@ struct Selection {
     // Adds the arguments NAME... and --match.
     void AddTo(Command& command);
 
-    // Throws Failure, with the exit code kUsage, unless there are names or a pattern, but not both.
+    // Throws Failure, with the exit code kUsage, if there are neither names nor a pattern, or both.
     void Check() const;
 
     // The names of the effects, each once and in their order. Throws Failure, with the exit code
@@ -25,10 +25,10 @@ struct Selection {
                                   const Session& session) const;
 };
 
-// What to throw if a pattern matches nothing; with the exit code kNo.
+// The Failure to throw if a pattern matches nothing; its exit code is kNo.
 Failure NoMatch(const std::string& cache, const std::string& pattern);
 
-// Removes effects, and commits that.
+// Removes effects and commits.
 void RemoveEffects(CacheEditor& editor, const std::vector<std::string>& names,
                    const Session& session);
 
@@ -41,7 +41,7 @@ Json EscapeAll(const std::vector<std::string>& names);
 Json EscapeAll(const std::vector<const std::string*>& names);
 
 // Reports effects that were changed, "removed 2 effects", or with --json their names. A dry run
-// also prints the names, each on a line.
+// also prints the names, one per line.
 void ReportNames(Session& session, const std::string& done, const std::vector<std::string>& names,
                  bool isDryRun);
 

@@ -26,8 +26,8 @@ public:
     const int exitCode;
 };
 
-// What a command gets besides arguments of its own: input and output, and the options that several
-// commands have.
+// What a command gets besides its own arguments: input and output, and the options that several
+// commands have in common.
 struct Session {
     std::istream& in;
     std::ostream& out;  // data
@@ -36,7 +36,7 @@ struct Session {
     bool json = false;
     bool quiet = false;
     bool offline = false;
-    bool isEscaped = false;      // names in arguments are
+    bool isEscaped = false;      // names in arguments are escaped
     std::uint32_t timeout = 10;  // seconds that a command waits for a cache's lock
     bool isErrTerminal = false;  // progress is shown only on a terminal
     bool isOutTerminal = false;
@@ -47,15 +47,15 @@ struct Session {
     // The name of an effect that an argument stands for. Throws Failure.
     std::string ReadName(const std::string& argument) const;
 
-    // Prints a line to err; Tell does not if --quiet was given.
+    // Prints a line to err; Tell prints nothing if --quiet was given.
     void Warn(const std::string& line) const;
     void Tell(const std::string& line) const;
 
     // Prints a JSON value and a line break to out.
     void Print(const Json& value) const;
 
-    // What a command that changes something has done: the JSON value if --json was given, otherwise
-    // the line, as Tell does.
+    // Reports what a command has changed: prints the JSON value if --json was given, otherwise the
+    // line, as Tell does.
     void Report(const std::string& line, const Json& value) const;
 };
 

@@ -10,7 +10,7 @@ namespace Quorvel::Tool {
 namespace {
 
 using Group = Statistics::Group;
-using Limit = std::pair<const char*, std::uint64_t>;  // what a group holds lies below it
+using Limit = std::pair<const char*, std::uint64_t>;  // the values of a group lie below its limit
 
 constexpr std::uint64_t kEverything = ~std::uint64_t{0};
 constexpr std::array<Limit, 7> kSizes = {{{"below 1 KiB", 1 << 10},
@@ -44,8 +44,8 @@ void AddSize(std::vector<Group>& groups, std::uint64_t size) {
     ++groups[i].count;
 }
 
-// The times of use at which the groups of ages begin, except the last one. To compare a time with
-// them takes much less time than to compute its age.
+// The times of use at which the groups of ages begin, except the last one. Comparing a time with
+// them is much faster than computing its age.
 std::vector<EntryTime> StartsOfAges() {
     std::vector<EntryTime> starts;
     for (std::size_t i = 0; i + 1 < kAges.size(); ++i) {

@@ -37,7 +37,7 @@ std::vector<PageRun> FindPageRuns(const Snapshot& snapshot);
 
 // Figures about a package, and about the effects in it.
 struct Statistics {
-    // A group of a histogram: the effects from the limit of the group before up to its own.
+    // A group of a histogram: the effects from the limit of the previous group up to its own limit.
     struct Group {
         std::string label;
         std::uint64_t count;
@@ -49,7 +49,7 @@ struct Statistics {
     std::uint64_t streams = 0;
     std::uint64_t streamBytes = 0;
     std::uint64_t tailBlocks = 0;
-    std::uint64_t tailBytes = 0;  // of the 64 KiB of each block, those in use
+    std::uint64_t tailBytes = 0;  // the bytes in use in all blocks of 64 KiB
 
     // Only for an effect cache.
     std::uint64_t effects = 0;

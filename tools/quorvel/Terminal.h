@@ -6,14 +6,15 @@
 #include <string>
 #include <vector>
 
-// What depends on the system: the terminal, Ctrl-C, other processes, and temporary files.
+// Everything that depends on the system: the terminal, Ctrl-C, other processes, and temporary
+// files.
 namespace Quorvel::Tool {
 
 // True if standard output, or standard error, is a terminal.
 bool IsOutputTerminal();
 bool IsErrorTerminal();
 
-// The columns and lines of the terminal that standard output is; 80 and 24 if it is none.
+// The columns and lines of the terminal if standard output is one; otherwise 80 and 24.
 struct TerminalSize {
     std::size_t columns = 80;
     std::size_t lines = 24;
@@ -24,8 +25,8 @@ TerminalSize OutputSize();
 // writes to a closed pipe fail instead of ending the program.
 void PrepareStandardStreams();
 
-// Makes Ctrl-C, or a request to end, a request that StopIfAsked notices; a read from a terminal or
-// a pipe that is waiting then fails. A second one ends the program at once.
+// From then on, StopIfAsked notices Ctrl-C and other requests to end the program, and they make a
+// read that waits for a terminal or a pipe fail. A second request ends the program at once.
 void CatchStopRequests();
 bool IsStopRequested();
 

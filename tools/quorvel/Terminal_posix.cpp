@@ -56,8 +56,8 @@ TerminalSize OutputSize() {
 }
 
 void PrepareStandardStreams() {
-    // If a standard stream is closed, the next file to be opened would get its number, and messages
-    // would go into it. Reads and writes fail as before.
+    // If a standard stream is closed, the next file to be opened would get its number and receive
+    // messages. The null device takes the number instead; reads and writes fail as before.
     for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (::fcntl(stream, F_GETFD) != -1) { continue; }
         ::open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);

@@ -25,7 +25,7 @@ bool IsTerminal(DWORD id) {
     return ::GetConsoleMode(::GetStdHandle(id), &mode) != 0;
 }
 
-// Until the program ends, since the console outlives it.
+// Lasts until the program ends, since the console outlives it.
 void MakeConsoleUtf8() {
     static const UINT previous = ::GetConsoleOutputCP();
     if (::SetConsoleOutputCP(CP_UTF8) != 0) {

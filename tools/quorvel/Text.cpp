@@ -17,8 +17,8 @@
 namespace Quorvel::Tool {
 namespace {
 
-// The length of the UTF-8 character that the text begins with; 0 if it begins with none, or with
-// one that can't be shown as a part of a line.
+// The length of the UTF-8 character at the start of the text; 0 if there is none, or if it can't be
+// shown as part of a line.
 std::size_t CharacterLength(std::string_view text) {
     const auto byte = [&](std::size_t i) {
         return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
@@ -30,9 +30,10 @@ std::size_t CharacterLength(std::string_view text) {
     for (std::size_t i = 1; i < length; ++i) {
         if ((byte(i) & 0xC0) != 0x80) { return 0; }
     }
-    // Overlong forms, surrogates, and numbers above 0x10FFFF. C2 80 to C2 9F are control bytes.
+    // Refused are overlong forms, surrogates, numbers above 0x10FFFF, and C2 80 to C2 9F, which are
+    // control characters.
     const unsigned second = byte(1);
-    // Characters that reverse or break the line: U+2028 to U+202E, U+2066 to U+2069.
+    // So are characters that reverse or break the line: U+2028 to U+202E, U+2066 to U+2069.
     const unsigned third = byte(2);
     const bool isValid = !(first == 0xE2 && second == 0x80 && third >= 0xA8 && third <= 0xAE) &&
                          !(first == 0xE2 && second == 0x81 && third >= 0xA6 && third <= 0xA9) &&
@@ -104,7 +105,7 @@ std::tm ToTm(const Format::EntryTime& time) {
 }
 
 // A pattern's set, such as [!a-z]: true if the byte belongs to it. Moves `at` past the set. A set
-// that does not end stands for its first byte, '['.
+// without an end stands for its first byte, '['.
 bool IsInSet(std::string_view pattern, std::size_t& at, char byte) {
     std::size_t i = at + 1;
     const bool isNegated = i < pattern.size() && (pattern[i] == '!' || pattern[i] == '^');
@@ -129,7 +130,7 @@ bool IsInSet(std::string_view pattern, std::size_t& at, char byte) {
     return isIn != isNegated;
 }
 
-// Matches one byte against the element of the pattern at `at`, which is no '*', and moves past it.
+// Matches one byte against the element of the pattern at `at`, which is not '*', and moves past it.
 bool MatchesOne(std::string_view pattern, std::size_t& at, char byte) {
     if (pattern[at] == '?') {
         ++at;

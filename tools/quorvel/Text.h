@@ -7,18 +7,18 @@
 
 #include "format/EffectCacheImage.h"
 
-// How the program spells names, sizes and times, and what it reads.
+// How the program writes and reads names, sizes and times.
 namespace Quorvel::Tool {
 
 // A name on one line: control bytes, bytes that are not UTF-8, and characters that break or reverse
-// the line become \xNN for each byte, a backslash becomes two.
+// the line become \xNN for each byte, and a backslash becomes two.
 std::string Escape(std::string_view name);
 
-// The same for a path, or a message that names one, but a backslash stays one: on Windows, it
-// separates folders.
+// The same for a path, or a message that names one, except that a backslash stays as it is: on
+// Windows, it separates folders.
 std::string EscapePath(std::string_view path);
 
-// The name that Escape spells like this. Throws Failure if there is none.
+// The name for which Escape returns this text. Throws Failure if there is none.
 std::string Unescape(std::string_view text);
 
 // "1.5 MiB", "312 bytes".
@@ -33,10 +33,10 @@ std::string Time(const Format::EntryTime& time);
 // The reverse of Time. Throws Failure.
 Format::EntryTime ParseTime(const std::string& text);
 
-// Seconds since 1970 UTC; an estimate if it is no valid time.
+// Seconds since 1970 UTC; an estimate if the time is not valid.
 std::time_t ToUnixTime(const Format::EntryTime& time);
 
-// The local time now, and a local time so many seconds ago.
+// The local time now, and the local time that number of seconds ago.
 Format::EntryTime Now();
 Format::EntryTime TimeBefore(std::uint64_t seconds);
 

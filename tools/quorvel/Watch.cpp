@@ -25,7 +25,7 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = WatchView::Clock;
 
-// The cache is locked for at most this part of the time, so that hosts don't have to wait often.
+// The cache is locked for at most one part in this number of the time, so that hosts seldom wait.
 constexpr int kShareOfTime = 10;
 
 struct WatchOptions {
@@ -41,15 +41,15 @@ public:
 
     const std::string& Path() const { return cache_.Path(); }
 
-    // How the cache is now. Throws Failure if the effects can't be read.
+    // The present state of the cache. Throws Failure if the effects can't be read.
     WatchUpdate First();
 
-    // What has changed since the last update; nothing if nothing has. Takes the lock only if the
-    // file has changed, and not too often.
+    // What has changed since the last update, if anything has. Takes the lock only if the file has
+    // changed, and not too often.
     std::optional<WatchUpdate> Next();
 
 private:
-    // What tells a change of the file that was not announced.
+    // Shows that the file has changed even if the change was not announced.
     struct Mark {
         std::uint64_t size = 0;
         fs::file_time_type time;
@@ -135,7 +135,7 @@ void Watcher::Compare(const std::vector<Format::IndexEntry>& effects, WatchUpdat
         if (old == effects_.end() || old->name != name) {
             update.added.push_back(name);
         } else {
-            // Compacting gives an effect another stream, a search gives it another time.
+            // Compacting gives an effect another stream; a search gives it another time.
             const bool isMoved = old->record.streamId != record.streamId;
             const bool hasNewTime = Time(old->record.time) != Time(record.time);
             if (old->record.size != record.size || (isMoved && hasNewTime)) {
@@ -198,11 +198,11 @@ public:
         }
     }
 
-    // Draws the view over the last one, and leaves what is above it as it is.
+    // Draws the view over the previous one and leaves the lines above it alone.
     void Refresh() {
         if (!isView_) { return; }
         const TerminalSize size = OutputSize();
-        // A terminal that became narrower has broken the lines that no longer fit.
+        // A terminal that has become narrower has wrapped the lines that no longer fit.
         std::size_t above = 0;
         for (const std::size_t width : widths_) {
             above += std::max<std::size_t>(1, (width + size.columns - 1) / size.columns);
@@ -225,7 +225,7 @@ private:
     std::vector<std::size_t> widths_;  // of the lines that were drawn
 };
 
-// Waits, but not for longer than until the user asks the program to stop.
+// Waits for that time, or until the user asks the program to stop.
 void Sleep(Clock::duration duration) {
     const Clock::time_point end = Clock::now() + duration;
     while (!IsStopRequested() && Clock::now() < end) {

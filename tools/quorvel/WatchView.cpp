@@ -18,8 +18,8 @@ bool ContinuesCharacter(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
 }
 
-// The columns that the character takes, at most, to which the byte belongs; counted at its first
-// byte.
+// For the first byte of a character, the most columns that the character can take; 0 for its other
+// bytes.
 std::size_t WidthOf(char byte) {
     return ContinuesCharacter(byte) ? 0 : static_cast<unsigned char>(byte) < 0x80 ? 1 : 2;
 }

@@ -19,7 +19,7 @@ struct WatchState {
     std::uint64_t fileSize = 0;
 };
 
-// What has changed in a cache since the last update. The first one only says how it is.
+// What has changed in a cache since the last update. The first update only describes its state.
 struct WatchUpdate {
     Format::EntryTime time;
     std::string problem;  // why the effects can't be read now; empty if they can
@@ -47,7 +47,7 @@ public:
     // The number of saves that were seen in the minute before `now`.
     std::size_t SavesInLastMinute(Clock::time_point now) const;
 
-    // At most that number of lines, none wider than that number of columns.
+    // At most `lines` lines, none wider than `columns` columns.
     std::vector<std::string> Lines(const Format::EntryTime& time, Clock::time_point now,
                                    std::size_t columns, std::size_t lines) const;
 
@@ -59,7 +59,7 @@ private:
     std::deque<std::string> history_;  // lines, the newest first
 };
 
-// The columns that a text takes in a terminal, at most: characters other than ASCII count as two.
+// The most columns that a text can take in a terminal: characters other than ASCII count as two.
 std::size_t Width(const std::string& text);
 
 }  // namespace Quorvel::Tool

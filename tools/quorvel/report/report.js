@@ -179,7 +179,7 @@ function layOut() {
     }
     const drawnHeight = grid.rows * grid.cell;
     grid.gap = grid.cell > 6 ? 1 : 0;
-    // A canvas can't be higher than that.
+    // 16000 pixels is about as high as a canvas can be.
     grid.scale = Math.min(window.devicePixelRatio || 1, 16000 / drawnHeight);
     for (const canvas of [base, overlay]) {
         canvas.width = Math.round(grid.columns * grid.cell * grid.scale);
@@ -195,7 +195,7 @@ function context(canvas) {
     return result;
 }
 
-// Calls paint(x, y, pages) for each row of the picture that a run is in.
+// Calls paint(x, y, pages) for each row of the picture that a run crosses.
 function forRows(run, paint) {
     let page = runs.first[run];
     while (page < runs.first[run + 1]) {
@@ -217,7 +217,8 @@ function paintRun(target, run) {
     });
 }
 
-// The runs of what owns a page, or of the thing that was chosen: its pages and its tail's block.
+// The runs that have the same owner as a run; and those of what was chosen, which for a thing are
+// its pages and its tail's block.
 function runsOf(run) {
     return runsOfOwner.get(ownerKey(runs.kind[run], runs.owner[run]));
 }
@@ -235,7 +236,7 @@ function draw() {
     for (let run = 0; run < runs.kind.length; ++run) {
         const kind = runs.kind[run];
         const isWeak = strong ? !strong.has(run) : shownKind !== null && shownKind !== kind;
-        // Neighbours of one use differ a little, so that one sees where the next owner begins.
+        // Neighbours of one use differ a little, to show where the next owner begins.
         target.globalAlpha = isWeak ? 0.15 : runs.owner[run] % 2 ? 0.87 : 1;
         target.fillStyle = colors[kind];
         paintRun(target, run);
@@ -431,7 +432,7 @@ function brief(thing) {
         (data.permanent[thing] ? ", permanent" : "");
 }
 
-// Only the rows in sight exist.
+// Only the visible rows exist.
 const table = (() => {
     const box = byId("table");
     const header = box.querySelector(".header");

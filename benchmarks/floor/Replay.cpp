@@ -100,7 +100,8 @@ private:
 
 }  // namespace
 
-// The frame of each page: a page that is read takes the next frame and is written from there.
+// Assigns a memory frame to each page: a page that is read takes the next frame, and is written
+// from there.
 class Replay::FramePlan {
 public:
     std::uint32_t ForRead(std::uint64_t offset) {

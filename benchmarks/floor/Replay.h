@@ -11,10 +11,10 @@
 
 namespace Quorvel::Benchmarks {
 
-// Repeats recorded transfers on a file of its own. Besides the transfers it only makes the copies
-// that the same effects need: into memory when they are queued, from there into pages when they are
-// saved, together with the index and the package's state, and out of pages when they are found.
-// All steps are planned in advance; the timed functions only walk over the plan.
+// Repeats recorded transfers on a file of its own. Apart from that, it only makes the copies that
+// the effects need: into memory when they are queued; from there into pages when they are saved,
+// together with the index and the package's state; and out of pages when they are found. All steps
+// are planned in advance; the timed functions only walk over the plan.
 class Replay {
 public:
     Replay(const FloorTask& task, const RecordedTransfers& recorded, Clock clock);

@@ -32,7 +32,7 @@ struct PhaseTransfers {
     std::uint64_t Bytes(Transfer::Kind kind) const;
 };
 
-// The cache's transfers while it saved all effects, was opened again, and found all of them.
+// The transfers of a cache that saved all effects, was opened again, and found all of them.
 struct RecordedTransfers {
     PhaseTransfers save;
     PhaseTransfers open;

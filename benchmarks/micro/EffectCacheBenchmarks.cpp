@@ -1,5 +1,5 @@
-// The effect cache's main operations for different numbers of effects. Those called Walk visit
-// every effect; they also report effects per second.
+// The effect cache's main operations for different numbers of effects. The operations called Walk
+// visit every effect, and also report effects per second.
 #include <benchmark/benchmark.h>
 
 #include "micro/Fixtures.h"

@@ -13,7 +13,7 @@ namespace Quorvel::Benchmarks {
 
 namespace {
 
-// Opening a stream of that number of whole pages and a tail: a new seeker each time.
+// Opens a stream of that number of whole pages and a tail, with a new seeker each time.
 void ChildSeekerAttach(benchmark::State& state) {
     const auto pages = static_cast<std::uint64_t>(state.range(0));
     const Util::RefPtr<IPageAllocator> allocator(new PageAllocator);

@@ -24,7 +24,7 @@ void MutexRoundTrip(benchmark::State& state) {
 }
 BENCHMARK(MutexRoundTrip);
 
-// The second acquisition of a thread that owns the mutex.
+// A second acquisition by the thread that owns the mutex.
 void MutexRecursiveRoundTrip(benchmark::State& state) {
     MutexObject mutex(OwnName("_recursive").c_str());
     const AutoMutex outer(mutex, kWaitForever);

@@ -35,8 +35,8 @@ private:
     int descriptor_;
 };
 
-// A file for each effect: the number of bytes, then the bytes, written in one call. A file with
-// fewer bytes is still being written and does not count as an effect.
+// Keeps each effect in a file: the number of bytes, then the bytes, written in one call. A file
+// with fewer bytes is still being written and does not count as an effect.
 class DirectoryStore : public Store {
 public:
     explicit DirectoryStore(const std::string& directory) : directory_(directory + '/') {

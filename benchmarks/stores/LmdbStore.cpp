@@ -22,8 +22,8 @@ MDB_val ValueOf(const void* bytes, std::size_t size) {
     return {size, const_cast<void*>(bytes)};
 }
 
-// A write transaction per batch, and one read transaction that is renewed for every search, so that
-// the search sees what other processes have saved.
+// Uses a write transaction per batch, and one read transaction that is renewed for every search, so
+// that the search sees what other processes have saved.
 class LmdbStore : public Store {
 public:
     explicit LmdbStore(const std::string& directory) {

@@ -11,8 +11,8 @@ struct ResidentMemory {
 };
 ResidentMemory CurrentMemory();
 
-// The greatest growth of each since construction: of `all` as recorded by the kernel, of `heap` at
-// the calls of Sample.
+// The greatest growth of each since construction: that of `all` as the kernel recorded it, that of
+// `heap` as seen by the calls of Sample.
 class MemoryPeak {
 public:
     MemoryPeak();

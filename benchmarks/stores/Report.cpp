@@ -34,7 +34,7 @@ std::string Cell(const Samples& samples, const FigureDescription& description) {
     return text;
 }
 
-// The sign between a median and its spread takes two bytes and one column.
+// The plus-minus sign between a median and its spread takes two bytes but one column.
 int Width(const std::string& cell, int columns) {
     return columns + (cell.find("\u00b1") != std::string::npos ? 1 : 0);
 }

@@ -79,7 +79,8 @@ private:
     sqlite3* database_ = nullptr;
 };
 
-// A transaction per batch, prepared statements, and default settings except the two of Connection.
+// Uses a transaction per batch, prepared statements, and default settings except the two of
+// Connection.
 class SqliteStore : public Store {
 public:
     explicit SqliteStore(const std::string& directory)

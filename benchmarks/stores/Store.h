@@ -28,7 +28,7 @@ public:
     // Saves the waiting effects, so that other processes find them.
     virtual void Flush() = 0;
 
-    // The bytes of a name, copied from the store into memory that the next search reuses.
+    // The bytes saved under a name, copied from the store into memory that the next search reuses.
     virtual std::optional<std::span<const unsigned char>> Find(const CStr& name) = 0;
 };
 

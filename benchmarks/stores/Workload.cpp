@@ -47,7 +47,7 @@ std::shared_ptr<const ScratchDirectory> MakeFolder(const StoreKind& kind,
     return folder;
 }
 
-// Compares only the first and last bytes: comparing all would cost more than finding.
+// Compares only the first and last bytes: comparing all of them would take longer than the search.
 void CheckBriefly(const Effect& effect,
                   const std::optional<std::span<const unsigned char>>& found) {
     if (!found || found->size() != effect.bytes.size() || found->front() != effect.bytes.front() ||
@@ -214,8 +214,8 @@ void Workload::TimeHot(Store& store, std::size_t hotCount, std::vector<double>& 
     samples.push_back(watch.Nanoseconds() / kHotSearches);
 }
 
-// Another process saves a few effects at a time; the first search after each save is timed. If only
-// one process can have the store open, the time includes opening it.
+// Another process saves a few effects at a time, and the first search after each save is timed. If
+// only one process can have the store open, the time includes opening it.
 void Workload::TimeAfterSave(const StoreKind& kind, const std::string& directory,
                              std::vector<double>& samples) const {
     Testing::ChildProcess saver(

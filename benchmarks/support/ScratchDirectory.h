@@ -6,7 +6,7 @@
 
 namespace Quorvel::Benchmarks {
 
-// A new, empty folder, removed with everything in it at the end of the scope.
+// A new, empty folder. At the end of the scope it is removed with everything in it.
 class ScratchDirectory {
 public:
     // Throws std::system_error when it can't be created.

@@ -16,7 +16,7 @@ struct SystemCall {
 };
 
 // Called by a traced program to mark its progress for the tracing program. Makes a system call that
-// fails and does nothing, with a number from 0 to 65535.
+// fails and does nothing, but carries a number from 0 to 65535.
 void Mark(std::uint16_t number);
 
 // Runs an agent (tests/support/Agent.h) of this program in a process of its own, and reports every

@@ -1,4 +1,4 @@
-// Time and memory of the program quorvel on caches of 65,534 effects and 255 MiB.
+// Measures time and memory of the program quorvel on caches of 65,534 effects and 255 MiB.
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>

@@ -17,7 +17,7 @@ struct MacroValue {
     std::string value;
 };
 
-// One thing to compile: a program of a source file with one choice of macro values.
+// The unit of compilation: a program of a source file with one choice of macro values.
 struct EffectVariant {
     std::string file;  // relative to the effects folder
     std::string entryPoint;

@@ -86,8 +86,8 @@ std::string HostCache::ListedEffects() {
     return text;
 }
 
-// The cache does not report a listing that it can't write, so it writes a draft, and this copies
-// the draft and checks for errors.
+// The cache does not report a listing that it can't write. So the cache writes a draft, and this
+// function copies the draft and checks for errors.
 void HostCache::WriteListing(const std::filesystem::path& file) {
     const std::string text = ListedEffects();
     const auto lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));

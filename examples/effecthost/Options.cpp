@@ -74,7 +74,7 @@ void AddWhatToReport(CLI::App& app, Options& options) {
     app.footer(kExitCodes);
 }
 
-// The error for a text that is not a whole number; empty if the text is one or is left out.
+// The error message if a text is not a whole number; empty if it is one, or if it was left out.
 std::string WholeNumberProblem(const std::string& text) {
     constexpr std::size_t kMostDigits = 9;
     const bool isNumber = text.find_first_not_of("0123456789") == text.npos;

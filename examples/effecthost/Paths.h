@@ -7,7 +7,7 @@
 
 namespace EffectHost {
 
-// Strings in this host are UTF-8 on Windows, and use the system's encoding elsewhere.
+// This host's strings are UTF-8 on Windows and in the system's encoding elsewhere.
 
 // The words of the command line, including the program's name.
 std::vector<std::string> CommandLineWords(int argc, const char* const* argv);

@@ -33,7 +33,7 @@ public:
     // The next line that the process prints, without its line end; nothing after the last one.
     std::optional<std::string> ReadLine();
 
-    // Everything that the process still prints until it ends.
+    // Everything that the process prints from now until it ends.
     std::string ReadOutput();
 
     // Closes the standard input of the process, which may treat that as a request to stop.

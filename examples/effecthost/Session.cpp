@@ -12,7 +12,7 @@ namespace EffectHost {
 
 namespace {
 
-// Bytes of a name that a message shows.
+// The most bytes of a name that a message shows.
 constexpr std::size_t kShownName = 200;
 
 constexpr const char* kWhyMissing =

@@ -18,9 +18,9 @@ public:
     ShaderCompiler& operator=(const ShaderCompiler&) = delete;
     ~ShaderCompiler();
 
-    // What determines the bytes besides the variant, for effect names: the kind of output, its
-    // version, the options, and a checksum of a small compiled effect, which tells apart compilers
-    // of the same version.
+    // Everything besides the variant that determines the bytes, for effect names: the kind of
+    // output, its version, the options, and a checksum of a small compiled effect, which
+    // distinguishes compilers of the same version.
     const std::string& Identity() const;
 
     // The compiled bytes. Throws Failure(CompileError) with the compiler's message.

@@ -6,8 +6,8 @@ namespace EffectHost {
 // the program at once.
 void StopOnSignals();
 
-// Makes the end of standard input such a request too. A parent process requests it by closing the
-// pipe, or by ending.
+// Makes the end of standard input such a request too: a parent process makes it by closing the pipe
+// or by ending.
 void StopAtEndOfInput();
 
 bool StopRequested();

@@ -73,7 +73,7 @@ public:
     std::uint64_t created = kInvalidStreamId;
 };
 
-// The same with a file.
+// The same operations on a package in a file.
 class Package : public Model {
 public:
     explicit Package(const std::string& path) : path_(path), package_(CreateFilePackage(Config())) {

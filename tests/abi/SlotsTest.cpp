@@ -133,7 +133,7 @@ ABI_TEST(SetSlots, SevenAndEightSetAndGetTheHeaderDataSize) {
     Release(package.Get());
 }
 
-// Only getting the writable data counts as a change, as a Load after a Commit shows.
+// Only getting the data for writing counts as a change. A Load after a Commit shows the difference.
 ABI_TEST(SetSlots, NineReadsTheHeaderDataAndTenChangesIt) {
     const BarePackage package("header-data");
     EXPECT(package.Call<const std::uint8_t*>(Set::kGetHeaderDataToRead) == nullptr);

@@ -4,7 +4,7 @@
 
 namespace Quorvel::Testing {
 
-// Makes one of the calling thread's allocations fail while it lives: the first `skipped` succeed,
+// Makes one of the calling thread's allocations fail while it exists: the first `skipped` succeed,
 // the next one fails, all later ones succeed.
 class AllocationFault {
 public:

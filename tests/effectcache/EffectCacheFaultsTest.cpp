@@ -72,8 +72,8 @@ public:
         return StateOf(fresh);
     }
 
-    // A failed save changes nothing. A file that can't be opened once may be created anew, which
-    // empties it.
+    // A failed save changes nothing. If one attempt to open a file fails, the file may be created
+    // anew, which empties it.
     void ExpectOldOrNew(State state, bool failed) {
         const bool mayBeEmpty = failed && GetParam().call == StdioCall::Open;
         EXPECT_TRUE(state == State::New || (failed && state == State::Old) ||
@@ -81,7 +81,7 @@ public:
             << state;
     }
 
-    // An object that can't read the file makes a new one.
+    // An object that can't read the file replaces it with a new one.
     static bool MayHideFile() {
         const StdioCall call = GetParam().call;
         return call == StdioCall::Open || call == StdioCall::Seek || call == StdioCall::Tell ||
@@ -187,7 +187,7 @@ TEST_P(EffectCacheFaults, FailedSaveMakesTheCacheInert) {
                 a->Add("ignored", {1});
                 EXPECT_EQ(a->Find("ignored"), std::nullopt);
             } else {
-                // The call was not needed: it closed a file, or reserved pages.
+                // The save could do without the call, which closed a file or reserved pages.
                 EXPECT_EQ(StateOf(*a), State::New) << failed;
             }
         });
@@ -224,7 +224,7 @@ TEST_P(EffectCacheFaults, FailedReloadMakesTheCacheInert) {
                 EXPECT_EQ(StateOf(*b), State::New);
             }
             b.reset();
-            // A file that cannot be opened may be created anew, which empties it.
+            // If one attempt to open a file fails, the file may be created anew, which empties it.
             const State state = FreshState();
             EXPECT_TRUE(state == State::New || (call == StdioCall::Open && state == State::Empty))
                 << state;
@@ -335,7 +335,7 @@ TEST_P(EffectCacheFaults, SaveWithoutRoomLeavesTheOldState) {
             FindAll(*b);
             FindAll(*a);
             const State state = FreshState();
-            // A file that can't be opened once may be created anew, which empties it.
+            // If one attempt to open a file fails, the file may be created anew, which empties it.
             const bool mayBeEmpty = failed && GetParam().call == StdioCall::Open;
             EXPECT_TRUE(state == State::Old || (mayBeEmpty && state == State::Empty)) << state;
         });

@@ -396,7 +396,7 @@ TEST_F(EffectCacheFile, EffectsWithoutStreamsAreDropped) {
     EXPECT_EQ(StoredCache(directory).IndexStreamId(), 1u);
 }
 
-// As soon as the new file is a package, other caches must be told to read it.
+// As soon as the new file is a package, the other caches must be notified to read it.
 TEST_F(EffectCacheFile, NewFileIsAnnouncedEvenIfItCannotBeFinished) {
     bool failed = true;
     for (std::uint64_t writes = 0; failed; ++writes) {

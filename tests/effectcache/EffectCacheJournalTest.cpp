@@ -17,8 +17,7 @@
 #include "support/ChildProcess.h"
 #include "support/StdioFaults.h"
 
-// What saves that fail, that can't be undone or that have no journal mean for the caches of one
-// directory.
+// What happens to the caches of one directory when a save fails, can't be undone or has no journal.
 namespace Quorvel::Testing {
 
 namespace {
@@ -47,8 +46,8 @@ protected:
                std::equal(oldFile_.begin(), oldFile_.end(), file.begin());
     }
 
-    // Lets another process, an agent of EffectCacheProcessesTest.cpp, die while it holds the file
-    // mutex and after `leave` has left the file like that.
+    // Lets another process, an agent of EffectCacheProcessesTest.cpp, acquire the file mutex; calls
+    // `leave`, which leaves the files as the process would; then kills it.
     template <typename Leave>
     void DieWithTheMutex(const Leave& leave) const {
         ChildProcess holder("MutexHolder", {SharedObjectName(directory_) + "_mutex"});
@@ -248,7 +247,8 @@ TEST_F(EffectCacheJournal, SparePagesAreLeftOutWhenTheyTakeAQuarterOfTheRoom) {
 
 namespace {
 
-// The pages that an operation puts into the journal. Its pieces are of other sizes than pages.
+// The number of pages that an operation puts into the journal. All writes whose size is not that of
+// a page are pieces of the journal.
 template <typename Operation>
 std::uint64_t JournalPages(const Operation& operation) {
     StdioTrace trace;
@@ -284,12 +284,12 @@ TEST_F(EffectCacheJournal, SavesKeepFewPagesAndLetTheFileGrowLittle) {
     const std::uint64_t added = JournalPages([&] { add(8000, 600); });
     EXPECT_GT(added, 0u);
     EXPECT_LT(added, 80u);
-    // A tail block has eight pages, half of which change if a tail in the middle goes.
+    // A tail block has eight pages, half of which change if a tail in the middle is removed.
     EXPECT_LT(JournalPages([&] { add(0, 300); }), 300u * 5);
     EXPECT_LT(std::filesystem::file_size(path_), bytes + bytes / 5);
 }
 
-// A head file may state more pages than it has: they are not read, and not written either.
+// A head file may state more pages than it has. Such pages are neither read nor written.
 TEST_F(EffectCacheJournal, StatedPagesOfTheHeadFileTakeNoRoom) {
     Bytes file = oldFile_;
     ASSERT_EQ(NumberAt(file, 0, 8), 1U);
@@ -297,7 +297,7 @@ TEST_F(EffectCacheJournal, StatedPagesOfTheHeadFileTakeNoRoom) {
                               .U64(kStatedPages)
                               .U64(NumberAt(file, 8, 8))
                               .U64(11)     // the next page, which nothing reads
-                              .U64(8192);  // where data ends in this one
+                              .U64(8192);  // where the data in this page ends
     std::copy(head.Get().begin(), head.Get().end(), file.begin());
     WriteWholeFile(path_, file);
     const FreeSpaceStub space(std::uint64_t{1} << 30);
@@ -364,7 +364,7 @@ TEST_F(EffectCacheJournal, JournalOfAFileThatWasMadeAnewIsRemoved) {
     EXPECT_EQ(cache.Find("only"), bytes);
 }
 
-// The thread inherits the mutex and keeps it, so only its first wait tells of the death.
+// The thread inherits the mutex and keeps it, so only its first wait reports the death.
 TEST_F(EffectCacheJournal, HeirWithNothingToSaveUndoesTheSaveOfTheDead) {
     CacheClient heir(directory_);
     CacheClient other(directory_);

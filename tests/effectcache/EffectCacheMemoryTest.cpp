@@ -59,7 +59,7 @@ public:
         client = std::make_unique<CacheClient>(directory);
     }
 
-    // The arguments exist beforehand, so that passing them allocates nothing.
+    // The arguments are made beforehand, so that passing them allocates nothing.
     void Save() { (*cache)->ForceSaveToFile(); }
     bool Find(const CStr& name) { return (*cache)->SearchCachedEffects(name, found); }
     void ExpectFound(const Bytes& bytes) {

@@ -55,15 +55,16 @@ bool HasStampOf(const std::string& file) {
 
 class EffectCacheSpellings : public ::testing::Test {
 public:
-    // A path of the directory with a step that leads nowhere.
+    // A path of the directory with a redundant step.
     std::string Detour() const { return (path.parent_path() / "." / path.filename()).string(); }
 
-    // The file's path if the directory is spelled like this.
+    // The path of the file in a directory with this spelling.
     static std::string FileIn(const std::string& directory) {
         return directory + Platform::kPathSeparator + "vornFxoCache.dat";
     }
 
-    // Fills the cache by one process for each spelling, all at once, and looks for the effects.
+    // Fills the cache with one process for each spelling, all at the same time, and then searches
+    // for the effects.
     void FillThrough(const std::vector<std::string>& spellings, int effects) const {
         std::vector<std::unique_ptr<ChildProcess>> fillers;
         for (std::size_t index = 0; index < spellings.size(); ++index) {
@@ -95,7 +96,7 @@ public:
         EXPECT_EQ(wrong, 0);
     }
 
-    // Without a common stamp, neither cache would notice what the other saves.
+    // Without a common stamp, neither cache would notice the other's saves.
     void ExpectShared(const std::string& spelling) const {
         CacheClient plain(path.string());
         CacheClient other(spelling);

@@ -229,7 +229,7 @@ TEST(EffectCacheSystem, ObjectNamesHaveUnderscoresForAllButLettersAndDigits) {
     EXPECT_EQ(Platform::OpenNamedMemory(stamp.c_str()), nullptr);
 }
 
-// The name gets a second attempt.
+// The constructor tries twice to agree on the name, so two attempts fail.
 TEST(EffectCacheSystem, ConstructorThrowsWhenTheSharedNameCannotBeMade) {
     const TemporaryDirectory directory;
     const NamedMutexFault fault(0, 2);

@@ -26,7 +26,8 @@ constexpr std::uint64_t kCap = 268435456;
 constexpr std::size_t kSize = 100;
 constexpr std::uint64_t kStreamSize = kSize + 8;
 
-// What a save of a small cache leaves for its journal: the head page, and twelve more.
+// The bytes that a save of a small cache sets aside for its journal: for the head page and twelve
+// more.
 constexpr std::uint64_t kJournalShare = 13 * (8192 + 265);
 
 Time Year(std::uint16_t year) {
@@ -292,8 +293,8 @@ TEST_F(EffectCacheTrimInSteps, StepThatFailsKeepsTheEvictionsBeforeIt) {
 
 // ---- Before pending effects are moved into the file ---------------------------------------------
 
-// Saves "new" in a cache of the given effects. The free space is limited once the file is open: to
-// freeSpace bytes besides the journal's.
+// Saves "new" in a cache of the given effects. Once the file is open, the free space is limited to
+// freeSpace bytes in addition to those of the journal.
 class EffectCacheTrimOnSave : public EffectCacheTrim {
 public:
     void SaveNew(const std::vector<StoredEffect>& effects, std::uint64_t freeSpace) {
@@ -465,8 +466,8 @@ TEST_F(EffectCacheTrimOnSave, FoundEffectIsEvictedLast) {
 
 // ---- The cap of the budget ----------------------------------------------------------------------
 
-// Besides an effect, the file holds a stream that adds as many bytes to the total as a test needs
-// but takes almost no disk space: its size in the stream directory is patched.
+// Besides an effect, the file holds a stream that adds any number of bytes to the total but takes
+// almost no disk space: its size in the stream directory is patched.
 class EffectCacheBudgetCap : public EffectCacheTrim {
 public:
     void WriteWithTotal(std::uint64_t total) {

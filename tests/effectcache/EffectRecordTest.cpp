@@ -70,7 +70,7 @@ TEST(EntryTime, NowIsTheLocalTime) {
     EXPECT_EQ(BytesOf(CurrentEntryTime()), BytesOf(EntryTime{2031, 12, 24, 18, 5, 6, 789}));
 }
 
-// One field puts two neighbouring times in order, although the next field says the opposite.
+// One field decides the order of two neighbouring times, although the next field contradicts it.
 TEST(EntryTime, IsOrderedByItsFieldsFromTheYearDown) {
     const std::array<EntryTime, 8> ascending = {{{2020, 12, 31, 23, 59, 59, 999},
                                                  {2021, 1, 31, 23, 59, 59, 999},

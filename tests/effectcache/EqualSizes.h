@@ -6,7 +6,7 @@
 
 #include "effectcache/CacheClient.h"
 
-// Effects of equal size: if the cache mistakes one stream for another, only its bytes give it away.
+// Effects of equal size: if the cache mistakes one stream for another, only the bytes reveal it.
 // Also the states that a failed save of such effects may leave.
 namespace Quorvel::Testing {
 

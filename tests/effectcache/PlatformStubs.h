@@ -7,8 +7,8 @@
 
 #include "platform/Clock.h"
 
-// Replacements for platform services that the library calls. A stub is active while it lives; only
-// one of each kind may live at a time. Without a stub the real service answers.
+// Replacements for platform services that the library calls. A stub is active while it exists; only
+// one of each kind may exist at a time. Without a stub the real service answers.
 namespace Quorvel::Testing {
 
 // Sets the free bytes of the volume.

@@ -69,11 +69,11 @@ void WritePackage(const std::string& path, const Bytes& headerData,
 // Writes a cache file: stream 0 is the index, stream n the n-th effect.
 void WriteCache(const std::string& path, const std::vector<StoredEffect>& effects);
 
-// Leaves a cache's file and its journal as a process does that is killed in a save, after it has
-// overwritten pages. The file must have an effect.
+// Leaves a cache's file and its journal as a process does when it is killed in a save after
+// overwriting pages. The file must have an effect.
 void LeaveUnfinishedSave(const std::string& path);
 
-// The contents of a file, which is closed again.
+// The contents of a cache's file, which is open only while they are read.
 class StoredCache {
 public:
     // Fails the test if the file is not a package.

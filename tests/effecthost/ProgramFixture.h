@@ -42,7 +42,7 @@ class Program : public ::testing::Test {
 protected:
     struct Result {
         int exitCode;
-        std::string output;  // and errors
+        std::string output;  // standard output and errors
     };
 
     Program() {

@@ -1,8 +1,8 @@
 // Two objects use one effect cache, from opening to release. Each of their file system calls and
-// allocations fails in turn. Whichever it is: only a constructor that gets no memory throws; every
-// lock is free again at once; an object that finds an effect finds its own bytes, and all of them;
-// and the file holds the state before or after one of the saves. It is empty only if an object
-// failed to read it while opening it.
+// allocations fails in turn. Whichever call fails, only a constructor that runs out of memory
+// throws; every lock is free again at once; a search that finds an effect returns its own bytes,
+// and all of them; and the file holds the state before or after one of the saves. It is empty only
+// if an object failed to read it while opening it.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -33,7 +33,7 @@ namespace Quorvel::Testing {
 namespace {
 
 // The size of most effects: with the length prefix, a page and a tail. If the cache mistakes one
-// for another, only its bytes give it away.
+// for another, only the bytes reveal it.
 constexpr std::size_t kUsualSize = 8700;
 constexpr std::size_t kSmallSize = 300;
 
@@ -135,7 +135,7 @@ private:
                                failure_.failures != StdioFault::kEveryLaterCall;
     bool hasFailed_ = false;
     bool mayBeTrimmed_ = false;
-    std::set<State> states_ = {OldState()};  // that the file may be in
+    std::set<State> states_ = {OldState()};  // the states that the file may be in
 };
 
 template <typename Operation>
@@ -167,11 +167,11 @@ void CacheScript::Open(Cache& cache) {
         } catch (const Win32APICallFailedException&) { EXPECT_TRUE(failure_.isMemory); }
     });
     EXPECT_TRUE(hasFailed_ || (cache && cache->IsEnabled()));
-    // An object that can't read the file makes a new one.
+    // An object that can't read the file replaces it with a new one.
     if (failed && failure_.MayHideFile()) { states_.insert(State()); }
 }
 
-// Queues effects and returns those that were queued. If memory runs out, some are not.
+// Queues effects and returns those that were queued: not all of them if memory runs out.
 State CacheScript::Add(Cache& cache, const State& effects) {
     State queued;
     if (!cache) { return queued; }
@@ -314,7 +314,7 @@ void CacheScript::ExpectFile() {
     }
 }
 
-// What a process left that died in a save of the old state: a marked file and its journal.
+// What a process left when it died in a save of the old state: a marked file and its journal.
 struct CrashImage {
     Bytes file;
     Bytes journal;
@@ -332,7 +332,7 @@ const CrashImage& UnfinishedSave() {
                 const Bytes bytes = EffectOf(name, 7);
                 cache->CacheCompiledEffect(CStr(&name, 1), bytes.data(), bytes.size(), false);
             }
-            // Neither the save nor its rollback can write any more.
+            // From this write on, neither the save nor its rollback can write.
             const StdioFault fault(StdioCall::Write, EIO, writes++);
             cache->ForceSaveToFile();
         } while (Format::LoadInteger(Format::ReadWholeFile(path), 0, 8) != 0);

@@ -326,7 +326,7 @@ TEST_F(GreedyFiles, OfManyNames) {
     examiner_.Examine(file, "names");
 }
 
-// What was read of it must not be copied again for each piece.
+// What has been read of the index must not be copied again for each piece.
 TEST_F(GreedyFiles, OfALongIndexWithoutARecord) {
     Format::CacheHeader header;
     header.effectCount = 1;

@@ -212,7 +212,8 @@ void Examiner::SearchAll(EffectCacheSystem& cache, const Bytes& damaged, bool is
     }
 }
 
-// A save may have dropped the new effect. The effect that it should replace is then right, too.
+// A save may have dropped the new effect. In that case the effect that it was to replace is right
+// too.
 Examiner::Verdict Examiner::Search(EffectCacheSystem& cache, const std::string& name,
                                    bool isReplaced) {
     const CStr key = ToCStr(name);

@@ -17,7 +17,7 @@ namespace Quorvel::Faults {
 // No file of 1 MiB may make the library hold more memory than this.
 constexpr std::uint64_t kMostMemory = std::uint64_t{64} << 20;
 
-// Nor may opening, reading, changing and saving the file take more file system calls than this.
+// Opening, reading, changing and saving such a file may take no more file system calls than this.
 constexpr std::uint64_t kMostCalls = 40000;
 
 // The results for the damaged files examined so far.

@@ -40,7 +40,7 @@ std::string NameOf(const Failure& failure);
 // All failures, for INSTANTIATE_TEST_SUITE_P.
 std::vector<Failure> AllFailures();
 
-// Makes calls fail while it lives, after the first `skipped` of their kind.
+// Makes calls fail while it exists, after the first `skipped` of their kind.
 class ArmedFailure {
 public:
     ArmedFailure(const Failure& failure, std::uint64_t skipped);

@@ -98,13 +98,13 @@ struct Field {
 // A field has no places if its row stands for other rows, or for bytes that the library ignores.
 const std::vector<Field>& Fields();
 
-// Calls `use` with copies of a file in each of which one field of a table has another value, and
-// with their names: values at the limits, and those of the field in other places. Fields with many
-// places are damaged in some of them.
+// Calls `use` with damaged copies of a file and their names. In each copy, one field of a table has
+// another value: one at a limit, or the value of the field in another place. Fields with many
+// places are damaged in only some of them.
 using FileSink = std::function<void(const Format::Bytes& damaged, const std::string& name)>;
 void ForEachDamagedField(const FileMap& map, Table table, const FileSink& use);
 
-// The rows of the document about the package file, as "table number: cell".
+// The rows about the package file in the document, as "table number: cell".
 std::vector<std::string> DocumentedFields();
 std::string RowOf(const Field& field);
 

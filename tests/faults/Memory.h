@@ -18,7 +18,7 @@ public:
     ~LibraryCall();
 };
 
-// Makes allocations fail while it lives: the first `skipped` succeed, the next `failures` fail.
+// Makes allocations fail while it exists: the first `skipped` succeed, the next `failures` fail.
 // Each thread may have one at a time.
 class MemoryFault {
 public:
@@ -33,7 +33,7 @@ public:
     std::uint64_t Failures() const;
 };
 
-// While it lives, counts the bytes that the library holds. Each thread may have one at a time.
+// While it exists, counts the bytes that the library holds. Each thread may have one at a time.
 class MemoryWatch {
 public:
     MemoryWatch();

@@ -5,7 +5,7 @@
 // opened, or one that mixes two states, unless a later commit succeeds. What does hold:
 //
 // - if nothing was changed since the last commit, its state stays in the file, even if calls fail;
-// - an operation that throws has changed nothing but the bytes that it should write. The package
+// - an operation that throws has changed nothing but the bytes that it was to write. The package
 //   stays usable, and the next Commit that returns true writes all of it to the file;
 // - a half-written file is refused, or opens as a package that can be read, changed and created
 //   again.
@@ -32,8 +32,8 @@ namespace {
 
 using Format::Bytes;
 
-// The size of most streams: a page and a tail. If the package mistakes one for another, only its
-// bytes give it away.
+// The size of most streams: a page and a tail. If the package mistakes one for another, only the
+// bytes reveal it.
 constexpr std::size_t kUsualSize = 9000;
 constexpr Format::LibrarySettings kSettings = {20, 100};
 
@@ -227,7 +227,7 @@ void PackageScript::Add(std::size_t size) {
     ExpectCounts();
 }
 
-// Deletes the stream at that place among the existing ones.
+// Deletes the existing stream at that position in the order of ids.
 void PackageScript::Delete(std::size_t place) {
     if (!IsUsable() || model_.streams.size() <= place) { return; }
     const auto deleted = std::next(model_.streams.begin(), static_cast<std::ptrdiff_t>(place));

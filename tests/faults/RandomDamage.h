@@ -12,7 +12,7 @@ namespace Quorvel::Faults {
 // pages. The effects are those of Torture::MakeEffect. Different seeds make different files.
 Format::Bytes SampleCache(unsigned seed = 1);
 
-// How many different seeds are of use, and the version of the effects.
+// The number of seeds that the tests use, from 0 on, and the version of the effects.
 constexpr unsigned kSampleSeeds = 5;
 constexpr std::uint64_t kSampleVersion = 1;
 

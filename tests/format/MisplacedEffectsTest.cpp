@@ -17,7 +17,7 @@ constexpr std::size_t kLongSize = 9000;
 // Two effects of each size, so that an effect in the wrong place has the expected length.
 class MisplacedEffects : public testing::Test {
 protected:
-    // Writes a cache file after an edit to its records, or to the entries of its index.
+    // Writes a cache file after editing its records or the entries of its index.
     void WriteFile(const std::function<void(PackageImage&)>& edit) {
         PackageImage image = LayOutEffectCache(effects_, {});
         edit(image);

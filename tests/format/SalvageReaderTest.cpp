@@ -133,7 +133,7 @@ std::vector<Damage> HeadFileDamages() {
          true,
          {},
          [](Bytes& file, const PackageImage& image) {
-             // It has links of free pages.
+             // This page holds only links of free pages.
              const auto page =
                  file.begin() + static_cast<std::ptrdiff_t>(PageOffset(image.headPages[1].number));
              std::fill(page, page + kPageSize, std::uint8_t{0});
@@ -426,7 +426,7 @@ TEST(SalvageReader, TakesNothingFromAFileThatHoldsNoCache) {
     }
 }
 
-// Counts that say more than there is, each at its place in the state.
+// Each count in the state is set to more than there is.
 TEST(SalvageReader, StopsAtACountThatIsTooHigh) {
     const PackageImage image = LayOutEffectCache(FourEffects(), {});
     const std::size_t links = 8 * image.links.size();

@@ -4,7 +4,7 @@
 
 namespace Quorvel::Testing {
 
-// While it lives, watches the calling thread's requests to operator new. Each thread may have one.
+// While it exists, watches the calling thread's requests to operator new. Each thread may have one.
 class AllocationWatch {
 public:
     AllocationWatch();

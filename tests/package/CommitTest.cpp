@@ -382,7 +382,8 @@ TEST_F(CommitTest, OfAHeadFileThatClaimsAPageTooManyIsAsAnyOther) {
     CommitAndExpectFile();
 }
 
-// The page cache has room for two pages, so most of what a commit writes leaves it on the way.
+// The page cache has room for two pages, so most of the pages that a commit writes leave the cache
+// before it ends.
 class SmallCommitTest : public PackageTest {
 protected:
     SmallCommitTest() : PackageTest({2, 100}) {}
@@ -418,14 +419,14 @@ TEST_F(SmallCommitTest, MarkThatCannotBePreparedChangesNothing) {
     EXPECT_TRUE(File() == old);
 }
 
-// That page was not read, and may belong to a stream.
+// A page that the state does not reach was not read, and may belong to a stream.
 TEST_F(CommitTest, LeavesHeadFilePagesAloneThatTheStateDoesNotReach) {
     SetHeaderData(Format::Pattern(20000, 1));
     const std::uint64_t stream = Add(8192);
     package_.Reset();
     const PackageImage image = Image();
     ASSERT_EQ(image.headPages.size(), 3U);
-    // As if the state needed one more page, which is the stream's.
+    // Makes the head file claim one more page, which is the stream's.
     Bytes file = File();
     const std::uint64_t last = image.headPages.back().number;
     const std::uint64_t more = image.streams[stream].firstPage;

@@ -137,8 +137,8 @@ TEST_F(DeleteDataStreamTest, LeavesTheBytesOfOtherBlocksAlone) {
 
 // ---- Open streams -------------------------------------------------------------------------------
 
-// The tail of 6000 bytes crosses a page boundary of its block before the deletion, and lies within
-// a page afterwards.
+// Before the deletion, the tail of 6000 bytes crosses a page boundary of its block; afterwards it
+// lies within a page.
 TEST_F(DeleteDataStreamTest, MovesATailWhileAStreamReadsIt) {
     for (const std::int32_t position : {0, 1, 8191, 8192, 8193, 8383, 8384, 8385, 14191, 14192}) {
         StartOver();
@@ -297,7 +297,7 @@ TEST_P(CutBlockTest, ThrowsOnceAndMovesNothing) {
     EXPECT_EQ(File().size(), size);
 }
 
-// The page that is written first is made whole, as by every write to a page.
+// The file grows to the end of the page that is written first, as for every write to a page.
 TEST_P(CutBlockTest, DeletesATailInTheLastPageOfTheBlock) {
     AddAndCut({8191, 8191, 8191, 8191, 8191, 8191, 8191, 100, 6000, 70}, 7);
     const std::size_t size = File().size();

@@ -16,7 +16,7 @@ namespace {
 using Format::Bytes;
 using Streams = std::map<std::uint64_t, Bytes>;
 
-// A package that is saved while calls fail, and what a process that is killed would leave behind.
+// Saves a package while calls fail, and examines what a killed process would leave behind.
 class SaveTest : public PackageTest {
 protected:
     std::string JournalPath() const { return path_ + "-journal"; }
@@ -85,8 +85,8 @@ protected:
         return StateOf(crashPath_);
     }
 
-    // Saves again and again and dies after one more write each time. The write that is cut short
-    // moves `bytesMoved` bytes. Returns the number of saves.
+    // Saves again and again, and dies one write later each time. The write that is cut short moves
+    // `bytesMoved` bytes. Returns the number of saves.
     std::uint64_t ExpectSafeDeaths(const std::function<void()>& makeOldState,
                                    const std::function<bool()>& trySave, std::uint64_t bytesMoved) {
         std::uint64_t writesDone = 0;
@@ -222,8 +222,8 @@ TEST_F(SaveTest, ReservesOnlyThePagesThatAreMissing) {
     CommitAndExpectFile();
 }
 
-// A process that dies leaves the files as its last write left them. A write that it was busy with
-// may have moved a half of a page.
+// A process that dies leaves the files as its last write left them. A write in progress may have
+// moved half of a page.
 TEST_F(SaveTest, ThatDiesAfterAnyWriteIsUndoneOrComplete) {
     for (const std::uint64_t bytesMoved : {0U, 4096U}) {
         const auto makeOldState = [&] { MakeOldState(); };
@@ -233,7 +233,7 @@ TEST_F(SaveTest, ThatDiesAfterAnyWriteIsUndoneOrComplete) {
     }
 }
 
-// The commit has used the head page last, and writes the other pages first.
+// The commit uses the head page last, so the other pages are written first.
 TEST_F(SaveTest, ThatDiesWhileItWritesALargeHeadFileIsUndoneOrComplete) {
     const auto makeOldState = [&] {
         StartOver();
@@ -260,7 +260,8 @@ TEST_F(SaveTest, ThatDiesWhileItWritesALargeHeadFileIsUndoneOrComplete) {
 }
 
 // The first commit may have failed to mark the head page, or to finish it. The second one must mark
-// it before it writes other pages. The head file is larger than the cache, so these come first.
+// it before it writes other pages. The head file is larger than the cache, so such writes come
+// first.
 TEST_F(SaveTest, WhoseSecondCommitDiesAfterAnyWriteIsUndoneOrComplete) {
     settings_.pageCacheCapacity = 4;
     for (const std::uint64_t bytesMoved : {0U, 4096U}) {

@@ -2,7 +2,7 @@
 
 namespace Quorvel::Testing {
 
-// While it lives, operator new with std::nothrow returns null in the calling thread.
+// While it exists, operator new with std::nothrow returns null in the calling thread.
 class RefusedMemory {
 public:
     RefusedMemory();

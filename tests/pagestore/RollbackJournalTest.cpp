@@ -62,7 +62,7 @@ std::uint64_t Checksum(std::uint64_t first, std::uint64_t second, const Bytes& b
     return step(step(step(sums[0], sums[1]), sums[2]), sums[3]);
 }
 
-// Gives the piece at that offset of a journal the checksums that its contents demand.
+// Recomputes the checksums of the piece at that offset of a journal.
 void Seal(Bytes& journal, std::size_t piece = 0) {
     const std::uint64_t nonce = Load(journal, piece + kNonce);
     const std::uint64_t count = Load(journal, piece + kCount);
@@ -108,7 +108,7 @@ protected:
         WriteFile(path_, file);
     }
 
-    // Leaves the files of a process that dies then.
+    // Leaves the files as a process does when it dies after overwriting that number of pages.
     void DieAfterOverwriting(std::uint64_t pages) {
         WriteFile(path_, old_);
         const auto journal = NewJournal();
@@ -284,7 +284,7 @@ TEST_F(RollbackJournalTest, ThatCannotBeCreatedRefusesTheWrite) {
     }
 }
 
-// A piece that was written in part is written again, with what was kept meanwhile.
+// A piece that was partly written is written again, with the pages kept in the meantime.
 TEST_F(RollbackJournalTest, ThatCannotBeWrittenCanBeTriedAgain) {
     for (const StdioCall call : {StdioCall::Open, StdioCall::Seek, StdioCall::Write}) {
         WriteFile(path_, old_);
@@ -393,7 +393,7 @@ TEST_F(RollbackJournalTest, RecoverPutsTheOldPagesBack) {
     }
 }
 
-// A page that is written soon after it was kept leaves its piece no time to fill.
+// If a page is written soon after it was kept, its piece is written before it is full.
 TEST_F(RollbackJournalTest, RecoverReadsPiecesThatAreNotFull) {
     {
         const auto journal = NewJournal();
@@ -613,7 +613,7 @@ TEST_F(RollbackJournalTest, RecoverCanBeRepeatedUntilTheHeadPageIsBack) {
         }
         ExpectRestored();
     }
-    EXPECT_EQ(writes, 43u);  // 41 pages and once more the head page, then none fails
+    EXPECT_EQ(writes, 43u);  // 41 pages and the head page again; the 43rd attempt succeeds
 }
 
 TEST_F(RollbackJournalTest, RecoverThatFailsKeepsTheJournal) {

@@ -71,7 +71,7 @@ private:
     void* view_ = nullptr;
 };
 
-// Removes the files that killed holders of a name may have left behind, where objects are files, by
+// Where objects are files, removes those that killed holders of a name may have left behind, by
 // opening the objects.
 inline void SweepUp(const std::string& name) {
     MutexHandle{name};

@@ -4,7 +4,7 @@
 
 namespace Quorvel::Testing {
 
-// While it lives, malloc fails in the thread that created it, and so does the heap of the host's
+// While it exists, malloc fails in the thread that created it, and so does the heap of the host's
 // classes. Standard containers are not affected. Works only in programs linked with --wrap.
 class HeapFault {
 public:

@@ -9,8 +9,8 @@
 
 namespace Quorvel::Testing {
 
-// A volume in memory, on Linux, mounted on a temporary directory as long as the object lives. Only
-// root may mount one.
+// A volume in memory, on Linux, mounted on a temporary directory while the object exists. Only root
+// may mount one.
 class SmallVolume {
 public:
     explicit SmallVolume(int mebibytes) {

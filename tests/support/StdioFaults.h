@@ -9,7 +9,7 @@ namespace Quorvel::Testing {
 // Open stands for fopen and fdopen.
 enum class StdioCall { Open, Close, Seek, Tell, Read, Write, Remove };
 
-// While it lives, makes the program's calls of one standard I/O function fail, those of the test
+// While it exists, makes the program's calls of one standard I/O function fail, those of the test
 // included. Works only in programs that are linked with --wrap, one at a time. Calls on the three
 // standard streams neither fail nor count.
 //
@@ -60,7 +60,7 @@ struct StdioTransfer {
     friend bool operator==(const StdioTransfer&, const StdioTransfer&) = default;
 };
 
-// While it lives, records the transfers of the thread that created it; one per thread.
+// While it exists, records the transfers of the thread that created it; one per thread.
 class StdioTrace {
 public:
     StdioTrace();

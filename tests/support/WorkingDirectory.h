@@ -5,7 +5,7 @@
 
 namespace Quorvel::Testing {
 
-// Changes the working directory while it lives.
+// Changes the working directory while it exists.
 class WorkingDirectory {
 public:
     explicit WorkingDirectory(const std::filesystem::path& path)

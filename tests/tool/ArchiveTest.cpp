@@ -23,7 +23,7 @@ class ArchiveTest : public ToolTest {
 protected:
     ArchiveTest() { fs::create_directory(other_); }
 
-    // Names of every kind, times that no clock shows, and the smallest and largest effects.
+    // Names of every kind, impossible times, and the smallest and largest effects.
     static std::vector<Format::NewEffect> OddEffects() {
         std::vector<std::string> names = {"..",
                                           "../../etc/passwd",
@@ -56,7 +56,7 @@ protected:
         return effects;
     }
 
-    // What a cache holds, apart from where it lies in the file.
+    // The contents of a cache, wherever they lie in the file.
     static std::string Content(const std::string& directory) {
         std::ostringstream content;
         const Format::Bytes file = Format::ReadWholeFile(directory + "/vornFxoCache.dat");
@@ -177,7 +177,7 @@ TEST_F(ArchiveTest, TheManifestDescribesEachFile) {
     EXPECT_EQ(lines[4]["effects"], 3);
 }
 
-// The examples of the algorithm's author.
+// Examples that the author of the algorithm published.
 TEST_F(ArchiveTest, ChecksumsAreThoseOfXxh128sum) {
     EXPECT_EQ(ChecksumOf("", 0).Text(), "99aa06d3014798d86001c324468d497f");
     ChecksumBuilder builder;
@@ -225,7 +225,7 @@ TEST_F(ArchiveTest, AnEmptyCacheMakesAnArchiveWithoutEffects) {
 
 TEST_F(ArchiveTest, DamagedEffectsAreLeftOutAndNamed) {
     Format::PackageImage image = Format::LayOutEffectCache(ThreeEffects(), {});
-    // The effect in front of "bb" states a length.
+    // The bytes of the effect "bb" begin with their length.
     const std::uint8_t length[] = {2, 0, 0, 0, 0, 0, 0, 0, 2, 2};
     Format::Bytes file = Format::EncodePackage(image);
     const auto found = std::search(file.begin(), file.end(), std::begin(length), std::end(length));
@@ -524,7 +524,7 @@ TEST_F(ArchiveTest, AnImportThatCannotWriteChangesNothing) {
     for (std::uint64_t i = 0; i < 25; ++i) {
         Format::WriteWholeFile(CacheFile(), before);
         const Testing::StdioFault full(Testing::StdioCall::Write, ENOSPC, writes * i / 25, 1);
-        // A save does without spare pages if there is no room for them.
+        // If there is no room for spare pages, a save does without them.
         const int result = Run({"import", cache_, File("a.tar")});
         EXPECT_EQ(full.Failures(), 1U);
         if (result == kDone) {

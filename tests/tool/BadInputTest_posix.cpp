@@ -11,8 +11,8 @@
 #include "tools/quorvel/Cache.h"
 #include "tools/quorvel/Terminal.h"
 
-// Files of other users, named pipes, devices, and processes that have a file open: Windows has no
-// such files, or does not tell.
+// Files of other users, named pipes, devices, and processes that have a file open. Windows lacks
+// these, or gives no information about them.
 namespace Quorvel::Tool {
 namespace {
 

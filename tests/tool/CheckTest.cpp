@@ -187,7 +187,7 @@ TEST_F(CheckTest, SaysOfflineThatASaveWasInterrupted) {
 TEST_F(CheckTest, SaysWhenThereIsNothingToCheck) {
     EXPECT_EQ(Run({"check", cache_}), kNo);
     EXPECT_THAT(err_, HasSubstr("there is no vornFxoCache.dat in the directory"));
-    // Not an option, as a slash begins them in other programs.
+    // A path, although some programs begin options with a slash.
     EXPECT_EQ(Run({"check", "/missing"}), kNo);
     EXPECT_THAT(err_, HasSubstr("/missing: no such file or directory"));
     EXPECT_EQ(Run({"check"}), kUsage);

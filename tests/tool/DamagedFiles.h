@@ -13,7 +13,7 @@ namespace Quorvel::Tool {
 // directory, and {output} for a path where there is nothing.
 using CommandLine = std::vector<std::string>;
 
-// The commands that take any file, as far as this system offers them.
+// The commands that accept any file and work on this system.
 std::vector<CommandLine> CommandsForDamagedFiles();
 
 struct DamagedFileRuns {

@@ -29,7 +29,7 @@ protected:
         return out_;
     }
 
-    // Lets each call fail in turn: once, or with all calls after it.
+    // Lets each call fail in turn, first alone, then with all calls after it.
     void ExpectOldOrNew(const std::vector<std::string>& command) {
         for (const StdioCall call : {StdioCall::Open, StdioCall::Close, StdioCall::Seek,
                                      StdioCall::Read, StdioCall::Write}) {
@@ -81,7 +81,7 @@ TEST_F(ToolFaultsTest, MergeLeavesTheOldStateOrTheNewOne) {
     ExpectOldOrNew({"merge", cache_, other_});
 }
 
-// The content stays the same, whether it fails or not.
+// The content stays the same whether the command fails or not.
 TEST_F(ToolFaultsTest, CompactKeepsTheContent) {
     const Format::Bytes old = FileBytes();
     const std::string content = Content();

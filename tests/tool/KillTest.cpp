@@ -14,7 +14,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Testing::ChildProcess;
 
-// Says when it begins.
+// Runs the program, and tells the test when it begins.
 QUORVEL_AGENT(RunCommand) {
     std::vector<const char*> argv = {"quorvel"};
     for (const std::string& argument : arguments) {

@@ -97,7 +97,7 @@ TEST_F(MapTest, NamesTheOwnersOfPagesAndTails) {
     EXPECT_EQ(data["names"], Json::parse(R"(["a", "bb", "tab\\x09here\\\\\\xFF"])"));
     EXPECT_EQ(data["permanent"], Json::parse("[0, 1, 0]"));
     EXPECT_EQ(data["times"][1], "2002-02-03T04:05:06.007");
-    // The three effects are followed by the index, the only other stream. All ends lie in one
+    // The three effects are followed by the index, the only other stream. All tails lie in one
     // block.
     EXPECT_EQ(data["index"], 3);
     EXPECT_EQ(data["tails"], Json::parse("[1, 1, 1, 1]"));

@@ -8,7 +8,7 @@
 #include "platform/DiskSpace.h"
 #include "tool/ToolTest.h"
 
-// What the volume has free, if a test says so.
+// The free bytes of the volume, if a test sets them.
 static std::optional<std::uint64_t> freeSpace;
 
 extern "C" {
@@ -236,20 +236,20 @@ TEST_F(MergeTest, WithinTheNumberOfEffectsPermanentOnesAndThoseUsedLastStay) {
     EXPECT_EQ(RunJson({"info", a})["effects"]["count"], 65534);
 }
 
-// What is set aside for the journal and spare pages of a small cache, and for each effect that is
+// The bytes set aside for the journal and spare pages of a small cache, and for each effect that is
 // replaced.
 constexpr std::uint64_t kReserved = 2 * 13 * RollbackJournal::kBytesPerPage;
 constexpr std::uint64_t kReservedForBlock = 8 * RollbackJournal::kBytesPerPage;
 
 TEST_F(MergeTest, OnAFullVolumePermanentOnesAndThoseUsedLastComeIn) {
-    // Each one takes 100 bytes: 39 of its own, and 61 more.
+    // Each effect takes 100 bytes: 39 of its own and 61 more.
     const Effects mine = {{"p", Format::Bytes(39, 'a'), false, Year(1990)}};
     Effects yours = {{"q", Format::Bytes(39, 'b'), true, Year(1991)}};
     for (char c = '0'; c <= '4'; ++c) {
         yours.push_back({std::string(1, c), Format::Bytes(39, 'b'), false,
                          Year(2000 + static_cast<unsigned>(c))});
     }
-    // An eighth of what is free stays so.
+    // An eighth of the free space stays free.
     const struct {
         std::uint64_t free;
         std::vector<std::string> added;

@@ -67,7 +67,7 @@ TEST_F(PathTest, OfTheCachesFileMeansTheSharedCacheInEverySpelling) {
     MakeCache(ThreeEffects());
     std::vector<std::string> spellings = {CacheFile(), File("link")};
     fs::create_hard_link(CacheFile(), File("link"));
-    // On Windows, names are the same in capitals.
+    // On Windows, a name in capitals denotes the same file.
     if (fs::exists(File("VORNFXOCACHE.DAT"))) { spellings.push_back(File("VORNFXOCACHE.DAT")); }
     SharedCache shared(cache_.c_str());
     ASSERT_EQ(shared.Mutex().Acquire(0), kWaitAcquired);

@@ -17,7 +17,7 @@ namespace {
 using Testing::ChildProcess;
 using testing::HasSubstr;
 
-// Says when it begins. Sends messages to the test, too.
+// Runs the program. Tells the test when it begins, and sends it the program's messages.
 QUORVEL_AGENT(RunTool) {
     CatchStopRequests();
     Testing::AgentSend("begins");
@@ -34,7 +34,7 @@ protected:
         ASSERT_EQ(::kill(static_cast<pid_t>(process.Id()), signal), 0);
     }
 
-    // Waits until the process waits for input.
+    // Returns once the process is waiting for input.
     static void AwaitRead(const ChildProcess& process) {
         const std::string path = "/proc/" + std::to_string(process.Id()) + "/syscall";
         for (std::string number, descriptor; descriptor != "0x0";) {
@@ -62,7 +62,7 @@ TEST_F(StopTest, ACommandThatWaitsForInputChangesNothing) {
              {"clear", cache_}, {"put", cache_, "new", "-"}, {"import", cache_, "-"}}) {
         ChildProcess command("RunTool", arguments);
         EXPECT_EQ(command.Receive(), "begins");
-        // Half of the input has come; clear wants an answer in one line.
+        // Half of the input has arrived, except for clear, which expects a one-line answer.
         if (arguments[0] != "clear") { ASSERT_TRUE(command.Send("the beginning")); }
         AwaitRead(command);
         Stop(command, SIGINT);

@@ -228,7 +228,7 @@ TEST_F(WatchTest, RedrawsAViewInATerminal) {
     EXPECT_EQ(ExitCode(), kDone);
 }
 
-// Runs a function in another thread, since a thread may take the lock again that it holds.
+// Runs a function in another thread, since a thread may acquire again a lock that it holds.
 template <typename Function>
 void InAnotherThread(const Function& function) {
     std::thread(function).join();

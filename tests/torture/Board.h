@@ -11,8 +11,8 @@ namespace Quorvel::Torture {
 constexpr std::uint64_t kMostSlots = 8;
 constexpr std::uint64_t kNamesOfSlot = 64;
 
-// What a process is doing, for kills that must hit it there. A moment lasts until the process
-// reaches the next one or returns from the operation.
+// What a process is doing, so that kills can be aimed. A moment lasts until the process reaches the
+// next one or returns from the operation.
 enum class Moment : std::uint64_t {
     Other,  // between operations, waiting for a lock, reading or loading
     Create,
@@ -24,7 +24,8 @@ enum class Moment : std::uint64_t {
     CountOfMoments
 };
 
-// What the processes of a run count. All but the first five must stay zero.
+// What the processes of a run count. All but the first five must stay zero, except that caches may
+// become inert on a volume that fills up.
 enum class Count : std::uint64_t {
     Searches,
     Hits,
@@ -62,7 +63,7 @@ public:
     // The moment that a slot's process has reached.
     std::atomic<Moment>& MomentOf(std::uint64_t slot);
 
-    // A process that reaches this moment waits while it is set. Other for none.
+    // While a moment is set here, a process that reaches it waits. Moment::Other means none.
     std::atomic<Moment>& Aim();
 
     // True if every process must end soon.

@@ -6,11 +6,11 @@ namespace Quorvel::Torture {
 
 class Board;
 
-// From now on the library in this process finds the free bytes that the board says on every volume,
-// and the board learns the moments that it reaches in operations of this slot.
+// From now on the library in this process sees, on every volume, the free bytes that the board
+// states, and the board records the moments that this slot's operations reach.
 void Observe(Board& board, std::uint64_t slot);
 
-// An operation on the cache, while it lives. One at a time.
+// Marks an operation on the cache for its lifetime. One at a time.
 class Operation {
 public:
     enum class Kind {

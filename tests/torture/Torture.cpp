@@ -52,11 +52,11 @@ constexpr std::array<std::string_view, static_cast<std::size_t>(Moment::CountOfM
                     "undoing a save",
                     "trimming"};
 
-// If no process reaches the wanted moment for so long, another moment is chosen.
+// If no process reaches the wanted moment within this time, another moment is chosen.
 constexpr auto kAimPatience = milliseconds(500);
 
-// The longest time between a moment and the kill, in microseconds, before it adapts to what
-// processes take.
+// The longest time between a moment and the kill, in microseconds, before it adapts to the time
+// that processes take.
 constexpr double kFirstDelay = 1000;
 
 std::uint64_t At(const Report& report, Count count) {
@@ -205,9 +205,10 @@ private:
         return options_.room != 0 && roll < 55 ? Moment::Trim : Moment::Overwrite;
     }
 
-    // Kills a process that has reached the moment, a random time later but before it leaves it, or
-    // kills any process at any time. Does nothing if no process gets there or if it leaves too
-    // soon. Afterwards a process that is about to undo a save waits until Aim is set again.
+    // Waits until a process reaches the moment, and kills it a random time later if it is still
+    // there. With Moment::Other, kills any process at any time. Does nothing if no process reaches
+    // the moment in time, or if it leaves too soon. Afterwards a process that is about to undo a
+    // save waits until Aim is set again.
     void KillAt(Moment aim) {
         const Clock::time_point start = Clock::now();
         const milliseconds patience = aim == Moment::Other ? milliseconds(Roll(60)) : kAimPatience;
@@ -224,7 +225,7 @@ private:
         if (aim == Moment::Other) { Kill(Roll(workers_.size())); }
     }
 
-    // Kills a process that waits at a moment.
+    // Kills a process that has reached a moment, unless it leaves the moment first.
     void KillSoon(std::uint64_t slot, Moment aim) {
         using Microseconds = std::chrono::duration<double, std::micro>;
         const Moment reported = board_.MomentOf(slot);
@@ -243,7 +244,7 @@ private:
     }
 
     // True if a process that died left the file marked. REQUIRES: Aim is Recovery, so that no
-    // process undoes that.
+    // process undoes the save.
     bool IsMarked() const {
         std::uint64_t pageCount = 1;
         std::ifstream file(FilePath(), std::ios::binary);

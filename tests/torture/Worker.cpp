@@ -171,7 +171,7 @@ private:
         }
     }
 
-    // If effects may be evicted, or dropped by a save for lack of room, only those that a search
+    // If effects may be evicted, or dropped from a save for lack of room, only those that a search
     // finds count as saved.
     void PublishSaved() {
         for (const auto& [name, version] : pending_) {

@@ -126,8 +126,8 @@ TEST_F(EffectCacheTransfers, OfSavesWriteEachPageThatTheyRead) {
     EXPECT_TRUE(inMemory.empty());
 }
 
-// The numbers follow from the saved effects and the format: with fewer transfers something is
-// missing, with more something is wasted.
+// The numbers follow from the saved effects and the format: fewer transfers would leave something
+// out, more would be wasteful.
 TEST_F(EffectCacheTransfers, OfAKnownSaveHaveTheExpectedNumbers) {
     Format::LibraryCache cache(directory_);
     std::uint64_t end = FileSize();
@@ -150,7 +150,7 @@ TEST_F(EffectCacheTransfers, OfAKnownSaveHaveTheExpectedNumbers) {
     EXPECT_EQ(growths, 393u);  // 77 of them are spare pages
     EXPECT_EQ(reads, 348u);
     EXPECT_EQ(writes, 351u);
-    EXPECT_EQ(pieces, 2u);  // one of each of two saves
+    EXPECT_EQ(pieces, 2u);  // two saves wrote one each
 }
 
 }  // namespace

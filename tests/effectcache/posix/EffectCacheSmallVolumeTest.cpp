@@ -52,7 +52,7 @@ TEST(EffectCacheOnASmallVolume, EvictsMuchMoreThanIsFreeAndKeepsNewEffects) {
     }
 }
 
-// Each effect that is replaced changes a whole tail block, however little is left in it.
+// Replacing an effect changes its whole tail block, however little is left in the block.
 TEST(EffectCacheOnASmallVolume, DropsEffectsThatReplaceMoreThanTheJournalHasRoomFor) {
     constexpr int kEffects = 1500;
     const SmallVolume volume(40);

@@ -13,7 +13,7 @@
 #include "pagestore/Fakes.h"
 #include "support/TemporaryDirectory.h"
 
-// Journals in whose place there is something else, and journals of other users.
+// Something else in the place of a journal, and journals of other users.
 namespace Quorvel::Testing {
 
 namespace {
@@ -42,7 +42,8 @@ protected:
         EXPECT_TRUE(ReadFile(path_) == marked_);
     }
 
-    // The other user may then write everything but the journal, which gets that mode.
+    // Continues as the other user, who may write everything but the journal; that gets the given
+    // mode.
     void ActAsOtherUser(mode_t journalMode) const {
         ASSERT_EQ(::chmod(directory_.Path().c_str(), 0777), 0);
         ASSERT_EQ(::chmod(path_.c_str(), 0666), 0);

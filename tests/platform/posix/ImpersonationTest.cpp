@@ -151,7 +151,7 @@ TEST_F(ImpersonationTest, GivesAMutexForEachUser) {
     EXPECT_EQ(user->Ask("acquire"), std::to_string(kAcquired));
 }
 
-// Until the thread ends, or opens the same mutex again.
+// The thread owns the mutex until the thread ends or opens it again.
 TEST_F(ImpersonationTest, LeavesAThreadTheMutexThatItClosesWhileItOwnsIt) {
     const auto user = user_.StartObjectUser();
     ASSERT_EQ(user->Ask("mutex " + name_), "0");

@@ -17,7 +17,7 @@
 #include "support/StdioFaults.h"
 #include "support/TemporaryDirectory.h"
 
-// What only POSIX systems can have at a path, and calls that the system refuses.
+// Things that only POSIX systems can have at a path, and calls that the system refuses.
 namespace Quorvel::Testing {
 
 namespace {

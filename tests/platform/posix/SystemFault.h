@@ -15,7 +15,7 @@ enum class SystemCall {
     TryMutex,         // pthread_mutex_trylock
 };
 
-// While it lives, makes calls of one kind fail in the thread that created it. A failing call does
+// While it exists, makes calls of one kind fail in the thread that created it. A failing call does
 // nothing and returns the error as the real function does, in errno or as the result. Works only in
 // programs that are linked with --wrap, one at a time.
 class SystemFault {

@@ -96,8 +96,9 @@ bool AddStream(IDataStreamSet& package, const Bytes& content, Streams& streams) 
     });
 }
 
-// Adds a stream, then replaces each of the others with one of the same size, within limits, or one
-// byte longer. Records their contents in streams. False if a step was refused.
+// Adds a stream, then replaces each of the others with one of the same size (at most
+// kLargestCreated) or one byte more. Records the contents in `streams`. False if a step was
+// refused.
 bool ChangeStreams(IDataStreamSet& package, const PackageImage& image, Streams& streams) {
     std::uint8_t filler = 1;
     bool complete = AddStream(package, Bytes(kAddedSize, filler), streams);

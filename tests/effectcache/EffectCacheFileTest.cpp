@@ -60,7 +60,7 @@ TEST_F(EffectCacheFile, SavesAddUp) {
     }
 }
 
-// Replaces an effect of the first size by one of the second, between two that stay.
+// Replaces an effect of the first size with one of the second, between two that stay.
 class EffectCacheReplace
     : public EffectCacheFile,
       public ::testing::WithParamInterface<std::pair<std::size_t, std::size_t>> {};

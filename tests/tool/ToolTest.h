@@ -47,7 +47,7 @@ protected:
     std::string CacheFile() const { return File("vornFxoCache.dat"); }
     Format::Bytes FileBytes() const { return Format::ReadWholeFile(CacheFile()); }
 
-    // Replaces the cache by one with these effects.
+    // Replaces the cache with one that has these effects.
     void MakeCache(const std::vector<Format::NewEffect>& effects) const {
         Format::WriteWholeFile(CacheFile(), Format::WriteEffectCache(effects));
     }

@@ -121,7 +121,7 @@ private:
         return "shared effect " + std::to_string(name);
     }
 
-    // Replaces all effects of the slot by large ones. The page cache can't hold them, so pages
+    // Replaces all effects of the slot with large ones. The page cache can't hold them, so pages
     // reach the file throughout the save.
     void SaveMuch() {
         leastSize_ = kLargeSize;

@@ -34,7 +34,7 @@ bool IsCacheFile(const std::string& file) {
            fs::equivalent(path, path.parent_path() / kCacheFileName, ignored);
 }
 
-// The path to use for an argument. A link with another name is replaced by the path of its file.
+// The path to use for an argument. For a link with another name, this is the path of its file.
 std::string Resolve(const std::string& argument) {
     const fs::path path = Format::ToPath(argument);
     std::error_code ignored;

@@ -60,7 +60,7 @@ void Write(std::FILE* file, std::uint64_t page, const Page& from) {
     }
 }
 
-// Replaces the bytes of the file by those of another one. The journal has all pages that will be
+// Replaces the bytes of the file with those of another one. The journal has all pages that will be
 // overwritten before the first of them is; page 0, the head page, is written last.
 void ReplaceBytes(Cache& cache, const std::string& by, const Session& session) {
     const std::string& path = cache.Path();

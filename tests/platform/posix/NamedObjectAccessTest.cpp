@@ -161,7 +161,7 @@ TEST_F(NamedObjectAccess, IsRefusedThroughAGateThatOthersMayAccess) {
     EXPECT_EQ(MakeMutex(), kRefusedAccess);
 }
 
-// Root could open the file, so it must be refused because of its owner.
+// Root is able to open the file, so the check of its owner must refuse it.
 TEST_F(NamedObjectAccess, IsRefusedToAnObjectOfAnotherUser) {
     const auto own = StartObjectUser();
     const std::filesystem::path path = std::filesystem::path(NamedObject::Folder()) /

@@ -325,7 +325,7 @@ void Runner::Write() {
     position_ += expected;
 }
 
-// The bytes after the range move forward; the file's last bytes stay as they were.
+// The bytes after the range move down; the file's last bytes stay as they were.
 void Runner::RemoveRange() {
     const std::int32_t position = AnyPosition();
     const std::int32_t length = AnyPosition();

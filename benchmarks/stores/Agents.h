@@ -12,9 +12,9 @@ namespace Quorvel::Benchmarks {
 // and answers with the nanoseconds that this took.
 constexpr char kSaverAgent[] = "Saver";
 
-// Two more arguments: path of a StopFlag, and a number of its own. Sends "0" when it is ready. When
-// told to go, it searches until the flag is up and sends the number of searches and their
-// nanoseconds.
+// Takes two more arguments: the path of a StopFlag, and a number of its own. Sends "0" when it is
+// ready. When told to go, it searches until the flag is up, and sends the number of searches and
+// their nanoseconds.
 constexpr char kSearcherAgent[] = "Searcher";
 
 // Do all the work and send the memory peaks.

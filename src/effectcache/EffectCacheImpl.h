@@ -39,7 +39,7 @@ public:
     const CStr& GetDirectory() const { return directory_; }
 
     // Moves the queued effects into the file. If that fails, the cache is inert. Does not enter the
-    // critical section; CacheCompiledEffect calls it inside.
+    // critical section; CacheCompiledEffect is already in it when it calls this.
     void SaveToFile() noexcept;
 
 private:

@@ -18,8 +18,8 @@ class EffectQueue {
 public:
     std::uint64_t Size() const { return table_.Size(); }
 
-    // An over-estimate of what the effects will take in the file: one that is added twice counts
-    // twice.
+    // An over-estimate of what the effects will take in the file: an effect that is added twice
+    // counts twice.
     std::uint64_t ByteCount() const { return byteCount_; }
 
     // True if there are enough bytes for a save.

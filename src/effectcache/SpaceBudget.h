@@ -15,7 +15,7 @@ constexpr std::uint64_t kLargestSpaceBudget = 0x10000000;
 // True for the errors of a volume, or of a user's share of it, that has no space left.
 bool IsFull(const FileIOException& error) noexcept;
 
-// What a save's journal needs beyond the pages of the index and the head file.
+// The pages that a save's journal needs in addition to those of the index and the head file.
 constexpr std::uint64_t kMoreJournalPages = 12;
 
 // The number of bytes that the cache of a directory may take if `reserved` of the free ones are set

@@ -26,7 +26,7 @@ struct StoredState {
 
     // Replaces everything with the contents of the file's head file. Throws
     // FileDataCorruptException, InvalidParameterException or FileIOException for a head file that
-    // can't be read or makes no sense, std::bad_alloc; the state is then unspecified.
+    // can't be read or makes no sense, and std::bad_alloc; the state is then unspecified.
     void Read(FilePageCache& cache, std::uint64_t streamLimit);
 
     // Writes a new head file into pages of the cache. Throws as the cache and the allocator do;
@@ -34,8 +34,8 @@ struct StoredState {
     // mark, if there is one, until FinishHeadPage removes it.
     void Write(FilePageCache& cache, const std::optional<HeadPageMark>& mark);
 
-    // Removes the mark of the head page, in the cache alone. REQUIRES: the state was written.
-    // Throws as MarkHeadPage does.
+    // Removes the mark from the head page in the cache, but not in the file. REQUIRES: the state
+    // was written. Throws as MarkHeadPage does.
     void FinishHeadPage(FilePageCache& cache) const;
 
     // Resets to the state of a new package.
@@ -59,8 +59,8 @@ private:
 // The number of pages of a head file that were read or are about to be written.
 std::uint64_t KnownPageCount(const IPagedFileSeeker& headFile);
 
-// Marks the head page, in the cache alone. Throws as FilePageCache::GetPageForWrite does,
-// FileDataCorruptException when every page of the cache is pinned.
+// Marks the head page in the cache, but not in the file. Throws as FilePageCache::GetPageForWrite
+// does, and FileDataCorruptException when every page of the cache is pinned.
 void MarkHeadPage(FilePageCache& cache, const HeadPageMark& mark);
 
 }  // namespace Quorvel

@@ -76,7 +76,8 @@ public:
     // the number is not valid or every resident page is pinned. Throws FileIOException when the
     // page can't be read, for example past the end of the file, when an evicted page can't be
     // written, or when the file is closed (for writing InvalidParameterException);
-    // OutOfMemoryException and std::bad_alloc without memory for the page and for the index.
+    // OutOfMemoryException if there is no memory for the page, and std::bad_alloc if there is none
+    // for the index.
     std::uint8_t* GetPageForRead(std::uint64_t page) { return GetPage(page, Access::Read); }
     std::uint8_t* GetPageForWrite(std::uint64_t page) { return GetPage(page, Access::Write); }
 

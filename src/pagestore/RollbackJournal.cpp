@@ -243,7 +243,8 @@ bool RollbackJournal::PrepareWrite(std::uint64_t page) {
     return true;
 }
 
-// A piece that can't be written whole is written again in the same place, if there is another try.
+// If a piece can't be written completely, the next attempt, if there is one, writes it again in the
+// same place.
 void RollbackJournal::WritePiece() {
     if (!file_.Get()) {
         std::remove(path_.c_str());  // what an earlier save left, or a link that was planted

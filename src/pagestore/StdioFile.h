@@ -23,7 +23,7 @@ public:
     int OpenPlain(const char* path);
 
     // Closes the file, if it is open. Returns 0, or the runtime's error number: bytes that were
-    // written may be lost. The file is closed then, too.
+    // written may be lost. The file is closed even then.
     int Close();
 
     // The open file; null when there is none.

@@ -25,8 +25,9 @@ struct Directory {
 // Finds the directory of a path in order to keep a file of the given name in it.
 //
 // On Linux, the directory must belong to the process's effective user, and so must the file, if it
-// exists. For root the directory may belong to any user, as whom it is then used; the file must
-// belong to the same one. On Windows the file system decides about access when the file is opened.
+// exists. For root the directory may belong to any user; root then acts as that user, and the file
+// must belong to the same one. On Windows the file system decides about access when the file is
+// opened.
 //
 // Two directories may have the same identity in rare cases: on volumes that number their files
 // badly, or when one was deleted and the system has used its number again.

@@ -146,8 +146,8 @@ TEST_F(CErrors, BelongToTheThreadThatCalled) {
     EXPECT_STREQ(quorvel_last_error(), "invalid argument: the cache must not be null");
 }
 
-// Each function with the first allocation failing and all later ones, then with the second, and so
-// on, until none is left to fail.
+// Calls each function with its first allocation and all later ones failing, then with the second
+// and all later ones, and so on, until none is left to fail.
 TEST_F(CErrors, ReportThatMemoryRunsOut) {
     const std::string other = directory_.File("other");
     const std::string text(20000, 'x');
@@ -199,8 +199,8 @@ TEST_F(CErrors, ReportThatMemoryRunsOut) {
                 break;
             }
             if (status == QUORVEL_ERROR_OUT_OF_MEMORY) { ++reported; }
-            // The cache itself ignores effects, does not find them and can't be opened; on Linux,
-            // the system's part of a mutex reports ENOMEM.
+            // Without memory, the cache itself ignores effects, does not find them, or can't be
+            // opened; on Linux, the system's part of a mutex reports ENOMEM.
             EXPECT_TRUE(status == QUORVEL_OK || status == QUORVEL_ERROR_OUT_OF_MEMORY ||
                         status == QUORVEL_ERROR_NOT_FOUND || status == QUORVEL_ERROR_UNUSABLE ||
                         (status == QUORVEL_ERROR_SYSTEM && quorvel_last_system_error() == ENOMEM))

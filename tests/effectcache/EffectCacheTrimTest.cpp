@@ -234,7 +234,7 @@ public:
         return left;
     }
 
-    // The largest size of the journal. Pages of the package are written one at a time.
+    // The largest size of the journal. Only writes to the journal are larger than a page.
     static std::uint64_t LargestJournal(StdioTrace& trace) {
         std::uint64_t largest = 0;
         for (const StdioTransfer& transfer : trace.Take()) {

@@ -1,8 +1,8 @@
 // Two objects use one effect cache, from opening to release. Each of their file system calls and
 // allocations fails in turn. Whichever call fails, only a constructor that runs out of memory
 // throws; every lock is free again at once; a search that finds an effect returns its own bytes,
-// and all of them; and the file holds the state before or after one of the saves. It is empty only
-// if an object failed to read it while opening it.
+// and all of them; and the file holds the state before or after one of the saves. The file is empty
+// only if an object that opened it could not read it.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 // turn.
 //
 // A package has no journal. A failure before or during a commit may leave a file that cannot be
-// opened, or one that mixes two states, unless a later commit succeeds. What does hold:
+// opened, or one that mixes two states, unless a later commit succeeds. What always holds:
 //
 // - if nothing was changed since the last commit, its state stays in the file, even if calls fail;
 // - an operation that throws has changed nothing but the bytes that it was to write. The package

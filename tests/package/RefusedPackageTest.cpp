@@ -26,8 +26,8 @@ protected:
         file_ = File();
     }
 
-    // Fails the test unless the file is refused by the entry point, and by a package that has the
-    // contents of the sound file.
+    // Fails the test unless the file is refused by OpenFilePackage, and by Load of a package that
+    // has the contents of the sound file.
     void ExpectRefusal(const Bytes& file) {
         Format::WriteWholeFile(path_, file);
         EXPECT_FALSE(Format::OpenPackage(path_, settings_));

@@ -260,8 +260,8 @@ TEST_F(SaveTest, ThatDiesWhileItWritesALargeHeadFileIsUndoneOrComplete) {
 }
 
 // The first commit may have failed to mark the head page, or to finish it. The second one must mark
-// it before it writes other pages. The head file is larger than the cache, so such writes come
-// first.
+// it before it writes other pages. The head file is larger than the cache, so the commit writes
+// some of its pages before the head page.
 TEST_F(SaveTest, WhoseSecondCommitDiesAfterAnyWriteIsUndoneOrComplete) {
     settings_.pageCacheCapacity = 4;
     for (const std::uint64_t bytesMoved : {0U, 4096U}) {

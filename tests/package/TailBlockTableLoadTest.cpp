@@ -334,7 +334,7 @@ TEST(TailBlockTableLoad, PlacesATailOnlyWhereThereIsNoFragment) {
     }
 }
 
-// The block claims that all its bytes are free, so it claims more than its size after a removal.
+// The block claims that all its bytes are free, so after a removal it claims more than it has.
 TEST(TailBlockTableLoad, GivesATailThatReachesPastItsBlockNoFollowingPage) {
     Words words = With(kFreeBytes, kTailBlockSize);
     words[kOffset] = kTailBlockSize - 1;

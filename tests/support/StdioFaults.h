@@ -10,8 +10,8 @@ namespace Quorvel::Testing {
 enum class StdioCall { Open, Close, Seek, Tell, Read, Write, Remove };
 
 // While it exists, makes the program's calls of one standard I/O function fail, those of the test
-// included. Works only in programs that are linked with --wrap, one at a time. Calls on the three
-// standard streams neither fail nor count.
+// included. Works only in programs that are linked with --wrap. Only one may exist at a time. Calls
+// on the three standard streams neither fail nor count.
 //
 // A failing call returns what the real function returns on failure: null, EOF, -1 or no items. It
 // has no effect, except that a failing close does close the file.

@@ -36,7 +36,7 @@ TEST(Torture, KilledProcessesCostNothingThatWasSaved) {
     EXPECT_EQ(report.killed, 60U) << report;
 }
 
-// Some of them die in a trim.
+// Some of the processes die in a trim.
 TEST(Torture, KilledProcessesShortOfRoomCostNothingPermanentThatWasSaved) {
     const Testing::TemporaryDirectory directory;
     const Report report = RunTorture({.directory = directory.Path().string(),

@@ -67,10 +67,10 @@ struct IncomingResult {
     std::uint64_t leftOut = 0;         // did not fit
 };
 
-// Takes the effects into a cache, all or none; makes the cache if its directory has none. Of two
-// effects of one name the one used last stays, with its time and flag, and of two used at the same
-// time that of the cache, unless the options say otherwise. If not all fit, the cache's permanent
-// effects stay, then the permanent ones that come in, then those used last. Throws Failure.
+// Takes the effects into a cache, all or none; makes the cache if its directory has none. If two
+// effects have one name, the one used last stays, with its time and flag; if they were used at the
+// same time, the cache's own stays. The options can override this. If not all effects fit, the
+// cache's permanent ones stay, then incoming permanent ones, then those used last. Throws Failure.
 IncomingResult TakeIn(const Incoming& incoming, Cache& cache, const IncomingOptions& options,
                       const Session& session);
 

@@ -203,7 +203,7 @@ struct OpenMutexes {
     std::unique_ptr<NamedMutex> leftBehind;
 
     // If the object of a mutex left behind has been opened again, removes that mutex from the list
-    // and returns it; otherwise null. Destroys those of the same name whose object and owner are
+    // and returns it; otherwise null. Destroys mutexes of the same name whose object and owner are
     // gone.
     std::unique_ptr<NamedMutex> TakeLeftBehind(const NamedMutex& opened) {
         for (auto* place = &leftBehind; *place;) {

@@ -120,8 +120,8 @@ bool FillWithZeroes(int descriptor, std::size_t bytes) {
 }
 
 // Opens and holds the file of an existing object. Returns -1, with errno ENOENT, when there is no
-// file or no process holds it. A killed process left such a file. It is removed, not reused: a
-// process that has closed the object may still have it mapped.
+// file or no process holds it. A file that no process holds was left by a killed one. It is
+// removed, not reused: a process that has closed the object may still have it mapped.
 int OpenHeld(int folder, const char* fileName) {
     FileDescriptor file(::openat(folder, fileName, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
     if (!file.IsOpen() || !BelongsToUs(file.Get(), S_IFREG)) { return -1; }

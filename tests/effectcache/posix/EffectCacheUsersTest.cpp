@@ -23,7 +23,8 @@ namespace {
 // Becomes another user and runs another agent. Arguments: the user, the agent, its arguments.
 QUORVEL_AGENT(AsUser) {
     const auto user = static_cast<uid_t>(std::stoul(arguments[0]));
-    // A process that has changed its user may no longer inspect itself, as a leak checker does.
+    // A process that has changed its user may no longer inspect itself, which a leak checker has to
+    // do.
     if (::setgid(user) != 0 || ::setuid(user) != 0 || ::prctl(PR_SET_DUMPABLE, 1) != 0) {
         return 1;
     }

@@ -29,7 +29,8 @@ constexpr uid_t kFirstForeignId = 0x40000000;
 
 bool BecomeUser(uid_t user) {
     if (user == ::geteuid()) { return true; }
-    // A process that has changed its user may no longer inspect itself, as a leak checker does.
+    // A process that has changed its user may no longer inspect itself, which a leak checker has to
+    // do.
     return ::setgid(user) == 0 && ::setuid(user) == 0 && ::prctl(PR_SET_DUMPABLE, 1) == 0;
 }
 

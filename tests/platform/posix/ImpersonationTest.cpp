@@ -69,7 +69,8 @@ TEST_F(ImpersonationTest, LeavesAProcessUndumpableThatWasSo) {
     ::prctl(PR_SET_DUMPABLE, 1);
 }
 
-// A thread that begins while another one acts as a user finds the process undumpable.
+// A thread that begins to act as a user while another one does so finds core dumps already switched
+// off.
 TEST_F(ImpersonationTest, OfTwoThreadsAtOnceLeavesAProcessDumpable) {
     std::promise<void> begun;
     std::promise<void> otherBegun;

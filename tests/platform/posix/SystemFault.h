@@ -17,7 +17,7 @@ enum class SystemCall {
 
 // While it exists, makes calls of one kind fail in the thread that created it. A failing call does
 // nothing and returns the error as the real function does, in errno or as the result. Works only in
-// programs that are linked with --wrap, one at a time.
+// programs that are linked with --wrap. Only one may exist at a time.
 class SystemFault {
 public:
     // Lets the first `skipped` calls through; the next `failures` calls fail.

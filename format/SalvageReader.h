@@ -19,8 +19,8 @@ namespace Quorvel::Format {
 //
 // An effect is whole if
 //   - its record in the index is valid, and no other one names its stream or has its name;
-//   - just one record of the directory has its stream's id, it is valid, and its size fits the
-//     effect's;
+//   - exactly one record of the directory has its stream's id, and that record is valid and states
+//     a size that fits the effect's;
 //   - the stream's pages are a chain of the right length in the link table, which no other page
 //     leads into, and its fragment lies in the used part of a block that lists it, on pages that
 //     are linked as the block says;

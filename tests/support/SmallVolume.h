@@ -25,7 +25,7 @@ public:
 
     std::string Path() const { return directory_.Path().string(); }
 
-    // 0 if the volume is mounted.
+    // The error of the attempt to mount the volume; 0 if it is mounted.
     int Error() const { return error_; }
 
 private:

@@ -30,10 +30,10 @@ std::size_t CharacterLength(std::string_view text) {
     for (std::size_t i = 1; i < length; ++i) {
         if ((byte(i) & 0xC0) != 0x80) { return 0; }
     }
-    // Refused are overlong forms, surrogates, numbers above 0x10FFFF, and C2 80 to C2 9F, which are
+    // Refuses overlong forms, surrogates, numbers above 0x10FFFF, and C2 80 to C2 9F, which are
     // control characters.
     const unsigned second = byte(1);
-    // So are characters that reverse or break the line: U+2028 to U+202E, U+2066 to U+2069.
+    // Also refuses characters that reverse or break the line: U+2028 to U+202E, U+2066 to U+2069.
     const unsigned third = byte(2);
     const bool isValid = !(first == 0xE2 && second == 0x80 && third >= 0xA8 && third <= 0xAE) &&
                          !(first == 0xE2 && second == 0x81 && third >= 0xA6 && third <= 0xA9) &&

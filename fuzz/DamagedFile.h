@@ -23,8 +23,8 @@ struct FileBase {
     std::vector<Field> fields;
 };
 
-// Makes a base from an image. The fields are those of the head file, and the first numbers of each
-// stream.
+// Makes a base from an image. Its fields are the numbers in the head file and the first ones of
+// each stream.
 FileBase MakeBase(const Format::PackageImage& image);
 
 // Makes a package file from all of a fuzzer's input, in one of two ways:

@@ -45,8 +45,7 @@ static_assert(offsetof(StoredTailBlock, freeBytes) == 72);
 static_assert(sizeof(TailFragment) == 40);
 
 // A tail block in memory. Fragments are packed from offset 0 upwards in the order of the list, so a
-// new one begins at kTailBlockSize - freeBytes. A block that was read from a damaged file may
-// differ.
+// new one begins at kTailBlockSize - freeBytes. A block that was read from a file may differ.
 struct TailBlockRecord : StoredTailBlock {
     std::vector<std::uint64_t> streamIds;  // the list
     std::vector<std::uint32_t> tails;      // streams whose fragments name this block, in any order

@@ -75,6 +75,11 @@ endif()
 function(quorvel_unity_build target)
     set_target_properties(${target} PROPERTIES
         UNITY_BUILD ${QUORVEL_UNITY_BUILD} UNITY_BUILD_BATCH_SIZE 12)
+    if(QUORVEL_UNITY_BUILD)
+        # GCC takes the sources for headers, in which a class may not have an unnamed namespace's.
+        target_compile_options(${target} PRIVATE
+            $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-subobject-linkage>)
+    endif()
 endfunction()
 
 if(WIN32)

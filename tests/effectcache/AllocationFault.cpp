@@ -7,15 +7,15 @@ namespace Quorvel::Testing {
 
 namespace {
 
-enum class State { Idle, Armed, Failed };
+enum class FaultState { Idle, Armed, Failed };
 
 // Trivially constructed, so that an allocation may use them at any time.
-thread_local State state = State::Idle;
-thread_local std::uint64_t left = 0;
+thread_local FaultState faultState = FaultState::Idle;
+thread_local std::uint64_t allocationsLeft = 0;
 
 bool Fails() {
-    if (state != State::Armed || left-- != 0) { return false; }
-    state = State::Failed;
+    if (faultState != FaultState::Armed || allocationsLeft-- != 0) { return false; }
+    faultState = FaultState::Failed;
     return true;
 }
 
@@ -26,16 +26,16 @@ void* Allocate(std::size_t size) {
 }  // namespace
 
 AllocationFault::AllocationFault(std::uint64_t skipped) {
-    left = skipped;
-    state = State::Armed;
+    allocationsLeft = skipped;
+    faultState = FaultState::Armed;
 }
 
 AllocationFault::~AllocationFault() {
-    state = State::Idle;
+    faultState = FaultState::Idle;
 }
 
 bool AllocationFault::HasFailed() const {
-    return state == State::Failed;
+    return faultState == FaultState::Failed;
 }
 
 }  // namespace Quorvel::Testing

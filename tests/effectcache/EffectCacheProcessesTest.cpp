@@ -28,10 +28,10 @@ std::string ToHex(const Bytes& bytes) {
 }
 
 // The name of an effect that is one of many, and its bytes.
-std::string NameOf(std::uint64_t number) {
+std::string NumberedName(std::uint64_t number) {
     return "effect-" + std::to_string(number);
 }
-Bytes BytesOf(std::uint64_t number) {
+Bytes NumberedBytes(std::uint64_t number) {
     return EffectBytes(std::to_string(number), 8);
 }
 
@@ -56,7 +56,7 @@ QUORVEL_AGENT(CacheUser) {
             std::uint64_t count = 0;
             words >> count;
             for (std::uint64_t number = first; number < first + count; ++number) {
-                cache.Add(NameOf(number), BytesOf(number));
+                cache.Add(NumberedName(number), NumberedBytes(number));
             }
             AgentSend("added");
         } else if (command == "find") {
@@ -307,8 +307,9 @@ TEST_F(EffectCacheProcesses, KeepTheNewestOfMoreEffectsThanThereAreStreams) {
     CacheClient cache(directory);
     EXPECT_GE(cache.InFile(), kNewest);
     for (std::uint64_t number = 0; number < kEffects; ++number) {
-        const auto bytes = cache.Find(NameOf(number));
-        EXPECT_TRUE(bytes ? *bytes == BytesOf(number) : number < kEffects - kNewest) << number;
+        const auto bytes = cache.Find(NumberedName(number));
+        EXPECT_TRUE(bytes ? *bytes == NumberedBytes(number) : number < kEffects - kNewest)
+            << number;
     }
 }
 

@@ -423,15 +423,15 @@ TEST_F(EffectCacheTrimOnSave, WithoutRoomAChangeIsStillAnnounced) {
 }
 
 TEST_F(EffectCacheTrimOnSave, DroppedEffectsNoLongerCount) {
-    constexpr std::size_t kLargest = 1048576;
+    constexpr std::size_t kLargestEffect = 1048576;
     FreeSpaceStub space(kPlenty);
     CacheClient cache(directory);
-    cache.Add("a", Bytes(kLargest, 1));
+    cache.Add("a", Bytes(kLargestEffect, 1));
     space.Set(0);
     cache->ForceSaveToFile();
     space.Set(kPlenty);
-    cache.Add("b", Bytes(kLargest, 2));
-    cache.Add("c", Bytes(kLargest - 500, 3));
+    cache.Add("b", Bytes(kLargestEffect, 2));
+    cache.Add("c", Bytes(kLargestEffect - 500, 3));
     EXPECT_EQ(cache.InMemory(), 2u);
     EXPECT_EQ(cache.InFile(), 0u);
 }

@@ -10,7 +10,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
-std::string RefusalOf(const std::string& text) {
+std::string DeclarationRefusal(const std::string& text) {
     return FailureOf(ExitCode::BadEffects, [&] { ParseEffectDeclaration("e.hlsl", text); });
 }
 
@@ -36,32 +36,32 @@ TEST(EffectDeclaration, LinesMayEndWithCarriageReturns) {
 }
 
 TEST(EffectDeclaration, AFileWithoutProgramsIsRefused) {
-    EXPECT_THAT(RefusalOf("float x;\n"), HasSubstr("e.hlsl: declares no program"));
+    EXPECT_THAT(DeclarationRefusal("float x;\n"), HasSubstr("e.hlsl: declares no program"));
 }
 
 TEST(EffectDeclaration, AnUnknownAxisIsNamedWithItsLine) {
-    EXPECT_THAT(RefusalOf("\n//@ program P ps_4_0 LIGHTZ\n"),
+    EXPECT_THAT(DeclarationRefusal("\n//@ program P ps_4_0 LIGHTZ\n"),
                 HasSubstr("e.hlsl:2: the axis LIGHTZ is not declared above"));
 }
 
 TEST(EffectDeclaration, AnAxisMayNotBeDeclaredTwice) {
-    EXPECT_THAT(RefusalOf("//@ axis A 0 1\n//@ axis A 0 1\n//@ program P ps_4_0 A\n"),
+    EXPECT_THAT(DeclarationRefusal("//@ axis A 0 1\n//@ axis A 0 1\n//@ program P ps_4_0 A\n"),
                 HasSubstr("e.hlsl:2: the axis A is declared twice"));
 }
 
 TEST(EffectDeclaration, AnAxisThatNoProgramUsesIsRefused) {
-    EXPECT_THAT(RefusalOf("//@ axis A 0 1\n//@ program P ps_4_0\n"),
+    EXPECT_THAT(DeclarationRefusal("//@ axis A 0 1\n//@ program P ps_4_0\n"),
                 HasSubstr("no program uses the axis A"));
 }
 
 TEST(EffectDeclaration, AnAxisMayNotHaveDuplicateValues) {
-    EXPECT_THAT(RefusalOf("//@ axis A 0 1 0\n//@ program P ps_4_0 A\n"),
+    EXPECT_THAT(DeclarationRefusal("//@ axis A 0 1 0\n//@ program P ps_4_0 A\n"),
                 HasSubstr("e.hlsl:1: the axis A has a value twice"));
 }
 
 TEST(EffectDeclaration, MalformedLinesAreRefused) {
     for (const char* line : {"//@\n", "//@ axis A\n", "//@ program P\n", "//@ progam P ps_4_0\n"}) {
-        EXPECT_THAT(RefusalOf(line), HasSubstr("e.hlsl:1: expected")) << line;
+        EXPECT_THAT(DeclarationRefusal(line), HasSubstr("e.hlsl:1: expected")) << line;
     }
 }
 

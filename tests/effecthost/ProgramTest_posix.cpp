@@ -13,7 +13,7 @@ using ::testing::HasSubstr;
 constexpr std::size_t kManyVariants = 60;
 
 // More variants than a test can wait for.
-constexpr std::size_t kEndless = 1000;
+constexpr std::size_t kEndlessEffects = 1000;
 
 class PosixProgram : public Program {
 protected:
@@ -74,7 +74,7 @@ TEST_F(PosixProgram, AKilledProcessIsExitCode8) {
 }
 
 TEST_F(PosixProgram, AnInterruptSavesWhatWasCompiledAndIsExitCode11) {
-    WriteVariants(kEndless);
+    WriteVariants(kEndlessEffects);
     for (const char* processes : {"1", "2"}) {
         ChildProcess process = Start(cache_, {"--processes", processes, "--force-save", "0"});
         while (process.ReadLine().value().find("compiled") == std::string::npos) {}
@@ -83,7 +83,7 @@ TEST_F(PosixProgram, AnInterruptSavesWhatWasCompiledAndIsExitCode11) {
         EXPECT_EQ(result.exitCode, 11);
         EXPECT_THAT(result.output, HasSubstr("stopped"));
         EXPECT_GT(EffectsInFile(), 0u);
-        EXPECT_LT(EffectsInFile(), kEndless);
+        EXPECT_LT(EffectsInFile(), kEndlessEffects);
     }
 }
 

@@ -34,7 +34,7 @@ namespace {
 
 // The size of most effects: with the length prefix, a page and a tail. If the cache mistakes one
 // for another, only the bytes reveal it.
-constexpr std::size_t kUsualSize = 8700;
+constexpr std::size_t kEffectSize = 8700;
 constexpr std::size_t kSmallSize = 300;
 
 const std::string kNames = "abcdegx";
@@ -46,7 +46,7 @@ using State = std::map<char, std::uint64_t>;
 
 Bytes EffectOf(char name, std::uint64_t version) {
     return Torture::MakeEffect({name}, version,
-                               kSmall.find(name) == std::string::npos ? kUsualSize : kSmallSize);
+                               kSmall.find(name) == std::string::npos ? kEffectSize : kSmallSize);
 }
 
 const State& OldState() {
@@ -260,14 +260,14 @@ void CacheScript::Share() {
 }
 
 void CacheScript::Trim() {
-    FreeSpaceStub space(2 * kUsualSize);
+    FreeSpaceStub space(2 * kEffectSize);
     space.ForgetQueries();
     mayBeTrimmed_ = true;
     Cache cache;
     Open(cache);
     EXPECT_TRUE(hasFailed_ || cache->GetNumberOfEffectsInFile() == 1);  // the permanent one
     SearchAll(cache);
-    space.Set(4 * kUsualSize);
+    space.Set(4 * kEffectSize);
     Close(cache, Add(cache, {{'e', 2}, {'x', 2}}));
 }
 

@@ -34,7 +34,7 @@ using Format::Bytes;
 
 // The size of most streams: a page and a tail. If the package mistakes one for another, only the
 // bytes reveal it.
-constexpr std::size_t kUsualSize = 9000;
+constexpr std::size_t kStreamSize = 9000;
 constexpr Format::LibrarySettings kSettings = {20, 100};
 
 struct Content {
@@ -109,17 +109,17 @@ private:
 void PackageScript::Run() {
     Create();
     for (int count = 0; count < 6; ++count) {
-        Add(kUsualSize);
+        Add(kStreamSize);
     }
     SetHeaderData(100);
     Commit();
     Reload();
-    for (const std::size_t size : {kUsualSize, kUsualSize, std::size_t{500}, std::size_t{8192}}) {
+    for (const std::size_t size : {kStreamSize, kStreamSize, std::size_t{500}, std::size_t{8192}}) {
         Add(size);
     }
     Delete(4);
     Delete(1);
-    Add(kUsualSize);
+    Add(kStreamSize);
     ReadAll();
     Commit();
     ReadWhileAnotherIsDeleted();
@@ -131,7 +131,7 @@ void PackageScript::Run() {
     ReadAll();
     Delete(0);
     Delete(2);
-    Add(kUsualSize);
+    Add(kStreamSize);
     Add(20000);
     Commit();
     ReadAll();
@@ -271,7 +271,7 @@ void PackageScript::ReadWhileAnotherIsDeleted() {
     if (!IsUsable() || model_.streams.size() < 2) { return; }
     const auto last =
         std::find_if(model_.streams.rbegin(), model_.streams.rend(),
-                     [](const auto& stream) { return stream.second.bytes.size() == kUsualSize; });
+                     [](const auto& stream) { return stream.second.bytes.size() == kStreamSize; });
     if (last == model_.streams.rend() || last->first == model_.streams.begin()->first) { return; }
     const std::uint64_t id = last->first;
     Util::RefPtr<IDataStream> open;
@@ -367,9 +367,9 @@ void PackageScript::ExpectFile() {
     {
         const auto created = Format::CreatePackage(path_, kSettings);
         ASSERT_TRUE(created);
-        Format::AddStream(*created, Format::Pattern(kUsualSize, 1));
+        Format::AddStream(*created, Format::Pattern(kStreamSize, 1));
     }
-    Format::ExpectFile(path_, {{0, Format::Pattern(kUsualSize, 1)}}, {});
+    Format::ExpectFile(path_, {{0, Format::Pattern(kStreamSize, 1)}}, {});
 }
 
 class PackageFaults : public ::testing::TestWithParam<Failure> {

@@ -15,7 +15,7 @@ namespace {
 
 using Format::Bytes;
 
-constexpr std::size_t kUsualSize = 8700;  // with its length prefix: a page and a tail
+constexpr std::size_t kDamagedSize = 8700;  // with its length prefix: a page and a tail
 
 class Mutator {
 public:
@@ -161,7 +161,7 @@ Bytes SampleCache(unsigned seed) {
     for (int index = 0; index < 10; ++index) {
         Format::NewEffect effect;
         effect.name = "effect-" + std::to_string(index);
-        const std::size_t size = index < 7 ? kUsualSize : index < 9 ? 300 : 20000;
+        const std::size_t size = index < 7 ? kDamagedSize : index < 9 ? 300 : 20000;
         effect.data = Torture::MakeEffect(effect.name, kSampleVersion, size);
         effect.permanent = index % 3 == 0;
         effects.push_back(effect);

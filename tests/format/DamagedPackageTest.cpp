@@ -28,7 +28,7 @@ std::uint64_t AnyValue(std::mt19937& random) {
 }
 
 // Damages up to three fields of the head file, or cuts the file short.
-void Damage(Bytes& file, const PackageImage& image, std::mt19937& random) {
+void DamageAtRandom(Bytes& file, const PackageImage& image, std::mt19937& random) {
     if (random() % 20 == 0) {
         file.resize(random() % file.size());
         return;
@@ -105,7 +105,7 @@ TEST_P(DamagedPackage, IsRefusedOrReadAsTheFormatSays) {
     constexpr int kRounds = 500;
     for (int round = 0; round < kRounds; ++round) {
         Bytes file = sound;
-        Damage(file, whole, random);
+        DamageAtRandom(file, whole, random);
         accepted += CompareReaders(file, path) ? 1 : 0;
         ASSERT_FALSE(HasFailure()) << "in round " << round;
     }

@@ -45,17 +45,17 @@ Bytes Assemble(const CacheParts& parts) {
     return WritePackage(streams, EncodeHeaderBlock(parts.header, parts.headerPayload));
 }
 
-struct Damage {
+struct CacheDamage {
     std::string name;
     std::string reportedAs;  // part of the checker's line
     std::function<void(CacheParts&)> plant;
 };
 
-void PrintTo(const Damage& damage, std::ostream* out) {
+void PrintTo(const CacheDamage& damage, std::ostream* out) {
     *out << damage.name;
 }
 
-class EffectCacheCheckDamage : public testing::TestWithParam<Damage> {};
+class EffectCacheCheckDamage : public testing::TestWithParam<CacheDamage> {};
 
 TEST_P(EffectCacheCheckDamage, IsReported) {
     CacheParts parts = SoundCache();
@@ -65,7 +65,7 @@ TEST_P(EffectCacheCheckDamage, IsReported) {
                 testing::Contains(testing::HasSubstr(GetParam().reportedAs)));
 }
 
-const Damage kDamages[] = {
+const CacheDamage kDamages[] = {
     {"HeaderTooShort", "the cache's header ends early",
      [](CacheParts& parts) { parts.headerPayload = 27; }},
     {"OtherVersion", "the cache's version is 8",

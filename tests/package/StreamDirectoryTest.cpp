@@ -18,7 +18,7 @@ using ::testing::ElementsAreArray;
 
 using Words = std::vector<std::uint64_t>;
 
-constexpr std::uint64_t kLimit = 10;
+constexpr std::uint64_t kStreamLimit = 10;
 
 // Two records as they are stored, with ids 0 and 2.
 const Bytes kTwoRecords = {
@@ -36,7 +36,7 @@ constexpr std::uint64_t kFirstSize = 0x0102030405060708;
 constexpr std::uint64_t kFirstPage = 0x1112131415161718;
 constexpr std::uint64_t kFirstPageCount = 0x0A0B0C;
 
-void Load(StreamDirectory& directory, const Bytes& state, std::uint64_t limit = kLimit) {
+void Load(StreamDirectory& directory, const Bytes& state, std::uint64_t limit = kStreamLimit) {
     MemoryStream stream(state);
     LoadFrom(directory, stream, limit);
 }
@@ -240,7 +240,7 @@ TEST(StreamDirectory, LoadsAsManyRecordsAsItsLimitAndRefusesOneMore) {
 
 TEST(StreamDirectory, RefusesToLoadADuplicateId) {
     MemoryStream stream(BytesOf({2, 4, 0, 0, 0, 4, 0, 0, 0}));
-    EXPECT_THROW(LoadFrom(StreamDirectory(), stream, kLimit), FileDataCorruptException);
+    EXPECT_THROW(LoadFrom(StreamDirectory(), stream, kStreamLimit), FileDataCorruptException);
 }
 
 TEST(StreamDirectory, RefusesToLoadAnIdAboveTheHighestWithAnyLimit) {
@@ -253,23 +253,23 @@ TEST(StreamDirectory, RefusesToLoadAnIdAboveTheHighestWithAnyLimit) {
 
 TEST(StreamDirectory, LoadsAnIdAtItsLimitAndRefusesOneAbove) {
     StreamDirectory directory;
-    Load(directory, BytesOf({1, kLimit, 0, 0, 0}));
-    EXPECT_NE(directory.Find(kLimit), nullptr);
-    MemoryStream stream(BytesOf({1, kLimit + 1, 0, 0, 0}));
-    EXPECT_THROW(LoadFrom(directory, stream, kLimit), InvalidParameterException);
+    Load(directory, BytesOf({1, kStreamLimit, 0, 0, 0}));
+    EXPECT_NE(directory.Find(kStreamLimit), nullptr);
+    MemoryStream stream(BytesOf({1, kStreamLimit + 1, 0, 0, 0}));
+    EXPECT_THROW(LoadFrom(directory, stream, kStreamLimit), InvalidParameterException);
 }
 
 TEST(StreamDirectory, RefusesToLoadARecordOfTooManyWholePages) {
     StreamDirectory directory;
     Load(directory, BytesOf({1, 0, 0, 10, 0xFFFF6}));
     MemoryStream stream(BytesOf({1, 0, 0, 10, 0xFFFF7}));
-    EXPECT_THROW(LoadFrom(directory, stream, kLimit), InvalidParameterException);
+    EXPECT_THROW(LoadFrom(directory, stream, kStreamLimit), InvalidParameterException);
 }
 
 TEST(StreamDirectory, RefusesToLoadFromATruncatedStream) {
     for (std::size_t size = 0; size < kTwoRecords.size(); ++size) {
         MemoryStream stream(Prefix(kTwoRecords, size));
-        EXPECT_THROW(LoadFrom(StreamDirectory(), stream, kLimit), FileIOException) << size;
+        EXPECT_THROW(LoadFrom(StreamDirectory(), stream, kStreamLimit), FileIOException) << size;
     }
 }
 

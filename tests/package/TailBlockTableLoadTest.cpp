@@ -14,7 +14,7 @@ using Format::Bytes;
 
 using Words = std::vector<std::uint64_t>;
 
-constexpr std::uint64_t kLimit = 24;
+constexpr std::uint64_t kTableLimit = 24;
 
 // The numbers of a sound state, in order: two blocks. The second one holds the tails of streams 5
 // and 2.
@@ -48,7 +48,7 @@ Words With(Field field, std::uint64_t value) {
     return words;
 }
 
-bool Load(const Words& words, std::uint64_t limit = kLimit) {
+bool Load(const Words& words, std::uint64_t limit = kTableLimit) {
     MemoryStream stream(BytesOf(words));
     return LoadFrom(TailBlockTable(), stream, limit);
 }
@@ -77,7 +77,7 @@ Words Fragments(std::uint64_t count) {
 TEST(TailBlockTableLoad, ReadsWhatWasSaved) {
     TailBlockTable table;
     MemoryStream stream(BytesOf(kState));
-    EXPECT_TRUE(LoadFrom(table, stream, kLimit));
+    EXPECT_TRUE(LoadFrom(table, stream, kTableLimit));
     EXPECT_EQ(stream.GetPosition(), stream.GetSize());
 
     const TailBlockRecord* const block = table.FindBlock(3);
@@ -97,7 +97,7 @@ TEST(TailBlockTableLoad, ReadsWhatWasSaved) {
 TEST(TailBlockTableLoad, ContinuesFromTheSavedState) {
     TailBlockTable table;
     MemoryStream stream(BytesOf(kState));
-    EXPECT_TRUE(LoadFrom(table, stream, kLimit));
+    EXPECT_TRUE(LoadFrom(table, stream, kTableLimit));
     EXPECT_TRUE(table.Place(7, 3, 10));
     EXPECT_EQ(table.FindFragment(7)->offset, 300U);
     EXPECT_EQ(table.FindFragment(7)->listIndex, 2U);
@@ -112,7 +112,7 @@ TEST(TailBlockTableLoad, ReplacesWhatTheTableHad) {
     const std::uint64_t block = table.AddBlock({11, 12, 13, 14, 15, 16, 17, 18});
     EXPECT_TRUE(table.Place(1, block, 100));
     MemoryStream stream(BytesOf({0, 0}));
-    EXPECT_TRUE(LoadFrom(table, stream, kLimit));
+    EXPECT_TRUE(LoadFrom(table, stream, kTableLimit));
     EXPECT_EQ(table.FindBlock(block), nullptr);
     EXPECT_EQ(table.FindFragment(1), nullptr);
     EXPECT_EQ(table.StateSize(), 16U);
@@ -189,14 +189,14 @@ TEST(TailBlockTableLoad, AcceptsAsManyFragmentsAsTheLimitAndRefusesOneMore) {
 }
 
 TEST(TailBlockTableLoad, ReturnsFalseForAListIndexAtTheLimitOrAbove) {
-    EXPECT_TRUE(Load(With(kListIndex, kLimit - 1)));
-    EXPECT_FALSE(Load(With(kListIndex, kLimit)));
+    EXPECT_TRUE(Load(With(kListIndex, kTableLimit - 1)));
+    EXPECT_FALSE(Load(With(kListIndex, kTableLimit)));
     EXPECT_FALSE(Load(With(kListIndex, ~std::uint64_t{0})));
 }
 
 TEST(TailBlockTableLoad, RefusesAFragmentOfAStreamAboveTheLimit) {
-    EXPECT_TRUE(Load(With(kStreamId, kLimit)));
-    EXPECT_THROW(Load(With(kStreamId, kLimit + 1)), InvalidParameterException);
+    EXPECT_TRUE(Load(With(kStreamId, kTableLimit)));
+    EXPECT_THROW(Load(With(kStreamId, kTableLimit + 1)), InvalidParameterException);
 }
 
 TEST(TailBlockTableLoad, RefusesAFragmentOfAStreamAboveTheHighestIdWithAnyLimit) {
@@ -236,9 +236,9 @@ TEST(TailBlockTableLoad, RefusesAStreamTruncatedAnywhere) {
         MemoryStream stream(Prefix(state, size));
         TailBlockTable table;
         if (isInList(size)) {
-            EXPECT_THROW(LoadFrom(table, stream, kLimit), FileDataCorruptException) << size;
+            EXPECT_THROW(LoadFrom(table, stream, kTableLimit), FileDataCorruptException) << size;
         } else {
-            EXPECT_THROW(LoadFrom(table, stream, kLimit), FileIOException) << size;
+            EXPECT_THROW(LoadFrom(table, stream, kTableLimit), FileIOException) << size;
         }
     }
 }
@@ -247,7 +247,7 @@ TEST(TailBlockTableLoad, AllocatesNothingForIdsThatTheStreamClaimsButDoesNotHold
     MemoryStream stream(BytesOf(With(kListCount, std::uint64_t{1} << 28)), std::uint64_t{1} << 33);
     TailBlockTable table;
     const AllocationWatch watch;
-    EXPECT_THROW(LoadFrom(table, stream, kLimit), FileDataCorruptException);
+    EXPECT_THROW(LoadFrom(table, stream, kTableLimit), FileDataCorruptException);
     EXPECT_LT(watch.Largest(), 65536U);
 }
 
@@ -283,7 +283,7 @@ TEST(TailBlockTableLoad, RemovesAFragmentOfABlockThatListsTheWrongStreams) {
     for (const Words& words : {WithList(2, 5), WithList(5, 9), WithList(9, 2), WithList(5, 5)}) {
         TailBlockTable table;
         MemoryStream stream(BytesOf(words));
-        ASSERT_TRUE(LoadFrom(table, stream, kLimit));
+        ASSERT_TRUE(LoadFrom(table, stream, kTableLimit));
         table.Remove(5);
         EXPECT_EQ(table.FindFragment(5), nullptr);
         EXPECT_EQ(table.FindFragment(2)->offset, 0U);
@@ -298,7 +298,7 @@ TEST(TailBlockTableLoad, LeavesAListedFragmentOfAnotherBlockAlone) {
     for (const Words& words : {inOtherBlock, WithFragment(7, 1, inOtherBlock)}) {
         TailBlockTable table;
         MemoryStream stream(BytesOf(words));
-        ASSERT_TRUE(LoadFrom(table, stream, kLimit));
+        ASSERT_TRUE(LoadFrom(table, stream, kTableLimit));
         table.Remove(5);
         EXPECT_EQ(table.FindFragment(2)->blockId, 0U);
         EXPECT_EQ(table.FindFragment(2)->offset, 100U);
@@ -327,7 +327,7 @@ TEST(TailBlockTableLoad, PlacesATailOnlyWhereThereIsNoFragment) {
             words[kSecondStreamId + 3] = 400;
             TailBlockTable table;
             MemoryStream stream(BytesOf(words));
-            ASSERT_TRUE(LoadFrom(table, stream, kLimit));
+            ASSERT_TRUE(LoadFrom(table, stream, kTableLimit));
             EXPECT_EQ(table.Place(7, 3, each.length), each.fits)
                 << each.offset << ' ' << each.length << ' ' << isListInOrder;
         }
@@ -341,7 +341,7 @@ TEST(TailBlockTableLoad, GivesATailThatReachesPastItsBlockNoFollowingPage) {
     words[kLength] = 200;
     TailBlockTable table;
     MemoryStream stream(BytesOf(words));
-    ASSERT_TRUE(LoadFrom(table, stream, kLimit));
+    ASSERT_TRUE(LoadFrom(table, stream, kTableLimit));
     table.Remove(5);
     ChildFileTail tail;
     ASSERT_TRUE(GetChildFileTail(tail, table, 2));

@@ -16,16 +16,16 @@ using ::testing::ElementsAreArray;
 
 using Words = std::vector<std::uint64_t>;
 
-constexpr std::uint64_t kLimit = 100;
-constexpr TailBlockPageNumbers kPages = {11, 12, 13, 14, 15, 16, 17, 18};
+constexpr std::uint64_t kBlockLimit = 100;
+constexpr TailBlockPageNumbers kBlockPages = {11, 12, 13, 14, 15, 16, 17, 18};
 constexpr TailBlockPageNumbers kOtherPages = {29, 28, 27, 26, 25, 24, 23, 22};
 
-// A table with a block over kPages.
+// A table with a block over kBlockPages.
 class TailBlockTableTest : public ::testing::Test {
 protected:
     TailBlockTableTest() {
-        table_.Reset(kLimit);
-        block_ = table_.AddBlock(kPages);
+        table_.Reset(kBlockLimit);
+        block_ = table_.AddBlock(kBlockPages);
     }
 
     // Offset and list index of a stream's fragment.
@@ -44,7 +44,7 @@ using Place = std::pair<std::uint64_t, std::uint64_t>;
 TailBlockTable Loaded(const Words& words) {
     TailBlockTable table;
     MemoryStream stream(BytesOf(words));
-    EXPECT_TRUE(LoadFrom(table, stream, kLimit));
+    EXPECT_TRUE(LoadFrom(table, stream, kBlockLimit));
     return table;
 }
 
@@ -68,7 +68,7 @@ TEST(TailBlockTable, IsEmptyAtFirst) {
 TEST_F(TailBlockTableTest, AddsBlocksUnderTheLowestFreeIds) {
     EXPECT_EQ(block_, 0U);
     EXPECT_EQ(table_.AddBlock(kOtherPages), 1U);
-    EXPECT_EQ(table_.AddBlock(kPages), 2U);
+    EXPECT_EQ(table_.AddBlock(kBlockPages), 2U);
     const TailBlockRecord* const block = table_.FindBlock(1);
     ASSERT_NE(block, nullptr);
     EXPECT_EQ(block->blockId, 1U);
@@ -80,7 +80,7 @@ TEST_F(TailBlockTableTest, AddsBlocksUnderTheLowestFreeIds) {
 TEST_F(TailBlockTableTest, RefusesABlockWithAnInvalidPageNumber) {
     for (std::size_t index = 0; index < kTailBlockPages; ++index) {
         for (const std::uint64_t number : {0x0U, 0x9U, 0x100000U}) {
-            TailBlockPageNumbers pages = kPages;
+            TailBlockPageNumbers pages = kBlockPages;
             pages[index] = number;
             EXPECT_THROW(table_.AddBlock(pages), InvalidParameterException);
         }
@@ -92,9 +92,9 @@ TEST(TailBlockTable, HasBlocksUpToAnEighthOfItsLimit) {
     TailBlockTable table;
     table.Reset(23);
     for (std::uint64_t id = 0; id <= 2; ++id) {
-        EXPECT_EQ(table.AddBlock(kPages), id);
+        EXPECT_EQ(table.AddBlock(kBlockPages), id);
     }
-    EXPECT_THROW(table.AddBlock(kPages), InvalidParameterException);
+    EXPECT_THROW(table.AddBlock(kBlockPages), InvalidParameterException);
     EXPECT_EQ(table.FindBlock(3), nullptr);
 }
 
@@ -102,9 +102,9 @@ TEST(TailBlockTable, HasTwoBlocksUnderTheSmallestLimits) {
     for (const std::uint64_t limit : {0U, 1U, 7U, 8U}) {
         TailBlockTable table;
         table.Reset(limit);
-        EXPECT_EQ(table.AddBlock(kPages), 0U);
-        EXPECT_EQ(table.AddBlock(kPages), 1U);
-        EXPECT_THROW(table.AddBlock(kPages), InvalidParameterException);
+        EXPECT_EQ(table.AddBlock(kBlockPages), 0U);
+        EXPECT_EQ(table.AddBlock(kBlockPages), 1U);
+        EXPECT_THROW(table.AddBlock(kBlockPages), InvalidParameterException);
     }
 }
 
@@ -121,7 +121,7 @@ TEST_F(TailBlockTableTest, HasTheHighestLimitAfterAResetWithoutOne) {
     table_.Reset(8);
     table_.Reset();
     for (std::uint64_t block = 0; block < 3; ++block) {
-        EXPECT_EQ(table_.AddBlock(kPages), block);
+        EXPECT_EQ(table_.AddBlock(kBlockPages), block);
     }
     EXPECT_TRUE(table_.Place(0xFFFFFF, 2, 10));
 }
@@ -132,7 +132,7 @@ TEST_F(TailBlockTableTest, ForgetsEverythingAtReset) {
     EXPECT_EQ(table_.FindBlock(block_), nullptr);
     EXPECT_EQ(table_.FindFragment(1), nullptr);
     EXPECT_EQ(table_.StateSize(), 16U);
-    EXPECT_EQ(table_.AddBlock(kPages), 0U);
+    EXPECT_EQ(table_.AddBlock(kBlockPages), 0U);
     EXPECT_THROW(static_cast<void>(table_.Place(9, 0, 100)), InvalidParameterException);
 }
 
@@ -169,11 +169,11 @@ TEST_F(TailBlockTableTest, RefusesToPlaceWithoutChangingAnything) {
     EXPECT_FALSE(table_.Place(2, block_ + 1, 100));  // no such block
     EXPECT_FALSE(table_.Place(2, block_, 57537));    // no room
     EXPECT_FALSE(table_.Place(1, block_, 100));      // has a tail
-    EXPECT_THROW(static_cast<void>(table_.Place(kLimit + 1, block_, 100)),
+    EXPECT_THROW(static_cast<void>(table_.Place(kBlockLimit + 1, block_, 100)),
                  InvalidParameterException);
     EXPECT_THROW(static_cast<void>(table_.Place(2, block_, 8192)), InvalidParameterException);
     EXPECT_TRUE(Saved(table_) == before);
-    EXPECT_TRUE(table_.Place(kLimit, block_, 8191));
+    EXPECT_TRUE(table_.Place(kBlockLimit, block_, 8191));
 }
 
 TEST(TailBlockTable, RefusesToPlaceATailThatBeginsInsideAnother) {
@@ -341,10 +341,10 @@ TEST_F(TailBlockTableTest, SwapsEverything) {
     table_.Swap(other);
     EXPECT_TRUE(Saved(other) == mine);
     EXPECT_EQ(table_.StateSize(), 16U);
-    EXPECT_EQ(table_.AddBlock(kPages), 0U);
+    EXPECT_EQ(table_.AddBlock(kBlockPages), 0U);
     EXPECT_THROW(static_cast<void>(table_.Place(9, 0, 1)), InvalidParameterException);
     EXPECT_TRUE(other.Place(9, block_, 1));
-    EXPECT_EQ(other.AddBlock(kPages), 1U);
+    EXPECT_EQ(other.AddBlock(kBlockPages), 1U);
 }
 
 // ---- Tails as seekers see them ------------------------------------------------------------------
@@ -398,7 +398,7 @@ TEST(TailBlockTable, DescribesATailInEachPageOfItsBlock) {
     for (std::uint64_t slot = 0; slot < kTailBlockPages; ++slot) {
         ChildFileTail tail;
         EXPECT_TRUE(GetChildFileTail(tail, WithFragment(0, slot * 8192 + 100, 8092), 1));
-        EXPECT_EQ(tail.tailPage, kPages[slot]);
+        EXPECT_EQ(tail.tailPage, kBlockPages[slot]);
         EXPECT_EQ(tail.followingPage, 0U);
         EXPECT_EQ(tail.tailOffset, 100U);
         EXPECT_EQ(tail.tailLength, 8092U);

@@ -17,7 +17,7 @@ namespace Quorvel::Testing {
 
 namespace {
 
-constexpr std::uint64_t kSize = 2 * kPageSize + 500;
+constexpr std::uint64_t kStreamSize = 2 * kPageSize + 500;
 
 class ChildFileStreamTest : public ::testing::Test {
 protected:
@@ -61,7 +61,7 @@ protected:
 }  // namespace
 
 TEST_F(ChildFileStreamTest, IsOpenInItsPackageUntilItDies) {
-    const std::uint64_t id = CreateStream(PatternBytes(kSize));
+    const std::uint64_t id = CreateStream(PatternBytes(kStreamSize));
     Util::RefPtr<IDataStream> stream = package_->OpenDataStream(id);
     EXPECT_EQ(package_->OpenDataStream(id), stream);
     EXPECT_FALSE(package_->DeleteDataStream(id));
@@ -71,13 +71,13 @@ TEST_F(ChildFileStreamTest, IsOpenInItsPackageUntilItDies) {
 }
 
 TEST_F(ChildFileStreamTest, LeavesTheOtherStreamsOpenWhenItDies) {
-    const std::uint64_t first = CreateStream(PatternBytes(kSize, 1));
-    const std::uint64_t second = CreateStream(PatternBytes(kSize, 2));
+    const std::uint64_t first = CreateStream(PatternBytes(kStreamSize, 1));
+    const std::uint64_t second = CreateStream(PatternBytes(kStreamSize, 2));
     Util::RefPtr<IDataStream> dying = package_->OpenDataStream(first);
     const Util::RefPtr<IDataStream> living = package_->OpenDataStream(second);
     dying.Reset();
     EXPECT_FALSE(package_->DeleteDataStream(second));
-    EXPECT_EQ(ReadAll(*living), PatternBytes(kSize, 2));
+    EXPECT_EQ(ReadAll(*living), PatternBytes(kStreamSize, 2));
 }
 
 TEST_F(ChildFileStreamTest, ReadsAndWritesLikeAPagedFileStreamOverTheSameSeeker) {
@@ -89,7 +89,7 @@ TEST_F(ChildFileStreamTest, ReadsAndWritesLikeAPagedFileStreamOverTheSameSeeker)
     allocator->AllocatePage(0);
     allocator->AllocatePage(10);
     const Util::RefPtr<ChildFileSeeker> seeker(new ChildFileSeeker);
-    seeker->Attach(allocator, {7, kSize, 10, 2}, {13, 0, 300, 500});
+    seeker->Attach(allocator, {7, kStreamSize, 10, 2}, {13, 0, 300, 500});
     const Util::RefPtr<IDataStream> child(new ChildFileStream(nullptr, 7, &cache, seeker));
     const Util::RefPtr<IDataStream> paged(new PagedFileStream(&cache, seeker));
 
@@ -103,7 +103,7 @@ TEST_F(ChildFileStreamTest, ReadsAndWritesLikeAPagedFileStreamOverTheSameSeeker)
             ASSERT_TRUE(writer->Seek(kSeekFromStart, position));
             ASSERT_TRUE(reader->Seek(kSeekFromStart, position));
             const std::uint64_t expected =
-                std::min<std::uint64_t>(9000, kSize - static_cast<std::uint64_t>(position));
+                std::min<std::uint64_t>(9000, kStreamSize - static_cast<std::uint64_t>(position));
             EXPECT_EQ(writer->Write(written.data(), 9000), expected);
             Bytes read(9000);
             EXPECT_EQ(reader->Read(read.data(), 9000), expected);
@@ -132,7 +132,7 @@ protected:
             allocator_->AllocatePage(previous);
         }
         cache_.EnsurePageInFile(13);
-        seeker_->Attach(allocator_, {7, kSize, 10, 2}, {12, 13, 8000, 500});
+        seeker_->Attach(allocator_, {7, kStreamSize, 10, 2}, {12, 13, 8000, 500});
         child_ = new ChildFileStream(package_.Get(), 7, &cache_, seeker_);
         plain_ = new PagedFileStream(&cache_, seeker_);
     }
@@ -169,8 +169,8 @@ TEST_F(TwoStreamsTest, ReadWriteAndSeekAlikeInRandomOrder) {
 }
 
 TEST_F(TwoStreamsTest, ASeekerThatAnotherStreamHoldsOutlivesTheChild) {
-    const Bytes content = PatternBytes(kSize);
-    ASSERT_EQ(plain_->Write(content.data(), kSize), kSize);
+    const Bytes content = PatternBytes(kStreamSize);
+    ASSERT_EQ(plain_->Write(content.data(), kStreamSize), kStreamSize);
     child_.Reset();
     EXPECT_EQ(ReadAll(*plain_), content);
     EXPECT_EQ(seeker_->pageCount, 4u);
@@ -178,7 +178,7 @@ TEST_F(TwoStreamsTest, ASeekerThatAnotherStreamHoldsOutlivesTheChild) {
 
 TEST_F(ChildFileStreamTest, LeavesItsSeekerToTheNextStream) {
     const Bytes small = PatternBytes(300, 1);
-    const Bytes large = PatternBytes(kSize, 2);
+    const Bytes large = PatternBytes(kStreamSize, 2);
     const std::uint64_t first = CreateStream(small);
     const std::uint64_t second = CreateStream(large);
     for (int round = 0; round < 3; ++round) {
@@ -188,7 +188,7 @@ TEST_F(ChildFileStreamTest, LeavesItsSeekerToTheNextStream) {
 }
 
 TEST_F(ChildFileStreamTest, HasNoBytesOnceItLeftItsPackage) {
-    const std::uint64_t id = CreateStream(PatternBytes(kSize));
+    const std::uint64_t id = CreateStream(PatternBytes(kStreamSize));
     const Util::RefPtr<IDataStream> stream = package_->OpenDataStream(id);
     std::uint8_t byte;
     ASSERT_EQ(stream->Read(&byte, 1), 1u);
@@ -198,7 +198,7 @@ TEST_F(ChildFileStreamTest, HasNoBytesOnceItLeftItsPackage) {
 }
 
 TEST_F(ChildFileStreamTest, ThatLeftItsPackageDoesNotNotifyItWhenItDies) {
-    const std::uint64_t id = CreateStream(PatternBytes(kSize));
+    const std::uint64_t id = CreateStream(PatternBytes(kStreamSize));
     Util::RefPtr<IDataStream> former = package_->OpenDataStream(id);
     package_->ForgetOpenStream(id);
     static_cast<ChildFileStream&>(*former).LeavePackage();
@@ -208,7 +208,7 @@ TEST_F(ChildFileStreamTest, ThatLeftItsPackageDoesNotNotifyItWhenItDies) {
 }
 
 TEST_F(ChildFileStreamTest, MayOutliveItsPackageButThenHasNoBytes) {
-    const std::uint64_t id = CreateStream(PatternBytes(kSize));
+    const std::uint64_t id = CreateStream(PatternBytes(kStreamSize));
     const Util::RefPtr<IDataStream> stream = package_->OpenDataStream(id);
     std::uint8_t byte = 3;
     ASSERT_EQ(stream->Write(&byte, 1), 1u);
@@ -218,16 +218,16 @@ TEST_F(ChildFileStreamTest, MayOutliveItsPackageButThenHasNoBytes) {
 
 TEST_F(ChildFileStreamTest, KeepsItsPositionAndBytesWhenItsTailMoves) {
     const std::uint64_t first = CreateStream(PatternBytes(300, 1));
-    const Bytes content = PatternBytes(kSize, 2);
+    const Bytes content = PatternBytes(kStreamSize, 2);
     const Util::RefPtr<IDataStream> stream = package_->OpenDataStream(CreateStream(content));
-    const auto position = static_cast<std::int32_t>(kSize) - 100;
+    const auto position = static_cast<std::int32_t>(kStreamSize) - 100;
     ASSERT_TRUE(stream->Seek(kSeekFromStart, position));
     Bytes bytes(10);
     ASSERT_EQ(stream->Read(bytes.data(), 10), 10u);
     ASSERT_TRUE(package_->DeleteDataStream(first));
-    EXPECT_EQ(stream->GetPosition(), kSize - 90);
+    EXPECT_EQ(stream->GetPosition(), kStreamSize - 90);
     ASSERT_EQ(stream->Read(bytes.data(), 10), 10u);
-    EXPECT_EQ(bytes, Slice(content, kSize - 90, 10));
+    EXPECT_EQ(bytes, Slice(content, kStreamSize - 90, 10));
     EXPECT_EQ(ReadAll(*stream), content);
 }
 

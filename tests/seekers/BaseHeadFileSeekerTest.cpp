@@ -245,7 +245,7 @@ TEST_F(BaseHeadFileSeekerTest, MovingFromTheStartOfAPageLoadsThePage) {
 
 namespace {
 
-class ConstantPlaceSeeker : public HeadFileWriteOnlySeeker {
+class ConstantPlaceHeadSeeker : public HeadFileWriteOnlySeeker {
 public:
     using HeadFileWriteOnlySeeker::HeadFileWriteOnlySeeker;
     bool PositionToPage(std::uint64_t& pageIndex, std::uint64_t& pageOffset,
@@ -261,7 +261,7 @@ public:
 }  // namespace
 
 TEST_F(BaseHeadFileSeekerTest, MovePositionCallsPositionToPageOfADerivedSeeker) {
-    const Util::RefPtr<ConstantPlaceSeeker> seeker(new ConstantPlaceSeeker(&cache_));
+    const Util::RefPtr<ConstantPlaceHeadSeeker> seeker(new ConstantPlaceHeadSeeker(&cache_));
     ASSERT_TRUE(Create(*seeker, 100));
     EXPECT_EQ(Moved(*seeker, {0, 42}, 7), (Place{true, 5, 6}));
     EXPECT_EQ(seeker->asked, 17);

@@ -445,7 +445,7 @@ TEST_F(ChildFileSeekerTest, MovingFromThePagePastTheLastStartsAfterTheLastEntry)
 
 namespace {
 
-class ConstantPlaceSeeker : public ChildFileSeeker {
+class ConstantPlaceChildSeeker : public ChildFileSeeker {
 public:
     bool PositionToPage(std::uint64_t& pageIndex, std::uint64_t& pageOffset,
                         std::int32_t position) override {
@@ -460,7 +460,7 @@ public:
 }  // namespace
 
 TEST_F(ChildFileSeekerTest, MovePositionCallsPositionToPageOfADerivedSeeker) {
-    const Util::RefPtr<ConstantPlaceSeeker> seeker(new ConstantPlaceSeeker);
+    const Util::RefPtr<ConstantPlaceChildSeeker> seeker(new ConstantPlaceChildSeeker);
     seeker->Attach(allocator_, {7, 50, 0, 0}, {40, 0, 100, 50});
     EXPECT_EQ(Moved(*seeker, {0, 110}, 7), (Place{true, 5, 6}));
     EXPECT_EQ(seeker->asked, 17);

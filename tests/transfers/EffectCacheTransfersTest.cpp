@@ -21,7 +21,6 @@ namespace {
 
 using Format::Bytes;
 
-constexpr std::uint64_t kPageSize = 8192;
 constexpr std::uint64_t kPagesInMemory = 64;
 constexpr int kEffects = 1000;
 

@@ -8,8 +8,6 @@ namespace Quorvel::Testing {
 
 namespace {
 
-constexpr std::uint64_t kPageSize = 8192;
-
 std::uint64_t OffsetOf(std::uint64_t page) {
     return (page - 10) * kPageSize;
 }

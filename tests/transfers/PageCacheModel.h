@@ -9,6 +9,8 @@
 
 namespace Quorvel::Testing {
 
+constexpr std::uint64_t kPageSize = 8192;
+
 using Transfers = std::vector<StdioTransfer>;
 
 // The transfers of a page cache. A loaded page is read. An evicted page is written, changed or not;

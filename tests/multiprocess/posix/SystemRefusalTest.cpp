@@ -18,7 +18,7 @@ namespace Quorvel::Testing {
 
 namespace {
 
-constexpr std::uint64_t kBytes = 4096;
+constexpr std::uint64_t kMemoryBytes = 4096;
 
 template <typename Operation>
 std::uint32_t ErrorOf(const Operation& operation) {
@@ -34,7 +34,7 @@ void Make(const std::string& kind, const std::string& name) {
     } else if (kind == "wide mutex") {
         MutexObject mutex(std::wstring(name.begin(), name.end()).c_str());
     } else {
-        Block().Initialize(name, kBytes);
+        Block().Initialize(name, kMemoryBytes);
     }
 }
 
@@ -82,8 +82,8 @@ TEST(SystemRefusal, OfABlockOfNoBytesIsAnInvalidArgument) {
 TEST(SystemRefusal, OfAViewLargerThanTheBlockIsADeniedAccess) {
     const std::string name = UniqueName();
     Block existing;
-    existing.Initialize(name, kBytes);
-    EXPECT_EQ(ErrorOf([&] { Block().Initialize(name, 2 * kBytes); }),
+    existing.Initialize(name, kMemoryBytes);
+    EXPECT_EQ(ErrorOf([&] { Block().Initialize(name, 2 * kMemoryBytes); }),
               static_cast<std::uint32_t>(EACCES));
 }
 

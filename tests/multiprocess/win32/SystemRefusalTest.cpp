@@ -14,7 +14,7 @@ namespace Quorvel::Testing {
 
 namespace {
 
-constexpr std::uint64_t kBytes = 4096;
+constexpr std::uint64_t kMemoryBytes = 4096;
 
 template <typename Operation>
 DWORD ErrorOf(const Operation& operation) {
@@ -34,7 +34,7 @@ TEST(SystemRefusal, OfAMutexNameLongerThanAPath) {
 TEST(SystemRefusal, OfAMutexWithTheNameOfABlock) {
     const std::string name = UniqueName();
     Block block;
-    block.Initialize(name, kBytes);
+    block.Initialize(name, kMemoryBytes);
     EXPECT_EQ(ErrorOf([&] { MutexObject mutex(name.c_str()); }), DWORD{ERROR_INVALID_HANDLE});
     const std::wstring wideName(name.begin(), name.end());
     EXPECT_EQ(ErrorOf([&] { MutexObject mutex(wideName.c_str()); }), DWORD{ERROR_INVALID_HANDLE});
@@ -43,14 +43,16 @@ TEST(SystemRefusal, OfAMutexWithTheNameOfABlock) {
 TEST(SystemRefusal, OfABlockWhoseMutexHasTheNameOfABlock) {
     const std::string name = UniqueName();
     Block taker;
-    taker.Initialize(name + "_mutex", kBytes);
-    EXPECT_EQ(ErrorOf([&] { Block().Initialize(name, kBytes); }), DWORD{ERROR_INVALID_HANDLE});
+    taker.Initialize(name + "_mutex", kMemoryBytes);
+    EXPECT_EQ(ErrorOf([&] { Block().Initialize(name, kMemoryBytes); }),
+              DWORD{ERROR_INVALID_HANDLE});
 }
 
 TEST(SystemRefusal, OfABlockWithTheNameOfAMutex) {
     const std::string name = UniqueName();
     const MutexObject taker(name.c_str());
-    EXPECT_EQ(ErrorOf([&] { Block().Initialize(name, kBytes); }), DWORD{ERROR_INVALID_HANDLE});
+    EXPECT_EQ(ErrorOf([&] { Block().Initialize(name, kMemoryBytes); }),
+              DWORD{ERROR_INVALID_HANDLE});
 }
 
 TEST(SystemRefusal, OfABlockOfNoBytes) {
@@ -60,8 +62,9 @@ TEST(SystemRefusal, OfABlockOfNoBytes) {
 TEST(SystemRefusal, OfAViewLargerThanTheBlock) {
     const std::string name = UniqueName();
     Block existing;
-    existing.Initialize(name, kBytes);
-    EXPECT_EQ(ErrorOf([&] { Block().Initialize(name, 2 * kBytes); }), DWORD{ERROR_ACCESS_DENIED});
+    existing.Initialize(name, kMemoryBytes);
+    EXPECT_EQ(ErrorOf([&] { Block().Initialize(name, 2 * kMemoryBytes); }),
+              DWORD{ERROR_ACCESS_DENIED});
 }
 
 }  // namespace Quorvel::Testing

@@ -22,7 +22,7 @@ namespace Quorvel::Testing {
 
 namespace {
 
-constexpr std::uint64_t kBytes = 4096;
+constexpr std::uint64_t kBlockBytes = 4096;
 
 // Above the ids of all real users.
 constexpr uid_t kFirstForeignId = 0x40000000;
@@ -58,9 +58,9 @@ private:
 
     std::string OpenBlock(const std::string& name, bool create) {
         auto& block = blocks_.emplace_back();
-        const bool open = create ? block.Create(name, kBytes) : block.Open(name);
+        const bool open = create ? block.Create(name, kBlockBytes) : block.Open(name);
         if (!open) { return ErrorUnless(false); }
-        view_ = block.Map(kBytes);
+        view_ = block.Map(kBlockBytes);
         return ErrorUnless(view_ != nullptr);
     }
     std::string OpenMutex(const std::string& name) {

@@ -22,6 +22,7 @@
 #include "platform/Handles.h"
 #include "platform/SystemError.h"
 #include "platform/posix/ForeignUser.h"
+#include "platform/posix/NamedObjectPath.h"
 #include "support/ChildProcess.h"
 #include "support/TemporaryDirectory.h"
 
@@ -31,14 +32,11 @@ using Platform::NamedObject;
 
 namespace {
 
-constexpr std::size_t kBytes = 4096;
+constexpr std::size_t kObjectBytes = 4096;
 constexpr char kKind[] = "test";
 
-std::filesystem::path PathOf(const char* kind, const std::string& name) {
-    return std::filesystem::path(NamedObject::Folder()) / NamedObject::FileName(kind, name.c_str());
-}
-
-std::unique_ptr<NamedObject> OpenOrCreate(const std::string& name, std::size_t bytes = kBytes) {
+std::unique_ptr<NamedObject> OpenOrCreate(const std::string& name,
+                                          std::size_t bytes = kObjectBytes) {
     return NamedObject::Open(kKind, name.c_str(), NamedObject::IfAbsent::Create, bytes);
 }
 
@@ -139,14 +137,14 @@ TEST_F(NamedObjectFile, IsAPrivateFileInAPrivateFolder) {
     EXPECT_EQ(ModeOf(NamedObject::Folder()), mode_t{0700});
     EXPECT_EQ(ModeOf(NamedObject::Folder() + "/gate"), mode_t{0600});
     EXPECT_EQ(ModeOf(PathOf(kKind, name_)), mode_t{0600});
-    EXPECT_EQ(object->Size(), kBytes);
+    EXPECT_EQ(object->Size(), kObjectBytes);
 }
 
 TEST_F(NamedObjectFile, OfOneNameAndAnotherKindIsAnotherObject) {
     const MutexHandle mutex(name_);
     MemoryHandle memory;
     EXPECT_FALSE(memory.Open(name_));
-    EXPECT_TRUE(memory.Create(name_, kBytes));
+    EXPECT_TRUE(memory.Create(name_, kObjectBytes));
     EXPECT_TRUE(mutex.IsOpen());
     EXPECT_TRUE(std::filesystem::exists(PathOf("mutex", name_)));
     EXPECT_TRUE(std::filesystem::exists(PathOf("memory", name_)));
@@ -165,7 +163,7 @@ TEST_F(NamedObjectFile, IsRemovedWhenItsLastHolderLeaves) {
 TEST_F(NamedObjectFile, OfABlockOrMutexIsRemovedWhenItsLastHolderLeaves) {
     MutexHandle mutex(name_);
     MemoryHandle memory;
-    ASSERT_TRUE(memory.Create(name_, kBytes));
+    ASSERT_TRUE(memory.Create(name_, kObjectBytes));
     const auto other = StartObjectUser();
     ASSERT_EQ(other->Ask("memory " + name_), "0");
     ASSERT_EQ(other->Ask("mutex " + name_), "0");
@@ -185,7 +183,7 @@ TEST_F(NamedObjectFile, InitialisesOnlyANewObject) {
         return ::pwrite(descriptor, "\5", 1, 0) == 1;
     };
     const auto open = [&] {
-        return NamedObject::Open(kKind, name_.c_str(), NamedObject::IfAbsent::Create, kBytes,
+        return NamedObject::Open(kKind, name_.c_str(), NamedObject::IfAbsent::Create, kObjectBytes,
                                  initialise);
     };
     auto first = open();
@@ -200,11 +198,11 @@ TEST_F(NamedObjectFile, InitialisesOnlyANewObject) {
 }
 
 TEST_F(NamedObjectFile, ThatCannotBeInitialisedLeavesNothingBehind) {
-    const auto object =
-        NamedObject::Open(kKind, name_.c_str(), NamedObject::IfAbsent::Create, kBytes, [](int) {
-            errno = EDOM;
-            return false;
-        });
+    const auto object = NamedObject::Open(kKind, name_.c_str(), NamedObject::IfAbsent::Create,
+                                          kObjectBytes, [](int) {
+                                              errno = EDOM;
+                                              return false;
+                                          });
     EXPECT_EQ(Platform::LastSystemError(), static_cast<std::uint32_t>(EDOM));
     EXPECT_FALSE(object);
     EXPECT_FALSE(std::filesystem::exists(PathOf(kKind, name_)));
@@ -216,7 +214,7 @@ TEST_F(NamedObjectFile, WhoseHolderWasKilledCannotBeOpened) {
     killed->Ask("write 9");
     killed->Kill();
     const auto object =
-        NamedObject::Open("memory", name_.c_str(), NamedObject::IfAbsent::Fail, kBytes);
+        NamedObject::Open("memory", name_.c_str(), NamedObject::IfAbsent::Fail, kObjectBytes);
     EXPECT_EQ(Platform::LastSystemError(), static_cast<std::uint32_t>(ENOENT));
     EXPECT_FALSE(object);
     EXPECT_FALSE(std::filesystem::exists(PathOf("memory", name_)));
@@ -247,7 +245,7 @@ TEST_F(NamedObjectFile, WhoseHolderWasKilledIsRemovedWhenAnotherProcessCreatesIt
     ASSERT_EQ(next->Ask("memory " + UniqueName()), "0");
     EXPECT_FALSE(std::filesystem::exists(PathOf("memory", name_)));
     const auto held =
-        NamedObject::Open("memory", heldName.c_str(), NamedObject::IfAbsent::Fail, kBytes);
+        NamedObject::Open("memory", heldName.c_str(), NamedObject::IfAbsent::Fail, kObjectBytes);
     ASSERT_TRUE(held);
     EXPECT_EQ(FirstByte(*held), "7");
 }
@@ -301,7 +299,7 @@ TEST_F(NamedObjectFile, OfAKilledHolderIsNotReused) {
     ::flock(descriptor, LOCK_UN);
     killed->Kill();
     const auto object =
-        NamedObject::Open("memory", name_.c_str(), NamedObject::IfAbsent::Create, kBytes);
+        NamedObject::Open("memory", name_.c_str(), NamedObject::IfAbsent::Create, kObjectBytes);
     ASSERT_TRUE(object);
     EXPECT_EQ(FirstByte(*object), "0");
     EXPECT_FALSE(object->IsSameFileAs(*former));
@@ -315,7 +313,7 @@ TEST_F(NamedObjectFile, OfAKilledHolderIsNotReused) {
 TEST_F(NamedObjectFile, CanBeOpenedWhileAProcessForkedUnderTheGateLives) {
     pid_t forked = -1;
     const auto object = NamedObject::Open(kKind, name_.c_str(), NamedObject::IfAbsent::Create,
-                                          kBytes, [&forked](int) {
+                                          kObjectBytes, [&forked](int) {
                                               forked = ::fork();
                                               if (forked == 0) {
                                                   ::pause();
@@ -349,8 +347,8 @@ TEST_F(NamedObjectFile, StaysHeldWhenAForkedProcessLeaves) {
 TEST_F(NamedObjectFile, IsNotInheritedByOtherPrograms) {
     const MutexHandle mutex(name_);
     MemoryHandle memory;
-    ASSERT_TRUE(memory.Create(name_, kBytes));
-    ASSERT_NE(memory.Map(kBytes), nullptr);
+    ASSERT_TRUE(memory.Create(name_, kObjectBytes));
+    ASSERT_NE(memory.Map(kObjectBytes), nullptr);
     const auto other = StartObjectUser();
     EXPECT_EQ(other->Ask("inherited /dev/shm"), "0");
 }
@@ -377,8 +375,8 @@ TEST_F(NamedObjectFile, ClosedWithoutADescriptorForTheGateStillVanishesWithItsLa
     EXPECT_EQ(user->Ask("close"), "closed");
     MemoryHandle memory;
     EXPECT_FALSE(memory.Open(name_));
-    ASSERT_TRUE(memory.Create(name_, kBytes));
-    EXPECT_EQ(memory.Map(kBytes)[0], 0);
+    ASSERT_TRUE(memory.Create(name_, kObjectBytes));
+    EXPECT_EQ(memory.Map(kObjectBytes)[0], 0);
 }
 
 TEST_F(NamedObjectFile, ThatCannotGetItsBytesIsRefusedAndLeavesNothingBehind) {
@@ -502,8 +500,8 @@ TEST_F(NamedMemoryOnPosix, OfNoBytesIsAnInvalidArgument) {
 
 TEST_F(NamedMemoryOnPosix, RefusesAccessPastItsLastPage) {
     MemoryHandle memory;
-    ASSERT_TRUE(memory.Create(name_, kBytes));
-    EXPECT_EQ(memory.Map(kBytes + 1), nullptr);
+    ASSERT_TRUE(memory.Create(name_, kObjectBytes));
+    EXPECT_EQ(memory.Map(kObjectBytes + 1), nullptr);
     EXPECT_EQ(Platform::LastSystemError(), static_cast<std::uint32_t>(EACCES));
 }
 

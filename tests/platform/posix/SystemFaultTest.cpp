@@ -14,6 +14,7 @@
 #include "platform/Handles.h"
 #include "platform/posix/ForeignUser.h"
 #include "platform/posix/NamedObject.h"
+#include "platform/posix/NamedObjectPath.h"
 #include "support/ChildProcess.h"
 #include "support/TemporaryDirectory.h"
 
@@ -24,7 +25,7 @@ using Platform::NamedObject;
 
 namespace {
 
-constexpr std::uint64_t kBytes = 4096;
+constexpr std::uint64_t kMemoryBytes = 4096;
 
 struct RefusedCall {
     SystemCall call;
@@ -47,10 +48,6 @@ std::vector<RefusedCall> operator+(std::vector<RefusedCall> first,
                                    const std::vector<RefusedCall>& second) {
     first.insert(first.end(), second.begin(), second.end());
     return first;
-}
-
-std::filesystem::path PathOf(const char* kind, const std::string& name) {
-    return std::filesystem::path(NamedObject::Folder()) / NamedObject::FileName(kind, name.c_str());
 }
 
 // The number of this process's shared mappings that have no file.
@@ -90,15 +87,15 @@ TEST_F(NamedMemoryUnderFaults, IsNotCreatedAndReportsTheCallsError) {
         {
             const SystemFault fault(refused.call, EIO, refused.skipped);
             errno = 0;
-            ASSERT_FALSE(block.Create(name_, kBytes));
+            ASSERT_FALSE(block.Create(name_, kMemoryBytes));
             ASSERT_EQ(errno, EIO);
             ASSERT_TRUE(fault.IsSpent());
         }
         // No block is left, and the next one starts with zeros.
         ASSERT_FALSE(block.Open(name_));
         ASSERT_EQ(errno, ENOENT);
-        ASSERT_TRUE(block.Create(name_, kBytes));
-        unsigned char* const view = block.Map(kBytes);
+        ASSERT_TRUE(block.Create(name_, kMemoryBytes));
+        unsigned char* const view = block.Map(kMemoryBytes);
         ASSERT_NE(view, nullptr);
         ASSERT_EQ(view[0], 0);
         view[0] = 1;
@@ -123,13 +120,13 @@ TEST_F(NamedMemoryUnderFaults, IsNotOpenedAndKeepsItsBytes) {
             ASSERT_TRUE(fault.IsSpent());
         }
         ASSERT_TRUE(block.Open(name_));
-        ASSERT_EQ(block.Map(kBytes)[0], 7);
+        ASSERT_EQ(block.Map(kMemoryBytes)[0], 7);
     }
 }
 
 TEST_F(NamedMemoryUnderFaults, LeavesNoUnfilledFileBehind) {
     const SystemFault fault(SystemCall::Allocate, ENOSPC);
-    EXPECT_FALSE(MemoryHandle().Create(name_, kBytes));
+    EXPECT_FALSE(MemoryHandle().Create(name_, kMemoryBytes));
     EXPECT_EQ(errno, ENOSPC);
     EXPECT_FALSE(std::filesystem::exists(PathOf("memory", name_)));
 }
@@ -139,37 +136,37 @@ TEST_F(NamedMemoryUnderFaults, RetriesInterruptedCalls) {
              {SystemCall::Lock, 0}, {SystemCall::Lock, 1}, {SystemCall::Allocate, 0}}) {
         const SystemFault fault(interrupted.call, EINTR, interrupted.skipped, 3);
         MemoryHandle block;
-        EXPECT_TRUE(block.Create(name_, kBytes));
+        EXPECT_TRUE(block.Create(name_, kMemoryBytes));
         EXPECT_TRUE(fault.IsSpent());
-        EXPECT_NE(block.Map(kBytes), nullptr);
+        EXPECT_NE(block.Map(kMemoryBytes), nullptr);
     }
 }
 
 TEST_F(NamedMemoryUnderFaults, IsNotMappedAndStaysOpen) {
     MemoryHandle block;
-    ASSERT_TRUE(block.Create(name_, kBytes));
+    ASSERT_TRUE(block.Create(name_, kMemoryBytes));
     {
         const SystemFault fault(SystemCall::Map, ENOMEM);
-        EXPECT_EQ(block.Map(kBytes), nullptr);
+        EXPECT_EQ(block.Map(kMemoryBytes), nullptr);
         EXPECT_EQ(errno, ENOMEM);
     }
-    EXPECT_NE(block.Map(kBytes), nullptr);
+    EXPECT_NE(block.Map(kMemoryBytes), nullptr);
 }
 
 // Without the gate a closed block leaves its file behind, which must not count as a block any more.
 TEST_F(NamedMemoryUnderFaults, ThatIsClosedLeavesNoBytesForTheNext) {
     for (const RefusedCall& refused : kCallsToTheGate) {
         MemoryHandle block;
-        ASSERT_TRUE(block.Create(name_, kBytes));
-        block.Map(kBytes)[0] = 1;
+        ASSERT_TRUE(block.Create(name_, kMemoryBytes));
+        block.Map(kMemoryBytes)[0] = 1;
         {
             const SystemFault fault(refused.call, EIO, refused.skipped);
             block.Close();
             ASSERT_TRUE(fault.IsSpent());
         }
         EXPECT_FALSE(block.Open(name_));
-        ASSERT_TRUE(block.Create(name_, kBytes));
-        EXPECT_EQ(block.Map(kBytes)[0], 0);
+        ASSERT_TRUE(block.Create(name_, kMemoryBytes));
+        EXPECT_EQ(block.Map(kMemoryBytes)[0], 0);
     }
 }
 
@@ -281,7 +278,7 @@ TEST_F(NamedMutexUnderFaults, WithoutANameVanishesWithItsOwnersHandle) {
 TEST_F(NamedMemoryUnderFaults, IsNotOpenedOnceOthersMayAccessIt) {
     for (const int mode : {0640, 0602}) {
         MemoryHandle block;
-        ASSERT_TRUE(block.Create(name_, kBytes));
+        ASSERT_TRUE(block.Create(name_, kMemoryBytes));
         ASSERT_EQ(::chmod(PathOf("memory", name_).c_str(), static_cast<mode_t>(mode)), 0);
         EXPECT_FALSE(MemoryHandle().Open(name_));
         EXPECT_EQ(errno, EACCES);
@@ -290,7 +287,7 @@ TEST_F(NamedMemoryUnderFaults, IsNotOpenedOnceOthersMayAccessIt) {
 
 TEST_F(NamedMemoryUnderFaults, IsNotOpenedOnceItBelongsToAnotherUser) {
     MemoryHandle block;
-    ASSERT_TRUE(block.Create(name_, kBytes));
+    ASSERT_TRUE(block.Create(name_, kMemoryBytes));
     const std::filesystem::path path = PathOf("memory", name_);
     ASSERT_EQ(::chown(path.c_str(), 0x40000000, static_cast<gid_t>(-1)), 0)
         << "run the tests as root";

@@ -32,21 +32,29 @@ namespace Quorvel {
 //           none                                      none     none, nothing found
 //   Save    Clean    as Sync; Saving, Overwriting     Clean    Closed by Rollback (Discarded, if
 //                                                              BeginSave fails), then none
-//           Clean    the same, on a full volume,      Clean    none
-//                    then RollbackAndReload
+//           Clean    the same, on a volume that is    Clean    none
+//                    full before MakeRoom has found
+//                    room; then RollbackAndReload
 //   Close   any but Saving and Overwriting            none
 //
-// A save is BeginSave, ReservePages, MakeRoom, ClaimStreams, StoreEffect for each effect, Commit. A
-// trim is BeginSave, Evict, Commit. Evict may commit and begin again several times, so that its
+// In Clean, the page cache still rewrites pages that it evicts, with the same bytes.
+//
+// A save is BeginSave, ReservePages, MakeRoom, ClaimStreams, StoreEffect for each effect, Commit.
+// Without room, only BeginSave and Commit are left, and what MakeRoom had evicted. A trim is
+// BeginSave, Evict, Commit. Each Commit writes the index, commits the package and writes the stamp.
+// MakeRoom evicts through Evict, which may commit and begin again several times, so that its
 // journal has room. Only the last of these saves can be undone; effects that an earlier one evicted
-// stay evicted. A trim that fails is put off: the file keeps more effects than it should.
+// stay evicted. ClaimStreams never commits: an undone save brings back what it evicted. A trim that
+// fails is put off: the file keeps more effects than it should.
 //
-// Open and Sync first put back the pages that a process had overwritten when it died in a save. If
-// that fails, the cache is inert, and the journal stays for the next process that opens or reloads
-// the file; a new stamp makes processes that have the file open reload it.
+// Open, and Sync after it has discarded the pages in memory, put back the pages that a process had
+// overwritten when it died in a save. If that fails, the cache is inert, and the journal stays for
+// the next process that opens or reloads the file. After a death there is a new stamp in either
+// case, because the process that died may not have written one; processes that have the file open
+// reload it.
 //
-// Without a package the cache is permanently inert, and its index no longer changes. Read is the
-// only step that may throw; it throws what OpenDataStream throws.
+// Without a package the cache is permanently inert, and its index stays as the failed step left it.
+// Read is the only step that may throw; it throws what OpenDataStream throws.
 class EffectCacheFile {
 public:
     // Holds the file mutex for its lifetime. Every step requires a lock. If the process is root,
@@ -82,7 +90,8 @@ public:
     // changing it.
     void Sync(const Lock& lock, EffectIndex& index) noexcept;
 
-    // Reads an effect's bytes. False when they are not intact or the cache is inert. REQUIRES: Sync
+    // Reads an effect's bytes. False when they can't be read, have another length than the record
+    // says, or the cache is inert. REQUIRES: Sync
     // was called under this lock, and the record belongs to its index.
     [[nodiscard]] bool Read(const Lock& lock, const EffectRecord& record, Tab<unsigned char>& data);
 

@@ -11,10 +11,12 @@
 
 namespace Quorvel {
 
-// The effect cache behind EffectCacheSystem, which documents the operations.
+// The effect cache behind EffectCacheSystem, which documents the operations and catches what they
+// throw.
 //
-// Locks, in the order in which they are taken: the critical section (threads of this process), the
-// file mutex (processes), the time stamp's own mutex (inside its operations).
+// Locks, in the order in which they are taken: the critical section (threads of this process; held
+// for a whole search, including its reads), the file mutex (processes), the time stamp's own mutex
+// (inside its operations).
 //
 // A search looks at the queue, then takes the file mutex, brings the index up to date
 // (EffectCacheFile::Sync) and reads the effect's stream (EffectCacheFile::Read). A save takes the
@@ -38,8 +40,9 @@ public:
     std::uint64_t GetNumberOfEffectsInMemory() const { return queue_.Size(); }
     const CStr& GetDirectory() const { return directory_; }
 
-    // Moves the queued effects into the file. If that fails, the cache is inert. Does not enter the
-    // critical section; CacheCompiledEffect is already in it when it calls this.
+    // Moves the queued effects into the file. If that fails, the cache is inert and the queue stays
+    // as it is. Does not enter the critical section; CacheCompiledEffect is already in it when it
+    // calls this.
     void SaveToFile() noexcept;
 
 private:

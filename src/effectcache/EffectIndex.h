@@ -56,7 +56,8 @@ public:
     // damaged; the index is then unspecified. Throws what the package throws.
     [[nodiscard]] bool Load(PagedFilePackage& package);
 
-    // Writes the index stream and the header. Throws FileIOException, and what the package throws.
+    // Writes the index stream and the header. Entries may move: pointers to them are then invalid.
+    // Throws FileIOException, and what the package throws.
     void Write(PagedFilePackage& package);
 
 private:

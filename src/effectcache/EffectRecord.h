@@ -13,7 +13,7 @@ constexpr std::uint64_t kShortestName = 1;
 constexpr std::uint64_t kLongestName = 0x10000;
 constexpr std::uint64_t kSmallestEffect = 1;
 constexpr std::uint64_t kLargestEffect = 0x100000;
-constexpr std::uint64_t kMostEffects = 8388608;
+constexpr std::uint64_t kMostEffects = 8388608;  // that a header may state
 
 // The cache's package has at most this many streams, and no higher stream id.
 constexpr std::uint64_t kStreamLimit = 65535;

@@ -14,7 +14,8 @@ namespace Quorvel {
 
 constexpr char kCacheFileName[] = "vornFxoCache.dat";
 
-// How the cache opens its package. The path must outlive the result.
+// How the cache opens its package: with 64 pages in memory, so that a larger save overwrites pages
+// before it commits. The path must outlive the result.
 PagedFilePackageConfig CachePackageConfig(const CStr& path);
 
 // What processes share of a directory's cache: the path of its file, the mutex that keeps other

@@ -39,7 +39,7 @@ std::uint64_t JournalBytes(const PagedFilePackage& package, const EffectIndex& i
     return pages * RollbackJournal::kBytesPerPage;
 }
 
-// The spare pages and the journal together must leave most of the budget.
+// The spare pages must leave most of the budget, from which the journal has already been taken.
 void ReservePages(PagedFilePackage& package, const EffectIndex& index, std::uint64_t bytes,
                   std::uint64_t budget) {
     const std::uint64_t pages =

@@ -14,11 +14,12 @@
 // REQUIRES, for all functions: the file mutex is held, and the index describes the package.
 namespace Quorvel {
 
-// Reads an effect's bytes. False when they are not intact. Throws what OpenDataStream throws.
+// Reads an effect's bytes. False when they can't be read or have another length than the record
+// says. Throws what OpenDataStream throws.
 [[nodiscard]] bool ReadEffect(PagedFilePackage& package, const EffectRecord& record,
                               Tab<unsigned char>& data);
 
-// Adds an effect, replacing the one that had the name. REQUIRES: `hash` is the name's. Throws
+// Adds an effect, after deleting the one that had the name. REQUIRES: `hash` is the name's. Throws
 // FileIOException, OutOfMemoryException, std::bad_alloc.
 void StoreEffect(PagedFilePackage& package, EffectIndex& index, const EffectKey& name,
                  std::uint32_t hash, std::span<const unsigned char> bytes, std::uint32_t permanent,

@@ -36,11 +36,12 @@ namespace Quorvel {
 //
 //   Closed -> Discarded                  OpenCache, called by Create and Load
 //   Closed, Clean, Changed, Discarded
-//                  -> Clean              Create, Load
+//                  -> Clean              Create; Load, through a second package and Swap
 //   Clean -> Changed                     every operation that changes the package
 //   Clean -> Saving                      BeginSave
 //   Saving -> Overwriting                BeforePageWrite, for the first such page
-//   Changed -> Clean                     Commit
+//   Discarded -> Changed -> Clean        inside Create
+//   Changed -> Clean                     Commit, which closes the file and opens it again
 //   Saving -> Overwriting -> Clean       Commit, which removes the journal
 //   Overwriting -> Clean                 the same
 //   Saving, Overwriting -> Closed        Rollback, which restores the old state

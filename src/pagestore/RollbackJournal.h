@@ -24,8 +24,9 @@ struct HeadPageMark {
 // package's, so that a save can be undone if it fails or its process dies.
 //
 //   1. KeepPage gets each page of the committed state before it changes for the first time.
-//   2. Before such a page is written to the package's file, PrepareWrite writes what was kept of it
-//      to the journal. The package then marks its head page, once.
+//   2. Before such a page is written to the package's file, PrepareWrite makes sure that what was
+//      kept of it is in the journal's file. (KeepPage writes there, too, whenever 31 pages have
+//      been kept.) The package then marks its head page, once.
 //   3. When everything is in the file, the head page is written without the mark. From then on the
 //      journal is not needed, and is removed.
 //

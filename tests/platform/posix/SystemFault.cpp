@@ -19,16 +19,18 @@ struct Fault {
     int skipped;
     int failures;
 };
-thread_local constinit Fault fault{};
+thread_local constinit Fault injectedFault{};
 
 bool Fails(SystemCall call) {
-    if (!fault.armed || fault.call != call || fault.failures == 0) { return false; }
-    if (fault.skipped > 0) {
-        --fault.skipped;
+    if (!injectedFault.armed || injectedFault.call != call || injectedFault.failures == 0) {
         return false;
     }
-    --fault.failures;
-    errno = fault.error;
+    if (injectedFault.skipped > 0) {
+        --injectedFault.skipped;
+        return false;
+    }
+    --injectedFault.failures;
+    errno = injectedFault.error;
     return true;
 }
 
@@ -37,7 +39,7 @@ int ErrorOr(SystemCall call) {
     const int before = errno;
     if (Fails(call)) {
         errno = before;
-        return fault.error;
+        return injectedFault.error;
     }
     return 0;
 }
@@ -45,15 +47,15 @@ int ErrorOr(SystemCall call) {
 }  // namespace
 
 SystemFault::SystemFault(SystemCall call, int error, int skipped, int failures) {
-    fault = {true, call, error, skipped, failures};
+    injectedFault = {true, call, error, skipped, failures};
 }
 
 SystemFault::~SystemFault() {
-    fault.armed = false;
+    injectedFault.armed = false;
 }
 
 bool SystemFault::IsSpent() const {
-    return fault.failures == 0;
+    return injectedFault.failures == 0;
 }
 
 }  // namespace Quorvel::Testing

@@ -11,7 +11,8 @@ namespace EffectHost {
 using Bytes = std::vector<unsigned char>;
 
 // What this host caches for an effect: the compiled bytes; how long compiling took, so that a later
-// run knows the time it saved; and whether the effect is permanent, which the cache doesn't report.
+// run knows the time it saved, or 0 if several processes were compiling at once, each of which
+// slows the others down; and whether the effect is permanent, which the cache doesn't report.
 struct CachedEffect {
     std::uint64_t compileMicroseconds = 0;
     Bytes bytes;

@@ -51,6 +51,7 @@ void Conclude(Session& session, Summary summary, const Stopwatch& run, const Opt
     summary.wallTime = run.Microseconds();
     Print(summary, options, out);
     if (problem) { std::rethrow_exception(problem); }
+    if (!summary.broken.empty()) { throw Failure(ExitCode::CompileError, BrokenText(summary)); }
 }
 
 void RunAlone(const Options& options, const EffectLibrary& library, const Stopwatch& run,
@@ -84,6 +85,7 @@ void RunGroup(const Options& options, const EffectLibrary& library, const Stopwa
 
     const ShaderCompiler compiler;
     Session session(options, library, compiler);
+    session.SkipBroken(summary);
     Conclude(session, summary, run, options, out);
 }
 

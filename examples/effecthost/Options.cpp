@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 
 #include "Failure.h"
 #include "Paths.h"
@@ -27,7 +28,7 @@ constexpr const char* kExitCodes =
     "  2  bad command line\n"
     "  3  the effects folder is missing, empty or has a malformed effect\n"
     "  4  the cache directory does not exist, or can't be reached\n"
-    "  5  an effect does not compile\n"
+    "  5  an effect does not compile; with --keep-going, after all others have been cached\n"
     "  6  the cache can't be used, or its file lacks effects at the end\n"
     "  7  the cached bytes of an effect differ from the compiler's\n"
     "  8  one of several processes could not be started, or was killed\n"
@@ -63,6 +64,8 @@ void AddWhatToDo(CLI::App& app, Options& options) {
         ->take_all()
         ->allow_extra_args(false)
         ->type_name("PATTERN");
+    app.add_flag("--keep-going", options.keepGoing,
+                 "Go on past effects that do not compile, and report them at the end");
 }
 
 void AddWhatToReport(CLI::App& app, Options& options) {
@@ -96,6 +99,16 @@ std::size_t NumberOr(const CLI::Option& option, std::size_t notGiven, std::size_
     return text.empty() || text == "true" ? withoutNumber : option.as<std::size_t>();
 }
 
+// What is wrong with the command line. A word that is not known is named first: CLI11 reports that
+// something else is missing before it looks for such words.
+std::string ProblemOf(const CLI::App& app, const CLI::ParseError& error) {
+    const std::vector<std::string> unknown = app.remaining();
+    const auto option = std::find_if(unknown.begin(), unknown.end(),
+                                     [](const auto& word) { return word.starts_with('-'); });
+    if (option != unknown.end()) { return fmt::format("unknown option {}", *option); }
+    return unknown.empty() ? error.what() : fmt::format("unknown argument {}", unknown.front());
+}
+
 }  // namespace
 
 std::optional<Options> ParseOptions(const std::vector<std::string>& words,
@@ -113,6 +126,7 @@ std::optional<Options> ParseOptions(const std::vector<std::string>& words,
         app, "--verify",
         "At the end, recompile N effects (20 without N) and compare them with the cached bytes");
     AddWhatToReport(app, options);
+    app.set_version_flag("--version", "effecthost " EFFECTHOST_VERSION);
 
     try {
         // parse() takes the words in reverse order, without the program's name.
@@ -123,8 +137,11 @@ std::optional<Options> ParseOptions(const std::vector<std::string>& words,
     } catch (const CLI::CallForHelp&) {
         out << app.help();
         return std::nullopt;
+    } catch (const CLI::CallForVersion& version) {
+        out << version.what() << '\n';
+        return std::nullopt;
     } catch (const CLI::ParseError& error) {
-        throw Failure(ExitCode::BadUsage, std::string(error.what()) + " (--help explains)");
+        throw Failure(ExitCode::BadUsage, ProblemOf(app, error) + " (--help explains)");
     }
     return options;
 }
@@ -135,6 +152,7 @@ std::vector<std::string> WorkerArguments(const Options& options, std::size_t sta
                                        "--start",      std::to_string(start),
                                        "--force-save", std::to_string(options.saveEvery),
                                        "--worker"};
+    if (options.keepGoing) { arguments.push_back("--keep-going"); }
     for (const std::string& pattern : options.permanent) {
         arguments.insert(arguments.end(), {"--permanent", pattern});
     }

@@ -19,13 +19,14 @@ struct Options {
     std::size_t verify = 0;              // effects to recompile and compare
     std::vector<std::string> permanent;  // patterns of effect names
     std::filesystem::path listing;       // empty for none
+    bool keepGoing = false;              // past effects that do not compile
     bool quiet = false;
     bool json = false;
     bool worker = false;  // one of several processes, whose parent checks the cache
 };
 
-// Reads the words of the command line, the program's name first. When they ask for help, prints it
-// to out and returns nothing. Throws Failure(BadUsage).
+// Reads the words of the command line, the program's name first. When they ask for help or
+// the version, prints it to out and returns nothing. Throws Failure(BadUsage).
 std::optional<Options> ParseOptions(const std::vector<std::string>& words,
                                     const std::filesystem::path& defaultEffects, std::ostream& out);
 

@@ -7,6 +7,8 @@
 #include <sstream>
 #include <utility>
 
+#include "Stopwatch.h"
+
 namespace EffectHost {
 
 namespace {
@@ -27,10 +29,22 @@ std::string BarText(std::size_t done, std::size_t total, const std::string& text
     return fmt::format("[{:#<{}}{:{}}] {}", "", filled, "", width - filled, text);
 }
 
+// "45 s", "3 min".
+std::string RoughTime(double seconds) {
+    constexpr double kMostSeconds = 120;
+    return seconds < kMostSeconds ? fmt::format("{:.0f} s", seconds)
+                                  : fmt::format("{:.0f} min", seconds / 60);
+}
+
 }  // namespace
 
-Progress::Progress(std::ostream& out, ProgressStyle style, std::size_t total, std::size_t width)
-    : out_(out), style_(style), total_(total), width_(width) {}
+Progress::Progress(std::ostream& out, ProgressStyle style, std::size_t total, std::size_t width,
+                   Clock clock)
+    : out_(out), style_(style), total_(total), width_(width), clock_(std::move(clock)) {
+    if (!clock_) {
+        clock_ = [watch = Stopwatch()] { return watch.Elapsed(); };
+    }
+}
 
 Progress::~Progress() {
     if (lineIsOpen_) { out_ << std::endl; }
@@ -61,7 +75,7 @@ bool Progress::IsTimeToDraw() {
 
 // Leaves the last column free: some terminals move to the next line when it is filled.
 void Progress::DrawBar() {
-    const std::string text = fmt::format("{}/{}, {} compiled", done_, total_, compiled_);
+    const std::string text = fmt::format("{}/{}, {} compiled{}", done_, total_, compiled_, Rate());
     lineIsOpen_ = done_ < total_;
     out_ << fmt::format("\r{}{}", BarText(done_, total_, text, width_ - 1), lineIsOpen_ ? "" : "\n")
          << std::flush;
@@ -69,9 +83,19 @@ void Progress::DrawBar() {
 
 void Progress::PrintLine(std::size_t doneBefore) {
     if (done_ * kLines / total_ != doneBefore * kLines / total_) {
-        out_ << fmt::format("{} of {} effects, {} compiled\n", done_, total_, compiled_)
+        out_ << fmt::format("{} of {} effects, {} compiled{}\n", done_, total_, compiled_, Rate())
              << std::flush;
     }
+}
+
+// ", 98 a second, 5 s left". Empty in the first second, which says little about the rate.
+std::string Progress::Rate() const {
+    const double seconds = std::chrono::duration<double>(clock_()).count();
+    if (seconds < 1 || done_ == 0) { return {}; }
+    const double rate = static_cast<double>(done_) / seconds;
+    const std::string text = fmt::format(", {:.{}f} a second", rate, rate < 10 ? 1 : 0);
+    if (done_ >= total_) { return text; }
+    return text + fmt::format(", {} left", RoughTime(static_cast<double>(total_ - done_) / rate));
 }
 
 void Progress::PrintReport() {

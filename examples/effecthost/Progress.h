@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <iosfwd>
 #include <optional>
 #include <string>
@@ -20,9 +21,12 @@ constexpr std::size_t kUsualWidth = 80;
 // Shows the progress of a run.
 class Progress {
 public:
-    // The bar fits into width columns.
+    // Returns the time since the work began.
+    using Clock = std::function<std::chrono::nanoseconds()>;
+
+    // The bar fits into width columns. Without a clock, the work begins now.
     Progress(std::ostream& out, ProgressStyle style, std::size_t total,
-             std::size_t width = kUsualWidth);
+             std::size_t width = kUsualWidth, Clock clock = {});
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
@@ -40,11 +44,13 @@ private:
     void DrawBar();
     void PrintLine(std::size_t doneBefore);
     void PrintReport();
+    std::string Rate() const;
 
     std::ostream& out_;
     ProgressStyle style_;
     std::size_t total_;
     std::size_t width_;
+    Clock clock_;
     std::size_t done_ = 0;
     std::size_t compiled_ = 0;
     bool lineIsOpen_ = false;

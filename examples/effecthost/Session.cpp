@@ -55,18 +55,19 @@ bool Session::GetEffect(std::size_t index) {
     const EffectVariant& variant = library_.variants[index];
     const std::string name = EffectName(variant, compiler_.Identity());
     CachedEffect effect;
-    switch (cache_.Find(name, effect)) {
-        case HostCache::Result::Found:
-            UseFound(name, effect);
-            return false;
-        case HostCache::Result::Missing:
-            ++summary_.misses;
-            break;
-        case HostCache::Result::Damaged:
-            ++summary_.damaged;
-            break;
+    const HostCache::Result found = cache_.Find(name, effect);
+    if (found == HostCache::Result::Found) {
+        UseFound(name, effect);
+        return false;
     }
-    CompileAndStore(variant, name);
+    try {
+        CompileAndStore(variant, name);
+    } catch (const Failure& failure) {
+        if (failure.Code() != ExitCode::CompileError || !options_.keepGoing) { throw; }
+        summary_.broken[index] = failure.what();
+        return false;
+    }
+    ++(found == HostCache::Result::Damaged ? summary_.damaged : summary_.misses);
     summary_.compiledEffects.push_back(index);
     return true;
 }
@@ -75,6 +76,7 @@ bool Session::GetEffect(std::size_t index) {
 void Session::UseFound(const std::string& name, CachedEffect& effect) {
     ++summary_.hits;
     summary_.sparedTime += effect.compileMicroseconds;
+    summary_.untimed += effect.compileMicroseconds == 0 ? 1 : 0;
     if (!effect.permanent && IsPermanent(name)) {
         effect.permanent = true;
         cache_.Store(name, effect);
@@ -90,7 +92,7 @@ void Session::CompileAndStore(const EffectVariant& variant, const std::string& n
         const TimedScope one(time);
         effect.bytes = compiler_.Compile(variant);
     }
-    effect.compileMicroseconds = time.Microseconds();
+    effect.compileMicroseconds = options_.worker ? 0 : time.Microseconds();
     effect.permanent = IsPermanent(name);
     cache_.Store(name, effect);
 }
@@ -108,12 +110,20 @@ bool Session::IsPermanent(const std::string& name) const {
                        [&](const std::string& pattern) { return MatchesPattern(pattern, name); });
 }
 
+std::vector<const EffectVariant*> Session::Whole() const {
+    std::vector<const EffectVariant*> whole;
+    for (std::size_t i = 0; i < library_.variants.size(); ++i) {
+        if (!summary_.broken.contains(i)) { whole.push_back(&library_.variants[i]); }
+    }
+    return whole;
+}
+
 void Session::RequireAllSaved() {
     const TimedScope watch(checkTime_);
     std::size_t missing = 0;
     std::string example;
-    for (const EffectVariant& variant : library_.variants) {
-        const std::string name = EffectName(variant, compiler_.Identity());
+    for (const EffectVariant* variant : Whole()) {
+        const std::string name = EffectName(*variant, compiler_.Identity());
         CachedEffect effect;
         if (cache_.Find(name, effect) == HostCache::Result::Missing && ++missing == 1) {
             example = name.substr(0, kShownName);
@@ -128,13 +138,14 @@ void Session::RequireAllSaved() {
 
 void Session::Verify(std::size_t count) {
     const TimedScope watch(checkTime_);
-    const std::size_t total = library_.variants.size();
+    const std::vector<const EffectVariant*> whole = Whole();
+    const std::size_t total = whole.size();
     count = std::min(count, total);
     for (std::size_t i = 0; i < count; ++i) {
         if (StopRequested()) {
             throw Failure(ExitCode::Interrupted, "stopped while verifying; all effects are saved");
         }
-        const EffectVariant& variant = library_.variants[i * total / count];
+        const EffectVariant& variant = *whole[i * total / count];
         summary_.verified += IsSame(variant, EffectName(variant, compiler_.Identity())) ? 1 : 0;
     }
     if (summary_.verified < count) {

@@ -14,17 +14,20 @@ class Session {
 public:
     Session(const Options& options, const EffectLibrary& library, const ShaderCompiler& compiler);
 
-    // Does all the work and saves. Throws Failure: CompileError, UnusableCache, or Interrupted,
-    // after saving, when asked to stop.
+    // Does all the work and saves. Throws Failure: CompileError, unless it is to keep going;
+    // UnusableCache; or Interrupted, after saving, when asked to stop.
     void GetAllEffects(Progress& progress);
 
-    // Looks up every effect again. Throws Failure(UnusableCache) when some are missing: the cache
-    // silently drops effects when its volume has no room.
+    // Takes note of effects that other processes could not compile.
+    void SkipBroken(const Summary& others) { summary_.broken = others.broken; }
+
+    // Looks up every effect again, except broken ones. Throws Failure(UnusableCache) when some are
+    // missing: the cache silently drops effects when its volume has no room.
     void RequireAllSaved();
 
-    // Recompiles a number of effects, spread evenly over the library, and compares the bytes with
-    // those from the cache. Throws Failure: VerificationFailed at the first difference,
-    // UnusableCache when the cache no longer has all of them, or Interrupted.
+    // Recompiles a number of effects, spread evenly over those that are not broken, and compares
+    // the bytes with those from the cache. Throws Failure: VerificationFailed at the first
+    // difference, UnusableCache when the cache no longer has all of them, or Interrupted.
     void Verify(std::size_t count);
 
     HostCache& Cache() { return cache_; }
@@ -34,6 +37,7 @@ public:
 
 private:
     bool GetEffect(std::size_t index);
+    std::vector<const EffectVariant*> Whole() const;
     void UseFound(const std::string& name, CachedEffect& effect);
     void CompileAndStore(const EffectVariant& variant, const std::string& name);
     void KeepTimes();

@@ -5,13 +5,14 @@
 #include <algorithm>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <set>
 
 namespace EffectHost {
 
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Summary, sources, effects, processes, hits, misses, damaged,
                                    verified, madePermanent, effectsInFile, mostCompilations,
                                    wallTime, compileTime, openTime, searchTime, storeTime,
-                                   checkTime, sparedTime, compiledEffects)
+                                   checkTime, sparedTime, compiledEffects, untimed, broken)
 
 namespace {
 
@@ -30,6 +31,12 @@ std::size_t MostFrequent(const std::vector<std::size_t>& effects) {
 std::string SpeedText(const Summary& summary) {
     const std::uint64_t gettingTime = summary.openTime + summary.searchTime;
     if (summary.hits < summary.effects || gettingTime == 0 || summary.processes > 1) { return {}; }
+    if (summary.untimed > 0) {
+        return fmt::format(
+            "speed      got from the cache in {}; no comparison with compiling, because several "
+            "processes at once compiled {} of {} effects\n",
+            FormatTime(gettingTime), summary.untimed, summary.effects);
+    }
     const double factor =
         static_cast<double>(summary.sparedTime) / static_cast<double>(gettingTime);
     return fmt::format(
@@ -65,6 +72,7 @@ std::string TimesOver(std::size_t count) {
 
 void AddProcess(Summary& sum, const Summary& process) {
     sum.hits += process.hits;
+    sum.untimed += process.untimed;
     sum.misses += process.misses;
     sum.damaged += process.damaged;
     sum.madePermanent += process.madePermanent;
@@ -76,6 +84,7 @@ void AddProcess(Summary& sum, const Summary& process) {
     sum.compiledEffects.insert(sum.compiledEffects.end(), process.compiledEffects.begin(),
                                process.compiledEffects.end());
     sum.mostCompilations = MostFrequent(sum.compiledEffects);
+    sum.broken.insert(process.broken.begin(), process.broken.end());
 }
 
 std::string ToJson(const Summary& summary) {
@@ -99,6 +108,9 @@ std::string ToText(const Summary& summary) {
         text +=
             fmt::format("compiled   no effect more than {}\n", TimesOver(summary.mostCompilations));
     }
+    if (!summary.broken.empty()) {
+        text += fmt::format("broken     {} do not compile\n", summary.broken.size());
+    }
     if (summary.damaged > 0) {
         text += fmt::format("damaged    {}, compiled again\n", summary.damaged);
     }
@@ -109,6 +121,17 @@ std::string ToText(const Summary& summary) {
         text += fmt::format("verified   {} recompiled to the same bytes\n", summary.verified);
     }
     return text + SpeedText(summary) + TimesText(summary);
+}
+
+std::string BrokenText(const Summary& summary) {
+    std::string text =
+        fmt::format("{} of {} effects do not compile", summary.broken.size(), summary.effects);
+    std::set<std::string_view> shown;
+    for (const auto& [number, message] : summary.broken) {
+        const std::string_view words = std::string_view(message).substr(message.find('\n') + 1);
+        if (shown.insert(words).second) { text += "\n" + message; }
+    }
+    return text;
 }
 
 std::string FormatTime(std::uint64_t microseconds) {

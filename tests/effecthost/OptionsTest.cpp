@@ -11,6 +11,8 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
+using ::testing::StartsWith;
 
 std::optional<Options> Parse(std::vector<std::string> words, std::ostream& out) {
     words.insert(words.begin(), "effecthost");
@@ -56,10 +58,31 @@ TEST(Options, PermanentPatternsAccumulate) {
 TEST(Options, HelpIsPrintedAndEndsTheRun) {
     std::ostringstream out;
     EXPECT_FALSE(Parse({"--help"}, out));
-    for (const char* word : {"--cache", "--effects", "--processes", "--force-save", "--list",
-                             "--permanent", "--verify", "--quiet", "--json", "Exit codes"}) {
+    for (const char* word :
+         {"--cache", "--effects", "--processes", "--force-save", "--list", "--permanent",
+          "--keep-going", "--version", "--verify", "--quiet", "--json", "Exit codes"}) {
         EXPECT_THAT(out.str(), HasSubstr(word));
     }
+}
+
+TEST(Options, TheVersionIsPrintedAndEndsTheRun) {
+    std::ostringstream out;
+    EXPECT_FALSE(Parse({"--version"}, out));
+    EXPECT_THAT(out.str(), MatchesRegex("effecthost [0-9]+\\.[0-9]+\\.[0-9]+\n"));
+}
+
+TEST(Options, AnUnknownOptionIsNamedWhateverElseIsMissing) {
+    const std::vector<std::vector<std::string>> lines = {
+        {"--wat"}, {"--cache", "c", "--wat"}, {"stray", "--wat", "7"}, {"--wat=7"}};
+    for (const auto& line : lines) {
+        EXPECT_THAT(FailureOf(ExitCode::BadUsage, [&] { Parse(line); }),
+                    StartsWith("unknown option --wat"));
+    }
+    EXPECT_THAT(FailureOf(ExitCode::BadUsage,
+                          [] {
+                              Parse({"--cache", "c", "stray"});
+                          }),
+                StartsWith("unknown argument stray"));
 }
 
 TEST(Options, BadCommandLinesAreRefused) {
@@ -94,7 +117,7 @@ TEST(Options, AWordThatIsNotANumberIsNamedInAShortMessage) {
 
 TEST(Options, AWorkerGetsTheSameWorkWithADifferentStart) {
     const Options options = Parse({"--cache", "c", "--effects", "e", "--processes", "2",
-                                   "--permanent", "p*", "--verify", "--list", "l"});
+                                   "--permanent", "p*", "--verify", "--list", "l", "--keep-going"});
     const Options worker = Parse(WorkerArguments(options, 7));
     EXPECT_EQ(worker.cacheDirectory, "c");
     EXPECT_EQ(worker.effectsFolder, "e");
@@ -103,6 +126,7 @@ TEST(Options, AWorkerGetsTheSameWorkWithADifferentStart) {
     EXPECT_EQ(worker.saveEvery, 16u);
     EXPECT_THAT(worker.permanent, ElementsAre("p*"));
     EXPECT_TRUE(worker.worker);
+    EXPECT_TRUE(worker.keepGoing);
     EXPECT_EQ(worker.verify, 0u);
     EXPECT_TRUE(worker.listing.empty());
 }

@@ -306,6 +306,33 @@ TEST_F(Program, AnEffectThatDoesNotCompileIsExitCode5WithItsLocation) {
     EXPECT_THAT(result.output, HasSubstr(":5:"));
 }
 
+TEST_F(Program, KeepGoingCachesEverythingElseAndReturnsExitCode5AfterTheSummary) {
+    Write("broken.hlsl",
+          "//@ axis DEPTH 1 2\n//@ program BrokenMain ps_4_0 DEPTH\n"
+          "float4 BrokenMain() : SV_Target\n{\n    return unheardOf;\n}\n");
+    for (const std::vector<std::string>& more :
+         {std::vector<std::string>{"--processes", "2"}, {"--verify"}, {}}) {
+        std::vector<std::string> arguments = {"--keep-going"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        const Result result = Run(arguments);
+        EXPECT_EQ(result.exitCode, 5);
+        EXPECT_THAT(result.output, HasSubstr("effects    5 from 2 sources, 3 in the cache file"));
+        EXPECT_THAT(result.output, HasSubstr("broken     2 do not compile"));
+        EXPECT_THAT(result.output, HasSubstr("effecthost: 2 of 5 effects do not compile\n"
+                                             "broken.hlsl does not compile: entry point"));
+        EXPECT_EQ(result.output.find("unheardOf"), result.output.rfind("unheardOf"));
+    }
+    std::filesystem::remove(effects_ / "broken.hlsl");
+    EXPECT_EQ(RunForSummary({"--keep-going"}).hits, kEffectVariants);
+}
+
+TEST_F(Program, EffectsCompiledBySeveralProcessesAtOnceGiveNoFactor) {
+    RunForSummary({"--processes", "2"});
+    const Result warm = Run();
+    EXPECT_THAT(warm.output, HasSubstr("several processes at once compiled 3 of 3 effects"));
+    EXPECT_THAT(warm.output, Not(HasSubstr("faster")));
+}
+
 TEST_F(Program, AProfileThatTheCompilerDoesNotKnowIsExitCode5) {
     for (const char* profile : {"zs_9_9", "ps_9_7", "ps_4", "cs_5_0", "gs_4_0"}) {
         Write("strange.hlsl", fmt::format("//@ program Main {}\n"

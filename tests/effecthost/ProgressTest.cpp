@@ -12,9 +12,16 @@ using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
+// A clock that stands still.
+Progress::Clock After(std::chrono::nanoseconds time) {
+    return [time] { return time; };
+}
+
+const Progress::Clock kNoTime = After(std::chrono::nanoseconds(0));
+
 std::string Shown(ProgressStyle style, std::size_t total) {
     std::ostringstream out;
-    Progress progress(out, style, total);
+    Progress progress(out, style, total, kUsualWidth, kNoTime);
     for (std::size_t i = 0; i < total; ++i) {
         progress.Advance(i % 2 == 0);
     }
@@ -37,7 +44,7 @@ TEST(Progress, ABarEndsFullAndWithALineBreak) {
 TEST(Progress, AnUnfinishedBarEndsItsLine) {
     std::ostringstream out;
     {
-        Progress progress(out, ProgressStyle::Bar, 3);
+        Progress progress(out, ProgressStyle::Bar, 3, kUsualWidth, kNoTime);
         progress.Advance(true);
     }
     EXPECT_THAT(out.str(), EndsWith("1/3, 1 compiled\n"));
@@ -46,7 +53,7 @@ TEST(Progress, AnUnfinishedBarEndsItsLine) {
 TEST(Progress, ABarLeavesTheLastColumnOfANarrowTerminalFree) {
     for (const std::size_t width : {64u, 40u, 30u, 20u, 10u}) {
         std::ostringstream out;
-        Progress(out, ProgressStyle::Bar, 1000, width).Show(999, 999);
+        Progress(out, ProgressStyle::Bar, 1000, width, After(std::chrono::hours(1))).Show(999, 999);
         const std::string text = out.str();
         ASSERT_THAT(text, StartsWith("\r"));
         EXPECT_LE(text.size() - 2, width - 1) << text;  // without \r and \n
@@ -56,10 +63,31 @@ TEST(Progress, ABarLeavesTheLastColumnOfANarrowTerminalFree) {
 
 TEST(Progress, SeveralStepsAtOncePrintOneLine) {
     std::ostringstream out;
-    Progress progress(out, ProgressStyle::Lines, 100);
+    Progress progress(out, ProgressStyle::Lines, 100, kUsualWidth, kNoTime);
     progress.Show(35, 20);
     progress.Show(35, 20);
     EXPECT_EQ(out.str(), "35 of 100 effects, 20 compiled\n");
+}
+
+TEST(Progress, TheRateAndTheTimeLeftAreShownAfterTheFirstSecond) {
+    using namespace std::chrono_literals;
+    struct Case {
+        std::chrono::nanoseconds elapsed;
+        std::size_t done;
+        const char* line;
+    };
+    const Case cases[] = {
+        {999ms, 100, "100 of 1000 effects, 7 compiled\n"},
+        {1s, 100, "100 of 1000 effects, 7 compiled, 100 a second, 9 s left\n"},
+        {200s, 500, "500 of 1000 effects, 7 compiled, 2.5 a second, 3 min left\n"},
+        {10s, 1000, "1000 of 1000 effects, 7 compiled, 100 a second\n"},
+    };
+    for (const Case& each : cases) {
+        std::ostringstream out;
+        Progress(out, ProgressStyle::Lines, 1000, kUsualWidth, After(each.elapsed))
+            .Show(each.done, 7);
+        EXPECT_EQ(out.str(), each.line);
+    }
 }
 
 TEST(Progress, AReportIsParsedAndOtherLinesAreNot) {

@@ -25,6 +25,7 @@ Summary SomeSummary() {
     summary.storeTime = 3;
     summary.sparedTime = 3000;
     summary.compiledEffects = {0, 4};
+    summary.broken = {{2, "a.hlsl does not compile: x\nwat"}};
     return summary;
 }
 
@@ -36,6 +37,7 @@ TEST(Summary, JsonIsOneLineAndKeepsEverything) {
     const Summary back = FromJson(line);
     EXPECT_EQ(back.sparedTime, 3000u);
     EXPECT_EQ(back.compiledEffects, summary.compiledEffects);
+    EXPECT_EQ(back.broken, summary.broken);
 }
 
 TEST(Summary, TextThatIsNotASummaryIsRefused) {
@@ -48,6 +50,7 @@ TEST(Summary, ProcessesAddUpAndTheMostCompiledEffectIsCounted) {
     Summary process = SomeSummary();
     AddProcess(sum, process);
     process.compiledEffects = {4, 2};
+    process.broken = {{2, "the same"}, {3, "another"}};
     AddProcess(sum, process);
     EXPECT_EQ(sum.hits, 6u);
     EXPECT_EQ(sum.misses, 2u);
@@ -56,6 +59,7 @@ TEST(Summary, ProcessesAddUpAndTheMostCompiledEffectIsCounted) {
     EXPECT_EQ(sum.CacheTime(), 12u);
     EXPECT_EQ(sum.sparedTime, 6000u);
     EXPECT_EQ(sum.mostCompilations, 2u);
+    EXPECT_EQ(sum.broken.size(), 2u);
 }
 
 // The summary of a single process that found every effect.
@@ -84,6 +88,25 @@ TEST(Summary, TheTextMakesNoComparisonAfterCompilingOrForSeveralProcesses) {
     Summary summary = WarmSummary();
     summary.processes = 2;
     EXPECT_THAT(ToText(summary), Not(HasSubstr("faster")));
+}
+
+TEST(Summary, TheTextMakesNoComparisonWithTimesOfProcessesThatSlowedEachOtherDown) {
+    Summary summary = WarmSummary();
+    summary.untimed = 1;
+    const std::string text = ToText(summary);
+    EXPECT_THAT(text, HasSubstr("several processes at once compiled 1 of 5 effects"));
+    EXPECT_THAT(text, Not(HasSubstr("faster")));
+}
+
+TEST(Summary, BrokenEffectsWithTheSameMessageAreShownOnce) {
+    Summary summary = SomeSummary();
+    summary.broken = {{1, "a.hlsl does not compile: macros A=1\nwat"},
+                      {2, "a.hlsl does not compile: macros A=2\nwat"},
+                      {3, "b.hlsl does not compile: no macros\nhm"}};
+    EXPECT_EQ(BrokenText(summary),
+              "3 of 5 effects do not compile\na.hlsl does not compile: macros A=1\nwat\n"
+              "b.hlsl does not compile: no macros\nhm");
+    EXPECT_THAT(ToText(summary), HasSubstr("broken     3 do not compile\n"));
 }
 
 TEST(Summary, TheTimesOfARunAddUp) {

@@ -7,22 +7,25 @@
 
 namespace Quorvel {
 
-// Holds a MutexObject for the length of a scope.
-//
-// A wait that returned kWaitAbandoned counts as not acquired: the guard does not release the mutex,
-// although the calling thread may now hold it. A wait that timed out counts as acquired: the guard
-// calls Release, which does nothing.
+/// Holds a MutexObject for the length of a scope.
+///
+/// A wait that returned #kWaitAbandoned counts as not acquired: the guard does not release the
+/// mutex, although the calling thread may now hold it. A wait that timed out counts as acquired:
+/// the guard calls MutexObject::Release, which does nothing.
 class QUORVEL_API AutoMutex {
 public:
-    // Acquires mutex, waiting up to timeout milliseconds. The mutex must outlive the guard.
+    /// Acquires a mutex.
+    ///
+    /// @param mutex    Must outlive the guard.
+    /// @param timeout  The longest wait in milliseconds, or #kWaitForever.
     AutoMutex(MutexObject& mutex, std::uint32_t timeout);
     AutoMutex(const AutoMutex&) = delete;
     AutoMutex& operator=(const AutoMutex&) = delete;
 
-    // Releases the mutex unless the wait returned kWaitAbandoned.
+    /// Releases the mutex unless the wait returned #kWaitAbandoned.
     ~AutoMutex();
 
-    // The result of MutexObject::Acquire.
+    /// @return The result of MutexObject::Acquire.
     std::uint32_t WaitResult() const { return waitResult_; }
 
 private:

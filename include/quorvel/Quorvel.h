@@ -1,6 +1,11 @@
 #pragma once
 
-// The whole exported interface.
+/// @file
+/// The whole exported interface.
+
+/// @namespace Quorvel
+/// The C++ interface. A host includes Quorvel.h and links the library.
+
 #include "quorvel/AutoMutex.h"
 #include "quorvel/EffectCacheSystem.h"
 #include "quorvel/Exceptions.h"

@@ -6,13 +6,15 @@
 
 namespace Quorvel {
 
-// A switch that hosts keep beside their effects. A new one is enabled and has an empty reference.
+/// A switch that hosts keep beside their effects. It has nothing to do with the effect cache or
+/// with packages: the library never looks at it.
 class QUORVEL_API VertexNormalsControl {
 public:
+    /// On, with an empty reference.
     VertexNormalsControl();
 
-    bool enabled;
-    Util::RefPtr<Util::IRefObject> reference;
+    bool enabled;                              ///< the switch
+    Util::RefPtr<Util::IRefObject> reference;  ///< what the host attaches to it
 };
 
 }  // namespace Quorvel

@@ -91,8 +91,8 @@ public:
     void Sync(const Lock& lock, EffectIndex& index) noexcept;
 
     // Reads an effect's bytes. False when they can't be read, have another length than the record
-    // says, or the cache is inert. REQUIRES: Sync was called under this lock, and the record belongs
-    // to its index.
+    // says, or the cache is inert. REQUIRES: Sync was called under this lock, and the record
+    // belongs to its index.
     [[nodiscard]] bool Read(const Lock& lock, const EffectRecord& record, Tab<unsigned char>& data);
 
     // Syncs, then moves the queue's effects into the file, evicting others to make room and to free

@@ -89,8 +89,9 @@ public:
     /// A file holds at most 65534 effects: a save that would exceed this evicts others in the same
     /// way. If permanent effects leave too little, it drops the effects that were queued last.
     ///
-    /// If the save fails, the queued effects are lost and the cache becomes inert. The file keeps
-    /// what was saved before, and the caches of other processes go on.
+    /// If the save fails, for example because the volume fills up while it runs, the queued effects
+    /// are lost and the cache becomes inert. The file keeps what was saved before, and the caches of
+    /// other processes go on.
     void ForceSaveToFile();
 
     /// Writes one line per saved effect to a text file, ordered by name length, then by name:

@@ -229,7 +229,7 @@ private:
             return;
         }
         std::vector<Entry*> merged;
-        merged.reserve(sorted_.size() + added_.size());
+        merged.reserve(sorted_.size() + added_.size());  // mutation: only saves copying
         auto rest = sorted_.cbegin();
         for (Entry* const entry : added_) {
             const auto place = std::upper_bound(rest, sorted_.cend(), entry, IsBefore);

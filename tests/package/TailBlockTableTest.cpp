@@ -190,6 +190,13 @@ TEST(TailBlockTable, RefusesToPlaceATailInsideWhichAnotherBegins) {
     EXPECT_TRUE(table.Place(2, 0, 100));
 }
 
+TEST(TailBlockTable, RefusesToPlaceATailWhereAnEmptyOneBegins) {
+    TailBlockTable table = WithFragment(65036, 500, 0);
+    EXPECT_FALSE(table.Place(2, 0, 1));
+    table = WithFragment(65036, 499, 0);
+    EXPECT_TRUE(table.Place(2, 0, 1));
+}
+
 TEST(TailBlockTable, ChecksOverlapsOnlyWithTailsOfTheSameBlock) {
     TailBlockTable table = WithFragment(65536, 0, 100);
     EXPECT_FALSE(table.Place(2, 0, 50));

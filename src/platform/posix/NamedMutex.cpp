@@ -181,9 +181,8 @@ private:
     int WaitFor(std::uint32_t milliseconds) {
         timespec deadline{};
         ::clock_gettime(CLOCK_REALTIME, &deadline);
-        const long nanoseconds =
-            deadline.tv_nsec + static_cast<long>(milliseconds % 1000) * 1'000'000;
-        deadline.tv_sec += static_cast<time_t>(milliseconds / 1000) + nanoseconds / 1'000'000'000;
+        const long nanoseconds = deadline.tv_nsec + static_cast<long>(milliseconds) * 1'000'000;
+        deadline.tv_sec += nanoseconds / 1'000'000'000;
         deadline.tv_nsec = nanoseconds % 1'000'000'000;
         return ::pthread_mutex_timedlock(native_, &deadline);
     }

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "quorvel/Version.h"
+
 namespace Quorvel::C {
 
 namespace {
@@ -79,5 +81,5 @@ uint32_t quorvel_last_system_error(void) {
 }
 
 const char* quorvel_version(void) {
-    return QUORVEL_PROJECT_VERSION;
+    return QUORVEL_VERSION;
 }

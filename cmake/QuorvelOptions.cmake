@@ -1,13 +1,15 @@
 # Options and the compile settings that every target of this tree shares.
-set(whole_tree ${PROJECT_IS_TOP_LEVEL})
+set(build_tools ${PROJECT_IS_TOP_LEVEL})
 if(MSVC)
-    # The tests replace functions in a way that only GNU linkers support, and the programs need
-    # libraries of a Linux distribution.
-    set(whole_tree OFF)
+    # The program needs libraries of a Linux distribution.
+    set(build_tools OFF)
 endif()
-option(QUORVEL_BUILD_TESTS "Build the test programs" ${whole_tree})
-option(QUORVEL_BUILD_TOOLS "Build the command line tools" ${whole_tree})
-option(QUORVEL_BUILD_EXAMPLES "Build the example host application" ${whole_tree})
+if(PROJECT_IS_TOP_LEVEL)
+    option(BUILD_SHARED_LIBS "Build shared libraries; OFF builds static ones" ON)
+endif()
+option(QUORVEL_BUILD_TOOLS "Build the program quorvel" ${build_tools})
+option(QUORVEL_BUILD_TESTS "Build the test programs" OFF)
+option(QUORVEL_BUILD_EXAMPLES "Build the example host application" OFF)
 option(QUORVEL_BUILD_BENCHMARKS "Build the benchmarks" OFF)
 option(QUORVEL_BUILD_FUZZERS "Build the fuzzing harnesses (clang, preset fuzz)" OFF)
 option(QUORVEL_WARNINGS_AS_ERRORS "Treat compiler warnings as errors" OFF)
@@ -82,6 +84,26 @@ function(quorvel_unity_build target)
     endif()
 endfunction()
 
+# <quorvel/Version.h>
+configure_file(${PROJECT_SOURCE_DIR}/include/quorvel/Version.h.in
+    ${PROJECT_BINARY_DIR}/include/quorvel/Version.h @ONLY)
+
+# quorvel_version_resource(TARGET DESCRIPTION): what Windows shows in the properties of the file.
+function(quorvel_version_resource target description)
+    get_target_property(type ${target} TYPE)
+    if(NOT WIN32 OR type STREQUAL STATIC_LIBRARY)
+        return()
+    endif()
+    set(file_type 2)
+    if(type STREQUAL EXECUTABLE)
+        set(file_type 1)
+    endif()
+    string(REPLACE . , numbers ${PROJECT_VERSION})
+    set(resource ${CMAKE_CURRENT_BINARY_DIR}/${target}_version.rc)
+    configure_file(${PROJECT_SOURCE_DIR}/cmake/Version_win32.rc.in ${resource} @ONLY)
+    target_sources(${target} PRIVATE ${resource})
+endfunction()
+
 if(WIN32)
     set(QUORVEL_PLATFORM win32)
 else()
@@ -94,5 +116,6 @@ if(MINGW)
         execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=${runtime}
                         OUTPUT_VARIABLE path OUTPUT_STRIP_TRAILING_WHITESPACE)
         configure_file(${path} ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/${runtime} COPYONLY)
+        list(APPEND QUORVEL_RUNTIME_DLLS ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/${runtime})
     endforeach()
 endif()

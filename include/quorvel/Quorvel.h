@@ -16,4 +16,5 @@
 #include "quorvel/MultiProcessTimeStamp.h"
 #include "quorvel/MutexObject.h"
 #include "quorvel/PagedFilePackageConfig.h"
+#include "quorvel/Version.h"
 #include "quorvel/VertexNormalsControl.h"

@@ -5,6 +5,7 @@
 #include "effectcache/SharedCache.h"
 #include "format/PackageWriter.h"
 #include "pagestore/RollbackJournal.h"
+#include "quorvel/Version.h"
 #include "tool/InterruptedSave.h"
 #include "tool/ToolTest.h"
 #include "tools/quorvel/Cache.h"

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "quorvel/Version.h"
 #include "tools/quorvel/Commands.h"
 #include "tools/quorvel/Session.h"
 

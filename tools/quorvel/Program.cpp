@@ -6,6 +6,7 @@
 #include <exception>
 #include <string>
 
+#include "quorvel/Version.h"
 #include "tools/quorvel/Commands.h"
 #include "tools/quorvel/Session.h"
 #include "tools/quorvel/Terminal.h"

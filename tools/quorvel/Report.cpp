@@ -10,6 +10,7 @@
 
 #include "effectcache/EffectRecord.h"
 #include "effectcache/SpaceBudget.h"
+#include "quorvel/Version.h"
 #include "tools/quorvel/ReportPage.h"
 #include "tools/quorvel/Session.h"
 #include "tools/quorvel/Statistics.h"

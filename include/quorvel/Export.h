@@ -4,9 +4,9 @@
 #error "Quorvel's headers need C++17 or later: -std=c++17, with Microsoft's compiler /std:c++17"
 #endif
 
-// Strings, byte arrays and reference-counted objects cross the DLL boundary, so the host and the DLL
-// must use the heap of the same C runtime. A DLL that was itself built with the debug runtime is the
-// exception: its hosts define QUORVEL_DEBUG_RUNTIME, which its CMake package does for them.
+// Strings, byte arrays and reference-counted objects cross the DLL boundary, so the host and the
+// DLL must use the heap of the same C runtime. A DLL that was itself built with the debug runtime
+// is the exception: its hosts define QUORVEL_DEBUG_RUNTIME, which its CMake package does for them.
 #if defined(_MSC_VER) && defined(_DEBUG) && !defined(QUORVEL_DEBUG_RUNTIME) && \
     !defined(QUORVEL_STATIC) && !defined(QUORVEL_BUILDING_LIBRARY)
 #error "quorvel.dll uses the release runtime: build with /MD, or use quorvel_c.dll (quorvel.h)"

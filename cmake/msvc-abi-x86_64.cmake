@@ -16,6 +16,8 @@ list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES
 set(CMAKE_CXX_COMPILER ${QUORVEL_LLVM_ROOT}/bin/clang++)
 set(CMAKE_CXX_COMPILER_TARGET x86_64-pc-windows-msvc)
 set(CMAKE_RC_COMPILER x86_64-w64-mingw32-windres)
+set(CMAKE_RC_COMPILER_INIT ${CMAKE_RC_COMPILER})  # otherwise CMake passes llvm-rc's options
+set(CMAKE_RC_FLAGS "-O res")  # lld-link adds the manifest only to resources in this format
 
 # mingw-w64's headers need the macros of their own compiler. libc++'s headers check the same macros,
 # so they must be told that the C++ ABI is Microsoft's.

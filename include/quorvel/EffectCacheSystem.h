@@ -90,8 +90,8 @@ public:
     /// way. If permanent effects leave too little, it drops the effects that were queued last.
     ///
     /// If the save fails, for example because the volume fills up while it runs, the queued effects
-    /// are lost and the cache becomes inert. The file keeps what was saved before, and the caches of
-    /// other processes go on.
+    /// are lost and the cache becomes inert. The file keeps what was saved before, and the caches
+    /// of other processes go on.
     void ForceSaveToFile();
 
     /// Writes one line per saved effect to a text file, ordered by name length, then by name:

@@ -10,7 +10,8 @@ import weakref
 from types import TracebackType
 from typing import TypeVar, Union, overload
 
-from ._library import Bytes, Status, StrPath, check, encode_path, library, to_bytes
+from ._library import (Bytes, Status, StrPath, check, close_handle, encode_path, library,
+                       to_bytes)
 
 #: The largest name and the largest effect, in bytes. The smallest of both is 1 byte.
 LARGEST_NAME = 65536
@@ -60,7 +61,8 @@ class EffectCache:
         check(status, directory)
         self._directory = os.fspath(directory)
         self._lock = threading.RLock()
-        self._close = weakref.finalize(self, library.cache_close, handle)
+        self._close = weakref.finalize(self, close_handle, self._lock, library.cache_close,
+                                       handle)
         self._cache = handle
         self._buffer = ctypes.create_string_buffer(LARGEST_EFFECT)
 

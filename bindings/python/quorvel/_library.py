@@ -7,8 +7,9 @@ import enum
 import errno
 import os
 import pathlib
+import threading
 from ctypes import POINTER, c_char_p, c_int, c_int64, c_size_t, c_uint32, c_uint64, c_void_p
-from typing import Any, Dict, Tuple, Union
+from typing import Any, Callable, Dict, Tuple, Union
 
 StrPath = Union[str, "os.PathLike[str]"]
 Bytes = Union[bytes, bytearray, memoryview]
@@ -114,6 +115,13 @@ def _load() -> _Functions:
 
 
 library = _load()
+
+
+def close_handle(lock: threading.RLock, close: Callable[[c_void_p], None],
+                 handle: c_void_p) -> None:
+    """Closes a handle when no thread uses it: daemon threads run on while the program ends."""
+    with lock:
+        close(handle)
 
 
 def version() -> str:

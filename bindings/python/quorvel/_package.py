@@ -11,8 +11,8 @@ import weakref
 from types import TracebackType
 from typing import TYPE_CHECKING, Any, Iterator
 
-from ._library import (Bytes, QuorvelError, Status, StrPath, check, encode_path, library,
-                       to_bytes)
+from ._library import (Bytes, QuorvelError, Status, StrPath, check, close_handle, encode_path,
+                       library, to_bytes)
 
 if TYPE_CHECKING:
     from _typeshed import ReadableBuffer, WriteableBuffer
@@ -55,7 +55,8 @@ class Package:
         check(make(encode_path(path), cache_pages, stream_limit, ctypes.byref(handle)), path)
         self._path = os.fspath(path)
         self._lock = threading.RLock()
-        self._close = weakref.finalize(self, library.package_close, handle)
+        self._close = weakref.finalize(self, close_handle, self._lock, library.package_close,
+                                       handle)
         self._package = handle
 
     def __enter__(self) -> Package:

@@ -54,6 +54,28 @@ def test_saves_when_the_program_ends(tmp_path: Path) -> None:
         assert cache["bloom"] == b"code"
 
 
+def test_program_ends_while_daemon_threads_use_a_cache(tmp_path: Path) -> None:
+    program = """
+import quorvel, sys, threading
+def work():
+    while True:
+        cache.get("large")
+        started.release()
+threading.excepthook = lambda arguments: None  # the cache is closed
+started = threading.Semaphore(0)
+cache = quorvel.EffectCache(sys.argv[1])
+cache["large"] = bytes(quorvel.LARGEST_EFFECT)
+cache.save()
+for _ in range(4):
+    threading.Thread(target=work, daemon=True).start()
+for _ in range(20):
+    started.acquire()
+"""
+    for _ in range(20):
+        subprocess.run([sys.executable, "-c", program, str(tmp_path)], check=True,
+                       cwd=Path(quorvel.__file__).parent.parent)
+
+
 def test_saves_for_others_on_request(tmp_path: Path) -> None:
     with quorvel.EffectCache(tmp_path) as one, quorvel.EffectCache(tmp_path) as other:
         one["bloom"] = b"code"

@@ -14,6 +14,10 @@
 ///
 /// **Threads.** Calls on different handles may run at the same time, but the streams of a package
 /// count as one handle with it. Each kind of handle says what threads may do with the same one.
+///
+/// **Fork.** A handle belongs to the process that made it. A process that is forked must not use or
+/// close the handles that it inherits, nor open the directory of an inherited cache: its locks end
+/// when the parent closes the cache. So it ends with _exit, or calls exec.
 #ifndef QUORVEL_H
 #define QUORVEL_H
 

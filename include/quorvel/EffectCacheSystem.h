@@ -42,6 +42,10 @@ class EffectCacheImpl;
 /// **Threads.** Any thread may call CacheCompiledEffect(), SearchCachedEffects(), IsEnabled() and
 /// SetEnabled() at any time. The other operations, and releasing the last reference, must not run
 /// concurrently with any other call on the same object.
+///
+/// **Fork.** An object belongs to the process that made it. On Linux, a process that is forked must
+/// not use or release the objects that it inherits, nor open their directories: the locks end when
+/// the parent closes the cache. So it ends with _exit, or calls exec.
 class QUORVEL_API EffectCacheSystem : public Util::ARefObject {
 public:
     /// Opens the cache of a directory.

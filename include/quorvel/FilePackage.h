@@ -13,7 +13,8 @@ namespace Quorvel {
 ///
 /// The file stays open for reading and writing until the last reference to the set is released,
 /// which commits pending changes. There is no read-only mode and no locking: one thread of one
-/// process at a time may use a package and its streams.
+/// process at a time may use a package and its streams. A process that is forked must not use or
+/// release those that it inherits: releasing a package commits.
 /// @{
 
 /// Starts a new, empty package. A missing file is created. An existing file does not become

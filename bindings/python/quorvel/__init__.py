@@ -4,6 +4,8 @@
         cache["bloom"] = code
 
 Both classes may be used from any thread: calls on one object wait for each other.
+A forked process finds the objects of its parent closed, and must not open the directory of such a
+cache. A program that uses multiprocessing opens its caches afterwards, or starts with "spawn".
 """
 
 from ._cache import LARGEST_EFFECT, LARGEST_NAME, EffectCache

@@ -11,7 +11,7 @@ from types import TracebackType
 from typing import TypeVar, Union, overload
 
 from ._library import (Bytes, Status, StrPath, check, close_handle, encode_path, library,
-                       to_bytes)
+                       owners, to_bytes)
 
 #: The largest name and the largest effect, in bytes. The smallest of both is 1 byte.
 LARGEST_NAME = 65536
@@ -65,6 +65,11 @@ class EffectCache:
                                        handle)
         self._cache = handle
         self._buffer = ctypes.create_string_buffer(LARGEST_EFFECT)
+        owners.add(self)
+
+    def _disown(self) -> None:
+        self._close.detach()
+        self._lock = threading.RLock()  # another thread of the parent may have held the old one
 
     def __enter__(self) -> EffectCache:
         return self

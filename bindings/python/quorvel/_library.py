@@ -8,6 +8,7 @@ import errno
 import os
 import pathlib
 import threading
+import weakref
 from ctypes import POINTER, c_char_p, c_int, c_int64, c_size_t, c_uint32, c_uint64, c_void_p
 from typing import Any, Callable, Dict, Tuple, Union
 
@@ -158,3 +159,17 @@ def encode_path(path: StrPath) -> bytes:
 def to_bytes(data: Bytes) -> bytes:
     """A copy of the bytes of any object that has some; text and numbers are refused."""
     return data if isinstance(data, bytes) else memoryview(data).tobytes()
+
+
+#: The objects with a handle that this process has opened. Each has a method _disown.
+owners: weakref.WeakSet[Any] = weakref.WeakSet()
+
+
+def _disown_all() -> None:
+    """Makes a forked process forget the handles of its parent, which it must not even close."""
+    for owner in list(owners):
+        owner._disown()
+
+
+if hasattr(os, "register_at_fork"):
+    os.register_at_fork(after_in_child=_disown_all)

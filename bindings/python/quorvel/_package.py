@@ -12,7 +12,7 @@ from types import TracebackType
 from typing import TYPE_CHECKING, Any, Iterator
 
 from ._library import (Bytes, QuorvelError, Status, StrPath, check, close_handle, encode_path,
-                       library, to_bytes)
+                       library, owners, to_bytes)
 
 if TYPE_CHECKING:
     from _typeshed import ReadableBuffer, WriteableBuffer
@@ -58,6 +58,11 @@ class Package:
         self._close = weakref.finalize(self, close_handle, self._lock, library.package_close,
                                        handle)
         self._package = handle
+        owners.add(self)
+
+    def _disown(self) -> None:
+        self._close.detach()
+        self._lock = threading.RLock()  # another thread of the parent may have held the old one
 
     def __enter__(self) -> Package:
         return self
@@ -216,6 +221,11 @@ class Stream(io.RawIOBase):
                 raise KeyError(id)
             check(status, package._path)
         self._stream = handle
+        owners.add(self)
+
+    def _disown(self) -> None:
+        self._stream = None
+        super().close()
 
     def close(self) -> None:
         """Closes the stream. Its package may be closed already."""

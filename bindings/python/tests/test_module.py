@@ -84,6 +84,50 @@ def test_raises_memory_error_when_memory_runs_out() -> None:
         _library.check(quorvel.Status.OUT_OF_MEMORY)
 
 
+@pytest.mark.skipif(not hasattr(os, "fork"), reason="the system has no fork")
+def test_forked_process_does_not_have_what_its_parent_has_open(tmp_path: Path) -> None:
+    program = """
+import os, quorvel, signal, sys, threading
+cache = quorvel.EffectCache(sys.argv[1])
+cache["bloom"] = b"code"
+package = quorvel.Package(sys.argv[1] + "/package", create=True)
+stream = package.open(package.add(b"text"))
+locked, done = threading.Event(), threading.Event()
+def hold():
+    with cache._lock, package._lock:
+        locked.set()
+        done.wait()
+thread = threading.Thread(target=hold)
+thread.start()
+locked.wait()
+child = os.fork()
+if child == 0:
+    signal.alarm(60)
+    assert cache.closed and package.closed and stream.closed
+    for use in (cache.save, lambda: "bloom" in cache, package.commit, lambda: stream.read(1)):
+        try:
+            use()
+        except ValueError:
+            continue
+        os._exit(1)
+    for inherited in (cache, package, stream):
+        inherited.close()
+    sys.exit()  # as a program that does not know that it was forked
+done.set()
+thread.join()
+assert os.waitpid(child, 0)[1] == 0
+with quorvel.EffectCache(sys.argv[1]) as other, quorvel.Package(package._path) as reader:
+    assert (other.effects_in_file, len(reader)) == (0, 0)  # the child has neither saved nor committed
+assert stream.read() == b"text"
+stream.close()
+package.close()
+cache.close()
+with quorvel.EffectCache(sys.argv[1]) as other, quorvel.Package(package._path) as reader:
+    print(other.effects_in_file, len(reader))
+"""
+    assert run("-c", program, str(tmp_path)) == "1 1"
+
+
 def test_program_in_the_document_compiles_once(tmp_path: Path) -> None:
     document = (SOURCES.parents[1] / "docs" / "python.md").read_text()
     program = re.search(r"```python\n(# effects\.py.*?)```", document, re.S)

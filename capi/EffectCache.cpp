@@ -113,6 +113,9 @@ quorvel_status quorvel_cache_list(quorvel_cache* cache, const char* file_name) {
     return Run([&] {
         RequireCache(cache);
         Require(file_name, "the file name must not be null");
+        if (const quorvel_status status = CheckUsable(cache); status != QUORVEL_OK) {
+            return status;
+        }
         // EffectCacheSystem does not report a file that it can't open.
         std::FILE* const file = std::fopen(file_name, "w");
         if (!file) { throw Quorvel::FileIOException(static_cast<std::uint32_t>(errno)); }

@@ -184,11 +184,13 @@ quorvel_status quorvel_cache_visit(quorvel_cache* cache, const void* name, size_
 quorvel_status quorvel_cache_save(quorvel_cache* cache);
 
 /// Writes one line for each saved effect to a text file, ordered by name length, then by name:
-/// "Name: ", the name, " Size: ", bytes, " Permanent: ", 0 or 1.
+/// "Name: ", the name, " Size: ", bytes, " Permanent: ", 0 or 1. A list that is cut off, because the
+/// volume is full, is not reported.
 ///
 /// @param cache      The cache.
 /// @param file_name  Path of the text file.
-/// @return #QUORVEL_ERROR_IO if the file can't be opened for writing.
+/// @return #QUORVEL_ERROR_IO if the file can't be opened for writing; #QUORVEL_ERROR_UNUSABLE, with
+///         the file untouched.
 quorvel_status quorvel_cache_list(quorvel_cache* cache, const char* file_name);
 
 /// A switch for the host, on at first. It records whether the host intends to use the cache and has

@@ -256,6 +256,9 @@ TEST_F(CEffectCache, IsUnusableAfterASaveThatFails) {
     EXPECT_EQ(quorvel_cache_visit(cache.get(), "bloom", 5, &Visit, &visits),
               QUORVEL_ERROR_UNUSABLE);
     EXPECT_EQ(visits.count, 0);
+    const std::string list = directory_.File("list");
+    EXPECT_EQ(quorvel_cache_list(cache.get(), list.c_str()), QUORVEL_ERROR_UNUSABLE);
+    EXPECT_FALSE(std::filesystem::exists(list));
     EXPECT_EQ(quorvel_cache_is_enabled(cache.get()), 0);
 
     cache.reset();

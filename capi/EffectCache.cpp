@@ -81,6 +81,7 @@ quorvel_status quorvel_cache_add(quorvel_cache* cache, const void* name, size_t 
 
 quorvel_status quorvel_cache_find(quorvel_cache* cache, const void* name, size_t name_size,
                                   void* buffer, size_t capacity, size_t* size) {
+    if (size) { *size = 0; }
     return Run([&] {
         Require(size, "the place for the size must not be null");
         Require(buffer || capacity == 0, "the buffer must not be null");

@@ -108,6 +108,7 @@ uint64_t quorvel_package_header_size(const quorvel_package* package) {
 
 quorvel_status quorvel_package_read_header(const quorvel_package* package, void* buffer,
                                            size_t capacity, size_t* size) {
+    if (size) { *size = 0; }
     return Run([&] {
         RequirePackage(package);
         Require(size, "the place for the size must not be null");

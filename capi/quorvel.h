@@ -150,7 +150,7 @@ quorvel_status quorvel_cache_add(quorvel_cache* cache, const void* name, size_t 
 /// @param name_size    Its bytes, 1 to #QUORVEL_LARGEST_NAME.
 /// @param[out] buffer  Where to; unchanged unless the effect fits.
 /// @param capacity     Bytes of the buffer.
-/// @param[out] size    Bytes of the effect, also if it does not fit.
+/// @param[out] size    Bytes of the effect, also if it does not fit; 0 on other failures.
 /// @return #QUORVEL_ERROR_NOT_FOUND, also if the effect is damaged or memory runs out while it is
 ///         read; #QUORVEL_ERROR_BUFFER_TOO_SMALL; #QUORVEL_ERROR_UNUSABLE.
 quorvel_status quorvel_cache_find(quorvel_cache* cache, const void* name, size_t name_size,
@@ -184,8 +184,8 @@ quorvel_status quorvel_cache_visit(quorvel_cache* cache, const void* name, size_
 quorvel_status quorvel_cache_save(quorvel_cache* cache);
 
 /// Writes one line for each saved effect to a text file, ordered by name length, then by name:
-/// "Name: ", the name, " Size: ", bytes, " Permanent: ", 0 or 1. A list that is cut off, because the
-/// volume is full, is not reported.
+/// "Name: ", the name, " Size: ", bytes, " Permanent: ", 0 or 1. A list that is cut off because the
+/// volume is full is not reported.
 ///
 /// @param cache      The cache.
 /// @param file_name  Path of the text file.
@@ -313,7 +313,7 @@ uint64_t quorvel_package_header_size(const quorvel_package* package);
 /// @param package      The package.
 /// @param[out] buffer  Where to; unchanged unless the data fits. May be null if capacity is 0.
 /// @param capacity     Bytes of the buffer.
-/// @param[out] size    Bytes of the header data, also if it does not fit.
+/// @param[out] size    Bytes of the header data, also if it does not fit; 0 on other failures.
 /// @return #QUORVEL_ERROR_BUFFER_TOO_SMALL.
 quorvel_status quorvel_package_read_header(const quorvel_package* package, void* buffer,
                                            size_t capacity, size_t* size);

@@ -60,9 +60,10 @@ int Visit(void* context, const void* data, std::size_t size) {
 TEST_F(CEffectCache, FindsOnlyWhatWasAdded) {
     const CacheHandle cache = Open();
     ASSERT_TRUE(cache);
-    std::size_t size = 0;
+    std::size_t size = 1;
     EXPECT_EQ(quorvel_cache_find(cache.get(), "bloom", 5, nullptr, 0, &size),
               QUORVEL_ERROR_NOT_FOUND);
+    EXPECT_EQ(size, 0U);
     EXPECT_EQ(AddEffect(cache, "bloom", "code of bloom"), QUORVEL_OK);
     EXPECT_EQ(FindEffect(cache, "bloom"), "code of bloom");
     EXPECT_EQ(FindEffect(cache, "bloo"), std::nullopt);
@@ -172,9 +173,10 @@ TEST_F(CEffectCache, RefusesSizesOutOfRange) {
     EXPECT_EQ(AddEffect(cache, "name", ""), QUORVEL_ERROR_ARGUMENT);
     EXPECT_STREQ(quorvel_last_error(), "invalid argument: an effect has 1 to 1048576 bytes");
     EXPECT_EQ(quorvel_cache_effects_in_memory(cache.get()), 1U);
-    std::size_t size = 0;
+    std::size_t size = 1;
     EXPECT_EQ(quorvel_cache_find(cache.get(), longest.data(), 0, nullptr, 0, &size),
               QUORVEL_ERROR_ARGUMENT);
+    EXPECT_EQ(size, 0U);
 }
 
 TEST_F(CEffectCache, ListsItsSavedEffects) {
@@ -249,9 +251,10 @@ TEST_F(CEffectCache, IsUnusableAfterASaveThatFails) {
     }
     EXPECT_EQ(quorvel_cache_save(cache.get()), QUORVEL_ERROR_UNUSABLE);
     EXPECT_EQ(AddEffect(cache, "bloom", "code"), QUORVEL_ERROR_UNUSABLE);
-    std::size_t size = 0;
+    std::size_t size = 1;
     EXPECT_EQ(quorvel_cache_find(cache.get(), "bloom", 5, nullptr, 0, &size),
               QUORVEL_ERROR_UNUSABLE);
+    EXPECT_EQ(size, 0U);
     Visits visits;
     EXPECT_EQ(quorvel_cache_visit(cache.get(), "bloom", 5, &Visit, &visits),
               QUORVEL_ERROR_UNUSABLE);

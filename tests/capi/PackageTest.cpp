@@ -144,6 +144,9 @@ TEST_F(CPackage, DoesNotLoadADamagedFile) {
 TEST_F(CPackage, KeepsHeaderData) {
     const PackageHandle package = Create();
     std::size_t size = 1;
+    EXPECT_EQ(quorvel_package_read_header(nullptr, nullptr, 0, &size), QUORVEL_ERROR_ARGUMENT);
+    EXPECT_EQ(size, 0U);
+    size = 1;
     EXPECT_EQ(quorvel_package_header_size(package.get()), 0U);
     EXPECT_EQ(quorvel_package_read_header(package.get(), nullptr, 0, &size), QUORVEL_OK);
     EXPECT_EQ(size, 0U);

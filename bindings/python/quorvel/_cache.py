@@ -168,7 +168,7 @@ class EffectCache:
         """Writes one line for each saved effect to a text file.
 
         Raises OSError if the file can't be opened for writing, and QuorvelError if the cache can't
-        be used any more. A list that is cut off, because the volume is full, is not reported.
+        be used any more. A list that is cut off because the volume is full is not reported.
         """
         with self._lock:
             check(library.cache_list(self._open_cache(), encode_path(path)), path)

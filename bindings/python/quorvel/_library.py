@@ -38,10 +38,11 @@ class QuorvelError(Exception):
     """An error for which Python has no exception; its status tells which.
 
     UNUSABLE: the cache can't use its file; DAMAGED: the file does not hold an intact package;
-    LIMIT: the package has as many streams as its limit allows; BUSY: a stream is open.
+    LIMIT: the package has as many streams as its limit allows; BUSY: a stream is open. The status
+    of an error that only a newer library knows is a plain number.
     """
 
-    def __init__(self, status: Status, message: str) -> None:
+    def __init__(self, status: int, message: str) -> None:
         super().__init__(status, message)
         self.status = status
 
@@ -144,7 +145,8 @@ def check(status: int, path: StrPath | None = None) -> None:
         raise OSError(0, message, path, code)
     if status in (Status.IO, Status.SYSTEM):
         raise OSError(code or errno.EIO, os.strerror(code) if code else message, path)
-    raise QuorvelError(Status(status), message)
+    known = status in Status.__members__.values()
+    raise QuorvelError(Status(status) if known else status, message)
 
 
 def encode_path(path: StrPath) -> bytes:

@@ -79,6 +79,13 @@ def test_errors_keep_their_status_when_they_are_pickled() -> None:
     assert str(error) == "a stream is open"
 
 
+def test_raises_errors_of_a_newer_library() -> None:
+    with pytest.raises(quorvel.QuorvelError) as caught:
+        _library.check(13)
+    assert caught.value.status == 13
+    assert not isinstance(caught.value.status, quorvel.Status)
+
+
 def test_raises_memory_error_when_memory_runs_out() -> None:
     with pytest.raises(MemoryError):
         _library.check(quorvel.Status.OUT_OF_MEMORY)

@@ -152,8 +152,9 @@ class Package:
     def create_stream(self, size: int) -> int:
         """Creates a stream of a fixed size, whose bytes are unspecified at first; returns its id.
 
-        Raises ValueError if the size is not 1 to LARGEST_STREAM, and QuorvelError with Status.LIMIT
-        if the package has as many streams as its limit allows.
+        Raises ValueError if the size is not 1 to LARGEST_STREAM, QuorvelError with Status.LIMIT if
+        the package has as many streams as its limit allows, and MemoryError if its file can't hold
+        that many more pages, also when memory runs out.
         """
         if not 1 <= size <= LARGEST_STREAM:
             raise ValueError(f"a stream has 1 to {LARGEST_STREAM} bytes")

@@ -43,6 +43,13 @@ void RequireStream(const quorvel_stream* stream) {
     Require(stream, "the stream must not be null");
 }
 
+// The status of a package that could not be opened or loaded; the library leaves the cause in
+// errno.
+quorvel_status FailToLoad() {
+    if (errno != 0) { throw Quorvel::FileIOException(static_cast<std::uint32_t>(errno)); }
+    return Fail(QUORVEL_ERROR_DAMAGED);
+}
+
 // Throws FileIOException unless the file exists and can be written.
 void RequireFile(const char* path) {
     std::FILE* const file = std::fopen(path, "rb+");
@@ -61,10 +68,8 @@ quorvel_status Make(const char* fileName, std::uint64_t cachePages, std::uint64_
         if (!isNew) { RequireFile(fileName); }
         const Util::RefPtr<IDataStreamSet> set =
             isNew ? Quorvel::CreateFilePackage(config) : Quorvel::OpenFilePackage(config);
-        if (!set) {
-            RequireFile(fileName);
-            return Fail(isNew ? QUORVEL_ERROR_IO : QUORVEL_ERROR_DAMAGED);
-        }
+        if (!set && isNew) { throw Quorvel::FileIOException(static_cast<std::uint32_t>(errno)); }
+        if (!set) { return FailToLoad(); }
         *package = new quorvel_package{set, new OpenHandles};
         return QUORVEL_OK;
     });
@@ -98,7 +103,7 @@ quorvel_status quorvel_package_load(quorvel_package* package) {
     return Run([&] {
         RequirePackage(package);
         if (package->handles->count > 0) { return Fail(QUORVEL_ERROR_BUSY); }
-        return package->set->Load() ? QUORVEL_OK : Fail(QUORVEL_ERROR_DAMAGED);
+        return package->set->Load() ? QUORVEL_OK : FailToLoad();
     });
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <new>
@@ -32,6 +33,7 @@ quorvel_status Run(const Operation& operation) noexcept {
     } catch (const InvalidArgument& error) {
         return Fail(QUORVEL_ERROR_ARGUMENT, error.requirement);
     } catch (const FileIOException& error) {
+        if (error.errorCode == ENOMEM) { return Fail(QUORVEL_ERROR_OUT_OF_MEMORY); }
         return Fail(QUORVEL_ERROR_IO, nullptr, error.errorCode);
     } catch (const FileDataCorruptException&) {
         return Fail(QUORVEL_ERROR_DAMAGED);

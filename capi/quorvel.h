@@ -271,9 +271,9 @@ quorvel_status quorvel_package_create(const char* file_name, uint64_t cache_page
 /// @param cache_pages   As for quorvel_package_create().
 /// @param stream_limit  As for quorvel_package_create().
 /// @param[out] package  The package, to be closed with quorvel_package_close(); null on failure.
-/// @return #QUORVEL_ERROR_IO if the file is missing or can't be written; #QUORVEL_ERROR_DAMAGED if
-///         it does not hold an intact package, if it has more streams than stream_limit or was made
-///         with a much higher one, or if memory runs out.
+/// @return #QUORVEL_ERROR_IO if the file is missing, or can't be read or written;
+///         #QUORVEL_ERROR_DAMAGED if it does not hold an intact package, has more streams than
+///         stream_limit, or was made with a much higher one.
 quorvel_status quorvel_package_open(const char* file_name, uint64_t cache_pages,
                                     uint64_t stream_limit, quorvel_package** package);
 
@@ -298,8 +298,8 @@ quorvel_status quorvel_package_commit(quorvel_package* package);
 /// file's state after it has been read.
 ///
 /// @param package  The package.
-/// @return #QUORVEL_ERROR_BUSY while a stream is open; #QUORVEL_ERROR_DAMAGED, with nothing
-///         changed, if the file does not hold an intact package.
+/// @return #QUORVEL_ERROR_BUSY while a stream is open; #QUORVEL_ERROR_IO; #QUORVEL_ERROR_DAMAGED if
+///         the file does not hold an intact package. A failure changes nothing.
 quorvel_status quorvel_package_load(quorvel_package* package);
 
 /// The size of the header data.

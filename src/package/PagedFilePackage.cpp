@@ -1,6 +1,8 @@
 #include "package/PagedFilePackage.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <new>
 #include <utility>
 
 #include "package/PackageAudit.h"
@@ -14,6 +16,28 @@ namespace Quorvel {
 
 using Platform::ScopeGuard;
 
+namespace {
+
+Util::RefPtr<PagedFilePackage> New(const PagedFilePackageConfig& config) {
+    return Util::RefPtr<PagedFilePackage>(new PagedFilePackage(config));
+}
+
+// Runs an operation. If it throws, leaves the cause in errno, as Create describes.
+template <typename Operation>
+bool Try(const Operation& operation) noexcept {
+    try {
+        operation();
+        return true;
+    } catch (const FileIOException& error) {
+        errno = static_cast<int>(error.errorCode);
+    } catch (const OutOfMemoryException&) { errno = ENOMEM; } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+    } catch (...) { errno = 0; }
+    return false;
+}
+
+}  // namespace
+
 PagedFilePackage::PagedFilePackage(const PagedFilePackageConfig& config) : config_(config) {
     if (!config.fileName) { throw InvalidParameterException(); }
     path_ = config.fileName;
@@ -22,19 +46,24 @@ PagedFilePackage::PagedFilePackage(const PagedFilePackageConfig& config) : confi
 
 Util::RefPtr<PagedFilePackage> PagedFilePackage::Create(
     const PagedFilePackageConfig& config) noexcept {
-    try {
-        Util::RefPtr<PagedFilePackage> package(new PagedFilePackage(config));
+    Util::RefPtr<PagedFilePackage> result;
+    Try([&] {
+        const auto package = New(config);
         package->Create();
-        return package;
-    } catch (...) { return {}; }
+        result = package;
+    });
+    return result;
 }
 
 Util::RefPtr<PagedFilePackage> PagedFilePackage::Open(
     const PagedFilePackageConfig& config) noexcept {
-    try {
-        Util::RefPtr<PagedFilePackage> package(new PagedFilePackage(config));
-        return package->Load() ? package : Util::RefPtr<PagedFilePackage>();
-    } catch (...) { return {}; }
+    Util::RefPtr<PagedFilePackage> result;
+    Try([&] {
+        const auto package = New(config);
+        package->Read();
+        result = package;
+    });
+    return result;
 }
 
 PagedFilePackage::~PagedFilePackage() {
@@ -168,16 +197,16 @@ void PagedFilePackage::Create() {
 bool PagedFilePackage::Load() {
     AssertState();
     QUORVEL_ASSERT(!IsInSave());
-    if (!openStreams_.IsEmpty()) { return false; }
-    try {
-        const Util::RefPtr<PagedFilePackage> loaded(new PagedFilePackage(config_));
-        loaded->OpenCache();
-        loaded->stored_.Read(*loaded->cache_, config_.streamLimit);
-        loaded->state_ = FileState::Clean;
-        if (cache_) { cache_->DiscardAll(); }
-        Swap(*loaded);
-        return true;
-    } catch (...) { return false; }
+    return openStreams_.IsEmpty() && Try([&] { Read(); });
+}
+
+void PagedFilePackage::Read() {
+    const auto loaded = New(config_);
+    loaded->OpenCache();
+    loaded->stored_.Read(*loaded->cache_, config_.streamLimit);
+    loaded->state_ = FileState::Clean;
+    if (cache_) { cache_->DiscardAll(); }
+    Swap(*loaded);
 }
 
 void PagedFilePackage::Swap(PagedFilePackage& other) noexcept {

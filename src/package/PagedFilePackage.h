@@ -63,7 +63,9 @@ public:
     explicit PagedFilePackage(const PagedFilePackageConfig& config);
 
     // The two ways to get a package: a new, empty one in the file, or the one that the file holds.
-    // An empty reference on any failure.
+    // An empty reference on any failure. errno then tells the C library why: it is ENOMEM, the
+    // error number of the call that failed, or 0 if the file does not hold an intact package. The
+    // same holds for Load.
     [[nodiscard]] static Util::RefPtr<PagedFilePackage> Create(
         const PagedFilePackageConfig& config) noexcept;
     [[nodiscard]] static Util::RefPtr<PagedFilePackage> Open(
@@ -148,6 +150,7 @@ private:
 
     void Close();
     void OpenCache();
+    void Read();
     void ReopenFile();
     void EnsureFileIsOpen();
     void ReleaseStreamPages();

@@ -151,6 +151,14 @@ TEST_F(CErrors, BelongToTheThreadThatCalled) {
 TEST_F(CErrors, ReportThatMemoryRunsOut) {
     const std::string other = directory_.File("other");
     const std::string text(20000, 'x');
+    std::string effect(text.size(), '\0');
+    const auto makePackage = [&](auto make) {
+        quorvel_package* package = nullptr;
+        const quorvel_status status = make(other.c_str(), 64, 100, &package);
+        EXPECT_EQ(package != nullptr, status == QUORVEL_OK);
+        quorvel_package_close(package);
+        return status;
+    };
     using Call = std::function<quorvel_status()>;
     const std::vector<std::pair<const char*, Call>> calls = {
         {"cache_open",
@@ -163,6 +171,12 @@ TEST_F(CErrors, ReportThatMemoryRunsOut) {
          }},
         {"cache_add",
          [&] { return quorvel_cache_add(cache_.get(), "blur", 4, text.data(), text.size(), 0); }},
+        {"cache_find",
+         [&] {
+             std::size_t size = 0;
+             return quorvel_cache_find(cache_.get(), "bloom", 5, effect.data(), effect.size(),
+                                       &size);
+         }},
         {"cache_visit",
          [&] { return quorvel_cache_visit(cache_.get(), "bloom", 5, &KeepGoing, nullptr); }},
         {"write_header",
@@ -181,6 +195,14 @@ TEST_F(CErrors, ReportThatMemoryRunsOut) {
              return status;
          }},
         {"package_commit", [&] { return quorvel_package_commit(package_.get()); }},
+        {"package_load", [&] { return quorvel_package_load(package_.get()); }},
+        {"delete_stream",
+         [&] {
+             const std::uint64_t id = quorvel_package_stream_id(package_.get(), 0);
+             return quorvel_package_delete_stream(package_.get(), id);
+         }},
+        {"package_create", [&] { return makePackage(&quorvel_package_create); }},
+        {"package_open", [&] { return makePackage(&quorvel_package_open); }},
     };
     for (const auto& [name, call] : calls) {
         SCOPED_TRACE(name);
@@ -210,6 +232,39 @@ TEST_F(CErrors, ReportThatMemoryRunsOut) {
     }
     EXPECT_EQ(FindEffect(cache_, "bloom"), "code");
     EXPECT_EQ(FindEffect(cache_, "blur"), text);
+}
+
+TEST_F(CErrors, AreNotCausedByMemoryWhereNoneIsNeeded) {
+    const std::string list = directory_.File("list");
+    char buffer[4];
+    std::size_t size = 0;
+    EXPECT_EQ(quorvel_package_write_header(package_.get(), "head", 4), QUORVEL_OK);
+    const MemoryFault fault(0, MemoryFault::kEveryLaterCall);
+    const LibraryCall inside;
+    EXPECT_EQ(quorvel_package_read_header(package_.get(), buffer, sizeof buffer, &size),
+              QUORVEL_OK);
+    EXPECT_EQ(quorvel_cache_list(cache_.get(), list.c_str()), QUORVEL_OK);
+}
+
+// A save that fails ends the use of a cache, so each try has a cache of its own.
+TEST_F(CErrors, ReportASaveForWhichMemoryRunsOut) {
+    std::uint64_t failures = 1;
+    for (std::uint64_t skipped = 0; failures > 0; ++skipped) {
+        const CacheHandle cache = OpenCache(path_);
+        const std::string name = "blur" + std::to_string(skipped);
+        EXPECT_EQ(AddEffect(cache, name, "code"), QUORVEL_OK);
+        quorvel_status status = QUORVEL_OK;
+        {
+            const MemoryFault fault(skipped, MemoryFault::kEveryLaterCall);
+            const LibraryCall inside;
+            status = quorvel_cache_save(cache.get());
+            failures = fault.Failures();
+        }
+        if (failures == 0 || status != QUORVEL_OK) {
+            EXPECT_EQ(status, failures == 0 ? QUORVEL_OK : QUORVEL_ERROR_UNUSABLE);
+        }
+        EXPECT_EQ(FindEffect(OpenCache(path_), name).has_value(), status == QUORVEL_OK);
+    }
 }
 
 }  // namespace Quorvel::Testing

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "capi/Handles.h"
 #include "format/Bytes.h"
@@ -273,6 +274,40 @@ TEST_F(CPackage, DoesNotOpenAFileThatHoldsNoPackage) {
     EXPECT_EQ(std::filesystem::file_size(path_), 13U);
 }
 
+// A file that can't be read is not damaged.
+TEST_F(CPackage, ReportsThatItsFileCantBeRead) {
+    const PackageHandle package = Create();
+    EXPECT_EQ(quorvel_package_write_header(package.get(), "head", 4), QUORVEL_OK);
+    AddStream(package, "text");
+    EXPECT_EQ(quorvel_package_commit(package.get()), QUORVEL_OK);
+    std::vector<PackageHandle> opened;  // closing them makes calls too
+    const auto open = [&] {
+        quorvel_package* other = nullptr;
+        const quorvel_status status = quorvel_package_open(path_.c_str(), 64, 1000, &other);
+        EXPECT_EQ(other != nullptr, status == QUORVEL_OK);
+        opened.emplace_back(other);
+        return status;
+    };
+    const auto load = [&] { return quorvel_package_load(package.get()); };
+    const auto expectReports = [](StdioCall call, const auto& operation) {
+        std::uint64_t failures = 1;
+        for (std::uint64_t skipped = 0; failures > 0; ++skipped) {
+            const StdioFault fault(call, EIO, skipped);
+            const quorvel_status status = operation();
+            failures = fault.Failures();
+            EXPECT_EQ(status, failures == 0 ? QUORVEL_OK : QUORVEL_ERROR_IO) << skipped;
+            if (failures > 0) {
+                EXPECT_EQ(quorvel_last_system_error(), static_cast<std::uint32_t>(EIO));
+            }
+        }
+    };
+    for (const StdioCall call :
+         {StdioCall::Open, StdioCall::Seek, StdioCall::Tell, StdioCall::Read}) {
+        expectReports(call, open);
+        expectReports(call, load);
+    }
+}
+
 TEST_F(CPackage, IsNotCreatedWhereItsFileCantBe) {
     EXPECT_EQ(Refusal(&quorvel_package_create, directory_.File("no/package")), QUORVEL_ERROR_IO);
     EXPECT_EQ(quorvel_last_system_error(), static_cast<std::uint32_t>(ENOENT));
@@ -285,6 +320,7 @@ TEST_F(CPackage, IsNotCreatedWhereItsFileCantBe) {
     }
     const StdioFault fault(StdioCall::Write, ENOSPC);
     EXPECT_EQ(Refusal(&quorvel_package_create, path_), QUORVEL_ERROR_IO);
+    EXPECT_EQ(quorvel_last_system_error(), static_cast<std::uint32_t>(ENOSPC));
 }
 
 TEST_F(CPackage, ReportsAFieldOutOfRange) {

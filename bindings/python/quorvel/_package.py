@@ -45,8 +45,8 @@ class Package:
         """Opens the package in a file, or with create starts a new, empty one there.
 
         It keeps up to cache_pages pages of 8192 bytes in memory, and has at most stream_limit
-        streams. Raises OSError if the file can't be opened or created, and QuorvelError with
-        Status.DAMAGED if it does not hold an intact package.
+        streams. Raises OSError if the file can't be opened, read or created, and QuorvelError
+        with Status.DAMAGED if it does not hold an intact package.
         """
         if not (0 <= cache_pages <= _LARGEST_NUMBER and 0 <= stream_limit <= _LARGEST_NUMBER):
             raise ValueError("cache_pages and stream_limit are numbers of 64 bits")
@@ -103,7 +103,11 @@ class Package:
             check(library.package_commit(self._open_package()), self._path)
 
     def load(self) -> None:
-        """Reads the state from the file again. Raises QuorvelError: BUSY while a stream is open."""
+        """Reads the state from the file again.
+
+        Raises OSError if it can't be read, and QuorvelError: BUSY while a stream is open, DAMAGED
+        if the file does not hold an intact package.
+        """
         with self._lock:
             check(library.package_load(self._open_package()), self._path)
 

@@ -68,6 +68,8 @@ def test_runs_from_its_wheel(tmp_path: Path) -> None:
         assert {file for file in wheel.namelist() if file.startswith("quorvel/")} == {
             f"quorvel/{file}" for file in ("__init__.py", "_cache.py", "_library.py",
                                            "_package.py", "py.typed")}
+        licence = (SOURCES.parents[1] / "LICENCE.txt").read_bytes()
+        assert wheel.read(f"quorvel-{quorvel.version()}.dist-info/LICENCE.txt") == licence
     program = "import quorvel; print(quorvel.__file__, quorvel.version())"
     output = run("-c", program, directory=tmp_path, PYTHONPATH=name)
     assert output == f"{tmp_path / name / 'quorvel/__init__.py'} {quorvel.version()}"

@@ -24,7 +24,8 @@ namespace Quorvel {
 // what each state means.
 //
 //   step    before   during                           after    if it fails
-//   Open    none     Clean; a trim: as Save           Clean    Create
+//   Open    none     Clean; a trim: as Save           Clean    Create; none, if Recover fails or
+//                                                              a trim can't be undone
 //   Create  none     Clean, Changed                   Clean    none
 //   Sync    Clean    Discarded, if the file has       Clean    none
 //                    changed; a trim: as Save

@@ -61,7 +61,7 @@ public:
     void Write(PagedFilePackage& package);
 
 private:
-    bool ReadHeader(PagedFilePackage& package);
+    [[nodiscard]] bool ReadHeader(PagedFilePackage& package);
     std::vector<IndexEntry*> ReadEntries(IDataStream& stream);
     bool ReadMore(IDataStream& stream, std::span<std::byte>& rest);
     void DropAmbiguousEntries(const PagedFilePackage& package, std::span<IndexEntry* const> read);

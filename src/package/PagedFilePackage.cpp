@@ -91,6 +91,7 @@ void PagedFilePackage::AssertState() const {
     QUORVEL_ASSERT((cache_->Listener() == this) == IsInSave() &&
                    (JournalPages() > 0) == IsInSave());
     QUORVEL_ASSERT(state_ != FileState::Saving || cache_->IsResident(kHeadPageNumber));
+    QUORVEL_ASSERT(state_ != FileState::Overwriting || journal_->IsNeeded());
 }
 
 bool PagedFilePackage::HasChanges() const {

@@ -26,7 +26,9 @@ namespace Quorvel {
 //   Saving       Memory is ahead, but no page of the last committed state has been overwritten;
 //                other pages may have been, and the file may have grown. The package listens to the
 //                cache, to keep the old bytes of pages in the rollback journal. In the cache, the
-//                head page carries the journal's mark.
+//                head page carries the journal's mark. If writing the mark to the file has failed,
+//                the file may hold a part of it: the next page that is written tries again, and
+//                Rollback restores the head page.
 //   Overwriting  As Saving, but pages of the last committed state may have been overwritten. Their
 //                old bytes are in the journal's file, and the head page in the file carries the
 //                mark: nothing can open the file until it is restored or Commit has written
@@ -36,7 +38,9 @@ namespace Quorvel {
 //
 //   Closed -> Discarded                  OpenCache, called by Create and Load
 //   Closed, Clean, Changed, Discarded
-//                  -> Clean              Create; Load, through a second package and Swap
+//                  -> Clean              Create; Load, through a second package and Swap. A Load
+//                                        from Changed then still commits the changes: the file
+//                                        differs from memory until it is loaded again
 //   Clean -> Changed                     every operation that changes the package
 //   Clean -> Saving                      BeginSave
 //   Saving -> Overwriting                BeforePageWrite, for the first such page

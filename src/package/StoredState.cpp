@@ -136,6 +136,7 @@ void SetHeadPageStart(FilePageCache& cache, const HeadPageMark& start) {
 }  // namespace
 
 void StoredState::FinishHeadPage(FilePageCache& cache) const {
+    QUORVEL_ASSERT(headFile);
     SetHeadPageStart(cache, {headFile->pageCount, headFile->byteSize});
 }
 

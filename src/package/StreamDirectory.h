@@ -57,7 +57,7 @@ public:
     void Store(std::uint64_t id, const ChildFileExtent& extent);
 
     // Removes a stream's record and frees its id; false when there is none.
-    bool Remove(std::uint64_t id);
+    [[nodiscard]] bool Remove(std::uint64_t id);
 
     std::uint64_t StateSize() const {
         return sizeof(std::uint64_t) + sizeof(ChildFileExtent) * Count();

@@ -111,7 +111,7 @@ private:
     void StoreFragment(const TailFragment& fragment);
     void SetFreeBytes(TailBlockRecord& block, std::uint64_t bytes);
     void LoadBlocks(StateReader& reader);
-    bool LoadFragments(StateReader& reader);
+    [[nodiscard]] bool LoadFragments(StateReader& reader);
 
     std::uint64_t limit_ = kDefaultStreamLimit;
     Corvane::IdentifierAllocator blockIds_;

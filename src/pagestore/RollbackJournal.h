@@ -68,6 +68,9 @@ public:
     // The mark is about to be written: from now on the journal is needed, until Finish.
     void BeginOverwriting() { isNeeded_ = true; }
 
+    // True if the file may not be used without the journal.
+    bool IsNeeded() const { return isNeeded_; }
+
     // The new state is complete.
     void Finish() { isNeeded_ = false; }
 

@@ -16,11 +16,11 @@ public:
 
     // Closes the open file, if any, and opens path. Returns 0, or the runtime's error number
     // (EIO when it gave none).
-    int Open(const char* path, const char* mode);
+    [[nodiscard]] int Open(const char* path, const char* mode);
 
     // The same with Platform::CreateNewFile and Platform::OpenPlainFile.
-    int Create(const char* path);
-    int OpenPlain(const char* path);
+    [[nodiscard]] int Create(const char* path);
+    [[nodiscard]] int OpenPlain(const char* path);
 
     // Closes the file, if it is open. Returns 0, or the runtime's error number: bytes that were
     // written may be lost. The file is closed even then.

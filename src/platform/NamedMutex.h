@@ -15,7 +15,7 @@ void* OpenNamedMutex(const wchar_t* name) noexcept;
 // Waits up to timeout milliseconds, or without limit for 0xFFFFFFFF. Returns 0 when the calling
 // thread now owns the mutex, 128 when it does and the previous owner ended without releasing it,
 // 258 after a timeout, 0xFFFFFFFF when the wait failed.
-std::uint32_t AcquireNamedMutex(void* handle, std::uint32_t timeout) noexcept;
+[[nodiscard]] std::uint32_t AcquireNamedMutex(void* handle, std::uint32_t timeout) noexcept;
 
 // Releases one acquisition. Does nothing when the calling thread does not own the mutex.
 void ReleaseNamedMutex(void* handle) noexcept;

@@ -119,8 +119,8 @@ TEST_P(EffectCacheFaults, SaveLeavesTheOldStateOrTheNewOne) {
         [&] { (*a)->ForceSaveToFile(); }, [&](bool failed) { EXPECT_SAFE_AFTER_SAVE(failed); });
 }
 
-// A failed save leaves the queue unchanged, whichever call fails, so that the caller can inspect it
-// or try again.
+// A failed save leaves the queue unchanged, whichever call fails. The cache is inert from then on,
+// but still counts and lists its effects.
 TEST_P(EffectCacheFaults, FailedSaveKeepsTheQueueAndTheListingInOrder) {
     const std::string listing = directory.File("listing.txt");
     ForEachCall(

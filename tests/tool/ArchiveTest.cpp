@@ -310,7 +310,7 @@ TEST_F(ArchiveTest, FilesThatDoNotBelongThereAreRefused) {
         {{"effects/x", ""}, "\"effects/x\" has 0 bytes; an effect has 1 byte to 1 MiB"},
         {{"effects/x", std::string((1 << 20) + 1, 'x')}, "\"effects/x\" has 1048577 bytes"},
         {{"effects/x", "x"}, "\"effects/x\" is not in the manifest"},
-        {{"effects/000002-bb", "x"}, "\"effects/000002-bb\" is there twice"},
+        {{"effects/000002-bb", "x"}, "\"effects/000002-bb\" appears twice"},
         {{std::string(256, 'x'), "x"}, "a name that is too long"},
     };
     for (const auto& row : rows) {

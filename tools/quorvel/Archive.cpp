@@ -287,7 +287,7 @@ private:
                 "it holds more than a cache can");
         const Member member = {incoming_.Keep(data), size, ChecksumOf(data.data(), size)};
         if (!members_.emplace(path, member).second) {
-            Refuse(fmt::format("\"{}\" is there twice", Escape(path)));
+            Refuse(fmt::format("\"{}\" appears twice", Escape(path)));
         }
     }
 

@@ -1,0 +1,28 @@
+#include "platform/Assert.h"
+
+#include <gtest/gtest.h>
+
+namespace Quorvel::Testing {
+
+namespace {
+
+bool TakesTheBranch(bool isBroken) {
+    if (QUORVEL_NEVER(isBroken)) { return true; }
+    return false;
+}
+
+TEST(AssertDeathTest, AFailedAssertionSaysWhatAndWhereAndEndsTheProcess) {
+    const int pages = 3;
+    QUORVEL_ASSERT(pages == 3);
+    EXPECT_DEATH(QUORVEL_ASSERT(pages == 4),
+                 "AssertTest\\.cpp:[0-9]+: assertion failed: pages == 4");
+}
+
+TEST(AssertDeathTest, ABranchThatCannotBeTakenEndsTheProcess) {
+    EXPECT_FALSE(TakesTheBranch(false));
+    EXPECT_DEATH(TakesTheBranch(true), "assertion failed: never: isBroken");
+}
+
+}  // namespace
+
+}  // namespace Quorvel::Testing

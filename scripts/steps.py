@@ -1,9 +1,18 @@
-"""Steps of the scripts in Python, shown and logged as those of the other scripts: see step in common.sh."""
+"""Steps of the scripts in Python, shown and logged as those of the other scripts: see common.sh."""
 
+import os
 import pathlib
 import subprocess
+import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
+STARTED = int(os.environ.setdefault("QUORVEL_STARTED", str(int(time.time()))))
+
+
+def say(text):
+    """Prints a line after the time since the outermost script started."""
+    minutes, seconds = divmod(int(time.time()) - STARTED, 60)
+    print(f"{minutes}:{seconds:02}  {text}", flush=True)
 
 
 def step(logs, name, command, limit, **options):

@@ -81,7 +81,8 @@ start_ticker() {
 }
 
 stop_ticker() {
-    kill "$ticker" 2>/dev/null || true
+    # KILL, because a process that was forked a moment ago would run the script's trap for EXIT.
+    kill -KILL "$ticker" 2>/dev/null || true
     wait "$ticker" 2>/dev/null || true
     if $terminal; then printf '\r\e[K'; fi
 }
@@ -92,6 +93,7 @@ progress_of() {
     awk '/^\[[0-9]+\/[0-9]+\] / { split($1, part, /[][\/]/); done = part[2]; all = part[3] }
         /^\[=+\] Running [0-9]+ tests? / { done = 0; all = $3 }
         /^\[ RUN      \]/ { ++done }
+        match($0, / round [0-9]+ of [0-9]+/) { split(substr($0, RSTART), part, /[ ,]/); done = part[3]; all = part[5] }
         END { if (all > 0) printf "%d of %d", done, all }' "$1" 2>/dev/null
 }
 

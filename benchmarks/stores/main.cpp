@@ -26,9 +26,9 @@ struct Options {
     std::string json;
 };
 
-// Shows the progress on a terminal, replacing the previous text.
+// Shows the progress: on a terminal in place of the previous text, in a log as a line.
 void ShowProgress(const std::string& text) {
-    if (::isatty(STDERR_FILENO)) { std::fprintf(stderr, "\r%-70s\r", text.c_str()); }
+    std::fprintf(stderr, ::isatty(STDERR_FILENO) ? "\r%-70s\r" : "%s\n", text.c_str());
 }
 
 // Rounds are interleaved: each round measures every store once and starts with a different one.

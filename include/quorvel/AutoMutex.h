@@ -12,6 +12,9 @@ namespace Quorvel {
 /// A wait that returned #kWaitAbandoned counts as not acquired: the guard does not release the
 /// mutex, although the calling thread may now hold it. A wait that timed out counts as acquired:
 /// the guard calls MutexObject::Release, which does nothing.
+///
+/// **Threads.** The thread that makes a guard must also destroy it: no other thread can release the
+/// mutex.
 class QUORVEL_API AutoMutex {
 public:
     /// Acquires a mutex.

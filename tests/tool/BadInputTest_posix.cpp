@@ -84,6 +84,53 @@ TEST_F(PosixInputTest, AFileThatMayNotBeReadOrChangedIsNotADamagedOne) {
     }
 }
 
+TEST_F(PosixInputTest, InfoSaysWhyHostsCannotUseACache) {
+    if (::geteuid() != 0) { GTEST_SKIP() << "only root can become another user"; }
+    constexpr uid_t kSomebody = 12345;
+    const struct {
+        mode_t directory;
+        mode_t file;
+        std::string problem;
+    } kCases[] = {
+        {0700, 0600, ""},
+        {0700, 0444, "the file can't be opened for writing: Permission denied"},
+        {0500, 0600, "no files can be made in the directory: Permission denied"},
+        {0500, 0444, "the file can't be opened for writing: Permission denied"},
+    };
+    MakeCache(ThreeEffects());
+    ASSERT_EQ(::chown(cache_.c_str(), kSomebody, static_cast<gid_t>(-1)), 0);
+    ASSERT_EQ(::chown(CacheFile().c_str(), kSomebody, static_cast<gid_t>(-1)), 0);
+    for (const auto& [directory, file, problem] : kCases) {
+        ASSERT_EQ(::chmod(cache_.c_str(), directory), 0);
+        ASSERT_EQ(::chmod(CacheFile().c_str(), file), 0);
+        const auto isAsExpected = [&, &problem = problem] {
+            const Json info = RunJson({"info", cache_});
+            EXPECT_EQ(info["hostProblem"], problem.empty() ? Json() : Json(problem));
+            EXPECT_EQ(Run({"info", cache_}), kDone);
+            EXPECT_EQ(out_.find("\nhosts ") == std::string::npos, problem.empty()) << out_;
+            EXPECT_THAT(out_, HasSubstr(problem));
+            EXPECT_EQ(RunJson({"info", cache_, "--offline"})["hostProblem"], Json());
+            return !HasFailure();
+        };
+        // As the user itself, and as root, which acts as that user.
+        EXPECT_TRUE(isAsExpected());
+        const pid_t child = ::fork();
+        if (child == 0) { ::_exit(::setuid(kSomebody) == 0 && isAsExpected() ? 0 : 100); }
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        EXPECT_EQ(WEXITSTATUS(status), 0) << problem;
+    }
+}
+
+TEST_F(PosixInputTest, InfoSaysWhyHostsCannotMakeACache) {
+    if (::geteuid() != 0) { GTEST_SKIP() << "only root can give a directory away"; }
+    ASSERT_EQ(::chmod(cache_.c_str(), 0500), 0);
+    ASSERT_EQ(::chown(cache_.c_str(), 12345, static_cast<gid_t>(-1)), 0);
+    EXPECT_EQ(Run({"info", cache_}), kFailed);
+    EXPECT_THAT(err_, HasSubstr("hosts can't make one: no files can be made in the directory: "
+                                "Permission denied"));
+}
+
 TEST_F(PosixInputTest, WhatIsNeitherFileNorDirectoryIsRefused) {
     ASSERT_EQ(::mkfifo(File("fifo").c_str(), 0600), 0);
     EXPECT_EQ(Run({"list", File("fifo")}), kFailed);

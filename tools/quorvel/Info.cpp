@@ -1,6 +1,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -25,7 +28,24 @@ struct Facts {
     std::uint64_t freeDisk = 0;
     bool knowsHolders = false;
     std::vector<Holder> holders;
+    std::string hostProblem;
 };
+
+// Tries what a host does before it reads or saves: why a host of this user can't. Empty if it can,
+// and for a file that is not shared.
+std::string HostProblem(const Cache& cache, const Cache::Lock& /*lock*/) {
+    if (!cache.IsShared()) { return {}; }
+    if (cache.Exists()) {
+        std::FILE* const file = std::fopen(cache.Path().c_str(), "r+b");
+        if (!file) {
+            return fmt::format("the file can't be opened for writing: {}", std::strerror(errno));
+        }
+        std::fclose(file);
+    }
+    const int error = FolderError(Format::ToPath(cache.Path()).parent_path().string());
+    if (error == 0) { return {}; }
+    return fmt::format("no files can be made in the directory: {}", std::strerror(error));
+}
 
 Facts Collect(const std::string& argument, Session& session) {
     Cache cache(session, argument);
@@ -34,6 +54,11 @@ Facts Collect(const std::string& argument, Session& session) {
     std::unique_ptr<Snapshot> snapshot;
     {
         const Cache::Lock lock(cache);
+        facts.hostProblem = HostProblem(cache, lock);
+        if (!facts.hostProblem.empty() && !cache.Exists()) {
+            throw Failure(fmt::format("{}: there is no cache, and hosts can't make one: {}",
+                                      cache.Name(), facts.hostProblem));
+        }
         snapshot = ReadPackage(cache, lock);
     }
     facts.holdsEffects = snapshot->HoldsEffects();
@@ -64,6 +89,8 @@ void PrintJson(const Facts& facts, Session& session) {
             json["holders"].push_back({{"process", holder.process}, {"name", Escape(holder.name)}});
         }
     }
+    json["hostProblem"] = nullptr;
+    if (!facts.hostProblem.empty()) { json["hostProblem"] = facts.hostProblem; }
     session.Print(json);
 }
 
@@ -137,6 +164,9 @@ void PrintText(const Facts& facts, Session& session) {
                                holder.process);
     }
     report.Line("opened by", holders.empty() ? "no process" : holders);
+    if (!facts.hostProblem.empty()) {
+        report.Line("hosts", fmt::format("can't use it: {}", facts.hostProblem));
+    }
 }
 
 }  // namespace

@@ -40,6 +40,10 @@ struct Holder {
 // tell.
 bool FindHolders(const std::string& path, std::vector<Holder>& holders);
 
+// Why this thread's user can't make files in a folder, as an errno value; 0 if the user can, and on
+// Windows, where the system decides when the file is made.
+int FolderError(const std::string& folder);
+
 // A new file in a folder, for reading and writing, that the system removes when it is closed or the
 // process ends. Null on failure, with the reason in errno.
 std::FILE* CreateTemporaryFile(const std::string& folder);

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <csignal>
 #include <cstdlib>
@@ -97,6 +98,10 @@ bool FindHolders(const std::string& path, std::vector<Holder>& holders) {
     std::sort(holders.begin(), holders.end(),
               [](const auto& left, const auto& right) { return left.process < right.process; });
     return true;
+}
+
+int FolderError(const std::string& folder) {
+    return ::faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) == 0 ? 0 : errno;
 }
 
 std::FILE* CreateTemporaryFile(const std::string& folder) {

@@ -79,6 +79,10 @@ bool FindHolders(const std::string& /*path*/, std::vector<Holder>& /*holders*/) 
     return false;
 }
 
+int FolderError(const std::string& /*folder*/) {
+    return 0;
+}
+
 std::FILE* CreateTemporaryFile(const std::string& folder) {
     char path[MAX_PATH];
     if (::GetTempFileNameA(folder.c_str(), "qvl", 0, path) == 0) {

@@ -7,25 +7,33 @@
 
 namespace Util {
 
-// An object that counts its references. Virtual slots: destructor, AddRef, Release, DeleteThis.
+/// An object that counts its references.
+///
+/// Virtual slots: destructor, AddRef, Release, DeleteThis.
 class IRefObject : public VornHeapOperators {
 public:
     virtual ~IRefObject() = default;
 
-    // Adds a reference and returns the new count.
+    /// Adds a reference.
+    ///
+    /// @return The new count.
     virtual std::uint32_t AddRef() = 0;
 
-    // Releases a reference and returns the new count. At zero the object deletes itself through
-    // DeleteThis and must not be used again.
+    /// Releases a reference. At zero the object deletes itself through DeleteThis() and must not be
+    /// used again.
+    ///
+    /// @return The new count.
     virtual std::uint32_t Release() = 0;
 
 protected:
-    // Called once, when the last reference has been released.
+    /// Called once, when the last reference has been released.
     virtual void DeleteThis() = 0;
 };
 
-// Implements the count. A new object has no references; the first RefPtr that holds it adds one.
-// AddRef and Release may be called from any thread.
+/// Implements the count. A new object has no references; the first RefPtr that holds it adds one.
+///
+/// **Threads.** The count is atomic: any thread may call AddRef() and Release() at any time. The
+/// thread that releases the last reference deletes the object.
 class ARefObject : public IRefObject {
 public:
     ARefObject() = default;

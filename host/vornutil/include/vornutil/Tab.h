@@ -8,12 +8,22 @@
 #include <type_traits>
 #include <utility>
 
-// A growable array with a count. Its storage is on the heap that both sides of the DLL boundary
-// share. Elements must be movable without throwing.
+/// A growable array with a count. Its storage is on the heap that both sides of the DLL boundary
+/// share.
+///
+/// It is copied and assigned like any value.
+///
+/// **Threads.** Any number of threads may read one array. A thread that changes it must be the only
+/// one that uses it.
+///
+/// @tparam T  Must be movable without throwing.
 template <typename T>
 class Tab {
 public:
+    /// An empty array.
     Tab() = default;
+
+    /// @cond
     // Delegates, so that the destructor runs when an element can't be copied.
     Tab(const Tab& other) : Tab() {
         Reserve(other.count_);
@@ -30,11 +40,16 @@ public:
         Swap(other);
         return *this;
     }
+    /// @endcond
 
+    /// @return The number of elements.
     int Count() const { return count_; }
 
-    // Changes the count. New elements of a trivial type are not initialised; others are
-    // value-initialised. Throws std::bad_alloc, with the array unchanged.
+    /// Changes the number of elements. New elements of a trivial type are not initialised; others
+    /// are value-initialised.
+    ///
+    /// @param count  Not negative.
+    /// @throws std::bad_alloc, with the array unchanged
     void SetCount(int count) {
         if (count < count_) {
             std::destroy_n(items_ + count, count_ - count);
@@ -47,18 +62,28 @@ public:
         count_ = count;
     }
 
+    /// @param index  0 to Count() - 1.
+    /// @return The element.
     T& operator[](int index) {
         assert(index >= 0 && index < count_);
         return items_[index];
     }
+    /// @cond
     const T& operator[](int index) const {
         assert(index >= 0 && index < count_);
         return items_[index];
     }
 
-    // The address of an element. Addr(0) of an empty array may be null and must not be read.
+    /// @endcond
+
+    /// @param index  0 to Count().
+    /// @return The address of the element. Addr(0) of an empty array may be null and must not be
+    ///         read. Valid until the number of elements grows.
     T* Addr(int index) { return items_ + index; }
+
+    /// @cond
     const T* Addr(int index) const { return items_ + index; }
+    /// @endcond
 
 private:
     void Swap(Tab& other) noexcept {

@@ -14,8 +14,7 @@ bool TakesTheBranch(bool isBroken) {
 TEST(AssertDeathTest, AFailedAssertionSaysWhatAndWhereAndEndsTheProcess) {
     const int pages = 3;
     QUORVEL_ASSERT(pages == 3);
-    EXPECT_DEATH(QUORVEL_ASSERT(pages == 4),
-                 "AssertTest\\.cpp:[0-9]+: assertion failed: pages == 4");
+    EXPECT_DEATH(QUORVEL_ASSERT(pages == 4), "AssertTest.cpp:.*: assertion failed: pages == 4");
 }
 
 TEST(AssertDeathTest, ABranchThatCannotBeTakenEndsTheProcess) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+// Not under Wine: processes that abort leave its server unable to start others.
 namespace Quorvel::Testing {
 
 namespace {

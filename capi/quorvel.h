@@ -176,8 +176,9 @@ typedef int (*quorvel_visitor)(void* context, const void* data, size_t size);
 quorvel_status quorvel_cache_visit(quorvel_cache* cache, const void* name, size_t name_size,
                                    quorvel_visitor visitor, void* context);
 
-/// Saves the queued effects now. Evicts others, least recently used first, to make room for them
-/// and to keep the file to 65534 effects; drops those for which there is still no room.
+/// Saves the queued effects now. To make room for them, and because a file holds at most 65534
+/// effects, the save evicts others, least recently used first. Queued effects that still have no
+/// room are dropped.
 ///
 /// @param cache  The cache.
 /// @return #QUORVEL_ERROR_UNUSABLE if the save failed: the queued effects are lost.

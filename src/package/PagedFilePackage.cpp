@@ -36,6 +36,19 @@ bool Try(const Operation& operation) noexcept {
     return false;
 }
 
+// A package that an operation has opened; empty if the operation throws.
+template <typename Operation>
+Util::RefPtr<PagedFilePackage> Make(const PagedFilePackageConfig& config,
+                                    const Operation& operation) noexcept {
+    Util::RefPtr<PagedFilePackage> opened;
+    Try([&] {
+        const auto package = New(config);
+        operation(*package);
+        opened = package;
+    });
+    return opened;
+}
+
 }  // namespace
 
 PagedFilePackage::PagedFilePackage(const PagedFilePackageConfig& config) : config_(config) {
@@ -46,24 +59,12 @@ PagedFilePackage::PagedFilePackage(const PagedFilePackageConfig& config) : confi
 
 Util::RefPtr<PagedFilePackage> PagedFilePackage::Create(
     const PagedFilePackageConfig& config) noexcept {
-    Util::RefPtr<PagedFilePackage> result;
-    Try([&] {
-        const auto package = New(config);
-        package->Create();
-        result = package;
-    });
-    return result;
+    return Make(config, [](PagedFilePackage& package) { package.Create(); });
 }
 
 Util::RefPtr<PagedFilePackage> PagedFilePackage::Open(
     const PagedFilePackageConfig& config) noexcept {
-    Util::RefPtr<PagedFilePackage> result;
-    Try([&] {
-        const auto package = New(config);
-        package->Read();
-        result = package;
-    });
-    return result;
+    return Make(config, [](PagedFilePackage& package) { package.Read(); });
 }
 
 PagedFilePackage::~PagedFilePackage() {

@@ -2,14 +2,12 @@
 
 #include <algorithm>
 #include <cstring>
-#include <new>
 #include <optional>
 #include <span>
 #include <utility>
 
 #include "package/StreamTransfer.h"
 #include "platform/Assert.h"
-#include "platform/Prefetch.h"
 #include "quorvel/Exceptions.h"
 
 namespace Quorvel {
@@ -21,10 +19,6 @@ constexpr std::uint64_t kEmptyIndexSize = 1;
 
 // The index stream is read in pieces of this size.
 constexpr std::uint64_t kPieceSize = 0x10000;
-
-// Entries may lie anywhere in memory, so a walk over all of them fetches them this far ahead.
-constexpr std::size_t kEntriesAhead = 8;
-constexpr std::size_t kUsualEntrySize = 192;
 
 struct HeaderPayload {
     std::uint64_t offset;  // in the header data
@@ -99,33 +93,36 @@ std::vector<IndexEntry*> EffectIndex::ReadEntries(IDataStream& stream) {
     const std::uint64_t count = header_.recordCount;
     // A damaged header may state more effects than a cache can hold.
     entries.reserve(std::min(count, kStreamLimit));
-    std::span<std::byte> rest;
+    std::vector<std::byte> bytes;
+    std::span<const std::byte> rest;
     while (entries.size() < count) {
         const std::size_t size = IndexEntry::SizeIn(rest);
         if (size > rest.size()) {
-            if (!ReadMore(stream, rest)) { break; }
+            bytes.erase(bytes.begin(), bytes.end() - static_cast<std::ptrdiff_t>(rest.size()));
+            if (!ReadMore(stream, bytes)) { break; }
+            rest = bytes;
             continue;
         }
         if (size == 0) { break; }
-        entries.push_back(std::launder(reinterpret_cast<IndexEntry*>(rest.data())));
+        const auto* const entry = reinterpret_cast<const IndexEntry*>(rest.data());
+        entries.push_back(table_.Put(entry->Key(), entry->Key().Hash(), entry->record));
         rest = rest.subspan(size);
     }
-    table_.AddFilled(entries);
     return entries;
 }
 
-// Moves the unused bytes to new memory of the table and reads more after them. False at the end of
-// the stream, and at a page that can't be read: that page may lie after the last entry.
-bool EffectIndex::ReadMore(IDataStream& stream, std::span<std::byte>& rest) {
+// Reads more bytes and appends them. False at the end of the stream, and at a page that
+// can't be read: that page may lie after the last entry.
+bool EffectIndex::ReadMore(IDataStream& stream, std::vector<std::byte>& bytes) {
     const std::uint64_t position = stream.GetPosition();
     QUORVEL_ASSERT(position <= stream.GetSize());
     const std::uint64_t size = std::min(kPieceSize, stream.GetSize() - position);
-    std::byte* const memory = table_.Allocate(rest.size() + size);
-    std::copy(rest.begin(), rest.end(), memory);
+    const std::size_t kept = bytes.size();
+    bytes.resize(kept + size);
     try {
-        stream.Read(memory + rest.size(), size);
+        stream.Read(bytes.data() + kept, size);
     } catch (const FileIOException&) {}
-    rest = {memory, rest.size() + (stream.GetPosition() - position)};
+    bytes.resize(kept + (stream.GetPosition() - position));
     return stream.GetPosition() != position;
 }
 
@@ -168,12 +165,8 @@ void EffectIndex::Write(PagedFilePackage& package) {
     const Util::RefPtr<IDataStream> stream =
         OpenForWriting(package, std::max(table_.TotalBytes(), kEmptyIndexSize));
     StateWriter writer(*stream);
-    const std::vector<IndexEntry*>& entries = Entries();
-    for (std::size_t index = 0; index < entries.size(); ++index) {
-        if (index + kEntriesAhead < entries.size()) {
-            Platform::Prefetch(entries[index + kEntriesAhead], kUsualEntrySize);
-        }
-        const std::span<const unsigned char> bytes = entries[index]->Bytes();
+    for (const IndexEntry* const entry : Entries()) {
+        const std::span<const unsigned char> bytes = entry->Bytes();
         writer.Write(bytes.data(), bytes.size());
     }
     writer.Flush();

@@ -63,7 +63,7 @@ public:
 private:
     [[nodiscard]] bool ReadHeader(PagedFilePackage& package);
     std::vector<IndexEntry*> ReadEntries(IDataStream& stream);
-    bool ReadMore(IDataStream& stream, std::span<std::byte>& rest);
+    bool ReadMore(IDataStream& stream, std::vector<std::byte>& bytes);
     void DropAmbiguousEntries(const PagedFilePackage& package, std::span<IndexEntry* const> read);
     Util::RefPtr<IDataStream> OpenForWriting(PagedFilePackage& package, std::uint64_t size);
     void WriteHeader(PagedFilePackage& package);

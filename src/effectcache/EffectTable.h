@@ -15,7 +15,6 @@
 #include "effectcache/EffectKey.h"
 #include "effectcache/EntryPool.h"
 #include "platform/Assert.h"
-#include "platform/Prefetch.h"
 
 namespace Quorvel {
 
@@ -37,7 +36,7 @@ public:
     std::uint64_t Size() const { return size_; }
     std::uint64_t TotalBytes() const { return bytes_; }
 
-    // All bytes that Put and Allocate have taken, including those of entries removed since.
+    // The memory of all entries, including those removed since.
     std::uint64_t HeldBytes() const { return pool_.Size(); }
 
     // The entry of a name with that hash; null when there is none.
@@ -46,36 +45,12 @@ public:
         return slot != kNoSlot ? slots_[slot].entry : nullptr;
     }
 
-    // Memory in the table, with any alignment, for entries that AddFilled will enter. It stays
-    // allocated until Pack or Clear. Throws std::bad_alloc, changing nothing.
-    std::byte* Allocate(std::size_t size) {
-        static_assert(alignof(Entry) == 1);
-        return pool_.Allocate(size);
-    }
-
-    // Enters entries that were filled in the table's memory, each replacing the one that had its
-    // name. Throws std::bad_alloc, changing nothing.
-    void AddFilled(std::span<Entry* const> entries) {
-        std::vector<std::uint32_t> hashes(entries.size());
-        std::transform(entries.begin(), entries.end(), hashes.begin(),
-                       [](const Entry* entry) { return entry->Key().Hash(); });
-        ReserveFor(entries.size());
-        for (std::size_t index = 0; index < entries.size(); ++index) {
-            if (index + kSlotsAhead < entries.size()) {
-                Platform::Prefetch(&slots_[hashes[index + kSlotsAhead] & slotMask_]);
-            }
-            Enter(entries[index], hashes[index]);
-        }
-    }
-
     // Makes an entry with Entry::Write and enters it, replacing the one that had the name. Returns
     // it. Throws std::bad_alloc, changing nothing.
     template <typename... Values>
     Entry* Put(const EffectKey& key, std::uint32_t hash, const Values&... values) {
         ReserveFor(1);
-        const std::size_t size = Entry::SizeFor(key, values...);
-        constexpr std::size_t alignment = alignof(Entry);
-        std::byte* const memory = pool_.Allocate((size + alignment - 1) / alignment * alignment);
+        std::byte* const memory = AllocateAligned(Entry::SizeFor(key, values...));
         Entry* const entry = Entry::Write(memory, key, hash, values...);
         Enter(entry, hash);
         return entry;
@@ -114,14 +89,13 @@ public:
         if (HeldBytes() <= 2 * TotalBytes() + kLeastWaste) { return; }
         try {
             EffectTable packed;
-            std::vector<Entry*> copies;
+            packed.ReserveFor(size_);
             for (const Entry* const entry : Entries()) {
                 const std::span<const unsigned char> bytes = entry->Bytes();
-                std::byte* const memory = packed.Allocate(bytes.size());
+                std::byte* const memory = packed.AllocateAligned(bytes.size());
                 std::memcpy(memory, bytes.data(), bytes.size());
-                copies.push_back(std::launder(reinterpret_cast<Entry*>(memory)));
+                packed.Enter(std::launder(reinterpret_cast<Entry*>(memory)), entry->Key().Hash());
             }
-            packed.AddFilled(copies);
             QUORVEL_ASSERT(packed.Size() == Size() && packed.TotalBytes() == TotalBytes());
             *this = std::move(packed);
         } catch (const std::bad_alloc&) {}
@@ -141,10 +115,14 @@ private:
     static constexpr std::size_t kNoSlot = ~std::size_t{0};
     static constexpr std::size_t kFewestSlots = 64;
     static constexpr std::size_t kLeastWaste = 0x10000;
-    static constexpr std::size_t kSlotsAhead = 8;
 
     static bool IsBefore(const Entry* left, const Entry* right) {
         return left->Key() < right->Key();
+    }
+
+    std::byte* AllocateAligned(std::size_t size) {
+        constexpr std::size_t alignment = alignof(Entry);
+        return pool_.Allocate((size + alignment - 1) / alignment * alignment);
     }
 
     std::size_t Next(std::size_t slot) const {

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "platform/Assert.h"
-#include "platform/Prefetch.h"
 
 namespace Quorvel {
 
@@ -56,11 +55,7 @@ public:
     // Visits every record, in ascending order of ids.
     template <typename Visitor>
     void ForEach(const Visitor& visit) const {
-        for (std::size_t index = 0; index < chunks_.size(); ++index) {
-            if (index + kChunksAhead < chunks_.size()) {
-                Platform::Prefetch(chunks_[index + kChunksAhead].get(), sizeof(Chunk));
-            }
-            const Chunk* const chunk = chunks_[index].get();
+        for (const std::unique_ptr<Chunk>& chunk : chunks_) {
             for (unsigned left = chunk ? chunk->present : 0; left != 0; left &= left - 1) {
                 visit(chunk->records[std::countr_zero(left)]);
             }
@@ -70,9 +65,6 @@ public:
 private:
     static_assert(std::is_trivially_copyable_v<Record>);
     static constexpr std::uint64_t kChunkSize = 16;
-
-    // A walk fetches this number of chunks ahead into the processor's caches.
-    static constexpr std::size_t kChunksAhead = 3;
 
     struct Chunk {
         static std::uint16_t Bit(std::uint64_t id) {

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -41,17 +40,6 @@ EffectRecord RecordOf(const std::string& name, std::uint64_t streamId) {
 
 void Put(Table& table, const std::string& name, std::uint64_t streamId) {
     table.Put(KeyOf(name), KeyOf(name).Hash(), RecordOf(name, streamId));
-}
-
-// An entry in the table's memory that has not been entered yet.
-IndexEntry* Fill(Table& table, const std::string& name, std::uint64_t streamId) {
-    const EffectRecord record = RecordOf(name, streamId);
-    std::byte* const memory = table.Allocate(IndexEntry::SizeFor(KeyOf(name), record));
-    return IndexEntry::Write(memory, KeyOf(name), 0, record);
-}
-
-void AddFilled(Table& table, const std::string& name, std::uint64_t streamId) {
-    table.AddFilled(std::vector<IndexEntry*>{Fill(table, name, streamId)});
 }
 
 IndexEntry* Find(const Table& table, const std::string& name) {
@@ -157,24 +145,14 @@ TEST(EffectTable, EntriesKeepTheirAddresses) {
     EXPECT_EQ(Find(table, "stays"), entry);
 }
 
-TEST(EffectTable, AnEntryFilledInItsMemoryIsFound) {
-    Table table;
-    Put(table, "b", 1);
-    AddFilled(table, "a", 2);
-    EXPECT_EQ(table.Size(), 2u);
-    ASSERT_NE(Find(table, "a"), nullptr);
-    EXPECT_EQ(StreamIdOf(Find(table, "a")), 2u);
-    EXPECT_EQ(Names(table), (std::vector<std::string>{"a", "b"}));
-}
-
-TEST(EffectTable, EntriesAppendedInAnyOrderAreListedInKeyOrder) {
+TEST(EffectTable, EntriesAddedInAnyOrderAreListedInKeyOrder) {
     std::minstd_rand random(5);
     Table table;
     std::set<std::pair<std::size_t, std::string>> expected;
     for (std::size_t round = 0; round < 60; ++round) {
         for (std::size_t added = random() % 90; added > 0; --added) {
             const std::string name = std::to_string(random() % 100000);
-            AddFilled(table, name, round);
+            Put(table, name, round);
             expected.emplace(name.size(), name);
         }
         ASSERT_EQ(table.Size(), expected.size());
@@ -191,20 +169,17 @@ TEST(EffectTable, AddingWithoutMemoryChangesNothing) {
     std::uint64_t added = 0;
     for (std::uint64_t id = 0; id < 2000; ++id) {
         const std::string name = std::to_string(id % 700);
-        IndexEntry* const entry = id % 2 == 0 ? Fill(table, name, id) : nullptr;
-        const std::array<IndexEntry*, 1> filled = {entry};
-        const auto add = [&] { entry ? table.AddFilled(filled) : Put(table, name, id); };
         const std::uint64_t size = table.Size();
         const std::uint64_t bytes = table.TotalBytes();
         const AllocationFault fault(0);
         try {
-            add();
+            Put(table, name, id);
             ++added;
             ASSERT_FALSE(fault.HasFailed());
         } catch (const std::bad_alloc&) {
             ASSERT_EQ(table.Size(), size);
             ASSERT_EQ(table.TotalBytes(), bytes);
-            add();
+            Put(table, name, id);
         }
     }
     EXPECT_LT(added, 2000u);
@@ -253,7 +228,7 @@ TEST(EffectTable, ListingWithoutMemoryLosesNothing) {
 TEST(EffectTable, LastOfSeveralEntriesWithOneNameStays) {
     Table table;
     for (std::uint64_t id = 0; id < 40; ++id) {
-        AddFilled(table, id % 2 == 0 ? "even" : "odd", id);
+        Put(table, id % 2 == 0 ? "even" : "odd", id);
     }
     EXPECT_EQ(Names(table), (std::vector<std::string>{"odd", "even"}));
     EXPECT_EQ(StreamIdOf(Find(table, "even")), 38u);
@@ -272,7 +247,7 @@ TEST(EffectTable, CountsTheBytesOfItsEntries) {
     EXPECT_EQ(table.TotalBytes(), 53u + 55u);
     table.Remove(Find(table, "bcd"));
     EXPECT_EQ(table.TotalBytes(), 53u);
-    AddFilled(table, "ab", 4);
+    Put(table, "ab", 4);
     EXPECT_EQ(table.TotalBytes(), 53u + 54u);
     table.Clear();
     EXPECT_EQ(table.TotalBytes(), 0u);
@@ -294,21 +269,6 @@ TEST(EffectTable, PackReturnsTheMemoryOfReplacedEntries) {
         }
     }
     EXPECT_EQ(table.Entries().size(), 500u);
-}
-
-TEST(EffectTable, EntersManyFilledEntriesAtOnce) {
-    Table table;
-    Put(table, "name 5", 1000);
-    std::vector<IndexEntry*> entries;
-    for (std::uint64_t id = 0; id < 500; ++id) {
-        entries.push_back(Fill(table, "name " + std::to_string(id % 400), id));
-    }
-    table.AddFilled(entries);
-    ASSERT_EQ(table.Size(), 400u);
-    ASSERT_EQ(table.Entries().size(), 400u);
-    for (std::uint64_t id = 100; id < 500; ++id) {
-        ASSERT_EQ(StreamIdOf(Find(table, "name " + std::to_string(id % 400))), id);
-    }
 }
 
 TEST(EffectTable, IsEmptyOnceCleared) {
@@ -352,11 +312,6 @@ TEST(EffectTable, AgreesWithAMap) {
         if (random() % 5 < 3) {
             Put(table, name, step);
             expected[{name.size(), name}] = step;
-        } else if (random() % 50 == 0) {
-            AddFilled(table, name, step);
-            Put(table, "put after", step);
-            expected[{name.size(), name}] = step;
-            expected[{9, "put after"}] = step;
         } else {
             IndexEntry* const entry = Find(table, name);
             ASSERT_EQ(entry != nullptr, expected.erase({name.size(), name}) != 0) << step;

@@ -31,6 +31,7 @@ EffectCacheFile::EffectCacheFile(const CStr& directory) : shared_(directory) {}
 // ---- Opening, creating, closing -----------------------------------------------------------------
 
 void EffectCacheFile::Open(const Lock& lock, EffectIndex& index) noexcept {
+    lock.AssertHolds(*this);
     QUORVEL_ASSERT(!package_);
     if (!Recover(lock)) { return; }
     try {
@@ -45,6 +46,7 @@ void EffectCacheFile::Open(const Lock& lock, EffectIndex& index) noexcept {
 }
 
 void EffectCacheFile::Create(const Lock& lock, EffectIndex& index) noexcept {
+    lock.AssertHolds(*this);
     QUORVEL_ASSERT(!package_);
     index.Clear();
     try {
@@ -56,7 +58,8 @@ void EffectCacheFile::Create(const Lock& lock, EffectIndex& index) noexcept {
     } catch (...) { Close(lock); }
 }
 
-void EffectCacheFile::Close(const Lock& /*lock*/) noexcept {
+void EffectCacheFile::Close(const Lock& lock) noexcept {
+    lock.AssertHolds(*this);
     if (package_) {
         package_->Discard();
         package_.Reset();
@@ -66,6 +69,7 @@ void EffectCacheFile::Close(const Lock& /*lock*/) noexcept {
 // Undoes the save of a process that died in it. False if that fails: this cache is then inert, and
 // the other processes must retry the recovery before they trust the file.
 bool EffectCacheFile::Recover(const Lock& lock) noexcept {
+    lock.AssertHolds(*this);
     if (shared_.Path().Length() == 0) { return true; }
     try {
         RollbackJournal::Recover(shared_.Path().data());
@@ -81,6 +85,7 @@ bool EffectCacheFile::Recover(const Lock& lock) noexcept {
 // Undoes a save. If that fails, the cache is inert, as after a failed Recover. Only Close or a load
 // of the package may follow.
 void EffectCacheFile::Rollback(const Lock& lock) noexcept {
+    lock.AssertHolds(*this);
     try {
         package_->Rollback();
     } catch (...) {
@@ -91,6 +96,7 @@ void EffectCacheFile::Rollback(const Lock& lock) noexcept {
 
 // Undoes a save and loads the state that preceded it. If that fails, the cache is inert.
 void EffectCacheFile::RollbackAndReload(const Lock& lock, EffectIndex& index) noexcept {
+    lock.AssertHolds(*this);
     Rollback(lock);
     try {
         if (package_ && package_->Load() && index.Load(*package_)) { return; }
@@ -101,6 +107,7 @@ void EffectCacheFile::RollbackAndReload(const Lock& lock, EffectIndex& index) no
 // ---- Reading ------------------------------------------------------------------------------------
 
 void EffectCacheFile::Sync(const Lock& lock, EffectIndex& index) noexcept {
+    lock.AssertHolds(*this);
     QUORVEL_ASSERT(package_ && package_->State() == FileState::Clean);
     // A holder that died in the middle of a save has written no stamp.
     if (!shared_.Stamp().IsChanged() && !lock.LastHolderDied()) { return; }
@@ -114,15 +121,16 @@ void EffectCacheFile::Sync(const Lock& lock, EffectIndex& index) noexcept {
     Close(lock);
 }
 
-bool EffectCacheFile::Read(const Lock& /*lock*/, const EffectRecord& record,
-                           Tab<unsigned char>& data) {
-    QUORVEL_ASSERT(!package_ || package_->State() == FileState::Clean);
-    return package_ && ReadEffect(*package_, record, data);
+bool EffectCacheFile::Read(const Lock& lock, const EffectRecord& record, Tab<unsigned char>& data) {
+    lock.AssertHolds(*this);
+    QUORVEL_ASSERT(package_ && package_->State() == FileState::Clean);
+    return ReadEffect(*package_, record, data);
 }
 
 // ---- Saving -------------------------------------------------------------------------------------
 
 bool EffectCacheFile::Save(const Lock& lock, EffectIndex& index, EffectQueue& queue) noexcept {
+    lock.AssertHolds(*this);
     QUORVEL_ASSERT(package_ && package_->State() == FileState::Clean);
     Sync(lock, index);
     if (!package_) { return false; }
@@ -158,6 +166,7 @@ bool EffectCacheFile::Save(const Lock& lock, EffectIndex& index, EffectQueue& qu
 // Evicts effects until the package's streams have fewer bytes than `limit`. False if they still
 // have more.
 bool EffectCacheFile::MakeRoom(const Lock& lock, EffectIndex& index, std::uint64_t limit) {
+    lock.AssertHolds(*this);
     if (package_->GetTotalDataSize() >= limit) { Evict(lock, index, limit); }
     return package_->GetTotalDataSize() < limit;
 }
@@ -168,6 +177,7 @@ bool EffectCacheFile::MakeRoom(const Lock& lock, EffectIndex& index, std::uint64
 // left, each save evicts until its journal has a quarter of what the commit itself may add;
 // otherwise most of the time would go into commits.
 void EffectCacheFile::Evict(const Lock& lock, EffectIndex& index, std::uint64_t limit) {
+    lock.AssertHolds(*this);
     for (;;) {
         const std::uint64_t commitBytes = JournalBytes(*package_, index, 0);
         const std::uint64_t room = std::min(limit, Budget(commitBytes)) / 2;
@@ -188,6 +198,7 @@ void EffectCacheFile::Evict(const Lock& lock, EffectIndex& index, std::uint64_t 
 // the file still names and moves the tails of others, so it is a save of its own. A trim that fails
 // is put off: the file still holds all its effects, just more than it should.
 void EffectCacheFile::Trim(const Lock& lock, EffectIndex& index) noexcept {
+    lock.AssertHolds(*this);
     try {
         const std::uint64_t budget = Budget(0);
         if (package_->GetTotalDataSize() < budget || index.EvictionOrder().empty()) { return; }
@@ -199,8 +210,9 @@ void EffectCacheFile::Trim(const Lock& lock, EffectIndex& index) noexcept {
 
 // Evicts effects until the package has streams for the whole queue. Returns the queue's effects,
 // without the newest ones if evicting was not enough.
-std::vector<PendingEffect*> EffectCacheFile::ClaimStreams(const Lock& /*lock*/, EffectIndex& index,
+std::vector<PendingEffect*> EffectCacheFile::ClaimStreams(const Lock& lock, EffectIndex& index,
                                                           EffectQueue& queue) {
+    lock.AssertHolds(*this);
     std::vector<PendingEffect*> effects = queue.Entries();
     std::vector<PendingEffect*> added;
     std::copy_if(effects.begin(), effects.end(), std::back_inserter(added),
@@ -227,7 +239,8 @@ std::vector<PendingEffect*> EffectCacheFile::ClaimStreams(const Lock& /*lock*/, 
 }
 
 // Writes the index and commits, then tells the other processes.
-void EffectCacheFile::Commit(const Lock& /*lock*/, EffectIndex& index) {
+void EffectCacheFile::Commit(const Lock& lock, EffectIndex& index) {
+    lock.AssertHolds(*this);
     index.Write(*package_);
     package_->Commit();
     shared_.Stamp().UpdateTimeStamp();

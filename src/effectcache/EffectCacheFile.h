@@ -8,6 +8,7 @@
 #include "effectcache/EffectRecord.h"
 #include "effectcache/SharedCache.h"
 #include "package/PagedFilePackage.h"
+#include "platform/Assert.h"
 #include "platform/Impersonation.h"
 #include "quorvel/AutoMutex.h"
 #include "quorvel/MutexObject.h"
@@ -30,7 +31,6 @@ namespace Quorvel {
 //   Sync    Clean    Discarded, if the file has       Clean    none
 //                    changed; a trim: as Save
 //   Read    Clean    Clean                            Clean    Clean, nothing found
-//           none                                      none     none, nothing found
 //   Save    Clean    as Sync; Saving, Overwriting     Clean    Closed by Rollback (Discarded, if
 //                                                              BeginSave fails), then none
 //           Clean    the same, on a volume that is    Clean    none
@@ -67,12 +67,20 @@ public:
     class Lock {
     public:
         explicit Lock(EffectCacheFile& file)
-            : asOwner_(file.shared_.Directory().user), guard_(file.shared_.Mutex(), kWaitForever) {}
+            : file_(file),
+              asOwner_(file.shared_.Directory().user),
+              guard_(file.shared_.Mutex(), kWaitForever) {}
 
         // True if the last holder may have died in the middle of a save.
         bool LastHolderDied() const { return guard_.WaitResult() == kWaitAbandoned; }
 
+        // REQUIRES: the lock is the file's own.
+        void AssertHolds([[maybe_unused]] const EffectCacheFile& file) const {
+            QUORVEL_ASSERT(&file == &file_);
+        }
+
     private:
+        const EffectCacheFile& file_;
         const Platform::Impersonation asOwner_;
         const AutoMutex guard_;
     };
@@ -91,9 +99,9 @@ public:
     // changing it.
     void Sync(const Lock& lock, EffectIndex& index) noexcept;
 
-    // Reads an effect's bytes. False when they can't be read, have another length than the record
-    // says, or the cache is inert. REQUIRES: Sync was called under this lock, and the record
-    // belongs to its index.
+    // Reads an effect's bytes. False when they can't be read or have another length than the record
+    // says. REQUIRES: Sync was called under this lock, the cache is usable, and the record belongs
+    // to its index.
     [[nodiscard]] bool Read(const Lock& lock, const EffectRecord& record, Tab<unsigned char>& data);
 
     // Syncs, then moves the queue's effects into the file, evicting others to make room and to free

@@ -92,7 +92,9 @@ std::vector<IndexEntry*> EffectIndex::ReadEntries(IDataStream& stream) {
     std::vector<IndexEntry*> entries;
     const std::uint64_t count = header_.recordCount;
     // A damaged header may state more effects than a cache can hold.
-    entries.reserve(std::min(count, kStreamLimit));
+    const std::uint64_t expected = std::min(count, kStreamLimit);
+    entries.reserve(expected);
+    table_.Reserve(expected);
     std::vector<std::byte> bytes;
     std::span<const std::byte> rest;
     while (entries.size() < count) {

@@ -45,11 +45,22 @@ public:
         return slot != kNoSlot ? slots_[slot].entry : nullptr;
     }
 
+    // After this call, only memory for the entries themselves is missing for `count` calls of Put.
+    // Throws std::bad_alloc, changing nothing.
+    void Reserve(std::size_t count) {
+        if ((size_ + count) * 8 > slots_.size() * 7) { GrowSlots(size_ + count); }
+        for (std::vector<Entry*>* const list : {&added_, &removed_}) {
+            if (list->capacity() - list->size() < count) {
+                list->reserve(std::max({kFewestSlots, 2 * list->size(), list->size() + count}));
+            }
+        }
+    }
+
     // Makes an entry with Entry::Write and enters it, replacing the one that had the name. Returns
     // it. Throws std::bad_alloc, changing nothing.
     template <typename... Values>
     Entry* Put(const EffectKey& key, std::uint32_t hash, const Values&... values) {
-        ReserveFor(1);
+        Reserve(1);
         std::byte* const memory = AllocateAligned(Entry::SizeFor(key, values...));
         Entry* const entry = Entry::Write(memory, key, hash, values...);
         Enter(entry, hash);
@@ -89,7 +100,7 @@ public:
         if (HeldBytes() <= 2 * TotalBytes() + kLeastWaste) { return; }
         try {
             EffectTable packed;
-            packed.ReserveFor(size_);
+            packed.Reserve(size_);
             for (const Entry* const entry : Entries()) {
                 const std::span<const unsigned char> bytes = entry->Bytes();
                 std::byte* const memory = packed.AllocateAligned(bytes.size());
@@ -156,16 +167,6 @@ private:
         slotMask_ = slots_.size() - 1;
         for (const Slot& slot : slots) {
             if (slot.hash != 0) { Insert(slot); }
-        }
-    }
-
-    // After this call, Enter can't fail for `count` entries.
-    void ReserveFor(std::size_t count) {
-        if ((size_ + count) * 8 > slots_.size() * 7) { GrowSlots(size_ + count); }
-        for (std::vector<Entry*>* const list : {&added_, &removed_}) {
-            if (list->capacity() - list->size() < count) {
-                list->reserve(std::max({kFewestSlots, 2 * list->size(), list->size() + count}));
-            }
         }
     }
 

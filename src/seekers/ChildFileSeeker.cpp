@@ -58,7 +58,9 @@ void ChildFileSeeker::LoadPageInfo(std::uint64_t /*pageIndex*/) {}
 
 bool ChildFileSeeker::Attach(const Util::RefPtr<IPageAllocator>& allocator,
                              const ChildFileExtent& extent, const ChildFileTail& tail) {
-    Clear();
+    pageNumberTable_.clear();
+    rangeTable_.clear();
+    ResetTables();
     allocator_ = allocator;
     extent_ = extent;
     tail_ = tail;

@@ -40,9 +40,11 @@ set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 
 find_program(QUORVEL_CCACHE ccache)
 if(QUORVEL_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-    # With precompiled headers, ccache must be told that the code does not use __TIME__.
-    set(CMAKE_CXX_COMPILER_LAUNCHER
-        ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${QUORVEL_CCACHE})
+    # With precompiled headers, ccache must be told that the code does not use __TIME__. Objects of
+    # one build folder serve others, too: what scripts/pack builds is a part of the preset release.
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env
+        CCACHE_SLOPPINESS=pch_defines,time_macros CCACHE_BASEDIR=${PROJECT_SOURCE_DIR}
+        CCACHE_NOHASHDIR=1 ${QUORVEL_CCACHE})
     if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
         add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-fpch-preprocess>)
     elseif(CMAKE_CXX_COMPILER_ID STREQUAL Clang)

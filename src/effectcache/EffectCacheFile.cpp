@@ -31,8 +31,7 @@ EffectCacheFile::EffectCacheFile(const CStr& directory) : shared_(directory) {}
 // ---- Opening, creating, closing -----------------------------------------------------------------
 
 void EffectCacheFile::Open(const Lock& lock, EffectIndex& index) noexcept {
-    lock.AssertHolds(*this);
-    QUORVEL_ASSERT(!package_);
+    QUORVEL_ASSERT(lock.Holds(*this) && !package_);
     if (!Recover(lock)) { return; }
     try {
         package_ = PagedFilePackage::Open(CachePackageConfig(shared_.Path()));
@@ -46,8 +45,7 @@ void EffectCacheFile::Open(const Lock& lock, EffectIndex& index) noexcept {
 }
 
 void EffectCacheFile::Create(const Lock& lock, EffectIndex& index) noexcept {
-    lock.AssertHolds(*this);
-    QUORVEL_ASSERT(!package_);
+    QUORVEL_ASSERT(lock.Holds(*this) && !package_);
     index.Clear();
     try {
         package_ = PagedFilePackage::Create(CachePackageConfig(shared_.Path()));
@@ -59,7 +57,7 @@ void EffectCacheFile::Create(const Lock& lock, EffectIndex& index) noexcept {
 }
 
 void EffectCacheFile::Close(const Lock& lock) noexcept {
-    lock.AssertHolds(*this);
+    QUORVEL_ASSERT(lock.Holds(*this));
     if (package_) {
         package_->Discard();
         package_.Reset();
@@ -69,7 +67,7 @@ void EffectCacheFile::Close(const Lock& lock) noexcept {
 // Undoes the save of a process that died in it. False if that fails: this cache is then inert, and
 // the other processes must retry the recovery before they trust the file.
 bool EffectCacheFile::Recover(const Lock& lock) noexcept {
-    lock.AssertHolds(*this);
+    QUORVEL_ASSERT(lock.Holds(*this));
     if (shared_.Path().Length() == 0) { return true; }
     try {
         RollbackJournal::Recover(shared_.Path().data());
@@ -85,7 +83,7 @@ bool EffectCacheFile::Recover(const Lock& lock) noexcept {
 // Undoes a save. If that fails, the cache is inert, as after a failed Recover. Only Close or a load
 // of the package may follow.
 void EffectCacheFile::Rollback(const Lock& lock) noexcept {
-    lock.AssertHolds(*this);
+    QUORVEL_ASSERT(lock.Holds(*this));
     try {
         package_->Rollback();
     } catch (...) {
@@ -96,7 +94,7 @@ void EffectCacheFile::Rollback(const Lock& lock) noexcept {
 
 // Undoes a save and loads the state that preceded it. If that fails, the cache is inert.
 void EffectCacheFile::RollbackAndReload(const Lock& lock, EffectIndex& index) noexcept {
-    lock.AssertHolds(*this);
+    QUORVEL_ASSERT(lock.Holds(*this));
     Rollback(lock);
     try {
         if (package_ && package_->Load() && index.Load(*package_)) { return; }
@@ -107,8 +105,7 @@ void EffectCacheFile::RollbackAndReload(const Lock& lock, EffectIndex& index) no
 // ---- Reading ------------------------------------------------------------------------------------
 
 void EffectCacheFile::Sync(const Lock& lock, EffectIndex& index) noexcept {
-    lock.AssertHolds(*this);
-    QUORVEL_ASSERT(package_ && package_->State() == FileState::Clean);
+    QUORVEL_ASSERT(lock.Holds(*this) && package_ && package_->State() == FileState::Clean);
     // A holder that died in the middle of a save has written no stamp.
     if (!shared_.Stamp().IsChanged() && !lock.LastHolderDied()) { return; }
     package_->Discard();  // its pages may be older than those in the file
@@ -122,16 +119,14 @@ void EffectCacheFile::Sync(const Lock& lock, EffectIndex& index) noexcept {
 }
 
 bool EffectCacheFile::Read(const Lock& lock, const EffectRecord& record, Tab<unsigned char>& data) {
-    lock.AssertHolds(*this);
-    QUORVEL_ASSERT(package_ && package_->State() == FileState::Clean);
+    QUORVEL_ASSERT(lock.Holds(*this) && package_ && package_->State() == FileState::Clean);
     return ReadEffect(*package_, record, data);
 }
 
 // ---- Saving -------------------------------------------------------------------------------------
 
 bool EffectCacheFile::Save(const Lock& lock, EffectIndex& index, EffectQueue& queue) noexcept {
-    lock.AssertHolds(*this);
-    QUORVEL_ASSERT(package_ && package_->State() == FileState::Clean);
+    QUORVEL_ASSERT(lock.Holds(*this) && package_ && package_->State() == FileState::Clean);
     Sync(lock, index);
     if (!package_) { return false; }
     bool hasRoom = false;
@@ -166,7 +161,7 @@ bool EffectCacheFile::Save(const Lock& lock, EffectIndex& index, EffectQueue& qu
 // Evicts effects until the package's streams have fewer bytes than `limit`. False if they still
 // have more.
 bool EffectCacheFile::MakeRoom(const Lock& lock, EffectIndex& index, std::uint64_t limit) {
-    lock.AssertHolds(*this);
+    QUORVEL_ASSERT(lock.Holds(*this));
     if (package_->GetTotalDataSize() >= limit) { Evict(lock, index, limit); }
     return package_->GetTotalDataSize() < limit;
 }
@@ -177,7 +172,7 @@ bool EffectCacheFile::MakeRoom(const Lock& lock, EffectIndex& index, std::uint64
 // left, each save evicts until its journal has a quarter of what the commit itself may add;
 // otherwise most of the time would go into commits.
 void EffectCacheFile::Evict(const Lock& lock, EffectIndex& index, std::uint64_t limit) {
-    lock.AssertHolds(*this);
+    QUORVEL_ASSERT(lock.Holds(*this));
     for (;;) {
         const std::uint64_t commitBytes = JournalBytes(*package_, index, 0);
         const std::uint64_t room = std::min(limit, Budget(commitBytes)) / 2;
@@ -198,7 +193,7 @@ void EffectCacheFile::Evict(const Lock& lock, EffectIndex& index, std::uint64_t 
 // the file still names and moves the tails of others, so it is a save of its own. A trim that fails
 // is put off: the file still holds all its effects, just more than it should.
 void EffectCacheFile::Trim(const Lock& lock, EffectIndex& index) noexcept {
-    lock.AssertHolds(*this);
+    QUORVEL_ASSERT(lock.Holds(*this));
     try {
         const std::uint64_t budget = Budget(0);
         if (package_->GetTotalDataSize() < budget || index.EvictionOrder().empty()) { return; }
@@ -212,7 +207,7 @@ void EffectCacheFile::Trim(const Lock& lock, EffectIndex& index) noexcept {
 // without the newest ones if evicting was not enough.
 std::vector<PendingEffect*> EffectCacheFile::ClaimStreams(const Lock& lock, EffectIndex& index,
                                                           EffectQueue& queue) {
-    lock.AssertHolds(*this);
+    QUORVEL_ASSERT(lock.Holds(*this));
     std::vector<PendingEffect*> effects = queue.Entries();
     std::vector<PendingEffect*> added;
     std::copy_if(effects.begin(), effects.end(), std::back_inserter(added),
@@ -240,7 +235,7 @@ std::vector<PendingEffect*> EffectCacheFile::ClaimStreams(const Lock& lock, Effe
 
 // Writes the index and commits, then tells the other processes.
 void EffectCacheFile::Commit(const Lock& lock, EffectIndex& index) {
-    lock.AssertHolds(*this);
+    QUORVEL_ASSERT(lock.Holds(*this));
     index.Write(*package_);
     package_->Commit();
     shared_.Stamp().UpdateTimeStamp();

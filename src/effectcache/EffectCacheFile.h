@@ -8,7 +8,6 @@
 #include "effectcache/EffectRecord.h"
 #include "effectcache/SharedCache.h"
 #include "package/PagedFilePackage.h"
-#include "platform/Assert.h"
 #include "platform/Impersonation.h"
 #include "quorvel/AutoMutex.h"
 #include "quorvel/MutexObject.h"
@@ -74,10 +73,8 @@ public:
         // True if the last holder may have died in the middle of a save.
         bool LastHolderDied() const { return guard_.WaitResult() == kWaitAbandoned; }
 
-        // REQUIRES: the lock is the file's own.
-        void AssertHolds([[maybe_unused]] const EffectCacheFile& file) const {
-            QUORVEL_ASSERT(&file == &file_);
-        }
+        // True if the lock is that file's.
+        bool Holds(const EffectCacheFile& file) const { return &file == &file_; }
 
     private:
         const EffectCacheFile& file_;

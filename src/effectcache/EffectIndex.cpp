@@ -18,7 +18,7 @@ namespace {
 constexpr std::uint64_t kEmptyIndexSize = 1;
 
 // The index stream is read in pieces of this size.
-constexpr std::uint64_t kPieceSize = 0x10000;
+constexpr std::uint64_t kPieceSize = 0x10000;  // mutation: any size will do
 
 struct HeaderPayload {
     std::uint64_t offset;  // in the header data
@@ -134,7 +134,7 @@ void EffectIndex::DropAmbiguousEntries(const PagedFilePackage& package,
                                        std::span<IndexEntry* const> read) {
     std::vector<std::uint8_t> namings(kStreamLimit + 1);  // by stream; 2 stands for more
     QUORVEL_ASSERT(header_.indexStreamId < namings.size());
-    namings[header_.indexStreamId] = 1;
+    namings[header_.indexStreamId] = 1;  // mutation: any number but 0
     bool isAmbiguous = false;
     for (const IndexEntry* const entry : read) {
         const std::uint64_t id = entry->record.streamId;

@@ -128,8 +128,6 @@ std::unique_ptr<CachedPage> FilePageCache::LoadPage(std::uint64_t index, bool fo
     loaded->pageIndex = index;
     loaded->pinCount = 1;
     loaded->dirty = forWrite ? 1 : 0;
-    loaded->older = nullptr;
-    loaded->newer = nullptr;
     if (forWrite) { GrowTo(OffsetOfIndex(index) + kPageSize); }
     ReadAt(loaded->data, OffsetOfIndex(index), kPageSize);
     return loaded;

@@ -13,12 +13,12 @@ namespace Quorvel::Testing {
 
 namespace {
 
-constexpr int kThreads = 8;
-constexpr int kRounds = 60;
+constexpr int kCallers = 8;
+constexpr int kCallsEach = 60;
 
 // Adds and finds effects, and provokes errors of this thread's own. Counts wrong answers.
 void Work(const CacheHandle& cache, int thread, std::atomic<int>& wrong) {
-    for (int round = 0; round < kRounds; ++round) {
+    for (int round = 0; round < kCallsEach; ++round) {
         const std::string name = std::to_string(thread) + ' ' + std::to_string(round);
         const std::string code(40000, static_cast<char>('a' + round % 26));
         if (AddEffect(cache, name, code) != QUORVEL_OK) { ++wrong; }
@@ -41,7 +41,7 @@ TEST(CLibraryThreads, GetTheirOwnEffectsAndErrors) {
     ASSERT_TRUE(cache);
     std::atomic<int> wrong{0};
     std::vector<std::thread> threads;
-    for (int thread = 0; thread < kThreads; ++thread) {
+    for (int thread = 0; thread < kCallers; ++thread) {
         threads.emplace_back([&, thread] { Work(cache, thread, wrong); });
     }
     for (std::thread& thread : threads) {
@@ -49,7 +49,7 @@ TEST(CLibraryThreads, GetTheirOwnEffectsAndErrors) {
     }
     EXPECT_EQ(wrong, 0);
     EXPECT_EQ(quorvel_cache_save(cache.get()), QUORVEL_OK);
-    EXPECT_EQ(quorvel_cache_effects_in_file(cache.get()), std::uint64_t{kThreads * kRounds});
+    EXPECT_EQ(quorvel_cache_effects_in_file(cache.get()), std::uint64_t{kCallers * kCallsEach});
 }
 
 }  // namespace Quorvel::Testing

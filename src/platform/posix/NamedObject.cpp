@@ -32,7 +32,7 @@ public:
         if (IsOpen()) {
             const int error = errno;
             ::close(descriptor_);
-            errno = error;
+            errno = error;  // mutation: close changes it only when it fails
         }
     }
 

@@ -411,10 +411,10 @@ TEST_F(NamedMutexOnPosix, IsAcquiredByAWaiterWhoseWakeUpWasLost) {
 
 TEST_F(NamedMutexOnPosix, OfAWideNameIsTheMutexOfItsUtf8Name) {
     const std::string ascii = name_;
-    const std::wstring wide =
-        std::wstring(ascii.begin(), ascii.end()) + L"\u00E9\u07FF\u0800\uFFFD\U00010000\U0010FFFF";
+    const std::wstring wide = std::wstring(ascii.begin(), ascii.end()) +
+                              L"\x7F\x80\u00E9\u07FF\u0800\uFFFD\U00010000\U0010FFFF";
     const std::string utf8 = ascii +
-                             "\xC3\xA9\xDF\xBF\xE0\xA0\x80\xEF\xBF\xBD"
+                             "\x7F\xC2\x80\xC3\xA9\xDF\xBF\xE0\xA0\x80\xEF\xBF\xBD"
                              "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF";
     const MutexHandle byWideName(Platform::OpenNamedMutex(wide.c_str()));
     ASSERT_TRUE(byWideName.IsOpen());

@@ -244,9 +244,9 @@ std::unique_ptr<Snapshot> ReadCache(Cache& cache, const Cache::Lock& lock) {
     return snapshot;
 }
 
-void ForEachEffect(Cache& cache, const std::function<bool(const Format::IndexEntry&)>& select,
-                   const std::function<void(const EffectBytes&)>& use,
-                   const std::function<void(const Format::IndexEntry&, const std::string&)>& skip) {
+void ForEachPiece(Cache& cache, const std::function<bool(const Format::IndexEntry&)>& select,
+                  const std::function<void(std::vector<EffectBytes>)>& use,
+                  const std::function<void(const Format::IndexEntry&, const std::string&)>& skip) {
     std::unique_ptr<Snapshot> snapshot;
     std::string last;  // the effects up to this name are done; empty before the first one
     for (bool isDone = false; !isDone;) {
@@ -277,10 +277,21 @@ void ForEachEffect(Cache& cache, const std::function<bool(const Format::IndexEnt
         for (const auto& [entry, why] : skipped) {
             skip(entry, why);
         }
-        for (const EffectBytes& effect : piece) {
-            use(effect);
-        }
+        if (!piece.empty()) { use(std::move(piece)); }
     }
+}
+
+void ForEachEffect(Cache& cache, const std::function<bool(const Format::IndexEntry&)>& select,
+                   const std::function<void(const EffectBytes&)>& use,
+                   const std::function<void(const Format::IndexEntry&, const std::string&)>& skip) {
+    ForEachPiece(
+        cache, select,
+        [&](const std::vector<EffectBytes>& piece) {
+            for (const EffectBytes& effect : piece) {
+                use(effect);
+            }
+        },
+        skip);
 }
 
 }  // namespace Quorvel::Tool

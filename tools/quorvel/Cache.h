@@ -138,6 +138,10 @@ struct EffectBytes {
     Format::IndexEntry entry;
     Format::Bytes data;
 };
+// ForEachPiece hands over what was read in one piece, which is never empty.
+void ForEachPiece(Cache& cache, const std::function<bool(const Format::IndexEntry&)>& select,
+                  const std::function<void(std::vector<EffectBytes>)>& use,
+                  const std::function<void(const Format::IndexEntry&, const std::string&)>& skip);
 void ForEachEffect(Cache& cache, const std::function<bool(const Format::IndexEntry&)>& select,
                    const std::function<void(const EffectBytes&)>& use,
                    const std::function<void(const Format::IndexEntry&, const std::string&)>& skip);

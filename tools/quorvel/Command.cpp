@@ -82,6 +82,10 @@ void Command::AddFlag(const std::string& name, bool& isGiven, const std::string&
     app->add_flag(name, isGiven, help);
 }
 
+void Command::AllowAnything() {
+    app->allow_extras();
+}
+
 void Command::AddReading() {
     AddFlag("--offline", session.offline,
             "take no lock and write nothing: for copies and read-only media");

@@ -52,6 +52,9 @@ struct Command {
     // --escaped, for commands that take names of effects.
     void AddEscaped();
 
+    // Accepts any arguments, and ignores them.
+    void AllowAnything();
+
     // An option such as "-o,--output", or an argument such as "NAME". The value may be a string, a
     // number, an optional number, or a vector of strings.
     template <typename Value>

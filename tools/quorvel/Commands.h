@@ -22,6 +22,10 @@ void AddImport(CLI::App& program, Session& session);
 void AddMerge(CLI::App& program, Session& session);
 void AddDiff(CLI::App& program, Session& session);
 void AddSalvage(CLI::App& program, Session& session);
+void AddPush(CLI::App& program, Session& session);
+void AddPull(CLI::App& program, Session& session);
+void AddSync(CLI::App& program, Session& session);
+void AddAgent(CLI::App& program, Session& session);
 
 // "generate man", "bash", "zsh" and "fish", which --help doesn't show. It describes the commands
 // that were added before.

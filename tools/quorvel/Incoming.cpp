@@ -254,19 +254,21 @@ IncomingResult TakeIn(const Incoming& incoming, Cache& cache, const IncomingOpti
     return result;
 }
 
-void ReportResult(Session& session, const IncomingResult& result, const IncomingOptions& options,
-                  std::uint64_t damaged) {
-    if (options.isDryRun && !session.json) {
-        for (const auto& [mark, names] :
-             {std::pair("+ ", &result.added), std::pair("! ", &result.replaced)}) {
-            for (const std::string* const name : *names) {
-                session.out << mark << Escape(*name) << '\n';
-            }
-        }
-        for (const std::string& name : result.evicted) {
-            session.out << "- " << Escape(name) << '\n';
+void PrintChanges(Session& session, const IncomingResult& result) {
+    for (const auto& [mark, names] :
+         {std::pair("+ ", &result.added), std::pair("! ", &result.replaced)}) {
+        for (const std::string* const name : *names) {
+            session.out << mark << Escape(*name) << '\n';
         }
     }
+    for (const std::string& name : result.evicted) {
+        session.out << "- " << Escape(name) << '\n';
+    }
+}
+
+void ReportResult(Session& session, const IncomingResult& result, const IncomingOptions& options,
+                  std::uint64_t damaged) {
+    if (options.isDryRun && !session.json) { PrintChanges(session, result); }
     if (result.leftOut > 0) { session.exitCode = kNo; }
     std::string line = fmt::format("{}added {}, replaced {}", options.isDryRun ? "would have " : "",
                                    Count(result.added.size(), "effect"), result.replaced.size());

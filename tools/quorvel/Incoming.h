@@ -74,6 +74,9 @@ struct IncomingResult {
 IncomingResult TakeIn(const Incoming& incoming, Cache& cache, const IncomingOptions& options,
                       const Session& session);
 
+// Prints what would happen to each effect, as ReportResult does.
+void PrintChanges(Session& session, const IncomingResult& result);
+
 // Prints the result; the exit code is kNo if effects were left out. A dry run also prints what
 // would happen to each effect: "+ name" for one that is added, "! name" for one that is replaced,
 // "- name" for one that is evicted.

@@ -59,9 +59,10 @@ int Run(int argc, const char* const* argv, Session& session) {
         "so that commands are right while other programs use it.\n"
         "Exit codes: 0 done, 1 not found, different or damaged, 2 bad arguments, 3 could not be "
         "done.\n\"quorvel COMMAND --help\" says more about a command.\n");
-    for (const auto add : {AddInfo, AddList, AddCheck, AddGet, AddPut, AddRemove, AddSet, AddExport,
-                           AddImport, AddMerge, AddDiff, AddPrune, AddCompact, AddClear, AddSalvage,
-                           AddMap, AddWatch, AddManual}) {
+    for (const auto add :
+         {AddInfo,   AddList,  AddCheck, AddGet,   AddPut,     AddRemove, AddSet,     AddExport,
+          AddImport, AddMerge, AddDiff,  AddPrune, AddCompact, AddClear,  AddSalvage, AddMap,
+          AddWatch,  AddPush,  AddPull,  AddSync,  AddAgent,   AddManual}) {
         add(program, session);
     }
     const auto isNamed = [&](const CLI::App* command) { return command->get_name() == argv[1]; };

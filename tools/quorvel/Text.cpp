@@ -222,10 +222,8 @@ Format::EntryTime Now() {
     return {now.year, now.month, now.day, now.hour, now.minute, now.second, now.milliseconds};
 }
 
-Format::EntryTime TimeBefore(std::uint64_t seconds) {
-    const Format::EntryTime now = Now();
-    const std::time_t then = ToUnixTime(now) - static_cast<std::time_t>(seconds);
-    const std::tm* const local = then > 0 ? std::localtime(&then) : nullptr;
+Format::EntryTime FromUnixTime(std::time_t seconds, std::uint32_t millisecond) {
+    const std::tm* const local = std::localtime(&seconds);
     if (!local) { return {}; }
     const auto narrow = [](int field) { return static_cast<std::uint16_t>(field); };
     return {narrow(local->tm_year + 1900),
@@ -234,7 +232,13 @@ Format::EntryTime TimeBefore(std::uint64_t seconds) {
             narrow(local->tm_hour),
             narrow(local->tm_min),
             narrow(local->tm_sec),
-            now.millisecond};
+            millisecond};
+}
+
+Format::EntryTime TimeBefore(std::uint64_t seconds) {
+    const Format::EntryTime now = Now();
+    const std::time_t then = ToUnixTime(now) - static_cast<std::time_t>(seconds);
+    return then > 0 ? FromUnixTime(then, now.millisecond) : Format::EntryTime();
 }
 
 std::string Duration(std::uint64_t seconds) {

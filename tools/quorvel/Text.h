@@ -36,6 +36,9 @@ Format::EntryTime ParseTime(const std::string& text);
 // Seconds since 1970 UTC; an estimate if the time is not valid.
 std::time_t ToUnixTime(const Format::EntryTime& time);
 
+// The local time at that number of seconds since 1970 UTC; all zero if there is none.
+Format::EntryTime FromUnixTime(std::time_t seconds, std::uint32_t millisecond);
+
 // The local time now, and the local time that number of seconds ago.
 Format::EntryTime Now();
 Format::EntryTime TimeBefore(std::uint64_t seconds);

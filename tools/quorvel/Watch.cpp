@@ -3,158 +3,29 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
-#include "format/Path.h"
-#include "tools/quorvel/Cache.h"
 #include "tools/quorvel/Commands.h"
 #include "tools/quorvel/Selection.h"
 #include "tools/quorvel/Terminal.h"
 #include "tools/quorvel/Text.h"
 #include "tools/quorvel/WatchView.h"
+#include "tools/quorvel/Watcher.h"
 
 namespace Quorvel::Tool {
 namespace {
 
-namespace fs = std::filesystem;
 using Clock = WatchView::Clock;
-
-// The cache is locked for at most one part in this number of the time, so that hosts seldom wait.
-constexpr int kShareOfTime = 10;
 
 struct WatchOptions {
     std::string cache;
     double interval = 1;
     std::optional<std::uint64_t> count;
 };
-
-// Looks for changes of a cache.
-class Watcher {
-public:
-    Watcher(const Session& session, const std::string& cache) : cache_(session, cache) {}
-
-    const std::string& Path() const { return cache_.Path(); }
-
-    // The present state of the cache. Throws Failure if the effects can't be read.
-    WatchUpdate First();
-
-    // What has changed since the last update, if anything has. Takes the lock only if the file has
-    // changed, and not too often.
-    std::optional<WatchUpdate> Next();
-
-private:
-    // Shows that the file has changed even if the change was not announced.
-    struct Mark {
-        std::uint64_t size = 0;
-        fs::file_time_type time;
-        bool operator==(const Mark&) const = default;
-    };
-
-    struct Effect {
-        std::string name;
-        Format::EffectRecord record;
-    };
-
-    Mark Look() const;
-    WatchUpdate Read();
-    void Compare(const std::vector<Format::IndexEntry>& effects, WatchUpdate& update);
-
-    Cache cache_;
-    Mark mark_;
-    bool mustRead_ = true;
-    Clock::time_point nextRead_;
-    std::string problem_;
-    std::vector<Effect> effects_;  // ordered by name
-};
-
-Watcher::Mark Watcher::Look() const {
-    std::error_code ignored;
-    const fs::path path = Format::ToPath(cache_.Path());
-    return {fs::file_size(path, ignored), fs::last_write_time(path, ignored)};
-}
-
-WatchUpdate Watcher::First() {
-    WatchUpdate update = Read();
-    update.isFirst = true;
-    update.added.clear();
-    return update;
-}
-
-std::optional<WatchUpdate> Watcher::Next() {
-    if (cache_.HasChanged() || Look() != mark_) { mustRead_ = true; }
-    if (!mustRead_ || Clock::now() < nextRead_) { return std::nullopt; }
-    try {
-        WatchUpdate update = Read();
-        problem_.clear();
-        return update;
-    } catch (const Failure& failure) {
-        if (IsStopRequested() || failure.what() == problem_) { return std::nullopt; }
-        problem_ = failure.what();
-        WatchUpdate update;
-        update.time = Now();
-        update.problem = problem_;
-        return update;
-    }
-}
-
-WatchUpdate Watcher::Read() {
-    std::unique_ptr<Snapshot> snapshot;
-    {
-        const Cache::Lock lock(cache_);
-        const Clock::time_point start = Clock::now();
-        mark_ = Look();
-        snapshot = ReadCache(cache_, lock);
-        mustRead_ = false;
-        nextRead_ = Clock::now() + kShareOfTime * (Clock::now() - start);
-    }
-    WatchUpdate update;
-    update.time = Now();
-    update.state.fileSize = snapshot->File().Size();
-    Compare(snapshot->Effects(), update);
-    return update;
-}
-
-void Watcher::Compare(const std::vector<Format::IndexEntry>& effects, WatchUpdate& update) {
-    std::vector<Effect> now;
-    now.reserve(effects.size());
-    auto old = effects_.begin();
-    const auto isBefore = [](const std::string& left, const std::string& right) {
-        return Format::NameOrder()(left, right);
-    };
-    for (const auto& [name, record] : effects) {
-        update.state.bytes += record.size;
-        for (; old != effects_.end() && isBefore(old->name, name); ++old) {
-            update.removed.push_back(old->name);
-        }
-        if (old == effects_.end() || old->name != name) {
-            update.added.push_back(name);
-        } else {
-            // Compacting gives an effect another stream; a search gives it another time.
-            const bool isMoved = old->record.streamId != record.streamId;
-            const bool hasNewTime = Time(old->record.time) != Time(record.time);
-            if (old->record.size != record.size || (isMoved && hasNewTime)) {
-                update.replaced.push_back(name);
-            } else if (hasNewTime) {
-                update.used.push_back(name);
-            }
-            ++old;
-        }
-        now.push_back({name, record});
-    }
-    for (; old != effects_.end(); ++old) {
-        update.removed.push_back(old->name);
-    }
-    update.state.effects = effects.size();
-    effects_ = std::move(now);
-}
-
-// ---- Showing ------------------------------------------------------------------------------------
 
 Json ToJson(const WatchUpdate& update, std::size_t saves) {
     Json json = {{"time", Time(update.time)}};

@@ -44,6 +44,7 @@ constexpr int kMostNotices = 1000;
 constexpr int kShareOfScans = 10;
 
 constexpr std::size_t kMostRefused = 1 << 17;
+constexpr std::size_t kMostAsked = 1 << 16;
 
 constexpr milliseconds kShortestBackOff(250);
 constexpr milliseconds kLongestBackOff(15000);
@@ -236,6 +237,7 @@ private:
         const bool isLost = change == EffectStore::Change::Lost || now >= nextRescan_;
         if (isLost) {
             unsent_.AddAll();
+            asked_.clear();
             nextRescan_ = now + rescan_;
         }
         if (isLost || change == EffectStore::Change::Sent) { unfetched_.AddAll(); }
@@ -275,6 +277,7 @@ private:
             unsent_.Add(key);
         }
         unfetched_.Clear();
+        AskFor(result.damaged);
         if (refused_.size() > kMostRefused) { refused_.clear(); }
         const Clock::time_point now = Clock::now();
         nextFetch_ = now + std::max<Clock::duration>(every_, kShareOfScans * (now - begin));
@@ -289,6 +292,15 @@ private:
                  {"evicted", result.evicted},
                  {"bytes", result.bytes}});
         }
+    }
+
+    // Asks for each effect once until the next rescan, in case that the server damages everything.
+    void AskFor(const Keys& damaged) {
+        Keys keys;
+        for (const Checksum& key : damaged) {
+            if (asked_.size() < kMostAsked && asked_.insert(key).second) { keys.push_back(key); }
+        }
+        store_->AskFor(keys);
     }
 
     const AgentOptions& options_;
@@ -308,6 +320,7 @@ private:
     KeySet unfetched_;
     KeySet wanted_;
     RefusedVersions refused_;
+    std::unordered_set<Checksum, ChecksumHash> asked_;
     Clock::time_point nextBeat_;
     Clock::time_point nextRescan_;
     Clock::time_point nextFetch_;

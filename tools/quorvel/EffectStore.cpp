@@ -104,14 +104,24 @@ std::string EffectStore::IndexSet(std::size_t number) const {
     return fmt::format("{}.index.{}", space_.Prefix(), number);
 }
 
+// A proxy closes the connection.
+Reply EffectStore::ScanDatabase(const std::string& cursor) {
+    const std::string pattern = space_.Prefix() + ":*";
+    try {
+        return server_.Ask(
+            {"SCAN", cursor, "MATCH", pattern, "COUNT", std::to_string(kKeysPerStep)});
+    } catch (const ServerRefusal&) { throw; } catch (const ServerFailure& failure) {
+        throw ServerFailure(std::string(failure.what()) + "; if it is a proxy, give ?proxy=1");
+    }
+}
+
 // Scans the members of a set, or the database if no set is named.
 void EffectStore::ScanSet(const std::string& set, const std::function<void(const Keys&)>& use) {
     const std::string count = std::to_string(kKeysPerStep);
-    const std::string pattern = space_.Prefix() + ":*";
     std::string cursor = "0";
     for (std::uint64_t step = 0; step < kMostSteps; ++step) {
-        Reply reply = set.empty() ? server_.Ask({"SCAN", cursor, "MATCH", pattern, "COUNT", count})
-                                  : server_.Ask({"SSCAN", set, cursor, "COUNT", count});
+        const Reply reply = set.empty() ? ScanDatabase(cursor)
+                                        : server_.Ask({"SSCAN", set, cursor, "COUNT", count});
         if (reply.list.size() != 2) { break; }
         Keys keys;
         for (const Reply& item : reply.list[1].list) {
@@ -137,8 +147,11 @@ void EffectStore::ReadRanges(const Keys& keys, long long first, long long last, 
     std::size_t asked = 0;
     std::optional<ServerRefusal> refusal;
     for (std::size_t i = 0; i < (refusal ? asked : keys.size()); ++i) {
-        for (; !refusal && asked < std::min(keys.size(), i + ahead); ++asked) {
-            server_.Send({"GETRANGE", space_.Name(keys[asked]), from, to});
+        // Many at a time, since each transfer costs time.
+        if (!refusal && asked - i <= ahead / 2) {
+            for (; asked < std::min(keys.size(), i + ahead); ++asked) {
+                server_.Send({"GETRANGE", space_.Name(keys[asked]), from, to});
+            }
         }
         const Reply reply = server_.Receive();
         const bool isError = reply.kind == Reply::Kind::Error;

@@ -81,6 +81,7 @@ public:
 
 private:
     std::string IndexSet(std::size_t number) const;
+    Reply ScanDatabase(const std::string& cursor);
     void ScanSet(const std::string& set, const std::function<void(const Keys&)>& use);
     void ReadRanges(const Keys& keys, long long first, long long last, std::size_t ahead,
                     const Use& use);

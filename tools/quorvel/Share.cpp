@@ -64,7 +64,12 @@ public:
         const PullResult result =
             PullEffects(cache_, store_, transfer_, nullptr, refused, session_);
         const double seconds = Since(begin);
-        NoteProblems(result.leftOut, result.damaged);
+        try {
+            store_.AskFor(result.damaged);
+        } catch (const ServerRefusal&) {
+            // Some users may only read.
+        }
+        NoteProblems(result.leftOut, result.damaged.size());
         std::string line =
             fmt::format("{}added {}, replaced {}, {} in {}", Would(), Count(result.added, "effect"),
                         result.replaced, Size(result.bytes), Rate(result.bytes, seconds));
@@ -72,7 +77,7 @@ public:
         if (result.evicted > 0) {
             line += fmt::format("; for lack of room, evicted {}", result.evicted);
         }
-        AddProblems(line, result.leftOut, result.damaged);
+        AddProblems(line, result.leftOut, result.damaged.size());
         return {line, Json{{"dryRun", transfer_.isDryRun},
                            {"added", result.added},
                            {"replaced", result.replaced},
@@ -80,7 +85,7 @@ public:
                            {"bytes", result.bytes},
                            {"kept", result.kept},
                            {"leftOut", result.leftOut},
-                           {"damaged", result.damaged},
+                           {"damaged", result.damaged.size()},
                            {"seconds", seconds}}};
     }
 

@@ -187,12 +187,7 @@ public:
     PullResult Finish() {
         FetchNewer();
         StoreBatch();
-        try {
-            store_.AskFor(damaged_);
-        } catch (const ServerRefusal&) {
-            // A reader may not be allowed to.
-        }
-        return result_;
+        return std::move(result_);
     }
 
 private:
@@ -270,8 +265,7 @@ private:
     void Receive(const Checksum& key, const std::string& value) {
         std::optional<EffectBytes> effect = codec_.Decode(store_.Space(), key, value);
         if (!effect) {
-            ++result_.damaged;
-            damaged_.push_back(key);
+            result_.damaged.push_back(key);
             refused_[key] = VersionOf(value);
             return;
         }
@@ -331,7 +325,6 @@ private:
     std::optional<Incoming> incoming_;
     std::vector<std::pair<Checksum, Checksum>> versions_;  // of the effects in incoming_
     std::uint64_t batchBytes_ = 0;
-    Keys damaged_;
     PullResult result_;
 };
 

@@ -45,7 +45,7 @@ struct PullResult {
     std::uint64_t bytes = 0;    // of the effects that came
     std::uint64_t kept = 0;     // the cache's own was used last, or has equal bytes
     std::uint64_t leftOut = 0;  // for lack of room, or beyond mostBytes
-    std::uint64_t damaged = 0;  // not whole, or something else
+    EffectStore::Keys damaged;  // not whole, or something else
     EffectStore::Keys older;    // the cache's own was used later
 };
 

@@ -66,6 +66,7 @@ void ReadHost(std::string_view text, StoreUrl& url) {
     std::string_view port;
     if (text.starts_with('[')) {
         text.remove_prefix(1);
+        if (text.find(']') == std::string_view::npos) { Refuse("the host lacks a ]"); }
         url.host = TakeUpTo(text, "]");
         if (!text.empty() && !text.starts_with(':')) { Refuse("a port must follow the ]"); }
         port = text;

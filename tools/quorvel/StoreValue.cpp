@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 #include <new>
+#include <tuple>
 
 #include "effectcache/EffectRecord.h"
 #include "tools/quorvel/Text.h"
@@ -69,7 +70,19 @@ Checksum LoadChecksum(std::string_view text, std::size_t at) {
 }  // namespace
 
 std::int64_t ToStoreTime(const Format::EntryTime& time) {
-    const std::int64_t seconds = ToUnixTime(time);
+    // The system looks for a change of the time zone each time. Effects that were used together
+    // share an hour, all of which counts from the same offset.
+    thread_local Format::EntryTime hour;
+    thread_local std::int64_t begin = 0;
+    const auto key = [](const Format::EntryTime& one) {
+        return std::tuple(one.year, one.month, one.day, one.hour);
+    };
+    if (key(time) != key(hour)) {
+        hour = time;
+        hour.minute = hour.second = 0;
+        begin = ToUnixTime(hour);
+    }
+    const std::int64_t seconds = begin + time.minute * 60 + time.second;
     return seconds < 0 ? 0 : std::min(seconds * 1000 + time.millisecond % 1000, kLatestTime);
 }
 

@@ -1,0 +1,220 @@
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <thread>
+
+#include "quorvel/EffectCacheSystem.h"
+#include "share/ShareTest.h"
+#include "tools/quorvel/StoreValue.h"
+#include "vornutil/RefPtr.h"
+#include "vornutil/Tab.h"
+
+namespace Quorvel::Tool {
+namespace {
+
+using testing::HasSubstr;
+
+class AgentTest : public ShareTest {
+protected:
+    static std::unique_ptr<Testing::ChildProcess> StartAgent(
+        const std::string& cache, const std::string& url,
+        const std::vector<std::string>& more = {}) {
+        std::vector<std::string> arguments = {"agent", cache,     url,  "--server-timeout",
+                                              "1",     "--every", "0.1"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return Start(arguments);
+    }
+
+    // What a host does: caches an effect whose byte is known by its name, and saves.
+    static void Save(const std::string& cache, const std::string& name) {
+        const Util::RefPtr<EffectCacheSystem> host(new EffectCacheSystem(cache.c_str()));
+        ASSERT_TRUE(host->IsEnabled());
+        const std::vector<unsigned char> code(100, static_cast<unsigned char>(name.back()));
+        host->CacheCompiledEffect(name.c_str(), code.data(), code.size(), false);
+    }
+
+    // True if a host finds the effect.
+    static bool Has(const std::string& cache, const std::string& name) {
+        if (!std::filesystem::exists(cache + "/vornFxoCache.dat")) { return false; }
+        const Util::RefPtr<EffectCacheSystem> host(new EffectCacheSystem(cache.c_str()));
+        Tab<unsigned char> code;
+        if (!host->SearchCachedEffects(name.c_str(), code)) { return false; }
+        EXPECT_EQ(code.Count(), 100);
+        EXPECT_EQ(code[0], static_cast<unsigned char>(name.back()));
+        return true;
+    }
+
+    static std::string KeyOf(const std::string& effect) {
+        const StoreSpace space("default");
+        return space.Name(space.KeyOf(effect));
+    }
+};
+
+TEST_F(AgentTest, WhatOneHostSavesAnotherFinds) {
+    const RedisServer server;
+    const std::string a = Empty("a");
+    const std::string b = Empty("b");
+    const auto one = StartAgent(a, server.Url());
+    const auto other = StartAgent(b, server.Url());
+    Save(a, "first");
+    EXPECT_TRUE(Eventually([&] { return Has(b, "first"); }));
+    Save(b, "second");
+    EXPECT_TRUE(Eventually([&] { return Has(a, "second"); }));
+    for (const auto& agent : {one.get(), other.get()}) {
+        ::kill(static_cast<pid_t>(agent->Id()), SIGTERM);
+        EXPECT_EQ(agent->Wait(), kDone);
+    }
+}
+
+TEST_F(AgentTest, ItBeginsWithAllThatIsThere) {
+    const RedisServer server;
+    const std::string a = Make("a", ManyEffects(0, 300));
+    EXPECT_EQ(Run({"push", Make("b", ManyEffects(200, 300)), server.Url()}), kDone);
+    const auto agent = StartAgent(a, server.Url());
+    EXPECT_TRUE(Eventually([&] { return server.EffectKeys().size() == 500; }));
+    const std::string all = Make("all", ManyEffects(0, 500));
+    EXPECT_TRUE(Eventually([&] { return Run({"diff", "--time", a, all}) == kDone; }));
+}
+
+TEST_F(AgentTest, ItNoticesWhatAPushHasSent) {
+    const RedisServer server;
+    const std::string a = Empty("a");
+    const auto agent = StartAgent(a, server.Url());
+    EXPECT_TRUE(Eventually([&] { return server.Ask({"KEYS", "*"}).list.size() == 1; }));
+    EXPECT_EQ(Run({"push", Make("b", ThreeEffects()), server.Url()}), kDone);
+    EXPECT_TRUE(Eventually([&] {
+        return std::filesystem::exists(a + "/vornFxoCache.dat") &&
+               Run({"diff", "--time", a, File("b")}) == kDone;
+    }));
+}
+
+TEST_F(AgentTest, AServerThatComesBackEmptyGetsEverythingAgain) {
+    RedisServer server;
+    const std::string a = Make("a", ManyEffects(0, 100));
+    const auto agent = StartAgent(a, server.Url());
+    EXPECT_TRUE(Eventually([&] { return server.EffectKeys().size() == 100; }));
+    server.Kill();
+    Save(a, "meanwhile");
+    server.Start();
+    EXPECT_TRUE(Eventually([&] { return server.EffectKeys().size() == 101; }));
+    server.Ask({"FLUSHALL"});
+    EXPECT_TRUE(Eventually([&] { return server.EffectKeys().size() == 101; }));
+}
+
+TEST_F(AgentTest, ItMayStartBeforeTheServer) {
+    RedisServer server;
+    server.Kill();
+    const std::string a = Make("a", ManyEffects(0, 10));
+    const auto agent = StartAgent(a, server.Url());
+    Save(a, "meanwhile");
+    server.Start();
+    EXPECT_TRUE(Eventually([&] { return server.EffectKeys().size() == 11; }));
+}
+
+TEST_F(AgentTest, AFrozenServerStopsNoHost) {
+    const RedisServer server;
+    const std::string a = Make("a", ManyEffects(0, 10));
+    const auto agent = StartAgent(a, server.Url());
+    EXPECT_TRUE(Eventually([&] { return server.EffectKeys().size() == 10; }));
+    server.Freeze();
+    for (int i = 0; i < 30; ++i) {
+        Save(a, "frozen " + std::to_string(i));
+    }
+    server.Thaw();
+    EXPECT_TRUE(Eventually([&] { return server.EffectKeys().size() == 40; }));
+}
+
+TEST_F(AgentTest, AFullServerGetsTheRestOnceItHasRoom) {
+    const RedisServer server({"--maxmemory", "3mb"});
+    const std::string a = Make("a", ManyEffects(0, 2000));
+    const auto agent = StartAgent(a, server.Url());
+    EXPECT_TRUE(Eventually([&] { return server.Info("errorstats", "errorstat_OOM:count=") > 0; }));
+    server.Ask({"CONFIG", "SET", "maxmemory", "0"});
+    EXPECT_TRUE(Eventually([&] { return server.EffectKeys().size() == 2000; }));
+}
+
+TEST_F(AgentTest, ADamagedValueIsMendedByThoseWhoHaveTheEffect) {
+    const RedisServer server;
+    const std::string a = Make("a", ThreeEffects());
+    const auto one = StartAgent(a, server.Url());
+    EXPECT_TRUE(Eventually([&] { return server.EffectKeys().size() == 3; }));
+    const std::string key = KeyOf("bb");
+    const std::string value = server.Ask({"GET", key}).text;
+    // The footer stays as it was.
+    server.Ask({"SETRANGE", key, "2", "x"});
+    const std::string b = Empty("b");
+    const auto other = StartAgent(b, server.Url());
+    EXPECT_TRUE(Eventually([&] {
+        return std::filesystem::exists(b + "/vornFxoCache.dat") &&
+               Run({"diff", "--time", a, b}) == kDone;
+    }));
+    EXPECT_EQ(server.Ask({"GET", key}).text, value);
+}
+
+TEST_F(AgentTest, ARescanFindsWhatNoNoticeTold) {
+    const RedisServer server;
+    const std::string a = Make("a", ThreeEffects());
+    const auto agent = StartAgent(a, server.Url(), {"--rescan", "1"});
+    EXPECT_TRUE(Eventually([&] { return server.EffectKeys().size() == 3; }));
+    server.Ask({"DEL", KeyOf("bb")});
+    EXPECT_TRUE(Eventually([&] { return server.EffectKeys().size() == 3; }));
+}
+
+TEST_F(AgentTest, ConnectionsThatAreCutAreMadeAgain) {
+    const RedisServer server;
+    const std::string a = Empty("a");
+    const std::string b = Empty("b");
+    const auto one = StartAgent(a, server.Url());
+    const auto other = StartAgent(b, server.Url());
+    for (int i = 0; i < 5; ++i) {
+        const std::string name = "effect " + std::to_string(i);
+        Save(a, name);
+        EXPECT_TRUE(Eventually([&] { return Has(b, name); }));
+        server.Ask({"CLIENT", "KILL", "TYPE", i % 2 == 0 ? "pubsub" : "normal"});
+    }
+}
+
+TEST_F(AgentTest, ItSharesThroughAProxy) {
+    if (!HasProgram("nutcracker")) { GTEST_SKIP() << "no nutcracker is installed"; }
+    const RedisServer one;
+    const RedisServer other;
+    const RedisServer proxy = RedisServer::ProxyOf(one, other);
+    const std::string a = Empty("a");
+    const std::string b = Empty("b");
+    const auto agentA = StartAgent(a, proxy.Url("?proxy=1"));
+    const auto agentB = StartAgent(b, proxy.Url("?proxy=1"));
+    for (int i = 0; i < 5; ++i) {
+        const std::string name = "effect " + std::to_string(i);
+        Save(i % 2 == 0 ? a : b, name);
+        EXPECT_TRUE(Eventually([&] { return Has(i % 2 == 0 ? b : a, name); }));
+    }
+}
+
+TEST_F(AgentTest, HostsReloadNoMoreOftenThanAllowed) {
+    const RedisServer server;
+    const std::string a = Empty("a");
+    const auto agent = StartAgent(a, server.Url(), {"--every", "3600"});
+    EXPECT_TRUE(Eventually([&] { return server.Ask({"KEYS", "*"}).list.size() == 1; }));
+    EXPECT_EQ(Run({"push", Make("b", ThreeEffects()), server.Url()}), kDone);
+    EXPECT_TRUE(Eventually([&] { return std::filesystem::exists(a + "/vornFxoCache.dat"); }));
+    const Format::Bytes before = Format::ReadWholeFile(a + "/vornFxoCache.dat");
+    EXPECT_EQ(Run({"push", Make("c", ManyEffects(0, 5)), server.Url()}), kDone);
+    // An effect that the agent sends later shows that it has been awake.
+    const std::uint64_t notices = server.Info("commandstats", "cmdstat_publish:calls=");
+    EXPECT_TRUE(Eventually(
+        [&] { return server.Info("commandstats", "cmdstat_get:calls=") > notices + 4; }));
+    EXPECT_EQ(Format::ReadWholeFile(a + "/vornFxoCache.dat"), before);
+}
+
+TEST_F(AgentTest, BadArgumentsAreRefused) {
+    const std::string a = Make("a", ThreeEffects());
+    EXPECT_EQ(Run({"agent", a, "redis://host", "--every", "-1"}), kUsage);
+    EXPECT_EQ(Run({"agent", a, "redis://host", "--every", "nan"}), kUsage);
+    EXPECT_EQ(Run({"agent", a, "redis://host", "--rescan", "0"}), kUsage);
+    EXPECT_EQ(Run({"agent", a, "http://host"}), kUsage);
+    EXPECT_EQ(Run({"agent", File("missing"), "redis://host"}), kNo);
+    EXPECT_THAT(err_, HasSubstr("no such file or directory"));
+}
+
+}  // namespace
+}  // namespace Quorvel::Tool

@@ -1,0 +1,95 @@
+#include "share/ShareTest.h"
+
+#include <chrono>
+#include <filesystem>
+#include <iostream>
+#include <streambuf>
+#include <thread>
+
+#include "support/Agent.h"
+#include "tools/quorvel/Terminal.h"
+
+namespace Quorvel::Tool {
+
+namespace {
+
+// Swallows what is written.
+class Nowhere : public std::streambuf {
+protected:
+    int_type overflow(int_type byte) override { return traits_type::not_eof(byte); }
+};
+
+// Runs the program. Its output goes nowhere.
+QUORVEL_AGENT(RunSharing) {
+    CatchStopRequests();
+    std::vector<const char*> argv = {"quorvel"};
+    for (const std::string& argument : arguments) {
+        argv.push_back(argument.c_str());
+    }
+    Nowhere buffer;
+    std::ostream nowhere(&buffer);
+    return RunProgram(static_cast<int>(argv.size()), argv.data(), {std::cin, nowhere, nowhere});
+}
+
+}  // namespace
+
+void ShareTest::SetUp() {
+    if (!HasProgram("redis-server")) { GTEST_SKIP() << "no redis-server is installed"; }
+}
+
+std::string ShareTest::Empty(const std::string& name) const {
+    std::filesystem::create_directory(File(name));
+    return File(name);
+}
+
+std::string ShareTest::Make(const std::string& name,
+                            const std::vector<Format::NewEffect>& effects) const {
+    Format::WriteWholeFile(Empty(name) + "/vornFxoCache.dat", Format::WriteEffectCache(effects));
+    return File(name);
+}
+
+std::vector<std::string> ShareTest::Content(const std::string& directory) {
+    const Format::Bytes file = Format::ReadWholeFile(directory + "/vornFxoCache.dat");
+    EXPECT_THAT(Format::CheckEffectCache(file), testing::IsEmpty());
+    std::vector<std::string> content;
+    for (const auto& [name, effect] :
+         Format::ReadEffectCache(Format::ReadPackage(file, Format::kCacheStreamLimit))) {
+        content.push_back(name + ' ' + std::to_string(effect.record.time.year) + ' ' +
+                          std::to_string(effect.record.permanent) + ' ' +
+                          std::string(effect.data.begin(), effect.data.end()));
+    }
+    return content;
+}
+
+Format::EntryTime ShareTest::Year(unsigned year) {
+    return {static_cast<std::uint16_t>(year), 1, 1, 0, 0, 0, 0};
+}
+
+std::vector<Format::NewEffect> ShareTest::ManyEffects(unsigned first, unsigned count) {
+    std::vector<Format::NewEffect> effects;
+    for (unsigned i = first; i < first + count; ++i) {
+        Format::Bytes data(1 + i * 7919 % 9000);
+        for (std::size_t at = 0; at < data.size(); ++at) {
+            // Every other effect compresses well.
+            data[at] = static_cast<std::uint8_t>(i % 2 == 0 ? i : i * 31 + at * at * 7 + at / 3);
+        }
+        effects.push_back(
+            {"effect " + std::to_string(i), std::move(data), i % 10 == 0, Year(2000 + i % 20)});
+    }
+    return effects;
+}
+
+bool ShareTest::Eventually(const std::function<bool()>& holds) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    while (std::chrono::steady_clock::now() < end) {
+        if (holds()) { return true; }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+}
+
+std::unique_ptr<Testing::ChildProcess> ShareTest::Start(const std::vector<std::string>& arguments) {
+    return std::make_unique<Testing::ChildProcess>("RunSharing", arguments);
+}
+
+}  // namespace Quorvel::Tool

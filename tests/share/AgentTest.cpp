@@ -16,13 +16,12 @@ using testing::HasSubstr;
 
 class AgentTest : public ShareTest {
 protected:
-    static std::unique_ptr<Testing::ChildProcess> StartAgent(
-        const std::string& cache, const std::string& url,
-        const std::vector<std::string>& more = {}) {
-        std::vector<std::string> arguments = {"agent", cache,     url,  "--server-timeout",
-                                              "1",     "--every", "0.1"};
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        return Start(arguments);
+    static std::unique_ptr<Testing::ChildProcess> StartAgent(const std::string& cache,
+                                                             const std::string& url,
+                                                             const std::string& every = "0.1",
+                                                             const std::string& rescan = "600") {
+        return Start(
+            {"agent", cache, url, "--server-timeout", "1", "--every", every, "--rescan", rescan});
     }
 
     // What a host does: caches an effect whose byte is known by its name, and saves.
@@ -154,7 +153,7 @@ TEST_F(AgentTest, ADamagedValueIsMendedByThoseWhoHaveTheEffect) {
 TEST_F(AgentTest, ARescanFindsWhatNoNoticeTold) {
     const RedisServer server;
     const std::string a = Make("a", ThreeEffects());
-    const auto agent = StartAgent(a, server.Url(), {"--rescan", "1"});
+    const auto agent = StartAgent(a, server.Url(), "0.1", "1");
     EXPECT_TRUE(Eventually([&] { return server.EffectKeys().size() == 3; }));
     server.Ask({"DEL", KeyOf("bb")});
     EXPECT_TRUE(Eventually([&] { return server.EffectKeys().size() == 3; }));
@@ -193,7 +192,7 @@ TEST_F(AgentTest, ItSharesThroughAProxy) {
 TEST_F(AgentTest, HostsReloadNoMoreOftenThanAllowed) {
     const RedisServer server;
     const std::string a = Empty("a");
-    const auto agent = StartAgent(a, server.Url(), {"--every", "3600"});
+    const auto agent = StartAgent(a, server.Url(), "3600");
     EXPECT_TRUE(Eventually([&] { return server.Ask({"KEYS", "*"}).list.size() == 1; }));
     EXPECT_EQ(Run({"push", Make("b", ThreeEffects()), server.Url()}), kDone);
     EXPECT_TRUE(Eventually([&] { return std::filesystem::exists(a + "/vornFxoCache.dat"); }));

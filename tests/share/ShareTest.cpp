@@ -3,6 +3,7 @@
 #include <chrono>
 #include <filesystem>
 #include <iostream>
+#include <random>
 #include <streambuf>
 #include <thread>
 
@@ -68,10 +69,11 @@ Format::EntryTime ShareTest::Year(unsigned year) {
 std::vector<Format::NewEffect> ShareTest::ManyEffects(unsigned first, unsigned count) {
     std::vector<Format::NewEffect> effects;
     for (unsigned i = first; i < first + count; ++i) {
-        Format::Bytes data(1 + i * 7919 % 9000);
-        for (std::size_t at = 0; at < data.size(); ++at) {
-            // Every other effect compresses well.
-            data[at] = static_cast<std::uint8_t>(i % 2 == 0 ? i : i * 31 + at * at * 7 + at / 3);
+        Format::Bytes data(1 + i * 7919 % 9000, static_cast<std::uint8_t>(i));
+        std::mt19937 random(i);
+        for (std::uint8_t& byte : data) {
+            // Every other effect can't be compressed.
+            if (i % 2 == 0) { byte = static_cast<std::uint8_t>(random()); }
         }
         effects.push_back(
             {"effect " + std::to_string(i), std::move(data), i % 10 == 0, Year(2000 + i % 20)});

@@ -222,9 +222,10 @@ private:
             if (!notice) { return; }
             wait = milliseconds(0);
             if (notice->sender == store_->Id()) { continue; }
-            KeySet& keys = notice->kind == StoreNotices::Notice::Kind::Sent ? unfetched_ : wanted_;
+            const bool isSent = notice->kind == StoreNotices::Notice::Kind::Sent;
             for (const Checksum& key : notice->keys) {
-                keys.Add(key);
+                (isSent ? unfetched_ : wanted_).Add(key);
+                if (isSent) { refused_.erase(key); }
             }
         }
     }

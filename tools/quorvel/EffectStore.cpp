@@ -133,8 +133,10 @@ void EffectStore::ScanSet(const std::string& set, const std::function<void(const
             }
         }
         if (!keys.empty()) { use(keys); }
-        cursor = reply.list[0].text;
-        if (cursor == "0") { return; }
+        const std::string& next = reply.list[0].text;
+        if (next == "0") { return; }
+        if (next == cursor) { break; }
+        cursor = next;
     }
     throw ServerFailure(url_.Name() + ": the server's list of keys makes no sense");
 }

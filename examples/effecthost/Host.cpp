@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <exception>
+#include <optional>
 #include <ostream>
 
 #include "CacheDirectory.h"
@@ -15,6 +16,7 @@
 #include "ProcessGroup.h"
 #include "Processes.h"
 #include "Session.h"
+#include "SharedEffects.h"
 #include "StopRequest.h"
 
 namespace EffectHost {
@@ -89,17 +91,23 @@ void RunGroup(const Options& options, const EffectLibrary& library, const Stopwa
     Conclude(session, summary, run, options, out);
 }
 
-void Run(Options options, std::ostream& out) {
+void Run(Options options, std::ostream& out, std::ostream& err) {
     const Stopwatch run;
     if (options.worker) { StopAtEndOfInput(); }
     options.cacheDirectory = FindCacheDirectory(options.cacheDirectory);
     if (!options.listing.empty()) { RequireListingFile(options.listing, options.cacheDirectory); }
     const EffectLibrary library = LoadEffectLibrary(options.effectsFolder);
+    std::optional<SharedEffects> shared;
+    if (!options.share.empty()) {
+        shared.emplace(options.cacheDirectory, options.share, ShaderCompiler().Identity(), err);
+        shared->Take();
+    }
     if (options.processes > 1) {
         RunGroup(options, library, run, out);
     } else {
         RunAlone(options, library, run, out);
     }
+    if (shared) { shared->Send(); }
 }
 
 void RequireOutput(std::ostream& out) {
@@ -119,7 +127,7 @@ int RunHost(int argc, const char* const* argv, std::ostream& out, std::ostream& 
     try {
         const auto options = ParseOptions(CommandLineWords(argc, argv),
                                           ExecutablePath().parent_path() / "effects", out);
-        if (options) { Run(*options, out); }
+        if (options) { Run(*options, out, err); }
         RequireOutput(out);
         return static_cast<int>(ExitCode::Success);
     } catch (const Failure& failure) {

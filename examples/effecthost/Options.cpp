@@ -64,6 +64,10 @@ void AddWhatToDo(CLI::App& app, Options& options) {
         ->take_all()
         ->allow_extra_args(false)
         ->type_name("PATTERN");
+    app.add_option("--share", options.share,
+                   "Take effects from a Redis server first, and send it new ones at the end, with "
+                   "the program quorvel")
+        ->type_name("URL");
     app.add_flag("--keep-going", options.keepGoing,
                  "Go on past effects that do not compile, and report them at the end");
 }

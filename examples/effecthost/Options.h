@@ -19,6 +19,7 @@ struct Options {
     std::size_t verify = 0;              // effects to recompile and compare
     std::vector<std::string> permanent;  // patterns of effect names
     std::filesystem::path listing;       // empty for none
+    std::string share;                   // the URL of a Redis server; empty for none
     bool keepGoing = false;              // past effects that do not compile
     bool quiet = false;
     bool json = false;

@@ -59,7 +59,7 @@ TEST(Options, HelpIsPrintedAndEndsTheRun) {
     std::ostringstream out;
     EXPECT_FALSE(Parse({"--help"}, out));
     for (const char* word :
-         {"--cache", "--effects", "--processes", "--force-save", "--list", "--permanent",
+         {"--cache", "--share", "--effects", "--processes", "--force-save", "--list", "--permanent",
           "--keep-going", "--version", "--verify", "--quiet", "--json", "Exit codes"}) {
         EXPECT_THAT(out.str(), HasSubstr(word));
     }

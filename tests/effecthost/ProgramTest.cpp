@@ -49,6 +49,13 @@ TEST_F(Program, ASecondRunCompilesNothingAndGetsTheSameBytes) {
     EXPECT_LE(warm.sparedTime, cold.compileTime);
 }
 
+TEST_F(Program, AStoreThatCannotBeReachedOnlyCostsTime) {
+    const Result result = Run({"--share", "unix:///nothing/is/here", "--quiet"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_THAT(result.output, StartsWith("effecthost: the effects can't be shared: "));
+    EXPECT_EQ(EffectsInFile(), kEffectVariants);
+}
+
 TEST_F(Program, EveryKnownProfileIsCompiled) {
     for (const char* profile : {"vs_4_0", "vs_4_1", "vs_5_0", "ps_4_0", "ps_4_1", "ps_5_0"}) {
         const char* semantic = profile[0] == 'v' ? "SV_Position" : "SV_Target";

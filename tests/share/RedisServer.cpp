@@ -21,14 +21,14 @@ namespace Quorvel::Tool {
 
 namespace {
 
-// Becomes another program: the arguments are its command line.
+// Becomes another program: the first argument is its file, the others are its command line.
 QUORVEL_AGENT(ExecProgram) {
     std::vector<char*> argv;
     for (const std::string& argument : arguments) {
         argv.push_back(const_cast<char*>(argument.c_str()));
     }
     argv.push_back(nullptr);
-    ::execvp(argv[0], argv.data());
+    ::execvp(argv[0], argv.data() + 1);
     return 127;
 }
 
@@ -48,19 +48,26 @@ bool HasProgram(const std::string& name) {
     return false;
 }
 
+std::string RedisProgram() {
+    for (const char* const name : {"redis-server", "redis-check-rdb"}) {
+        if (HasProgram(name)) { return name; }
+    }
+    return {};
+}
+
 RedisServer::RedisServer(const std::vector<std::string>& options, int port)
     : socket_(directory_.File("socket")),
-      command_({"redis-server", "--port", std::to_string(port), "--bind", "127.0.0.1",
-                "--unixsocket", socket_, "--dir", directory_.Path().string(), "--save", "",
-                "--logfile", directory_.File("log")}) {
+      command_({RedisProgram(), "redis-server", "--port", std::to_string(port), "--bind",
+                "127.0.0.1", "--unixsocket", socket_, "--dir", directory_.Path().string(), "--save",
+                "", "--logfile", directory_.File("log")}) {
     command_.insert(command_.end(), options.begin(), options.end());
     Start();
 }
 
 RedisServer::RedisServer(const RedisServer& one, const RedisServer& other)
     : socket_(directory_.File("socket")),
-      command_({"nutcracker", "-c", directory_.File("configuration"), "-o", directory_.File("log"),
-                "-s", std::to_string(FreePort()), "-a", "127.0.0.1"}) {
+      command_({"nutcracker", "nutcracker", "-c", directory_.File("configuration"), "-o",
+                directory_.File("log"), "-s", std::to_string(FreePort()), "-a", "127.0.0.1"}) {
     std::ofstream file(directory_.File("configuration"));
     file << "test:\n  listen: " << socket_
          << "\n  hash: fnv1a_64\n  distribution: ketama\n  redis: true\n  servers:\n";
@@ -85,7 +92,7 @@ void RedisServer::AwaitAnswer() const {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
     }
-    throw std::runtime_error(command_[0] + " does not answer");
+    throw std::runtime_error(command_[1] + " does not answer");
 }
 
 Reply RedisServer::Ask(const std::vector<std::string>& words) const {

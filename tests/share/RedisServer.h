@@ -13,6 +13,10 @@ namespace Quorvel::Tool {
 // True if a program is installed.
 bool HasProgram(const std::string& name);
 
+// The program of the server. Debian has it under this name without the service, too; it goes by the
+// name that it is started by. Empty if there is none.
+std::string RedisProgram();
+
 // A Redis server that listens on a socket, or a proxy in front of such servers. It ends with the
 // object.
 class RedisServer {

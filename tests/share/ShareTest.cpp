@@ -35,7 +35,7 @@ QUORVEL_AGENT(RunSharing) {
 }  // namespace
 
 void ShareTest::SetUp() {
-    if (!HasProgram("redis-server")) { GTEST_SKIP() << "no redis-server is installed"; }
+    if (RedisProgram().empty()) { GTEST_SKIP() << "no Redis server is installed"; }
 }
 
 std::string ShareTest::Empty(const std::string& name) const {

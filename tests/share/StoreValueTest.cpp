@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <random>
 
 #include "tool/ToolTest.h"
 
@@ -15,6 +16,7 @@ protected:
         effect.entry.name = name;
         effect.entry.record.permanent = size % 2;
         effect.entry.record.time = {2026, 11, 23, 4, 5, 6, 789};
+        std::mt19937 random;
         for (std::size_t i = 0; i < size; ++i) {
             effect.data.push_back(static_cast<std::uint8_t>(isCompressible ? i / 100 : random()));
         }
@@ -35,7 +37,7 @@ protected:
 
 TEST_F(StoreValueTest, AnEffectComesBackAsItWas) {
     for (const bool isCompressible : {false, true}) {
-        for (const std::size_t size : {1, 127, 128, 2500, 0x100000}) {
+        for (const std::size_t size : {1U, 127U, 128U, 2500U, 0x100000U}) {
             for (const std::string& name : {std::string("a"), std::string(0x10000, 'n')}) {
                 const EffectBytes effect = Effect(name, size, isCompressible);
                 const std::string value = Encode(effect);

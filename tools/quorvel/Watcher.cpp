@@ -10,7 +10,6 @@
 namespace Quorvel::Tool {
 
 namespace fs = std::filesystem;
-using Clock = WatchView::Clock;
 
 namespace {
 

@@ -26,6 +26,8 @@ public:
     std::optional<WatchUpdate> Next();
 
 private:
+    using Clock = WatchView::Clock;
+
     // Shows that the file has changed even if the change was not announced.
     struct Mark {
         std::uint64_t size = 0;
@@ -45,7 +47,7 @@ private:
     Cache cache_;
     Mark mark_;
     bool mustRead_ = true;
-    WatchView::Clock::time_point nextRead_;
+    Clock::time_point nextRead_;
     std::string problem_;
     std::vector<Effect> effects_;  // ordered by name
 };

@@ -193,9 +193,13 @@ TEST_F(AgentTest, HostsReloadNoMoreOftenThanAllowed) {
     const RedisServer server;
     const std::string a = Empty("a");
     const auto agent = StartAgent(a, server.Url(), "3600");
-    EXPECT_TRUE(Eventually([&] { return server.Ask({"KEYS", "*"}).list.size() == 1; }));
+    EXPECT_TRUE(
+        Eventually([&] { return server.Info("commandstats", "cmdstat_scan:calls=") == 1; }));
     EXPECT_EQ(Run({"push", Make("b", ThreeEffects()), server.Url()}), kDone);
-    EXPECT_TRUE(Eventually([&] { return std::filesystem::exists(a + "/vornFxoCache.dat"); }));
+    EXPECT_TRUE(Eventually([&] {
+        return std::filesystem::exists(a + "/vornFxoCache.dat") &&
+               Run({"diff", "--time", a, File("b")}) == kDone;
+    }));
     const Format::Bytes before = Format::ReadWholeFile(a + "/vornFxoCache.dat");
     EXPECT_EQ(Run({"push", Make("c", ManyEffects(0, 5)), server.Url()}), kDone);
     // An effect that the agent sends later shows that it has been awake.

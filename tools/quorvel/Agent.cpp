@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <string>
@@ -332,7 +333,30 @@ void RunAgent(const AgentOptions& options, Session& session) {
     if (std::isnan(options.every) || std::isnan(options.rescan)) {
         throw Failure("--every or --rescan is no number", kUsage);
     }
-    Agent(options, session).Run();
+    const auto mend = [&] {
+        Cache cache(session, options.share.cache);
+        const Cache::Lock lock(cache);
+    };
+    // Bad arguments, and a cache that can't be used, are refused here.
+    options.share.Url();
+    options.share.Transfer();
+    mend();
+    session.err.flush();
+    session.out.flush();
+    const auto work = [&] {
+        try {
+            Agent(options, session).Run();
+        } catch (const std::exception& error) {
+            session.Warn(fmt::format("quorvel: {}", error.what()));
+            session.exitCode = kFailed;
+        }
+        session.out.flush();
+        session.err.flush();
+        return session.exitCode;
+    };
+    const int result = RunApart(work, mend);
+    if (result < 0) { throw Failure("the process that does the work was killed"); }
+    session.exitCode = result;
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ using std::chrono::milliseconds;
 
 // The longest reply that is accepted, in bytes and in elements. The longest ones asked for are a
 // value and a page of keys.
-constexpr std::size_t kLongestReply = 4 << 20;
+constexpr std::size_t kLongestReply = 2 << 20;
 constexpr int kMostElements = 1 << 16;
 
 // The most bytes of replies that are accepted while commands are written.

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,13 @@ void PrepareStandardStreams();
 // read that waits for a terminal or a pipe fail. A second request ends the program at once.
 void CatchStopRequests();
 bool IsStopRequested();
+
+// Runs work in a process of its own, and returns its exit code. A process that is killed while it
+// holds a cache's lock leaves the lock to the host that takes it next, for good. If this process is
+// killed, the other one is only asked to stop, as by Ctrl-C, and releases the lock; `mend` runs in
+// this process if the other one is killed, and should take and release the lock. REQUIRES: one
+// thread, and no open cache. On Windows, runs the work in this process.
+int RunApart(const std::function<int()>& work, const std::function<void()>& mend);
 
 // A process that has a file open.
 struct Holder {

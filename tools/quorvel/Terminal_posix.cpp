@@ -1,7 +1,9 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +23,15 @@ volatile std::sig_atomic_t isStopRequested = 0;
 
 extern "C" void RequestStop(int /*signal*/) {
     isStopRequested = 1;
+}
+
+// Not with SA_RESTART: a waiting read ends.
+void CatchSignals(int flags) {
+    struct sigaction action = {};
+    action.sa_handler = RequestStop;
+    action.sa_flags = flags;
+    ::sigaction(SIGINT, &action, nullptr);
+    ::sigaction(SIGTERM, &action, nullptr);
 }
 
 using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
@@ -67,15 +78,31 @@ void PrepareStandardStreams() {
 }
 
 void CatchStopRequests() {
-    struct sigaction action = {};
-    action.sa_handler = RequestStop;
-    action.sa_flags = static_cast<int>(SA_RESETHAND);  // not SA_RESTART: a waiting read ends
-    ::sigaction(SIGINT, &action, nullptr);
-    ::sigaction(SIGTERM, &action, nullptr);
+    CatchSignals(static_cast<int>(SA_RESETHAND));
 }
 
 bool IsStopRequested() {
     return isStopRequested != 0;
+}
+
+int RunApart(const std::function<int()>& work, const std::function<void()>& mend) {
+    const pid_t parent = ::getpid();
+    const pid_t child = ::fork();
+    if (child < 0) { return work(); }
+    if (child == 0) {
+        // However often it is asked, it stops in order.
+        CatchSignals(0);
+        ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (::getppid() != parent) { RequestStop(SIGTERM); }
+        ::_exit(work());
+    }
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+        if (IsStopRequested()) { ::kill(child, SIGTERM); }
+    }
+    if (WIFEXITED(status)) { return WEXITSTATUS(status); }
+    mend();
+    return -1;
 }
 
 bool FindHolders(const std::string& path, std::vector<Holder>& holders) {

@@ -75,6 +75,10 @@ bool IsStopRequested() {
 }
 
 // There is no documented way that works without administrator's rights.
+int RunApart(const std::function<int()>& work, const std::function<void()>& /*mend*/) {
+    return work();
+}
+
 bool FindHolders(const std::string& /*path*/, std::vector<Holder>& /*holders*/) {
     return false;
 }

@@ -209,6 +209,26 @@ TEST_F(AgentTest, HostsReloadNoMoreOftenThanAllowed) {
     EXPECT_EQ(Format::ReadWholeFile(a + "/vornFxoCache.dat"), before);
 }
 
+TEST_F(AgentTest, AnAgentThatIsKilledReleasesTheLockInOrder) {
+    const RedisServer server;
+    const std::string a = Make("a", ManyEffects(0, 2000));
+    for (int i = 0; i < 20; ++i) {
+        const std::string cache = Empty("kill " + std::to_string(i));
+        EXPECT_EQ(Run({"push", a, server.Url()}), kDone);
+        const Util::RefPtr<EffectCacheSystem> host(new EffectCacheSystem(cache.c_str()));
+        const auto agent = StartAgent(cache, server.Url());
+        EXPECT_TRUE(Eventually([&] {
+            return server.Info("clients", "connected_clients:") > 2 ||
+                   RunJson({"info", cache})["effects"]["count"] > 0;
+        }));
+        agent->Kill();
+        // A host that inherited the lock would keep it.
+        Tab<unsigned char> code;
+        host->SearchCachedEffects("effect 1", code);
+        EXPECT_EQ(Run({"list", cache, "--timeout", "30"}), kDone) << err_;
+    }
+}
+
 TEST_F(AgentTest, BadArgumentsAreRefused) {
     const std::string a = Make("a", ThreeEffects());
     EXPECT_EQ(Run({"agent", a, "redis://host", "--every", "-1"}), kUsage);

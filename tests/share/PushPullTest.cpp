@@ -84,6 +84,16 @@ TEST_F(PushPullTest, AUserOfTheServerNeedsFewRights) {
     EXPECT_EQ(Run({"push", File("a"), url, "--ttl", "52000w"}), kDone) << err_;
 }
 
+TEST_F(PushPullTest, AReaderNeedsTwoRights) {
+    const RedisServer server(
+        {"--user", "reader", "on", ">secret", "~quorvel:*", "resetchannels", "+getrange", "+scan"});
+    EXPECT_EQ(Run({"push", Make("a", ThreeEffects()), server.Url()}), kDone);
+    server.Ask({"SETRANGE", KeyOf("bb"), "2", "x"});
+    const Json pull = RunJson({"pull", Empty("b"), "unix://reader:secret@" + server.Socket()}, kNo);
+    EXPECT_EQ(pull["added"], 2);
+    EXPECT_EQ(pull["damaged"], 1);
+}
+
 TEST_F(PushPullTest, AReplicaServesReadersOnly) {
     const int port = FreePort();
     const RedisServer server({}, port);

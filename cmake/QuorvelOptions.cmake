@@ -10,7 +10,7 @@ endif()
 option(QUORVEL_BUILD_TOOLS "Build the program quorvel" ${build_tools})
 set(build_sharing ON)
 if(WIN32)
-    set(build_sharing OFF)  # hiredis has no port that could be used
+    set(build_sharing OFF)  # hiredis 0.14 does not compile there
 endif()
 option(QUORVEL_BUILD_SHARING "Let the program quorvel share effects through Redis" ${build_sharing})
 option(QUORVEL_BUILD_TESTS "Build the test programs" OFF)

@@ -6,9 +6,9 @@
 
 namespace EffectHost {
 
-// Shares the effects of a cache with other machines through a Redis server, with the program
-// quorvel, which lies beside this one. Sharing only saves time: a server that can't be reached is
-// reported and nothing else.
+// Shares the effects of a cache with other machines through a Redis server. This takes the program
+// quorvel, in the folder of this one. Sharing only saves time, so a server that can't be reached is
+// reported, but is not an error.
 class SharedEffects {
 public:
     // The effects are shared among machines with the same compiler.

@@ -113,8 +113,8 @@ std::vector<IndexEntry*> EffectIndex::ReadEntries(IDataStream& stream) {
     return entries;
 }
 
-// Reads more bytes and appends them. False at the end of the stream, and at a page that
-// can't be read: that page may lie after the last entry.
+// Reads more bytes and appends them. False at the end of the stream, and at a page that can't be
+// read: that page may lie after the last entry.
 bool EffectIndex::ReadMore(IDataStream& stream, std::vector<std::byte>& bytes) {
     const std::uint64_t position = stream.GetPosition();
     QUORVEL_ASSERT(position <= stream.GetSize());

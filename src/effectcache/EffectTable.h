@@ -36,7 +36,7 @@ public:
     std::uint64_t Size() const { return size_; }
     std::uint64_t TotalBytes() const { return bytes_; }
 
-    // The memory of all entries, including those removed since.
+    // The bytes that all entries take in memory, including removed ones.
     std::uint64_t HeldBytes() const { return pool_.Size(); }
 
     // The entry of a name with that hash; null when there is none.
@@ -45,8 +45,8 @@ public:
         return slot != kNoSlot ? slots_[slot].entry : nullptr;
     }
 
-    // After this call, only memory for the entries themselves is missing for `count` calls of Put.
-    // Throws std::bad_alloc, changing nothing.
+    // Makes room for `count` more entries: Put then allocates only the entries themselves. Throws
+    // std::bad_alloc, changing nothing.
     void Reserve(std::size_t count) {
         if ((size_ + count) * 8 > slots_.size() * 7) { GrowSlots(size_ + count); }
         for (std::vector<Entry*>* const list : {&added_, &removed_}) {

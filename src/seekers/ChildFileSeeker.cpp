@@ -58,9 +58,7 @@ void ChildFileSeeker::LoadPageInfo(std::uint64_t /*pageIndex*/) {}
 
 bool ChildFileSeeker::Attach(const Util::RefPtr<IPageAllocator>& allocator,
                              const ChildFileExtent& extent, const ChildFileTail& tail) {
-    pageNumberTable_.clear();
-    rangeTable_.clear();
-    ResetTables();
+    Clear();
     allocator_ = allocator;
     extent_ = extent;
     tail_ = tail;

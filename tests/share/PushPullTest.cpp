@@ -19,22 +19,16 @@ class PushPullTest : public ShareTest {
 protected:
     // Makes three caches with different effects, and lets each one share them twice.
     void ExpectThreeCachesToBecomeEqual(const std::string& url) {
-        const std::string a = Make("a", ManyEffects(0, 500));
-        const std::string b = Make("b", ManyEffects(300, 500));
+        const std::string a = MakeIn("a", ManyEffects(0, 500));
+        const std::string b = MakeIn("b", ManyEffects(300, 500));
         const std::string c = Empty("c");
-        const std::string all = Make("all", ManyEffects(0, 800));
+        const std::string all = MakeIn("all", ManyEffects(0, 800));
         for (const std::string& cache : {a, b, c, a, b, c}) {
             ASSERT_EQ(Run({"sync", cache, url}), kDone) << err_;
         }
         for (const std::string& cache : {a, b, c}) {
             EXPECT_EQ(Run({"diff", "--time", cache, all}), kDone) << out_;
         }
-    }
-
-    // The name of the key of an effect in the namespace "default".
-    static std::string KeyOf(const std::string& effect) {
-        const StoreSpace space("default");
-        return space.Name(space.KeyOf(effect));
     }
 
     // The number of values that the server was sent.
@@ -87,7 +81,7 @@ TEST_F(PushPullTest, AUserOfTheServerNeedsFewRights) {
 TEST_F(PushPullTest, AReaderNeedsTwoRights) {
     const RedisServer server(
         {"--user", "reader", "on", ">secret", "~quorvel:*", "resetchannels", "+getrange", "+scan"});
-    EXPECT_EQ(Run({"push", Make("a", ThreeEffects()), server.Url()}), kDone);
+    EXPECT_EQ(Run({"push", MakeIn("a", ThreeEffects()), server.Url()}), kDone);
     server.Ask({"SETRANGE", KeyOf("bb"), "2", "x"});
     const Json pull = RunJson({"pull", Empty("b"), "unix://reader:secret@" + server.Socket()}, kNo);
     EXPECT_EQ(pull["added"], 2);
@@ -99,18 +93,18 @@ TEST_F(PushPullTest, AReplicaServesReadersOnly) {
     const RedisServer server({}, port);
     const RedisServer replica(
         {"--replicaof", "127.0.0.1 " + std::to_string(port), "--repl-diskless-sync-delay", "0"});
-    const std::string a = Make("a", ManyEffects(0, 100));
+    const std::string a = MakeIn("a", ManyEffects(0, 100));
     EXPECT_EQ(Run({"push", a, server.Url()}), kDone);
     EXPECT_TRUE(Eventually([&] { return replica.EffectKeys().size() == 100; }));
     EXPECT_EQ(Run({"pull", Empty("b"), replica.Url()}), kDone) << err_;
     EXPECT_EQ(Run({"diff", "--time", a, File("b")}), kDone);
-    EXPECT_EQ(Run({"push", Make("c", ThreeEffects()), replica.Url()}), kFailed);
+    EXPECT_EQ(Run({"push", MakeIn("c", ThreeEffects()), replica.Url()}), kFailed);
     EXPECT_THAT(err_, HasSubstr("the server refuses SET: READONLY"));
 }
 
 TEST_F(PushPullTest, AServerThatEvictsKeepsWhatIsWhole) {
     const RedisServer server({"--maxmemory", "3mb", "--maxmemory-policy", "allkeys-lru"});
-    const std::string a = Make("a", ManyEffects(0, 2000));
+    const std::string a = MakeIn("a", ManyEffects(0, 2000));
     EXPECT_EQ(Run({"push", a, server.Url()}), kDone) << err_;
     const Json pulled = RunJson({"pull", Empty("b"), server.Url()});
     EXPECT_GT(pulled["added"], 10);
@@ -118,12 +112,12 @@ TEST_F(PushPullTest, AServerThatEvictsKeepsWhatIsWhole) {
     EXPECT_EQ(pulled["damaged"], 0);
     EXPECT_EQ(Run({"sync", File("b"), server.Url()}), kDone) << err_;
     EXPECT_EQ(Run({"merge", a, File("b"), "--prefer", "source"}), kDone);
-    EXPECT_EQ(Run({"diff", a, Make("again", ManyEffects(0, 2000))}), kDone);
+    EXPECT_EQ(Run({"diff", a, MakeIn("again", ManyEffects(0, 2000))}), kDone);
 }
 
 TEST_F(PushPullTest, AFullServerIsAnErrorAndTakesTheRestLater) {
     const RedisServer server({"--maxmemory", "3mb"});
-    const std::string a = Make("a", ManyEffects(0, 2000));
+    const std::string a = MakeIn("a", ManyEffects(0, 2000));
     EXPECT_EQ(Run({"push", a, server.Url()}), kFailed);
     EXPECT_THAT(err_, HasSubstr("the server refuses SET: OOM"));
     const std::size_t some = server.EffectKeys().size();
@@ -137,7 +131,7 @@ TEST_F(PushPullTest, AFullServerIsAnErrorAndTakesTheRestLater) {
 
 TEST_F(PushPullTest, ThePasswordMayComeFromAFileOrTheEnvironment) {
     const RedisServer server({"--requirepass", "p:s w@rd"});
-    const std::string a = Make("a", ThreeEffects());
+    const std::string a = MakeIn("a", ThreeEffects());
     EXPECT_EQ(Run({"push", a, "unix://:p%3As%20w%40rd@" + server.Socket()}), kDone) << err_;
     std::ofstream(File("password")) << "p:s w@rd\nmore\n";
     EXPECT_EQ(Run({"push", a, server.Url(), "--password-file", File("password")}), kDone) << err_;
@@ -148,10 +142,13 @@ TEST_F(PushPullTest, ThePasswordMayComeFromAFileOrTheEnvironment) {
 
 TEST_F(PushPullTest, AWrongPasswordIsAnErrorThatDoesNotShowIt) {
     const RedisServer server({"--requirepass", "right"});
-    const std::string a = Make("a", ThreeEffects());
+    const std::string a = MakeIn("a", ThreeEffects());
     EXPECT_EQ(Run({"push", a, "unix://:wrong@" + server.Socket()}), kFailed);
     EXPECT_THAT(err_, HasSubstr("the server refuses AUTH: WRONGPASS"));
     EXPECT_THAT(err_, Not(HasSubstr("wrong@")));
+    EXPECT_THAT(err_, Not(HasSubstr("no password was given")));
+    EXPECT_EQ(Run({"push", a, "unix://default@" + server.Socket()}), kFailed);
+    EXPECT_THAT(err_, HasSubstr("no password was given"));
     EXPECT_EQ(Run({"push", a, server.Url()}), kFailed);
     EXPECT_THAT(err_, HasSubstr("NOAUTH"));
     std::ofstream(File("empty"));
@@ -165,14 +162,8 @@ TEST_F(PushPullTest, AWrongPasswordIsAnErrorThatDoesNotShowIt) {
 
 TEST_F(PushPullTest, TheEffectUsedLastWinsOnBothSides) {
     const RedisServer server;
-    const std::string a = Make("a", {{"1", {'a'}, true, Year(2001)},
-                                     {"2", {'a'}, false, Year(2003)},
-                                     {"3", {'a'}, true, Year(2002)},
-                                     {"4", {'a'}, false, Year(2002)}});
-    const std::string b = Make("b", {{"1", {'b'}, false, Year(2002)},
-                                     {"2", {'b'}, true, Year(2002)},
-                                     {"3", {'b'}, false, Year(2002)},
-                                     {"5", {'b'}, true, Year(2002)}});
+    const std::string a = MakeIn("a", EffectsOfA());
+    const std::string b = MakeIn("b", EffectsOfB());
     EXPECT_EQ(RunJson({"push", a, server.Url()})["sent"], 4);
     const Json sync = RunJson({"sync", b, server.Url()});
     EXPECT_EQ(sync["pulled"]["added"], 1);
@@ -183,17 +174,17 @@ TEST_F(PushPullTest, TheEffectUsedLastWinsOnBothSides) {
     EXPECT_EQ(sync["pushed"]["equal"], 2);
     EXPECT_EQ(Run({"pull", a, server.Url()}), kDone);
     EXPECT_THAT(err_, HasSubstr("added 1 effect, replaced 1, 2 bytes in "));
-    EXPECT_THAT(Content(a),
+    EXPECT_THAT(EffectsIn(a),
                 ElementsAre("1 2002 0 b", "2 2003 0 a", "3 2002 1 a", "4 2002 0 a", "5 2002 1 b"));
     // Effects that were used at the same time stay where they are, as with "merge".
-    EXPECT_THAT(Content(b),
+    EXPECT_THAT(EffectsIn(b),
                 ElementsAre("1 2002 0 b", "2 2003 0 a", "3 2002 0 b", "4 2002 0 a", "5 2002 1 b"));
 }
 
 TEST_F(PushPullTest, EqualBytesAreNotSentAgain) {
     const RedisServer server;
-    const std::string a = Make("a", {{"1", {'a'}, false, Year(2001)}});
-    const std::string b = Make("b", {{"1", {'a'}, false, Year(2009)}});
+    const std::string a = MakeIn("a", {{"1", {'a'}, false, Year(2001)}});
+    const std::string b = MakeIn("b", {{"1", {'a'}, false, Year(2009)}});
     EXPECT_EQ(Run({"push", a, server.Url()}), kDone);
     const std::uint64_t writes = Writes(server);
     const Json push = RunJson({"push", b, server.Url()});
@@ -202,11 +193,11 @@ TEST_F(PushPullTest, EqualBytesAreNotSentAgain) {
     EXPECT_EQ(Writes(server), writes);
     EXPECT_EQ(server.Info("commandstats", "cmdstat_eval:calls="), 0U);
     // Nor are they fetched again, even if the store's were used last.
-    const std::string c = Make("c", {{"1", {'a'}, false, Year(1999)}});
+    const std::string c = MakeIn("c", {{"1", {'a'}, false, Year(1999)}});
     const Json pull = RunJson({"pull", c, server.Url()});
     EXPECT_EQ(pull["kept"], 1);
     EXPECT_EQ(pull["bytes"], 0);
-    EXPECT_THAT(Content(c), ElementsAre("1 1999 0 a"));
+    EXPECT_THAT(EffectsIn(c), ElementsAre("1 1999 0 a"));
 }
 
 TEST_F(PushPullTest, OfTwoPushersAtOnceTheNewerEffectWins) {
@@ -218,8 +209,8 @@ TEST_F(PushPullTest, OfTwoPushersAtOnceTheNewerEffectWins) {
         older.push_back({name, {'o'}, false, Year(2001)});
         newer.push_back({name, {'n'}, false, Year(2002)});
     }
-    const std::string a = Make("a", older);
-    const std::string b = Make("b", newer);
+    const std::string a = MakeIn("a", older);
+    const std::string b = MakeIn("b", newer);
     const std::string url = server.Url();
     const auto push = [&url](const std::string& cache) {
         const char* const argv[] = {"quorvel", "push", cache.c_str(), url.c_str()};
@@ -239,7 +230,7 @@ TEST_F(PushPullTest, OfTwoPushersAtOnceTheNewerEffectWins) {
 
 TEST_F(PushPullTest, NamespacesShareNothing) {
     const RedisServer server;
-    EXPECT_EQ(Run({"push", Make("a", ThreeEffects()), server.Url("?namespace=x")}), kDone);
+    EXPECT_EQ(Run({"push", MakeIn("a", ThreeEffects()), server.Url("?namespace=x")}), kDone);
     EXPECT_EQ(RunJson({"pull", Empty("b"), server.Url()})["added"], 0);
     EXPECT_EQ(RunJson({"pull", Empty("c"), server.Url(), "--namespace", "x"})["added"], 3);
     EXPECT_EQ(Run({"pull", Empty("d"), server.Url(), "--namespace", ""}), kUsage);
@@ -247,17 +238,17 @@ TEST_F(PushPullTest, NamespacesShareNothing) {
 
 TEST_F(PushPullTest, OnlyEffectsThatMatchAreTransferred) {
     const RedisServer server;
-    const std::string a = Make("a", ThreeEffects());
+    const std::string a = MakeIn("a", ThreeEffects());
     EXPECT_EQ(RunJson({"push", a, server.Url(), "--match", "?"})["sent"], 1);
     EXPECT_EQ(RunJson({"push", a, server.Url()})["sent"], 2);
     EXPECT_EQ(RunJson({"pull", Empty("b"), server.Url(), "--match", "b*"})["added"], 1);
-    EXPECT_THAT(Content(File("b")), ElementsAre("bb 2002 1 \x02\x02"));
+    EXPECT_THAT(EffectsIn(File("b")), ElementsAre("bb 2002 1 \x02\x02"));
 }
 
 TEST_F(PushPullTest, OnlyEffectsThatWereUsedLatelyAreTransferred) {
     const RedisServer server;
     const std::string a =
-        Make("a", {{"old", {1}, false, TimeBefore(7200)}, {"new", {2}, false, TimeBefore(1800)}});
+        MakeIn("a", {{"old", {1}, false, TimeBefore(7200)}, {"new", {2}, false, TimeBefore(1800)}});
     EXPECT_EQ(RunJson({"push", a, server.Url(), "--newer-than", "1h"})["sent"], 1);
     EXPECT_EQ(RunJson({"push", a, server.Url()})["sent"], 1);
     EXPECT_EQ(RunJson({"pull", Empty("b"), server.Url(), "--newer-than", "1h"})["added"], 1);
@@ -267,7 +258,7 @@ TEST_F(PushPullTest, OnlyEffectsThatWereUsedLatelyAreTransferred) {
 
 TEST_F(PushPullTest, NoMoreBytesAreTransferredThanAllowed) {
     const RedisServer server;
-    const std::string a = Make("a", ThreeEffects());
+    const std::string a = MakeIn("a", ThreeEffects());
     const Json push = RunJson({"push", a, server.Url(), "--max-bytes", "10"}, kNo);
     EXPECT_EQ(push["sent"], 2);
     EXPECT_EQ(push["leftOut"], 1);
@@ -279,8 +270,8 @@ TEST_F(PushPullTest, NoMoreBytesAreTransferredThanAllowed) {
 
 TEST_F(PushPullTest, ADryRunSaysWhatWouldHappen) {
     const RedisServer server;
-    const std::string a = Make("a", ThreeEffects());
-    EXPECT_EQ(Run({"push", Make("b", {{"a", {7}, false, Year(1999)}}), server.Url()}), kDone);
+    const std::string a = MakeIn("a", ThreeEffects());
+    EXPECT_EQ(Run({"push", MakeIn("b", {{"a", {7}, false, Year(1999)}}), server.Url()}), kDone);
     EXPECT_EQ(Run({"push", a, server.Url(), "--dry-run"}), kDone);
     EXPECT_EQ(out_, "! a\n+ bb\n+ tab\\x09here\\\\\\xFF\n");
     EXPECT_THAT(err_, HasSubstr("would have sent 3 effects, 9.8 KiB in "));
@@ -288,7 +279,7 @@ TEST_F(PushPullTest, ADryRunSaysWhatWouldHappen) {
     EXPECT_EQ(Run({"push", a, server.Url()}), kDone);
     EXPECT_EQ(Run({"pull", File("b"), server.Url(), "--dry-run"}), kDone);
     EXPECT_EQ(out_, "+ bb\n+ tab\\x09here\\\\\\xFF\n! a\n");
-    EXPECT_THAT(Content(File("b")), ElementsAre("a 1999 0 \x07"));
+    EXPECT_THAT(EffectsIn(File("b")), ElementsAre("a 1999 0 \x07"));
     EXPECT_EQ(RunJson({"pull", File("b"), server.Url(), "--dry-run"})["added"], 2);
     EXPECT_EQ(RunJson({"pull", Empty("c"), server.Url(), "--dry-run"})["added"], 3);
     EXPECT_TRUE(std::filesystem::is_empty(File("c")));
@@ -297,7 +288,7 @@ TEST_F(PushPullTest, ADryRunSaysWhatWouldHappen) {
 TEST_F(PushPullTest, TheServerForgetsEffectsThatAreNotUsed) {
     const RedisServer server;
     const std::string a =
-        Make("a", {{"old", {1}, false, TimeBefore(7200)}, {"new", {2}, false, TimeBefore(60)}});
+        MakeIn("a", {{"old", {1}, false, TimeBefore(7200)}, {"new", {2}, false, TimeBefore(60)}});
     EXPECT_EQ(RunJson({"push", a, server.Url(), "--ttl", "1h"})["sent"], 1);
     const std::vector<std::string> keys = server.EffectKeys();
     ASSERT_EQ(keys, std::vector{KeyOf("new")});
@@ -305,7 +296,7 @@ TEST_F(PushPullTest, TheServerForgetsEffectsThatAreNotUsed) {
     server.Ask({"EXPIRE", keys[0], "100"});
     EXPECT_EQ(RunJson({"push", a, server.Url(), "--ttl", "1h"})["sent"], 0);
     EXPECT_GT(server.Ask({"TTL", keys[0]}).number, 3000);
-    const std::string b = Make("b", {{"new", {3}, false, TimeBefore(10)}});
+    const std::string b = MakeIn("b", {{"new", {3}, false, TimeBefore(10)}});
     EXPECT_EQ(RunJson({"push", b, server.Url(), "--ttl", "2h"})["sent"], 1);
     EXPECT_GT(server.Ask({"TTL", keys[0]}).number, 7000);
     EXPECT_EQ(Run({"push", a, server.Url(), "--ttl", "0s"}), kUsage);
@@ -317,10 +308,10 @@ TEST_F(PushPullTest, AFullCacheKeepsWhatWasUsedLast) {
     for (unsigned i = 0; i < 65534; ++i) {
         mine.push_back({std::to_string(i), {1}, false, Year(i == 7 ? 1990 : 2010)});
     }
-    const std::string a = Make("a", mine);
+    const std::string a = MakeIn("a", mine);
     EXPECT_EQ(
         Run({"push",
-             Make("b", {{"newer", {1}, false, Year(2011)}, {"older", {1}, false, Year(1980)}}),
+             MakeIn("b", {{"newer", {1}, false, Year(2011)}, {"older", {1}, false, Year(1980)}}),
              server.Url()}),
         kDone);
     const Json pull = RunJson({"pull", a, server.Url()}, kNo);
@@ -335,7 +326,7 @@ TEST_F(PushPullTest, AFullCacheKeepsWhatWasUsedLast) {
 
 TEST_F(PushPullTest, ADamagedValueIsNeverTakenAndPushingMendsWhatWasCutShort) {
     const RedisServer server;
-    const std::string a = Make("a", ThreeEffects());
+    const std::string a = MakeIn("a", ThreeEffects());
     ASSERT_EQ(Run({"push", a, server.Url()}), kDone);
     const std::string key = KeyOf("bb");
     const std::string value = server.Ask({"GET", key}).text;
@@ -362,7 +353,7 @@ TEST_F(PushPullTest, ADamagedValueIsNeverTakenAndPushingMendsWhatWasCutShort) {
             RunJson({"pull", b, server.Url()}, row.what == "another type" ? kDone : kNo);
         EXPECT_EQ(pull["added"], 2) << row.what;
         EXPECT_EQ(pull["damaged"], row.what == "another type" ? 0 : 1) << row.what;
-        EXPECT_EQ(Content(b).size(), 2U);
+        EXPECT_EQ(EffectsIn(b).size(), 2U);
         EXPECT_EQ(RunJson({"push", a, server.Url()})["sent"], row.isMended ? 1 : 0) << row.what;
         EXPECT_EQ(server.Ask({"TYPE", key}).text, "string") << row.what;
         EXPECT_EQ(server.Ask({"GET", key}).text == value, row.isMended) << row.what;
@@ -371,7 +362,7 @@ TEST_F(PushPullTest, ADamagedValueIsNeverTakenAndPushingMendsWhatWasCutShort) {
 
 TEST_F(PushPullTest, KeysOfOthersAreLeftAlone) {
     const RedisServer server;
-    const std::string a = Make("a", ThreeEffects());
+    const std::string a = MakeIn("a", ThreeEffects());
     ASSERT_EQ(Run({"push", a, server.Url()}), kDone);
     for (const char* const name : {"x", "quorvel:1", "quorvel:1:0", "quorvel:2:a:b"}) {
         server.Ask({"SET", name, "x"});
@@ -389,7 +380,7 @@ TEST_F(PushPullTest, DamagedEffectsOfTheCacheAreNotSent) {
     EXPECT_EQ(push["damaged"], 1);
     EXPECT_THAT(err_, HasSubstr("\"a\" is damaged"));
     // One that the store has takes its place.
-    EXPECT_EQ(Run({"push", Make("b", {{"a", {9}, false, Year(2020)}}), server.Url()}), kDone);
+    EXPECT_EQ(Run({"push", MakeIn("b", {{"a", {9}, false, Year(2020)}}), server.Url()}), kDone);
     EXPECT_EQ(RunJson({"pull", cache_, server.Url()})["replaced"], 1);
     EXPECT_EQ(Run({"get", cache_, "a"}), kDone);
     EXPECT_EQ(out_, "\x09");
@@ -398,7 +389,7 @@ TEST_F(PushPullTest, DamagedEffectsOfTheCacheAreNotSent) {
 // ---- Refusals -----------------------------------------------------------------------------------
 
 TEST_F(PushPullTest, AServerThatCannotBeReachedIsAnError) {
-    const std::string a = Make("a", ThreeEffects());
+    const std::string a = MakeIn("a", ThreeEffects());
     for (const char* const command : {"push", "pull", "sync"}) {
         EXPECT_EQ(Run({command, a, "unix://" + File("nothing")}), kFailed);
         EXPECT_THAT(err_, HasSubstr("nothing: can't be reached: No such file")) << command;
@@ -412,7 +403,7 @@ TEST_F(PushPullTest, AServerThatCannotBeReachedIsAnError) {
 TEST_F(PushPullTest, AFrozenServerIsAnErrorAfterItsTime) {
     const RedisServer server;
     server.Freeze();
-    EXPECT_EQ(Run({"push", Make("a", ThreeEffects()), server.Url(), "--server-timeout", "1"}),
+    EXPECT_EQ(Run({"push", MakeIn("a", ThreeEffects()), server.Url(), "--server-timeout", "1"}),
               kFailed);
     EXPECT_THAT(err_, HasSubstr("the server does not answer"));
     EXPECT_EQ(Run({"pull", Empty("b"), server.Url(), "--server-timeout", "1"}), kFailed);
@@ -437,7 +428,7 @@ TEST_F(PushPullTest, ARightThatIsMissingIsNamed) {
         const char* missing;
         const char* command;
     } rows[] = {{"getrange", "push"}, {"set", "push"}, {"publish", "push"}, {"scan", "pull"}};
-    const std::string a = Make("a", ThreeEffects());
+    const std::string a = MakeIn("a", ThreeEffects());
     for (const auto& row : rows) {
         const RedisServer server({"--user", "default", "on", "nopass", "~*", "&*", "+@all",
                                   std::string("-") + row.missing});

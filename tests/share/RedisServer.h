@@ -46,7 +46,7 @@ public:
     void Kill();
     void Start();
 
-    // Freezes the server, and lets it go on.
+    // Suspends the server's process, and resumes it.
     void Freeze() const;
     void Thaw() const;
 

@@ -1,6 +1,5 @@
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <random>
 #include <sstream>
 #include <thread>
@@ -63,11 +62,6 @@ QUORVEL_AGENT(SharingHost) {
         Testing::AgentSend(std::to_string(found) + ' ' + std::to_string(wrong));
     }
     return 0;
-}
-
-int NumberInEnvironment(const char* name, int otherwise) {
-    const char* const text = std::getenv(name);
-    return text ? std::atoi(text) : otherwise;
 }
 
 // Three machines: caches with an agent and two hosts each.
@@ -197,8 +191,7 @@ TEST_F(ShareFaultsTest, WhateverTheServerSuffersEverythingGetsEverywhere) {
          [] {}},
     };
     std::vector<unsigned> counts(faults.size());
-    const auto end =
-        Clock::now() + std::chrono::seconds(NumberInEnvironment("QUORVEL_SHARE_SECONDS", 8));
+    const auto end = Clock::now() + std::chrono::seconds(Setting("QUORVEL_SHARE_SECONDS", 8));
     while (Clock::now() < end) {
         const std::size_t fault = random_() % faults.size();
         ++counts[fault];
@@ -221,8 +214,8 @@ TEST_F(ShareFaultsTest, WhateverTheServerSuffersEverythingGetsEverywhere) {
 TEST_F(ShareFaultsTest, AnAgentThatIsKilledLosesNothingAndSendsNothingTwice) {
     server_ = std::make_unique<RedisServer>();
     StartAll();
-    const int kills = NumberInEnvironment("QUORVEL_SHARE_KILLS", 8);
-    for (int i = 0; i < kills; ++i) {
+    const unsigned kills = Setting("QUORVEL_SHARE_KILLS", 8);
+    for (unsigned i = 0; i < kills; ++i) {
         const unsigned machine = static_cast<unsigned>(random_()) % kMachines;
         const auto moment = Clock::now() + milliseconds(random_() % 1000);
         while (Clock::now() < moment) {
@@ -236,7 +229,7 @@ TEST_F(ShareFaultsTest, AnAgentThatIsKilledLosesNothingAndSendsNothingTwice) {
     // One more marks the server.
     EXPECT_EQ(server_->Info("commandstats", "cmdstat_set:calls="), kHosts * rounds_ + 1);
     EXPECT_EQ(server_->Info("commandstats", "cmdstat_eval:calls="), 0U);
-    std::printf("%d kills, %u effects, %u of other hosts found\n", kills, kHosts * rounds_, found_);
+    std::printf("%u kills, %u effects, %u of other hosts found\n", kills, kHosts * rounds_, found_);
 }
 
 }  // namespace

@@ -22,10 +22,7 @@ constexpr std::size_t kEffectSize = 2500;
 // printed, beside those of redis-benchmark with values of the same size.
 class ShareSpeedTest : public ShareTest {
 protected:
-    static unsigned EffectCount() {
-        const char* const count = std::getenv("QUORVEL_SHARE_EFFECTS");
-        return count ? static_cast<unsigned>(std::atoi(count)) : 3000;
-    }
+    static unsigned EffectCount() { return Setting("QUORVEL_SHARE_EFFECTS", 3000); }
 
     // Effects whose bytes hardly compress.
     static void Fill(const std::string& directory) {

@@ -1,6 +1,7 @@
 #include "share/ShareTest.h"
 
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <random>
@@ -8,6 +9,7 @@
 #include <thread>
 
 #include "support/Agent.h"
+#include "tools/quorvel/StoreValue.h"
 #include "tools/quorvel/Terminal.h"
 
 namespace Quorvel::Tool {
@@ -38,32 +40,19 @@ void ShareTest::SetUp() {
     if (RedisProgram().empty()) { GTEST_SKIP() << "no Redis server is installed"; }
 }
 
+unsigned ShareTest::Setting(const char* variable, unsigned usual) {
+    const char* const text = std::getenv(variable);
+    return text ? static_cast<unsigned>(std::stoul(text)) : usual;
+}
+
 std::string ShareTest::Empty(const std::string& name) const {
     std::filesystem::create_directory(File(name));
     return File(name);
 }
 
-std::string ShareTest::Make(const std::string& name,
-                            const std::vector<Format::NewEffect>& effects) const {
-    Format::WriteWholeFile(Empty(name) + "/vornFxoCache.dat", Format::WriteEffectCache(effects));
-    return File(name);
-}
-
-std::vector<std::string> ShareTest::Content(const std::string& directory) {
-    const Format::Bytes file = Format::ReadWholeFile(directory + "/vornFxoCache.dat");
-    EXPECT_THAT(Format::CheckEffectCache(file), testing::IsEmpty());
-    std::vector<std::string> content;
-    for (const auto& [name, effect] :
-         Format::ReadEffectCache(Format::ReadPackage(file, Format::kCacheStreamLimit))) {
-        content.push_back(name + ' ' + std::to_string(effect.record.time.year) + ' ' +
-                          std::to_string(effect.record.permanent) + ' ' +
-                          std::string(effect.data.begin(), effect.data.end()));
-    }
-    return content;
-}
-
-Format::EntryTime ShareTest::Year(unsigned year) {
-    return {static_cast<std::uint16_t>(year), 1, 1, 0, 0, 0, 0};
+std::string ShareTest::KeyOf(const std::string& effect) {
+    const StoreSpace space("default");
+    return space.Name(space.KeyOf(effect));
 }
 
 std::vector<Format::NewEffect> ShareTest::ManyEffects(unsigned first, unsigned count) {

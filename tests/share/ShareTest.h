@@ -15,14 +15,14 @@ class ShareTest : public ToolTest {
 protected:
     void SetUp() override;
 
-    // Makes an empty directory, or one with a cache of these effects. Returns its path.
+    // A number from the environment, or the usual one.
+    static unsigned Setting(const char* variable, unsigned usual);
+
+    // Makes an empty directory. Returns its path.
     std::string Empty(const std::string& name) const;
-    std::string Make(const std::string& name, const std::vector<Format::NewEffect>& effects) const;
 
-    // "name year flag bytes" for each effect of an intact cache.
-    static std::vector<std::string> Content(const std::string& directory);
-
-    static Format::EntryTime Year(unsigned year);
+    // The name of the key of an effect in the namespace "default".
+    static std::string KeyOf(const std::string& effect);
 
     // A number of effects with different names, sizes, bytes, flags and times.
     static std::vector<Format::NewEffect> ManyEffects(unsigned first, unsigned count);

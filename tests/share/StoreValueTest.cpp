@@ -144,7 +144,7 @@ TEST_F(StoreValueTest, TimesDoNotDependOnTheTimeZone) {
     EXPECT_EQ(here.millisecond, 7U);
 }
 
-TEST_F(StoreValueTest, ATimeThatThereIsNotDoesNoHarm) {
+TEST_F(StoreValueTest, AnInvalidTimeIsBroughtIntoRange) {
     EXPECT_EQ(ToStoreTime({}), 0);
     EXPECT_EQ(ToStoreTime({1960, 1, 1, 0, 0, 0, 0}), 0);
     const std::int64_t latest = ToStoreTime({65535, 65535, 65535, 65535, 65535, 65535, 0xFFFFFFFF});

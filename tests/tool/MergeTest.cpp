@@ -36,51 +36,20 @@ class MergeTest : public ToolTest {
 protected:
     ~MergeTest() override { freeSpace.reset(); }
 
-    static Format::EntryTime Year(unsigned year) {
-        return {static_cast<std::uint16_t>(year), 1, 1, 0, 0, 0, 0};
-    }
-
-    // A cache in a directory of its own. Returns the directory.
-    std::string Make(const std::string& name, const Effects& effects) const {
-        fs::create_directory(File(name));
-        Format::WriteWholeFile(File(name) + "/vornFxoCache.dat", Format::WriteEffectCache(effects));
-        return File(name);
-    }
-
-    // "name year flag bytes" for each effect.
-    static std::vector<std::string> Content(const std::string& directory) {
-        const Format::Bytes file = Format::ReadWholeFile(directory + "/vornFxoCache.dat");
-        EXPECT_THAT(Format::CheckEffectCache(file), IsEmpty());
-        std::vector<std::string> content;
-        for (const auto& [name, effect] :
-             Format::ReadEffectCache(Format::ReadPackage(file, Format::kCacheStreamLimit))) {
-            content.push_back(name + ' ' + std::to_string(effect.record.time.year) + ' ' +
-                              std::to_string(effect.record.permanent) + ' ' +
-                              std::string(effect.data.begin(), effect.data.end()));
-        }
-        return content;
-    }
-
     static std::vector<std::string> Names(const Json& list) {
         return list.get<std::vector<std::string>>();
     }
 };
 
 TEST_F(MergeTest, TheEffectUsedLastStaysWithItsFlag) {
-    const std::string a = Make("a", {{"1", {'a'}, true, Year(2001)},
-                                     {"2", {'a'}, false, Year(2003)},
-                                     {"3", {'a'}, true, Year(2002)},
-                                     {"4", {'a'}, false, Year(2002)}});
-    const std::string b = Make("b", {{"1", {'b'}, false, Year(2002)},
-                                     {"2", {'b'}, true, Year(2002)},
-                                     {"3", {'b'}, false, Year(2002)},
-                                     {"5", {'b'}, true, Year(2002)}});
+    const std::string a = MakeIn("a", EffectsOfA());
+    const std::string b = MakeIn("b", EffectsOfB());
     EXPECT_EQ(Run({"merge", a, b}), kDone);
     EXPECT_EQ(out_, "");
     EXPECT_EQ(err_, "added 1 effect, replaced 1; the cache's own stayed: 2\n");
-    EXPECT_THAT(Content(a),
+    EXPECT_THAT(EffectsIn(a),
                 ElementsAre("1 2002 0 b", "2 2003 0 a", "3 2002 1 a", "4 2002 0 a", "5 2002 1 b"));
-    EXPECT_EQ(Content(b).size(), 4U);
+    EXPECT_EQ(EffectsIn(b).size(), 4U);
 }
 
 TEST_F(MergeTest, OneSideMayBePreferred) {
@@ -88,21 +57,21 @@ TEST_F(MergeTest, OneSideMayBePreferred) {
     const Effects yours = {{"1", {'b'}, false, Year(2002)},
                            {"2", {'b'}, true, Year(2002)},
                            {"3", {'b'}, true, Year(2002)}};
-    const std::string b = Make("b", yours);
-    EXPECT_EQ(Run({"merge", Make("a", mine), b, "--prefer", "dest"}), kDone);
-    EXPECT_THAT(Content(File("a")), ElementsAre("1 2001 1 a", "2 2003 0 a", "3 2002 1 b"));
-    EXPECT_EQ(Run({"merge", Make("a", mine), b, "--prefer", "source"}), kDone);
-    EXPECT_THAT(Content(File("a")), ElementsAre("1 2002 0 b", "2 2002 1 b", "3 2002 1 b"));
+    const std::string b = MakeIn("b", yours);
+    EXPECT_EQ(Run({"merge", MakeIn("a", mine), b, "--prefer", "dest"}), kDone);
+    EXPECT_THAT(EffectsIn(File("a")), ElementsAre("1 2001 1 a", "2 2003 0 a", "3 2002 1 b"));
+    EXPECT_EQ(Run({"merge", MakeIn("a", mine), b, "--prefer", "source"}), kDone);
+    EXPECT_THAT(EffectsIn(File("a")), ElementsAre("1 2002 0 b", "2 2002 1 b", "3 2002 1 b"));
 }
 
 TEST_F(MergeTest, OfSeveralSourcesTheEffectUsedLastStays) {
-    const std::string a = Make("a", {{"1", {'a'}, false, Year(2001)}});
-    const std::string b = Make("b", {{"1", {'b'}, false, Year(2003)}, {"2", {'b'}}});
-    const std::string c = Make("c", {{"1", {'c'}, false, Year(2002)}, {"2", {'c'}}});
+    const std::string a = MakeIn("a", {{"1", {'a'}, false, Year(2001)}});
+    const std::string b = MakeIn("b", {{"1", {'b'}, false, Year(2003)}, {"2", {'b'}}});
+    const std::string c = MakeIn("c", {{"1", {'c'}, false, Year(2002)}, {"2", {'c'}}});
     for (const char* prefer : {"source", "dest"}) {
         fs::create_directory(File(prefer));
         EXPECT_EQ(Run({"merge", File(prefer), c, b, a, "--prefer", prefer}), kDone);
-        EXPECT_THAT(Content(File(prefer)), ElementsAre("1 2003 0 b", "2 2024 0 c"));
+        EXPECT_THAT(EffectsIn(File(prefer)), ElementsAre("1 2003 0 b", "2 2024 0 c"));
     }
 }
 
@@ -116,9 +85,9 @@ TEST_F(MergeTest, TwoHalvesMakeTheWhole) {
     }
     Effects first(all.begin(), all.begin() + 350);
     Effects second(all.begin() + 250, all.end());
-    const std::string whole = Make("whole", all);
-    const std::string a = Make("a", first);
-    const std::string b = Make("b", second);
+    const std::string whole = MakeIn("whole", all);
+    const std::string a = MakeIn("a", first);
+    const std::string b = MakeIn("b", second);
     fs::create_directory(File("c"));
     EXPECT_EQ(Run({"merge", File("c"), a, b}), kDone);
     EXPECT_EQ(Run({"merge", a, b}), kDone);
@@ -132,19 +101,19 @@ TEST_F(MergeTest, TwoHalvesMakeTheWhole) {
 }
 
 TEST_F(MergeTest, PackageFilesCanBeMerged) {
-    const std::string a = Make("a", ThreeEffects());
+    const std::string a = MakeIn("a", ThreeEffects());
     fs::copy(a + "/vornFxoCache.dat", File("copy.dat"));
-    EXPECT_EQ(Run({"merge", Make("b", {}), File("copy.dat")}), kDone);
-    EXPECT_EQ(Content(File("b")), Content(a));
+    EXPECT_EQ(Run({"merge", MakeIn("b", {}), File("copy.dat")}), kDone);
+    EXPECT_EQ(EffectsIn(File("b")), EffectsIn(a));
     Format::WriteWholeFile(File("empty.dat"), Format::WriteEffectCache({}));
     EXPECT_EQ(Run({"merge", File("empty.dat"), a}), kDone);
     EXPECT_EQ(Run({"diff", File("empty.dat"), a, "--time"}), kDone);
 }
 
 TEST_F(MergeTest, ADryRunSaysWhatWouldHappen) {
-    const std::string a = Make("a", {{"a", {7}, false, Year(1999)}});
-    const std::string b = Make("b", ThreeEffects());
-    const std::vector<std::string> before = Content(a);
+    const std::string a = MakeIn("a", {{"a", {7}, false, Year(1999)}});
+    const std::string b = MakeIn("b", ThreeEffects());
+    const std::vector<std::string> before = EffectsIn(a);
     EXPECT_EQ(Run({"merge", a, b, "--dry-run", "--match", "?*[ab]"}), kDone);
     EXPECT_EQ(out_, "+ bb\n");
     EXPECT_EQ(Run({"merge", a, b, "--dry-run"}), kDone);
@@ -154,33 +123,33 @@ TEST_F(MergeTest, ADryRunSaysWhatWouldHappen) {
               Json::parse(R"({"dryRun": true, "added": ["bb", "tab\\x09here\\\\\\xFF"],
                               "replaced": ["a"], "evicted": [], "kept": 0, "leftOut": 0,
                               "damaged": 0})"));
-    EXPECT_EQ(Content(a), before);
+    EXPECT_EQ(EffectsIn(a), before);
     fs::create_directory(File("empty"));
     EXPECT_EQ(Run({"merge", File("empty"), b, "--dry-run"}), kDone);
     EXPECT_TRUE(fs::is_empty(File("empty")));
     EXPECT_EQ(RunJson({"merge", a, b})["dryRun"], false);
-    EXPECT_EQ(Content(a), Content(b));
+    EXPECT_EQ(EffectsIn(a), EffectsIn(b));
 }
 
 TEST_F(MergeTest, APatternThatMatchesNothingIsANo) {
-    EXPECT_EQ(Run({"merge", Make("a", {}), Make("b", ThreeEffects()), "--match", "none"}), kNo);
+    EXPECT_EQ(Run({"merge", MakeIn("a", {}), MakeIn("b", ThreeEffects()), "--match", "none"}), kNo);
     EXPECT_THAT(err_, HasSubstr("no effect matches \"none\""));
 }
 
 TEST_F(MergeTest, ACacheIsNotMergedWithItself) {
-    const std::string a = Make("a", ThreeEffects());
+    const std::string a = MakeIn("a", ThreeEffects());
     fs::create_hard_link(a + "/vornFxoCache.dat", File("link.dat"));
     for (const std::string& spelling :
          {a, a + "/", File("a/../a"), a + "/vornFxoCache.dat", File("link.dat")}) {
-        EXPECT_EQ(Run({"merge", a, Make("b", {}), spelling}), kUsage) << spelling;
+        EXPECT_EQ(Run({"merge", a, MakeIn("b", {}), spelling}), kUsage) << spelling;
         EXPECT_THAT(err_, HasSubstr(" are the same cache"));
     }
 }
 
 TEST_F(MergeTest, ASourceThatCannotBeReadLeavesTheDestinationAsItIs) {
-    const std::string a = Make("a", ThreeEffects());
-    const std::string b = Make("b", {{"new", {1}}});
-    const std::vector<std::string> before = Content(a);
+    const std::string a = MakeIn("a", ThreeEffects());
+    const std::string b = MakeIn("b", {{"new", {1}}});
+    const std::vector<std::string> before = EffectsIn(a);
     fs::create_directory(File("empty"));
     Format::WriteWholeFile(File("broken.dat"), Format::Bytes(9000, 1));
     const struct {
@@ -192,7 +161,7 @@ TEST_F(MergeTest, ASourceThatCannotBeReadLeavesTheDestinationAsItIs) {
     for (const auto& row : rows) {
         EXPECT_EQ(Run({"merge", a, b, row.source}), kNo);
         EXPECT_THAT(err_, HasSubstr(row.why));
-        EXPECT_EQ(Content(a), before);
+        EXPECT_EQ(EffectsIn(a), before);
     }
     EXPECT_EQ(Run({"merge", a}), kUsage);
     EXPECT_EQ(Run({"merge", File("broken.dat"), b}), kNo);
@@ -200,8 +169,8 @@ TEST_F(MergeTest, ASourceThatCannotBeReadLeavesTheDestinationAsItIs) {
 }
 
 TEST_F(MergeTest, DamagedEffectsAreLeftOutAndCounted) {
-    const std::string a = Make("a", {{"x", {1}}});
-    const std::string b = Make("b", ThreeEffects());
+    const std::string a = MakeIn("a", {{"x", {1}}});
+    const std::string b = MakeIn("b", ThreeEffects());
     Format::Bytes file = Format::ReadWholeFile(b + "/vornFxoCache.dat");
     const std::uint8_t length[] = {2, 0, 0, 0, 0, 0, 0, 0, 2, 2};
     const auto found = std::search(file.begin(), file.end(), std::begin(length), std::end(length));
@@ -211,7 +180,7 @@ TEST_F(MergeTest, DamagedEffectsAreLeftOutAndCounted) {
     EXPECT_EQ(Run({"merge", a, b}), kNo);
     EXPECT_THAT(err_, HasSubstr("\"bb\" is damaged: "));
     EXPECT_THAT(err_, HasSubstr("added 2 effects, replaced 0; left out as damaged: 1\n"));
-    EXPECT_EQ(Content(a).size(), 3U);
+    EXPECT_EQ(EffectsIn(a).size(), 3U);
 }
 
 // ---- Limits -------------------------------------------------------------------------------------
@@ -223,10 +192,10 @@ TEST_F(MergeTest, WithinTheNumberOfEffectsPermanentOnesAndThoseUsedLastStay) {
     }
     many.push_back({"oldest, permanent", {1}, true, Year(1990)});
     many.push_back({"oldest", {1}, false, Year(2001)});
-    const std::string a = Make("a", many);
-    const std::string b = Make("b", {{"new", {2}, false, Year(2003)},
-                                     {"old", {2}, false, Year(2000)},
-                                     {"old, permanent", {2}, true, Year(2000)}});
+    const std::string a = MakeIn("a", many);
+    const std::string b = MakeIn("b", {{"new", {2}, false, Year(2003)},
+                                       {"old", {2}, false, Year(2000)},
+                                       {"old, permanent", {2}, true, Year(2000)}});
     const Json report = RunJson({"merge", a, b}, kNo);
     EXPECT_THAT(Names(report["added"]), ElementsAre("new", "old, permanent"));
     EXPECT_THAT(Names(report["replaced"]), IsEmpty());
@@ -259,30 +228,30 @@ TEST_F(MergeTest, OnAFullVolumePermanentOnesAndThoseUsedLastComeIn) {
                 {343, {"3", "4", "q"}},
                 {100000, {"0", "1", "2", "3", "4", "q"}}};
     for (const auto& row : rows) {
-        const std::string a = Make("a", mine);
-        const std::string b = Make("b", yours);
+        const std::string a = MakeIn("a", mine);
+        const std::string b = MakeIn("b", yours);
         freeSpace = kReserved + row.free;
         const Json report = RunJson({"merge", a, b}, row.added.size() == 6 ? kDone : kNo);
         freeSpace.reset();
         EXPECT_EQ(report["added"], Json(row.added)) << row.free;
         EXPECT_EQ(report["leftOut"], 6 - row.added.size());
         EXPECT_EQ(report["evicted"], Json::array());
-        EXPECT_EQ(Content(a).size(), 1 + row.added.size());
+        EXPECT_EQ(EffectsIn(a).size(), 1 + row.added.size());
     }
 }
 
 TEST_F(MergeTest, AnOwnEffectStaysIfItsNewerVersionDoesNotFit) {
     for (const bool isPermanent : {false, true}) {
-        const std::string b = Make("b", {{"a", Format::Bytes(900), false, Year(2020)}});
+        const std::string b = MakeIn("b", {{"a", Format::Bytes(900), false, Year(2020)}});
         for (const std::uint64_t free : {1000U, 2000U}) {
-            const std::string a = Make("a", {{"a", Format::Bytes(100), isPermanent, Year(1990)}});
+            const std::string a = MakeIn("a", {{"a", Format::Bytes(100), isPermanent, Year(1990)}});
             freeSpace = kReserved + kReservedForBlock + free;
             const Json report = RunJson({"merge", a, b}, free == 1000 ? kNo : kDone);
             freeSpace.reset();
             EXPECT_EQ(report["evicted"], Json::array());
             EXPECT_EQ(report["leftOut"], free == 1000 ? 1 : 0);
-            EXPECT_THAT(Content(a), testing::ElementsAre(
-                                        testing::StartsWith(free == 1000 ? "a 1990" : "a 2020")));
+            EXPECT_THAT(EffectsIn(a), testing::ElementsAre(
+                                          testing::StartsWith(free == 1000 ? "a 1990" : "a 2020")));
         }
     }
 }
@@ -296,8 +265,8 @@ TEST_F(MergeTest, MergesInBothDirectionsDoNotWaitForEachOther) {
         mine.push_back({"a" + std::to_string(i), Format::Bytes(2000, 1)});
         yours.push_back({"b" + std::to_string(i), Format::Bytes(2000, 2)});
     }
-    const std::string a = Make("a", mine);
-    const std::string b = Make("b", yours);
+    const std::string a = MakeIn("a", mine);
+    const std::string b = MakeIn("b", yours);
     const auto merge = [](const std::string& dest, const std::string& source) {
         const char* const argv[] = {"quorvel", "merge", dest.c_str(), source.c_str()};
         std::istringstream in;
@@ -311,7 +280,7 @@ TEST_F(MergeTest, MergesInBothDirectionsDoNotWaitForEachOther) {
     merge(b, a);
     other.join();
     EXPECT_EQ(Run({"diff", a, b, "--time"}), kDone);
-    EXPECT_EQ(Content(a).size(), 400U);
+    EXPECT_EQ(EffectsIn(a).size(), 400U);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
@@ -52,7 +53,48 @@ protected:
         Format::WriteWholeFile(CacheFile(), Format::WriteEffectCache(effects));
     }
 
-    // The same, but "a" can't be read: its stream has another size than its record says.
+    // Makes a directory with a cache of these effects. Returns its path.
+    std::string MakeIn(const std::string& name,
+                       const std::vector<Format::NewEffect>& effects) const {
+        std::filesystem::create_directory(File(name));
+        Format::WriteWholeFile(File(name) + "/vornFxoCache.dat", Format::WriteEffectCache(effects));
+        return File(name);
+    }
+
+    // "name year flag bytes" for each effect of an intact cache.
+    static std::vector<std::string> EffectsIn(const std::string& directory) {
+        const Format::Bytes file = Format::ReadWholeFile(directory + "/vornFxoCache.dat");
+        EXPECT_THAT(Format::CheckEffectCache(file), testing::IsEmpty());
+        std::vector<std::string> effects;
+        for (const auto& [name, effect] :
+             Format::ReadEffectCache(Format::ReadPackage(file, Format::kCacheStreamLimit))) {
+            effects.push_back(name + ' ' + std::to_string(effect.record.time.year) + ' ' +
+                              std::to_string(effect.record.permanent) + ' ' +
+                              std::string(effect.data.begin(), effect.data.end()));
+        }
+        return effects;
+    }
+
+    static Format::EntryTime Year(unsigned year) {
+        return {static_cast<std::uint16_t>(year), 1, 1, 0, 0, 0, 0};
+    }
+
+    // Two caches with effects of the same names. "3" was used at the same time in both.
+    static std::vector<Format::NewEffect> EffectsOfA() {
+        return {{"1", {'a'}, true, Year(2001)},
+                {"2", {'a'}, false, Year(2003)},
+                {"3", {'a'}, true, Year(2002)},
+                {"4", {'a'}, false, Year(2002)}};
+    }
+    static std::vector<Format::NewEffect> EffectsOfB() {
+        return {{"1", {'b'}, false, Year(2002)},
+                {"2", {'b'}, true, Year(2002)},
+                {"3", {'b'}, false, Year(2002)},
+                {"5", {'b'}, true, Year(2002)}};
+    }
+
+    // Replaces the cache with ThreeEffects, of which "a" can't be read: its stream has another size
+    // than its record says.
     void MakeCacheWithDamagedEffect() const {
         Format::PackageImage image = Format::LayOutEffectCache(ThreeEffects(), {});
         const Format::StreamReader streams(image);

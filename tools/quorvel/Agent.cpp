@@ -103,7 +103,8 @@ private:
     std::unordered_set<Checksum, ChecksumHash> keys_;
 };
 
-// Keeps a cache and a store equal. What is still to be sent or fetched is known by its keys alone.
+// Keeps a cache and a store equal. Of the effects that it has yet to send or fetch, it keeps only
+// the keys.
 class Agent {
 public:
     Agent(const AgentOptions& options, Session& session)
@@ -142,7 +143,7 @@ public:
     }
 
 private:
-    // Runs a step, and gets over its failure.
+    // Runs a step. If it fails, the failure is reported, and the agent tries again later.
     template <typename Step>
     void Guard(const Step& step) {
         try {
@@ -158,7 +159,7 @@ private:
         }
     }
 
-    // Says what is wrong, once while it lasts.
+    // Reports a problem, once for as long as it lasts.
     void Tell(const std::string& problem) {
         if (IsStopRequested() || problem == problem_) { return; }
         problem_ = problem;
@@ -296,7 +297,7 @@ private:
         }
     }
 
-    // Asks for each effect once until the next rescan, in case that the server damages everything.
+    // Asks for each effect once until the next rescan, in case the server damages everything.
     void AskFor(const Keys& damaged) {
         Keys keys;
         for (const Checksum& key : damaged) {
@@ -326,7 +327,7 @@ private:
     Clock::time_point nextBeat_;
     Clock::time_point nextRescan_;
     Clock::time_point nextFetch_;
-    std::string problem_;  // the last one that was told
+    std::string problem_;  // the last one that was reported
 };
 
 void RunAgent(const AgentOptions& options, Session& session) {

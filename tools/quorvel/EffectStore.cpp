@@ -22,7 +22,7 @@ constexpr std::size_t kValuesAhead = 256;
 
 constexpr std::size_t kIndexSets = 64;
 
-// A server that never ends its scan ends it here.
+// A scan with more steps than this is given up as endless.
 constexpr std::uint64_t kMostSteps = 1 << 20;
 
 constexpr char kSent = 's';
@@ -234,7 +234,7 @@ std::uint64_t EffectStore::FinishSending() {
     return taken.size();
 }
 
-// Tells others of keys. Behind a proxy, where nobody listens, a changed mark tells them.
+// Publishes a notice about keys. A proxy passes no notices on; there, ChangeMark takes its place.
 void EffectStore::Note(const Keys& keys, char kind) {
     if (url_.isProxy) { return; }
     for (std::size_t begin = 0; begin < keys.size(); begin += kKeysPerStep) {
@@ -262,7 +262,7 @@ void EffectStore::ChangeMark() {
     mark_ = old == mark_ ? mark : std::string();
 }
 
-// Receives replies that say nothing. Throws ServerRefusal after the last one.
+// Receives replies whose content does not matter. Throws ServerRefusal after the last one.
 void EffectStore::ReceiveAll(std::size_t count, const char* what) {
     std::optional<ServerRefusal> refusal;
     for (std::size_t i = 0; i < count; ++i) {

@@ -71,8 +71,8 @@ public:
     // Asks all who have them to send effects again, because their values are damaged.
     void AskFor(const Keys& keys);
 
-    // What has happened since the last call. The first one always finds effects lost. Effects that
-    // others have sent are only noticed behind a proxy, and may hide a loss there.
+    // What has happened since the last call. The first call always returns Lost. Sent is returned
+    // only behind a proxy, where a loss may also look like Sent.
     enum class Change { None, Sent, Lost };
     Change LookForChange();
 

@@ -119,15 +119,25 @@ RedisConnection::RedisConnection(const StoreUrl& url, std::chrono::seconds timeo
     if (::fcntl(context->fd, F_SETFL, ::fcntl(context->fd, F_GETFL) | O_NONBLOCK) != 0) {
         Fail(std::strerror(errno));
     }
-    if (!url.user.empty()) {
-        Ask({"AUTH", url.user, url.password});
-    } else if (!url.password.empty()) {
-        Ask({"AUTH", url.password});
-    }
+    LogIn(url);
     if (url.database != 0) { Ask({"SELECT", std::to_string(url.database)}); }
 }
 
 RedisConnection::~RedisConnection() = default;
+
+void RedisConnection::LogIn(const StoreUrl& url) {
+    if (url.user.empty() && url.password.empty()) { return; }
+    try {
+        if (url.user.empty()) {
+            Ask({"AUTH", url.password});
+        } else {
+            Ask({"AUTH", url.user, url.password});
+        }
+    } catch (const ServerRefusal& refusal) {
+        if (!url.password.empty()) { throw; }
+        throw ServerRefusal(std::string(refusal.what()) + "; no password was given");
+    }
+}
 
 void RedisConnection::Fail(const std::string& why) const {
     throw ServerFailure(fmt::format("{}: {}", name_, why));
@@ -204,7 +214,7 @@ void RedisConnection::Send(std::initializer_list<std::string_view> words) {
     }
 }
 
-// Reads meanwhile, since a server that can't get rid of its replies reads nothing.
+// Also reads: a server whose replies are not read stops reading commands.
 void RedisConnection::Flush() {
     Clock::time_point end = Clock::now() + timeout_;
     std::size_t early = 0;
@@ -214,11 +224,11 @@ void RedisConnection::Flush() {
             continue;
         }
         if (Clock::now() > end || !WaitUntilReady(true, end)) {
-            Fail("the server does not take what it is sent");
+            Fail("the server does not read what it is sent");
         }
         Read();
         early += end_;
-        if (early > kMostEarly) { Fail("the server sends what it was not asked for"); }
+        if (early > kMostEarly) { Fail("the server sends more than it was asked for"); }
         while (std::optional<Reply> reply = Parse()) {
             early_.push_back(std::move(*reply));
         }

@@ -15,7 +15,8 @@
 
 namespace Quorvel::Tool {
 
-// The server can't be reached, breaks off, is silent for too long, or sends what it may not send.
+// The server can't be reached, closes the connection, is silent for too long, or breaks the
+// protocol.
 class ServerFailure : public Failure {
 public:
     using Failure::Failure;
@@ -37,9 +38,9 @@ struct Reply {
     std::vector<Reply> list;
 };
 
-// A connection with a Redis server. A server can send whatever it likes, but makes this program
-// neither wait forever nor take more than a few MiB of memory. All functions throw ServerFailure,
-// and Failure if the user has asked the program to stop.
+// A connection to a Redis server. Whatever the server sends, this program does not wait forever,
+// and does not take more than a few MiB of memory. All functions throw ServerFailure, and Failure
+// if the user has asked the program to stop.
 class RedisConnection {
 public:
     // Connects, logs in and selects the database. The server has that time for each of these, and
@@ -64,13 +65,14 @@ public:
     // Sends a command and waits for its reply. Throws ServerRefusal if that is an error.
     Reply Ask(std::initializer_list<std::string_view> words);
 
-    // Something that the server sends unasked, if it comes within that time.
+    // A message that no command asked for, if one comes within that time.
     std::optional<Reply> Await(std::chrono::milliseconds time);
 
 private:
     using Clock = std::chrono::steady_clock;
     struct State;
 
+    void LogIn(const StoreUrl& url);
     [[noreturn]] void Fail(const std::string& why) const;
     bool WaitUntilReady(bool canWrite, Clock::time_point end);
     bool Write();

@@ -105,7 +105,9 @@ private:
     }
 
     static void AddProblems(std::string& line, std::uint64_t leftOut, std::uint64_t damaged) {
-        if (leftOut > 0) { line += fmt::format("; left out for lack of room: {}", leftOut); }
+        if (leftOut > 0) {
+            line += fmt::format("; left out, for lack of room or by --max-bytes: {}", leftOut);
+        }
         if (damaged > 0) { line += fmt::format("; left out as damaged: {}", damaged); }
     }
 

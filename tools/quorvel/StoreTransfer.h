@@ -53,8 +53,9 @@ struct PullResult {
 // fetched again.
 using RefusedVersions = std::unordered_map<Checksum, Checksum, ChecksumHash>;
 
-// Takes effects into a cache in batches, each all or none: those with the keys, or all if `keys` is
-// null. Makes the cache if its directory has none. Throws Failure; the batches before stay.
+// Takes the effects that have these keys, or all effects if `keys` is null, into a cache: in
+// batches, each of which goes in as a whole or not at all. Makes the cache if its directory has
+// none. Throws Failure; the batches before stay.
 PullResult PullEffects(Cache& cache, EffectStore& store, const TransferOptions& options,
                        const EffectStore::Keys* keys, RefusedVersions& refused, Session& session);
 

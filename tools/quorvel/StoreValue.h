@@ -39,7 +39,7 @@ struct ChecksumHash {
     std::size_t operator()(const Checksum& checksum) const { return checksum.low; }
 };
 
-// A time in a cache, which is local, in milliseconds since 1970 UTC; 0 for what is earlier.
+// A cache's local time in milliseconds since 1970 UTC; 0 if it is earlier than that.
 std::int64_t ToStoreTime(const Format::EntryTime& time);
 Format::EntryTime FromStoreTime(std::int64_t time);
 
@@ -54,7 +54,7 @@ struct StoreFooter {
     Checksum data;
 };
 
-// The footer of a value, from the value's last bytes; nothing if they are none.
+// The footer at the end of a value, or of its last bytes; nothing if there is none.
 std::optional<StoreFooter> ReadFooter(std::string_view value);
 
 // Names of keys: a checksum of namespace and name.
@@ -69,7 +69,7 @@ public:
     const std::string& Prefix() const { return prefix_; }
     std::string Name(const Checksum& key) const { return prefix_ + ':' + key.Text(); }
 
-    // The reverse of Name; nothing if the text is no name of a key.
+    // The reverse of Name; nothing if the text is not the name of a key.
     std::optional<Checksum> ReadKey(std::string_view text) const;
 
 private:

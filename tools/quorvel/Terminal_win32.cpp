@@ -74,11 +74,11 @@ bool IsStopRequested() {
     return isStopRequested != 0;
 }
 
-// There is no documented way that works without administrator's rights.
 int RunApart(const std::function<int()>& work, const std::function<void()>& /*mend*/) {
     return work();
 }
 
+// There is no documented way that works without administrator's rights.
 bool FindHolders(const std::string& /*path*/, std::vector<Holder>& /*holders*/) {
     return false;
 }
